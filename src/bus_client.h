@@ -1,0 +1,192 @@
+/* Zelvo: an in-process message bus. The threads of one program join it as named nodes, publish,
+ * subscribe and call each other.
+ *
+ * Threads.  The library starts none. One thread of yours runs the bus (busClientBindServer), and
+ *           one thread for each node runs that node (busClientSpin); every handler of a node runs
+ *           in that thread, one at a time. Any other function may be called from any thread,
+ *           handlers included, unless it says otherwise.
+ * Memory.   Whatever you pass in is copied before the call returns. What a handler is handed is
+ *           valid until the handler returns. The two texts that change hands are the answer of
+ *           a call handler (from malloc; the library frees it) and the answer of busClientCall
+ *           (the node's; you only read it).
+ * Blocking. busClientConnect, busClientSubscribe, busClientUnsubscribe and busClientCall wait for
+ *           an answer, without a time limit, and need the bus to be running in another thread.
+ *           Nothing else waits, except the two loops and what busClientClose and busClientDelete
+ *           say of themselves.
+ * Limits.   2,048 nodes, 2,048 topics for each node, 2,048 sticky topics; 2,048 messages wait for
+ *           the bus and 1,024 for each node. A message that finds its queue full is dropped with
+ *           a warning in the log. A node can be called when its name has at most 127 bytes, holds
+ *           no "/" after its first byte, and is no prefix of "bus" or "localKeys".
+ * Errors.   Integers: 0 for success, -1 for arguments that are refused. Pointers: null. A refusal
+ *           changes nothing. The reason stands in the log.
+ *
+ * Start: busClientNew, busClientBindServer in its thread; for each node busClientConnect, then
+ *        busClientSpin in its thread.
+ * Stop:  for each node busClientSpinExit, wait for its thread, busClientClose; then
+ *        busClientServerExit, wait for the bus's thread, busClientDelete.
+ */
+#ifndef ZELVO_BUS_CLIENT_H
+#define ZELVO_BUS_CLIENT_H
+
+#if defined(_WIN32)
+#if defined(ZELVO_BUILDING)
+#define ZELVO_API __declspec(dllexport)
+#else
+#define ZELVO_API __declspec(dllimport)
+#endif
+#elif defined(__GNUC__)
+#define ZELVO_API __attribute__((visibility("default")))
+#else
+#define ZELVO_API
+#endif
+
+#ifdef __cplusplus
+#define ZELVO_NOEXCEPT noexcept
+extern "C" {
+#else
+#define ZELVO_NOEXCEPT
+#endif
+
+/* A bus, and a node of a bus. */
+typedef struct Zelvo_t Zelvo_t;
+typedef struct client_t client_t;
+
+/* Receives one published message. topic and data are valid during the call; data holds len bytes,
+ * any bytes, with a NUL behind them, or is null with len 0 when the message has none. The result
+ * is ignored. A handler must not let a C++ exception out. */
+typedef int (*onmessage_callback)(void *userdata, client_t *client, char *topic, char *data,
+                                  int len);
+
+/* Answers one call to this node. url is the whole address, "/name/path"; url and data are valid
+ * during the call, data as above. The result is the answer: a text from malloc, which the library
+ * takes over and frees, or null, which the caller receives as {"msg":"not implement"}.
+ * The calling node waits meanwhile. */
+typedef char *(*oncall_callback)(void *userdata, client_t *client, char *url, char *data, int len);
+
+/* Runs when a timer is due; userdata and type are those of busClientSettimer. The result is
+ * ignored. */
+typedef int (*timer_callback)(void *userdata, client_t *client, int type);
+
+/* ---- the bus ---- */
+
+/* Makes a bus and opens the log. jsondata is a JSON object, or null; members, matched without
+ * regard to case, each optional:
+ *   "level"    least level that is logged, 0 to 5: 1 verbose, 2 debug (the default), 3 information,
+ *              4 warnings, 5 errors
+ *   "path"     log file (default: standard output)
+ *   "mode"     0 empties the log file (the default), any other number appends to it
+ *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never)
+ *   "homePath" directory of the key store (".")
+ * A text that is not JSON counts as none; a member of the wrong type counts as 0 or as no text.
+ * Does not block. To be called while no other call into the library is running.
+ * Returns null when memory is short. The log is one for the process: a second bus only changes
+ * its level. */
+ZELVO_API Zelvo_t *busClientNew(const char *jsondata) ZELVO_NOEXCEPT;
+
+/* Runs the bus in the calling thread until busClientServerExit; this is the bus's own thread.
+ * Returns 0 when it has ended, and 0 at once without a bus or while another thread runs it. It
+ * may be run again: what was queued behind the exit is then handled. */
+ZELVO_API int busClientBindServer(Zelvo_t *busManager) ZELVO_NOEXCEPT;
+
+/* Asks busClientBindServer to return once everything queued before this request is handled.
+ * Does not wait. Always 0; when the bus's queue is full the request is dropped and the bus goes
+ * on. A call made after this finds nobody to answer it: stop the nodes first. */
+ZELVO_API int busClientServerExit(Zelvo_t *busManager) ZELVO_NOEXCEPT;
+
+/* Destroys the bus and closes the log. A bus that still runs is stopped first, as by
+ * busClientServerExit, and waited for. Nodes are not closed by it; close them before. To be called
+ * while no other call into the library is running, the loop apart. Null: only a log line.
+ * Always 0. */
+ZELVO_API int busClientDelete(Zelvo_t *busManager) ZELVO_NOEXCEPT;
+
+/* ---- a node ---- */
+
+/* Makes a node, joins it to the bus under name and subscribes it to "bus.event", the notices of
+ * joining nodes: {"event":"join", "name": "..."}. Either handler may be null: messages are then
+ * dropped, calls answered {"msg":"not implement"}. userdata is handed to both handlers.
+ * Blocks until the bus has answered.
+ * Returns null, with nothing left behind: bus or name missing, the name taken, 2,048 nodes on the
+ * bus, memory short. When the bus's queue was full the join is lost: the node is returned, is not
+ * on the bus, and can only publish, call "/bus/join" to join, and be closed. */
+ZELVO_API client_t *busClientConnect(Zelvo_t *busManager, const char *name,
+                                     onmessage_callback onmessage, oncall_callback oncall,
+                                     void *userdata) ZELVO_NOEXCEPT;
+
+/* Frees a node: what its queues still hold, its latest answer, the record. To be called after
+ * busClientSpin has returned, or when it was never run, and while nothing else uses the node. A
+ * node that is still on a running bus leaves it first, which blocks until the bus has answered; so
+ * such a node is not to be closed while the bus is being stopped. When the bus is not running the
+ * node is only freed, and the bus must not be run again. Null: no effect. Always 0. */
+ZELVO_API int busClientClose(client_t *client) ZELVO_NOEXCEPT;
+
+/* Adds topics to those the node receives, or removes them. jsondata is a JSON array of topics,
+ * ["a","b"]; a topic is any text and matches exactly. Elements that are not texts, topics already
+ * there (or not there) are skipped. A topic that has a sticky message delivers it at once. The
+ * node receives its own publications too.
+ * Block until the bus has answered. -1: client or jsondata null, or not a JSON array. Otherwise 0,
+ * also when the request was refused (the bus's queue full, the node has left). */
+ZELVO_API int busClientSubscribe(client_t *client, const char *jsondata) ZELVO_NOEXCEPT;
+ZELVO_API int busClientUnsubscribe(client_t *client, const char *jsondata) ZELVO_NOEXCEPT;
+
+/* ---- messages ---- */
+
+/* Publishes len bytes of data, any bytes, to every node that has subscribed to topic; data may be
+ * null (len is then ignored). Messages of one thread arrive in the order in which they were
+ * published. Does not block, and does not tell whether anybody received it: where the bus's queue
+ * or a subscriber's is full, the message is lost there, with a warning in the log.
+ * -1: client or topic null, or len negative. Otherwise 0. */
+ZELVO_API int busClientPublish(client_t *client, const char *topic, const char *data,
+                               int len) ZELVO_NOEXCEPT;
+
+/* As busClientPublish, and the bus keeps the message: every node that subscribes to topic later
+ * receives it at once. It stays, also when its publisher has left, until another sticky message
+ * of the topic replaces it or busClientRemoveSticky removes it. */
+ZELVO_API int busClientPublishSticky(client_t *client, const char *topic, const char *data,
+                                     int len) ZELVO_NOEXCEPT;
+
+/* Drops the sticky messages of the topics in jsondata, a JSON array. What nodes have received
+ * stays theirs. Does not block. -1: client or jsondata null, or not a JSON array. Otherwise 0. */
+ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELVO_NOEXCEPT;
+
+/* Calls url, "/host/path", and waits for the answer. host is a node's name, answered by that
+ * node's call handler in its own thread, or "bus", answered by the bus itself:
+ *   /bus/nodes                    {"data": [...]}, the names on the bus in the order they joined
+ *   /bus/subscribe, /bus/unsubscribe, /bus/join, /bus/disjoin     what the functions here use
+ * data may be null (len is then ignored). The answer is the node's: read it, do not free it; it
+ * stays valid until the node's next call has been posted, or until it is closed.
+ * Answers made by the bus: {"data":"not implement"} when there is no such node, its queue is full,
+ * or url is no address; {"data":""} at once when the call would close a ring of nodes that wait
+ * for each other (also a node calling itself), with a notice to the topic "bus.error".
+ * Blocks the calling thread, also a handler's: the node handles nothing meanwhile. Calls of one
+ * node are made one after the other, a second thread waits for its turn.
+ * Null: client or url null, len negative, the node is not on the bus (any more), the bus's queue
+ * is full, or memory is short. */
+ZELVO_API char *busClientCall(client_t *client, const char *url, const char *data,
+                              int len) ZELVO_NOEXCEPT;
+
+/* ---- a node's thread ---- */
+
+/* Runs the node in the calling thread: waits for messages and runs its handlers, until
+ * busClientSpinExit. It then leaves the bus, answers the calls that were already waiting, and
+ * returns; publications that were waiting are not handled. One thread for each node. Returns 0,
+ * at once when client is null. */
+ZELVO_API int busClientSpin(client_t *client) ZELVO_NOEXCEPT;
+
+/* Asks busClientSpin to return, ahead of everything that waits for the node. Does not wait.
+ * Always 0; when the node's queue is full the request is dropped with a warning in the log, and
+ * can be made again. */
+ZELVO_API int busClientSpinExit(client_t *client) ZELVO_NOEXCEPT;
+
+/* Sets a timer that calls timer_func(userdata, client, type) once in the node's thread, mstimeout
+ * milliseconds from now, and returns its id. Not available yet: returns -1. */
+ZELVO_API int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeout,
+                                int type, void *userdata) ZELVO_NOEXCEPT;
+
+/* Removes the timer id before it is due. Not available yet. Always 0. */
+ZELVO_API int busClientKilltimer(client_t *client, int id) ZELVO_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

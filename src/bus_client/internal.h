@@ -1,0 +1,49 @@
+// What the files of the client module share.
+#ifndef ZELVO_BUS_CLIENT_INTERNAL_H
+#define ZELVO_BUS_CLIENT_INTERNAL_H
+
+#include "bus_client_ex.h"
+#include "bus_log.h"
+#include "bus_protocol.h"
+#include "bus_server_ex.h"
+
+struct Zelvo_t {
+    bus::server_t *server; // null when making it failed
+};
+
+namespace bus {
+
+inline constexpr char kClientTag[] = "Vek-client";
+
+// Writes the trace line of a message; none for "settimer". direction: "<==" taken, "==>" sent.
+int _busClientLogMessage(int level, const char *direction, const client_t *client,
+                         const message_t *message, const char *target, int line) noexcept;
+
+// A message of client's own that belongs to no request.
+MessagePtr ownMessage(client_t &client, const char *topic, const char *action, const char *data,
+                      int len) noexcept;
+
+// How a call went.
+enum class Call { kAnswered, kRefused };
+
+// Calls url and waits; the answer is then in *response (may be null). kRefused: nothing was sent.
+// A leave request goes out whatever state the node is in, and is not kept from the bus by
+// publications that fill its queue.
+Call call(client_t &client, const char *url, const char *data, int len, char **response) noexcept;
+void callDisjoin(client_t &client) noexcept;
+
+// Answers one request that another node made (the callee's side of a call).
+void answerRequest(client_t &client, const message_t &request) noexcept;
+
+} // namespace bus
+
+// Nothing is evaluated unless debug lines are written.
+#define BUS_CLIENT_TRACE(direction, client, message)                                               \
+    do {                                                                                           \
+        if (::bus::logEnabled(2)) {                                                                \
+            ::bus::_busClientLogMessage(2, (direction), (client), (message),                       \
+                                        (client)->server->name.get(), __LINE__);                   \
+        }                                                                                          \
+    } while (false)
+
+#endif

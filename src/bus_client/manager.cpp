@@ -1,0 +1,76 @@
+#include "bus_client/internal.h"
+
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace {
+
+constexpr char kVersion[] = "ZELVO 1.0.8";
+
+// The configuration's members; one that is absent, or all of them, give the default.
+class Config {
+public:
+    explicit Config(const char *text) noexcept : json_{text ? cJSON_Parse(text) : nullptr} {}
+
+    int number(const char *member, int absent) const noexcept {
+        const cJSON *const item = cJSON_GetObjectItem(json_.get(), member);
+        return item ? item->valueint : absent;
+    }
+    const char *text(const char *member, const char *absent) const noexcept {
+        const cJSON *const item = cJSON_GetObjectItem(json_.get(), member);
+        return item ? cJSON_GetStringValue(item) : absent;
+    }
+
+private:
+    bus::JsonPtr json_;
+};
+
+bus::server_t *serverOf(const Zelvo_t *busManager) noexcept {
+    return busManager ? busManager->server : nullptr;
+}
+
+} // namespace
+
+Zelvo_t *busClientNew(const char *jsondata) noexcept {
+    cJSON_Hooks hooks{std::malloc, std::free};
+    cJSON_InitHooks(&hooks);
+    const Config config{jsondata};
+    bus::bus_log_init(config.number("level", 2), config.text("path", nullptr),
+                      config.number("mode", 0), static_cast<float>(config.number("size", 20)));
+    BUS_LOG(3, "  %s, VERSION %s, busManager new\n", bus::kClientTag, kVersion);
+    auto *const manager = new (std::nothrow) Zelvo_t{nullptr};
+    if (!manager) {
+        return nullptr;
+    }
+    manager->server = bus::busServerNew(config.text("homePath", "."));
+    if (!manager->server) {
+        BUS_LOG(5, "  %s server new failed\n", bus::kClientTag);
+    }
+    return manager;
+}
+
+int busClientBindServer(Zelvo_t *busManager) noexcept {
+    bus::server_t *const server = serverOf(busManager);
+    BUS_LOG(3, "  %s bindServer running, busManager: %p, server: %p\n", bus::kClientTag,
+            static_cast<void *>(busManager), static_cast<void *>(server));
+    if (server) {
+        bus::busServerRun(server);
+    }
+    return 0;
+}
+
+int busClientServerExit(Zelvo_t *busManager) noexcept {
+    BUS_LOG(3, "  %s bindServer exit\n", bus::kClientTag);
+    return bus::busServerExit(serverOf(busManager));
+}
+
+int busClientDelete(Zelvo_t *busManager) noexcept {
+    BUS_LOG(3, "  %s busManager delete\n", bus::kClientTag);
+    if (busManager) {
+        bus::busServerDelete(busManager->server);
+        delete busManager;
+        bus::bus_log_exit();
+    }
+    return 0;
+}

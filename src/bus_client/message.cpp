@@ -1,0 +1,160 @@
+#include "bus_client/internal.h"
+
+#include <cstring>
+#include <new>
+
+namespace bus {
+namespace {
+
+// Everything a message is made from.
+struct Fields {
+    const char *name;
+    const char *topic;
+    const char *url;
+    const char *action;
+    void *node;
+    const char *request_name;
+    bool hasPayload;
+    const char *data; // of the payload; null: a payload without data
+    int len;
+};
+
+Fields fieldsOf(const message_t &message) noexcept {
+    const payload_t *const payload = message.payload;
+    return {message.name,
+            message.topic,
+            message.url,
+            message.action,
+            message.node,
+            message.request_name,
+            payload != nullptr,
+            payload ? payload->data : nullptr,
+            payload ? payload->len : 0};
+}
+
+std::size_t sizeOf(const char *text) noexcept {
+    return text ? std::strlen(text) + 1 : 0;
+}
+
+// Hands out the block piece by piece, copying what each piece is to hold.
+class Cursor {
+public:
+    explicit Cursor(void *block) noexcept : next_{static_cast<char *>(block)} {}
+
+    template <typename Record>
+    Record *record() noexcept {
+        auto *const made = new (next_) Record{};
+        next_ += sizeof(Record);
+        return made;
+    }
+    char *bytes(const char *source, std::size_t size) noexcept {
+        char *const copy = next_;
+        std::memcpy(copy, source, size);
+        next_ += size;
+        return copy;
+    }
+    char *text(const char *source) noexcept {
+        return source ? bytes(source, std::strlen(source) + 1) : nullptr;
+    }
+
+private:
+    char *next_;
+};
+
+static_assert(alignof(message_t) >= alignof(payload_t) &&
+              sizeof(message_t) % alignof(payload_t) == 0);
+
+message_t *make(const Fields &from) noexcept {
+    const std::size_t dataSize = from.data ? static_cast<std::size_t>(from.len) + 1 : 0;
+    const std::size_t size = sizeof(message_t) + (from.hasPayload ? sizeof(payload_t) : 0) +
+                             sizeOf(from.name) + sizeOf(from.topic) + sizeOf(from.url) +
+                             sizeOf(from.action) + sizeOf(from.request_name) + dataSize;
+    void *const block = std::malloc(size);
+    if (!block) {
+        BUS_LOG(5, "  %s name malloc error %s\n", kClientTag, orNull(from.name));
+        return nullptr;
+    }
+    Cursor cursor{block};
+    auto *const message = cursor.record<message_t>();
+    message->payload = from.hasPayload ? cursor.record<payload_t>() : nullptr;
+    message->name = cursor.text(from.name);
+    message->topic = cursor.text(from.topic);
+    message->url = cursor.text(from.url);
+    message->action = cursor.text(from.action);
+    message->node = from.node;
+    message->request_name = cursor.text(from.request_name);
+    if (from.data) {
+        message->payload->len = from.len;
+        message->payload->data = cursor.bytes(from.data, dataSize - 1);
+        message->payload->data[from.len] = '\0'; // the last byte of the block
+    }
+    return message;
+}
+
+} // namespace
+
+message_t *busClientExMessageNew(const char *name, const char *topic, const char *url,
+                                 const char *action, void *node, const char *request_name,
+                                 const char *data, int data_len) noexcept {
+    return make({name, topic, url, action, node, request_name, data != nullptr, data, data_len});
+}
+
+message_t *busClientExMessageCopy(const void *message) noexcept {
+    return message ? make(fieldsOf(*static_cast<const message_t *>(message))) : nullptr;
+}
+
+message_t *copyForRequest(const message_t &message, const char *request_name) noexcept {
+    Fields fields = fieldsOf(message);
+    fields.request_name = request_name;
+    return make(fields);
+}
+
+message_t *copyWithAction(const message_t &message, const char *action) noexcept {
+    Fields fields = fieldsOf(message);
+    fields.action = action;
+    return make(fields);
+}
+
+int busClientExMessageDelete(void *message) noexcept {
+    std::free(message);
+    return 0;
+}
+
+const char *tracedPayload(const payload_t *payload) noexcept {
+    if (!payload) {
+        return "NULL";
+    }
+    const bool shown = payload->data && payload->len >= 1 && payload->len < 200;
+    return shown ? payload->data : "BinaryData...";
+}
+
+int _message_equal(void *key, void *stored) noexcept {
+    const auto *const message = static_cast<const message_t *>(stored);
+    if (!message || !message->action) {
+        return -1;
+    }
+    const std::string_view wanted{static_cast<const char *>(key)};
+    return wanted.starts_with(message->action) ? 0 : -1;
+}
+
+int _busClientLogMessage(int level, const char *direction, const client_t *client,
+                         const message_t *message, const char *target, int line) noexcept {
+    if (message->action && std::string_view{message->action}.starts_with(action::kSetTimer)) {
+        return 0;
+    }
+    BUS_LOG(level,
+            "  %s #%4d# %s %s %s,  action: %s, topic: %s,  url: %s, payload: %s, "
+            "payload len: %d\n",
+            kClientTag, line, orNull(client->name.get()), direction, orNull(target),
+            orNull(message->action), orNull(message->topic), orNull(message->url),
+            tracedPayload(message->payload), message->payload ? message->payload->len : 0);
+    return 0;
+}
+
+MessagePtr ownMessage(client_t &client, const char *topic, const char *action, const char *data,
+                      int len) noexcept {
+    return MessagePtr{busClientExMessageNew(client.name.get(), topic, nullptr, action, &client,
+                                            kNoRequest, data, len)};
+}
+
+} // namespace bus

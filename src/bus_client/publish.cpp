@@ -1,0 +1,75 @@
+#include "bus_client/internal.h"
+
+#include <cstring>
+
+namespace bus {
+namespace {
+
+bool formatError() noexcept {
+    BUS_LOG(5, "  %s  params format error\n", kClientTag);
+    return false;
+}
+
+// Posts one message to the server. False: it was refused, and is freed.
+bool post(client_t &client, const char *topic, const char *action, const char *data,
+          int len) noexcept {
+    MessagePtr message = ownMessage(client, topic, action, data, len);
+    if (!message) {
+        return false;
+    }
+    BUS_CLIENT_TRACE("==>", &client, message.get());
+    if (bus_mk_q_send(client.server->message_queue, message.get(), -1) != 0) {
+        return false;
+    }
+    static_cast<void>(message.release());
+    return true;
+}
+
+int publish(client_t *client, const char *topic, const char *action, const char *data,
+            int len) noexcept {
+    if (!client || !client->server || !topic) {
+        return -1;
+    }
+    if (data && len < 0) {
+        formatError();
+        return -1;
+    }
+    if (!post(*client, topic, action, data, len)) {
+        BUS_LOG(4, "  %s %s ==> server %s failed, topic: %s, queue is full\n", kClientTag,
+                client->name.get(), action, topic);
+    }
+    BUS_LOG(1, "  %s %s %s end, topic: %s\n", kClientTag, client->name.get(), action, topic);
+    return 0;
+}
+
+} // namespace
+} // namespace bus
+
+int busClientPublish(client_t *client, const char *topic, const char *data, int len) noexcept {
+    BUS_LOG(2, "  client: %p, server: %p. topic: %p\n", static_cast<const void *>(client),
+            static_cast<const void *>(client ? client->server : nullptr),
+            static_cast<const void *>(topic));
+    return bus::publish(client, topic, bus::action::kPublish, data, len);
+}
+
+int busClientPublishSticky(client_t *client, const char *topic, const char *data,
+                           int len) noexcept {
+    return bus::publish(client, topic, bus::action::kPublishSticky, data, len);
+}
+
+int busClientRemoveSticky(client_t *client, const char *jsondata) noexcept {
+    if (!client || !client->server || !jsondata) {
+        return -1;
+    }
+    if (!bus::isJsonArray(jsondata)) {
+        BUS_LOG(5, "  %s  params format error\n", bus::kClientTag);
+        return -1;
+    }
+    if (!bus::post(*client, nullptr, bus::action::kRemoveSticky, jsondata,
+                   static_cast<int>(std::strlen(jsondata)))) {
+        BUS_LOG(4, "  %s %s ==> server removeSticky failed, data: %s, queue is full\n",
+                bus::kClientTag, client->name.get(), jsondata);
+    }
+    BUS_LOG(1, "  %s %s removeSticky end\n", bus::kClientTag, client->name.get());
+    return 0;
+}

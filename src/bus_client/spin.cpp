@@ -1,0 +1,90 @@
+#include "bus_client/internal.h"
+
+namespace bus {
+namespace {
+
+void _message(client_t &client, const message_t &message) noexcept {
+    if (!client.onmessage_func) {
+        return;
+    }
+    const payload_t *const payload = message.payload;
+    BUS_LOG(1, "  %s %s onmessage func begin\n", kClientTag, client.name.get());
+    client.onmessage_func(client.userdata, &client, message.topic,
+                          payload ? payload->data : nullptr, payload ? payload->len : 0);
+    BUS_LOG(1, "  %s %s onmessage func end\n", kClientTag, client.name.get());
+}
+
+void _wakeUp(client_t &client, const message_t & /*message*/) noexcept {
+    BUS_LOG(0, "  %s %s singal timer_queue\n", kClientTag, client.name.get());
+}
+
+void _exit(client_t &client, const message_t & /*message*/) noexcept {
+    callDisjoin(client);
+    client.running.store(0, std::memory_order_release);
+    BUS_LOG(3, "  %s %s exit end\n", kClientTag, client.name.get());
+}
+
+struct Route {
+    std::string_view action;
+    void (*run)(client_t &, const message_t &);
+};
+constexpr Route kActions[] = {
+    {action::kPublish, _message},
+    {action::kRequest, answerRequest},
+    {action::kSetTimer, _wakeUp},
+    {action::kExit, _exit},
+};
+
+// While the node runs, the head of its queue; then only the requests that reached it before it
+// left the bus. Null: none is left.
+MessagePtr takeNext(client_t &client) noexcept {
+    while (client.running.load(std::memory_order_relaxed) == 1) {
+        if (void *const message = bus_mk_q_recv(client.message_queue, 0, 0, 1)) {
+            return MessagePtr{static_cast<message_t *>(message)};
+        }
+    }
+    char key[] = "request";
+    return MessagePtr{static_cast<message_t *>(bus_mk_q_delete(client.message_queue, key))};
+}
+
+void dispatch(client_t &client, const message_t &message) noexcept {
+    BUS_CLIENT_TRACE("<==", &client, &message);
+    if (!message.action || !message.name) {
+        return;
+    }
+    for (const Route &route : kActions) {
+        if (route.action == message.action) {
+            route.run(client, message);
+            return;
+        }
+    }
+}
+
+} // namespace
+} // namespace bus
+
+int busClientSpin(client_t *client) noexcept {
+    BUS_LOG(3, "  %s %s spin running\n", bus::kClientTag, client ? client->name.get() : "NULL");
+    if (!client) {
+        return 0;
+    }
+    while (const bus::MessagePtr message = bus::takeNext(*client)) {
+        bus::dispatch(*client, *message);
+    }
+    BUS_LOG(3, "  %s %s thread exit\n", bus::kClientTag, client->name.get());
+    return 0;
+}
+
+int busClientSpinExit(client_t *client) noexcept {
+    if (!client) {
+        return 0;
+    }
+    BUS_LOG(3, "  %s %s exit begin\n", bus::kClientTag, client->name.get());
+    bus::MessagePtr message = bus::ownMessage(*client, nullptr, bus::action::kExit, nullptr, 0);
+    if (message && bus_mk_q_send(client->message_queue, message.get(), 0) == 0) {
+        static_cast<void>(message.release());
+    } else {
+        BUS_LOG(4, "  %s %s message queue is full\n", bus::kClientTag, client->name.get());
+    }
+    return 0;
+}

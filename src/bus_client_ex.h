@@ -1,0 +1,114 @@
+// The records that client and server share: the message, a node's client record, a timer.
+#ifndef ZELVO_BUS_CLIENT_EX_H
+#define ZELVO_BUS_CLIENT_EX_H
+
+#include "bus_client.h"
+#include "bus_mk_queue.h"
+#include "bus_mk_str.h"
+#include "bus_mk_thread.h"
+#include "bus_protocol.h"
+
+#include <array>
+#include <atomic>
+#include <memory>
+
+namespace bus {
+
+struct server_t;
+
+// len bytes of data, any bytes, and one NUL behind them, so that texts can be used as strings.
+struct payload_t {
+    char *data;
+    int len;
+};
+
+// Everything that travels through a queue. One thread holds a message at a time; handing it to a
+// queue hands it over. The record, its texts and its payload are one block of memory: the pointers
+// lead into it (or are null) and are not released on their own.
+struct message_t {
+    char *name;         // the node that made the message, or kServerName
+    char *topic;        // of a publication
+    char *url;          // of a request or response
+    char *action;       // one of action::k...
+    void *node;         // the record of its maker, client_t or server_t; not owned
+    char *request_name; // the node whose request the message belongs to, or kNoRequest
+    payload_t *payload;
+};
+
+// Makes a message. Texts and data may be null; data_len is looked at only with data. Null when
+// memory is short, with a line in the log.
+message_t *busClientExMessageNew(const char *name, const char *topic, const char *url,
+                                 const char *action, void *node, const char *request_name,
+                                 const char *data, int data_len) noexcept;
+// A deep copy that shares node. Null for null, or when memory is short.
+message_t *busClientExMessageCopy(const void *message) noexcept;
+// The same with another request_name, or another action.
+message_t *copyForRequest(const message_t &message, const char *request_name) noexcept;
+message_t *copyWithAction(const message_t &message, const char *action) noexcept;
+// Frees a message; null is accepted. Always 0. The delete function of message queues.
+int busClientExMessageDelete(void *message) noexcept;
+
+// The payload as a trace line shows it: the text of 1 to 199 bytes of data, "BinaryData..." for any
+// other length, "NULL" for no payload.
+const char *tracedPayload(const payload_t *payload) noexcept;
+
+struct MessageDelete {
+    void operator()(message_t *message) const noexcept { busClientExMessageDelete(message); }
+};
+using MessagePtr = std::unique_ptr<message_t, MessageDelete>;
+
+// One pending timer.
+struct timer_t {
+    int id;
+    int type;
+    double timeout; // due time, milliseconds of clock_gettimestamp
+    void *userdata;
+    timer_callback timer_func;
+};
+
+// A timer of client with its next id, due mstimeout milliseconds from now. Ids run from 2 to
+// 32767 and start again. Null when client is null or memory is short.
+timer_t *busClientExTimerNew(client_t *client, timer_callback timer_func, long mstimeout, int type,
+                             void *userdata) noexcept;
+// Frees a timer; null is accepted. Always 0.
+int busClientExTimerDelete(void *timer) noexcept;
+// Matches the int at key with the id of a timer.
+int _timer_equal(void *key, void *stored) noexcept;
+// Matches the action text at key with a message whose action is a prefix of it.
+int _message_equal(void *key, void *stored) noexcept;
+
+inline constexpr int kClientQueue = 1024; // places in each queue of a node
+
+} // namespace bus
+
+// One node. It belongs to the application; the server reaches it while it is registered.
+struct client_t {
+    bus_mk_text name;
+    // The host that the node is calling, or empty. Only the server's thread touches it.
+    std::array<char, bus::kMaxHost + 1> call_name{};
+    bus::server_t *server = nullptr; // not owned
+    bus_mk_q_t *timer_queue = nullptr;
+    bus_mk_q_t *timerout_queue = nullptr; // unused
+    bus_mk_q_t *message_queue = nullptr;
+    bus_mk_thread_mutex_t oncall_mutex;
+    bus_mk_thread_cond_t oncall_cond; // signalled when an answer is there
+    bus_mk_text call_response BUS_MK_GUARDED_BY(oncall_mutex);
+    onmessage_callback onmessage_func = nullptr;
+    oncall_callback oncall_func = nullptr;
+    void *userdata = nullptr;
+    int timerid = 0;                       // the last id handed out
+    std::atomic<int> running{1};           // 0 once the spin loop has handled its exit
+    std::atomic<int> wait_callresponse{0}; // 1 while a call of this node is under way
+
+    // Whether an answer has been handed over since the latest call began.
+    bool answered BUS_MK_GUARDED_BY(oncall_mutex) = false;
+    // Whether the server knows the node. Written by the server's thread only.
+    std::atomic<bool> registered{false};
+
+    client_t() noexcept;
+    ~client_t();
+    client_t(const client_t &) = delete;
+    client_t &operator=(const client_t &) = delete;
+};
+
+#endif

@@ -1,0 +1,136 @@
+#include "bus_mk_thread.h"
+
+#include "bus_mk_assert.h"
+
+#include <memory>
+#include <new>
+
+namespace {
+
+// States of hMutex. A mutex is contended from the moment somebody sleeps for it, or may.
+enum : std::uint32_t { kFree = bus_mk_thread_mutex_ready, kOwned, kContended };
+
+// cond: bit 0 tells that the record is initialised, the next two are the states below, and the
+// rest counts signals, so that a waiter recognises one that another waiter has cleared already.
+enum : std::uint32_t { kLive = 1, kSet = 2, kSleepers = 4, kSignal = 8 };
+
+std::uint32_t signalsOf(std::uint32_t cond) noexcept {
+    return cond / kSignal;
+}
+
+void sleepUntilSignal(platform::Word &word, std::uint32_t signals) noexcept {
+    std::uint32_t seen = word.load(std::memory_order_acquire);
+    while ((seen & kSet) == 0 && signalsOf(seen) == signals) {
+        if ((seen & kSleepers) != 0 ||
+            word.compare_exchange_weak(seen, seen | kSleepers, std::memory_order_acquire)) {
+            platform::waitWord(word, seen | kSleepers);
+            seen = word.load(std::memory_order_acquire);
+        }
+    }
+}
+
+struct bus_mk_thread_attr_t {
+    bus_mk_thread_run func;
+    void *arg;
+};
+
+void _run(void *attr) {
+    const std::unique_ptr<bus_mk_thread_attr_t> start{static_cast<bus_mk_thread_attr_t *>(attr)};
+    start->func(start->arg);
+}
+
+} // namespace
+
+int bus_mk_thread_mutex_init(bus_mk_thread_mutex_t *mutex) noexcept {
+    mutex->hMutex.store(kFree, std::memory_order_release);
+    return 0;
+}
+
+int bus_mk_thread_mutex_destroy(bus_mk_thread_mutex_t *mutex) noexcept {
+    mutex->hMutex.store(bus_mk_thread_mutex_none, std::memory_order_relaxed);
+    return 0;
+}
+
+int bus_mk_thread_mutex_lock(bus_mk_thread_mutex_t *mutex) noexcept BUS_MK_UNCHECKED {
+    platform::Word &word = mutex->hMutex;
+    std::uint32_t expected = kFree;
+    if (word.compare_exchange_strong(expected, kOwned, std::memory_order_acquire,
+                                     std::memory_order_relaxed)) {
+        return 0;
+    }
+    // Taken as contended from here on: this thread cannot know whether others still sleep.
+    while (word.exchange(kContended, std::memory_order_acquire) != kFree) {
+        platform::waitWord(word, kContended);
+    }
+    return 0;
+}
+
+int bus_mk_thread_mutex_unlock(bus_mk_thread_mutex_t *mutex) noexcept BUS_MK_UNCHECKED {
+    if (mutex->hMutex.exchange(kFree, std::memory_order_release) == kContended) {
+        platform::wakeOne(mutex->hMutex);
+    }
+    return 0;
+}
+
+int bus_mk_thread_cond_init(bus_mk_thread_cond_t *cond) noexcept {
+    cond->cond.store(kLive, std::memory_order_release);
+    return 0;
+}
+
+int bus_mk_thread_cond_destroy(bus_mk_thread_cond_t *cond) noexcept {
+    cond->cond.store(0, std::memory_order_relaxed);
+    return 0;
+}
+
+int bus_mk_thread_cond_wait(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex) noexcept {
+    const std::uint32_t signals = signalsOf(cond->cond.load(std::memory_order_relaxed));
+    bus_mk_thread_mutex_unlock(mutex);
+    sleepUntilSignal(cond->cond, signals);
+    bus_mk_thread_mutex_lock(mutex);
+    cond->cond.fetch_and(~static_cast<std::uint32_t>(kSet), std::memory_order_relaxed);
+    return 0;
+}
+
+int bus_mk_thread_cond_signal(bus_mk_thread_cond_t *cond) noexcept {
+    std::uint32_t seen = cond->cond.load(std::memory_order_relaxed);
+    while (!cond->cond.compare_exchange_weak(
+        seen, ((seen | kSet) & ~static_cast<std::uint32_t>(kSleepers)) + kSignal,
+        std::memory_order_release, std::memory_order_relaxed)) {}
+    if ((seen & kSleepers) != 0) {
+        platform::wakeAll(cond->cond);
+    }
+    return 0;
+}
+
+int bus_mk_thread_init(bus_mk_thread_t *thread) noexcept {
+    *thread = {};
+    return 0;
+}
+
+bus_mk_thread_t bus_mk_thread_self() noexcept {
+    return {nullptr, platform::threadId(), {}};
+}
+
+int bus_mk_thread_equal(const bus_mk_thread_t *a, const bus_mk_thread_t *b) noexcept {
+    return a->id == b->id ? 1 : 0;
+}
+
+int bus_mk_thread_create(bus_mk_thread_t *thread, bus_mk_thread_run func, void *arg) noexcept {
+    std::unique_ptr<bus_mk_thread_attr_t> bus_mk_attr{new (std::nothrow)
+                                                          bus_mk_thread_attr_t{func, arg}};
+    BUS_MK_ASSERT(bus_mk_attr, "bus_mk_attr != NULL");
+    const std::int32_t depth = thread->attr.stack_depth;
+    thread->pid = platform::threadStart(_run, bus_mk_attr.get(),
+                                        depth > 0 ? static_cast<std::size_t>(depth) : 0);
+    if (!thread->pid) {
+        return -1;
+    }
+    static_cast<void>(bus_mk_attr.release()); // the started thread frees it
+    return 0;
+}
+
+int bus_mk_thread_join(bus_mk_thread_t *thread) noexcept {
+    platform::threadJoin(thread->pid);
+    thread->pid = nullptr;
+    return 0;
+}

@@ -1,0 +1,47 @@
+#include "bus_protocol.h"
+
+#include "bus_mk_str.h"
+
+#include <new>
+
+namespace bus {
+namespace {
+
+// The text as a JSON string, quotation marks included.
+std::string quoted(const char *text) {
+    const JsonPtr json{cJSON_CreateString(text)};
+    const bus_mk_text printed{json ? cJSON_PrintUnformatted(json.get()) : nullptr};
+    if (!printed) {
+        throw std::bad_alloc{};
+    }
+    return printed.get();
+}
+
+} // namespace
+
+std::optional<Url> splitUrl(std::string_view url) noexcept {
+    const std::size_t slash = url.find('/', 2);
+    if (slash == std::string_view::npos || slash - 1 > kMaxHost) {
+        return std::nullopt;
+    }
+    return Url{url.substr(1, slash - 1), url.substr(slash)};
+}
+
+bool selects(std::string_view host, std::string_view reserved) noexcept {
+    return !host.empty() && reserved.substr(0, host.size()) == host;
+}
+
+std::string joinNotice(const char *name) {
+    return "{\"event\":\"join\", \"name\": " + quoted(name) + "}";
+}
+
+std::string disjoinNotice(const char *name) {
+    return "{\"event\":\"disjoin\", \"name\":" + quoted(name) + "}";
+}
+
+bool isJsonArray(const char *text) noexcept {
+    const JsonPtr json{cJSON_Parse(text)};
+    return cJSON_IsArray(json.get()) != 0;
+}
+
+} // namespace bus

@@ -1,0 +1,92 @@
+// The one vocabulary of clients and server: actions, reserved names and topics, the grammar of
+// addresses, and every JSON text that the library itself writes.
+#ifndef ZELVO_BUS_PROTOCOL_H
+#define ZELVO_BUS_PROTOCOL_H
+
+#include <cJSON.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace bus {
+
+// What a message asks for. Matched whole.
+namespace action {
+inline constexpr char kPublish[] = "publish";
+inline constexpr char kPublishSticky[] = "publishSticky";
+inline constexpr char kRemoveSticky[] = "removeSticky";
+inline constexpr char kRequest[] = "request";
+inline constexpr char kResponse[] = "response";
+inline constexpr char kExit[] = "exit";
+inline constexpr char kSetTimer[] = "settimer";
+inline constexpr char kKillTimer[] = "killtimer";
+} // namespace action
+
+inline constexpr char kServerName[] = "busServer";
+inline constexpr char kEventTopic[] = "bus.event";
+inline constexpr char kErrorTopic[] = "bus.error";
+// The request_name of a message that belongs to no request: a text, not an absent pointer.
+inline constexpr char kNoRequest[] = "NULL";
+
+// Hosts that the server answers itself. A non-empty prefix of one reaches it as well.
+inline constexpr std::string_view kBusHost = "bus";
+inline constexpr std::string_view kKeysHost = "localKeys";
+
+// Paths of the bus service.
+inline constexpr std::string_view kJoinPath = "/join";
+inline constexpr std::string_view kSubscribePath = "/subscribe";
+inline constexpr std::string_view kUnsubscribePath = "/unsubscribe";
+inline constexpr std::string_view kNodesPath = "/nodes";
+inline constexpr std::string_view kDisjoinPath = "/disjoin";
+
+// Whole addresses of the library's own requests, and the subscription every node starts with.
+inline constexpr char kJoinUrl[] = "/bus/join";
+inline constexpr char kSubscribeUrl[] = "/bus/subscribe";
+inline constexpr char kUnsubscribeUrl[] = "/bus/unsubscribe";
+inline constexpr char kDisjoinUrl[] = "/bus/disjoin";
+inline constexpr char kEventSubscription[] = "[\"bus.event\"]";
+
+// Answers.
+inline constexpr std::string_view kEmptyAnswer = "{\"data\":\"\"}";
+inline constexpr std::string_view kNoNodesAnswer = "{\"data\":[]}";
+inline constexpr std::string_view kUnknownAnswer = "{\"data\":\"not implement\"}";
+inline constexpr char kNoHandlerAnswer[] = "{\"msg\":\"not implement\"}";
+
+// The notice of a refused ring of calls.
+inline constexpr std::string_view kDeadlockNotice =
+    "{\"errId\":10001, \"errMsg\": \"bus server deadlock, due to appearing R call A & A call R\"}";
+
+// Bytes of a host name that a client record can hold.
+inline constexpr std::size_t kMaxHost = 127;
+
+// An address, split: "/nodeA/play/next" gives "nodeA" and "/play/next". Views into the url; the
+// path reaches to its end.
+struct Url {
+    std::string_view host;
+    std::string_view path;
+};
+// The first character is skipped whatever it is, and the host has at least one character. Nothing
+// when no "/" follows the host or the host is longer than kMaxHost.
+std::optional<Url> splitUrl(std::string_view url) noexcept;
+
+// Whether host selects the reserved host: the name itself or a non-empty prefix of it.
+bool selects(std::string_view host, std::string_view reserved) noexcept;
+
+// The notice that node name has joined, and the answer to its leave request. A name stands in them
+// as a JSON string. Throw std::bad_alloc.
+std::string joinNotice(const char *name);
+std::string disjoinNotice(const char *name);
+
+struct JsonDelete {
+    void operator()(cJSON *json) const noexcept { cJSON_Delete(json); }
+};
+using JsonPtr = std::unique_ptr<cJSON, JsonDelete>;
+
+// Whether text parses as a JSON array.
+bool isJsonArray(const char *text) noexcept;
+
+} // namespace bus
+
+#endif

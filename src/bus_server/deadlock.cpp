@@ -1,0 +1,38 @@
+#include "bus_server/internal.h"
+
+#include <cstring>
+
+namespace bus {
+
+int _busServerHasDeadLock(server_t *server, const char *host, const char *target) noexcept {
+    const int nodes = bus_mk_q_count(server->nodes_queue);
+    for (int step = 0; step < nodes; ++step) {
+        const node_t *const node = host ? server->directory.find(host) : nullptr;
+        if (!node) {
+            BUS_LOG(4, "  %s client %s is exit\n", kServerTag, host ? host : "host is null");
+            return -1;
+        }
+        const char *const calls = node->node->call_name.data();
+        if (*calls == '\0') {
+            return -1;
+        }
+        BUS_LOG(2, "  %s %s call %s, target: %s\n", kServerTag, host, calls, target);
+        if (std::strcmp(calls, target) == 0) {
+            return 0;
+        }
+        host = calls;
+    }
+    return -1;
+}
+
+void refuseRing(server_t &server, const message_t &request) noexcept {
+    BUS_LOG(5, "  bus server exist deadlock\n");
+    if (!answer(server, request, kEmptyAnswer)) {
+        return;
+    }
+    if (!publishNotice(server, kErrorTopic, kDeadlockNotice)) {
+        BUS_LOG(5, "  %s bus.error publish failed\n", kServerTag);
+    }
+}
+
+} // namespace bus

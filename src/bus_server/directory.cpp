@@ -1,0 +1,76 @@
+#include "bus_server/directory.h"
+
+#include "bus_server_ex.h"
+
+#include <algorithm>
+#include <new>
+
+namespace bus {
+
+node_t *Directory::find(std::string_view name) const noexcept {
+    const auto found = nodes_.find(name);
+    return found == nodes_.end() ? nullptr : found->second;
+}
+
+bool Directory::add(node_t &node) noexcept {
+    try {
+        nodes_.emplace(node.name.get(), &node);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+}
+
+void Directory::remove(const node_t &node) noexcept {
+    nodes_.erase(node.name.get());
+}
+
+Topic *Directory::topic(std::string_view name) noexcept {
+    const auto found = topics_.find(name);
+    return found == topics_.end() ? nullptr : &found->second;
+}
+
+Topic *Directory::makeTopic(std::string_view name) noexcept {
+    if (Topic *const known = topic(name)) {
+        return known;
+    }
+    try {
+        return &topics_.emplace(name, Topic{}).first->second;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+void Directory::prune(std::string_view name) noexcept {
+    const auto found = topics_.find(name);
+    if (found != topics_.end() && found->second.subscribers.empty() && !found->second.sticky) {
+        topics_.erase(found);
+    }
+}
+
+bool Directory::subscribe(node_t &node, std::string_view name) noexcept {
+    Topic *const entry = makeTopic(name);
+    if (!entry) {
+        return false;
+    }
+    const auto joinedBefore = [](std::uint64_t joined, const node_t *other) {
+        return joined < other->joined;
+    };
+    std::vector<node_t *> &all = entry->subscribers;
+    try {
+        all.insert(std::upper_bound(all.begin(), all.end(), node.joined, joinedBefore), &node);
+        return true;
+    } catch (const std::bad_alloc &) {
+        prune(name);
+        return false;
+    }
+}
+
+void Directory::unsubscribe(const node_t &node, std::string_view name) noexcept {
+    if (Topic *const entry = topic(name)) {
+        std::erase(entry->subscribers, &node);
+        prune(name);
+    }
+}
+
+} // namespace bus

@@ -1,0 +1,83 @@
+// What the files of the server share. All of it runs in the server's thread, on the message that
+// the loop has just taken; the loop frees that message afterwards, no handler does.
+#ifndef ZELVO_BUS_SERVER_INTERNAL_H
+#define ZELVO_BUS_SERVER_INTERNAL_H
+
+#include "bus_log.h"
+#include "bus_protocol.h"
+#include "bus_server_ex.h"
+
+#include <string_view>
+
+namespace bus {
+
+inline constexpr char kServerTag[] = "Vek-server";
+
+// Writes the trace line of a message. direction: "<==" taken, "==>" sent; target: the other end.
+int _busServerLogMessage(int level, const char *direction, const server_t *server,
+                         const message_t *message, const char *target, int line) noexcept;
+
+// ---- publish.cpp ----
+
+// Appends a copy of message to the queue of every node subscribed to its topic. Always 0.
+int _busServerPublish(server_t *server, const message_t *message) noexcept;
+// Publishes a notice of the server's own on topic. False: no memory, nothing was sent.
+bool publishNotice(server_t &server, const char *topic, std::string_view text) noexcept;
+// Hands node a copy of the topic's sticky message, if there is one.
+void replaySticky(server_t &server, const node_t &node, const char *topic) noexcept;
+
+void _busServerPublishAction(server_t &server, message_t &message) noexcept;
+void _busServerPublishSticky(server_t &server, message_t &message) noexcept;
+void _busServerRemoveSticky(server_t &server, message_t &message) noexcept;
+
+// Calls run(topic) for each text of the JSON array that is message's payload, in order. Anything
+// else in the payload is passed over.
+template <typename Run>
+void forEachTopic(const message_t &message, Run run) {
+    const bool hasData = message.payload && message.payload->data;
+    const JsonPtr json{hasData ? cJSON_Parse(message.payload->data) : nullptr};
+    if (!cJSON_IsArray(json.get())) {
+        return;
+    }
+    const cJSON *element = nullptr;
+    cJSON_ArrayForEach(element, json.get()) {
+        if (cJSON_IsString(element)) {
+            run(element->valuestring);
+        }
+    }
+}
+
+// ---- answers, loop.cpp ----
+
+// Queues the answer to request for the server itself, so that it reaches the caller after all that
+// was queued before it. An answer that cannot be made or queued ends the call with none, at once;
+// false then.
+bool answer(server_t &server, const message_t &request, std::string_view text) noexcept;
+// Ends the call of the record that made request without an answer.
+void endCall(const message_t &request) noexcept;
+// Hands client its answer (null: none) and wakes it. The record may be gone on return.
+void deliver(client_t &client, const payload_t *payload) noexcept;
+
+// ---- service.cpp, deadlock.cpp ----
+
+// Answers a request to the host "bus".
+void _busServerService(server_t &server, const message_t &request, const Url &url) noexcept;
+
+// 0 when the chain of calls that starts at node host leads to a node that is calling target, -1
+// when it ends elsewhere. The chain is left after as many steps as there are nodes: a ring that
+// does not hold target is still open while the answer of its refused call is queued.
+int _busServerHasDeadLock(server_t *server, const char *host, const char *target) noexcept;
+// Answers a request that would close a ring, and tells the subscribers of "bus.error".
+void refuseRing(server_t &server, const message_t &request) noexcept;
+
+} // namespace bus
+
+// Nothing is evaluated unless verbose lines are written.
+#define BUS_SERVER_TRACE(direction, server, message, target)                                       \
+    do {                                                                                           \
+        if (::bus::logEnabled(1)) {                                                                \
+            ::bus::_busServerLogMessage(1, (direction), (server), (message), (target), __LINE__);  \
+        }                                                                                          \
+    } while (false)
+
+#endif

@@ -1,0 +1,114 @@
+#include "bus_server/internal.h"
+
+#include <utility>
+
+namespace bus {
+namespace {
+
+// Forgets the topic's sticky message; null when there is none.
+MessagePtr takeSticky(server_t &server, const char *topic) noexcept {
+    Topic *const entry = server.directory.topic(topic);
+    if (!entry || !entry->sticky) {
+        return nullptr;
+    }
+    MessagePtr stored{entry->sticky};
+    bus_mk_q_take_out(server.sticky_queue, entry->place);
+    entry->sticky = nullptr;
+    entry->place = nullptr;
+    server.directory.prune(topic);
+    return stored;
+}
+
+void keepSticky(server_t &server, MessagePtr message) noexcept {
+    Topic *const entry = server.directory.makeTopic(message->topic);
+    if (!entry) {
+        return;
+    }
+    entry->place = bus_mk_q_append(server.sticky_queue, message.get());
+    if (entry->place) {
+        entry->sticky = message.release();
+    } else {
+        server.directory.prune(message->topic);
+    }
+}
+
+} // namespace
+
+int _busServerPublish(server_t *server, const message_t *message) noexcept {
+    const Topic *const topic = message->topic ? server->directory.topic(message->topic) : nullptr;
+    if (!topic) {
+        return 0;
+    }
+    for (const node_t *const node : topic->subscribers) {
+        client_t &client = *node->node;
+        MessagePtr copy{busClientExMessageCopy(message)};
+        if (!copy) {
+            continue;
+        }
+        BUS_SERVER_TRACE("==>", server, copy.get(), client.name.get());
+        if (bus_mk_q_send(client.message_queue, copy.get(), -1) == 0) {
+            static_cast<void>(copy.release());
+        } else {
+            BUS_LOG(4, "  %s server ==> %s pusblish topic %s failed, queue is full\n", kServerTag,
+                    client.name.get(), message->topic);
+        }
+    }
+    return 0;
+}
+
+bool publishNotice(server_t &server, const char *topic, std::string_view text) noexcept {
+    const MessagePtr notice{busClientExMessageNew(kServerName, topic, nullptr, action::kPublish,
+                                                  &server, kNoRequest, text.data(),
+                                                  static_cast<int>(text.size()))};
+    if (notice) {
+        _busServerPublish(&server, notice.get());
+    }
+    return notice != nullptr;
+}
+
+void replaySticky(server_t &server, const node_t &node, const char *topic) noexcept {
+    const Topic *const entry = server.directory.topic(topic);
+    MessagePtr copy{entry ? busClientExMessageCopy(entry->sticky) : nullptr};
+    if (!copy) {
+        return;
+    }
+    client_t &client = *node.node;
+    BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
+    if (bus_mk_q_send(client.message_queue, copy.get(), -1) == 0) {
+        static_cast<void>(copy.release());
+    } else {
+        BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", kServerTag,
+                client.name.get());
+    }
+}
+
+void _busServerPublishAction(server_t &server, message_t &message) noexcept {
+    _busServerPublish(&server, &message);
+}
+
+// The copy that is about to be kept already carries the action that subscribers see.
+void _busServerPublishSticky(server_t &server, message_t &message) noexcept {
+    if (!message.topic) {
+        return;
+    }
+    MessagePtr copy{copyWithAction(message, action::kPublish)};
+    if (!copy) {
+        return;
+    }
+    _busServerPublish(&server, copy.get());
+    if (takeSticky(server, message.topic)) {
+        BUS_LOG(4, "  %s %s remove old then add new payload, topic %s\n", kServerTag, message.name,
+                message.topic);
+    }
+    keepSticky(server, std::move(copy));
+}
+
+void _busServerRemoveSticky(server_t &server, message_t &message) noexcept {
+    forEachTopic(message, [&](const char *topic) {
+        if (!takeSticky(server, topic)) {
+            BUS_LOG(4, "  %s %s already removeSticky topic %s\n", kServerTag, message.name, topic);
+        }
+    });
+}
+
+} // namespace bus

@@ -1,0 +1,142 @@
+#include "bus_server/internal.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace bus {
+namespace {
+
+struct ServerDelete {
+    void operator()(server_t *server) const noexcept { delete server; }
+};
+
+void clear(bus_mk_q_t *queue, bus_mk_q_delete_callback deleteItem) noexcept {
+    if (queue) {
+        bus_mk_q_clear(queue, deleteItem, 0);
+    }
+}
+
+// Lengths first: most names differ in length.
+int textEqual(const char *a, const char *b) noexcept {
+    const std::size_t length = std::strlen(a);
+    return length == std::strlen(b) && std::strncmp(a, b, length) == 0 ? 0 : -1;
+}
+
+MessagePtr exitMessage(server_t &server) noexcept {
+    return MessagePtr{busClientExMessageNew(server.name.get(), nullptr, nullptr, action::kExit,
+                                            &server, kNoRequest, nullptr, 0)};
+}
+
+void stopLoop(server_t &server) noexcept {
+    {
+        const bus_mk_guard lock{server.loop_mutex};
+        if (!server.looping) {
+            return;
+        }
+    }
+    MessagePtr exit = exitMessage(server);
+    while (!exit || postToServer(server, exit.get()) != 0) {
+        platform::yieldThread(); // short of memory: the loop is busy or will be, and gives some
+                                 // back
+        exit = exitMessage(server);
+    }
+    static_cast<void>(exit.release());
+    const bus_mk_guard lock{server.loop_mutex};
+    while (server.looping) {
+        bus_mk_thread_cond_wait(&server.loop_ended, &server.loop_mutex);
+    }
+}
+
+} // namespace
+
+node_t::~node_t() {
+    clear(topics_queue, _budServerExCharDelete);
+}
+
+server_t::server_t() noexcept
+    : nodes_queue{bus_mk_q_new(kServerQueue, node_name_equal)}, message_queue{bus_mk_q_new(
+                                                                    kServerQueue, nullptr)},
+      sticky_queue{bus_mk_q_new(kServerQueue, sticky_topic_equal)}, name{bus_mk_strdup(
+                                                                        kServerName)} {
+    bus_mk_thread_mutex_init(&loop_mutex);
+    bus_mk_thread_cond_init(&loop_ended);
+}
+
+server_t::~server_t() {
+    clear(nodes_queue, busServerExNodeDelete);
+    clear(message_queue, busClientExMessageDelete);
+    clear(sticky_queue, busClientExMessageDelete);
+    bus_mk_thread_cond_destroy(&loop_ended);
+    bus_mk_thread_mutex_destroy(&loop_mutex);
+}
+
+server_t *busServerNew(const char *homepath) noexcept {
+    BUS_LOG(3, "  %s new\n", kServerTag);
+    std::unique_ptr<server_t, ServerDelete> server{new (std::nothrow) server_t};
+    if (!server || !server->nodes_queue || !server->message_queue || !server->sticky_queue ||
+        !server->name) {
+        return nullptr;
+    }
+    if (homepath) {
+        server->path.reset(bus_mk_strdup(homepath));
+        if (!server->path) {
+            return nullptr;
+        }
+    }
+    return server.release();
+}
+
+int busServerExit(server_t *server) noexcept {
+    if (!server) {
+        return 0;
+    }
+    BUS_LOG(3, "  %s %s exit begin\n", kServerTag, server->name.get());
+    MessagePtr exit = exitMessage(*server);
+    if (exit && bus_mk_q_send(server->message_queue, exit.get(), -1) == 0) {
+        static_cast<void>(exit.release());
+    }
+    return 0;
+}
+
+int busServerDelete(server_t *server) noexcept {
+    if (!server) {
+        return 0;
+    }
+    stopLoop(*server);
+    BUS_LOG(3, "  %s %s delete\n", kServerTag, server->name.get());
+    delete server;
+    return 0;
+}
+
+int busServerExNodeDelete(void *client) noexcept {
+    delete static_cast<node_t *>(client);
+    return 0;
+}
+
+int _budServerExCharDelete(void *topic) noexcept {
+    std::free(topic);
+    return 0;
+}
+
+int node_name_equal(void *a, void *b) noexcept {
+    const auto *const entry = static_cast<const node_t *>(b);
+    return a && entry && entry->name ? textEqual(static_cast<const char *>(a), entry->name.get())
+                                     : -1;
+}
+
+int node_topic_equal(void *a, void *b) noexcept {
+    return textEqual(static_cast<const char *>(a), static_cast<const char *>(b));
+}
+
+int sticky_topic_equal(void *a, void *b) noexcept {
+    const auto *const stored = static_cast<const message_t *>(b);
+    return a && stored && stored->topic ? textEqual(static_cast<const char *>(a), stored->topic)
+                                        : -1;
+}
+
+int postToServer(server_t &server, message_t *message) noexcept {
+    return bus_mk_q_send_beyond(server.message_queue, message, kServerQueue);
+}
+
+} // namespace bus

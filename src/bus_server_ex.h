@@ -1,0 +1,78 @@
+// The server's records, and the functions of the server that the client module calls.
+#ifndef ZELVO_BUS_SERVER_EX_H
+#define ZELVO_BUS_SERVER_EX_H
+
+#include "bus_client_ex.h"
+#include "bus_server/directory.h"
+
+#include <atomic>
+#include <cstdint>
+
+namespace bus {
+
+inline constexpr int kServerQueue = 2048; // places in each queue of the server, and topics a node
+
+// One node on the bus.
+struct node_t {
+    bus_mk_text name;
+    client_t *node = nullptr;           // not owned
+    bus_mk_q_t *topics_queue = nullptr; // texts, in the order of subscription, none twice
+    std::uint64_t joined = 0;           // grows from node to node
+    bus_mk_list_node *place = nullptr;  // in nodes_queue
+
+    node_t() = default;
+    ~node_t();
+    node_t(const node_t &) = delete;
+    node_t &operator=(const node_t &) = delete;
+};
+
+// The router. Its loop's thread alone changes the registry, the topics and the sticky store; other
+// threads append to message_queue and look names up in nodes_queue.
+struct server_t {
+    bus_mk_q_t *nodes_queue = nullptr;   // the registry: node_t, in the order in which they joined
+    bus_mk_q_t *message_queue = nullptr; // everything sent to the server, its own answers included
+    bus_mk_q_t *sticky_queue = nullptr;  // message_t, at most one a topic
+    bus_mk_text name;
+    std::atomic<int> running{0}; // 1 while the loop is to go on
+    bus_mk_text keys;            // the key store's text
+    bus_mk_text path;            // the home directory, or null
+
+    Directory directory;
+    std::uint64_t joins = 0;
+    bus_mk_thread_mutex_t loop_mutex;
+    bus_mk_thread_cond_t loop_ended;                    // signalled when looping becomes false
+    bool looping BUS_MK_GUARDED_BY(loop_mutex) = false; // a thread is inside busServerRun
+
+    server_t() noexcept;
+    ~server_t();
+    server_t(const server_t &) = delete;
+    server_t &operator=(const server_t &) = delete;
+};
+
+// Makes a server; homepath may be null and is copied. Null when memory is short.
+server_t *busServerNew(const char *homepath) noexcept;
+// Runs the loop in the calling thread until it takes an exit message. -1: server is null. 0: it
+// has ended, or it was running already. What is still queued stays queued.
+int busServerRun(server_t *server) noexcept;
+// Queues an exit message behind everything that waits; dropped when the queue is full. Always 0.
+int busServerExit(server_t *server) noexcept;
+// Stops a loop that still runs, waits for its end, and frees everything. Null is accepted.
+int busServerDelete(server_t *server) noexcept;
+
+// Free an entry of the registry, and a topic text; null is accepted. Always 0.
+int busServerExNodeDelete(void *client) noexcept;
+int _budServerExCharDelete(void *topic) noexcept;
+
+// Queue equality, exact: a name with a node_t, a topic with a topic text, a topic with a message_t.
+int node_name_equal(void *a, void *b) noexcept;
+int node_topic_equal(void *a, void *b) noexcept;
+int sticky_topic_equal(void *a, void *b) noexcept;
+
+// Appends a message that must get through a flood of publications: an answer, a leave request.
+// At most one of them is under way for each node, so as many places are kept for them. 0: the
+// server holds the message; -1: it is still yours.
+int postToServer(server_t &server, message_t *message) noexcept;
+
+} // namespace bus
+
+#endif

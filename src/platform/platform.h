@@ -1,0 +1,46 @@
+// What the library asks of the operating system. One contract, one source file for each system
+// behind it; nothing above this folder asks which system it runs on. Clocks and heap come from
+// the C++ standard library and need no entry here.
+#ifndef ZELVO_PLATFORM_PLATFORM_H
+#define ZELVO_PLATFORM_PLATFORM_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace platform {
+
+// A word that threads can sleep on. Locks and events are built on it once for all systems, so
+// their fast paths are plain atomic operations and only a thread that sleeps costs a system call.
+using Word = std::atomic<std::uint32_t>;
+
+// Sleeps while word holds expected. The comparison and the falling asleep are one step against
+// wakeOne and wakeAll. Returns at once when the values differ, after a wake, and at any time
+// without a reason: the caller looks at the word again. No time limit.
+void waitWord(Word &word, std::uint32_t expected) noexcept;
+
+// Wakes one sleeper, or all of them. Only the address is used: the word may already have been
+// released by a thread that saw the value stored before the call.
+void wakeOne(Word &word) noexcept;
+void wakeAll(Word &word) noexcept;
+
+// Gives up the processor to another runnable thread, if there is one.
+void yieldThread() noexcept;
+
+// The kernel's numbers of the calling thread and of the process; they are never 0.
+std::uint32_t threadId() noexcept;
+std::uint32_t processId() noexcept;
+
+using ThreadBody = void (*)(void *arg);
+
+// Starts a thread that runs body(arg). stack is its size in bytes: 0 takes the system's default,
+// a size below the system's least is raised to it. The handle is given back by threadJoin, once
+// for each started thread; null: no thread was started.
+void *threadStart(ThreadBody body, void *arg, std::size_t stack) noexcept;
+
+// Waits without time limit until the thread has ended and releases the handle. Null: no effect.
+void threadJoin(void *handle) noexcept;
+
+} // namespace platform
+
+#endif
