@@ -15,8 +15,9 @@
  *           say of themselves.
  * Limits.   2,048 nodes, 2,048 topics for each node, 2,048 sticky topics; 2,048 messages wait for
  *           the bus and 1,024 for each node. A message that finds its queue full is dropped with
- *           a warning in the log. A node can be called when its name has at most 127 bytes, holds
- *           no "/" after its first byte, and is no prefix of "bus" or "localKeys".
+ *           a warning in the log. A node can be called when its name has 1 to 127 bytes, holds no
+ *           "/" after its first byte, and is no prefix of "bus" or "localKeys" ("b" is one);
+ *           busClientConnect warns in the log about any other.
  * Errors.   Integers: 0 for success, -1 for arguments that are refused. Pointers: null. A refusal
  *           changes nothing. The reason stands in the log.
  *
@@ -153,7 +154,8 @@ ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELV
  *   /bus/nodes                    {"data": [...]}, the names on the bus in the order they joined
  *   /bus/subscribe, /bus/unsubscribe, /bus/join, /bus/disjoin     what the functions here use
  * data may be null (len is then ignored). The answer is the node's: read it, do not free it; it
- * stays valid until the node's next call has been posted, or until it is closed.
+ * stays valid until the node's next call has been posted (subscribing and leaving are calls too),
+ * or until the node is closed.
  * Answers made by the bus: {"data":"not implement"} when there is no such node, its queue is full,
  * or url is no address; {"data":""} at once when the call would close a ring of nodes that wait
  * for each other (also a node calling itself), with a notice to the topic "bus.error".

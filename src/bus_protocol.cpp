@@ -31,6 +31,11 @@ bool selects(std::string_view host, std::string_view reserved) noexcept {
     return !host.empty() && reserved.substr(0, host.size()) == host;
 }
 
+bool isCallable(std::string_view name) noexcept {
+    return !name.empty() && name.size() <= kMaxHost && name.find('/', 1) == name.npos &&
+           !selects(name, kBusHost) && !selects(name, kKeysHost);
+}
+
 std::string joinNotice(const char *name) {
     return "{\"event\":\"join\", \"name\": " + quoted(name) + "}";
 }

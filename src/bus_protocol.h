@@ -74,6 +74,9 @@ std::optional<Url> splitUrl(std::string_view url) noexcept;
 // Whether host selects the reserved host: the name itself or a non-empty prefix of it.
 bool selects(std::string_view host, std::string_view reserved) noexcept;
 
+// Whether a node of this name can be the host of an address.
+bool isCallable(std::string_view name) noexcept;
+
 // The notice that node name has joined, and the answer to its leave request. A name stands in them
 // as a JSON string. Throw std::bad_alloc.
 std::string joinNotice(const char *name);

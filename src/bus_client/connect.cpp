@@ -83,6 +83,9 @@ client_t *busClientConnect(Zelvo_t *busManager, const char *name, onmessage_call
         BUS_LOG(4, "  %s %s already exist\n", bus::kClientTag, name);
         return nullptr;
     }
+    if (!bus::isCallable(name)) {
+        BUS_LOG(4, "  %s %s cannot be called by this name\n", bus::kClientTag, name);
+    }
     std::unique_ptr<client_t> client = bus::newClient(server, name);
     if (client) {
         client->onmessage_func = onmessage;
