@@ -151,7 +151,8 @@ ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELV
 
 /* Calls url, "/host/path", and waits for the answer. host is a node's name, answered by that
  * node's call handler in its own thread, or "bus", answered by the bus itself:
- *   /bus/nodes                    {"data": [...]}, the names on the bus in the order they joined
+ *   /bus/nodes                    {"data": [...]}, the names on the bus in the order they joined,
+ *                                 printed with line breaks and tabs
  *   /bus/subscribe, /bus/unsubscribe, /bus/join, /bus/disjoin     what the functions here use
  * data may be null (len is then ignored). The answer is the node's: read it, do not free it; it
  * stays valid until the node's next call has been posted (subscribing and leaving are calls too),

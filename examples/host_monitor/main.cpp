@@ -1,0 +1,151 @@
+// A small host monitor: three nodes on one bus, in one process.
+//
+// Threads: this one starts and stops everything, makes the console's calls, and is the only one
+// that prints. The bus has a thread of its own, and so has each node for its handlers. The sampler
+// reads the machine's figures in one more.
+#include "archive.h"
+#include "bus.h"
+#include "console.h"
+#include "json.h"
+#include "sampler.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// name, and text in one line.
+void show(const char *name, std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
+    std::replace(text.begin(), text.end(), '\t', ' ');
+    std::printf("%-18s %s\n", name, text.c_str());
+}
+
+// host.info was published once, before the console joined: that it arrives all the same is what
+// makes it sticky.
+void showSticky(Console &console, Clock::time_point joining) {
+    const std::string info = console.take("host.info");
+    const std::string load = console.take("host.load");
+    const double waited = 1000 * secondsSince(joining);
+    show("host.info", info);
+    show("host.load", load);
+    std::printf("Joined, subscribed and received both in %.1f ms.\n", waited);
+}
+
+void showLive(Console &console, Clock::time_point start) {
+    // Some work, so that there is something to see.
+    const auto work = std::async(std::launch::async, [from = Clock::now()] {
+        while (secondsSince(from) < 1.2) {}
+    });
+    std::puts("second   cpu %   memory MiB   load over 1, 5, 15 minutes");
+    for (int row = 0; row < 16; ++row) {
+        const std::string cpu = console.take("host.cpu");
+        const std::string memory = console.take("host.memory");
+        const std::string load = console.take("host.load");
+        std::printf("%6.2f %7s %12s   %s\n", secondsSince(start), cpu.c_str(), memory.c_str(),
+                    load.c_str());
+    }
+}
+
+void showCall(Console &console, const char *url, const char *expected) {
+    const std::string answer = console.call(url);
+    show(url, answer);
+    if (answer.find(expected) == std::string::npos) {
+        throw std::runtime_error(std::string("the answer of ") + url + " has no " + expected);
+    }
+}
+
+// The archive's handler calls the console, which is waiting for the archive. The bus refuses that
+// inner call: it answers {"data":""} at once, and tells who has subscribed to "bus.error". So the
+// handler goes on, and the outer call has its answer.
+void showRing(Console &console) {
+    showCall(console, "/archive/ring", R"({"console":{"data":""}})");
+    show("bus.error", console.take("bus.error"));
+}
+
+// Everything stops when this function is left, also by an exception: the console, the archive, the
+// sampler, and last the bus.
+void monitor(const std::string &log) {
+    const auto start = Clock::now();
+    std::puts("== The bus starts; sampler and archive join");
+    Bus bus("{\"level\":2,\"path\":" + jsonString(log) + '}');
+    Sampler sampler(bus);
+    Archive archive(bus);
+    show("log", log);
+
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::puts("\n== A second later the console joins: sticky messages reach it at once");
+    const auto joining = Clock::now();
+    Console console(bus);
+    showSticky(console, joining);
+
+    std::puts("\n== Live from the sampler; one processor is kept busy at first");
+    showLive(console, start);
+
+    std::puts("\n== The console calls the archive and the bus");
+    showCall(console, "/archive/peak/cpu", "\"peak\"");
+    showCall(console, "/archive/last", "\"cpu\"");
+    showCall(console, "/archive/attic", "\"no such path\"");
+    showCall(console, "/bus/nodes", R"(["sampler", "archive", "console"])");
+
+    std::puts("\n== A ring: the console calls the archive, whose handler calls the console");
+    showRing(console);
+}
+
+// A few lines of what the bus has written meanwhile.
+void showLog(const std::string &path) {
+    std::ifstream log(path);
+    std::string line;
+    for (const char *wanted :
+         {"console node joined", "console <== busServer,  action: publish, topic: host.info",
+          "archive call console", "bus server exist deadlock", "console disjoin",
+          "busServer exit end"}) {
+        while (line.find(wanted) == std::string::npos) {
+            if (!std::getline(log, line)) {
+                throw std::runtime_error("no \"" + std::string(wanted) + "\" in the log " + path);
+            }
+        }
+        std::puts(line.c_str());
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    std::string log = "host_monitor.log";
+    if (argc == 3 && std::strcmp(argv[1], "--log") == 0) {
+        log = argv[2];
+    } else if (argc != 1) {
+        std::fprintf(stderr, "usage: %s [--log FILE]\n", argv[0]);
+        return 2;
+    }
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // live through a pipe too
+    try {
+        // The bus would write to standard output, between our lines.
+        if (!std::ofstream(log)) {
+            throw std::runtime_error("cannot write the log " + log);
+        }
+        monitor(log);
+        std::printf("\n== All nodes have left and the bus has stopped; from the log, %s\n",
+                    log.c_str());
+        showLog(log);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "host_monitor: %s\n", error.what());
+        return 1;
+    }
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 ? 0 : 1;
+}
