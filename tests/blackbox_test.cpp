@@ -1,0 +1,377 @@
+// The library as an application sees it: the public header, real threads.
+#include "test_support.h"
+
+#include <zelvo/bus_client.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+const std::string kEmpty = "{\"data\":\"\"}";
+const std::string kUnknown = "{\"data\":\"not implement\"}";
+const std::string kNoHandler = "{\"msg\":\"not implement\"}";
+
+class Bus {
+public:
+    explicit Bus(int level = 4) {
+        const std::string config =
+            R"({"LEVEL":)" + std::to_string(level) + R"(,"path":")" + logPath() + R"("})";
+        manager_ = busClientNew(config.c_str());
+        start();
+    }
+    ~Bus() {
+        if (loop_.joinable()) {
+            stop();
+        }
+        busClientDelete(manager_);
+    }
+    void start() {
+        loop_ = std::thread{[this] { busClientBindServer(manager_); }};
+    }
+    void stop() {
+        busClientServerExit(manager_);
+        loop_.join();
+    }
+    Zelvo_t *get() const { return manager_; }
+    std::string logPath() const { return dir_.path() + "/bus.log"; }
+    std::string log() const { return readFile(logPath()); }
+
+private:
+    TempDir dir_;
+    Zelvo_t *manager_ = nullptr;
+    std::thread loop_;
+};
+
+// A node with its thread. What it hears is kept as "topic payload".
+class Node {
+public:
+    using OnCall = std::function<char *(client_t *, const std::string &url, const char *, int)>;
+
+    Node(const Bus &bus, const char *name, OnCall onCall = {}, bool spin = true)
+        : onCall_{std::move(onCall)},
+          client_{busClientConnect(bus.get(), name, hear, onCall_ ? reply : nullptr, this)} {
+        if (client_ && spin) {
+            thread_ = std::thread{[this] { busClientSpin(client_); }};
+        }
+    }
+    ~Node() {
+        leave();
+        busClientClose(client_);
+    }
+    void leave() {
+        if (thread_.joinable()) {
+            busClientSpinExit(client_);
+            thread_.join();
+        }
+    }
+    std::string call(const std::string &url, const char *data = nullptr, int len = 0) {
+        const char *const text = busClientCall(client_, url.c_str(), data, len);
+        return text ? text : "null";
+    }
+    // What was heard, once count messages have been.
+    std::vector<std::string> heard(std::size_t count) {
+        std::unique_lock lock{mutex_};
+        EXPECT_TRUE(more_.wait_for(lock, kLimit, [&] { return heard_.size() >= count; }));
+        return heard_;
+    }
+    client_t *get() const { return client_; }
+
+private:
+    static int hear(void *userdata, client_t *, char *topic, char *data, int len) {
+        auto &self = *static_cast<Node *>(userdata);
+        const std::lock_guard lock{self.mutex_};
+        self.heard_.push_back(std::string{topic} + " " +
+                              (data ? std::string(data, static_cast<std::size_t>(len)) : "null"));
+        self.more_.notify_all();
+        return 0;
+    }
+    static char *reply(void *userdata, client_t *client, char *url, char *data, int len) {
+        return static_cast<Node *>(userdata)->onCall_(client, url, data, len);
+    }
+
+    OnCall onCall_;
+    std::mutex mutex_;
+    std::condition_variable more_;
+    std::vector<std::string> heard_;
+    client_t *client_;
+    std::thread thread_;
+};
+using Texts = std::vector<std::string>;
+
+TEST(Zelvo, publication_arrives_whole_and_sticky_state_arrives_late) {
+    const Bus bus;
+    Node a{bus, "a"};
+    Node b{bus, "b2"};
+    EXPECT_EQ(busClientSubscribe(a.get(), R"(["t"])"), 0);
+    const std::string bytes("\0x\xff\0", 4);
+    EXPECT_EQ(busClientPublish(b.get(), "t", bytes.data(), 4), 0);
+    EXPECT_EQ(busClientPublish(b.get(), "t", nullptr, 5), 0);
+    EXPECT_EQ(busClientPublishSticky(b.get(), "t", "kept", 4), 0);
+    EXPECT_EQ(a.heard(4), (Texts{R"(bus.event {"event":"join", "name": "b2"})", "t " + bytes,
+                                 "t null", "t kept"}));
+    Node late{bus, "late"};
+    EXPECT_EQ(busClientSubscribe(late.get(), R"(["t"])"), 0);
+    EXPECT_EQ(late.heard(1), Texts{"t kept"});
+    EXPECT_EQ(busClientRemoveSticky(b.get(), R"(["t"])"), 0);
+    Node later{bus, "later"};
+    EXPECT_EQ(busClientSubscribe(later.get(), R"(["t"])"), 0);
+    EXPECT_EQ(busClientPublish(b.get(), "t", "live", 4), 0);
+    EXPECT_EQ(later.heard(1), Texts{"t live"});
+}
+
+TEST(Zelvo, call_is_answered_by_the_other_nodes_thread) {
+    const Bus bus;
+    std::thread::id answeredBy;
+    Node target{bus, "target", [&](client_t *, const std::string &url, const char *data, int len) {
+                    answeredBy = std::this_thread::get_id();
+                    return url == "/target/none"
+                               ? nullptr
+                               : strdup((url + (data ? data : "null") + std::to_string(len)).c_str());
+                }};
+    Node silent{bus, "silent"};
+    Node a{bus, "a"};
+    EXPECT_EQ(a.call("/target/x", "ab", 2), "/target/xab2");
+    EXPECT_NE(answeredBy, std::this_thread::get_id());
+    EXPECT_EQ(a.call("/target/x", nullptr, 7), "/target/xnull0");
+    const std::string path = "/target/" + std::string(70000, 'p');
+    EXPECT_EQ(a.call(path), path + "null0");
+    EXPECT_EQ(a.call("/target/none"), kNoHandler);
+    EXPECT_EQ(a.call("/silent/x"), kNoHandler);
+    EXPECT_EQ(a.call("/gone/x"), kUnknown);
+    EXPECT_EQ(a.call("no address"), kUnknown);
+    EXPECT_EQ(a.call("/" + std::string(128, 'h') + "/x"), kUnknown);
+    EXPECT_EQ(a.call("/bus/nodes"), "{\n\t\"data\":\t[\"target\", \"silent\", \"a\"]\n}");
+}
+
+TEST(Zelvo, refused_arguments_change_nothing) {
+    const Bus bus;
+    Node a{bus, "a"};
+    client_t *const none = nullptr;
+    EXPECT_EQ(busClientConnect(nullptr, "x", nullptr, nullptr, nullptr), nullptr);
+    EXPECT_EQ(busClientConnect(bus.get(), nullptr, nullptr, nullptr, nullptr), nullptr);
+    EXPECT_EQ(busClientConnect(bus.get(), "a", nullptr, nullptr, nullptr), nullptr);
+    for (const int result :
+         {busClientSubscribe(none, "[]"), busClientSubscribe(a.get(), nullptr),
+          busClientSubscribe(a.get(), "\"t\""), busClientUnsubscribe(a.get(), "{"),
+          busClientPublish(none, "t", "", 0), busClientPublish(a.get(), nullptr, "", 0),
+          busClientPublish(a.get(), "t", "x", -1), busClientPublishSticky(none, "t", "", 0),
+          busClientRemoveSticky(a.get(), "{}"), busClientRemoveSticky(a.get(), nullptr),
+          busClientSettimer(none, nullptr, 0, 0, nullptr)}) {
+        EXPECT_EQ(result, -1);
+    }
+    EXPECT_EQ(busClientCall(none, "/a/x", nullptr, 0), nullptr);
+    EXPECT_EQ(busClientCall(a.get(), nullptr, nullptr, 0), nullptr);
+    EXPECT_EQ(busClientCall(a.get(), "/a/x", "x", -1), nullptr);
+    for (const int result : {busClientSpin(none), busClientSpinExit(none), busClientClose(none),
+                             busClientBindServer(nullptr), busClientServerExit(nullptr),
+                             busClientDelete(nullptr), busClientKilltimer(none, 2),
+                             busClientSubscribe(a.get(), "[]"), busClientBindServer(bus.get())}) {
+        EXPECT_EQ(result, 0);
+    }
+    EXPECT_EQ(a.call("/bus/nodes"), "{\n\t\"data\":\t[\"a\"]\n}");
+    EXPECT_NE(bus.log().find("  Vek-server server is running\n"), std::string::npos);
+}
+
+TEST(Zelvo, answer_stays_until_the_next_call_is_posted) {
+    const Bus bus;
+    Node a{bus, "a"};
+    const char *const answer = busClientCall(a.get(), "/nobody/x", nullptr, 0);
+    EXPECT_EQ(a.call("/nobody/x", "x", -1), "null");
+    EXPECT_EQ(answer, kUnknown);
+    a.leave();
+    EXPECT_EQ(a.call("/nobody/x"), "null");
+    EXPECT_EQ(busClientSubscribe(a.get(), "[]"), 0);
+    EXPECT_EQ(busClientPublish(a.get(), "t", nullptr, 0), 0); // one that has left still publishes
+}
+
+TEST(Zelvo, exit_overtakes_publications_and_waiting_requests_are_answered) {
+    const Bus bus{2};
+    Signal inside;
+    Signal release;
+    Node busy{bus, "busy", [&](client_t *, const std::string &url, const char *, int) {
+                  if (url == "/busy/hold") {
+                      inside.set();
+                      EXPECT_TRUE(release.wait());
+                  }
+                  return strdup("answered");
+              }};
+    busClientSubscribe(busy.get(), R"(["t","after"])");
+    Node a{bus, "a"};
+    Node c{bus, "c"};
+    std::string first;
+    std::string second;
+    std::thread holder{[&] { first = a.call("/busy/hold"); }};
+    ASSERT_TRUE(inside.wait());
+    busClientPublish(c.get(), "t", "never heard", 11);
+    std::thread waiter{[&] { second = c.call("/busy/next"); }};
+    while (bus.log().find("c call busy, target: c") == std::string::npos) {
+        std::this_thread::yield();
+    }
+    Node probe{bus, "probe"}; // handled behind that request, which has been forwarded then
+    busClientSpinExit(busy.get());
+    busClientSpinExit(busy.get()); // one leave, the second waits for the close
+    release.set();
+    holder.join();
+    waiter.join();
+    busy.leave();
+    EXPECT_EQ(first, "answered");
+    EXPECT_EQ(second, "answered");
+    EXPECT_EQ(a.call("/busy/x"), kUnknown);
+    for (const std::string &text : busy.heard(0)) {
+        EXPECT_EQ(text.find("never heard"), std::string::npos);
+    }
+}
+
+TEST(Zelvo, rings_of_calls_are_refused_and_told) {
+    const Bus bus;
+    std::string refused;
+    const auto callOn = [&](const char *url) {
+        return [&, url](client_t *self, const std::string &, const char *, int) {
+            const char *const text = busClientCall(self, url, nullptr, 0);
+            if (std::strcmp(url, "/first/x") == 0) {
+                refused = text ? text : "null";
+            }
+            return strdup(text && *text ? text : "null");
+        };
+    };
+    Node first{bus, "first", callOn("/second/x")};
+    Node second{bus, "second", callOn("/third/x")};
+    Node third{bus, "third", callOn("/first/x")};
+    busClientSubscribe(first.get(), R"(["bus.error"])");
+    EXPECT_EQ(first.call("/second/x"), kEmpty); // first, second, third, first
+    EXPECT_EQ(refused, kEmpty);
+    EXPECT_EQ(first.call("/first/x"), kEmpty);
+    const std::string notice =
+        "bus.error {\"errId\":10001, \"errMsg\": \"bus server deadlock, due to appearing R call A "
+        "& A call R\"}";
+    const Texts heard = first.heard(4);
+    EXPECT_EQ(heard[2], notice);
+    EXPECT_EQ(heard[3], notice);
+}
+
+TEST(Zelvo, two_threads_of_one_node_call_in_turn) {
+    const Bus bus;
+    Node echo{bus, "echo", [](client_t *, const std::string &, const char *data, int) {
+                  return strdup(data);
+              }};
+    Node a{bus, "a"};
+    std::atomic<int> ended{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500; ++i) {
+                busClientCall(a.get(), "/echo/x", "x", 1);
+                ++ended;
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(ended, 2000);
+    EXPECT_EQ(a.call("/echo/x", "last", 4), "last");
+}
+
+TEST(Zelvo, one_of_two_racing_connects_gets_the_name) {
+    const Bus bus{6};
+    for (int round = 0; round < 200; ++round) {
+        std::vector<std::unique_ptr<Node>> nodes(2);
+        std::thread other{[&] { nodes[0] = std::make_unique<Node>(bus, "name"); }};
+        nodes[1] = std::make_unique<Node>(bus, "name");
+        other.join();
+        const bool first = nodes[0]->get() != nullptr;
+        ASSERT_NE(first, nodes[1]->get() != nullptr) << round;
+        EXPECT_EQ(nodes[first ? 0 : 1]->call("/bus/nodes"), "{\n\t\"data\":\t[\"name\"]\n}");
+    }
+}
+
+TEST(Zelvo, nodes_come_and_go_under_load) {
+    const Bus bus{6};
+    Node steady{bus, "steady",
+                [](client_t *, const std::string &, const char *, int) { return strdup("here"); }};
+    busClientSubscribe(steady.get(), R"(["load"])");
+    std::atomic<bool> done{false};
+    std::thread publisher{[&] {
+        while (!done) {
+            for (int i = 0; i < 50; ++i) {
+                busClientPublishSticky(steady.get(), "load", "x", 1);
+            }
+            steady.call("/bus/nodes"); // keeps the bus busy, and its queue from overflowing
+        }
+    }};
+    std::vector<std::thread> threads;
+    for (const char *name : {"one", "two", "three"}) {
+        threads.emplace_back([&, name] {
+            for (int i = 0; i < 60; ++i) {
+                Node node{bus, name, {}, i % 3 != 0}; // some are closed without having spun
+                ASSERT_NE(node.get(), nullptr) << i;
+                busClientSubscribe(node.get(), R"(["load"])");
+                const std::string answer = node.call("/steady/x");
+                EXPECT_TRUE(answer == "here" || answer == kUnknown) << answer; // its queue is full
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    done = true;
+    publisher.join();
+    for (const char *name : {"one", "two", "three"}) {
+        EXPECT_NE(Node(bus, name).get(), nullptr) << name;
+    }
+}
+
+TEST(Zelvo, full_bus_refuses_and_says_so) {
+    Bus bus;
+    Node a{bus, "a", {}, false};
+    busClientSubscribe(a.get(), R"(["t"])");
+    bus.stop();
+    for (int i = 0; i < 2048; ++i) {
+        EXPECT_EQ(busClientPublish(a.get(), "t", nullptr, 0), 0);
+    }
+    EXPECT_EQ(bus.log().find("queue is full"), std::string::npos);
+    EXPECT_EQ(busClientPublish(a.get(), "t", nullptr, 0), 0);
+    EXPECT_EQ(busClientPublishSticky(a.get(), "t", nullptr, 0), 0);
+    EXPECT_EQ(busClientRemoveSticky(a.get(), "[]"), 0);
+    EXPECT_EQ(a.call("/bus/nodes"), "null");
+    // A node whose join was lost is not on the bus, and is not kept waiting on it.
+    Node lost{bus, "lost", {}, false};
+    EXPECT_EQ(lost.call("/a/x"), "null");
+    for (const char *line :
+         {"a ==> server publish failed, topic: t, queue is full",
+          "a ==> server publishSticky failed, topic: t, queue is full",
+          "a ==> server removeSticky failed, data: [], queue is full",
+          "a ==> server call failed, url: /bus/nodes, queue is full",
+          "lost ==> server call failed, url: /bus/join, queue is full"}) {
+        EXPECT_NE(bus.log().find(line), std::string::npos) << line;
+    }
+    bus.start();
+    while (lost.call("/bus/join") != kEmpty) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(lost.call("/bus/nodes"), "{\n\t\"data\":\t[\"a\", \"lost\"]\n}");
+}
+
+TEST(Zelvo, delete_stops_a_running_bus) {
+    TempDir dir;
+    const std::string config = R"({"path":")" + dir.path() + R"(/x.log"})";
+    for (int round = 0; round < 50; ++round) {
+        Zelvo_t *const bus = busClientNew(config.c_str());
+        std::thread loop{[bus] { busClientBindServer(bus); }};
+        busClientClose(busClientConnect(bus, "a", nullptr, nullptr, nullptr)); // it runs now
+        busClientDelete(bus);
+        loop.join();
+    }
+}
+
+} // namespace

@@ -1,0 +1,337 @@
+// The server alone: messages are queued, the loop runs in the test's thread until the exit behind
+// them, and the queues and answers of node records without threads are looked at.
+#include "bus_server/internal.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bus {
+namespace {
+
+class Server : public testing::Test {
+protected:
+    ~Server() override {
+        busServerDelete(server_);
+        bus_log_exit();
+    }
+
+    client_t &record(const char *name) {
+        clients_.push_back(std::make_unique<client_t>());
+        clients_.back()->name.reset(bus_mk_strdup(name));
+        clients_.back()->server = server_;
+        return *clients_.back();
+    }
+    client_t &join(const char *name) {
+        client_t &client = record(name);
+        EXPECT_EQ(ask(client, "/bus/join"), "{\"data\":\"\"}");
+        return client;
+    }
+
+    void post(const char *name, const char *topic, const char *url, const char *action, void *node,
+              const char *requester, const std::string *data = nullptr) {
+        message_t *const message = busClientExMessageNew(name, topic, url, action, node, requester,
+                                                         data ? data->c_str() : nullptr,
+                                                         data ? static_cast<int>(data->size()) : 0);
+        ASSERT_EQ(bus_mk_q_send(server_->message_queue, message, -1), 0);
+    }
+    void request(client_t &from, const char *url, const std::string *data = nullptr) {
+        const char *const name = from.name.get();
+        post(name, nullptr, url, action::kRequest, &from, name, data);
+    }
+    void publish(client_t &from, const char *topic, const std::string &data,
+                 const char *action = action::kPublish) {
+        post(from.name.get(), topic, nullptr, action, &from, kNoRequest, &data);
+    }
+    // Handles what is queued, and the answers that this makes.
+    void run() {
+        do {
+            busServerExit(server_);
+            EXPECT_EQ(busServerRun(server_), 0);
+        } while (bus_mk_q_count(server_->message_queue) > 0);
+    }
+    // The answer of one request; "-" for none.
+    std::string ask(client_t &from, const char *url, const std::string &data = {}) {
+        forget(from);
+        request(from, url, data.empty() ? nullptr : &data);
+        run();
+        return answerOf(from);
+    }
+    static void forget(client_t &client) {
+        const bus_mk_guard lock{client.oncall_mutex};
+        client.call_response.reset();
+        client.answered = false;
+    }
+    static std::string answerOf(client_t &client) {
+        const bus_mk_guard lock{client.oncall_mutex};
+        return client.call_response ? client.call_response.get() : client.answered ? "null" : "-";
+    }
+    // What waits for a node, oldest first: "action topic-or-url payload".
+    static std::vector<std::string> taken(client_t &client) {
+        std::vector<std::string> all;
+        while (void *const item = bus_mk_q_recv(client.message_queue, 1, 0, 1)) {
+            const MessagePtr message{static_cast<message_t *>(item)};
+            all.push_back(std::string{message->action} + " " +
+                          (message->topic ? message->topic : orNull(message->url)) + " " +
+                          (message->payload ? message->payload->data : "NULL"));
+        }
+        return all;
+    }
+    static void fill(bus_mk_q_t *queue) {
+        MessagePtr filler;
+        do {
+            static_cast<void>(filler.release());
+            filler.reset(busClientExMessageCopy(&kFiller));
+        } while (bus_mk_q_send(queue, filler.get(), -1) == 0);
+    }
+    std::string log() { return testing::internal::GetCapturedStdout(); }
+    static void startLog(int level) {
+        testing::internal::CaptureStdout();
+        bus_log_init(level, nullptr, 0, 0);
+    }
+
+    static const message_t kFiller;
+    server_t *server_ = busServerNew(nullptr);
+    std::vector<std::unique_ptr<client_t>> clients_;
+};
+const message_t Server::kFiller{};
+using Texts = std::vector<std::string>;
+
+TEST_F(Server, loop_stops_at_the_exit_and_leaves_the_rest) {
+    client_t &a = join("a");
+    ask(a, "/bus/subscribe", R"(["t"])");
+    publish(a, "t", "1");
+    busServerExit(server_);
+    publish(a, "t", "2");
+    EXPECT_EQ(busServerRun(server_), 0);
+    EXPECT_EQ(taken(a), Texts{"publish t 1"});
+    EXPECT_EQ(bus_mk_q_count(server_->message_queue), 1);
+    run();
+    EXPECT_EQ(taken(a), Texts{"publish t 2"});
+    EXPECT_EQ(busServerRun(nullptr), -1);
+}
+
+TEST_F(Server, broken_messages_are_dropped_with_a_line) {
+    startLog(1);
+    post("a", nullptr, nullptr, nullptr, nullptr, kNoRequest);
+    post(nullptr, nullptr, nullptr, action::kPublish, nullptr, kNoRequest);
+    post("a", nullptr, nullptr, "dance", nullptr, kNoRequest);
+    post("a", nullptr, nullptr, action::kRequest, nullptr, "a");
+    post("a", nullptr, nullptr, action::kPublishSticky, nullptr, kNoRequest);
+    post("a", nullptr, nullptr, action::kResponse, nullptr, nullptr);
+    run();
+    const std::string text = log();
+    const std::string line = "  Vek-server message body not action | name\n";
+    const std::size_t first = text.find(line);
+    ASSERT_NE(first, text.npos);
+    EXPECT_NE(text.find(line, first + 1), text.npos);
+    EXPECT_NE(text.find("  Vek-server not implement\n"), text.npos);
+}
+
+TEST_F(Server, bus_service_paths) {
+    client_t &a = join("a");
+    join("node\"2");
+    const std::string nodes = "{\n\t\"data\":\t[\"a\", \"node\\\"2\"]\n}";
+    const struct {
+        const char *url;
+        std::string answer;
+    } kCases[] = {
+        {"/bus/join", "{\"data\":\"\"}"},
+        {"/bus/joinx", "{\"data\":\"not implement\"}"},
+        {"/bus/join/x", "{\"data\":\"not implement\"}"},
+        {"/bus/subscribeAll", "{\"data\":\"\"}"},
+        {"/bus/unsubscribe", "{\"data\":\"\"}"},
+        {"/bus/nodes/list", nodes},
+        {"/b/nodes", nodes},
+        {"/bus/", ""},
+        {"/bus", "{\"data\":\"not implement\"}"},
+        {"/bus2/nodes", "{\"data\":\"not implement\"}"},
+        {"/local/x", "{\"data\":\"not implement\"}"},
+        {"/nobody/x", "{\"data\":\"not implement\"}"},
+    };
+    for (const auto &c : kCases) {
+        EXPECT_EQ(ask(a, c.url), c.answer) << c.url;
+    }
+    EXPECT_EQ(ask(a, "/bus/disjoin"), R"({"event":"disjoin", "name":"a"})");
+    EXPECT_EQ(server_->directory.find("a"), nullptr);
+    EXPECT_EQ(bus_mk_q_count(server_->nodes_queue), 1);
+    EXPECT_EQ(ask(a, "/bus/nodes"), "-"); // nobody of that name to hand it to
+    join("a");
+}
+
+TEST_F(Server, join_is_told_to_the_others_only) {
+    client_t &a = join("a");
+    ask(a, "/bus/subscribe", R"(["bus.event"])");
+    client_t &late = join("late");
+    ask(late, "/bus/subscribe", R"(["bus.event"])");
+    EXPECT_EQ(taken(a), Texts{R"(publish bus.event {"event":"join", "name": "late"})"});
+    EXPECT_EQ(taken(late), Texts{});
+}
+
+TEST_F(Server, second_record_of_a_name_is_refused_and_the_first_notices_nothing) {
+    client_t &first = join("twin");
+    forget(first);
+    client_t &second = record("twin");
+    EXPECT_EQ(ask(second, "/bus/join"), "null");
+    EXPECT_FALSE(second.registered);
+    EXPECT_EQ(answerOf(first), "-");
+    EXPECT_EQ(server_->directory.find("twin")->node, &first);
+    EXPECT_EQ(ask(first, "/bus/join"), "{\"data\":\"\"}");
+    EXPECT_EQ(bus_mk_q_count(server_->nodes_queue), 1);
+}
+
+TEST_F(Server, full_registry_refuses_the_join) {
+    std::vector<client_t *> nodes;
+    for (int i = 0; i < kServerQueue; ++i) {
+        nodes.push_back(&record(("n" + std::to_string(i)).c_str()));
+        request(*nodes.back(), "/bus/join");
+        if (i % 500 == 0) {
+            run();
+        }
+    }
+    run();
+    client_t &extra = record("extra");
+    EXPECT_EQ(ask(extra, "/bus/join"), "null");
+    EXPECT_EQ(server_->directory.find("extra"), nullptr);
+    ask(*nodes.front(), "/bus/disjoin");
+    EXPECT_EQ(ask(extra, "/bus/join"), "{\"data\":\"\"}");
+}
+
+TEST_F(Server, publication_goes_to_exact_topics_in_join_order) {
+    client_t &a = join("a");
+    client_t &b = join("b2");
+    client_t &c = join("c");
+    ask(c, "/bus/subscribe", R"(["x","x.y",7,null])");
+    ask(a, "/bus/subscribe", R"(["x","x"])");
+    ask(b, "/bus/subscribe", R"({"x":1})");
+    const auto &subscribers = server_->directory.topic("x")->subscribers;
+    ASSERT_EQ(subscribers.size(), 2U);
+    EXPECT_EQ(subscribers[0]->node, &a);
+    EXPECT_EQ(subscribers[1]->node, &c);
+    for (const char *topic : {"x", "x.y", "X", "x.y.z", "x."}) {
+        publish(a, topic, topic);
+    }
+    run();
+    EXPECT_EQ(taken(a), Texts{"publish x x"}); // its own publication
+    EXPECT_EQ(taken(b), Texts{});
+    EXPECT_EQ(taken(c), (Texts{"publish x x", "publish x.y x.y"}));
+    ask(c, "/bus/unsubscribe", R"(["x","unknown"])");
+    publish(a, "x", "again");
+    run();
+    EXPECT_EQ(taken(c), Texts{});
+    ask(a, "/bus/disjoin");
+    EXPECT_EQ(server_->directory.topic("x"), nullptr);
+}
+
+TEST_F(Server, sticky_message_is_replayed_replaced_and_removed) {
+    client_t &a = join("a");
+    client_t &late = join("late");
+    ask(a, "/bus/subscribe", R"(["s"])");
+    publish(a, "s", "old", action::kPublishSticky);
+    startLog(4);
+    publish(a, "s", "new", action::kPublishSticky);
+    run();
+    EXPECT_NE(log().find("  Vek-server a remove old then add new payload, topic s\n"),
+              std::string::npos);
+    EXPECT_EQ(taken(a), (Texts{"publish s old", "publish s new"}));
+    ask(a, "/bus/disjoin"); // the message outlives its publisher
+    ask(late, "/bus/subscribe", R"(["s"])");
+    EXPECT_EQ(taken(late), Texts{"publish s new"});
+    ask(late, "/bus/subscribe", R"(["s"])"); // subscribed already: no second replay
+    ask(late, "/bus/unsubscribe", R"(["s"])");
+    publish(late, nullptr, R"(["s"])", action::kRemoveSticky);
+    ask(late, "/bus/subscribe", R"(["s"])");
+    EXPECT_EQ(taken(late), Texts{});
+    EXPECT_EQ(bus_mk_q_count(server_->sticky_queue), 0);
+    testing::internal::CaptureStdout();
+    publish(late, nullptr, R"(["s"])", action::kRemoveSticky);
+    run();
+    EXPECT_NE(log().find("  Vek-server late already removeSticky topic s\n"), std::string::npos);
+}
+
+TEST_F(Server, full_node_loses_its_copy_alone) {
+    client_t &full = join("full");
+    client_t &other = join("other");
+    for (client_t *node : {&full, &other}) {
+        ask(*node, "/bus/subscribe", R"(["t"])");
+    }
+    fill(full.message_queue);
+    startLog(4);
+    publish(other, "t", "1");
+    EXPECT_EQ(ask(other, "/full/x"), "{\"data\":\"not implement\"}");
+    const std::string text = log();
+    EXPECT_NE(text.find("  Vek-server server ==> full pusblish topic t failed, queue is full\n"),
+              text.npos);
+    EXPECT_NE(text.find("  Vek-server server ==> full request failed, queue is full\n"), text.npos);
+    EXPECT_EQ(taken(other), Texts{"publish t 1"});
+    EXPECT_EQ(bus_mk_q_count(full.message_queue), kClientQueue);
+}
+
+TEST_F(Server, request_is_forwarded_and_the_answer_comes_back_by_name) {
+    client_t &a = join("a");
+    client_t &target = join("target");
+    EXPECT_EQ(ask(a, "/target/deep/path", "data"), "-");
+    EXPECT_STREQ(a.call_name.data(), "target");
+    EXPECT_EQ(taken(target), Texts{"request /target/deep/path data"});
+    // What a node answers never takes its caller off the bus.
+    const std::string text = R"({"event":"disjoin"})";
+    post("target", nullptr, "/bus/disjoin", action::kResponse, &target, "a", &text);
+    run();
+    EXPECT_EQ(answerOf(a), text);
+    EXPECT_STREQ(a.call_name.data(), "");
+    EXPECT_NE(server_->directory.find("a"), nullptr);
+}
+
+TEST_F(Server, call_that_closes_a_ring_is_refused) {
+    for (const int size : {1, 2, 3, 7}) {
+        std::vector<client_t *> ring;
+        for (int i = 0; i < size; ++i) {
+            ring.push_back(&join(("r" + std::to_string(size) + std::to_string(i)).c_str()));
+        }
+        client_t &watcher = join(("watcher" + std::to_string(size)).c_str());
+        ask(watcher, "/bus/subscribe", R"(["bus.error"])");
+        for (std::size_t i = 0; i < ring.size(); ++i) {
+            const std::string next = ring[(i + 1) % ring.size()]->name.get();
+            const bool last = i + 1 == ring.size();
+            EXPECT_EQ(ask(*ring[i], ("/" + next + "/x").c_str()), last ? "{\"data\":\"\"}" : "-");
+        }
+        EXPECT_EQ(taken(watcher), Texts{"publish bus.error " + std::string{kDeadlockNotice}});
+    }
+}
+
+TEST_F(Server, walk_into_a_foreign_ring_ends) {
+    client_t &a = join("a");
+    client_t &c = join("c");
+    client_t &third = join("third");
+    ask(a, "/c/x");
+    request(c, "/a/x"); // refused, but its answer is still queued when the next request is taken
+    request(third, "/a/x");
+    run();
+    EXPECT_EQ(answerOf(c), "{\"data\":\"\"}");
+    EXPECT_EQ(taken(a), Texts{"request /a/x NULL"});
+}
+
+TEST_F(Server, flood_of_publications_costs_no_answer) {
+    client_t &a = join("a");
+    fill(server_->message_queue);
+    forget(a);
+    const MessagePtr asked{
+        busClientExMessageNew("a", nullptr, "/x", action::kRequest, &a, "a", nullptr, 0)};
+    EXPECT_TRUE(answer(*server_, *asked, "here"));
+    busServerExit(server_); // refused: only answers and leave requests find a place
+    for (int i = 0; i <= kServerQueue; ++i) {
+        const MessagePtr next{
+            static_cast<message_t *>(bus_mk_q_recv(server_->message_queue, 1, 0, 1))};
+        ASSERT_TRUE(next) << i;
+        if (next->action) {
+            EXPECT_STREQ(next->action, action::kResponse);
+            EXPECT_STREQ(next->request_name, "a");
+        }
+    }
+    EXPECT_EQ(bus_mk_q_count(server_->message_queue), 0);
+}
+
+} // namespace
+} // namespace bus
