@@ -10,6 +10,7 @@
 
 #include <array>
 #include <atomic>
+#include <limits>
 #include <memory>
 
 namespace bus {
@@ -96,12 +97,14 @@ struct client_t {
     onmessage_callback onmessage_func = nullptr;
     oncall_callback oncall_func = nullptr;
     void *userdata = nullptr;
-    int timerid = 0;                       // the last id handed out
+    std::atomic<int> timerid{0};           // the last id handed out
     std::atomic<int> running{1};           // 0 once the spin loop has handled its exit
     std::atomic<int> wait_callresponse{0}; // 1 while a call of this node is under way
 
     // Whether an answer has been handed over since the latest call began.
     bool answered BUS_MK_GUARDED_BY(oncall_mutex) = false;
+    // No timer in timer_queue is due earlier, so that a pass that finds nothing due costs one look.
+    std::atomic<double> earliest_due{std::numeric_limits<double>::infinity()};
     // Whether the server knows the node. Written by the server's thread only.
     std::atomic<bool> registered{false};
 

@@ -198,6 +198,14 @@ int bus_mk_list_remove_node(bus_mk_list *list, bus_mk_list_node *node) noexcept 
     return 0;
 }
 
+void bus_mk_list_rotate(bus_mk_list *list) noexcept {
+    check(list);
+    if (bus_mk_list_node *const node = list->head) {
+        unlink(list, node);
+        link(list, node, nullptr);
+    }
+}
+
 void *bus_mk_list_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept {
     check(list);
     BUS_MK_ASSERT(node, "node != NULL");

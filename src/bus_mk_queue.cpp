@@ -86,6 +86,20 @@ void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept {
     return del == 1 ? bus_mk_list_get_idx(q->list, pos) : bus_mk_list_del_idx(q->list, pos);
 }
 
+void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept {
+    const bus_mk_guard lock{q->mut};
+    if (bus_mk_list_cnt(q->list) == 0) {
+        q->wait_recv = 1;
+        bus_mk_thread_cond_wait_for(&q->recv_cond, &q->mut, milliseconds);
+        q->wait_recv = 0;
+    }
+}
+
+void bus_mk_q_rotate(bus_mk_q_t *q) noexcept {
+    const bus_mk_guard lock{q->mut};
+    bus_mk_list_rotate(q->list);
+}
+
 void *bus_mk_q_delete(bus_mk_q_t *q, void *data) noexcept {
     const bus_mk_guard lock{q->mut};
     return bus_mk_list_del(q->list, data, nullptr);

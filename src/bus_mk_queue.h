@@ -2,8 +2,8 @@
 // registry is one. It stores pointers and never copies or frees what they lead to; null is never
 // stored.
 // Threads:   any thread may call anything; bus_mk_q_clear with flag 0 needs sole use.
-// Blocking:  only a receive with flag 0 waits, without time limit, while the queue is empty. Only
-//            a successful send wakes it. A send never waits.
+// Blocking:  only a receive with flag 0 waits, without time limit, while the queue is empty, and
+//            bus_mk_q_wait. Only a successful send wakes them. A send never waits.
 // Positions: insertion counts from 0 (-1 = tail), everything else from 1 (1 = head).
 // Callbacks: equality, delete and visit functions run under the queue's mutex; never operate on
 //            the same queue from one.
@@ -36,6 +36,12 @@ int bus_mk_q_send_beyond(bus_mk_q_t *q, void *data, int extra) noexcept;
 // del 1 leaves the item in place (it stays the queue's), any other value removes it (it becomes
 // yours). Null: nothing at pos, the queue empty, or another receiver was faster after a wait.
 void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept;
+
+// Waits while the queue is empty, at most the given time; it may end earlier.
+void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept;
+
+// Moves the head to the tail.
+void bus_mk_q_rotate(bus_mk_q_t *q) noexcept;
 
 // The first item from the head for which the equality function matches (data, item): removed and
 // yours, or left in place with its position in *dinx (dinx may be null). Null: no match.

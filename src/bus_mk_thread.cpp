@@ -18,15 +18,30 @@ std::uint32_t signalsOf(std::uint32_t cond) noexcept {
     return cond / kSignal;
 }
 
-void sleepUntilSignal(platform::Word &word, std::uint32_t signals) noexcept {
-    std::uint32_t seen = word.load(std::memory_order_acquire);
+// Whether to sleep on: the event is not set and no signal has come. The word then tells that
+// somebody sleeps.
+bool mustSleep(platform::Word &word, std::uint32_t &seen, std::uint32_t signals) noexcept {
+    seen = word.load(std::memory_order_acquire);
     while ((seen & kSet) == 0 && signalsOf(seen) == signals) {
         if ((seen & kSleepers) != 0 ||
             word.compare_exchange_weak(seen, seen | kSleepers, std::memory_order_acquire)) {
-            platform::waitWord(word, seen | kSleepers);
-            seen = word.load(std::memory_order_acquire);
+            seen |= kSleepers;
+            return true;
         }
     }
+    return false;
+}
+
+// The steps of a wait; sleep(word, expected, signals) is the sleeping itself.
+template <typename Sleep>
+void waitFor(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex, Sleep sleep) noexcept
+    BUS_MK_REQUIRES(mutex) {
+    platform::Word &word = cond->cond;
+    const std::uint32_t signals = signalsOf(word.load(std::memory_order_relaxed));
+    bus_mk_thread_mutex_unlock(mutex);
+    sleep(word, signals);
+    bus_mk_thread_mutex_lock(mutex);
+    word.fetch_and(~static_cast<std::uint32_t>(kSet), std::memory_order_relaxed);
 }
 
 struct bus_mk_thread_attr_t {
@@ -83,11 +98,23 @@ int bus_mk_thread_cond_destroy(bus_mk_thread_cond_t *cond) noexcept {
 }
 
 int bus_mk_thread_cond_wait(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex) noexcept {
-    const std::uint32_t signals = signalsOf(cond->cond.load(std::memory_order_relaxed));
-    bus_mk_thread_mutex_unlock(mutex);
-    sleepUntilSignal(cond->cond, signals);
-    bus_mk_thread_mutex_lock(mutex);
-    cond->cond.fetch_and(~static_cast<std::uint32_t>(kSet), std::memory_order_relaxed);
+    waitFor(cond, mutex, [](platform::Word &word, std::uint32_t signals) {
+        for (std::uint32_t seen = 0; mustSleep(word, seen, signals);) {
+            platform::waitWord(word, seen);
+        }
+    });
+    return 0;
+}
+
+// One sleep, whatever ends it: a caller that waits for a time looks again anyway.
+int bus_mk_thread_cond_wait_for(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex,
+                                std::uint32_t milliseconds) noexcept {
+    waitFor(cond, mutex, [milliseconds](platform::Word &word, std::uint32_t signals) {
+        std::uint32_t seen = 0;
+        if (mustSleep(word, seen, signals)) {
+            platform::waitWordFor(word, seen, milliseconds);
+        }
+    });
     return 0;
 }
 

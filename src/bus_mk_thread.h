@@ -1,7 +1,7 @@
 // Mutex, manual-reset event and threads: what every other module excludes and wakes with.
 // Threads:  any thread may call anything. A record is initialised before it is shared and
 //           destroyed after its last user is done; nobody may be blocked on it then.
-// Blocking: only lock, wait and join block, none with a time limit.
+// Blocking: only lock, wait and join block; only bus_mk_thread_cond_wait_for has a time limit.
 // Results:  0 for success, -1 for failure; operations that cannot fail return 0 all the same.
 // Cost:     an uncontended lock, unlock or signal makes no system call.
 #ifndef ZELVO_BUS_MK_THREAD_H
@@ -73,6 +73,9 @@ int bus_mk_thread_cond_destroy(bus_mk_thread_cond_t *cond) noexcept;
 // No signal given after the release is missed, also when another waiter clears it first.
 int bus_mk_thread_cond_wait(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex) noexcept
     BUS_MK_REQUIRES(mutex);
+// The same for at most the given time: the event may not have been set.
+int bus_mk_thread_cond_wait_for(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex,
+                                std::uint32_t milliseconds) noexcept BUS_MK_REQUIRES(mutex);
 // Sets the event. A system call is made only when a thread sleeps on it.
 int bus_mk_thread_cond_signal(bus_mk_thread_cond_t *cond) noexcept;
 

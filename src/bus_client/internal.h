@@ -35,6 +35,13 @@ void callDisjoin(client_t &client) noexcept;
 // Answers one request that another node made (the callee's side of a call).
 void answerRequest(client_t &client, const message_t &request) noexcept;
 
+// The spin loop's timer steps, in the node's thread: remove the timer that a "killtimer" names; run
+// the handler of each timer that is due, of those that wait when the pass begins; and, while timers
+// wait and no message does, pause for at most 3 ms, until the next message or look.
+void _killTimer(client_t &client, const message_t &message) noexcept;
+void timerPass(client_t &client) noexcept;
+void timerPause(client_t &client) noexcept;
+
 } // namespace bus
 
 // Nothing is evaluated unless debug lines are written.

@@ -29,9 +29,8 @@ struct Route {
     void (*run)(client_t &, const message_t &);
 };
 constexpr Route kActions[] = {
-    {action::kPublish, _message},
-    {action::kRequest, answerRequest},
-    {action::kSetTimer, _wakeUp},
+    {action::kPublish, _message},     {action::kRequest, answerRequest},
+    {action::kKillTimer, _killTimer}, {action::kSetTimer, _wakeUp},
     {action::kExit, _exit},
 };
 
@@ -47,17 +46,19 @@ MessagePtr takeNext(client_t &client) noexcept {
     return MessagePtr{static_cast<message_t *>(bus_mk_q_delete(client.message_queue, key))};
 }
 
-void dispatch(client_t &client, const message_t &message) noexcept {
+// False: the message is broken, and no timer is looked at on its account.
+bool dispatch(client_t &client, const message_t &message) noexcept {
     BUS_CLIENT_TRACE("<==", &client, &message);
     if (!message.action || !message.name) {
-        return;
+        return false;
     }
     for (const Route &route : kActions) {
         if (route.action == message.action) {
             route.run(client, message);
-            return;
+            break;
         }
     }
+    return true;
 }
 
 } // namespace
@@ -69,7 +70,10 @@ int busClientSpin(client_t *client) noexcept {
         return 0;
     }
     while (const bus::MessagePtr message = bus::takeNext(*client)) {
-        bus::dispatch(*client, *message);
+        if (bus::dispatch(*client, *message)) {
+            bus::timerPass(*client);
+            bus::timerPause(*client);
+        }
     }
     BUS_LOG(3, "  %s %s thread exit\n", bus::kClientTag, client->name.get());
     return 0;

@@ -1,6 +1,10 @@
 #include "bus_client/internal.h"
 #include "bus_tools.h"
 
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <limits>
 #include <memory>
 #include <new>
 
@@ -8,14 +12,50 @@ namespace bus {
 namespace {
 
 constexpr int kLastTimerId = 32767;
+constexpr unsigned kPause = 3; // milliseconds between two looks at the timers
 
-// Ids run from 2 on: the counter starts below its least value and is set to it first.
+double now() noexcept {
+    return clock_gettimestamp() * 1000.0;
+}
+
+// Ids run from 2 on: the counter starts below its least value and is set to it first. Threads that
+// set timers of one node at once get different ids.
 int nextTimerId(client_t &client) noexcept {
-    if (client.timerid < 1 || client.timerid >= kLastTimerId) {
-        client.timerid = 1;
-        BUS_LOG(4, "  %s timerId overstep the boundary 32767\n", kClientTag);
+    int last = client.timerid.load(std::memory_order_relaxed);
+    for (;;) {
+        const bool wraps = last < 1 || last >= kLastTimerId;
+        const int next = wraps ? 2 : last + 1;
+        if (client.timerid.compare_exchange_weak(last, next, std::memory_order_relaxed)) {
+            if (wraps) {
+                BUS_LOG(4, "  %s timerId overstep the boundary 32767\n", kClientTag);
+            }
+            return next;
+        }
     }
-    return ++client.timerid;
+}
+
+// A pass sets earliest_due aside before it counts the queue, and a timer is noted after it has been
+// queued: so whatever order the two meet in, one of them notes the timer.
+void noteDue(client_t &client, double due) noexcept {
+    double earliest = client.earliest_due.load();
+    while (due < earliest && !client.earliest_due.compare_exchange_weak(earliest, due)) {}
+}
+
+void fire(client_t &client, const timer_t &timer) noexcept {
+    if (!timer.timer_func) {
+        BUS_LOG(4, "  %s %s timer func not implement\n", kClientTag, client.name.get());
+        return;
+    }
+    BUS_LOG(1, "  %s %d timer func begin\n", kClientTag, timer.type);
+    timer.timer_func(timer.userdata, &client, timer.type);
+    BUS_LOG(1, "  %s %d timer func end\n", kClientTag, timer.type);
+}
+
+void postWakeUp(client_t &client) noexcept {
+    MessagePtr message = ownMessage(client, nullptr, action::kSetTimer, nullptr, 0);
+    if (message && bus_mk_q_send(client.message_queue, message.get(), -1) == 0) {
+        static_cast<void>(message.release());
+    }
 }
 
 } // namespace
@@ -29,14 +69,14 @@ timer_t *busClientExTimerNew(client_t *client, timer_callback timer_func, long m
     if (!timer) {
         return nullptr;
     }
-    const double now = clock_gettimestamp() * 1000.0;
     timer->id = nextTimerId(*client);
     timer->type = type;
-    timer->timeout = static_cast<double>(mstimeout) + now;
     timer->userdata = userdata;
     timer->timer_func = timer_func;
+    const double created = now();
+    timer->timeout = static_cast<double>(mstimeout) + created;
     BUS_LOG(1, "  %s timer new %d, %lld, %lld\n", kClientTag, timer->id,
-            static_cast<long long>(now), static_cast<long long>(timer->timeout));
+            static_cast<long long>(created), static_cast<long long>(timer->timeout));
     return timer;
 }
 
@@ -52,13 +92,92 @@ int _timer_equal(void *key, void *stored) noexcept {
     return static_cast<const timer_t *>(stored)->id == *static_cast<const int *>(key) ? 0 : -1;
 }
 
-} // namespace bus
-
-int busClientSettimer(client_t * /*client*/, timer_callback /*timer_func*/, long /*mstimeout*/,
-                      int /*type*/, void * /*userdata*/) noexcept {
-    return -1;
+void _killTimer(client_t &client, const message_t &message) noexcept {
+    const bool hasData = message.payload && message.payload->data;
+    const JsonPtr json{hasData ? cJSON_Parse(message.payload->data) : nullptr};
+    const cJSON *const item = cJSON_GetObjectItem(json.get(), "id");
+    if (!item) {
+        return;
+    }
+    int id = item->valueint;
+    if (void *const timer = bus_mk_q_delete(client.timer_queue, &id)) {
+        busClientExTimerDelete(timer);
+    } else {
+        BUS_LOG(1, "  %s %s already remove timer %d\n", kClientTag, client.name.get(), id);
+    }
 }
 
-int busClientKilltimer(client_t * /*client*/, int /*id*/) noexcept {
+void timerPass(client_t &client) noexcept {
+    const double earliest = client.earliest_due.load();
+    if (std::isinf(earliest) || now() < earliest) {
+        return;
+    }
+    client.earliest_due.store(std::numeric_limits<double>::infinity());
+    for (int left = bus_mk_q_count(client.timer_queue); left > 0; --left) {
+        const auto *const head =
+            static_cast<const timer_t *>(bus_mk_q_recv(client.timer_queue, 1, 1, 1));
+        if (now() < head->timeout) {
+            noteDue(client, head->timeout);
+            bus_mk_q_rotate(client.timer_queue);
+        } else {
+            // Out of the queue first: its handler may set timers, and wants their place.
+            void *const timer = bus_mk_q_recv(client.timer_queue, 1, 0, 1);
+            fire(client, *static_cast<const timer_t *>(timer));
+            busClientExTimerDelete(timer);
+        }
+    }
+}
+
+void timerPause(client_t &client) noexcept {
+    if (client.running.load(std::memory_order_relaxed) == 0 ||
+        bus_mk_q_count(client.timer_queue) == 0) {
+        return;
+    }
+    bus_mk_q_wait(client.message_queue, kPause);
+    if (bus_mk_q_count(client.message_queue) == 0) {
+        postWakeUp(client);
+    }
+}
+
+} // namespace bus
+
+int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeout, int type,
+                      void *userdata) noexcept {
+    bus::timer_t *const timer =
+        bus::busClientExTimerNew(client, timer_func, mstimeout, type, userdata);
+    if (!timer) {
+        return -1;
+    }
+    // The timer may fire, and be gone, as soon as it is queued.
+    const int id = timer->id;
+    const double due = timer->timeout;
+    if (bus_mk_q_send(client->timer_queue, timer, -1) == 0) {
+        bus::noteDue(*client, due);
+    } else {
+        BUS_LOG(4, "  %s %s settimer failed, queue is full\n", bus::kClientTag, client->name.get());
+        bus::busClientExTimerDelete(timer);
+    }
+    if (bus_mk_q_count(client->message_queue) == 0) {
+        bus::postWakeUp(*client);
+    }
+    BUS_LOG(2, "  %s %s set timer %d\n", bus::kClientTag, client->name.get(), id);
+    return id;
+}
+
+int busClientKilltimer(client_t *client, int id) noexcept {
+    if (!client) {
+        return 0;
+    }
+    BUS_LOG(2, "  %s %s kill timer: %d\n", bus::kClientTag, client->name.get(), id);
+    std::array<char, 32> payload{};
+    const int length = std::snprintf(payload.data(), payload.size(), "{\"id\": %d}", id);
+    bus::MessagePtr message =
+        bus::ownMessage(*client, nullptr, bus::action::kKillTimer, payload.data(), length);
+    if (message && bus_mk_q_send(client->message_queue, message.get(), -1) == 0) {
+        static_cast<void>(message.release());
+    } else {
+        BUS_LOG(4, "  %s %s killtimer failed, queue is full\n", bus::kClientTag,
+                client->name.get());
+    }
     return 0;
 }
