@@ -34,8 +34,12 @@ struct server_t {
     bus_mk_q_t *sticky_queue = nullptr;  // message_t, at most one a topic
     bus_mk_text name;
     std::atomic<int> running{0}; // 1 while the loop is to go on
-    bus_mk_text keys;            // the key store's text
+    bus_mk_text keys;            // the key store's text; null until it is loaded or set
     bus_mk_text path;            // the home directory, or null
+
+    JsonPtr store; // keys, parsed
+    // Whether keys.json holds something that could not be taken over, and must not be overwritten.
+    bool foreign_file = false;
 
     Directory directory;
     std::uint64_t joins = 0;

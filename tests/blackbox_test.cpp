@@ -58,8 +58,8 @@ public:
     using OnCall = std::function<char *(client_t *, const std::string &url, const char *, int)>;
 
     Node(const Bus &bus, const char *name, OnCall onCall = {}, bool spin = true)
-        : onCall_{std::move(onCall)},
-          client_{busClientConnect(bus.get(), name, hear, onCall_ ? reply : nullptr, this)} {
+        : onCall_{std::move(onCall)}, client_{busClientConnect(bus.get(), name, hear,
+                                                               onCall_ ? reply : nullptr, this)} {
         if (client_ && spin) {
             thread_ = std::thread{[this] { busClientSpin(client_); }};
         }
@@ -136,7 +136,8 @@ TEST(Zelvo, call_is_answered_by_the_other_nodes_thread) {
                     answeredBy = std::this_thread::get_id();
                     return url == "/target/none"
                                ? nullptr
-                               : strdup((url + (data ? data : "null") + std::to_string(len)).c_str());
+                               : strdup(
+                                     (url + (data ? data : "null") + std::to_string(len)).c_str());
                 }};
     Node silent{bus, "silent"};
     Node a{bus, "a"};
@@ -261,9 +262,8 @@ TEST(Zelvo, rings_of_calls_are_refused_and_told) {
 
 TEST(Zelvo, two_threads_of_one_node_call_in_turn) {
     const Bus bus;
-    Node echo{bus, "echo", [](client_t *, const std::string &, const char *data, int) {
-                  return strdup(data);
-              }};
+    Node echo{bus, "echo",
+              [](client_t *, const std::string &, const char *data, int) { return strdup(data); }};
     Node a{bus, "a"};
     std::atomic<int> ended{0};
     std::vector<std::thread> threads;
@@ -347,12 +347,11 @@ TEST(Zelvo, full_bus_refuses_and_says_so) {
     // A node whose join was lost is not on the bus, and is not kept waiting on it.
     Node lost{bus, "lost", {}, false};
     EXPECT_EQ(lost.call("/a/x"), "null");
-    for (const char *line :
-         {"a ==> server publish failed, topic: t, queue is full",
-          "a ==> server publishSticky failed, topic: t, queue is full",
-          "a ==> server removeSticky failed, data: [], queue is full",
-          "a ==> server call failed, url: /bus/nodes, queue is full",
-          "lost ==> server call failed, url: /bus/join, queue is full"}) {
+    for (const char *line : {"a ==> server publish failed, topic: t, queue is full",
+                             "a ==> server publishSticky failed, topic: t, queue is full",
+                             "a ==> server removeSticky failed, data: [], queue is full",
+                             "a ==> server call failed, url: /bus/nodes, queue is full",
+                             "lost ==> server call failed, url: /bus/join, queue is full"}) {
         EXPECT_NE(bus.log().find(line), std::string::npos) << line;
     }
     bus.start();

@@ -40,8 +40,8 @@ public:
     TempDir() {
         std::random_device random;
         do {
-            path_ = std::filesystem::temp_directory_path() /
-                    ("zelvo-test-" + std::to_string(random()));
+            path_ =
+                std::filesystem::temp_directory_path() / ("zelvo-test-" + std::to_string(random()));
         } while (!std::filesystem::create_directory(path_));
     }
     ~TempDir() {

@@ -27,7 +27,7 @@ int _busServerHasDeadLock(server_t *server, const char *host, const char *target
 
 void refuseRing(server_t &server, const message_t &request) noexcept {
     BUS_LOG(5, "  bus server exist deadlock\n");
-    if (!answer(server, request, kEmptyAnswer)) {
+    if (answer(server, request, kEmptyAnswer) == Answered::kNotMade) {
         return;
     }
     if (!publishNotice(server, kErrorTopic, kDeadlockNotice)) {

@@ -49,19 +49,27 @@ void forEachTopic(const message_t &message, Run run) {
 
 // ---- answers, loop.cpp ----
 
+enum class Answered { kQueued, kNotMade, kRefused };
+
 // Queues the answer to request for the server itself, so that it reaches the caller after all that
-// was queued before it. An answer that cannot be made or queued ends the call with none, at once;
-// false then.
-bool answer(server_t &server, const message_t &request, std::string_view text) noexcept;
+// was queued before it. An answer that cannot be made or queued ends the call with none, at once.
+Answered answer(server_t &server, const message_t &request, std::string_view text) noexcept;
 // Ends the call of the record that made request without an answer.
 void endCall(const message_t &request) noexcept;
 // Hands client its answer (null: none) and wakes it. The record may be gone on return.
 void deliver(client_t &client, const payload_t *payload) noexcept;
 
-// ---- service.cpp, deadlock.cpp ----
+// ---- service.cpp, keys.cpp, deadlock.cpp ----
 
-// Answers a request to the host "bus".
+// Answer a request to the host "bus", and to the host "localKeys".
 void _busServerService(server_t &server, const message_t &request, const Url &url) noexcept;
+void _busServerKeys(server_t &server, const message_t &request, const Url &url) noexcept;
+
+// Loads the key store from its file, where there is one. A file that is no JSON object is set
+// aside, beside it, and the store starts empty.
+void _busGetKeys(server_t &server);
+// Writes the key store to its file, which is replaced as a whole or stays as it was.
+void _busSetKeys(server_t &server);
 
 // 0 when the chain of calls that starts at node host leads to a node that is calling target, -1
 // when it ends elsewhere. The chain is left after as many steps as there are nodes: a ring that

@@ -44,10 +44,6 @@ void callNode(server_t &server, const message_t &request, const Url &url) noexce
     }
 }
 
-void _busServerKeys(server_t &server, const message_t &request, const Url & /*url*/) noexcept {
-    answer(server, request, kUnknownAnswer);
-}
-
 struct Host {
     std::string_view name;
     void (*run)(server_t &, const message_t &, const Url &);
@@ -211,7 +207,7 @@ int _busServerLogMessage(int level, const char *direction, const server_t *serve
     return 0;
 }
 
-bool answer(server_t &server, const message_t &request, std::string_view text) noexcept {
+Answered answer(server_t &server, const message_t &request, std::string_view text) noexcept {
     MessagePtr response{busClientExMessageNew(kServerName, nullptr, request.url, action::kResponse,
                                               &server, request.name, text.data(),
                                               static_cast<int>(text.size()))};
@@ -219,12 +215,14 @@ bool answer(server_t &server, const message_t &request, std::string_view text) n
         BUS_SERVER_TRACE("==>", &server, response.get(), server.name.get());
         if (postToServer(server, response.get()) == 0) {
             static_cast<void>(response.release());
-            return true;
+            return Answered::kQueued;
         }
+        endCall(request);
+        return Answered::kRefused;
     }
     BUS_LOG(5, "  %s response failed\n", kServerTag);
     endCall(request);
-    return false;
+    return Answered::kNotMade;
 }
 
 void endCall(const message_t &request) noexcept {

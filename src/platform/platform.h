@@ -19,6 +19,9 @@ using Word = std::atomic<std::uint32_t>;
 // without a reason: the caller looks at the word again. No time limit.
 void waitWord(Word &word, std::uint32_t expected) noexcept;
 
+// The same for at most the given time; also returns when it has passed.
+void waitWordFor(Word &word, std::uint32_t expected, std::uint32_t milliseconds) noexcept;
+
 // Wakes one sleeper, or all of them. Only the address is used: the word may already have been
 // released by a thread that saw the value stored before the call.
 void wakeOne(Word &word) noexcept;
@@ -40,6 +43,17 @@ void *threadStart(ThreadBody body, void *arg, std::size_t stack) noexcept;
 
 // Waits without time limit until the thread has ended and releases the handle. Null: no effect.
 void threadJoin(void *handle) noexcept;
+
+enum class FileResult { kDone, kNotOpened, kNotWritten };
+
+// Replaces the file path as a whole by size bytes of data: they go to a file beside it, path with
+// ".new" behind it, and to the disk, before that takes the name. At every instant, also if the
+// process or the machine dies, path is the old file or the new one. Any other result leaves path
+// as it was.
+FileResult replaceFile(const char *path, const char *data, std::size_t size) noexcept;
+
+// Gives the file from the name to, unless that exists. False: nothing is changed.
+bool renameFile(const char *from, const char *to) noexcept;
 
 } // namespace platform
 

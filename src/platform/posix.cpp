@@ -1,10 +1,14 @@
 #include "platform/platform.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <ctime>
 #include <memory>
 #include <new>
+#include <string>
 
+#include <fcntl.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
@@ -40,15 +44,65 @@ std::size_t roundedStack(std::size_t wanted) noexcept {
 // The futex operates on the bare 32-bit integer inside the atomic.
 static_assert(sizeof(Word) == sizeof(std::uint32_t) && Word::is_always_lock_free);
 
-long futex(Word &word, int operation, std::uint32_t value) noexcept {
+long futex(Word &word, int operation, std::uint32_t value,
+           const timespec *limit = nullptr) noexcept {
     return syscall(SYS_futex, static_cast<void *>(&word), operation | FUTEX_PRIVATE_FLAG, value,
-                   nullptr, nullptr, 0);
+                   limit, nullptr, 0);
+}
+
+// An open file descriptor, or none.
+class File {
+public:
+    explicit File(int descriptor) noexcept : descriptor_{descriptor} {}
+    ~File() {
+        if (isOpen()) {
+            close(descriptor_);
+        }
+    }
+    File(const File &) = delete;
+    File &operator=(const File &) = delete;
+
+    bool isOpen() const noexcept { return descriptor_ >= 0; }
+    int get() const noexcept { return descriptor_; }
+
+private:
+    int descriptor_;
+};
+
+bool writeAll(int file, const char *data, std::size_t size) noexcept {
+    while (size > 0) {
+        const ssize_t written = write(file, data, size);
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        const std::size_t done = written > 0 ? static_cast<std::size_t>(written) : 0;
+        data += done;
+        size -= done;
+    }
+    return true;
+}
+
+// A rename is on the disk once its directory is.
+void syncDirectoryOf(const std::string &path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = slash == path.npos ? "." : path.substr(0, slash + 1);
+    const File file{open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (file.isOpen()) {
+        fsync(file.get());
+    }
 }
 
 } // namespace
 
 void waitWord(Word &word, std::uint32_t expected) noexcept {
     futex(word, FUTEX_WAIT, expected);
+}
+
+void waitWordFor(Word &word, std::uint32_t expected, std::uint32_t milliseconds) noexcept {
+    timespec limit{};
+    limit.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    limit.tv_nsec = static_cast<long>(milliseconds % 1000) * 1'000'000;
+    futex(word, FUTEX_WAIT, expected, &limit);
 }
 
 void wakeOne(Word &word) noexcept {
@@ -90,6 +144,28 @@ void threadJoin(void *handle) noexcept {
     if (thread) {
         pthread_join(thread->handle, nullptr);
     }
+}
+
+FileResult replaceFile(const char *path, const char *data, std::size_t size) noexcept try {
+    const std::string beside = std::string{path} + ".new";
+    const File file{open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
+    if (!file.isOpen()) {
+        return FileResult::kNotOpened;
+    }
+    if (!writeAll(file.get(), data, size) || fsync(file.get()) != 0 ||
+        rename(beside.c_str(), path) != 0) {
+        unlink(beside.c_str());
+        return FileResult::kNotWritten;
+    }
+    syncDirectoryOf(path);
+    return FileResult::kDone;
+} catch (const std::bad_alloc &) {
+    return FileResult::kNotOpened;
+}
+
+// A hard link is refused where the name exists; a rename would take it over.
+bool renameFile(const char *from, const char *to) noexcept {
+    return link(from, to) == 0 && unlink(from) == 0;
 }
 
 } // namespace platform

@@ -1,0 +1,38 @@
+# What `cmake --install` lays down: the header, the library, and the two ways to find them. None of
+# it names the prefix, so an installed tree can be moved.
+include(CMakePackageConfigHelpers)
+
+set(ZELVO_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Zelvo)
+set(ZELVO_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES src/bus_client.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelvo)
+install(TARGETS zelvo EXPORT ZelvoTargets DESTINATION ${CMAKE_INSTALL_LIBDIR})
+
+# The CMake package.
+install(EXPORT ZelvoTargets NAMESPACE Zelvo:: DESTINATION ${ZELVO_PACKAGE_DIR})
+configure_package_config_file(cmake/ZelvoConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/ZelvoConfig.cmake
+    INSTALL_DESTINATION ${ZELVO_PACKAGE_DIR}
+    NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ZelvoConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+        ${CMAKE_CURRENT_BINARY_DIR}/ZelvoConfig.cmake
+        ${CMAKE_CURRENT_BINARY_DIR}/ZelvoConfigVersion.cmake
+    DESTINATION ${ZELVO_PACKAGE_DIR})
+
+# The pkg-config file. It finds the prefix from where it lies itself: as many steps up as its
+# folder is deep. A library directory outside the prefix can't be moved along; it keeps the prefix.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    set(ZELVO_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+else()
+    file(RELATIVE_PATH ZELVO_PC_UP "/${ZELVO_PKGCONFIG_DIR}" "/")
+    string(REGEX REPLACE "/$" "" ZELVO_PC_UP "${ZELVO_PC_UP}")
+    set(ZELVO_PC_PREFIX "\${pcfiledir}/${ZELVO_PC_UP}")
+endif()
+# Appending an absolute directory takes the prefix's place.
+set(ZELVO_PC_INCLUDEDIR "\${prefix}")
+cmake_path(APPEND ZELVO_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
+set(ZELVO_PC_LIBDIR "\${prefix}")
+cmake_path(APPEND ZELVO_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+configure_file(cmake/zelvo.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelvo.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelvo.pc DESTINATION ${ZELVO_PKGCONFIG_DIR})
