@@ -150,10 +150,18 @@ ZELVO_API int busClientPublishSticky(client_t *client, const char *topic, const 
 ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELVO_NOEXCEPT;
 
 /* Calls url, "/host/path", and waits for the answer. host is a node's name, answered by that
- * node's call handler in its own thread, or "bus", answered by the bus itself:
+ * node's call handler in its own thread, or one that the bus answers itself:
  *   /bus/nodes                    {"data": [...]}, the names on the bus in the order they joined,
  *                                 printed with line breaks and tabs
  *   /bus/subscribe, /bus/unsubscribe, /bus/join, /bus/disjoin     what the functions here use
+ *   /localKeys/key                the key store; data is a JSON object:
+ *       {"operation":"set", "data": VALUE}   stores any JSON value under key; with
+ *                                            "persist":"true" also writes the store to its file
+ *       {"operation":"get"}                  is answered with the value, printed as JSON
+ *     Anything else, a get of no key included, is answered {"data":""}. Keys match without regard
+ *     to ASCII case. The file is keys.json in the directory "homePath"; it is read at the first
+ *     request, and replaced as a whole, on the disk before the answer comes. A file that is no
+ *     JSON object is renamed to keys.json.bad (.bad.1, ...) and the store starts empty.
  * data may be null (len is then ignored). The answer is the node's: read it, do not free it; it
  * stays valid until the node's next call has been posted (subscribing and leaving are calls too),
  * or until the node is closed.
@@ -180,12 +188,21 @@ ZELVO_API int busClientSpin(client_t *client) ZELVO_NOEXCEPT;
  * can be made again. */
 ZELVO_API int busClientSpinExit(client_t *client) ZELVO_NOEXCEPT;
 
-/* Sets a timer that calls timer_func(userdata, client, type) once in the node's thread, mstimeout
- * milliseconds from now, and returns its id. Not available yet: returns -1. */
+/* Sets a timer: the node's thread calls timer_func(userdata, client, type) once, mstimeout
+ * milliseconds from now (32 bits; 0 or less: at the next look), on a clock that does not follow the
+ * wall clock. A node looks after each message, and every 3 milliseconds while it has nothing to
+ * do. Timers that are due together run in the order in which they were set; one that is set by a
+ * timer's handler waits for the next look, so a handler may set its own timer again. Does not
+ * block. A node whose thread does not run calls nothing; the timers go with the node.
+ * Returns the timer's id, 2 to 32767 and then 2 again; -1: client is null or memory is short. At
+ * most 1,024 timers wait: one more is dropped with a warning in the log, and its id returned all
+ * the same. Without timer_func a warning is logged when the timer is due. */
 ZELVO_API int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeout,
                                 int type, void *userdata) ZELVO_NOEXCEPT;
 
-/* Removes the timer id before it is due. Not available yet. Always 0. */
+/* Asks the node's thread to remove the timer id. It does so when it reaches the request; a timer
+ * that is due before runs. An id that does not wait (any more) has no effect. Does not block.
+ * Always 0; when the node's queue is full the request is dropped with a warning in the log. */
 ZELVO_API int busClientKilltimer(client_t *client, int id) ZELVO_NOEXCEPT;
 
 #ifdef __cplusplus
