@@ -100,7 +100,6 @@ TEST_F(Keys, unreadable_store_is_kept_aside) {
         write(texts[i]);
         startLog(5);
         EXPECT_EQ(get("a"), kNothing);
-        bus_log_exit();
         const std::string text = log();
         EXPECT_NE(text.find(file_ + " is no key store, kept as " + file_), text.npos) << text;
         EXPECT_EQ(read(names[i]), texts[i]);

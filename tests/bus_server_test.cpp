@@ -149,7 +149,7 @@ TEST_F(Server, sticky_message_is_replayed_replaced_and_removed) {
     ask(late, "/bus/subscribe", R"(["s"])");
     EXPECT_EQ(taken(late), Texts{});
     EXPECT_EQ(bus_mk_q_count(server_->sticky_queue), 0);
-    testing::internal::CaptureStdout();
+    startLog(4);
     publish(late, nullptr, R"(["s"])", action::kRemoveSticky);
     run();
     EXPECT_NE(log().find("  Vek-server late already removeSticky topic s\n"), std::string::npos);

@@ -17,8 +17,8 @@ class Server : public testing::Test {
 protected:
     explicit Server(const char *home = nullptr) : server_{busServerNew(home)} {}
     ~Server() override {
-        busServerDelete(server_);
         bus_log_exit();
+        busServerDelete(server_);
     }
 
     client_t &record(const char *name) {
@@ -89,7 +89,10 @@ protected:
             filler.reset(busClientExMessageCopy(&kFiller));
         } while (bus_mk_q_send(queue, filler.get(), -1) == 0);
     }
-    std::string log() { return testing::internal::GetCapturedStdout(); }
+    static std::string log() {
+        bus_log_exit();
+        return testing::internal::GetCapturedStdout();
+    }
     static void startLog(int level) {
         testing::internal::CaptureStdout();
         bus_log_init(level, nullptr, 0, 0);

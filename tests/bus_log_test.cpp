@@ -1,0 +1,190 @@
+#include "bus_log.h"
+#include "test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t kBudget = 4094;
+
+class Log : public testing::Test {
+protected:
+    ~Log() override { bus::bus_log_exit(); }
+    void open(int level, float size = 20, int mode = 0) {
+        bus::bus_log_init(level, path_.c_str(), mode, size);
+    }
+    std::string text() const { return readFile(path_); }
+    std::string lastText() const { // of the last line: what stands behind "#line#"
+        const std::string all = text();
+        std::smatch match;
+        return std::regex_search(all, match, std::regex{"#[ 0-9]{4,}#([^\n]*)\n$"}) ? match.str(1)
+                                                                                    : all;
+    }
+
+    TempDir dir_;
+    const std::string path_ = dir_.file("bus.log");
+};
+
+TEST_F(Log, line_carries_ids_time_level_and_source) {
+    open(0);
+    for (int level = 0; level <= 6; ++level) {
+        bus::_bus_log(level, "src/some_file.cpp", 75, "f", "  %s, VERSION %s\n", "Tag", "1");
+    }
+    BUS_LOG(3, "  from the macro");
+    const std::string head = "\\[0*" + std::to_string(getpid()) + ":0*" + std::to_string(gettid()) +
+                             "\\]\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} ";
+    std::string expected;
+    for (const char letter : std::string{"-VDIWE-"}) {
+        expected += head + "\\[" + letter + "\\] src/some_file\\.cpp#  75#  Tag, VERSION 1\n";
+    }
+    expected += head + "\\[I\\] tests/bus_log_test\\.cpp# *\\d+#  from the macro\n";
+    EXPECT_TRUE(std::regex_match(text(), std::regex{expected})) << text();
+}
+
+TEST_F(Log, date_is_that_of_utc_plus_8) {
+    open(0);
+    const auto stampOf = [](std::time_t time) {
+        time += 8 * 3600;
+        char stamp[32];
+        std::strftime(stamp, sizeof stamp, "]%Y-%m-%d %H:%M:%S.", std::gmtime(&time));
+        return std::string{stamp};
+    };
+    const std::time_t before = std::time(nullptr);
+    BUS_LOG(3, "x");
+    const std::time_t after = std::time(nullptr);
+    bool found = false;
+    for (std::time_t time = before; time <= after; ++time) {
+        found = found || text().find(stampOf(time)) != std::string::npos;
+    }
+    EXPECT_TRUE(found) << text();
+}
+
+TEST_F(Log, threshold_drops_lines_and_evaluates_nothing) {
+    BUS_LOG(5, "before the log is open");
+    open(2);
+    int evaluated = 0;
+    for (int level = 0; level <= 5; ++level) {
+        BUS_LOG(level, "level %d, %d", level, ++evaluated);
+    }
+    EXPECT_EQ(evaluated, 4);
+    EXPECT_EQ(lastText(), "level 5, 4");
+    bus::bus_log_init(5, dir_.file("other.log").c_str(), 0, 1); // open: only the level changes
+    BUS_LOG(4, "dropped");
+    BUS_LOG(5, "kept");
+    EXPECT_EQ(lastText(), "kept");
+    EXPECT_FALSE(std::filesystem::exists(dir_.file("other.log")));
+    bus::bus_log_exit();
+    const std::string whole = text();
+    BUS_LOG(5, "after it is closed");
+    EXPECT_EQ(text(), whole);
+}
+
+TEST_F(Log, text_is_cut_at_the_budget_and_ends_in_one_line_feed) {
+    open(0);
+    BUS_LOG(3, "%s", "");
+    const std::size_t head = text().size() - 1;
+    for (const int extra : {-1, 0, 1, 5000}) {
+        for (const char *end : {"", "\n"}) {
+            bus::bus_log_exit();
+            open(0);
+            const std::size_t size = kBudget - head + static_cast<std::size_t>(extra);
+            const std::string wanted = std::string(size, 'x') + end;
+            bus::_bus_log(3, __FILE__, 100, "", "%s", wanted.c_str());
+            const std::string line = text();
+            EXPECT_EQ(line.size(), std::min(head + size, kBudget) + 1) << extra;
+            EXPECT_EQ(line.find('\n'), line.size() - 1);
+        }
+    }
+}
+
+TEST_F(Log, mode_empties_or_appends) {
+    for (const auto &[mode, lines] : {std::pair{0, 1}, {1, 2}, {7, 3}, {0, 1}}) {
+        open(0, 20, mode);
+        BUS_LOG(3, "x");
+        bus::bus_log_exit();
+        const std::string all = text();
+        EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), lines) << mode;
+    }
+}
+
+TEST_F(Log, full_file_is_begun_anew) {
+    open(0, 0.001F); // 1048 bytes
+    const std::string filler(1200, 'f');
+    BUS_LOG(3, "%s", filler.c_str());
+    const std::size_t length = text().size();
+    BUS_LOG(3, "next");
+    EXPECT_EQ(text().find("\nlog file size: " + std::to_string(length) +
+                          ", remove file:  " + path_ + "\n\n["),
+              0U);
+    EXPECT_EQ(lastText(), "next");
+    bus::bus_log_exit();
+    open(0, 0.001F, 1); // what was there counts
+    BUS_LOG(3, "%s", filler.c_str());
+    bus::bus_log_exit();
+    open(0, 0.001F, 1);
+    BUS_LOG(3, "again");
+    EXPECT_EQ(text().find("\nlog file size: "), 0U);
+    for (const float never : {0.0F, -1.0F}) {
+        bus::bus_log_exit();
+        open(0, never);
+        BUS_LOG(3, "%s", filler.c_str());
+        BUS_LOG(3, "x");
+        EXPECT_GT(text().size(), 1200U);
+    }
+}
+
+TEST_F(Log, standard_output_takes_what_no_file_takes) {
+    const std::string missing = dir_.file("none/bus.log");
+    for (const char *path : {static_cast<const char *>(nullptr), "", missing.c_str()}) {
+        testing::internal::CaptureStdout();
+        bus::bus_log_init(0, path, 0, 1);
+        BUS_LOG(3, "out");
+        bus::bus_log_exit();
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_NE(out.find("#out\n"), std::string::npos);
+    }
+    open(0, 0.001F);
+    BUS_LOG(3, "%s", std::string(1200, 'f').c_str());
+    std::filesystem::remove(path_);
+    std::filesystem::create_directories(path_ + "/in the way");
+    testing::internal::CaptureStdout();
+    BUS_LOG(3, "first");
+    BUS_LOG(3, "second");
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_LT(out.find("#first\n"), out.find("#second\n"));
+}
+
+TEST_F(Log, lines_of_threads_never_interleave) {
+    open(0);
+    const std::string filler(300, 'f');
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200; ++i) {
+                BUS_LOG(3, "<%s>", filler.c_str());
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    const std::string all = text();
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 800);
+    std::size_t whole = 0;
+    for (std::size_t at = 0; (at = all.find("#<" + filler + ">\n[", at)) != all.npos; ++at) {
+        ++whole;
+    }
+    EXPECT_EQ(whole, 799U); // the last is followed by nothing
+}
+
+} // namespace

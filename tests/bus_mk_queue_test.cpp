@@ -1,0 +1,167 @@
+#include "bus_mk_queue.h"
+
+#include "bus_mk_thread.h"
+#include "test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+int equalText(void *key, void *stored) {
+    return std::string{static_cast<char *>(key)} == static_cast<char *>(stored) ? 0 : -1;
+}
+int record(void *item) {
+    static_cast<char *>(item)[0] = '#';
+    return 0;
+}
+
+class Queue : public testing::Test {
+protected:
+    ~Queue() override { bus_mk_q_clear(q_, nullptr, 0); }
+    std::string take(int pos = 1) {
+        void *const item = bus_mk_q_recv(q_, 1, 0, pos);
+        return item ? static_cast<char *>(item) : "-";
+    }
+    std::string takeAll() {
+        std::string all;
+        while (bus_mk_q_count(q_) > 0) {
+            all += take();
+        }
+        return all;
+    }
+    int send(std::string &text, int pos = -1) { return bus_mk_q_send(q_, text.data(), pos); }
+
+    std::string a_ = "a", b_ = "b", c_ = "c", d_ = "d";
+    bus_mk_q_t *q_ = bus_mk_q_new(3, equalText);
+};
+
+TEST_F(Queue, full_queue_refuses_and_leaves_item) {
+    EXPECT_EQ(bus_mk_q_send(q_, nullptr, -1), -1);
+    EXPECT_EQ(send(a_), 0);
+    EXPECT_EQ(send(b_), 0);
+    EXPECT_FALSE(bus_mk_q_full(q_));
+    EXPECT_EQ(send(c_, 0), 0);
+    EXPECT_TRUE(bus_mk_q_full(q_));
+    EXPECT_EQ(send(d_), -1);
+    EXPECT_EQ(bus_mk_q_append(q_, d_.data()), nullptr);
+    EXPECT_EQ(bus_mk_q_send_beyond(q_, d_.data(), 1), 0);
+    EXPECT_EQ(bus_mk_q_send_beyond(q_, d_.data(), 1), -1);
+    EXPECT_EQ(bus_mk_q_count(q_), 4);
+    EXPECT_EQ(take(), "c");
+    EXPECT_EQ(send(a_), -1); // still as many as the capacity
+    EXPECT_EQ(takeAll(), "abd");
+    EXPECT_EQ(take(), "-");
+}
+
+TEST_F(Queue, receive_peeks_and_takes_by_position) {
+    send(a_), send(b_), send(c_);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(bus_mk_q_recv(q_, 0, 1, 2), b_.data());
+    }
+    EXPECT_EQ(take(4), "-");
+    EXPECT_EQ(take(0), "-");
+    EXPECT_EQ(bus_mk_q_recv(q_, 1, 2, 3), c_.data());
+    EXPECT_EQ(bus_mk_q_delete_index(q_, 2), b_.data());
+    EXPECT_EQ(bus_mk_q_delete_index(q_, 2), nullptr);
+    EXPECT_EQ(bus_mk_q_count(q_), 1);
+}
+
+TEST_F(Queue, items_are_found_and_removed_by_key_or_place) {
+    send(a_);
+    bus_mk_list_node *const place = bus_mk_q_append(q_, b_.data());
+    send(c_);
+    char key[] = "c";
+    int index = 9;
+    EXPECT_EQ(bus_mk_q_find(q_, key, &index), c_.data());
+    EXPECT_EQ(index, 3);
+    EXPECT_EQ(bus_mk_q_delete(q_, key), c_.data());
+    EXPECT_EQ(bus_mk_q_find(q_, key, &index), nullptr);
+    EXPECT_EQ(index, 3);
+    bus_mk_q_rotate(q_);
+    EXPECT_EQ(bus_mk_q_take_out(q_, place), b_.data());
+    EXPECT_EQ(takeAll(), "a");
+}
+
+TEST_F(Queue, visit_and_clear_go_head_first) {
+    send(a_), send(b_), send(c_);
+    std::string seen;
+    const auto visit = [](void *item, void *arg) {
+        *static_cast<std::string *>(arg) += static_cast<char *>(item);
+        return *static_cast<char *>(item) == 'b' ? 5 : 0;
+    };
+    EXPECT_EQ(bus_mk_q_visit(q_, visit, &seen), 5);
+    EXPECT_EQ(seen, "ab");
+    EXPECT_EQ(bus_mk_q_clear(q_, record, 1), 0);
+    EXPECT_EQ(a_ + b_ + c_, "###");
+    EXPECT_EQ(bus_mk_q_count(q_), 0);
+    EXPECT_EQ(send(d_), 0); // it goes on, empty
+}
+
+TEST_F(Queue, blocked_receiver_is_woken_by_a_send) {
+    for (const int pos : {1, 2}) {
+        Signal returned;
+        void *item = this;
+        std::thread receiver{[&] {
+            item = bus_mk_q_recv(q_, 0, 0, pos);
+            returned.set();
+        }};
+        EXPECT_EQ(bus_mk_q_send(q_, nullptr, -1), -1); // wakes nobody
+        send(a_);
+        EXPECT_TRUE(returned.wait());
+        receiver.join();
+        EXPECT_EQ(item, pos == 1 ? a_.data() : nullptr);
+        EXPECT_EQ(take(), pos == 1 ? "-" : "a");
+    }
+}
+
+TEST_F(Queue, timed_wait_ends_with_a_message_or_the_time) {
+    bus_mk_q_wait(q_, 1);
+    Signal returned;
+    std::thread waiter{[&] {
+        while (bus_mk_q_count(q_) == 0) {
+            bus_mk_q_wait(q_, 3600 * 1000);
+        }
+        returned.set();
+    }};
+    send(a_);
+    EXPECT_TRUE(returned.wait());
+    waiter.join();
+    bus_mk_q_wait(q_, 3600 * 1000); // not empty: no wait
+}
+
+TEST(QueueThreads, no_item_is_lost_or_taken_twice) {
+    constexpr int kItems = 20000;
+    bus_mk_q_t *const q = bus_mk_q_new(64, nullptr);
+    std::vector<std::atomic<int>> seen(3 * kItems);
+    std::vector<std::thread> senders;
+    for (int t = 0; t < 3; ++t) {
+        senders.emplace_back([&, t] {
+            for (int i = 0; i < kItems; ++i) {
+                while (bus_mk_q_send(q, &seen[static_cast<std::size_t>(t * kItems + i)], -1) != 0) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    std::vector<std::atomic<int> *> last(3);
+    for (int i = 0; i < 3 * kItems; ++i) {
+        auto *const item = static_cast<std::atomic<int> *>(bus_mk_q_recv(q, 0, 0, 1));
+        ASSERT_NE(item, nullptr);
+        EXPECT_EQ(++*item, 1);
+        const auto from = static_cast<std::size_t>((item - seen.data()) / kItems);
+        EXPECT_LT(last[from], item); // each sender's items come in its order
+        last[from] = item;
+    }
+    for (std::thread &sender : senders) {
+        sender.join();
+    }
+    EXPECT_EQ(bus_mk_q_count(q), 0);
+    bus_mk_q_clear(q, nullptr, 0);
+}
+
+} // namespace
