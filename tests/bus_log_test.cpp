@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,49 +24,59 @@ protected:
         bus::bus_log_init(level, path_.c_str(), mode, size);
     }
     std::string text() const { return readFile(path_); }
-    std::string lastText() const { // of the last line: what stands behind "#line#"
-        const std::string all = text();
-        std::smatch match;
-        return std::regex_search(all, match, std::regex{"#[ 0-9]{4,}#([^\n]*)\n$"}) ? match.str(1)
-                                                                                    : all;
+    // The text of the last line: what stands behind "file#line#".
+    std::string lastText() const {
+        std::string all = text();
+        all.pop_back();
+        std::size_t from = all.rfind('\n') + 1;
+        for (int marks = 0; marks < 2; ++marks) {
+            from = all.find('#', from) + 1;
+        }
+        return all.substr(from);
     }
 
     TempDir dir_;
     const std::string path_ = dir_.file("bus.log");
 };
 
-TEST_F(Log, line_carries_ids_time_level_and_source) {
-    open(0);
-    for (int level = 0; level <= 6; ++level) {
-        bus::_bus_log(level, "src/some_file.cpp", 75, "f", "  %s, VERSION %s\n", "Tag", "1");
+// The line as its own numbers print it, with the process, thread, time and text that it has to
+// have.
+std::string expectedLine(const std::string &line, char level, const char *source) {
+    int ms = -1;
+    std::sscanf(line.c_str(), "[%*d:%*d]%*d-%*d-%*d %*d:%*d:%*d.%3d", &ms);
+    std::string stamped;
+    const std::time_t now = std::time(nullptr);
+    for (std::time_t time = now - 1; time <= now; ++time) { // the second may have ended since
+        const std::time_t shown = time + 8 * 3600;
+        char stamp[32];
+        std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", std::gmtime(&shown));
+        char head[128];
+        std::snprintf(head, sizeof head, "[%05d:%05d]%s.%03d [%c] %s", getpid(), gettid(), stamp,
+                      ms, level, source);
+        stamped = head;
+        if (line.compare(0, stamped.size(), stamped) == 0) {
+            break;
+        }
     }
-    BUS_LOG(3, "  from the macro");
-    const std::string head = "\\[0*" + std::to_string(getpid()) + ":0*" + std::to_string(gettid()) +
-                             "\\]\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} ";
-    std::string expected;
-    for (const char letter : std::string{"-VDIWE-"}) {
-        expected += head + "\\[" + letter + "\\] src/some_file\\.cpp#  75#  Tag, VERSION 1\n";
-    }
-    expected += head + "\\[I\\] tests/bus_log_test\\.cpp# *\\d+#  from the macro\n";
-    EXPECT_TRUE(std::regex_match(text(), std::regex{expected})) << text();
+    return stamped;
 }
 
-TEST_F(Log, date_is_that_of_utc_plus_8) {
-    open(0);
-    const auto stampOf = [](std::time_t time) {
-        time += 8 * 3600;
-        char stamp[32];
-        std::strftime(stamp, sizeof stamp, "]%Y-%m-%d %H:%M:%S.", std::gmtime(&time));
-        return std::string{stamp};
-    };
-    const std::time_t before = std::time(nullptr);
-    BUS_LOG(3, "x");
-    const std::time_t after = std::time(nullptr);
-    bool found = false;
-    for (std::time_t time = before; time <= after; ++time) {
-        found = found || text().find(stampOf(time)) != std::string::npos;
+TEST_F(Log, line_carries_ids_time_level_and_source) {
+    const std::string levels = "-VDIWE-";
+    for (std::size_t level = 0; level < levels.size(); ++level) {
+        open(0);
+        bus::_bus_log(static_cast<int>(level), "src/some_file.cpp", 75, "f", "  %s, VERSION %s\n",
+                      "Tag", "1");
+        EXPECT_EQ(text(),
+                  expectedLine(text(), levels[level], "src/some_file.cpp#  75#  Tag, VERSION 1\n"));
+        bus::bus_log_exit();
     }
-    EXPECT_TRUE(found) << text();
+    open(0);
+    BUS_LOG(3, "  from the macro");
+    std::string number = std::to_string(__LINE__ - 1);
+    number.insert(0, 4 - number.size(), ' ');
+    const std::string source = "tests/bus_log_test.cpp#" + number;
+    EXPECT_EQ(text(), expectedLine(text(), 'I', (source + "#  from the macro\n").c_str()));
 }
 
 TEST_F(Log, threshold_drops_lines_and_evaluates_nothing) {
