@@ -26,7 +26,7 @@ constinit bus_mk_thread_mutex_t _lock{.hMutex = {bus_mk_thread_mutex_ready}};
 std::FILE *_file BUS_MK_GUARDED_BY(_lock);
 std::array<char, kBudget + 2> _buf BUS_MK_GUARDED_BY(_lock);
 bus_mk_text _log_path BUS_MK_GUARDED_BY(_lock);
-float max_size BUS_MK_GUARDED_BY(_lock) = 20 * 1024 * 1024;
+float max_size BUS_MK_GUARDED_BY(_lock) = 20.0F * 1024 * 1024;
 
 std::FILE *openOrStdout(const char *path, const char *mode) noexcept {
     std::FILE *const file = std::fopen(path, mode);

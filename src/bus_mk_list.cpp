@@ -107,8 +107,10 @@ bus_mk_list *bus_mk_list_new(bus_mk_list_equal eq_func) noexcept {
 
 void bus_mk_list_destroy(bus_mk_list *list) noexcept {
     check(list);
-    while (list->tail) {
-        bus_mk_list_del_node(list, list->tail);
+    for (bus_mk_list_node *node = list->tail; node;) {
+        bus_mk_list_node *const pre = node->pre;
+        delete node;
+        node = pre;
     }
     delete list;
 }

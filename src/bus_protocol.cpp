@@ -32,8 +32,9 @@ bool selects(std::string_view host, std::string_view reserved) noexcept {
 }
 
 bool isCallable(std::string_view name) noexcept {
-    return !name.empty() && name.size() <= kMaxHost && name.find('/', 1) == name.npos &&
-           !selects(name, kBusHost) && !selects(name, kKeysHost);
+    return !name.empty() && name.size() <= kMaxHost &&
+           name.find('/', 1) == std::string_view::npos && !selects(name, kBusHost) &&
+           !selects(name, kKeysHost);
 }
 
 std::string joinNotice(const char *name) {

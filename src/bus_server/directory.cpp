@@ -48,8 +48,8 @@ void Directory::prune(std::string_view name) noexcept {
     }
 }
 
-bool Directory::subscribe(node_t &node, std::string_view name) noexcept {
-    Topic *const entry = makeTopic(name);
+bool Directory::subscribe(node_t &node, std::string_view topic) noexcept {
+    Topic *const entry = makeTopic(topic);
     if (!entry) {
         return false;
     }
@@ -61,15 +61,16 @@ bool Directory::subscribe(node_t &node, std::string_view name) noexcept {
         all.insert(std::upper_bound(all.begin(), all.end(), node.joined, joinedBefore), &node);
         return true;
     } catch (const std::bad_alloc &) {
-        prune(name);
+        prune(topic);
         return false;
     }
 }
 
-void Directory::unsubscribe(const node_t &node, std::string_view name) noexcept {
-    if (Topic *const entry = topic(name)) {
-        std::erase(entry->subscribers, &node);
-        prune(name);
+void Directory::unsubscribe(const node_t &node, std::string_view topic) noexcept {
+    const auto found = topics_.find(topic);
+    if (found != topics_.end()) {
+        std::erase(found->second.subscribers, &node);
+        prune(topic);
     }
 }
 

@@ -85,7 +85,7 @@ bool writeAll(int file, const char *data, std::size_t size) noexcept {
 // A rename is on the disk once its directory is.
 void syncDirectoryOf(const std::string &path) {
     const std::size_t slash = path.rfind('/');
-    const std::string directory = slash == path.npos ? "." : path.substr(0, slash + 1);
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     const File file{open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (file.isOpen()) {
         fsync(file.get());
