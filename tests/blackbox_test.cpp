@@ -61,7 +61,10 @@ public:
         : onCall_{std::move(onCall)}, client_{busClientConnect(bus.get(), name, hear,
                                                                onCall_ ? reply : nullptr, this)} {
         if (client_ && spin) {
-            thread_ = std::thread{[this] { busClientSpin(client_); }};
+            thread_ = std::thread{[this] {
+                busClientSpin(client_);
+                ended_.set();
+            }};
         }
     }
     ~Node() {
@@ -70,7 +73,9 @@ public:
     }
     void leave() {
         if (thread_.joinable()) {
-            busClientSpinExit(client_);
+            do { // again where the request found a full queue
+                busClientSpinExit(client_);
+            } while (!ended_.wait(std::chrono::milliseconds{100}));
             thread_.join();
         }
     }
@@ -104,6 +109,7 @@ private:
     std::condition_variable more_;
     std::vector<std::string> heard_;
     client_t *client_;
+    Signal ended_;
     std::thread thread_;
 };
 using Texts = std::vector<std::string>;

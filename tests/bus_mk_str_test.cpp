@@ -1,0 +1,149 @@
+#include "bus_mk_str.h"
+
+#include "platform/platform.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string repeated(const std::string &text, int times) {
+    std::string all;
+    while (times-- > 0) {
+        all += text;
+    }
+    return all;
+}
+
+// "first..last" and the "at+length" of each capture, or "none". The record is filled before, so
+// that what the search leaves uncleared is seen.
+std::string find(const std::string &pattern, const std::string &text) {
+    const bus_mk_str_result zeros{};
+    bus_mk_str_result result;
+    std::memset(&result, 0x5a, sizeof result);
+    if (bus_mk_str_find(text.c_str(), pattern.c_str(), &result) != 0) {
+        return std::memcmp(&result, &zeros, sizeof result) == 0 ? "none" : "not cleared";
+    }
+    std::string told = std::to_string(result.pos_start) + ".." + std::to_string(result.pos_end);
+    for (int i = 0; i < result.captures; ++i) {
+        const auto at = std::to_string(result.p[i] - text.c_str());
+        told += ' ' + at + '+' + std::to_string(result.len[i]);
+    }
+    return told;
+}
+
+struct Case {
+    std::string pattern, text, found;
+};
+
+void expectAll(std::span<const Case> cases) {
+    for (const Case &c : cases) {
+        EXPECT_EQ(find(c.pattern, c.text), c.found)
+            << "pattern " << c.pattern.substr(0, 80) << ", text " << c.text.substr(0, 80);
+    }
+}
+
+TEST(Str, copy_is_the_callers_and_null_stays_null) {
+    EXPECT_STREQ(bus_mk_text{bus_mk_strdup("text")}.get(), "text");
+    EXPECT_STREQ(bus_mk_text{bus_mk_strdup("")}.get(), "");
+    EXPECT_EQ(bus_mk_strdup(nullptr), nullptr);
+}
+
+TEST(Str, plain_texts_anchors_and_captures_not_told) {
+    const Case kCases[] = {
+        {"abc", "xxabcxx", "2..4"}, {"abd", "xxabcxx", "none"}, {"abc", "ab", "none"},
+        {"", "any", "0..-1"},       {"", "", "0..-1"},          {"x)", "ax)b", "1..2"},
+        {"^h", "hello", "0..0"},    {"^h", "ahello", "none"},   {"^", "abc", "0..-1"},
+        {"^", "", "0..-1"},         {"lo$", "hello", "3..4"},   {"$", "hello", "5..4"},
+        {"a$b", "a$b", "0..2"},     {"b^", "ab^", "1..2"},      {"()ll", "hello", "2..3"},
+        {"(a", "xa", "1..1"},       {"()a%1", "aa", "none"},    {"(a+)%1b", "ab", "none"}};
+    expectAll(kCases);
+    bus_mk_str_result result;
+    EXPECT_EQ(bus_mk_str_find(nullptr, "a", &result), -1);
+    EXPECT_EQ(bus_mk_str_find("a", nullptr, &result), -1);
+    EXPECT_EQ(bus_mk_str_find("a", "a", nullptr), -1);
+}
+
+TEST(Str, repeats_balances_and_frontiers) {
+    const Case kCases[] = {
+        {"a-b", "aaab", "0..3"},    {"a*", "baaa", "0..-1"},   {"a+a", "aaa", "0..2"},
+        {"xa?a", "xa", "0..1"},     {"*", "2*3", "1..1"},      {"a-", "aa", "0..-1"},
+        {"^a-$", "aa", "0..1"},     {"^a?a?$", "aaa", "none"}, {"%b()", "x(a(b)c)y", "1..7"},
+        {"%b''", "x'a'b'", "1..3"}, {"%b()", "((a", "none"},   {"%f[%w]%w+", "  hello", "2..6"},
+        {"%f[%z]", "abc", "3..2"},  {"%f[a]", "ba", "1..0"}};
+    expectAll(kCases);
+}
+
+TEST(Str, classes_and_sets) {
+    const Case kCases[] = {{"%a+", "123abc456", "3..5"}, {"a.", "a", "none"},
+                           {"[]]", "a]b", "1..1"},       {"[a-]", "x-y", "1..1"},
+                           {"[^%d]", "12a", "2..2"},     {"[^]]", "]a", "1..1"},
+                           {"[%]b]+", "a]b", "1..2"},    {"[b-d]+", "abcde", "1..3"},
+                           {"[%D1]+", "0a1b", "1..3"},   {"[\x80-\xff]+", "a\xc3\xa9", "1..2"},
+                           {"[^a]", "a", "none"},        {"%S%p%s%x%X", "a. fz", "0..4"},
+                           {"%%%g.", "50%g%", "2..4"},   {"%z", "abc", "none"},
+                           {"%U%U", "aXb", "none"},      {"%a", "\xe9", "none"},
+                           {"%d%w%u", "1aB", "0..2"},    {"%c%l%U", "\tb1", "0..2"}};
+    expectAll(kCases);
+}
+
+TEST(Str, captures_are_those_that_were_closed) {
+    std::string all = "0..31";
+    for (int i = 0; i < 32; ++i) {
+        all += ' ' + std::to_string(i) + "+1";
+    }
+    const Case kCases[] = {
+        {"(h)(e)", "hello", "0..1 0+1 1+1"},   {"(%w+)=(%w+)", "key=val", "0..6 0+3 4+3"},
+        {"(x(y)z)", "xyz", "0..2 0+3 1+1"},    {"(a*)(a)b", "aaab", "0..3 0+2 2+1"},
+        {"(a-)(b?)c", "aabc", "0..3 0+2 2+1"}, {"(a)*", "a*", "0..1 0+1"},
+        {"(a)%1", "xaay", "1..2 1+1"},         {"(o)(.-)%1", "hello world", "4..7 4+1 5+2"}};
+    expectAll(kCases);
+    EXPECT_EQ(find(repeated("(a)", 32), std::string(32, 'a')), all);
+    EXPECT_EQ(find(repeated("(a)", 33), std::string(33, 'a')), "none");
+}
+
+// In front of each stands what would already match, or never does: neither makes it sound.
+TEST(Str, malformed_pattern_finds_nothing_however_far_it_would_match) {
+    for (const char *end : {"%",    "[",    "[^",   "[a",   "[]",    "[^]", "[%]",  "[a-",  "[a%",
+                            "%)a)", "())",  "%b",   "%bx",  "%f",    "%fa", "%f[",  "%f[a", "%0",
+                            "%1",   "(%1)", "()%2", "(a%1", "(a)%2", "a*)", "(a))", "%9"}) {
+        for (const char *front : {"", "a-", "^", "q"}) {
+            EXPECT_EQ(find(std::string{front} + end, "aa"), "none") << front << end;
+        }
+    }
+}
+
+TEST(Str, no_pattern_overruns_a_small_stack_or_runs_on) {
+    const std::string text(20000, 'a');
+    const std::string set = "[" + std::string(10000, 'b') + "]";
+    std::vector<Case> costly = {
+        {repeated("a*", 20) + "b", text, "none"},
+        {repeated("a-", 256) + "b", text, "none"},
+        {repeated("(a?", 32) + repeated(")a?", 32) + repeated("a?", 192) + "b", text, "none"},
+        {"%b()", std::string(20000, '('), "none"},
+        {"(a*)%1b", text, "none"},
+        {set + "-" + set, text, "none"},
+        {repeated("a?", 257), text, "none"},
+        {std::string(1000000, '('), text, "none"}};
+    const auto begin = std::chrono::steady_clock::now();
+    const auto run = [](void *cases) { expectAll(*static_cast<std::vector<Case> *>(cases)); };
+    void *const thread = platform::threadStart(run, &costly, 65536);
+    ASSERT_NE(thread, nullptr);
+    platform::threadJoin(thread);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::minutes{4});
+}
+
+TEST(Str, ordinary_patterns_have_room_in_long_texts) {
+    const std::string text = repeated("<b>lorem_ipsum ", 1000);
+    const Case kCases[] = {{"[%w_.]+@[%w.]+", text + "me@host", "15000..15006"},
+                           {"<(%a+)>.-</%1>", text + "<i>x</i>", "15000..15007 15001+1"},
+                           {repeated("a?", 256) + "b", "aab", "0..2"}};
+    expectAll(kCases);
+}
+
+} // namespace
