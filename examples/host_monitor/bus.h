@@ -5,9 +5,12 @@
 
 #include <zelvo/bus_client.h>
 
+#include <chrono>
+#include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 
 // A bus, running in a thread of its own. Every Node must be gone before its Bus goes; local
@@ -51,13 +54,14 @@ public:
         if (!client_) {
             throw std::runtime_error(std::string(name) + " could not join the bus");
         }
-        spin_ = std::thread(busClientSpin, client_.get());
+        spin_ = std::async(std::launch::async, busClientSpin, client_.get());
     }
     // To be run in another thread than the node's own. The wish to exit is dropped while 1,024
-    // messages wait for the node: a node that can be so far behind has to be asked again.
+    // messages wait for the node, so it is made until the loop has ended.
     ~Node() {
-        busClientSpinExit(client_.get());
-        spin_.join();
+        do {
+            busClientSpinExit(client_.get());
+        } while (spin_.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready);
     }
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
@@ -75,12 +79,20 @@ public:
         busClientPublishSticky(client_.get(), topic, text.data(), static_cast<int>(text.size()));
     }
     // The answer belongs to the node and lasts until its next call: hence the copy.
-    std::string call(const char *url) {
-        const char *const answer = busClientCall(client_.get(), url, nullptr, 0);
+    std::string call(const char *url, std::string_view data = {}) {
+        const char *const answer =
+            busClientCall(client_.get(), url, data.data(), static_cast<int>(data.size()));
         if (!answer) {
             throw std::runtime_error(std::string("no answer from ") + url);
         }
         return answer;
+    }
+    // Has the node's thread call onTimer once, in milliseconds from now. When the node leaves the
+    // bus, the timers that still wait are dropped.
+    void setTimer(long milliseconds, timer_callback onTimer, int type, void *userdata) {
+        if (busClientSettimer(client_.get(), onTimer, milliseconds, type, userdata) < 0) {
+            throw std::runtime_error("no memory for a timer");
+        }
     }
 
 private:
@@ -88,7 +100,7 @@ private:
         void operator()(client_t *client) const { busClientClose(client); }
     };
     std::unique_ptr<client_t, Close> client_;
-    std::thread spin_;
+    std::future<int> spin_; // a thread of its own
 };
 
 #endif

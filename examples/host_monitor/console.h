@@ -11,6 +11,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 class Console {
 public:
@@ -35,7 +36,7 @@ public:
         return latest_.extract(topic).mapped();
     }
 
-    std::string call(const char *url) { return node_.call(url); }
+    std::string call(const char *url, std::string_view data = {}) { return node_.call(url, data); }
 
 private:
     // topic and data are valid only until the handler returns: hence the copies.

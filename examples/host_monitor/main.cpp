@@ -1,8 +1,7 @@
 // A small host monitor: three nodes on one bus, in one process.
 //
 // Threads: this one starts and stops everything, makes the console's calls, and is the only one
-// that prints. The bus has a thread of its own, and so has each node for its handlers. The sampler
-// reads the machine's figures in one more.
+// that prints. The bus has a thread of its own, and so has each node for its handlers and timers.
 #include "archive.h"
 #include "bus.h"
 #include "console.h"
@@ -12,12 +11,14 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <fstream>
 #include <future>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace {
@@ -32,7 +33,7 @@ double secondsSince(Clock::time_point start) {
 void show(const char *name, std::string text) {
     text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
     std::replace(text.begin(), text.end(), '\t', ' ');
-    std::printf("%-18s %s\n", name, text.c_str());
+    std::printf("%-20s %s\n", name, text.c_str());
 }
 
 // host.info was published once, before the console joined: that it arrives all the same is what
@@ -46,13 +47,19 @@ void showSticky(Console &console, Clock::time_point joining) {
     std::printf("Joined, subscribed and received both in %.1f ms.\n", waited);
 }
 
+// The key store still has what the last run has set. Returns the interval in milliseconds.
+long showInterval(Console &console) {
+    const std::string kept = console.call("/localKeys/interval", R"({"operation":"get"})");
+    const std::string interval = console.call("/sampler/interval");
+    show("interval",
+         kept == interval ? interval + " ms, from the last run" : "default " + interval + " ms");
+    return std::strtol(interval.c_str(), nullptr, 10);
+}
+
 void showLive(Console &console, Clock::time_point start) {
-    // Some work, so that there is something to see.
-    const auto work = std::async(std::launch::async, [from = Clock::now()] {
-        while (secondsSince(from) < 1.2) {}
-    });
     std::puts("second   cpu %   memory MiB   load over 1, 5, 15 minutes");
-    for (int row = 0; row < 16; ++row) {
+    const auto begin = Clock::now();
+    while (secondsSince(begin) < 1.8) {
         const std::string cpu = console.take("host.cpu");
         const std::string memory = console.take("host.memory");
         const std::string load = console.take("host.load");
@@ -61,12 +68,22 @@ void showLive(Console &console, Clock::time_point start) {
     }
 }
 
-void showCall(Console &console, const char *url, const char *expected) {
-    const std::string answer = console.call(url);
+void showCall(Console &console, const char *url, const std::string &expected,
+              std::string_view data = {}) {
+    const std::string answer = console.call(url, data);
     show(url, answer);
     if (answer.find(expected) == std::string::npos) {
         throw std::runtime_error(std::string("the answer of ") + url + " has no " + expected);
     }
+}
+
+// With "persist" the value is in the file before the answer comes, which is {"data":""} for a set.
+void changeInterval(Console &console, long interval) {
+    const std::string value = std::to_string(interval);
+    const std::string set = R"({"operation":"set","persist":"true","data":)" + value + '}';
+    show("set", set);
+    showCall(console, "/localKeys/interval", R"({"data":""})", set);
+    showCall(console, "/sampler/interval", value);
 }
 
 // The archive's handler calls the console, which is waiting for the archive. The bus refuses that
@@ -79,21 +96,30 @@ void showRing(Console &console) {
 
 // Everything stops when this function is left, also by an exception: the console, the archive, the
 // sampler, and last the bus.
-void monitor(const std::string &log) {
+void monitor(const std::string &home, const std::string &log) {
     const auto start = Clock::now();
     std::puts("== The bus starts; sampler and archive join");
-    Bus bus("{\"level\":2,\"path\":" + jsonString(log) + '}');
+    Bus bus("{\"level\":2,\"path\":" + jsonString(log) + ",\"homePath\":" + jsonString(home) + '}');
     Sampler sampler(bus);
     Archive archive(bus);
     show("log", log);
+    show("key store", home + "/keys.json");
 
     std::this_thread::sleep_for(std::chrono::seconds(1));
     std::puts("\n== A second later the console joins: sticky messages reach it at once");
     const auto joining = Clock::now();
     Console console(bus);
     showSticky(console, joining);
+    const long interval = showInterval(console);
 
-    std::puts("\n== Live from the sampler; one processor is kept busy at first");
+    std::puts("\n== Live from the sampler; one processor is kept busy for a while");
+    const auto work = std::async(std::launch::async, [from = Clock::now()] {
+        while (secondsSince(from) < 1.2) {}
+    });
+    showLive(console, start);
+
+    std::puts("\n== The console sets another interval in the key store and tells the sampler");
+    changeInterval(console, interval == 100 ? 250 : 100);
     showLive(console, start);
 
     std::puts("\n== The console calls the archive and the bus");
@@ -111,9 +137,10 @@ void showLog(const std::string &path) {
     std::ifstream log(path);
     std::string line;
     for (const char *wanted :
-         {"console node joined", "console <== busServer,  action: publish, topic: host.info",
-          "archive call console", "bus server exist deadlock", "console disjoin",
-          "busServer exit end"}) {
+         {"sampler set timer", "console node joined",
+          "console <== busServer,  action: publish, topic: host.info",
+          R"(url: /localKeys/interval, payload: {"operation":"set")", "archive call console",
+          "bus server exist deadlock", "console disjoin", "busServer exit end"}) {
         while (line.find(wanted) == std::string::npos) {
             if (!std::getline(log, line)) {
                 throw std::runtime_error("no \"" + std::string(wanted) + "\" in the log " + path);
@@ -126,20 +153,21 @@ void showLog(const std::string &path) {
 } // namespace
 
 int main(int argc, char **argv) {
-    std::string log = "host_monitor.log";
-    if (argc == 3 && std::strcmp(argv[1], "--log") == 0) {
-        log = argv[2];
+    std::string home = "."; // for the log and the key store
+    if (argc == 3 && std::strcmp(argv[1], "--home") == 0) {
+        home = argv[2];
     } else if (argc != 1) {
-        std::fprintf(stderr, "usage: %s [--log FILE]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s [--home DIRECTORY]\n", argv[0]);
         return 2;
     }
+    const std::string log = home + "/host_monitor.log";
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // live through a pipe too
     try {
         // The bus would write to standard output, between our lines.
         if (!std::ofstream(log)) {
             throw std::runtime_error("cannot write the log " + log);
         }
-        monitor(log);
+        monitor(home, log);
         std::printf("\n== All nodes have left and the bus has stopped; from the log, %s\n",
                     log.c_str());
         showLog(log);

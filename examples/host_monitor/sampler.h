@@ -4,6 +4,8 @@
 //   host.memory  MiB in use: "812.0"
 //   host.load    sticky: "0.31 0.22 0.08"
 //   host.error   sticky: why there will be no more figures
+// Its setting is the key "interval", in milliseconds. Who changes it there says so by a call:
+//   /sampler/interval   reads the key again and answers the interval that now holds: 250
 #ifndef HOST_MONITOR_SAMPLER_H
 #define HOST_MONITOR_SAMPLER_H
 
@@ -12,36 +14,59 @@
 #include "json.h"
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
-#include <mutex>
-#include <thread>
+#include <string>
+#include <string_view>
 
 class Sampler {
 public:
-    // The node handles no messages and answers no calls, so it has no handlers. It has its spin
-    // thread all the same: the bus tells every node who joins, and something has to take these
-    // notices out of the node's queue.
-    explicit Sampler(const Bus &bus) : node_(bus, "sampler"), previous_(readCpuTime()) {
+    // Any thread may set a timer. The first one is due at once and moves the rest of the start into
+    // the node's thread.
+    explicit Sampler(const Bus &bus)
+        : previous_(readCpuTime()), node_(bus, "sampler", nullptr, onCall, this) {
         node_.publishSticky("host.info", describeHost());
-        sampling_ = std::thread(&Sampler::loop, this);
-    }
-
-    // The sampling thread uses the node, so it ends first; the node leaves the bus after this body.
-    ~Sampler() {
-        {
-            std::lock_guard lock(mutex_);
-            stop_ = true;
-        }
-        wake_.notify_one();
-        sampling_.join();
+        node_.setTimer(0, onTimer, kStart, this);
     }
 
 private:
-    static constexpr std::chrono::milliseconds kPeriod{250};
+    enum { kStart, kSample }; // what a timer is for
 
-    // One step. The load is sticky, so that who joins between two steps has it at once.
+    // A timer runs once: so its handler sets the next one.
+    static int onTimer(void *userdata, client_t *client, int type) noexcept {
+        Sampler &sampler = *static_cast<Sampler *>(userdata);
+        try {
+            if (type == kStart) {
+                sampler.readInterval(client);
+            } else {
+                sampler.sample();
+            }
+            sampler.node_.setTimer(sampler.interval_, onTimer, kSample, userdata);
+        } catch (const std::exception &error) {
+            sampler.node_.publishSticky("host.error", error.what());
+        }
+        return 0;
+    }
+
+    // The timer that waits is left alone: a new interval holds from the next sample on.
+    static char *onCall(void *userdata, client_t *client, char *, char *, int) noexcept {
+        Sampler &sampler = *static_cast<Sampler *>(userdata);
+        sampler.readInterval(client);
+        return strdup(std::to_string(sampler.interval_).c_str());
+    }
+
+    // The bus itself answers for the key store, so a handler may ask. The value comes as JSON: 250,
+    // while a text would have its quotes. A missing key is {"data":""}, which is no number here.
+    void readInterval(client_t *client) {
+        constexpr std::string_view get = R"({"operation":"get"})";
+        const char *const value =
+            busClientCall(client, "/localKeys/interval", get.data(), static_cast<int>(get.size()));
+        const long kept = value ? std::strtol(value, nullptr, 10) : 0;
+        interval_ = kept >= 10 && kept <= 1000 ? kept : kDefaultInterval;
+    }
+
+    // The load is sticky, so that who joins between two samples has it at once.
     void sample() {
         const CpuTime now = readCpuTime();
         const auto busy = static_cast<double>(now.busy - previous_.busy);
@@ -52,28 +77,12 @@ private:
         node_.publishSticky("host.load", readLoad());
     }
 
-    // Any thread may publish through a node, so this one can, beside the node's own.
-    void loop() {
-        try {
-            while (!stopsWithin(kPeriod)) {
-                sample();
-            }
-        } catch (const std::exception &error) {
-            node_.publishSticky("host.error", error.what());
-        }
-    }
+    static constexpr long kDefaultInterval = 250;
 
-    bool stopsWithin(std::chrono::milliseconds time) {
-        std::unique_lock lock(mutex_);
-        return wake_.wait_for(lock, time, [this] { return stop_; });
-    }
-
+    // No mutex: call and timer handlers run in the node's thread, one at a time.
+    long interval_ = kDefaultInterval;
+    CpuTime previous_;
     Node node_;
-    CpuTime previous_; // from the start of the sampling thread on, its own
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    bool stop_ = false; // guarded by mutex_
-    std::thread sampling_;
 };
 
 #endif
