@@ -113,7 +113,8 @@ ZELVO_API client_t *busClientConnect(Zelvo_t *busManager, const char *name,
                                      onmessage_callback onmessage, oncall_callback oncall,
                                      void *userdata) ZELVO_NOEXCEPT;
 
-/* Frees a node: what its queues still hold, its latest answer, the record. To be called after
+/* Frees a node: what its queues still hold, its latest answer, the record. Calls that still wait for
+ * it are answered {"msg":"not implement"}. To be called after
  * busClientSpin has returned, or when it was never run, and while nothing else uses the node. A
  * node that is still on a running bus leaves it first, which blocks until the bus has answered; so
  * such a node is not to be closed while the bus is being stopped. When the bus is not running the

@@ -337,6 +337,39 @@ TEST(Zelvo, nodes_come_and_go_under_load) {
     }
 }
 
+TEST(Zelvo, closed_node_leaves_no_caller_waiting) {
+    const Bus bus{2};
+    auto idle = std::make_unique<Node>(bus, "idle", Node::OnCall{}, false);
+    Node a{bus, "a"};
+    std::string answer;
+    std::thread caller{[&] { answer = a.call("/idle/x"); }};
+    while (bus.log().find("a call idle, target: a") == std::string::npos) {
+        std::this_thread::yield();
+    }
+    idle.reset();
+    caller.join();
+    EXPECT_EQ(answer, kNoHandler);
+}
+
+TEST(Zelvo, node_that_leaves_is_not_joined_again_by_another_thread) {
+    const Bus bus{6};
+    Node watcher{bus, "watcher"};
+    for (int round = 0; round < 50; ++round) {
+        Node node{bus, "node"};
+        node.call("/bus/disjoin");
+        std::atomic<bool> left{false};
+        std::thread joiner{[&] {
+            while (!left) {
+                node.call("/bus/join");
+            }
+        }};
+        node.leave();
+        left = true;
+        joiner.join();
+        EXPECT_EQ(watcher.call("/bus/nodes"), "{\n\t\"data\":\t[\"watcher\"]\n}") << round;
+    }
+}
+
 TEST(Zelvo, full_bus_refuses_and_says_so) {
     Bus bus;
     Node a{bus, "a", {}, false};

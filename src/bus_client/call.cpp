@@ -88,24 +88,30 @@ Call call(client_t &client, const char *url, const char *data, int len, char **r
     return exchange(client, url, data, len, postBounded, response);
 }
 
-void callDisjoin(client_t &client) noexcept {
+void leaveBus(client_t &client) noexcept {
+    // One slot for both steps, or another thread's join could come between them.
     const CallSlot slot{client};
-    if (!client.registered.load(std::memory_order_acquire)) {
+    if (client.registered.load(std::memory_order_acquire)) {
+        char *response = nullptr;
+        exchange(client, kDisjoinUrl, nullptr, 0, postToServer, &response);
+    } else {
         logExited(client.name.get(), kDisjoinUrl);
-        return;
     }
-    char *response = nullptr;
-    exchange(client, kDisjoinUrl, nullptr, 0, postToServer, &response);
+    client.running.store(0, std::memory_order_release);
 }
 
-void answerRequest(client_t &client, const message_t &request) noexcept {
+MessagePtr takeRequest(client_t &client) noexcept {
+    char key[] = "request";
+    return MessagePtr{static_cast<message_t *>(bus_mk_q_delete(client.message_queue, key))};
+}
+
+void answerRequest(client_t &client, const message_t &request, oncall_callback handler) noexcept {
     const payload_t *const payload = request.payload;
     bus_mk_text text;
-    if (client.oncall_func) {
+    if (handler) {
         BUS_LOG(1, "  %s %s oncall func begin\n", kClientTag, client.name.get());
-        text.reset(client.oncall_func(client.userdata, &client, request.url,
-                                      payload ? payload->data : nullptr,
-                                      payload ? payload->len : 0));
+        text.reset(handler(client.userdata, &client, request.url, payload ? payload->data : nullptr,
+                           payload ? payload->len : 0));
         BUS_LOG(1, "  %s %s oncall func end\n", kClientTag, client.name.get());
     }
     const char *const data = text ? text.get() : kNoHandlerAnswer;

@@ -113,7 +113,11 @@ int busClientClose(client_t *client) noexcept {
         return 0;
     }
     if (client->registered.load(std::memory_order_acquire) && client->server->running.load() == 1) {
-        bus::callDisjoin(*client);
+        bus::leaveBus(*client);
+    }
+    // Whoever called a node that never ran still waits.
+    while (const bus::MessagePtr request = bus::takeRequest(*client)) {
+        bus::answerRequest(*client, *request, nullptr);
     }
     BUS_LOG(3, "  %s %s close\n", bus::kClientTag, client->name.get());
     delete client;

@@ -27,13 +27,16 @@ MessagePtr ownMessage(client_t &client, const char *topic, const char *action, c
 enum class Call { kAnswered, kRefused };
 
 // Calls url and waits; the answer is then in *response (may be null). kRefused: nothing was sent.
-// A leave request goes out whatever state the node is in, and is not kept from the bus by
-// publications that fill its queue.
 Call call(client_t &client, const char *url, const char *data, int len, char **response) noexcept;
-void callDisjoin(client_t &client) noexcept;
 
-// Answers one request that another node made (the callee's side of a call).
-void answerRequest(client_t &client, const message_t &request) noexcept;
+// Takes the node off the bus for good, if it is on it, and waits for that: it makes no call and
+// joins no more. Publications that fill the bus's queue do not keep the request from it.
+void leaveBus(client_t &client) noexcept;
+
+// The first request that waits for the node, or null.
+MessagePtr takeRequest(client_t &client) noexcept;
+// Answers one request that another node made (the callee's side of a call); handler may be null.
+void answerRequest(client_t &client, const message_t &request, oncall_callback handler) noexcept;
 
 // The spin loop's timer steps, in the node's thread: remove the timer that a "killtimer" names; run
 // the handler of each timer that is due, of those that wait when the pass begins; and, while timers

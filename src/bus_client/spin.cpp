@@ -14,13 +14,16 @@ void _message(client_t &client, const message_t &message) noexcept {
     BUS_LOG(1, "  %s %s onmessage func end\n", kClientTag, client.name.get());
 }
 
+void _request(client_t &client, const message_t &request) noexcept {
+    answerRequest(client, request, client.oncall_func);
+}
+
 void _wakeUp(client_t &client, const message_t & /*message*/) noexcept {
     BUS_LOG(0, "  %s %s singal timer_queue\n", kClientTag, client.name.get());
 }
 
 void _exit(client_t &client, const message_t & /*message*/) noexcept {
-    callDisjoin(client);
-    client.running.store(0, std::memory_order_release);
+    leaveBus(client);
     BUS_LOG(3, "  %s %s exit end\n", kClientTag, client.name.get());
 }
 
@@ -29,9 +32,8 @@ struct Route {
     void (*run)(client_t &, const message_t &);
 };
 constexpr Route kActions[] = {
-    {action::kPublish, _message},     {action::kRequest, answerRequest},
-    {action::kKillTimer, _killTimer}, {action::kSetTimer, _wakeUp},
-    {action::kExit, _exit},
+    {action::kPublish, _message}, {action::kRequest, _request}, {action::kKillTimer, _killTimer},
+    {action::kSetTimer, _wakeUp}, {action::kExit, _exit},
 };
 
 // While the node runs, the head of its queue; then only the requests that reached it before it
@@ -42,8 +44,7 @@ MessagePtr takeNext(client_t &client) noexcept {
             return MessagePtr{static_cast<message_t *>(message)};
         }
     }
-    char key[] = "request";
-    return MessagePtr{static_cast<message_t *>(bus_mk_q_delete(client.message_queue, key))};
+    return takeRequest(client);
 }
 
 // False: the message is broken, and no timer is looked at on its account.
