@@ -19,7 +19,7 @@
  *           "/" after its first byte, and is no prefix of "bus" or "localKeys" ("b" is one);
  *           busClientConnect warns in the log about any other.
  * Errors.   Integers: 0 for success, -1 for arguments that are refused. Pointers: null. A refusal
- *           changes nothing. The reason stands in the log.
+ *           changes nothing. Its reason stands in the log, except for arguments that are null.
  *
  * Start: busClientNew, busClientBindServer in its thread; for each node busClientConnect, then
  *        busClientSpin in its thread.
@@ -79,9 +79,9 @@ typedef int (*timer_callback)(void *userdata, client_t *client, int type);
  *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never)
  *   "homePath" directory of the key store (".")
  * A text that is not JSON counts as none; a member of the wrong type counts as 0 or as no text.
- * Does not block. To be called while no other call into the library is running.
- * Returns null when memory is short. The log is one for the process: a second bus only changes
- * its level. */
+ * Does not block. To be called while no other call into the library is running, the loops apart.
+ * Returns null when memory is short, or, with an error in the log, a bus that refuses every node.
+ * The log is one for the process: a second bus only changes its level. */
 ZELVO_API Zelvo_t *busClientNew(const char *jsondata) ZELVO_NOEXCEPT;
 
 /* Runs the bus in the calling thread until busClientServerExit; this is the bus's own thread.
@@ -90,14 +90,15 @@ ZELVO_API Zelvo_t *busClientNew(const char *jsondata) ZELVO_NOEXCEPT;
 ZELVO_API int busClientBindServer(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
 /* Asks busClientBindServer to return once everything queued before this request is handled.
- * Does not wait. Always 0; when the bus's queue is full the request is dropped and the bus goes
- * on. A call made after this finds nobody to answer it: stop the nodes first. */
+ * Does not wait. Always 0; when the bus's queue is full the request is dropped, without a line in
+ * the log, and the bus goes on. A call made after this finds nobody to answer it: stop the nodes first. */
 ZELVO_API int busClientServerExit(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
-/* Destroys the bus and closes the log. A bus that still runs is stopped first, as by
- * busClientServerExit, and waited for. Nodes are not closed by it; close them before. To be called
- * while no other call into the library is running, the loop apart. Null: only a log line.
- * Always 0. */
+/* Destroys the bus and closes the log, also for any other bus. A bus that still runs is stopped
+ * first, as by busClientServerExit, and waited for; a thread that is about to call
+ * busClientBindServer must have got into it (a connect has returned) or never get there. Nodes are
+ * not closed by it; close them before. To be called while no other call into the library is
+ * running, the loop apart. Null: only a log line. Always 0. */
 ZELVO_API int busClientDelete(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
 /* ---- a node ---- */
@@ -113,12 +114,12 @@ ZELVO_API client_t *busClientConnect(Zelvo_t *busManager, const char *name,
                                      onmessage_callback onmessage, oncall_callback oncall,
                                      void *userdata) ZELVO_NOEXCEPT;
 
-/* Frees a node: what its queues still hold, its latest answer, the record. Calls that still wait for
- * it are answered {"msg":"not implement"}. To be called after
- * busClientSpin has returned, or when it was never run, and while nothing else uses the node. A
- * node that is still on a running bus leaves it first, which blocks until the bus has answered; so
- * such a node is not to be closed while the bus is being stopped. When the bus is not running the
- * node is only freed, and the bus must not be run again. Null: no effect. Always 0. */
+/* Frees a node: what its queues still hold, its latest answer, the record. To be called after
+ * busClientSpin has returned, or when it was never run, and while nothing else uses the node.
+ * A node that is still on a running bus leaves it first, which blocks until the bus has answered;
+ * so such a node is not to be closed while the bus is being stopped. When the bus is not running
+ * the node is only freed, and the bus must not be run again. Calls that still wait for the node
+ * are answered {"msg":"not implement"}. Null: no effect. Always 0. */
 ZELVO_API int busClientClose(client_t *client) ZELVO_NOEXCEPT;
 
 /* Adds topics to those the node receives, or removes them. jsondata is a JSON array of topics,
@@ -169,8 +170,9 @@ ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELV
  * Answers made by the bus: {"data":"not implement"} when there is no such node, its queue is full,
  * or url is no address; {"data":""} at once when the call would close a ring of nodes that wait
  * for each other (also a node calling itself), with a notice to the topic "bus.error".
- * Blocks the calling thread, also a handler's: the node handles nothing meanwhile. Calls of one
- * node are made one after the other, a second thread waits for its turn.
+ * Blocks the calling thread, also a handler's: the node handles nothing meanwhile. A call to a node
+ * whose thread does not run waits until it does, or the node is closed. Calls of one node are made
+ * one after the other, a second thread waits for its turn.
  * Null: client or url null, len negative, the node is not on the bus (any more), the bus's queue
  * is full, or memory is short. */
 ZELVO_API char *busClientCall(client_t *client, const char *url, const char *data,
@@ -179,14 +181,14 @@ ZELVO_API char *busClientCall(client_t *client, const char *url, const char *dat
 /* ---- a node's thread ---- */
 
 /* Runs the node in the calling thread: waits for messages and runs its handlers, until
- * busClientSpinExit. It then leaves the bus, answers the calls that were already waiting, and
- * returns; publications that were waiting are not handled. One thread for each node. Returns 0,
- * at once when client is null. */
+ * busClientSpinExit. It then leaves the bus, answers the calls that were already waiting (a handler
+ * that calls gets null by then), and returns; publications that were waiting are not handled. One
+ * thread for each node. Returns 0, at once when client is null. */
 ZELVO_API int busClientSpin(client_t *client) ZELVO_NOEXCEPT;
 
 /* Asks busClientSpin to return, ahead of everything that waits for the node. Does not wait.
- * Always 0; when the node's queue is full the request is dropped with a warning in the log, and
- * can be made again. */
+ * Always 0; when the node's queue is full the request is dropped with a warning in the log: where
+ * a node may be that far behind, ask again until its thread has ended. */
 ZELVO_API int busClientSpinExit(client_t *client) ZELVO_NOEXCEPT;
 
 /* Sets a timer: the node's thread calls timer_func(userdata, client, type) once, mstimeout

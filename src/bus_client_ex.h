@@ -58,6 +58,10 @@ struct MessageDelete {
 };
 using MessagePtr = std::unique_ptr<message_t, MessageDelete>;
 
+// Sends message to q as bus_mk_q_send does, and lets go of it when q has taken it. False: it is
+// null, or was refused and stays where it is.
+bool handOver(bus_mk_q_t *q, MessagePtr &message, int pos) noexcept;
+
 // One pending timer.
 struct timer_t {
     int id;
@@ -97,9 +101,10 @@ struct client_t {
     onmessage_callback onmessage_func = nullptr;
     oncall_callback oncall_func = nullptr;
     void *userdata = nullptr;
-    std::atomic<int> timerid{0};           // the last id handed out
-    std::atomic<int> running{1};           // 0 once the spin loop has handled its exit
-    std::atomic<int> wait_callresponse{0}; // 1 while a call of this node is under way
+    std::atomic<int> timerid{0}; // the last id handed out
+    std::atomic<int> running{1}; // 0 once the node has left the bus for good
+    // Owned by the thread whose call is under way: a node makes one at a time.
+    bus_mk_thread_mutex_t wait_callresponse;
 
     // Whether an answer has been handed over since the latest call began.
     bool answered BUS_MK_GUARDED_BY(oncall_mutex) = false;

@@ -42,7 +42,7 @@ std::string joinNotice(const char *name) {
 }
 
 std::string disjoinNotice(const char *name) {
-    return "{\"event\":\"disjoin\", \"name\":" + quoted(name) + "}";
+    return std::string{kDisjoinNotice} + ", \"name\":" + quoted(name) + "}";
 }
 
 bool isJsonArray(const char *text) noexcept {

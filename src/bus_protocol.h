@@ -58,6 +58,9 @@ inline constexpr char kNoHandlerAnswer[] = "{\"msg\":\"not implement\"}";
 inline constexpr std::string_view kDeadlockNotice =
     "{\"errId\":10001, \"errMsg\": \"bus server deadlock, due to appearing R call A & A call R\"}";
 
+// What the answer to a leave request begins with when it takes the node off the bus.
+inline constexpr std::string_view kDisjoinNotice = "{\"event\":\"disjoin\"";
+
 // Bytes of a host name that a client record can hold.
 inline constexpr std::size_t kMaxHost = 127;
 

@@ -73,9 +73,8 @@ int node_topic_equal(void *a, void *b) noexcept;
 int sticky_topic_equal(void *a, void *b) noexcept;
 
 // Appends a message that must get through a flood of publications: an answer, a leave request.
-// At most one of them is under way for each node, so as many places are kept for them. 0: the
-// server holds the message; -1: it is still yours.
-int postToServer(server_t &server, message_t *message) noexcept;
+// At most one of them is under way for each node, so as many places are kept for them. As handOver.
+bool postToServer(server_t &server, MessagePtr &message) noexcept;
 
 } // namespace bus
 

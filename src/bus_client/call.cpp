@@ -6,23 +6,6 @@
 namespace bus {
 namespace {
 
-// The node's one call at a time. Testing and setting is one step, so that two threads never share
-// the slot.
-class CallSlot {
-public:
-    explicit CallSlot(client_t &client) noexcept : taken_{client.wait_callresponse} {
-        while (taken_.exchange(1, std::memory_order_acquire) == 1) {
-            platform::yieldThread();
-        }
-    }
-    ~CallSlot() { taken_.store(0, std::memory_order_release); }
-    CallSlot(const CallSlot &) = delete;
-    CallSlot &operator=(const CallSlot &) = delete;
-
-private:
-    std::atomic<int> &taken_;
-};
-
 bool isJoin(const char *url) noexcept {
     const std::optional<Url> split = splitUrl(url);
     return split && selects(split->host, kBusHost) && split->path == kJoinPath;
@@ -35,17 +18,22 @@ bool mayCall(const client_t &client, const char *url) noexcept {
            (client.registered.load(std::memory_order_acquire) || isJoin(url));
 }
 
+// Whether a running bus knows the node.
+bool isOnBus(const client_t &client) noexcept {
+    return client.registered.load(std::memory_order_acquire) && client.server->running.load() == 1;
+}
+
 void logExited(const char *name, const char *url) noexcept {
     BUS_LOG(2, "  %s %s alaredy exit, url: %s\n", kClientTag, name, orNull(url));
 }
 
-using Post = int (*)(server_t &server, message_t *message);
+using Post = bool (*)(server_t &server, MessagePtr &message);
 
-int postBounded(server_t &server, message_t *message) noexcept {
-    return bus_mk_q_send(server.message_queue, message, -1);
+bool postBounded(server_t &server, MessagePtr &message) noexcept {
+    return handOver(server.message_queue, message, -1);
 }
 
-// Posts a request and waits for its answer. Run with the node's call slot taken.
+// Posts a request and waits for its answer. Run while the caller owns wait_callresponse.
 Call exchange(client_t &client, const char *url, const char *data, int len, Post post,
               char **response) noexcept {
     MessagePtr request{busClientExMessageNew(client.name.get(), nullptr, url, action::kRequest,
@@ -56,12 +44,11 @@ Call exchange(client_t &client, const char *url, const char *data, int len, Post
     {
         // Held until the wait, so that the answer cannot come before the caller is ready for it.
         const bus_mk_guard lock{client.oncall_mutex};
-        if (!request || post(*client.server, request.get()) != 0) {
+        if (!post(*client.server, request)) {
             BUS_LOG(4, "  %s %s ==> server call failed, url: %s, queue is full\n", kClientTag,
                     client.name.get(), url);
             return Call::kRefused;
         }
-        static_cast<void>(request.release());
         client.call_response.reset();
         client.answered = false;
         while (!client.answered) {
@@ -73,15 +60,23 @@ Call exchange(client_t &client, const char *url, const char *data, int len, Post
     return Call::kAnswered;
 }
 
+constexpr int kResponseAttempts = 1000;
+
+bool postResponse(client_t &client, const message_t &request, const char *text) noexcept {
+    MessagePtr response{busClientExMessageNew(client.name.get(), nullptr, request.url,
+                                              action::kResponse, &client, request.request_name,
+                                              text, static_cast<int>(std::strlen(text)))};
+    if (response) {
+        BUS_CLIENT_TRACE("==>", &client, response.get());
+    }
+    return postToServer(*client.server, response);
+}
+
 } // namespace
 
 Call call(client_t &client, const char *url, const char *data, int len, char **response) noexcept {
-    if (!mayCall(client, url)) {
-        logExited(client.name.get(), url);
-        return Call::kRefused;
-    }
-    const CallSlot slot{client};
-    if (!mayCall(client, url)) { // the node may have left while another call had the slot
+    const bus_mk_guard turn{client.wait_callresponse};
+    if (!mayCall(client, url)) { // looked at now: the node may have left during another call
         logExited(client.name.get(), url);
         return Call::kRefused;
     }
@@ -89,13 +84,17 @@ Call call(client_t &client, const char *url, const char *data, int len, char **r
 }
 
 void leaveBus(client_t &client) noexcept {
-    // One slot for both steps, or another thread's join could come between them.
-    const CallSlot slot{client};
-    if (client.registered.load(std::memory_order_acquire)) {
-        char *response = nullptr;
-        exchange(client, kDisjoinUrl, nullptr, 0, postToServer, &response);
-    } else {
+    // Owned for both steps, or another thread's join could come between them.
+    const bus_mk_guard turn{client.wait_callresponse};
+    if (!isOnBus(client)) {
         logExited(client.name.get(), kDisjoinUrl);
+    }
+    // Once, unless memory was short on either side: the server must not keep the record.
+    while (isOnBus(client)) {
+        char *response = nullptr;
+        if (exchange(client, kDisjoinUrl, nullptr, 0, postToServer, &response) == Call::kRefused) {
+            platform::yieldThread();
+        }
     }
     client.running.store(0, std::memory_order_release);
 }
@@ -115,18 +114,14 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
         BUS_LOG(1, "  %s %s oncall func end\n", kClientTag, client.name.get());
     }
     const char *const data = text ? text.get() : kNoHandlerAnswer;
-    MessagePtr response{busClientExMessageNew(client.name.get(), nullptr, request.url,
-                                              action::kResponse, &client, request.request_name,
-                                              data, static_cast<int>(std::strlen(data)))};
-    if (response) {
-        BUS_CLIENT_TRACE("==>", &client, response.get());
+    // A place is kept for it; memory may come back.
+    for (int attempt = 0; attempt < kResponseAttempts; ++attempt, platform::yieldThread()) {
+        if (postResponse(client, request, data)) {
+            return;
+        }
     }
-    if (!response || postToServer(*client.server, response.get()) != 0) {
-        BUS_LOG(5, "  %s %s ==> server call response failed, queue is full\n", kClientTag,
-                client.name.get());
-        return;
-    }
-    static_cast<void>(response.release());
+    BUS_LOG(5, "  %s %s ==> server call response failed, queue is full\n", kClientTag,
+            client.name.get());
 }
 
 } // namespace bus
@@ -137,7 +132,7 @@ char *busClientCall(client_t *client, const char *url, const char *data, int len
         return nullptr;
     }
     if (data && len < 0) {
-        BUS_LOG(5, "  %s  params format error\n", bus::kClientTag);
+        bus::logFormatError();
         return nullptr;
     }
     char *response = nullptr;

@@ -7,11 +7,13 @@
 client_t::client_t() noexcept
     : timer_queue{bus_mk_q_new(bus::kClientQueue, bus::_timer_equal)},
       message_queue{bus_mk_q_new(bus::kClientQueue, bus::_message_equal)} {
+    bus_mk_thread_mutex_init(&wait_callresponse);
     bus_mk_thread_mutex_init(&oncall_mutex);
     bus_mk_thread_cond_init(&oncall_cond);
 }
 
 client_t::~client_t() {
+    bus_mk_thread_mutex_destroy(&wait_callresponse);
     bus_mk_thread_mutex_destroy(&oncall_mutex);
     bus_mk_thread_cond_destroy(&oncall_cond);
     if (message_queue) {
@@ -56,7 +58,7 @@ int changeTopics(client_t *client, const char *jsondata, const char *url,
     }
     BUS_LOG(2, "  %s %s %s begin, %s\n", kClientTag, client->name.get(), verb, jsondata);
     if (!isJsonArray(jsondata)) {
-        BUS_LOG(5, "  %s  params format error\n", kClientTag);
+        logFormatError();
         return -1;
     }
     char *response = nullptr;
@@ -112,7 +114,7 @@ int busClientClose(client_t *client) noexcept {
     if (!client) {
         return 0;
     }
-    if (client->registered.load(std::memory_order_acquire) && client->server->running.load() == 1) {
+    if (client->registered.load(std::memory_order_acquire)) {
         bus::leaveBus(*client);
     }
     // Whoever called a node that never ran still waits.

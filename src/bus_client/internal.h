@@ -23,6 +23,9 @@ int _busClientLogMessage(int level, const char *direction, const client_t *clien
 MessagePtr ownMessage(client_t &client, const char *topic, const char *action, const char *data,
                       int len) noexcept;
 
+// The line of arguments that are refused.
+void logFormatError() noexcept;
+
 // How a call went.
 enum class Call { kAnswered, kRefused };
 

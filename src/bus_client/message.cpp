@@ -120,6 +120,14 @@ int busClientExMessageDelete(void *message) noexcept {
     return 0;
 }
 
+bool handOver(bus_mk_q_t *q, MessagePtr &message, int pos) noexcept {
+    if (!message || bus_mk_q_send(q, message.get(), pos) != 0) {
+        return false;
+    }
+    static_cast<void>(message.release());
+    return true;
+}
+
 const char *tracedPayload(const payload_t *payload) noexcept {
     if (!payload) {
         return "NULL";
@@ -149,6 +157,10 @@ int _busClientLogMessage(int level, const char *direction, const client_t *clien
             orNull(message->action), orNull(message->topic), orNull(message->url),
             tracedPayload(message->payload), message->payload ? message->payload->len : 0);
     return 0;
+}
+
+void logFormatError() noexcept {
+    BUS_LOG(5, "  %s  params format error\n", kClientTag);
 }
 
 MessagePtr ownMessage(client_t &client, const char *topic, const char *action, const char *data,

@@ -5,11 +5,6 @@
 namespace bus {
 namespace {
 
-bool formatError() noexcept {
-    BUS_LOG(5, "  %s  params format error\n", kClientTag);
-    return false;
-}
-
 // Posts one message to the server. False: it was refused, and is freed.
 bool post(client_t &client, const char *topic, const char *action, const char *data,
           int len) noexcept {
@@ -18,11 +13,7 @@ bool post(client_t &client, const char *topic, const char *action, const char *d
         return false;
     }
     BUS_CLIENT_TRACE("==>", &client, message.get());
-    if (bus_mk_q_send(client.server->message_queue, message.get(), -1) != 0) {
-        return false;
-    }
-    static_cast<void>(message.release());
-    return true;
+    return handOver(client.server->message_queue, message, -1);
 }
 
 int publish(client_t *client, const char *topic, const char *action, const char *data,
@@ -31,7 +22,7 @@ int publish(client_t *client, const char *topic, const char *action, const char 
         return -1;
     }
     if (data && len < 0) {
-        formatError();
+        logFormatError();
         return -1;
     }
     if (!post(*client, topic, action, data, len)) {
@@ -62,7 +53,7 @@ int busClientRemoveSticky(client_t *client, const char *jsondata) noexcept {
         return -1;
     }
     if (!bus::isJsonArray(jsondata)) {
-        BUS_LOG(5, "  %s  params format error\n", bus::kClientTag);
+        bus::logFormatError();
         return -1;
     }
     if (!bus::post(*client, nullptr, bus::action::kRemoveSticky, jsondata,

@@ -86,9 +86,7 @@ int busClientSpinExit(client_t *client) noexcept {
     }
     BUS_LOG(3, "  %s %s exit begin\n", bus::kClientTag, client->name.get());
     bus::MessagePtr message = bus::ownMessage(*client, nullptr, bus::action::kExit, nullptr, 0);
-    if (message && bus_mk_q_send(client->message_queue, message.get(), 0) == 0) {
-        static_cast<void>(message.release());
-    } else {
+    if (!bus::handOver(client->message_queue, message, 0)) {
         BUS_LOG(4, "  %s %s message queue is full\n", bus::kClientTag, client->name.get());
     }
     return 0;

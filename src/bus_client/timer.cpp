@@ -53,9 +53,7 @@ void fire(client_t &client, const timer_t &timer) noexcept {
 
 void postWakeUp(client_t &client) noexcept {
     MessagePtr message = ownMessage(client, nullptr, action::kSetTimer, nullptr, 0);
-    if (message && bus_mk_q_send(client.message_queue, message.get(), -1) == 0) {
-        static_cast<void>(message.release());
-    }
+    handOver(client.message_queue, message, -1);
 }
 
 } // namespace
@@ -173,9 +171,7 @@ int busClientKilltimer(client_t *client, int id) noexcept {
     const int length = std::snprintf(payload.data(), payload.size(), "{\"id\": %d}", id);
     bus::MessagePtr message =
         bus::ownMessage(*client, nullptr, bus::action::kKillTimer, payload.data(), length);
-    if (message && bus_mk_q_send(client->message_queue, message.get(), -1) == 0) {
-        static_cast<void>(message.release());
-    } else {
+    if (!bus::handOver(client->message_queue, message, -1)) {
         BUS_LOG(4, "  %s %s killtimer failed, queue is full\n", bus::kClientTag,
                 client->name.get());
     }

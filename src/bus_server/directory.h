@@ -6,6 +6,7 @@
 
 #include "bus_mk_list.h"
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -27,6 +28,7 @@ struct Topic {
 class Directory {
 public:
     node_t *find(std::string_view name) const noexcept;
+    std::size_t nodes() const noexcept { return nodes_.size(); }
     // False: no memory, nothing is changed.
     bool add(node_t &node) noexcept;
     void remove(const node_t &node) noexcept;

@@ -24,13 +24,12 @@ bool forward(server_t &server, const message_t &request, const node_t &target) n
         return false;
     }
     BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
-    if (bus_mk_q_send(client.message_queue, copy.get(), -1) != 0) {
+    const bool taken = handOver(client.message_queue, copy, -1);
+    if (!taken) {
         BUS_LOG(4, "  %s server ==> %s request failed, queue is full\n", kServerTag,
                 client.name.get());
-        return false;
     }
-    static_cast<void>(copy.release());
-    return true;
+    return taken;
 }
 
 void callNode(server_t &server, const message_t &request, const Url &url) noexcept {
@@ -81,12 +80,11 @@ void _busServerRequest(server_t &server, message_t &request) noexcept {
 void logSearch(server_t &server, const message_t &response) noexcept {
     const auto visit = [](void *item, void *arg) {
         const char *const name = static_cast<const node_t *>(item)->name.get();
-        const char *const wanted = static_cast<const message_t *>(arg)->request_name;
+        const char *const wanted = static_cast<const char *>(arg);
         BUS_LOG(1, "  %s name: %s, request_name: %s\n", kServerTag, name, orNull(wanted));
         return wanted && std::strcmp(name, wanted) == 0 ? 1 : 0;
     };
-    message_t copy = response;
-    bus_mk_q_visit(server.nodes_queue, visit, &copy);
+    bus_mk_q_visit(server.nodes_queue, visit, response.request_name);
 }
 
 // Only the server's own answer to a leave request takes a node off the bus: another node's answer,
@@ -99,9 +97,7 @@ bool isLeaveNotice(const server_t &server, const message_t &response) noexcept {
     if (!url || !selects(url->host, kBusHost) || !url->path.starts_with(kDisjoinPath)) {
         return false;
     }
-    const JsonPtr json{cJSON_Parse(response.payload->data)};
-    const char *const event = cJSON_GetStringValue(cJSON_GetObjectItem(json.get(), "event"));
-    return event && std::string_view{event} == "disjoin";
+    return std::string_view{response.payload->data}.starts_with(kDisjoinNotice);
 }
 
 void leave(server_t &server, node_t &entry) noexcept {
@@ -213,8 +209,7 @@ Answered answer(server_t &server, const message_t &request, std::string_view tex
                                               static_cast<int>(text.size()))};
     if (response) {
         BUS_SERVER_TRACE("==>", &server, response.get(), server.name.get());
-        if (postToServer(server, response.get()) == 0) {
-            static_cast<void>(response.release());
+        if (postToServer(server, response)) {
             return Answered::kQueued;
         }
         endCall(request);

@@ -46,9 +46,7 @@ int _busServerPublish(server_t *server, const message_t *message) noexcept {
             continue;
         }
         BUS_SERVER_TRACE("==>", server, copy.get(), client.name.get());
-        if (bus_mk_q_send(client.message_queue, copy.get(), -1) == 0) {
-            static_cast<void>(copy.release());
-        } else {
+        if (!handOver(client.message_queue, copy, -1)) {
             BUS_LOG(4, "  %s server ==> %s pusblish topic %s failed, queue is full\n", kServerTag,
                     client.name.get(), message->topic);
         }
@@ -74,9 +72,7 @@ void replaySticky(server_t &server, const node_t &node, const char *topic) noexc
     }
     client_t &client = *node.node;
     BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
-    if (bus_mk_q_send(client.message_queue, copy.get(), -1) == 0) {
-        static_cast<void>(copy.release());
-    } else {
+    if (!handOver(client.message_queue, copy, -1)) {
         BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", kServerTag,
                 client.name.get());
     }

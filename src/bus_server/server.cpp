@@ -35,13 +35,11 @@ void stopLoop(server_t &server) noexcept {
             return;
         }
     }
-    MessagePtr exit = exitMessage(server);
-    while (!exit || postToServer(server, exit.get()) != 0) {
-        platform::yieldThread(); // short of memory: the loop is busy or will be, and gives some
-                                 // back
+    // Refused only for want of memory: the loop gives some back.
+    for (MessagePtr exit = exitMessage(server); !postToServer(server, exit);) {
+        platform::yieldThread();
         exit = exitMessage(server);
     }
-    static_cast<void>(exit.release());
     const bus_mk_guard lock{server.loop_mutex};
     while (server.looping) {
         bus_mk_thread_cond_wait(&server.loop_ended, &server.loop_mutex);
@@ -54,11 +52,11 @@ node_t::~node_t() {
     clear(topics_queue, _budServerExCharDelete);
 }
 
-server_t::server_t() noexcept
-    : nodes_queue{bus_mk_q_new(kServerQueue, node_name_equal)}, message_queue{bus_mk_q_new(
-                                                                    kServerQueue, nullptr)},
-      sticky_queue{bus_mk_q_new(kServerQueue, sticky_topic_equal)}, name{bus_mk_strdup(
-                                                                        kServerName)} {
+server_t::server_t() noexcept {
+    nodes_queue = bus_mk_q_new(kServerQueue, node_name_equal);
+    message_queue = bus_mk_q_new(kServerQueue, nullptr);
+    sticky_queue = bus_mk_q_new(kServerQueue, sticky_topic_equal);
+    name.reset(bus_mk_strdup(kServerName));
     bus_mk_thread_mutex_init(&loop_mutex);
     bus_mk_thread_cond_init(&loop_ended);
 }
@@ -93,9 +91,7 @@ int busServerExit(server_t *server) noexcept {
     }
     BUS_LOG(3, "  %s %s exit begin\n", kServerTag, server->name.get());
     MessagePtr exit = exitMessage(*server);
-    if (exit && bus_mk_q_send(server->message_queue, exit.get(), -1) == 0) {
-        static_cast<void>(exit.release());
-    }
+    handOver(server->message_queue, exit, -1);
     return 0;
 }
 
@@ -135,8 +131,12 @@ int sticky_topic_equal(void *a, void *b) noexcept {
                                         : -1;
 }
 
-int postToServer(server_t &server, message_t *message) noexcept {
-    return bus_mk_q_send_beyond(server.message_queue, message, kServerQueue);
+bool postToServer(server_t &server, MessagePtr &message) noexcept {
+    if (!message || bus_mk_q_send_beyond(server.message_queue, message.get(), kServerQueue) != 0) {
+        return false;
+    }
+    static_cast<void>(message.release());
+    return true;
 }
 
 } // namespace bus
