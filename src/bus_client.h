@@ -91,7 +91,8 @@ ZELVO_API int busClientBindServer(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
 /* Asks busClientBindServer to return once everything queued before this request is handled.
  * Does not wait. Always 0; when the bus's queue is full the request is dropped, without a line in
- * the log, and the bus goes on. A call made after this finds nobody to answer it: stop the nodes first. */
+ * the log, and the bus goes on. A call made after this finds nobody to answer it: stop the nodes
+ * first. */
 ZELVO_API int busClientServerExit(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
 /* Destroys the bus and closes the log, also for any other bus. A bus that still runs is stopped
