@@ -26,7 +26,7 @@ build_preset() {
     local preset=$1
     shift
     step "configure build/$preset"
-    cmake --preset "$preset" "$@" -Wno-dev --log-level=WARNING >/dev/null
+    cmake --preset "$preset" "$@" --log-level=WARNING >/dev/null
     step "build build/$preset"
     cmake --build "build/$preset" --parallel "$(nproc)"
 }

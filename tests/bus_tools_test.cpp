@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdio>
 #include <limits>
-#include <regex>
 #include <set>
 #include <string>
 #include <utility>
@@ -38,14 +38,16 @@ TEST(Tools, fraction_of_the_second_stays_below_a_million_and_follows_the_clock) 
 }
 
 TEST(Tools, identifier_has_its_layout_and_no_more) {
-    const std::regex layout{
-        "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-e][0-9a-f]{2}-[89ab][0-9a-e][0-9a-f]{2}-[0-9a-f]{12}"};
+    const char *const layout = "%*8[0-9a-f]-%*4[0-9a-f]-4%*1[0-9a-e]%*2[0-9a-f]-"
+                               "%*1[89ab]%*1[0-9a-e]%*2[0-9a-f]-%*12[0-9a-f]%n";
     std::set<char> variants;
     for (int i = 0; i < 2000; ++i) {
         char uuid[38] = {};
         uuid[36] = '#';
         bus_getuuid(uuid);
-        ASSERT_TRUE(std::regex_match(uuid, uuid + 36, layout)) << uuid;
+        int length = 0;
+        std::sscanf(uuid, layout, &length);
+        ASSERT_EQ(length, 36) << uuid;
         ASSERT_EQ(uuid[36], '#');
         variants.insert(uuid[19]);
     }

@@ -55,6 +55,15 @@ FileResult replaceFile(const char *path, const char *data, std::size_t size) noe
 // Gives the file from the name to, unless that exists. False: nothing is changed.
 bool renameFile(const char *from, const char *to) noexcept;
 
+// Receives the file name, without directory, of the executable that a process runs; valid during
+// the call. True ends the visit.
+using ExecutableVisitor = bool (*)(const char *name, void *arg);
+
+// Hands visit the executable of each process that the caller can see, in any order; processes that
+// start or end meanwhile may be missed. The kernel's own have none. False: the system gives no
+// list of processes, or memory is short.
+bool visitExecutables(ExecutableVisitor visit, void *arg) noexcept;
+
 } // namespace platform
 
 #endif

@@ -1,12 +1,20 @@
 #include "platform/platform.h"
 
+#ifndef __linux__
+#error "waitWord and wake* use Linux futexes; another POSIX kernel needs its own pair here"
+#endif
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
+#include <system_error>
 
 #include <fcntl.h>
 #include <linux/futex.h>
@@ -14,10 +22,6 @@
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#ifndef __linux__
-#error "waitWord and wake* use Linux futexes; another POSIX kernel needs its own pair here"
-#endif
 
 namespace platform {
 namespace {
@@ -90,6 +94,43 @@ void syncDirectoryOf(const std::string &path) {
     if (file.isOpen()) {
         fsync(file.get());
     }
+}
+
+bool isProcess(const std::filesystem::path &entry) {
+    const std::string name = entry.filename().string();
+    return name.find_first_not_of("0123456789") == std::string::npos;
+}
+
+std::string firstText(const std::filesystem::path &file, char end) {
+    std::ifstream stream{file};
+    std::string text;
+    std::getline(stream, text, end);
+    return text;
+}
+
+// For a process of another user, whose link to its executable is not for us to read. The kernel
+// keeps the first 15 bytes of the name; the command line, which its own threads do not have,
+// usually has it whole.
+std::string guessedExecutable(const std::filesystem::path &process) {
+    const std::filesystem::path command{firstText(process / "cmdline", '\0')};
+    std::string whole = command.filename().string();
+    std::string name = command.empty() ? "" : firstText(process / "comm", '\n');
+    const bool cut = name.size() == 15 && whole.compare(0, 15, name) == 0;
+    return cut ? whole : name;
+}
+
+// Empty for a process without an executable, or one that has ended.
+std::string executableOf(const std::filesystem::path &process) {
+    constexpr std::string_view kDeleted = " (deleted)"; // behind the name of a replaced file
+    std::error_code error;
+    std::string name = std::filesystem::read_symlink(process / "exe", error).filename().string();
+    if (error == std::errc::permission_denied) {
+        return guessedExecutable(process);
+    }
+    if (name.ends_with(kDeleted)) {
+        name.resize(name.size() - kDeleted.size());
+    }
+    return name;
 }
 
 } // namespace
@@ -166,6 +207,20 @@ FileResult replaceFile(const char *path, const char *data, std::size_t size) noe
 // A hard link is refused where the name exists; a rename would take it over.
 bool renameFile(const char *from, const char *to) noexcept {
     return link(from, to) == 0 && unlink(from) == 0;
+}
+
+bool visitExecutables(ExecutableVisitor visit, void *arg) noexcept try {
+    std::error_code error;
+    std::filesystem::directory_iterator entry{"/proc", error};
+    for (; !error && entry != end(entry); entry.increment(error)) {
+        const std::string name = isProcess(entry->path()) ? executableOf(entry->path()) : "";
+        if (!name.empty() && visit(name.c_str(), arg)) {
+            return true;
+        }
+    }
+    return !error;
+} catch (const std::bad_alloc &) {
+    return false;
 }
 
 } // namespace platform
