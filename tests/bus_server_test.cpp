@@ -1,5 +1,7 @@
 #include "server_fixture.h"
 
+#include <cstring>
+
 namespace bus {
 namespace {
 
@@ -203,6 +205,16 @@ TEST_F(Server, call_that_closes_a_ring_is_refused) {
         }
         EXPECT_EQ(taken(watcher), Texts{"publish bus.error " + std::string{kDeadlockNotice}});
     }
+}
+
+TEST_F(Server, call_to_the_bus_is_no_call_to_a_node_of_its_name) {
+    client_t &caller = join("caller");
+    client_t &target = join("target");
+    client_t &namesake = join("bus");
+    std::strcpy(target.call_name.data(), "bus");      // target waits for the bus service,
+    std::strcpy(namesake.call_name.data(), "caller"); // and the node "bus" for the caller
+    EXPECT_EQ(ask(caller, "/target/x"), "-");
+    EXPECT_EQ(taken(target), Texts{"request /target/x NULL"});
 }
 
 TEST_F(Server, walk_into_a_foreign_ring_ends) {
