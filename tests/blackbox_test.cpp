@@ -58,8 +58,8 @@ public:
     using OnCall = std::function<char *(client_t *, const std::string &url, const char *, int)>;
 
     Node(const Bus &bus, const char *name, OnCall onCall = {}, bool spin = true)
-        : onCall_{std::move(onCall)}, client_{busClientConnect(bus.get(), name, hear,
-                                                               onCall_ ? reply : nullptr, this)} {
+        : onCall_{std::move(onCall)},
+          client_{busClientConnect(bus.get(), name, hear, onCall_ ? reply : nullptr, this)} {
         if (client_ && spin) {
             thread_ = std::thread{[this] {
                 busClientSpin(client_);

@@ -25,7 +25,8 @@ public:
     // Any thread may set a timer. The first one is due at once and moves the rest of the start into
     // the node's thread.
     explicit Sampler(const Bus &bus)
-        : previous_(readCpuTime()), node_(bus, "sampler", nullptr, onCall, this) {
+        : previous_(readCpuTime()),
+          node_(bus, "sampler", nullptr, onCall, this) {
         node_.publishSticky("host.info", describeHost());
         node_.setTimer(0, onTimer, kStart, this);
     }

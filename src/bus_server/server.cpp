@@ -52,11 +52,11 @@ node_t::~node_t() {
     clear(topics_queue, _budServerExCharDelete);
 }
 
-server_t::server_t() noexcept {
-    nodes_queue = bus_mk_q_new(kServerQueue, node_name_equal);
-    message_queue = bus_mk_q_new(kServerQueue, nullptr);
-    sticky_queue = bus_mk_q_new(kServerQueue, sticky_topic_equal);
-    name.reset(bus_mk_strdup(kServerName));
+server_t::server_t() noexcept
+    : nodes_queue(bus_mk_q_new(kServerQueue, node_name_equal)),
+      message_queue(bus_mk_q_new(kServerQueue, nullptr)),
+      sticky_queue(bus_mk_q_new(kServerQueue, sticky_topic_equal)),
+      name(bus_mk_strdup(kServerName)) {
     bus_mk_thread_mutex_init(&loop_mutex);
     bus_mk_thread_cond_init(&loop_ended);
 }
