@@ -360,8 +360,7 @@ TEST(Zelvo, node_that_leaves_is_not_joined_again_by_another_thread) {
         std::atomic<bool> left{false};
         std::thread joiner{[&] {
             while (!left) {
-                busClientCall(node.get(), "/bus/join", nullptr,
-                              0); // the answer may be gone already
+                busClientCall(node.get(), "/bus/join", nullptr, 0); // not read: leaving frees it
             }
         }};
         node.leave();
