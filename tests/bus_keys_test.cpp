@@ -127,7 +127,7 @@ TEST_F(Keys, store_that_cannot_be_read_or_written_is_reported_and_left) {
 TEST_F(Keys, killed_process_leaves_a_whole_store) {
     constexpr int kKills = 200;
     const std::string filler(20000, 'f');
-    persist("first", "0");
+    persist("first", "-1");
     std::minstd_rand random{7};
     int wrote[2];
     ASSERT_EQ(pipe(wrote), 0);
