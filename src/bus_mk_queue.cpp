@@ -91,7 +91,8 @@ void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     if (bus_mk_list_cnt(q->list) == 0) {
         q->wait_recv = 1;
         bus_mk_thread_cond_wait_for(&q->recv_cond, &q->mut, milliseconds);
-        q->wait_recv = 0;
+        // Left set where no send has cleared it: another receiver may wait, and one signal too many
+        // is only remembered.
     }
 }
 

@@ -45,7 +45,8 @@ std::string expectedLine(const std::string &line, char level, const char *source
     int ms = -1;
     std::sscanf(line.c_str(), "[%*d:%*d]%*d-%*d-%*d %*d:%*d:%*d.%3d", &ms);
     std::string stamped;
-    const std::time_t now = std::time(nullptr);
+    using std::chrono::system_clock; // std::time() may still give the second before
+    const std::time_t now = system_clock::to_time_t(system_clock::now());
     for (std::time_t time = now - 1; time <= now; ++time) { // the second may have ended since
         const std::time_t shown = time + 8 * 3600;
         char stamp[32];
