@@ -10,9 +10,10 @@
  *           a call handler (from malloc; the library frees it) and the answer of busClientCall
  *           (the node's; you only read it).
  * Blocking. busClientConnect, busClientSubscribe, busClientUnsubscribe and busClientCall wait for
- *           an answer, without a time limit, and need the bus to be running in another thread.
- *           Nothing else waits, except the two loops and what busClientClose and busClientDelete
- *           say of themselves.
+ *           an answer, for "callTimeout" milliseconds at most where that is configured and without
+ *           a limit otherwise, and need the bus to be running in another thread. Nothing else
+ *           waits, except the two loops and what busClientClose and busClientDelete say of
+ *           themselves.
  * Limits.   2,048 nodes, 2,048 topics for each node, 2,048 sticky topics; 2,048 messages wait for
  *           the bus and 1,024 for each node. A message that finds its queue full is dropped with
  *           a warning in the log. A node can be called when its name has 1 to 127 bytes, holds no
@@ -25,6 +26,11 @@
  *        busClientSpin in its thread.
  * Stop:  for each node busClientSpinExit, wait for its thread, busClientClose; then
  *        busClientServerExit, wait for the bus's thread, busClientDelete.
+ *        The bus may stop before or while nodes stop, and be run again. What is not allowed:
+ *        busClientClose while anything else uses the node, its loop included; any use of a node
+ *        after its busClientClose, and of a bus or of its nodes after busClientDelete. Without
+ *        "callTimeout" a call that the bus takes up no more, because it has been stopped, waits
+ *        until the bus is run again.
  */
 #ifndef ZELVO_BUS_CLIENT_H
 #define ZELVO_BUS_CLIENT_H
@@ -78,6 +84,9 @@ typedef int (*timer_callback)(void *userdata, client_t *client, int type);
  *   "mode"     0 empties the log file (the default), any other number appends to it
  *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never)
  *   "homePath" directory of the key store (".")
+ *   "callTimeout" milliseconds that a call, a connect or a subscription waits at most, its turn
+ *              included (0, or less: no limit)
+ *   "stats"    true: "/bus/stats" is answered with what has been counted
  * A text that is not JSON counts as none; a member of the wrong type counts as 0 or as no text.
  * Does not block. To be called while no other call into the library is running, the loops apart.
  * Returns null when memory is short, or, with an error in the log, a bus that refuses every node.
@@ -89,10 +98,10 @@ ZELVO_API Zelvo_t *busClientNew(const char *jsondata) ZELVO_NOEXCEPT;
  * may be run again: what was queued behind the exit is then handled. */
 ZELVO_API int busClientBindServer(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
-/* Asks busClientBindServer to return once everything queued before this request is handled.
- * Does not wait. Always 0; when the bus's queue is full the request is dropped, without a line in
- * the log, and the bus goes on. A call made after this finds nobody to answer it: stop the nodes
- * first. */
+/* Asks busClientBindServer to return once everything queued before this request is handled; a full
+ * queue does not keep the request out. Does not wait. Always 0; when memory stays short the bus
+ * goes on, with an error in the log. A call made after this finds nobody to answer it: stop the
+ * nodes first. */
 ZELVO_API int busClientServerExit(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
 /* Destroys the bus and closes the log, also for any other bus. A bus that still runs is stopped
@@ -109,18 +118,19 @@ ZELVO_API int busClientDelete(Zelvo_t *busManager) ZELVO_NOEXCEPT;
  * dropped, calls answered {"msg":"not implement"}. userdata is handed to both handlers.
  * Blocks until the bus has answered.
  * Returns null, with nothing left behind: bus or name missing, the name taken, 2,048 nodes on the
- * bus, memory short. When the bus's queue was full the join is lost: the node is returned, is not
- * on the bus, and can only publish, call "/bus/join" to join, and be closed. */
+ * bus, memory short, no answer in time. When the bus's queue was full the join is lost: the node is
+ * returned, is not on the bus, and can only publish, call "/bus/join" to join, and be closed. */
 ZELVO_API client_t *busClientConnect(Zelvo_t *busManager, const char *name,
                                      onmessage_callback onmessage, oncall_callback oncall,
                                      void *userdata) ZELVO_NOEXCEPT;
 
 /* Frees a node: what its queues still hold, its latest answer, the record. To be called after
  * busClientSpin has returned, or when it was never run, and while nothing else uses the node.
- * A node that is still on a running bus leaves it first, which blocks until the bus has answered;
- * so such a node is not to be closed while the bus is being stopped. When the bus is not running
- * the node is only freed, and the bus must not be run again. Calls that still wait for the node
- * are answered {"msg":"not implement"}. Null: no effect. Always 0. */
+ * A node that is still on a running bus leaves it first, which blocks until the bus has answered,
+ * has stopped, or "callTimeout" has passed; without the answer, the bus takes the node off when it
+ * runs next, and its name may be used again at once. Calls that still wait for the node are
+ * answered
+ * {"msg":"not implement"}. Null: no effect. Always 0. */
 ZELVO_API int busClientClose(client_t *client) ZELVO_NOEXCEPT;
 
 /* Adds topics to those the node receives, or removes them. jsondata is a JSON array of topics,
@@ -128,7 +138,7 @@ ZELVO_API int busClientClose(client_t *client) ZELVO_NOEXCEPT;
  * there (or not there) are skipped. A topic that has a sticky message delivers it at once. The
  * node receives its own publications too.
  * Block until the bus has answered. -1: client or jsondata null, or not a JSON array. Otherwise 0,
- * also when the request was refused (the bus's queue full, the node has left). */
+ * also when the request was refused (the bus's queue full, the node has left) or timed out. */
 ZELVO_API int busClientSubscribe(client_t *client, const char *jsondata) ZELVO_NOEXCEPT;
 ZELVO_API int busClientUnsubscribe(client_t *client, const char *jsondata) ZELVO_NOEXCEPT;
 
@@ -157,6 +167,13 @@ ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELV
  *   /bus/nodes                    {"data": [...]}, the names on the bus in the order they joined,
  *                                 printed with line breaks and tabs
  *   /bus/subscribe, /bus/unsubscribe, /bus/join, /bus/disjoin     what the functions here use
+ *   /bus/stats                    where "stats" is configured, what has been counted since the bus
+ *       was made: {"data": {"server": ..., "nodes": [...], "left": ...}}, for the bus, for each
+ *       node on it and, summed, for those that have been freed. "taken": messages taken from the
+ *       own queue (a node's: publications and calls); "sent": messages that another's queue took;
+ *       "posted": the bus's answers to itself; "queue": how many wait, and the most that did;
+ *       "drops": messages lost, by cause; "calls": made, answered, refused, timedOut; "timers":
+ *       how many wait
  *   /localKeys/key                the key store; data is a JSON object:
  *       {"operation":"set", "data": VALUE}   stores any JSON value under key; with
  *                                            "persist":"true" also writes the store to its file
@@ -173,18 +190,19 @@ ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELV
  * for each other (also a node calling itself), with a notice to the topic "bus.error".
  * Blocks the calling thread, also a handler's: the node handles nothing meanwhile. A call to a node
  * whose thread does not run waits until it does, or the node is closed. Calls of one node are made
- * one after the other, a second thread waits for its turn.
+ * one after the other, a second thread waits for its turn. After a time-out the node can call again
+ * at once; the called node may still handle the request, and its answer is dropped.
  * Null: client or url null, len negative, the node is not on the bus (any more), the bus's queue
- * is full, or memory is short. */
+ * is full, memory is short, or "callTimeout" has passed (a warning in the log). */
 ZELVO_API char *busClientCall(client_t *client, const char *url, const char *data,
                               int len) ZELVO_NOEXCEPT;
 
 /* ---- a node's thread ---- */
 
 /* Runs the node in the calling thread: waits for messages and runs its handlers, until
- * busClientSpinExit. It then leaves the bus, answers the calls that were already waiting (a handler
- * that calls gets null by then), and returns; publications that were waiting are not handled. One
- * thread for each node. Returns 0, at once when client is null. */
+ * busClientSpinExit. It then leaves the bus (as busClientClose does), answers the calls that were
+ * already waiting (a handler that calls gets null by then), and returns; publications that were
+ * waiting are not handled. One thread for each node. Returns 0, at once when client is null. */
 ZELVO_API int busClientSpin(client_t *client) ZELVO_NOEXCEPT;
 
 /* Asks busClientSpin to return, ahead of everything that waits for the node. Does not wait.

@@ -3,6 +3,7 @@
 #define ZELVO_BUS_CLIENT_EX_H
 
 #include "bus_client.h"
+#include "bus_counters.h"
 #include "bus_mk_queue.h"
 #include "bus_mk_str.h"
 #include "bus_mk_thread.h"
@@ -10,6 +11,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <limits>
 #include <memory>
 
@@ -34,6 +36,11 @@ struct message_t {
     void *node;         // the record of its maker, client_t or server_t; not owned
     char *request_name; // the node whose request the message belongs to, or kNoRequest
     payload_t *payload;
+    // The call that a request or response belongs to; 0: none in particular.
+    std::uint64_t call;
+    // Whether the message owns a reference to node, a client_t: a join request, which is the only
+    // message whose maker the server reaches without finding it in its registry.
+    bool holds_node;
 };
 
 // Makes a message. Texts and data may be null; data_len is looked at only with data. Null when
@@ -41,13 +48,17 @@ struct message_t {
 message_t *busClientExMessageNew(const char *name, const char *topic, const char *url,
                                  const char *action, void *node, const char *request_name,
                                  const char *data, int data_len) noexcept;
-// A deep copy that shares node. Null for null, or when memory is short.
+// A deep copy that shares node, without owning a reference to it. Null for null, or when memory is
+// short.
 message_t *busClientExMessageCopy(const void *message) noexcept;
 // The same with another request_name, or another action.
 message_t *copyForRequest(const message_t &message, const char *request_name) noexcept;
 message_t *copyWithAction(const message_t &message, const char *action) noexcept;
-// Frees a message; null is accepted. Always 0. The delete function of message queues.
+// Frees a message, with the reference that it owns; null is accepted. Always 0. The delete function
+// of message queues.
 int busClientExMessageDelete(void *message) noexcept;
+// Makes message, of which client is the maker, own a reference to it.
+void holdNode(message_t &message, client_t &client) noexcept;
 
 // The payload as a trace line shows it: the text of 1 to 199 bytes of data, "BinaryData..." for any
 // other length, "NULL" for no payload.
@@ -84,34 +95,54 @@ int _message_equal(void *key, void *stored) noexcept;
 
 inline constexpr int kClientQueue = 1024; // places in each queue of a node
 
+// A node's record is freed with its last reference. The application has one from connect to close;
+// a queued join request, an entry of the registry and the list of departed nodes have one each.
+client_t *retain(client_t &client) noexcept;
+void release(client_t *client) noexcept; // null is accepted
+
+struct ClientRelease {
+    void operator()(client_t *client) const noexcept { release(client); }
+};
+using ClientPtr = std::unique_ptr<client_t, ClientRelease>;
+
 } // namespace bus
 
-// One node. It belongs to the application; the server reaches it while it is registered.
+// One node.
 struct client_t {
     bus_mk_text name;
     // The host that the node is calling, or empty. Only the server's thread touches it.
     std::array<char, bus::kMaxHost + 1> call_name{};
+    std::uint64_t call_number = 0;   // of the call that call_name stands for, likewise
     bus::server_t *server = nullptr; // not owned
     bus_mk_q_t *timer_queue = nullptr;
     bus_mk_q_t *timerout_queue = nullptr; // unused
     bus_mk_q_t *message_queue = nullptr;
-    bus_mk_thread_mutex_t oncall_mutex;
-    bus_mk_thread_cond_t oncall_cond; // signalled when an answer is there
+    bus_mk_thread_mutex_t oncall_mutex; // also of the record's other shared fields, as marked
+    bus_mk_thread_cond_t oncall_cond;   // signalled when an answer is there
     bus_mk_text call_response BUS_MK_GUARDED_BY(oncall_mutex);
     onmessage_callback onmessage_func = nullptr;
     oncall_callback oncall_func = nullptr;
     void *userdata = nullptr;
     std::atomic<int> timerid{0}; // the last id handed out
     std::atomic<int> running{1}; // 0 once the node has left the bus for good
-    // Owned by the thread whose call is under way: a node makes one at a time.
-    bus_mk_thread_mutex_t wait_callresponse;
+    // Whether a call is under way: a node makes one at a time.
+    bool wait_callresponse BUS_MK_GUARDED_BY(oncall_mutex) = false;
+    int turn_waiters BUS_MK_GUARDED_BY(oncall_mutex) = 0; // threads that wait for their turn
+    bus_mk_thread_cond_t turn_cond;                       // signalled when a call has ended
 
-    // Whether an answer has been handed over since the latest call began.
-    bool answered BUS_MK_GUARDED_BY(oncall_mutex) = false;
+    // The number of the call that waits for its answer, or 0. Written under oncall_mutex; the
+    // server's look at a chain of calls reads it without.
+    std::atomic<std::uint64_t> waiting_call{0};
     // No timer in timer_queue is due earlier, so that a pass that finds nothing due costs one look.
     std::atomic<double> earliest_due{std::numeric_limits<double>::infinity()};
     // Whether the server knows the node. Written by the server's thread only.
     std::atomic<bool> registered{false};
+    // Whether the node has gone without the server's answer to its leave request; the server takes
+    // it off the bus when it meets the record in its list of such nodes.
+    std::atomic<bool> departed{false};
+    client_t *next_departed = nullptr;
+    std::atomic<int> references{1};
+    bus::NodeCounters counters;
 
     client_t() noexcept;
     ~client_t();

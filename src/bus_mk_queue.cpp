@@ -2,6 +2,7 @@
 
 #include "bus_mk_thread.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -12,6 +13,7 @@ struct bus_mk_queue {
     // Set while a receiver waits or is about to; cleared by the sender that wakes it.
     std::int32_t wait_recv BUS_MK_GUARDED_BY(mut);
     std::int32_t max_size; // fixed when the queue is made
+    std::int32_t highest BUS_MK_GUARDED_BY(mut);
     bus_mk_list *list BUS_MK_PT_GUARDED_BY(mut);
 };
 
@@ -28,6 +30,7 @@ bus_mk_list_node *addBelow(bus_mk_q_t *q, void *data, int pos, int limit) noexce
         const bus_mk_guard lock{q->mut};
         if (bus_mk_list_cnt(q->list) < limit) {
             node = bus_mk_list_add(q->list, data, pos);
+            q->highest = std::max(q->highest, bus_mk_list_cnt(q->list));
         }
         wake = node && q->wait_recv != 0;
         if (wake) {
@@ -49,7 +52,7 @@ bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept {
     if (!list) {
         return nullptr;
     }
-    auto *const q = new (std::nothrow) bus_mk_queue{{}, {}, 0, q_size, list.get()};
+    auto *const q = new (std::nothrow) bus_mk_queue{{}, {}, 0, q_size, 0, list.get()};
     if (q) {
         static_cast<void>(list.release());
         bus_mk_thread_mutex_init(&q->mut);
@@ -123,6 +126,11 @@ bool bus_mk_q_full(bus_mk_q_t *q) noexcept {
 int bus_mk_q_count(bus_mk_q_t *q) noexcept {
     const bus_mk_guard lock{q->mut};
     return bus_mk_list_cnt(q->list);
+}
+
+int bus_mk_q_highest(bus_mk_q_t *q) noexcept {
+    const bus_mk_guard lock{q->mut};
+    return q->highest;
 }
 
 int bus_mk_q_visit(bus_mk_q_t *q, bus_mk_q_visitor visit, void *arg) noexcept {

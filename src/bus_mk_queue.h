@@ -53,6 +53,8 @@ void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept;
 
 bool bus_mk_q_full(bus_mk_q_t *q) noexcept;
 int bus_mk_q_count(bus_mk_q_t *q) noexcept;
+// The most items that it has held at once.
+int bus_mk_q_highest(bus_mk_q_t *q) noexcept;
 
 // Appends like bus_mk_q_send with -1 and returns the item's place, by which bus_mk_q_take_out
 // removes it without a search. Null where a send would give -1. A place is good until its item

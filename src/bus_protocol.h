@@ -22,6 +22,7 @@ inline constexpr char kResponse[] = "response";
 inline constexpr char kExit[] = "exit";
 inline constexpr char kSetTimer[] = "settimer";
 inline constexpr char kKillTimer[] = "killtimer";
+inline constexpr char kDepart[] = "depart"; // wakes the server to look at its departed nodes
 } // namespace action
 
 inline constexpr char kServerName[] = "busServer";
@@ -40,6 +41,7 @@ inline constexpr std::string_view kSubscribePath = "/subscribe";
 inline constexpr std::string_view kUnsubscribePath = "/unsubscribe";
 inline constexpr std::string_view kNodesPath = "/nodes";
 inline constexpr std::string_view kDisjoinPath = "/disjoin";
+inline constexpr std::string_view kStatsPath = "/stats"; // where the configuration asks for it
 
 // Whole addresses of the library's own requests, and the subscription every node starts with.
 inline constexpr char kJoinUrl[] = "/bus/join";

@@ -15,7 +15,7 @@ inline constexpr int kServerQueue = 2048; // places in each queue of the server,
 // One node on the bus.
 struct node_t {
     bus_mk_text name;
-    client_t *node = nullptr;           // not owned
+    client_t *node = nullptr;           // a reference is owned
     bus_mk_q_t *topics_queue = nullptr; // texts, in the order of subscription, none twice
     std::uint64_t joined = 0;           // grows from node to node
     bus_mk_list_node *place = nullptr;  // in nodes_queue
@@ -41,6 +41,14 @@ struct server_t {
     // Whether keys.json holds something that could not be taken over, and must not be overwritten.
     bool foreign_file = false;
 
+    int call_timeout = 0;   // milliseconds that a call waits at most; 0 or less: no limit
+    bool has_stats = false; // whether "/bus/stats" is answered
+    std::atomic<std::uint64_t> calls{0}; // numbers handed out
+    // Nodes that have gone without waiting for the server, one reference each.
+    std::atomic<client_t *> departed{nullptr};
+    ServerCounters counters;
+    NodeCounters left; // sums of the nodes whose records are freed
+
     Directory directory;
     std::uint64_t joins = 0;
     bus_mk_thread_mutex_t loop_mutex;
@@ -58,7 +66,8 @@ server_t *busServerNew(const char *homepath) noexcept;
 // Runs the loop in the calling thread until it takes an exit message. -1: server is null. 0: it
 // has ended, or it was running already. What is still queued stays queued.
 int busServerRun(server_t *server) noexcept;
-// Queues an exit message behind everything that waits; dropped when the queue is full. Always 0.
+// Queues an exit message behind everything that waits, beyond the queue's places if need be; lost,
+// with an error in the log, only for want of memory. Always 0.
 int busServerExit(server_t *server) noexcept;
 // Stops a loop that still runs, waits for its end, and frees everything. Null is accepted.
 int busServerDelete(server_t *server) noexcept;
@@ -72,9 +81,14 @@ int node_name_equal(void *a, void *b) noexcept;
 int node_topic_equal(void *a, void *b) noexcept;
 int sticky_topic_equal(void *a, void *b) noexcept;
 
-// Appends a message that must get through a flood of publications: an answer, a leave request.
-// At most one of them is under way for each node, so as many places are kept for them. As handOver.
+// Appends a message that must get through a flood of publications: an answer, a leave request, an
+// exit. About one of them is under way for each node, so as many places are kept for them. As
+// handOver.
 bool postToServer(server_t &server, MessagePtr &message) noexcept;
+
+// How often a message that somebody waits for is made again while memory is short, with a yield in
+// between.
+inline constexpr int kShortageAttempts = 1000;
 
 } // namespace bus
 

@@ -23,11 +23,13 @@ const std::string kNoHandler = "{\"msg\":\"not implement\"}";
 
 class Bus {
 public:
-    explicit Bus(int level = 4) {
-        const std::string config =
-            R"({"LEVEL":)" + std::to_string(level) + R"(,"path":")" + logPath() + R"("})";
+    explicit Bus(int level = 4, const std::string &more = {}, bool started = true) {
+        const std::string config = R"({"LEVEL":)" + std::to_string(level) + R"(,"path":")" +
+                                   logPath() + R"(")" + more + "}";
         manager_ = busClientNew(config.c_str());
-        start();
+        if (started) {
+            start();
+        }
     }
     ~Bus() {
         if (loop_.joinable()) {
@@ -398,6 +400,102 @@ TEST(Zelvo, full_bus_refuses_and_says_so) {
         std::this_thread::yield();
     }
     EXPECT_EQ(lost.call("/bus/nodes"), "{\n\t\"data\":\t[\"a\", \"lost\"]\n}");
+}
+
+constexpr char kTimeout[] = R"(,"callTimeout":50)";
+
+TEST(Zelvo, call_ends_at_its_time_limit_and_its_late_answer_disturbs_none) {
+    const Bus bus{4, kTimeout};
+    Signal asked;
+    Signal goOn;
+    Node slow{bus, "slow", [&](client_t *, const std::string &url, const char *, int) {
+                  if (url == "/slow/wait") {
+                      asked.set();
+                      goOn.wait();
+                  }
+                  return strdup(url.c_str());
+              }};
+    Node idle{bus, "idle", {}, false};
+    Node a{bus, "a"};
+    for (const char *url : {"/slow/wait", "/idle/x"}) {
+        EXPECT_EQ(a.call(url), "null");
+        EXPECT_NE(bus.log().find(std::string{"a call timeout, url: "} + url), std::string::npos);
+    }
+    EXPECT_EQ(a.call("/none/x"), kUnknown);
+    EXPECT_TRUE(asked.wait());
+    const char *const kept = busClientCall(a.get(), "/localKeys/none", "{}", 2);
+    goOn.set(); // the late answer comes while kept is read
+    Node other{bus, "other"};
+    while (other.call("/slow/now") != "/slow/now") {}
+    EXPECT_EQ(kept, kEmpty);
+    EXPECT_EQ(a.call("/slow/again"), "/slow/again");
+}
+
+TEST(Zelvo, waiting_for_the_turn_to_call_counts_too) {
+    const Bus bus{4, kTimeout};
+    Node idle{bus, "idle", {}, false};
+    Node a{bus, "a"};
+    std::vector<std::thread> callers(4);
+    for (std::thread &caller : callers) {
+        caller = std::thread{[&] { EXPECT_EQ(a.call("/idle/x"), "null"); }};
+    }
+    for (std::thread &caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(a.call("/none/x"), kUnknown);
+}
+
+TEST(Zelvo, connect_that_times_out_leaves_nothing_behind) {
+    Bus bus{4, kTimeout, false};
+    EXPECT_EQ(Node(bus, "a").get(), nullptr);
+    EXPECT_NE(bus.log().find("a call timeout, url: /bus/join"), std::string::npos);
+    bus.start(); // it handles the join now
+    Node a{bus, "a"};
+    EXPECT_EQ(a.call("/bus/nodes"), "{\n\t\"data\":\t[\"a\"]\n}");
+}
+
+TEST(Zelvo, nodes_may_leave_while_the_bus_stops) {
+    for (int round = 0; round < 50; ++round) {
+        Bus bus;
+        std::vector<std::unique_ptr<Node>> nodes;
+        for (const char *name : {"one", "two", "three"}) {
+            nodes.push_back(std::make_unique<Node>(bus, name, Node::OnCall{}, round % 2 == 0));
+        }
+        std::thread stopper{[&] { bus.stop(); }};
+        nodes.clear();
+        stopper.join();
+        bus.start(); // whoever it had not seen off is taken off now
+        EXPECT_EQ(Node(bus, "one").call("/bus/nodes"), "{\n\t\"data\":\t[\"one\"]\n}");
+    }
+}
+
+TEST(Zelvo, counters_tell_what_became_of_messages) {
+    const std::string unknown = Node(Bus{}, "a").call("/bus/stats");
+    EXPECT_EQ(unknown, kUnknown);
+    const Bus bus{5, R"(,"stats":true,"callTimeout":1)"};
+    Node a{bus, "a"};
+    {
+        Node full{bus, "full", {}, false};
+        busClientSubscribe(full.get(), R"(["t"])");
+        for (int i = 0; i < 1030; ++i) {
+            busClientPublish(a.get(), "t", nullptr, 0);
+        }
+        EXPECT_EQ(a.call("/full/x"), kUnknown);
+        busClientSettimer(a.get(), nullptr, 1000000, 0, nullptr);
+        const std::string stats = a.call("/bus/stats");
+        for (const char *part : {
+                 "\"name\":\t\"busServer\"",
+                 "\"timers\":\t1",
+                 "\"queueFull\":\t7", // six publications and the call
+                 "\"depth\":\t1024,\n\t\t\t\t\t\"highest\":\t1024",
+             }) {
+            EXPECT_NE(stats.find(part), std::string::npos) << part << stats;
+        }
+    }
+    const std::string stats = a.call("/bus/stats");
+    const std::size_t left = stats.find("\"left\"");
+    ASSERT_NE(left, std::string::npos);
+    EXPECT_NE(stats.find("\"unread\":\t1024", left), std::string::npos) << stats;
 }
 
 TEST(Zelvo, delete_stops_a_running_bus) {

@@ -1,5 +1,7 @@
 #include "server_fixture.h"
 
+#include "bus_client/internal.h"
+
 #include <cstring>
 
 namespace bus {
@@ -236,17 +238,93 @@ TEST_F(Server, flood_of_publications_costs_no_answer) {
     const MessagePtr asked{
         busClientExMessageNew("a", nullptr, "/x", action::kRequest, &a, "a", nullptr, 0)};
     EXPECT_EQ(answer(*server_, *asked, "here"), Answered::kQueued);
-    busServerExit(server_); // refused: only answers and leave requests find a place
-    for (int i = 0; i <= kServerQueue; ++i) {
+    busServerExit(server_);
+    EXPECT_NE(bus_mk_q_send(server_->message_queue, &a, -1), 0); // an ordinary message
+    for (int i = 0; i <= kServerQueue + 1; ++i) {
         const MessagePtr next{
             static_cast<message_t *>(bus_mk_q_recv(server_->message_queue, 1, 0, 1))};
         ASSERT_TRUE(next) << i;
-        if (next->action) {
-            EXPECT_STREQ(next->action, action::kResponse);
-            EXPECT_STREQ(next->request_name, "a");
-        }
+        const bool beyond = i >= kServerQueue;
+        EXPECT_STREQ(next->action, !beyond             ? nullptr
+                                   : i == kServerQueue ? action::kResponse
+                                                       : action::kExit);
     }
     EXPECT_EQ(bus_mk_q_count(server_->message_queue), 0);
+}
+
+TEST_F(Server, answer_ends_only_the_call_that_it_belongs_to) {
+    client_t &a = join("a");
+    join("n");
+    const auto respond = [&](const char *text, std::uint64_t call) {
+        const std::string data{text};
+        post("n", nullptr, "/n/x", action::kResponse, nullptr, "a", &data, call);
+        run();
+    };
+    forget(a);
+    a.waiting_call = 8;
+    request(a, "/n/x", nullptr, 8);
+    startLog(1);
+    respond("late", 7);
+    EXPECT_EQ(answerOf(a), "-");
+    EXPECT_STREQ(a.call_name.data(), "n");
+    respond("right", 8);
+    EXPECT_EQ(answerOf(a), "right");
+    EXPECT_STREQ(a.call_name.data(), "");
+    respond("stray", 8);
+    EXPECT_EQ(answerOf(a), "right");
+    respond("to any call", 0);
+    EXPECT_EQ(answerOf(a), "to any call");
+    const std::string line = "  Vek-server a late response dropped, url: /n/x\n";
+    const std::string text = log();
+    EXPECT_EQ(text.find(line, text.find(line) + 1), text.rfind(line));
+}
+
+TEST_F(Server, call_that_was_given_up_closes_no_ring) {
+    client_t &a = join("a");
+    client_t &b = join("n");
+    for (const bool givenUp : {false, true}) {
+        a.waiting_call = 5;
+        request(a, "/n/x", nullptr, 5);
+        run();
+        taken(b);
+        a.waiting_call = givenUp ? 0 : 5;
+        EXPECT_EQ(ask(b, "/a/x"), givenUp ? "-" : "{\"data\":\"\"}");
+        EXPECT_EQ(taken(a), givenUp ? Texts{"request /a/x NULL"} : Texts{});
+    }
+}
+
+TEST_F(Server, departed_node_is_taken_off_whenever_its_join_is_handled) {
+    client_t &caller = join("caller");
+    client_t &early = record("early");
+    request(early, "/bus/join");
+    depart(early); // before the join is handled
+    client_t &late = join("late");
+    ask(late, "/bus/subscribe", R"(["t"])");
+    ask(caller, "/late/x");
+    depart(late);
+    run();
+    EXPECT_EQ(answerOf(caller), kNoHandlerAnswer);
+    EXPECT_FALSE(early.registered);
+    EXPECT_FALSE(late.registered);
+    EXPECT_EQ(early.references, 1);
+    EXPECT_EQ(late.references, 1);
+    publish(caller, "t", "to nobody");
+    EXPECT_EQ(ask(caller, "/bus/nodes"), "{\n\t\"data\":\t[\"caller\"]\n}");
+    client_t &again = join("late");
+    EXPECT_EQ(taken(again), Texts{});
+}
+
+TEST_F(Server, request_of_a_record_that_has_gone_touches_nothing) {
+    join("a");
+    client_t &old = record("a"); // another record of a name that is on the bus
+    for (const char *url : {"/bus/disjoin", "/bus/subscribe", "/a/x", "/localKeys/k"}) {
+        const std::string data = R"(["t"])";
+        request(old, url, &data, 9);
+    }
+    run();
+    EXPECT_STREQ(old.call_name.data(), "");
+    EXPECT_NE(server_->directory.find("a"), nullptr);
+    EXPECT_EQ(server_->directory.topic("t"), nullptr);
 }
 
 } // namespace

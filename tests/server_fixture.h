@@ -22,7 +22,7 @@ protected:
     }
 
     client_t &record(const char *name) {
-        clients_.push_back(std::make_unique<client_t>());
+        clients_.emplace_back(new client_t);
         clients_.back()->name.reset(bus_mk_strdup(name));
         clients_.back()->server = server_;
         return *clients_.back();
@@ -34,15 +34,20 @@ protected:
     }
 
     void post(const char *name, const char *topic, const char *url, const char *action, void *node,
-              const char *requester, const std::string *data = nullptr) {
+              const char *requester, const std::string *data = nullptr, std::uint64_t call = 0) {
         message_t *const message = busClientExMessageNew(name, topic, url, action, node, requester,
                                                          data ? data->c_str() : nullptr,
                                                          data ? static_cast<int>(data->size()) : 0);
+        message->call = call;
+        if (url && std::string_view{url} == kJoinUrl && node) {
+            holdNode(*message, *static_cast<client_t *>(node));
+        }
         ASSERT_EQ(bus_mk_q_send(server_->message_queue, message, -1), 0);
     }
-    void request(client_t &from, const char *url, const std::string *data = nullptr) {
+    void request(client_t &from, const char *url, const std::string *data = nullptr,
+                 std::uint64_t call = 0) {
         const char *const name = from.name.get();
-        post(name, nullptr, url, action::kRequest, &from, name, data);
+        post(name, nullptr, url, action::kRequest, &from, name, data, call);
     }
     void publish(client_t &from, const char *topic, const std::string &data,
                  const char *action = action::kPublish) {
@@ -65,11 +70,12 @@ protected:
     static void forget(client_t &client) {
         const bus_mk_guard lock{client.oncall_mutex};
         client.call_response.reset();
-        client.answered = false;
+        client.waiting_call = kAny;
     }
     static std::string answerOf(client_t &client) {
         const bus_mk_guard lock{client.oncall_mutex};
-        return client.call_response ? client.call_response.get() : client.answered ? "null" : "-";
+        const bool answered = client.waiting_call == 0;
+        return client.call_response ? client.call_response.get() : answered ? "null" : "-";
     }
     // What waits for a node, oldest first: "action topic-or-url payload".
     static std::vector<std::string> taken(client_t &client) {
@@ -99,8 +105,9 @@ protected:
     }
 
     static inline const message_t kFiller{};
+    static constexpr std::uint64_t kAny = 1; // a call that a message without a number answers
     server_t *server_;
-    std::vector<std::unique_ptr<client_t>> clients_;
+    std::vector<ClientPtr> clients_;
 };
 using Texts = std::vector<std::string>;
 

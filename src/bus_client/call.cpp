@@ -1,6 +1,8 @@
 #include "bus_client/internal.h"
 
+#include <chrono>
 #include <cstring>
+#include <limits>
 #include <optional>
 
 namespace bus {
@@ -18,85 +20,219 @@ bool mayCall(const client_t &client, const char *url) noexcept {
            (client.registered.load(std::memory_order_acquire) || isJoin(url));
 }
 
-// Whether a running bus knows the node.
-bool isOnBus(const client_t &client) noexcept {
-    return client.registered.load(std::memory_order_acquire) && client.server->running.load() == 1;
+bool isRunning(const server_t &server) noexcept {
+    return server.running.load(std::memory_order_acquire) == 1;
 }
 
 void logExited(const char *name, const char *url) noexcept {
     BUS_LOG(2, "  %s %s alaredy exit, url: %s\n", kClientTag, name, orNull(url));
 }
 
-using Post = bool (*)(server_t &server, MessagePtr &message);
+// ---- waiting ----
 
-bool postBounded(server_t &server, MessagePtr &message) noexcept {
-    return handOver(server.message_queue, message, -1);
+// When a call ends at the latest; nothing: never.
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;
+
+Deadline deadlineOf(const server_t &server) noexcept {
+    if (server.call_timeout <= 0) {
+        return std::nullopt;
+    }
+    return std::chrono::steady_clock::now() + std::chrono::milliseconds{server.call_timeout};
 }
 
-// Posts a request and waits for its answer. Run while the caller owns wait_callresponse.
-Call exchange(client_t &client, const char *url, const char *data, int len, Post post,
-              char **response) noexcept {
-    MessagePtr request{busClientExMessageNew(client.name.get(), nullptr, url, action::kRequest,
-                                             &client, client.name.get(), data, len)};
+// Waits for a signal of cond, which may come without a reason. False: the time is up.
+bool waitUntil(bus_mk_thread_cond_t &cond, bus_mk_thread_mutex_t &mutex,
+               const Deadline &deadline) noexcept BUS_MK_REQUIRES(mutex) {
+    if (!deadline) {
+        bus_mk_thread_cond_wait(&cond, &mutex);
+        return true;
+    }
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+        return false;
+    }
+    bus_mk_thread_cond_wait_for(&cond, &mutex, static_cast<std::uint32_t>(left.count()));
+    return true;
+}
+
+// The node's turn to call, for a scope.
+class Turn {
+public:
+    Turn(client_t &client, const Deadline &deadline) noexcept : client_{client} {
+        const bus_mk_guard lock{client.oncall_mutex};
+        ++client.turn_waiters;
+        while (client.wait_callresponse &&
+               waitUntil(client.turn_cond, client.oncall_mutex, deadline)) {}
+        --client.turn_waiters;
+        owned_ = !client.wait_callresponse;
+        client.wait_callresponse = true;
+    }
+    ~Turn() {
+        const bus_mk_guard lock{client_.oncall_mutex};
+        if (owned_) {
+            client_.wait_callresponse = false;
+            if (client_.turn_waiters > 0) {
+                bus_mk_thread_cond_signal(&client_.turn_cond);
+            }
+        }
+    }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+
+    bool owned() const noexcept { return owned_; }
+
+private:
+    client_t &client_;
+    bool owned_ = false;
+};
+
+// ---- the call ----
+
+struct Question {
+    const char *url;
+    const char *data;
+    int len;
+    // Whether it is the node's leave request: that gets through a flood of publications, and is
+    // given up when the bus stops.
+    bool leaves;
+};
+
+MessagePtr newRequest(client_t &client, const Question &question, std::uint64_t number) noexcept {
+    MessagePtr request{busClientExMessageNew(client.name.get(), nullptr, question.url,
+                                             action::kRequest, &client, client.name.get(),
+                                             question.data, question.len)};
     if (request) {
+        request->call = number;
+        if (!client.registered.load(std::memory_order_acquire)) { // then it is a join
+            holdNode(*request, client);
+        }
         BUS_CLIENT_TRACE("==>", &client, request.get());
     }
-    {
-        // Held until the wait, so that the answer cannot come before the caller is ready for it.
-        const bus_mk_guard lock{client.oncall_mutex};
-        if (!post(*client.server, request)) {
-            BUS_LOG(4, "  %s %s ==> server call failed, url: %s, queue is full\n", kClientTag,
-                    client.name.get(), url);
-            return Call::kRefused;
+    return request;
+}
+
+Call refuse(client_t &client, const Question &question, bool made) noexcept {
+    count(made ? client.counters.bus_full : client.counters.no_memory);
+    BUS_LOG(4, "  %s %s ==> server call failed, url: %s, queue is full\n", kClientTag,
+            client.name.get(), question.url);
+    return made ? Call::kRefused : Call::kNoMemory;
+}
+
+Call timeOut(client_t &client, const Question &question) noexcept {
+    count(client.counters.calls_timed_out);
+    BUS_LOG(4, "  %s %s call timeout, url: %s\n", kClientTag, client.name.get(), question.url);
+    return Call::kTimedOut;
+}
+
+// Waits until the server has handed over the answer to call number.
+bool awaitAnswer(client_t &client, std::uint64_t number, const Question &question,
+                 const Deadline &deadline) noexcept BUS_MK_REQUIRES(client.oncall_mutex) {
+    while (client.waiting_call.load() == number) {
+        const bool hopeless = question.leaves && !isRunning(*client.server);
+        if (hopeless || !waitUntil(client.oncall_cond, client.oncall_mutex, deadline)) {
+            return false;
         }
-        client.call_response.reset();
-        client.answered = false;
-        while (!client.answered) {
-            bus_mk_thread_cond_wait(&client.oncall_cond, &client.oncall_mutex);
-        }
-        *response = client.call_response.get();
     }
+    return true;
+}
+
+// Posts a request and waits for its answer. Run in the node's turn.
+Call exchange(client_t &client, const Question &question, const Deadline &deadline,
+              char **response) noexcept {
+    server_t &server = *client.server;
+    const std::uint64_t number = 1 + server.calls.fetch_add(1, std::memory_order_relaxed);
+    MessagePtr request = newRequest(client, question, number);
+    const bool made = request != nullptr;
+    // Held until the wait, so that the answer cannot come before the caller is ready for it.
+    const bus_mk_guard lock{client.oncall_mutex};
+    client.waiting_call.store(number);
+    const bool posted = question.leaves ? postToServer(server, request)
+                                        : handOver(server.message_queue, request, -1);
+    if (!posted) {
+        client.waiting_call.store(0);
+        return refuse(client, question, made);
+    }
+    count(client.counters.sent);
+    client.call_response.reset();
+    if (!awaitAnswer(client, number, question, deadline)) {
+        client.waiting_call.store(0);
+        return timeOut(client, question);
+    }
+    *response = client.call_response.get();
+    count(client.counters.calls_answered);
     BUS_LOG(2, "  %s %s call response, %s\n", kClientTag, client.name.get(), orNull(*response));
     return Call::kAnswered;
 }
-
-constexpr int kResponseAttempts = 1000;
 
 bool postResponse(client_t &client, const message_t &request, const char *text) noexcept {
     MessagePtr response{busClientExMessageNew(client.name.get(), nullptr, request.url,
                                               action::kResponse, &client, request.request_name,
                                               text, static_cast<int>(std::strlen(text)))};
     if (response) {
+        response->call = request.call;
         BUS_CLIENT_TRACE("==>", &client, response.get());
     }
-    return postToServer(*client.server, response);
+    const bool posted = postToServer(*client.server, response);
+    if (posted) {
+        count(client.counters.sent);
+    }
+    return posted;
 }
 
 } // namespace
 
 Call call(client_t &client, const char *url, const char *data, int len, char **response) noexcept {
-    const bus_mk_guard turn{client.wait_callresponse};
-    if (!mayCall(client, url)) { // looked at now: the node may have left during another call
-        logExited(client.name.get(), url);
-        return Call::kRefused;
+    const Deadline deadline = deadlineOf(*client.server);
+    const Question question{url, data, len, false};
+    count(client.counters.calls_made);
+    const Turn turn{client, deadline};
+    if (!turn.owned()) {
+        return timeOut(client, question);
     }
-    return exchange(client, url, data, len, postBounded, response);
+    Call result = Call::kRefused;
+    if (mayCall(client, url)) { // looked at now: the node may have left during another call
+        result = exchange(client, question, deadline, response);
+    } else {
+        logExited(client.name.get(), url);
+    }
+    if (result == Call::kRefused || result == Call::kNoMemory) {
+        count(client.counters.calls_refused);
+    }
+    return result;
 }
 
 void leaveBus(client_t &client) noexcept {
-    // Owned for both steps, or another thread's join could come between them.
-    const bus_mk_guard turn{client.wait_callresponse};
-    if (!isOnBus(client)) {
-        logExited(client.name.get(), kDisjoinUrl);
-    }
-    // Once, unless memory was short on either side: the server must not keep the record.
-    while (isOnBus(client)) {
+    const Question question{kDisjoinUrl, nullptr, 0, true};
+    const Deadline deadline = deadlineOf(*client.server);
+    // Owned for all steps, or another thread's join could come between them.
+    const Turn turn{client, deadline};
+    const bool onBus = client.registered.load(std::memory_order_acquire);
+    if (turn.owned() && onBus && isRunning(*client.server)) {
         char *response = nullptr;
-        if (exchange(client, kDisjoinUrl, nullptr, 0, postToServer, &response) == Call::kRefused) {
-            platform::yieldThread();
-        }
+        exchange(client, question, deadline, &response);
+    } else {
+        logExited(client.name.get(), question.url);
     }
     client.running.store(0, std::memory_order_release);
+    if (client.registered.load(std::memory_order_acquire)) {
+        depart(client);
+    }
+}
+
+void depart(client_t &client) noexcept {
+    if (client.departed.exchange(true)) {
+        return;
+    }
+    server_t &server = *client.server;
+    client_t *const record = retain(client);
+    record->next_departed = server.departed.load(std::memory_order_relaxed);
+    while (!server.departed.compare_exchange_weak(record->next_departed, record)) {}
+    // Only to wake the server: when this is lost, it has messages to wake it.
+    MessagePtr wakeUp = ownMessage(client, nullptr, action::kDepart, nullptr, 0);
+    if (postToServer(server, wakeUp)) {
+        count(client.counters.sent);
+    }
 }
 
 MessagePtr takeRequest(client_t &client) noexcept {
@@ -115,11 +251,12 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
     }
     const char *const data = text ? text.get() : kNoHandlerAnswer;
     // A place is kept for it; memory may come back.
-    for (int attempt = 0; attempt < kResponseAttempts; ++attempt, platform::yieldThread()) {
+    for (int attempt = 0; attempt < kShortageAttempts; ++attempt, platform::yieldThread()) {
         if (postResponse(client, request, data)) {
             return;
         }
     }
+    count(client.counters.no_memory);
     BUS_LOG(5, "  %s %s ==> server call response failed, queue is full\n", kClientTag,
             client.name.get());
 }

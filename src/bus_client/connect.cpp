@@ -3,19 +3,49 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
+
+namespace bus {
+namespace {
+
+bool isFromBus(const message_t &message) noexcept {
+    const std::string_view action{message.action ? message.action : ""};
+    return action == action::kPublish || action == action::kRequest;
+}
+
+int countUnread(void *item, void *unread) noexcept {
+    if (isFromBus(*static_cast<const message_t *>(item))) {
+        count(*static_cast<Counter *>(unread));
+    }
+    return 0;
+}
+
+// What the node has counted goes into the bus's sums.
+void countLeft(client_t &client) noexcept {
+    if (client.message_queue) {
+        bus_mk_q_visit(client.message_queue, countUnread, &client.counters.unread);
+    }
+    if (client.server) {
+        addCounters(client.server->left, client.counters);
+    }
+}
+
+} // namespace
+} // namespace bus
 
 client_t::client_t() noexcept
     : timer_queue{bus_mk_q_new(bus::kClientQueue, bus::_timer_equal)},
       message_queue{bus_mk_q_new(bus::kClientQueue, bus::_message_equal)} {
-    bus_mk_thread_mutex_init(&wait_callresponse);
     bus_mk_thread_mutex_init(&oncall_mutex);
     bus_mk_thread_cond_init(&oncall_cond);
+    bus_mk_thread_cond_init(&turn_cond);
 }
 
 client_t::~client_t() {
-    bus_mk_thread_mutex_destroy(&wait_callresponse);
+    bus::countLeft(*this);
     bus_mk_thread_mutex_destroy(&oncall_mutex);
     bus_mk_thread_cond_destroy(&oncall_cond);
+    bus_mk_thread_cond_destroy(&turn_cond);
     if (message_queue) {
         bus_mk_q_clear(message_queue, bus::busClientExMessageDelete, 0);
     }
@@ -25,10 +55,22 @@ client_t::~client_t() {
 }
 
 namespace bus {
+
+client_t *retain(client_t &client) noexcept {
+    client.references.fetch_add(1, std::memory_order_relaxed);
+    return &client;
+}
+
+void release(client_t *client) noexcept {
+    if (client && client->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete client;
+    }
+}
+
 namespace {
 
-std::unique_ptr<client_t> newClient(server_t *server, const char *name) noexcept {
-    std::unique_ptr<client_t> client{new (std::nothrow) client_t};
+ClientPtr newClient(server_t *server, const char *name) noexcept {
+    ClientPtr client{new (std::nothrow) client_t};
     if (client) {
         client->server = server;
         client->name.reset(bus_mk_strdup(name));
@@ -37,17 +79,36 @@ std::unique_ptr<client_t> newClient(server_t *server, const char *name) noexcept
     return whole ? std::move(client) : nullptr;
 }
 
-// False when the bus answered and did not take the node. A join that could not be sent is no
-// refusal: the node is then not on the bus.
+// False when the node is not to be: the bus did not take it or gave no answer in time, or memory is
+// short. A join that finds the bus's queue full is none of these: the node is then not on the bus.
 bool join(client_t &client) noexcept {
     char *response = nullptr;
-    if (call(client, kJoinUrl, nullptr, 0, &response) == Call::kAnswered &&
-        !client.registered.load(std::memory_order_acquire)) {
+    const Call result = call(client, kJoinUrl, nullptr, 0, &response);
+    const bool joined =
+        result == Call::kAnswered && client.registered.load(std::memory_order_acquire);
+    if (!joined && result != Call::kRefused) {
         return false;
     }
     BUS_LOG(3, "  %s %s connect end, payload: %s\n", kClientTag, client.name.get(),
             orNull(response));
     return true;
+}
+
+// Whether a node that has not gone has the name. The entries that it looks at stay while it does.
+bool isTaken(const server_t &server, const char *name) noexcept {
+    const auto visit = [](void *item, void *wanted) {
+        const auto *const entry = static_cast<const node_t *>(item);
+        return node_name_equal(wanted, item) == 0 && !entry->node->departed.load() ? 1 : 0;
+    };
+    return bus_mk_q_visit(server.nodes_queue, visit, const_cast<char *>(name)) != 0;
+}
+
+// Lets go of a node that makes no call any more.
+void abandon(ClientPtr client) noexcept {
+    // Whatever else holds the record: it may be on the bus, or a join of it may still be queued.
+    if (client->references.load(std::memory_order_acquire) > 1) {
+        depart(*client);
+    }
 }
 
 // The two requests that change a node's subscriptions, and what they are called in the log.
@@ -80,22 +141,24 @@ client_t *busClientConnect(Zelvo_t *busManager, const char *name, onmessage_call
     BUS_LOG(3, "  %s %s connect begin, busManager: %p, server: %p, name: %p\n", bus::kClientTag,
             name, static_cast<const void *>(busManager), static_cast<const void *>(server),
             static_cast<const void *>(name));
-    // A registry's key is read only.
-    if (bus_mk_q_find(server->nodes_queue, const_cast<char *>(name), nullptr)) {
+    if (bus::isTaken(*server, name)) {
         BUS_LOG(4, "  %s %s already exist\n", bus::kClientTag, name);
         return nullptr;
     }
     if (!bus::isCallable(name)) {
         BUS_LOG(4, "  %s %s cannot be called by this name\n", bus::kClientTag, name);
     }
-    std::unique_ptr<client_t> client = bus::newClient(server, name);
-    if (client) {
-        client->onmessage_func = onmessage;
-        client->oncall_func = oncall;
-        client->userdata = userdata;
-    }
-    if (!client || !bus::join(*client)) {
+    bus::ClientPtr client = bus::newClient(server, name);
+    if (!client) {
         BUS_LOG(5, "  %s connect failed\n", bus::kClientTag);
+        return nullptr;
+    }
+    client->onmessage_func = onmessage;
+    client->oncall_func = oncall;
+    client->userdata = userdata;
+    if (!bus::join(*client)) {
+        BUS_LOG(5, "  %s connect failed\n", bus::kClientTag);
+        bus::abandon(std::move(client));
         return nullptr;
     }
     busClientSubscribe(client.get(), bus::kEventSubscription);
@@ -119,9 +182,10 @@ int busClientClose(client_t *client) noexcept {
     }
     // Whoever called a node that never ran still waits.
     while (const bus::MessagePtr request = bus::takeRequest(*client)) {
+        bus::countAlone(client->counters.taken);
         bus::answerRequest(*client, *request, nullptr);
     }
     BUS_LOG(3, "  %s %s close\n", bus::kClientTag, client->name.get());
-    delete client;
+    bus::abandon(bus::ClientPtr{client});
     return 0;
 }

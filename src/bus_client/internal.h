@@ -26,15 +26,19 @@ MessagePtr ownMessage(client_t &client, const char *topic, const char *action, c
 // The line of arguments that are refused.
 void logFormatError() noexcept;
 
-// How a call went.
-enum class Call { kAnswered, kRefused };
+// How a call went. Only for the first is there an answer; for the middle two nothing was sent.
+enum class Call { kAnswered, kRefused, kNoMemory, kTimedOut };
 
-// Calls url and waits; the answer is then in *response (may be null). kRefused: nothing was sent.
+// Calls url and waits; the answer is then in *response (may be null).
 Call call(client_t &client, const char *url, const char *data, int len, char **response) noexcept;
 
-// Takes the node off the bus for good, if it is on it, and waits for that: it makes no call and
-// joins no more. Publications that fill the bus's queue do not keep the request from it.
+// Takes the node off the bus for good, if it is on it: it makes no call and joins no more. Waits
+// for the server's answer as long as the bus runs and the time limit of calls allows, and departs
+// without it otherwise.
 void leaveBus(client_t &client) noexcept;
+// Leaves the taking off to the server, which does it when it runs next, if the node is on the bus
+// or joins later. Never waits, never fails.
+void depart(client_t &client) noexcept;
 
 // The first request that waits for the node, or null.
 MessagePtr takeRequest(client_t &client) noexcept;

@@ -17,6 +17,9 @@ public:
         const cJSON *const item = cJSON_GetObjectItem(json_.get(), member);
         return item ? item->valueint : absent;
     }
+    bool isTrue(const char *member) const noexcept {
+        return cJSON_IsTrue(cJSON_GetObjectItem(json_.get(), member)) != 0;
+    }
     const char *text(const char *member, const char *absent) const noexcept {
         const cJSON *const item = cJSON_GetObjectItem(json_.get(), member);
         return item ? cJSON_GetStringValue(item) : absent;
@@ -46,7 +49,10 @@ Zelvo_t *busClientNew(const char *jsondata) noexcept {
     manager->server = bus::busServerNew(config.text("homePath", "."));
     if (!manager->server) {
         BUS_LOG(5, "  %s server new failed\n", bus::kClientTag);
+        return manager;
     }
+    manager->server->call_timeout = config.number("callTimeout", 0);
+    manager->server->has_stats = config.isTrue("stats");
     return manager;
 }
 

@@ -17,6 +17,7 @@ struct Fields {
     bool hasPayload;
     const char *data; // of the payload; null: a payload without data
     int len;
+    std::uint64_t call;
 };
 
 Fields fieldsOf(const message_t &message) noexcept {
@@ -29,7 +30,8 @@ Fields fieldsOf(const message_t &message) noexcept {
             message.request_name,
             payload != nullptr,
             payload ? payload->data : nullptr,
-            payload ? payload->len : 0};
+            payload ? payload->len : 0,
+            message.call};
 }
 
 std::size_t sizeOf(const char *text) noexcept {
@@ -83,6 +85,7 @@ message_t *make(const Fields &from) noexcept {
     message->action = cursor.text(from.action);
     message->node = from.node;
     message->request_name = cursor.text(from.request_name);
+    message->call = from.call;
     if (from.data) {
         message->payload->len = from.len;
         message->payload->data = cursor.bytes(from.data, dataSize - 1);
@@ -96,7 +99,7 @@ message_t *make(const Fields &from) noexcept {
 message_t *busClientExMessageNew(const char *name, const char *topic, const char *url,
                                  const char *action, void *node, const char *request_name,
                                  const char *data, int data_len) noexcept {
-    return make({name, topic, url, action, node, request_name, data != nullptr, data, data_len});
+    return make({name, topic, url, action, node, request_name, data != nullptr, data, data_len, 0});
 }
 
 message_t *busClientExMessageCopy(const void *message) noexcept {
@@ -116,8 +119,17 @@ message_t *copyWithAction(const message_t &message, const char *action) noexcept
 }
 
 int busClientExMessageDelete(void *message) noexcept {
+    const auto *const record = static_cast<const message_t *>(message);
+    if (record && record->holds_node) {
+        release(static_cast<client_t *>(record->node));
+    }
     std::free(message);
     return 0;
+}
+
+void holdNode(message_t &message, client_t &client) noexcept {
+    message.node = retain(client);
+    message.holds_node = true;
 }
 
 bool handOver(bus_mk_q_t *q, MessagePtr &message, int pos) noexcept {

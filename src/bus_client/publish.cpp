@@ -10,10 +10,13 @@ bool post(client_t &client, const char *topic, const char *action, const char *d
           int len) noexcept {
     MessagePtr message = ownMessage(client, topic, action, data, len);
     if (!message) {
+        count(client.counters.no_memory);
         return false;
     }
     BUS_CLIENT_TRACE("==>", &client, message.get());
-    return handOver(client.server->message_queue, message, -1);
+    const bool posted = handOver(client.server->message_queue, message, -1);
+    count(posted ? client.counters.sent : client.counters.bus_full);
+    return posted;
 }
 
 int publish(client_t *client, const char *topic, const char *action, const char *data,

@@ -4,6 +4,7 @@ namespace bus {
 namespace {
 
 void _message(client_t &client, const message_t &message) noexcept {
+    countAlone(client.counters.taken);
     if (!client.onmessage_func) {
         return;
     }
@@ -15,6 +16,7 @@ void _message(client_t &client, const message_t &message) noexcept {
 }
 
 void _request(client_t &client, const message_t &request) noexcept {
+    countAlone(client.counters.taken);
     answerRequest(client, request, client.oncall_func);
 }
 
@@ -62,6 +64,21 @@ bool dispatch(client_t &client, const message_t &message) noexcept {
     return true;
 }
 
+// Memory may come back, and a node that is not asked to stop keeps its thread; a full queue is told
+// at once.
+bool postExit(client_t &client) noexcept {
+    for (int attempt = 0; attempt < kShortageAttempts; ++attempt, platform::yieldThread()) {
+        MessagePtr message = ownMessage(client, nullptr, action::kExit, nullptr, 0);
+        if (handOver(client.message_queue, message, 0)) {
+            return true;
+        }
+        if (bus_mk_q_full(client.message_queue)) {
+            break;
+        }
+    }
+    return false;
+}
+
 } // namespace
 } // namespace bus
 
@@ -85,8 +102,8 @@ int busClientSpinExit(client_t *client) noexcept {
         return 0;
     }
     BUS_LOG(3, "  %s %s exit begin\n", bus::kClientTag, client->name.get());
-    bus::MessagePtr message = bus::ownMessage(*client, nullptr, bus::action::kExit, nullptr, 0);
-    if (!bus::handOver(client->message_queue, message, 0)) {
+    if (!bus::postExit(*client)) {
+        bus::count(client->counters.own_full);
         BUS_LOG(4, "  %s %s message queue is full\n", bus::kClientTag, client->name.get());
     }
     return 0;

@@ -152,6 +152,7 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
     if (bus_mk_q_send(client->timer_queue, timer, -1) == 0) {
         bus::noteDue(*client, due);
     } else {
+        bus::count(client->counters.own_full);
         BUS_LOG(4, "  %s %s settimer failed, queue is full\n", bus::kClientTag, client->name.get());
         bus::busClientExTimerDelete(timer);
     }
@@ -172,6 +173,7 @@ int busClientKilltimer(client_t *client, int id) noexcept {
     bus::MessagePtr message =
         bus::ownMessage(*client, nullptr, bus::action::kKillTimer, payload.data(), length);
     if (!bus::handOver(client->message_queue, message, -1)) {
+        bus::count(client->counters.own_full);
         BUS_LOG(4, "  %s %s killtimer failed, queue is full\n", bus::kClientTag,
                 client->name.get());
     }

@@ -3,6 +3,14 @@
 #include <cstring>
 
 namespace bus {
+namespace {
+
+// Whether the call that call_name stands for is not waited for any more: its time was up.
+bool hasGivenUp(const client_t &client) noexcept {
+    return client.call_number != 0 && client.call_number != client.waiting_call.load();
+}
+
+} // namespace
 
 int _busServerHasDeadLock(server_t *server, const char *host, const char *target) noexcept {
     const std::size_t nodes = server->directory.nodes();
@@ -14,8 +22,9 @@ int _busServerHasDeadLock(server_t *server, const char *host, const char *target
             BUS_LOG(4, "  %s client %s is exit\n", kServerTag, host ? host : "host is null");
             return -1;
         }
-        const char *const calls = node->node->call_name.data();
-        if (*calls == '\0') {
+        const client_t &client = *node->node;
+        const char *const calls = client.call_name.data();
+        if (*calls == '\0' || hasGivenUp(client)) {
             return -1;
         }
         BUS_LOG(2, "  %s %s call %s, target: %s\n", kServerTag, host, calls, target);

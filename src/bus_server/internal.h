@@ -7,6 +7,7 @@
 #include "bus_protocol.h"
 #include "bus_server_ex.h"
 
+#include <string>
 #include <string_view>
 
 namespace bus {
@@ -16,6 +17,18 @@ inline constexpr char kServerTag[] = "Vek-server";
 // Writes the trace line of a message. direction: "<==" taken, "==>" sent; target: the other end.
 int _busServerLogMessage(int level, const char *direction, const server_t *server,
                          const message_t *message, const char *target, int line) noexcept;
+
+// Sends message to a node. Not taken: it is counted and logged by logFull(), and is the caller's.
+template <typename LogFull>
+bool sendToNode(server_t &server, client_t &client, MessagePtr &message, LogFull logFull) noexcept {
+    if (handOver(client.message_queue, message, -1)) {
+        countAlone(server.counters.sent);
+        return true;
+    }
+    countAlone(client.counters.queue_full);
+    logFull();
+    return false;
+}
 
 // ---- publish.cpp ----
 
@@ -47,7 +60,14 @@ void forEachTopic(const message_t &message, Run run) {
     }
 }
 
-// ---- answers, loop.cpp ----
+// ---- requests and answers, loop.cpp ----
+
+// A request that the loop has taken, and what is known of it.
+struct Request {
+    const message_t &message;
+    Url url;
+    node_t *sender; // the entry of the record that made it; null: that is not on the bus
+};
 
 enum class Answered { kQueued, kNotMade, kRefused };
 
@@ -55,15 +75,22 @@ enum class Answered { kQueued, kNotMade, kRefused };
 // was queued before it. An answer that cannot be made or queued ends the call with none, at once.
 Answered answer(server_t &server, const message_t &request, std::string_view text) noexcept;
 // Ends the call of the record that made request without an answer.
-void endCall(const message_t &request) noexcept;
-// Hands client its answer (null: none) and wakes it. The record may be gone on return.
-void deliver(client_t &client, const payload_t *payload) noexcept;
+void endCall(server_t &server, const message_t &request) noexcept;
+
+// ---- leaving, departed.cpp ----
+
+// Takes an entry off registry and directory; it is the caller's to free.
+void takeOff(server_t &server, node_t &entry) noexcept;
+// Takes off the bus the nodes that have gone without waiting for it.
+void takeOffDeparted(server_t &server) noexcept;
 
 // ---- service.cpp, keys.cpp, deadlock.cpp ----
 
 // Answer a request to the host "bus", and to the host "localKeys".
-void _busServerService(server_t &server, const message_t &request, const Url &url) noexcept;
-void _busServerKeys(server_t &server, const message_t &request, const Url &url) noexcept;
+void _busServerService(server_t &server, const Request &request) noexcept;
+void _busServerKeys(server_t &server, const Request &request) noexcept;
+// What server and nodes have counted, as JSON. Throws std::bad_alloc.
+std::string statsText(server_t &server);
 
 // Loads the key store from its file, where there is one. A file that is no JSON object is set
 // aside, beside it, and the store starts empty.
@@ -72,8 +99,9 @@ void _busGetKeys(server_t &server);
 void _busSetKeys(server_t &server);
 
 // 0 when the chain of calls that starts at node host leads to a node that is calling target, -1
-// when it ends elsewhere. The chain is left after as many steps as there are nodes: a ring that
-// does not hold target is still open while the answer of its refused call is queued.
+// when it ends elsewhere. A node that has given its call up calls nobody. The chain is left after
+// as many steps as there are nodes: a ring that does not hold target is still open while the answer
+// of its refused call is queued.
 int _busServerHasDeadLock(server_t *server, const char *host, const char *target) noexcept;
 // Answers a request that would close a ring, and tells the subscribers of "bus.error".
 void refuseRing(server_t &server, const message_t &request) noexcept;

@@ -204,19 +204,20 @@ void _busSetKeys(server_t &server) {
     }
 }
 
-void _busServerKeys(server_t &server, const message_t &request, const Url &url) noexcept {
+void _busServerKeys(server_t &server, const Request &request) noexcept {
+    const message_t &message = request.message;
     try {
-        const bool hasData = request.payload && request.payload->data;
-        const std::string key{url.path.substr(1)};
+        const bool hasData = message.payload && message.payload->data;
+        const std::string key{request.url.path.substr(1)};
         const std::string text =
-            hasData ? serve(server, request.payload->data, key.c_str()) : std::string{kEmptyAnswer};
-        if (answer(server, request, text) == Answered::kRefused) {
+            hasData ? serve(server, message.payload->data, key.c_str()) : std::string{kEmptyAnswer};
+        if (answer(server, message, text) == Answered::kRefused) {
             BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", kServerTag,
                     server.name.get());
         }
     } catch (const std::bad_alloc &) {
         BUS_LOG(5, "  %s malloc failed\n", kServerTag);
-        endCall(request);
+        endCall(server, message);
     }
 }
 

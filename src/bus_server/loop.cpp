@@ -2,18 +2,31 @@
 
 #include <cstring>
 #include <optional>
-#include <utility>
 
 namespace bus {
 namespace {
 
 // ---- requests ----
 
+node_t *senderOf(const server_t &server, const message_t &request) noexcept {
+    node_t *const entry = server.directory.find(request.name);
+    return entry && entry->node == request.node ? entry : nullptr;
+}
+
+// The record that made request, as long as something keeps it: its entry or the message itself.
+client_t *callerOf(const node_t *sender, const message_t &request) noexcept {
+    if (sender) {
+        return sender->node;
+    }
+    return request.holds_node ? static_cast<client_t *>(request.node) : nullptr;
+}
+
 // Other nodes' deadlock checks read which host the caller is waiting for.
-void noteCall(const message_t &request, std::string_view host) noexcept {
-    if (auto *const caller = static_cast<client_t *>(request.node)) {
+void noteCall(const Request &request) noexcept {
+    if (client_t *const caller = callerOf(request.sender, request.message)) {
         caller->call_name.fill('\0');
-        host.copy(caller->call_name.data(), kMaxHost);
+        request.url.host.copy(caller->call_name.data(), kMaxHost);
+        caller->call_number = request.message.call;
     }
 }
 
@@ -21,57 +34,58 @@ bool forward(server_t &server, const message_t &request, const node_t &target) n
     client_t &client = *target.node;
     MessagePtr copy{copyForRequest(request, request.name)};
     if (!copy) {
+        countAlone(server.counters.no_memory);
         return false;
     }
     BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
-    const bool taken = handOver(client.message_queue, copy, -1);
-    if (!taken) {
+    return sendToNode(server, client, copy, [&client] {
         BUS_LOG(4, "  %s server ==> %s request failed, queue is full\n", kServerTag,
                 client.name.get());
-    }
-    return taken;
+    });
 }
 
-void callNode(server_t &server, const message_t &request, const Url &url) noexcept {
-    if (_busServerHasDeadLock(&server, request.name, request.name) == 0) {
-        refuseRing(server, request);
+void callNode(server_t &server, const Request &request) noexcept {
+    const message_t &message = request.message;
+    if (_busServerHasDeadLock(&server, message.name, message.name) == 0) {
+        refuseRing(server, message);
         return;
     }
-    const node_t *const target = server.directory.find(url.host);
-    if (!target || !forward(server, request, *target)) {
-        answer(server, request, kUnknownAnswer);
+    const node_t *const target = server.directory.find(request.url.host);
+    if (!target || !forward(server, message, *target)) {
+        answer(server, message, kUnknownAnswer);
     }
 }
 
 struct Host {
     std::string_view name;
-    void (*run)(server_t &, const message_t &, const Url &);
+    void (*run)(server_t &, const Request &);
 };
 constexpr Host kReservedHosts[] = {
     {kKeysHost, _busServerKeys},
     {kBusHost, _busServerService},
 };
 
-void _busServerRequest(server_t &server, message_t &request) noexcept {
-    if (!request.url) {
+void _busServerRequest(server_t &server, message_t &message) noexcept {
+    if (!message.url) {
         return;
     }
-    const std::optional<Url> url = splitUrl(request.url);
+    const std::optional<Url> url = splitUrl(message.url);
     if (!url) {
         BUS_LOG(5, "  %s not url path\n", kServerTag);
-        answer(server, request, kUnknownAnswer);
+        answer(server, message, kUnknownAnswer);
         return;
     }
     BUS_LOG(1, "  %s host: %.*s, path: %.*s\n", kServerTag, static_cast<int>(url->host.size()),
             url->host.data(), static_cast<int>(url->path.size()), url->path.data());
-    noteCall(request, url->host);
+    const Request request{message, *url, senderOf(server, message)};
+    noteCall(request);
     for (const Host &host : kReservedHosts) {
         if (selects(url->host, host.name)) {
-            host.run(server, request, *url);
+            host.run(server, request);
             return;
         }
     }
-    callNode(server, request, *url);
+    callNode(server, request);
 }
 
 // ---- answers ----
@@ -100,17 +114,37 @@ bool isLeaveNotice(const server_t &server, const message_t &response) noexcept {
     return std::string_view{response.payload->data}.starts_with(kDisjoinNotice);
 }
 
-void leave(server_t &server, node_t &entry) noexcept {
-    const auto unsubscribe = [](void *topic, void *arg) {
-        auto &[all, node] = *static_cast<std::pair<Directory *, const node_t *> *>(arg);
-        all->unsubscribe(*node, static_cast<const char *>(topic));
-        return 0;
-    };
-    std::pair<Directory *, const node_t *> arg{&server.directory, &entry};
-    bus_mk_q_visit(entry.topics_queue, unsubscribe, &arg);
-    server.directory.remove(entry);
-    bus_mk_q_take_out(server.nodes_queue, entry.place);
-    entry.node->registered.store(false, std::memory_order_release);
+// Whether client waits for this answer, or the answer is one to whatever it waits for.
+bool isAwaited(const client_t &client, const message_t &response) noexcept {
+    return response.call == 0 || response.call == client.waiting_call.load();
+}
+
+// Hands client its answer (no payload: none) and wakes it. False: it does not wait for it any more,
+// and nothing is changed.
+bool deliver(client_t &client, const message_t &response, const payload_t *payload) noexcept {
+    const bus_mk_guard lock{client.oncall_mutex};
+    if (!isAwaited(client, response)) {
+        return false;
+    }
+    client.call_name.fill('\0');
+    client.call_response.reset();
+    if (payload && payload->data) {
+        const auto length = static_cast<std::size_t>(payload->len);
+        client.call_response.reset(static_cast<char *>(std::malloc(length + 1)));
+        if (client.call_response) {
+            std::memcpy(client.call_response.get(), payload->data, length);
+            client.call_response.get()[length] = '\0';
+        }
+    }
+    client.waiting_call.store(0);
+    bus_mk_thread_cond_signal(&client.oncall_cond);
+    return true;
+}
+
+void dropLate(client_t &client, const message_t &response) noexcept {
+    count(client.counters.late_answers);
+    BUS_LOG(1, "  %s %s late response dropped, url: %s\n", kServerTag, client.name.get(),
+            orNull(response.url));
 }
 
 void _busServerResponse(server_t &server, message_t &response) noexcept {
@@ -120,16 +154,23 @@ void _busServerResponse(server_t &server, message_t &response) noexcept {
     node_t *const entry =
         response.request_name ? server.directory.find(response.request_name) : nullptr;
     if (!entry) {
+        countAlone(server.counters.no_addressee);
         return;
     }
     client_t &client = *entry->node;
+    if (!isAwaited(client, response)) {
+        dropLate(client, response);
+        return;
+    }
     BUS_SERVER_TRACE("==>", &server, &response, client.name.get());
     // The name is free, and the record out of reach, before the leaving node wakes and is closed.
     const bool leaving = isLeaveNotice(server, response);
     if (leaving) {
-        leave(server, *entry);
+        takeOff(server, *entry);
     }
-    deliver(client, response.payload);
+    if (!deliver(client, response, response.payload)) {
+        dropLate(client, response);
+    }
     if (leaving) {
         busServerExNodeDelete(entry);
         BUS_LOG(2, "  %s %s disjoin\n", kServerTag, response.request_name);
@@ -143,6 +184,9 @@ void _busServerExitAction(server_t &server, message_t & /*message*/) noexcept {
     server.running.store(0);
 }
 
+// It has woken the loop, which looks at the departed nodes before each message.
+void _busServerDepart(server_t & /*server*/, message_t & /*message*/) noexcept {}
+
 struct Route {
     std::string_view action;
     void (*run)(server_t &, message_t &);
@@ -154,6 +198,7 @@ constexpr Route kActions[] = {
     {action::kResponse, _busServerResponse},
     {action::kPublishSticky, _busServerPublishSticky},
     {action::kRemoveSticky, _busServerRemoveSticky},
+    {action::kDepart, _busServerDepart},
 };
 
 void dispatch(server_t &server, message_t &message) noexcept {
@@ -182,7 +227,19 @@ bool enterLoop(server_t &server) noexcept {
     return true;
 }
 
+// Nodes that wait for the answer to their leave request wait in vain now.
+void wakeLeaving(server_t &server) noexcept {
+    const auto wake = [](void *item, void * /*arg*/) {
+        client_t &client = *static_cast<node_t *>(item)->node;
+        const bus_mk_guard lock{client.oncall_mutex};
+        bus_mk_thread_cond_signal(&client.oncall_cond);
+        return 0;
+    };
+    bus_mk_q_visit(server.nodes_queue, wake, nullptr);
+}
+
 void leaveLoop(server_t &server) noexcept {
+    wakeLeaving(server);
     const bus_mk_guard lock{server.loop_mutex};
     server.looping = false;
     bus_mk_thread_cond_signal(
@@ -207,39 +264,27 @@ Answered answer(server_t &server, const message_t &request, std::string_view tex
     MessagePtr response{busClientExMessageNew(kServerName, nullptr, request.url, action::kResponse,
                                               &server, request.name, text.data(),
                                               static_cast<int>(text.size()))};
-    if (response) {
-        BUS_SERVER_TRACE("==>", &server, response.get(), server.name.get());
-        if (postToServer(server, response)) {
-            return Answered::kQueued;
-        }
-        endCall(request);
+    if (!response) {
+        countAlone(server.counters.no_memory);
+        BUS_LOG(5, "  %s response failed\n", kServerTag);
+        endCall(server, request);
+        return Answered::kNotMade;
+    }
+    response->call = request.call;
+    BUS_SERVER_TRACE("==>", &server, response.get(), server.name.get());
+    if (!postToServer(server, response)) {
+        count(server.counters.queue_full);
+        endCall(server, request);
         return Answered::kRefused;
     }
-    BUS_LOG(5, "  %s response failed\n", kServerTag);
-    endCall(request);
-    return Answered::kNotMade;
+    count(server.counters.posted);
+    return Answered::kQueued;
 }
 
-void endCall(const message_t &request) noexcept {
-    if (auto *const caller = static_cast<client_t *>(request.node)) {
-        deliver(*caller, nullptr);
+void endCall(server_t &server, const message_t &request) noexcept {
+    if (client_t *const caller = callerOf(senderOf(server, request), request)) {
+        deliver(*caller, request, nullptr);
     }
-}
-
-void deliver(client_t &client, const payload_t *payload) noexcept {
-    client.call_name.fill('\0');
-    const bus_mk_guard lock{client.oncall_mutex};
-    client.call_response.reset();
-    if (payload && payload->data) {
-        const auto length = static_cast<std::size_t>(payload->len);
-        client.call_response.reset(static_cast<char *>(std::malloc(length + 1)));
-        if (client.call_response) {
-            std::memcpy(client.call_response.get(), payload->data, length);
-            client.call_response.get()[length] = '\0';
-        }
-    }
-    client.answered = true;
-    bus_mk_thread_cond_signal(&client.oncall_cond);
 }
 
 int busServerRun(server_t *server) noexcept {
@@ -255,6 +300,10 @@ int busServerRun(server_t *server) noexcept {
         const MessagePtr message{
             static_cast<message_t *>(bus_mk_q_recv(server->message_queue, 0, 0, 1))};
         if (message) {
+            countAlone(server->counters.taken);
+            if (server->departed.load(std::memory_order_relaxed)) {
+                takeOffDeparted(*server);
+            }
             dispatch(*server, *message);
         }
     }

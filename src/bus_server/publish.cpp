@@ -43,13 +43,14 @@ int _busServerPublish(server_t *server, const message_t *message) noexcept {
         client_t &client = *node->node;
         MessagePtr copy{busClientExMessageCopy(message)};
         if (!copy) {
+            countAlone(server->counters.no_memory);
             continue;
         }
         BUS_SERVER_TRACE("==>", server, copy.get(), client.name.get());
-        if (!handOver(client.message_queue, copy, -1)) {
+        sendToNode(*server, client, copy, [&] {
             BUS_LOG(4, "  %s server ==> %s pusblish topic %s failed, queue is full\n", kServerTag,
                     client.name.get(), message->topic);
-        }
+        });
     }
     return 0;
 }
@@ -66,16 +67,20 @@ bool publishNotice(server_t &server, const char *topic, std::string_view text) n
 
 void replaySticky(server_t &server, const node_t &node, const char *topic) noexcept {
     const Topic *const entry = server.directory.topic(topic);
-    MessagePtr copy{entry ? busClientExMessageCopy(entry->sticky) : nullptr};
+    if (!entry || !entry->sticky) {
+        return;
+    }
+    MessagePtr copy{busClientExMessageCopy(entry->sticky)};
     if (!copy) {
+        countAlone(server.counters.no_memory);
         return;
     }
     client_t &client = *node.node;
     BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
-    if (!handOver(client.message_queue, copy, -1)) {
+    sendToNode(server, client, copy, [&client] {
         BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", kServerTag,
                 client.name.get());
-    }
+    });
 }
 
 void _busServerPublishAction(server_t &server, message_t &message) noexcept {
@@ -89,6 +94,7 @@ void _busServerPublishSticky(server_t &server, message_t &message) noexcept {
     }
     MessagePtr copy{copyWithAction(message, action::kPublish)};
     if (!copy) {
+        countAlone(server.counters.no_memory);
         return;
     }
     _busServerPublish(&server, copy.get());

@@ -28,6 +28,19 @@ MessagePtr exitMessage(server_t &server) noexcept {
                                             &server, kNoRequest, nullptr, 0)};
 }
 
+// False: memory stayed short, and the loop goes on.
+bool postExit(server_t &server) noexcept {
+    for (int attempt = 0; attempt < kShortageAttempts; ++attempt, platform::yieldThread()) {
+        MessagePtr exit = exitMessage(server);
+        if (postToServer(server, exit)) {
+            count(server.counters.posted);
+            return true;
+        }
+    }
+    count(server.counters.queue_full);
+    return false;
+}
+
 void stopLoop(server_t &server) noexcept {
     {
         const bus_mk_guard lock{server.loop_mutex};
@@ -36,10 +49,7 @@ void stopLoop(server_t &server) noexcept {
         }
     }
     // Refused only for want of memory: the loop gives some back.
-    for (MessagePtr exit = exitMessage(server); !postToServer(server, exit);) {
-        platform::yieldThread();
-        exit = exitMessage(server);
-    }
+    while (!postExit(server)) {}
     const bus_mk_guard lock{server.loop_mutex};
     while (server.looping) {
         bus_mk_thread_cond_wait(&server.loop_ended, &server.loop_mutex);
@@ -50,6 +60,7 @@ void stopLoop(server_t &server) noexcept {
 
 node_t::~node_t() {
     clear(topics_queue, _budServerExCharDelete);
+    release(node);
 }
 
 server_t::server_t() noexcept
@@ -65,6 +76,10 @@ server_t::~server_t() {
     clear(nodes_queue, busServerExNodeDelete);
     clear(message_queue, busClientExMessageDelete);
     clear(sticky_queue, busClientExMessageDelete);
+    for (client_t *client = departed.exchange(nullptr); client;) {
+        ClientPtr gone{client};
+        client = client->next_departed;
+    }
     bus_mk_thread_cond_destroy(&loop_ended);
     bus_mk_thread_mutex_destroy(&loop_mutex);
 }
@@ -90,8 +105,9 @@ int busServerExit(server_t *server) noexcept {
         return 0;
     }
     BUS_LOG(3, "  %s %s exit begin\n", kServerTag, server->name.get());
-    MessagePtr exit = exitMessage(*server);
-    handOver(server->message_queue, exit, -1);
+    if (!postExit(*server)) {
+        BUS_LOG(5, "  %s %s exit failed\n", kServerTag, server->name.get());
+    }
     return 0;
 }
 

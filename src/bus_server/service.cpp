@@ -11,7 +11,7 @@ namespace {
 struct Service {
     server_t &server;
     const message_t &request;
-    node_t *sender; // the entry of the request's sender, or null
+    node_t *sender; // the entry of the record that made the request, or null
 };
 using Answer = std::optional<std::string>; // nothing: the call has been ended already
 
@@ -36,28 +36,34 @@ std::unique_ptr<node_t> newEntry(const char *name, client_t *client) noexcept {
     std::unique_ptr<node_t> entry{new (std::nothrow) node_t};
     if (entry) {
         entry->name.reset(bus_mk_strdup(name));
-        entry->node = client;
+        entry->node = retain(*client);
         entry->topics_queue = bus_mk_q_new(kServerQueue, node_topic_equal);
     }
     return entry;
 }
 
 Answer _join(const Service &call) {
-    auto *const client = static_cast<client_t *>(call.request.node);
     const char *const name = call.request.name;
-    if (call.sender) {
+    node_t *const holder = call.server.directory.find(name);
+    if (holder && holder->node->departed.load()) {
+        takeOff(call.server, *holder);
+        busServerExNodeDelete(holder);
+    } else if (holder) {
         BUS_LOG(4, "  %s, %s already exist\n", kServerTag, name);
-        if (call.sender->node == client) {
+        if (call.sender) {
             return std::string{kEmptyAnswer};
         }
-        endCall(call.request); // an answer by name would go to the node that holds the name
+        endCall(call.server, call.request); // by name it would go to the node that holds the name
         return std::nullopt;
     }
+    auto *const client =
+        call.request.holds_node ? static_cast<client_t *>(call.request.node) : nullptr;
     // Made first: what can fail for lack of memory fails while the registry is unchanged.
     std::string accepted{kEmptyAnswer};
     const std::string notice = joinNotice(name);
-    if (!client || !store(call.server, newEntry(name, client))) {
-        endCall(call.request); // an answer by name would find nobody
+    const bool wanted = client && !client->departed.load();
+    if (!wanted || !store(call.server, newEntry(name, client))) {
+        endCall(call.server, call.request); // an answer by name would find nobody
         return std::nullopt;
     }
     if (publishNotice(call.server, kEventTopic, notice)) {
@@ -134,6 +140,12 @@ Answer _nodes(const Service &call) {
     return printed ? std::string{printed.get()} : std::string{};
 }
 
+// ---- counters ----
+
+Answer _stats(const Service &call) {
+    return call.server.has_stats ? statsText(call.server) : std::string{kUnknownAnswer};
+}
+
 // ---- leave ----
 
 // Only the answer is made here; its delivery takes the node off the registry.
@@ -164,6 +176,7 @@ constexpr Route kPaths[] = {
     {kUnsubscribePath, kPrefix, _unsubscribe},
     {kNodesPath, kPrefix, _nodes},
     {kDisjoinPath, kPrefix, _disjoin},
+    {kStatsPath, kWhole, _stats},
 };
 
 Answer serve(const Service &call, std::string_view path) {
@@ -181,15 +194,16 @@ Answer serve(const Service &call, std::string_view path) {
 
 } // namespace
 
-void _busServerService(server_t &server, const message_t &request, const Url &url) noexcept {
+void _busServerService(server_t &server, const Request &request) noexcept {
+    const message_t &message = request.message;
     try {
-        const Service call{server, request, server.directory.find(request.name)};
-        if (const Answer text = serve(call, url.path)) {
-            answer(server, request, *text);
+        const Service call{server, message, request.sender};
+        if (const Answer text = serve(call, request.url.path)) {
+            answer(server, message, *text);
         }
     } catch (const std::bad_alloc &) {
         BUS_LOG(5, "  %s response failed\n", kServerTag);
-        endCall(request);
+        endCall(server, message);
     }
 }
 
