@@ -18,6 +18,7 @@ protected:
     explicit Server(const char *home = nullptr) : server_{busServerNew(home)} {}
     ~Server() override {
         bus_log_exit();
+        clients_.clear(); // nodes go before the bus
         busServerDelete(server_);
     }
 
