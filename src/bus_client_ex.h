@@ -11,6 +11,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -41,6 +42,7 @@ struct message_t {
     // Whether the message owns a reference to node, a client_t: a join request, which is the only
     // message whose maker the server reaches without finding it in its registry.
     bool holds_node;
+    std::size_t size; // of the block, all of it
 };
 
 // Makes a message. Texts and data may be null; data_len is looked at only with data. Null when
@@ -127,9 +129,13 @@ struct client_t {
     std::atomic<int> running{1}; // 0 once the node has left the bus for good
     // Whether a call is under way: a node makes one at a time.
     bool wait_callresponse BUS_MK_GUARDED_BY(oncall_mutex) = false;
-    int turn_waiters BUS_MK_GUARDED_BY(oncall_mutex) = 0; // threads that wait for their turn
-    bus_mk_thread_cond_t turn_cond;                       // signalled when a call has ended
+    int turn_waiters BUS_MK_GUARDED_BY(oncall_mutex) = 0;      // threads that wait for their turn
+    bool turn_offered BUS_MK_GUARDED_BY(oncall_mutex) = false; // to those of them there were then
+    std::uint32_t turn_offers BUS_MK_GUARDED_BY(oncall_mutex) = 0; // how often it has been
+    bus_mk_thread_cond_t turn_cond;                                // signalled with each offer
 
+    // Whether the caller sleeps, or is about to: no signal is left over for a later call.
+    bool caller_sleeps BUS_MK_GUARDED_BY(oncall_mutex) = false;
     // The number of the call that waits for its answer, or 0. Written under oncall_mutex; the
     // server's look at a chain of calls reads it without.
     std::atomic<std::uint64_t> waiting_call{0};

@@ -1,20 +1,42 @@
 #include "bus_mk_queue.h"
 
+#include "bus_mk_pool.h"
 #include "bus_mk_thread.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <new>
 
+namespace {
+
+constexpr std::size_t kCacheLine = 64;
+
+} // namespace
+
+// One list in two parts: items are appended to in, taken from out, and move from one to the other
+// all at once when out is empty, or when an operation needs the whole list.
 struct bus_mk_queue {
-    bus_mk_thread_mutex_t mut;
+    // The senders' part.
+    alignas(kCacheLine) bus_mk_thread_mutex_t mut; // taken after recv_mut where both are
     bus_mk_thread_cond_t recv_cond;
-    // Set while a receiver waits or is about to; cleared by the sender that wakes it.
+    // Set while a receiver sleeps or is about to; cleared by the sender that wakes it.
     std::int32_t wait_recv BUS_MK_GUARDED_BY(mut);
     std::int32_t max_size; // fixed when the queue is made
     std::int32_t highest BUS_MK_GUARDED_BY(mut);
-    bus_mk_list *list BUS_MK_PT_GUARDED_BY(mut);
+    // A former value of out_count, which has not grown since: what it allows needs no look at the
+    // receivers' part.
+    std::int32_t out_seen BUS_MK_GUARDED_BY(mut);
+    bus_mk_list *in BUS_MK_PT_GUARDED_BY(mut);
+    std::atomic<std::int32_t> in_count; // written under mut
+
+    // The receivers' part.
+    alignas(kCacheLine) bus_mk_thread_mutex_t recv_mut;
+    bus_mk_list *list BUS_MK_PT_GUARDED_BY(recv_mut);
+    std::atomic<std::int32_t> out_count; // written under recv_mut; grows only under mut as well
 };
 
 namespace {
@@ -22,100 +44,222 @@ namespace {
 struct ListDelete {
     void operator()(bus_mk_list *list) const noexcept { bus_mk_list_destroy(list); }
 };
+using ListPtr = std::unique_ptr<bus_mk_list, ListDelete>;
 
-bus_mk_list_node *addBelow(bus_mk_q_t *q, void *data, int pos, int limit) noexcept {
-    bus_mk_list_node *node = nullptr;
-    bool wake = false;
-    if (data) {
-        const bus_mk_guard lock{q->mut};
-        if (bus_mk_list_cnt(q->list) < limit) {
-            node = bus_mk_list_add(q->list, data, pos);
-            q->highest = std::max(q->highest, bus_mk_list_cnt(q->list));
-        }
-        wake = node && q->wait_recv != 0;
-        if (wake) {
-            q->wait_recv = 0;
-        }
+void noteOut(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut) {
+    q->out_count.store(bus_mk_list_cnt(q->list), std::memory_order_release);
+}
+
+// Moves all that has been appended to the receivers' part.
+void bring(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
+    bus_mk_list_splice(q->list, q->in);
+    noteOut(q); // before in_count: an item is never in neither count
+    q->out_seen = bus_mk_list_cnt(q->list);
+    q->in_count.store(0, std::memory_order_release);
+}
+
+// The whole queue stands still for a scope, all of it in list.
+class BUS_MK_SCOPED_CAPABILITY Whole {
+public:
+    explicit Whole(bus_mk_q_t *q) noexcept BUS_MK_ACQUIRE(q->recv_mut, q->mut) : q_{q} {
+        bus_mk_thread_mutex_lock(&q->recv_mut);
+        bus_mk_thread_mutex_lock(&q->mut);
+        bring(q);
     }
-    // Signalled after the release, so that the receiver does not wake into a lock still held. The
-    // event remembers a signal that comes before the wait.
+    ~Whole() BUS_MK_RELEASE() {
+        noteOut(q_);
+        bus_mk_thread_mutex_unlock(&q_->mut);
+        bus_mk_thread_mutex_unlock(&q_->recv_mut);
+    }
+    Whole(const Whole &) = delete;
+    Whole &operator=(const Whole &) = delete;
+
+private:
+    bus_mk_q_t *q_;
+};
+
+// Whether one item more stays within limit. The receivers' part is looked at only when its former
+// count does not tell.
+bool hasPlace(bus_mk_q_t *q, int limit) noexcept BUS_MK_REQUIRES(q->mut) {
+    const std::int32_t waiting = bus_mk_list_cnt(q->in);
+    if (waiting + q->out_seen >= limit || waiting + q->out_seen >= q->highest) {
+        q->out_seen = q->out_count.load(std::memory_order_acquire);
+    }
+    return waiting + q->out_seen < limit;
+}
+
+// Whether a receiver is to be woken, which is then on the caller to do.
+bool mustWake(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->mut) {
+    const bool waits = q->wait_recv != 0;
+    if (waits) {
+        q->wait_recv = 0;
+    }
+    return waits;
+}
+
+// Called after the release of the mutex, so that the receiver does not wake into a lock still held.
+// The event remembers a signal that comes before the wait.
+void wakeReceiver(bus_mk_q_t *q, bool wake) noexcept {
     if (wake) {
         bus_mk_thread_cond_signal(&q->recv_cond);
     }
+}
+
+bool append(bus_mk_q_t *q, void *data, int limit) noexcept {
+    bool added = false;
+    bool wake = false;
+    {
+        const bus_mk_guard lock{q->mut};
+        if (hasPlace(q, limit) && bus_mk_list_add(q->in, data, -1)) {
+            const std::int32_t waiting = bus_mk_list_cnt(q->in);
+            q->highest = std::max(q->highest, waiting + q->out_seen);
+            q->in_count.store(waiting, std::memory_order_release);
+            added = true;
+            wake = mustWake(q);
+        }
+    }
+    wakeReceiver(q, wake);
+    return added;
+}
+
+// The same at any place, and with the place as the result.
+bus_mk_list_node *insert(bus_mk_q_t *q, void *data, int pos) noexcept {
+    bus_mk_list_node *node = nullptr;
+    bool wake = false;
+    {
+        const Whole lock{q};
+        if (hasPlace(q, q->max_size)) {
+            node = bus_mk_list_add(q->list, data, pos);
+        }
+        if (node) {
+            q->out_seen = bus_mk_list_cnt(q->list);
+            q->highest = std::max(q->highest, q->out_seen);
+            wake = mustWake(q);
+        }
+    }
+    wakeReceiver(q, wake);
     return node;
+}
+
+constexpr int kLooks = 4;
+
+// Whether an item comes within a few looks. A receiver that sleeps costs its sender a system call
+// and itself some microseconds until it runs again; most of the time an answer comes sooner.
+bool comesSoon(const bus_mk_q_t *q) noexcept {
+    for (int look = 0; look < kLooks; ++look) {
+        if (!bus_mk_q_empty(q)) {
+            return true;
+        }
+        platform::yieldThread();
+    }
+    return !bus_mk_q_empty(q);
+}
+
+constexpr unsigned kForever = std::numeric_limits<unsigned>::max();
+
+// Sleeps until an item has come, or the time has passed (it may end earlier then).
+void sleepWhileEmpty(bus_mk_q_t *q, unsigned milliseconds) noexcept {
+    if (comesSoon(q)) {
+        return;
+    }
+    bus_mk_pool_trim();
+    const bus_mk_guard lock{q->mut};
+    if (!bus_mk_q_empty(q)) {
+        return;
+    }
+    q->wait_recv = 1;
+    if (milliseconds != kForever) {
+        // wait_recv is left set where no send has cleared it: another receiver may wait, and one
+        // signal too many is only remembered.
+        bus_mk_thread_cond_wait_for(&q->recv_cond, &q->mut, milliseconds);
+        return;
+    }
+    while (q->wait_recv != 0) {
+        bus_mk_thread_cond_wait(&q->recv_cond, &q->mut);
+    }
 }
 
 } // namespace
 
 bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept {
-    std::unique_ptr<bus_mk_list, ListDelete> list{bus_mk_list_new(eq_func)};
-    if (!list) {
-        return nullptr;
-    }
-    auto *const q = new (std::nothrow) bus_mk_queue{{}, {}, 0, q_size, 0, list.get()};
+    ListPtr in{bus_mk_list_new(eq_func)};
+    ListPtr out{bus_mk_list_new(eq_func)};
+    auto *const q = in && out ? new (std::nothrow) bus_mk_queue{} : nullptr;
     if (q) {
-        static_cast<void>(list.release());
         bus_mk_thread_mutex_init(&q->mut);
+        bus_mk_thread_mutex_init(&q->recv_mut);
         bus_mk_thread_cond_init(&q->recv_cond);
+        q->max_size = q_size;
+        q->in = in.release();
+        q->list = out.release();
     }
     return q;
 }
 
 int bus_mk_q_send(bus_mk_q_t *q, void *data, int pos) noexcept {
-    return addBelow(q, data, pos, q->max_size) ? 0 : -1;
+    if (!data) {
+        return -1;
+    }
+    const bool added = pos < 0 ? append(q, data, q->max_size) : insert(q, data, pos) != nullptr;
+    return added ? 0 : -1;
 }
 
 int bus_mk_q_send_beyond(bus_mk_q_t *q, void *data, int extra) noexcept {
-    return addBelow(q, data, -1, q->max_size + extra) ? 0 : -1;
+    return data && append(q, data, q->max_size + extra) ? 0 : -1;
 }
 
 bus_mk_list_node *bus_mk_q_append(bus_mk_q_t *q, void *data) noexcept {
-    return addBelow(q, data, -1, q->max_size);
+    return data ? insert(q, data, -1) : nullptr;
 }
 
 void *bus_mk_q_take_out(bus_mk_q_t *q, bus_mk_list_node *place) noexcept {
-    const bus_mk_guard lock{q->mut};
+    const Whole lock{q};
     return bus_mk_list_del_node(q->list, place);
 }
 
 void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept {
-    const bus_mk_guard lock{q->mut};
-    if (flag == 0 && bus_mk_list_cnt(q->list) == 0) {
-        q->wait_recv = 1;
-        while (q->wait_recv != 0) {
-            bus_mk_thread_cond_wait(&q->recv_cond, &q->mut);
+    for (bool waits = flag == 0;;) {
+        if (waits && bus_mk_q_empty(q)) {
+            sleepWhileEmpty(q, kForever);
+            waits = false; // once: another receiver may be faster
+        }
+        const bus_mk_guard lock{q->recv_mut};
+        if (pos > bus_mk_list_cnt(q->list)) {
+            const bus_mk_guard senders{q->mut};
+            bring(q);
+        }
+        if (!waits || bus_mk_list_cnt(q->list) > 0) {
+            void *const item =
+                del == 1 ? bus_mk_list_get_idx(q->list, pos) : bus_mk_list_del_idx(q->list, pos);
+            noteOut(q);
+            return item;
         }
     }
-    return del == 1 ? bus_mk_list_get_idx(q->list, pos) : bus_mk_list_del_idx(q->list, pos);
 }
 
 void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept {
-    const bus_mk_guard lock{q->mut};
-    if (bus_mk_list_cnt(q->list) == 0) {
-        q->wait_recv = 1;
-        bus_mk_thread_cond_wait_for(&q->recv_cond, &q->mut, milliseconds);
-        // Left set where no send has cleared it: another receiver may wait, and one signal too many
-        // is only remembered.
+    if (bus_mk_q_empty(q)) {
+        sleepWhileEmpty(q, milliseconds);
     }
 }
 
 void bus_mk_q_rotate(bus_mk_q_t *q) noexcept {
-    const bus_mk_guard lock{q->mut};
+    const Whole lock{q};
     bus_mk_list_rotate(q->list);
 }
 
 void *bus_mk_q_delete(bus_mk_q_t *q, void *data) noexcept {
-    const bus_mk_guard lock{q->mut};
+    const Whole lock{q};
     return bus_mk_list_del(q->list, data, nullptr);
 }
 
 void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept {
-    const bus_mk_guard lock{q->mut};
+    const Whole lock{q};
     return bus_mk_list_del_idx(q->list, pos);
 }
 
 void *bus_mk_q_find(bus_mk_q_t *q, void *data, int *dinx) noexcept {
-    const bus_mk_guard lock{q->mut};
+    const Whole lock{q};
     return bus_mk_list_find(q->list, data, dinx);
 }
 
@@ -123,8 +267,14 @@ bool bus_mk_q_full(bus_mk_q_t *q) noexcept {
     return bus_mk_q_count(q) >= q->max_size;
 }
 
+// In this order: items move from in to out, and out_count grows before in_count falls.
+bool bus_mk_q_empty(const bus_mk_q_t *q) noexcept {
+    return q->in_count.load(std::memory_order_acquire) == 0 &&
+           q->out_count.load(std::memory_order_acquire) == 0;
+}
+
 int bus_mk_q_count(bus_mk_q_t *q) noexcept {
-    const bus_mk_guard lock{q->mut};
+    const Whole lock{q};
     return bus_mk_list_cnt(q->list);
 }
 
@@ -134,7 +284,7 @@ int bus_mk_q_highest(bus_mk_q_t *q) noexcept {
 }
 
 int bus_mk_q_visit(bus_mk_q_t *q, bus_mk_q_visitor visit, void *arg) noexcept {
-    const bus_mk_guard lock{q->mut};
+    const Whole lock{q};
     const bus_mk_list_iter next = bus_mk_list_iter_get(q->list, 0);
     int result = 0;
     for (void *item = next(q->list); item && result == 0; item = next(q->list)) {
@@ -145,7 +295,7 @@ int bus_mk_q_visit(bus_mk_q_t *q, bus_mk_q_visitor visit, void *arg) noexcept {
 
 int bus_mk_q_clear(bus_mk_q_t *q, bus_mk_q_delete_callback delete_f, int flag) noexcept {
     {
-        const bus_mk_guard lock{q->mut};
+        const Whole lock{q};
         while (void *const item = bus_mk_list_del_idx(q->list, 1)) {
             if (delete_f) {
                 delete_f(item);
@@ -153,8 +303,10 @@ int bus_mk_q_clear(bus_mk_q_t *q, bus_mk_q_delete_callback delete_f, int flag) n
         }
     }
     if (flag == 0) {
+        bus_mk_list_destroy(q->in);
         bus_mk_list_destroy(q->list);
         bus_mk_thread_mutex_destroy(&q->mut);
+        bus_mk_thread_mutex_destroy(&q->recv_mut);
         bus_mk_thread_cond_destroy(&q->recv_cond);
         delete q;
     }

@@ -5,8 +5,11 @@
 // Blocking:  only a receive with flag 0 waits, without time limit, while the queue is empty, and
 //            bus_mk_q_wait. Only a successful send wakes them. A send never waits.
 // Positions: insertion counts from 0 (-1 = tail), everything else from 1 (1 = head).
-// Callbacks: equality, delete and visit functions run under the queue's mutex; never operate on
+// Callbacks: equality, delete and visit functions run under the queue's mutexes; never operate on
 //            the same queue from one.
+// Cost:      appending and taking the head lock different mutexes, and meet once for all the items
+//            that were appended meanwhile. No system call is made while nobody sleeps; a receiver
+//            gives up the processor a few times before it does.
 // The queue itself is not tested for null.
 #ifndef ZELVO_BUS_MK_QUEUE_H
 #define ZELVO_BUS_MK_QUEUE_H
@@ -52,6 +55,9 @@ void *bus_mk_q_find(bus_mk_q_t *q, void *data, int *dinx) noexcept;
 void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept;
 
 bool bus_mk_q_full(bus_mk_q_t *q) noexcept;
+// Whether it holds nothing, without a lock. An item that was there before the call, and is not
+// taken during it, is seen.
+bool bus_mk_q_empty(const bus_mk_q_t *q) noexcept;
 int bus_mk_q_count(bus_mk_q_t *q) noexcept;
 // The most items that it has held at once.
 int bus_mk_q_highest(bus_mk_q_t *q) noexcept;

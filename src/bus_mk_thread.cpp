@@ -44,6 +44,22 @@ void waitFor(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex, Sleep sle
     word.fetch_and(~static_cast<std::uint32_t>(kSet), std::memory_order_relaxed);
 }
 
+constexpr int kLooks = 4;
+
+// Whether the mutex could be taken within a few looks: it is mostly held for less time than falling
+// asleep and being woken cost.
+bool lockedSoon(platform::Word &word) noexcept {
+    for (int look = 0; look < kLooks; ++look) {
+        std::uint32_t expected = kFree;
+        if (word.compare_exchange_strong(expected, kOwned, std::memory_order_acquire,
+                                         std::memory_order_relaxed)) {
+            return true;
+        }
+        platform::yieldThread();
+    }
+    return false;
+}
+
 struct bus_mk_thread_attr_t {
     bus_mk_thread_run func;
     void *arg;
@@ -68,9 +84,7 @@ int bus_mk_thread_mutex_destroy(bus_mk_thread_mutex_t *mutex) noexcept {
 
 int bus_mk_thread_mutex_lock(bus_mk_thread_mutex_t *mutex) noexcept BUS_MK_UNCHECKED {
     platform::Word &word = mutex->hMutex;
-    std::uint32_t expected = kFree;
-    if (word.compare_exchange_strong(expected, kOwned, std::memory_order_acquire,
-                                     std::memory_order_relaxed)) {
+    if (lockedSoon(word)) {
         return 0;
     }
     // Taken as contended from here on: this thread cannot know whether others still sleep.

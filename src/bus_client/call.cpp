@@ -56,25 +56,42 @@ bool waitUntil(bus_mk_thread_cond_t &cond, bus_mk_thread_mutex_t &mutex,
     return true;
 }
 
-// The node's turn to call, for a scope.
+// Waits for an answer to be handed over. The server signals only while this tells that it is
+// needed.
+bool sleepUntil(client_t &client, const Deadline &deadline) noexcept
+    BUS_MK_REQUIRES(client.oncall_mutex) {
+    client.caller_sleeps = true;
+    const bool inTime = waitUntil(client.oncall_cond, client.oncall_mutex, deadline);
+    client.caller_sleeps = false;
+    return inTime;
+}
+
+// The node's turn to call, for a scope. A thread that ends its turn offers it to those that wait
+// already, so that one which calls without a pause does not keep the others out.
 class Turn {
 public:
     Turn(client_t &client, const Deadline &deadline) noexcept : client_{client} {
         const bus_mk_guard lock{client.oncall_mutex};
+        if (!client.wait_callresponse) {
+            client.wait_callresponse = true;
+            owned_ = true;
+            return;
+        }
+        const std::uint32_t seen = client.turn_offers;
         ++client.turn_waiters;
-        while (client.wait_callresponse &&
-               waitUntil(client.turn_cond, client.oncall_mutex, deadline)) {}
+        while (!isOffered(seen) && waitUntil(client.turn_cond, client.oncall_mutex, deadline)) {}
         --client.turn_waiters;
-        owned_ = !client.wait_callresponse;
-        client.wait_callresponse = true;
+        owned_ = isOffered(seen);
+        if (owned_) {
+            client.turn_offered = false;
+        } else if (client.turn_offered) {
+            passOn(); // the time of everybody whom the offer was for was up
+        }
     }
     ~Turn() {
         const bus_mk_guard lock{client_.oncall_mutex};
         if (owned_) {
-            client_.wait_callresponse = false;
-            if (client_.turn_waiters > 0) {
-                bus_mk_thread_cond_signal(&client_.turn_cond);
-            }
+            passOn();
         }
     }
     Turn(const Turn &) = delete;
@@ -83,6 +100,19 @@ public:
     bool owned() const noexcept { return owned_; }
 
 private:
+    // Whether the turn is offered to those who have waited since there were as many offers.
+    bool isOffered(std::uint32_t seen) const noexcept BUS_MK_REQUIRES(client_.oncall_mutex) {
+        return client_.turn_offered && client_.turn_offers != seen;
+    }
+    void passOn() noexcept BUS_MK_REQUIRES(client_.oncall_mutex) {
+        client_.turn_offered = client_.turn_waiters > 0;
+        client_.wait_callresponse = client_.turn_offered;
+        if (client_.turn_offered) {
+            ++client_.turn_offers;
+            bus_mk_thread_cond_signal(&client_.turn_cond);
+        }
+    }
+
     client_t &client_;
     bool owned_ = false;
 };
@@ -125,36 +155,54 @@ Call timeOut(client_t &client, const Question &question) noexcept {
     return Call::kTimedOut;
 }
 
+constexpr int kLooks = 4;
+
+// An answer mostly comes sooner than a thread falls asleep and is woken.
+void lookForAnswer(const client_t &client, std::uint64_t number) noexcept {
+    for (int look = 0; look < kLooks && client.waiting_call.load() == number; ++look) {
+        platform::yieldThread();
+    }
+}
+
 // Waits until the server has handed over the answer to call number.
 bool awaitAnswer(client_t &client, std::uint64_t number, const Question &question,
                  const Deadline &deadline) noexcept BUS_MK_REQUIRES(client.oncall_mutex) {
     while (client.waiting_call.load() == number) {
         const bool hopeless = question.leaves && !isRunning(*client.server);
-        if (hopeless || !waitUntil(client.oncall_cond, client.oncall_mutex, deadline)) {
+        if (hopeless || !sleepUntil(client, deadline)) {
             return false;
         }
     }
     return true;
 }
 
+bool post(client_t &client, const Question &question, MessagePtr &request) noexcept {
+    // Held until the request is on its way, so that the answer cannot come before the caller is
+    // ready for it.
+    const bus_mk_guard lock{client.oncall_mutex};
+    client.waiting_call.store(request ? request->call : 0);
+    const bool posted = question.leaves ? postToServer(*client.server, request)
+                                        : handOver(client.server->message_queue, request, -1);
+    if (posted) {
+        client.call_response.reset();
+    } else {
+        client.waiting_call.store(0);
+    }
+    return posted;
+}
+
 // Posts a request and waits for its answer. Run in the node's turn.
 Call exchange(client_t &client, const Question &question, const Deadline &deadline,
               char **response) noexcept {
-    server_t &server = *client.server;
-    const std::uint64_t number = 1 + server.calls.fetch_add(1, std::memory_order_relaxed);
+    const std::uint64_t number = 1 + client.server->calls.fetch_add(1, std::memory_order_relaxed);
     MessagePtr request = newRequest(client, question, number);
     const bool made = request != nullptr;
-    // Held until the wait, so that the answer cannot come before the caller is ready for it.
-    const bus_mk_guard lock{client.oncall_mutex};
-    client.waiting_call.store(number);
-    const bool posted = question.leaves ? postToServer(server, request)
-                                        : handOver(server.message_queue, request, -1);
-    if (!posted) {
-        client.waiting_call.store(0);
+    if (!post(client, question, request)) {
         return refuse(client, question, made);
     }
     count(client.counters.sent);
-    client.call_response.reset();
+    lookForAnswer(client, number);
+    const bus_mk_guard lock{client.oncall_mutex};
     if (!awaitAnswer(client, number, question, deadline)) {
         client.waiting_call.store(0);
         return timeOut(client, question);

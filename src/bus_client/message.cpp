@@ -1,4 +1,5 @@
 #include "bus_client/internal.h"
+#include "bus_mk_pool.h"
 
 #include <cstring>
 #include <new>
@@ -66,14 +67,60 @@ private:
 static_assert(alignof(message_t) >= alignof(payload_t) &&
               sizeof(message_t) % alignof(payload_t) == 0);
 
+// Most messages are small, and made in one thread and freed in another.
+void *newBlock(std::size_t size, const char *name) noexcept {
+    void *const block = size <= bus_mk_pool_block ? bus_mk_pool_get() : std::malloc(size);
+    if (!block) {
+        BUS_LOG(5, "  %s name malloc error %s\n", kClientTag, orNull(name));
+    }
+    return block;
+}
+
+void freeBlock(message_t *message) noexcept {
+    if (message->size <= bus_mk_pool_block) {
+        bus_mk_pool_put(message);
+    } else {
+        std::free(message);
+    }
+}
+
+// What pointer leads to in the block at from, found in its copy at to.
+template <typename Pointer>
+Pointer *moved(Pointer *pointer, const void *from, void *to) noexcept {
+    if (!pointer) {
+        return nullptr;
+    }
+    const auto offset = reinterpret_cast<const char *>(pointer) - static_cast<const char *>(from);
+    return reinterpret_cast<Pointer *>(static_cast<char *>(to) + offset);
+}
+
+// Copies the block as a whole: what is inside keeps its place.
+message_t *copyWhole(const message_t &message) noexcept {
+    void *const block = newBlock(message.size, message.name);
+    if (!block) {
+        return nullptr;
+    }
+    std::memcpy(block, &message, message.size);
+    auto *const copy = static_cast<message_t *>(block);
+    for (char *message_t::*const text : {&message_t::name, &message_t::topic, &message_t::url,
+                                         &message_t::action, &message_t::request_name}) {
+        copy->*text = moved(copy->*text, &message, block);
+    }
+    copy->payload = moved(copy->payload, &message, block);
+    if (copy->payload) {
+        copy->payload->data = moved(copy->payload->data, &message, block);
+    }
+    copy->holds_node = false;
+    return copy;
+}
+
 message_t *make(const Fields &from) noexcept {
     const std::size_t dataSize = from.data ? static_cast<std::size_t>(from.len) + 1 : 0;
     const std::size_t size = sizeof(message_t) + (from.hasPayload ? sizeof(payload_t) : 0) +
                              sizeOf(from.name) + sizeOf(from.topic) + sizeOf(from.url) +
                              sizeOf(from.action) + sizeOf(from.request_name) + dataSize;
-    void *const block = std::malloc(size);
+    void *const block = newBlock(size, from.name);
     if (!block) {
-        BUS_LOG(5, "  %s name malloc error %s\n", kClientTag, orNull(from.name));
         return nullptr;
     }
     Cursor cursor{block};
@@ -86,6 +133,7 @@ message_t *make(const Fields &from) noexcept {
     message->node = from.node;
     message->request_name = cursor.text(from.request_name);
     message->call = from.call;
+    message->size = size;
     if (from.data) {
         message->payload->len = from.len;
         message->payload->data = cursor.bytes(from.data, dataSize - 1);
@@ -103,7 +151,7 @@ message_t *busClientExMessageNew(const char *name, const char *topic, const char
 }
 
 message_t *busClientExMessageCopy(const void *message) noexcept {
-    return message ? make(fieldsOf(*static_cast<const message_t *>(message))) : nullptr;
+    return message ? copyWhole(*static_cast<const message_t *>(message)) : nullptr;
 }
 
 message_t *copyForRequest(const message_t &message, const char *request_name) noexcept {
@@ -119,11 +167,14 @@ message_t *copyWithAction(const message_t &message, const char *action) noexcept
 }
 
 int busClientExMessageDelete(void *message) noexcept {
-    const auto *const record = static_cast<const message_t *>(message);
-    if (record && record->holds_node) {
+    auto *const record = static_cast<message_t *>(message);
+    if (!record) {
+        return 0;
+    }
+    if (record->holds_node) {
         release(static_cast<client_t *>(record->node));
     }
-    std::free(message);
+    freeBlock(record);
     return 0;
 }
 

@@ -127,12 +127,11 @@ void timerPass(client_t &client) noexcept {
 }
 
 void timerPause(client_t &client) noexcept {
-    if (client.running.load(std::memory_order_relaxed) == 0 ||
-        bus_mk_q_count(client.timer_queue) == 0) {
+    if (client.running.load(std::memory_order_relaxed) == 0 || bus_mk_q_empty(client.timer_queue)) {
         return;
     }
     bus_mk_q_wait(client.message_queue, kPause);
-    if (bus_mk_q_count(client.message_queue) == 0) {
+    if (bus_mk_q_empty(client.message_queue)) {
         postWakeUp(client);
     }
 }
@@ -156,7 +155,7 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
         BUS_LOG(4, "  %s %s settimer failed, queue is full\n", bus::kClientTag, client->name.get());
         bus::busClientExTimerDelete(timer);
     }
-    if (bus_mk_q_count(client->message_queue) == 0) {
+    if (bus_mk_q_empty(client->message_queue)) {
         bus::postWakeUp(*client);
     }
     BUS_LOG(2, "  %s %s set timer %d\n", bus::kClientTag, client->name.get(), id);

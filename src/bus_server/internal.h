@@ -1,5 +1,6 @@
 // What the files of the server share. All of it runs in the server's thread, on the message that
-// the loop has just taken; the loop frees that message afterwards, no handler does.
+// the loop has just taken; the loop frees that message afterwards, unless a handler has handed it
+// on.
 #ifndef ZELVO_BUS_SERVER_INTERNAL_H
 #define ZELVO_BUS_SERVER_INTERNAL_H
 
@@ -39,9 +40,9 @@ bool publishNotice(server_t &server, const char *topic, std::string_view text) n
 // Hands node a copy of the topic's sticky message, if there is one.
 void replaySticky(server_t &server, const node_t &node, const char *topic) noexcept;
 
-void _busServerPublishAction(server_t &server, message_t &message) noexcept;
-void _busServerPublishSticky(server_t &server, message_t &message) noexcept;
-void _busServerRemoveSticky(server_t &server, message_t &message) noexcept;
+void _busServerPublishAction(server_t &server, MessagePtr &message) noexcept;
+void _busServerPublishSticky(server_t &server, MessagePtr &message) noexcept;
+void _busServerRemoveSticky(server_t &server, MessagePtr &message) noexcept;
 
 // Calls run(topic) for each text of the JSON array that is message's payload, in order. Anything
 // else in the payload is passed over.
@@ -64,7 +65,8 @@ void forEachTopic(const message_t &message, Run run) {
 
 // A request that the loop has taken, and what is known of it.
 struct Request {
-    const message_t &message;
+    MessagePtr &taken;        // null once it has been handed on
+    const message_t &message; // the same
     Url url;
     node_t *sender; // the entry of the record that made it; null: that is not on the bus
 };

@@ -30,15 +30,20 @@ void noteCall(const Request &request) noexcept {
     }
 }
 
-bool forward(server_t &server, const message_t &request, const node_t &target) noexcept {
+// A client's request names its maker as the requester already; it is handed on as it is.
+bool forward(server_t &server, const Request &request, const node_t &target) noexcept {
     client_t &client = *target.node;
-    MessagePtr copy{copyForRequest(request, request.name)};
-    if (!copy) {
+    const message_t &message = request.message;
+    const bool asItIs =
+        message.request_name && std::strcmp(message.request_name, message.name) == 0;
+    MessagePtr copy{asItIs ? nullptr : copyForRequest(message, message.name)};
+    MessagePtr &sent = asItIs ? request.taken : copy;
+    if (!sent) {
         countAlone(server.counters.no_memory);
         return false;
     }
-    BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
-    return sendToNode(server, client, copy, [&client] {
+    BUS_SERVER_TRACE("==>", &server, sent.get(), client.name.get());
+    return sendToNode(server, client, sent, [&client] {
         BUS_LOG(4, "  %s server ==> %s request failed, queue is full\n", kServerTag,
                 client.name.get());
     });
@@ -51,7 +56,7 @@ void callNode(server_t &server, const Request &request) noexcept {
         return;
     }
     const node_t *const target = server.directory.find(request.url.host);
-    if (!target || !forward(server, message, *target)) {
+    if (!target || !forward(server, request, *target)) {
         answer(server, message, kUnknownAnswer);
     }
 }
@@ -65,7 +70,8 @@ constexpr Host kReservedHosts[] = {
     {kBusHost, _busServerService},
 };
 
-void _busServerRequest(server_t &server, message_t &message) noexcept {
+void _busServerRequest(server_t &server, MessagePtr &taken) noexcept {
+    const message_t &message = *taken;
     if (!message.url) {
         return;
     }
@@ -77,7 +83,7 @@ void _busServerRequest(server_t &server, message_t &message) noexcept {
     }
     BUS_LOG(1, "  %s host: %.*s, path: %.*s\n", kServerTag, static_cast<int>(url->host.size()),
             url->host.data(), static_cast<int>(url->path.size()), url->path.data());
-    const Request request{message, *url, senderOf(server, message)};
+    const Request request{taken, message, *url, senderOf(server, message)};
     noteCall(request);
     for (const Host &host : kReservedHosts) {
         if (selects(url->host, host.name)) {
@@ -137,7 +143,9 @@ bool deliver(client_t &client, const message_t &response, const payload_t *paylo
         }
     }
     client.waiting_call.store(0);
-    bus_mk_thread_cond_signal(&client.oncall_cond);
+    if (client.caller_sleeps) {
+        bus_mk_thread_cond_signal(&client.oncall_cond);
+    }
     return true;
 }
 
@@ -147,7 +155,8 @@ void dropLate(client_t &client, const message_t &response) noexcept {
             orNull(response.url));
 }
 
-void _busServerResponse(server_t &server, message_t &response) noexcept {
+void _busServerResponse(server_t &server, MessagePtr &message) noexcept {
+    const message_t &response = *message;
     if (logEnabled(1)) {
         logSearch(server, response);
     }
@@ -179,17 +188,17 @@ void _busServerResponse(server_t &server, message_t &response) noexcept {
 
 // ---- the loop ----
 
-void _busServerExitAction(server_t &server, message_t & /*message*/) noexcept {
+void _busServerExitAction(server_t &server, MessagePtr & /*message*/) noexcept {
     BUS_LOG(3, "  %s %s exit end\n", kServerTag, server.name.get());
     server.running.store(0);
 }
 
 // It has woken the loop, which looks at the departed nodes before each message.
-void _busServerDepart(server_t & /*server*/, message_t & /*message*/) noexcept {}
+void _busServerDepart(server_t & /*server*/, MessagePtr & /*message*/) noexcept {}
 
 struct Route {
     std::string_view action;
-    void (*run)(server_t &, message_t &);
+    void (*run)(server_t &, MessagePtr &);
 };
 constexpr Route kActions[] = {
     {action::kPublish, _busServerPublishAction},
@@ -201,13 +210,13 @@ constexpr Route kActions[] = {
     {action::kDepart, _busServerDepart},
 };
 
-void dispatch(server_t &server, message_t &message) noexcept {
-    BUS_SERVER_TRACE("<==", &server, &message, message.name);
-    if (!message.action || !message.name) {
+void dispatch(server_t &server, MessagePtr &message) noexcept {
+    BUS_SERVER_TRACE("<==", &server, message.get(), message->name);
+    if (!message->action || !message->name) {
         BUS_LOG(4, "  %s message body not action | name\n", kServerTag);
         return;
     }
-    const std::string_view wanted{message.action};
+    const std::string_view wanted{message->action};
     for (const Route &route : kActions) {
         if (route.action == wanted) {
             route.run(server, message);
@@ -297,14 +306,13 @@ int busServerRun(server_t *server) noexcept {
         return 0;
     }
     while (server->running.load() == 1) {
-        const MessagePtr message{
-            static_cast<message_t *>(bus_mk_q_recv(server->message_queue, 0, 0, 1))};
+        MessagePtr message{static_cast<message_t *>(bus_mk_q_recv(server->message_queue, 0, 0, 1))};
         if (message) {
             countAlone(server->counters.taken);
             if (server->departed.load(std::memory_order_relaxed)) {
                 takeOffDeparted(*server);
             }
-            dispatch(*server, *message);
+            dispatch(*server, message);
         }
     }
     BUS_LOG(3, "  %s spin exit\n", kServerTag);

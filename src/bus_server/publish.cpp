@@ -32,26 +32,37 @@ void keepSticky(server_t &server, MessagePtr message) noexcept {
     }
 }
 
+void sendCopy(server_t &server, client_t &client, MessagePtr copy) noexcept {
+    if (!copy) {
+        countAlone(server.counters.no_memory);
+        return;
+    }
+    BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
+    sendToNode(server, client, copy, [&] {
+        BUS_LOG(4, "  %s server ==> %s pusblish topic %s failed, queue is full\n", kServerTag,
+                client.name.get(), copy->topic);
+    });
+}
+
+// Hands every subscriber of the message's topic a copy, and the last one the message itself where
+// that is given away.
+void fanOut(server_t &server, const message_t &message, MessagePtr *givenAway) noexcept {
+    const Topic *const topic = message.topic ? server.directory.topic(message.topic) : nullptr;
+    if (!topic) {
+        return;
+    }
+    for (const node_t *const &node : topic->subscribers) {
+        const bool last = &node == &topic->subscribers.back();
+        sendCopy(server, *node->node,
+                 last && givenAway ? std::move(*givenAway)
+                                   : MessagePtr{busClientExMessageCopy(&message)});
+    }
+}
+
 } // namespace
 
 int _busServerPublish(server_t *server, const message_t *message) noexcept {
-    const Topic *const topic = message->topic ? server->directory.topic(message->topic) : nullptr;
-    if (!topic) {
-        return 0;
-    }
-    for (const node_t *const node : topic->subscribers) {
-        client_t &client = *node->node;
-        MessagePtr copy{busClientExMessageCopy(message)};
-        if (!copy) {
-            countAlone(server->counters.no_memory);
-            continue;
-        }
-        BUS_SERVER_TRACE("==>", server, copy.get(), client.name.get());
-        sendToNode(*server, client, copy, [&] {
-            BUS_LOG(4, "  %s server ==> %s pusblish topic %s failed, queue is full\n", kServerTag,
-                    client.name.get(), message->topic);
-        });
-    }
+    fanOut(*server, *message, nullptr);
     return 0;
 }
 
@@ -83,12 +94,13 @@ void replaySticky(server_t &server, const node_t &node, const char *topic) noexc
     });
 }
 
-void _busServerPublishAction(server_t &server, message_t &message) noexcept {
-    _busServerPublish(&server, &message);
+void _busServerPublishAction(server_t &server, MessagePtr &message) noexcept {
+    fanOut(server, *message, &message);
 }
 
 // The copy that is about to be kept already carries the action that subscribers see.
-void _busServerPublishSticky(server_t &server, message_t &message) noexcept {
+void _busServerPublishSticky(server_t &server, MessagePtr &taken) noexcept {
+    const message_t &message = *taken;
     if (!message.topic) {
         return;
     }
@@ -105,7 +117,8 @@ void _busServerPublishSticky(server_t &server, message_t &message) noexcept {
     keepSticky(server, std::move(copy));
 }
 
-void _busServerRemoveSticky(server_t &server, message_t &message) noexcept {
+void _busServerRemoveSticky(server_t &server, MessagePtr &taken) noexcept {
+    const message_t &message = *taken;
     forEachTopic(message, [&](const char *topic) {
         if (!takeSticky(server, topic)) {
             BUS_LOG(4, "  %s %s already removeSticky topic %s\n", kServerTag, message.name, topic);
