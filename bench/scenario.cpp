@@ -7,6 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace bench {
 namespace {
@@ -74,21 +75,20 @@ public:
         std::memcpy(payload_.data(), &head, sizeof head);
         publisher_.publish({payload_.data(), payload_.size()});
     }
-    // As fast as the window allows. False: messages have been lost, and nothing moves any more.
-    bool flood(int milliseconds) {
+    // As fast as the window allows.
+    void flood(int milliseconds) {
         const std::int64_t end = now() + std::int64_t{milliseconds} * 1'000'000;
         while (now() < end) {
-            if (!sink_.awaitCredit(sent_ / sink_.chunk())) {
-                return false;
-            }
+            const std::uint64_t chunk = sent_ / sink_.chunk();
+            await(chunk < Sink::kChunks ? 0 : chunk + 1 - Sink::kChunks);
             for (std::uint64_t i = 0; i < sink_.chunk(); ++i) {
                 send(sent_ % std::min(kSampling, sink_.chunk()) == 0);
             }
         }
-        return sink_.awaitAll(sent_ / sink_.chunk());
+        await(sent_ / sink_.chunk());
     }
     // One each millisecond.
-    bool pace(int milliseconds) {
+    void pace(int milliseconds) {
         timespec due{};
         clock_gettime(CLOCK_MONOTONIC, &due);
         const std::uint64_t end = sent_ + static_cast<std::uint64_t>(milliseconds);
@@ -101,15 +101,20 @@ public:
             clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
             send(true);
         }
-        return sink_.awaitAll(sent_ / sink_.chunk());
+        await(sent_ / sink_.chunk());
     }
     std::uint64_t sent() const noexcept { return sent_; }
+    // Waits that ended in vain since this was asked last.
+    int stalls() noexcept { return std::exchange(stalls_, 0); }
 
 private:
+    void await(std::uint64_t chunks) { stalls_ += sink_.await(chunks) ? 0 : 1; }
+
     Publisher &publisher_;
     Sink &sink_;
     std::vector<char> &payload_;
     std::uint64_t sent_ = 0;
+    int stalls_ = 0;
 };
 
 std::uint64_t windowOf(const Cell &cell) noexcept {
@@ -128,16 +133,17 @@ Result runPublish(const System &system, const Cell &cell, int milliseconds) {
     }
     Source source{*publisher, sink, payload};
     const auto send = [&](int time) {
-        return cell.kind == Kind::kPaced ? source.pace(time) : source.flood(time);
+        cell.kind == Kind::kPaced ? source.pace(time) : source.flood(time);
     };
     send(milliseconds / 10);
     const std::uint64_t before = sink.received();
     const std::uint64_t sentBefore = source.sent();
     sink.forgetTimes();
+    source.stalls();
     const Stopwatch watch;
-    const bool complete = send(milliseconds);
+    send(milliseconds);
     Result result;
-    result.seconds = watch.seconds() - (complete ? 0 : kPatience);
+    result.seconds = watch.seconds() - kPatience * source.stalls();
     result.used = watch.used();
     result.operations = sink.received() - before;
     result.lost =
@@ -252,15 +258,18 @@ void Sink::finish(Subscriber &subscriber, std::uint64_t chunks) noexcept {
         std::size_t &finished = finished_[subscriber.chunks % finished_.size()];
         if (++finished == subscribers_.size()) {
             finished = 0;
-            ++completed_;
+            completed_ = std::max(completed_, subscriber.chunks + 1);
             changed_.notify_one(); // no system call unless the publisher waits
         }
     }
 }
 
-bool Sink::await(const std::function<bool()> &condition) {
+bool Sink::await(std::uint64_t chunks) {
     std::unique_lock lock{mutex_};
-    return changed_.wait_for(lock, std::chrono::seconds(kPatience), condition);
+    const bool complete = changed_.wait_for(lock, std::chrono::seconds(kPatience),
+                                            [&] { return completed_ >= chunks; });
+    completed_ = std::max(completed_, chunks); // what is lost is written off
+    return complete;
 }
 
 bool Sink::awaitReady(Publisher &publisher, std::vector<char> &payload) {
@@ -276,14 +285,6 @@ bool Sink::awaitReady(Publisher &publisher, std::vector<char> &payload) {
         }
     }
     return false;
-}
-
-bool Sink::awaitCredit(std::uint64_t chunk) {
-    return await([&] { return chunk < completed_ + kChunks; });
-}
-
-bool Sink::awaitAll(std::uint64_t chunks) {
-    return await([&] { return completed_ >= chunks; });
 }
 
 std::uint64_t Sink::received() const noexcept {

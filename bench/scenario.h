@@ -42,10 +42,11 @@ public:
     // One publication as it reached one subscriber; in that subscriber's thread.
     void receive(int subscriber, const void *data, std::size_t length) noexcept;
 
-    // The rest is the publisher's. Each returns false after kPatience seconds in vain.
+    // The rest is the publisher's.
+    // Publishes probes until every subscriber has heard one; false when some never do.
     bool awaitReady(Publisher &publisher, std::vector<char> &payload);
-    bool awaitCredit(std::uint64_t chunk); // until publications of that chunk may go out
-    bool awaitAll(std::uint64_t chunks);   // until every subscriber has had so many chunks
+    // Waits until every subscriber has had so many chunks; false after kPatience seconds in vain.
+    bool await(std::uint64_t chunks);
 
     std::uint64_t chunk() const noexcept { return chunk_; }
     std::uint64_t received() const noexcept;
@@ -60,7 +61,6 @@ private:
         bool ready = false;
     };
     void finish(Subscriber &subscriber, std::uint64_t chunks) noexcept;
-    bool await(const std::function<bool()> &condition);
 
     const std::uint64_t chunk_;
     std::vector<Subscriber> subscribers_;
