@@ -9,7 +9,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
+#include <fstream>
+#include <stdexcept>
+#include <string>
 
 namespace bench {
 namespace {
@@ -57,8 +59,7 @@ Result measure(const System &system, std::string_view name, int milliseconds) {
     }
     const Cell *const cell = findCell(name);
     if (!cell) {
-        std::fprintf(stderr, "no such cell\n");
-        std::exit(2);
+        throw std::invalid_argument("no such cell");
     }
     if (cell->oneCore) {
         useOneCore();
@@ -66,16 +67,27 @@ Result measure(const System &system, std::string_view name, int milliseconds) {
     return runCell(system, *cell, milliseconds);
 }
 
-void print(const Result &result) noexcept {
-    rusage all{};
-    getrusage(RUSAGE_SELF, &all);
+// In kilobytes. getrusage would count what the process was before it became this program.
+long peakMemory() {
+    std::ifstream status{"/proc/self/status"};
+    for (std::string word; status >> word;) {
+        if (word == "VmHWM:") {
+            long peak = 0;
+            status >> peak;
+            return peak;
+        }
+    }
+    return 0;
+}
+
+void print(const Result &result) {
     std::printf("%llu,%.6f,%lld,%lld,%lld,%llu,%.6f,%ld,%ld\n",
                 static_cast<unsigned long long>(result.operations), result.seconds,
                 static_cast<long long>(result.times.quantile(0.5)),
                 static_cast<long long>(result.times.quantile(0.99)),
                 static_cast<long long>(result.times.quantile(0.999)),
                 static_cast<unsigned long long>(result.lost), result.used.processor,
-                result.used.switches, all.ru_maxrss);
+                result.used.switches, peakMemory());
 }
 
 void list(std::span<const System> systems) {

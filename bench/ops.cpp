@@ -14,7 +14,7 @@ using namespace bus;
 void queueSendReceive(benchmark::State &state) {
     bus_mk_q_t *const queue = bus_mk_q_new(1024, nullptr);
     int item = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         bus_mk_q_send(queue, &item, -1);
         benchmark::DoNotOptimize(bus_mk_q_recv(queue, 1, 0, 1));
     }
@@ -29,7 +29,7 @@ message_t *publication(const std::string &data) {
 
 void messageMake(benchmark::State &state) {
     const std::string data(static_cast<std::size_t>(state.range(0)), 'x');
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const MessagePtr message{publication(data)};
         benchmark::DoNotOptimize(message.get());
     }
@@ -39,7 +39,7 @@ BENCHMARK(messageMake)->Arg(64)->Arg(1024)->Arg(1 << 20);
 void messageCopy(benchmark::State &state) {
     const std::string data(static_cast<std::size_t>(state.range(0)), 'x');
     const MessagePtr message{publication(data)};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const MessagePtr copy{busClientExMessageCopy(message.get())};
         benchmark::DoNotOptimize(copy.get());
     }
@@ -48,7 +48,7 @@ BENCHMARK(messageCopy)->Arg(64)->Arg(1024)->Arg(1 << 20);
 
 void suppressedLogLine(benchmark::State &state) {
     bus_log_init(3, "/dev/null", 1, 0);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         BUS_LOG(2, "%s sends %d bytes\n", "node-a", 64);
         benchmark::ClobberMemory();
     }
@@ -58,7 +58,7 @@ BENCHMARK(suppressedLogLine);
 
 void writtenLogLine(benchmark::State &state) {
     bus_log_init(3, "/dev/null", 1, 0);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         BUS_LOG(4, "%s sends %d bytes\n", "node-a", 64);
     }
     bus_log_exit();

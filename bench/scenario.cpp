@@ -1,10 +1,9 @@
 #include "scenario.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <stdexcept>
 #include <thread>
 #include <utility>

@@ -28,7 +28,7 @@ def document(title, height, parts):
     head = (f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{height}" '
             f'viewBox="0 0 {WIDTH} {height}" {FONT}>')
     frame = ['<rect width="100%" height="100%" fill="white"/>',
-             text(10, 20, title, extra='font-weight="bold"')]
+             text(10, 20, f"{title} (logarithmic scale)", extra='font-weight="bold"')]
     return "\n".join([head, *frame, *parts, "</svg>"]) + "\n"
 
 

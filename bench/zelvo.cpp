@@ -217,6 +217,7 @@ Result keys(int milliseconds) {
     Node node{bus, "node-a"};
     node.stayQuiet();
     std::vector<std::string> urls;
+    urls.reserve(Keys);
     const auto call = [&](const std::string &url, std::string_view data) {
         const char *const text =
             busClientCall(node.get(), url.c_str(), data.data(), static_cast<int>(data.size()));
