@@ -93,7 +93,7 @@ def row_of(results, cell, system):
 
 def cell_tables(results):
     head = ["system", "median", "spread", "p50", "p99", "p99.9", "lost", "processor", "switches",
-            "peak MB", "Zelvo to it"]
+            "peak MB", "Zelvo to it", "p50 to p50"]
     out = []
     for cell, title in CELLS.items():
         systems = results.systems(cell)

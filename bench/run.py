@@ -126,7 +126,7 @@ def main():
     parser.add_argument("output", type=pathlib.Path)
     parser.add_argument("--quick", action="store_true")
     options = parser.parse_args()
-    options.rounds, options.milliseconds = (3, 120) if options.quick else (7, 600)
+    options.rounds, options.milliseconds = (3, 120) if options.quick else (7, 800)
     programs = options.programs.resolve()
     options.output.mkdir(parents=True, exist_ok=True)
     directory = programs / "run"
