@@ -16,7 +16,8 @@ def time_text(nanoseconds):
 
 
 def text(x, y, words, anchor="start", extra=""):
-    return f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" {extra}>{html.escape(words)}</text>'
+    return (f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" {extra}>'
+            f'{html.escape(words)}</text>')
 
 
 def line(x1, y1, x2, y2, color="#ccc", width=1):

@@ -51,6 +51,7 @@ def judged(results):
 
 
 def idle_wakeups(results):
-    """The most wake-ups a second of an idle bus without timers, of all rounds; None: not measured."""
+    """The most wake-ups a second of an idle bus without timers, of all rounds; None where there is
+    no run."""
     spread = results.spread("idle-timers-0", OURS, "wakeups")
     return None if spread is None else spread[1]
