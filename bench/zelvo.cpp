@@ -121,7 +121,7 @@ public:
         }
     }
     std::size_t call() override {
-        const char *const text = busClientCall(caller_.get(), "/node-b/work", kRequest.data(),
+        const char *const text = busClientCall(caller_.get(), "/node-b/answer", kRequest.data(),
                                                static_cast<int>(kRequest.size()));
         return text ? std::strlen(text) : 0;
     }
