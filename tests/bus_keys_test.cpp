@@ -71,6 +71,14 @@ TEST_F(Keys, keys_ignore_case_and_move_to_the_end) {
     EXPECT_EQ(read("keys.json"), "{\n\t\"other\":\t2,\n\t\"Volume\":\t3\n}");
 }
 
+TEST_F(Keys, set_replaces_every_member_that_has_the_key) {
+    write(R"({"a":1,"b":2,"A":3,"a":4})");
+    EXPECT_EQ(get("a"), "1");
+    persist("a", "5");
+    EXPECT_EQ(get("a"), "5");
+    EXPECT_EQ(read("keys.json"), "{\n\t\"b\":\t2,\n\t\"a\":\t5\n}");
+}
+
 TEST_F(Keys, unknown_requests_change_nothing) {
     persist("a", "1");
     for (const char *payload :

@@ -84,24 +84,26 @@ FilePtr openStore(const std::string &name) {
 // ---- set and get ----
 
 // Puts value under key at the end of object, in place of the member that has the key in any case,
-// and prints the object. Null: no memory, and the object is as it was.
+// and prints the object. Null: no memory, and every key has the value that it had.
 bus_mk_text put(cJSON *object, const char *key, JsonPtr value) noexcept {
     cJSON *const old = cJSON_GetObjectItem(object, key);
     int position = 0;
     for (const cJSON *item = object->child; old && item != old; item = item->next) {
         ++position;
     }
-    if (!value || !cJSON_AddItemToObject(object, key, value.get())) {
-        return nullptr;
-    }
-    cJSON *const added = value.release();
     JsonPtr replaced{old ? cJSON_DetachItemViaPointer(object, old) : nullptr};
-    bus_mk_text text{cJSON_Print(object)};
-    if (!text) {
-        value.reset(cJSON_DetachItemViaPointer(object, added));
-        if (replaced) {
-            cJSON_InsertItemInArray(object, position, replaced.release());
-        }
+    // A file made by hand may have the key again: no get sees that, until the first is gone.
+    while (cJSON *const hidden = cJSON_GetObjectItem(object, key)) {
+        cJSON_Delete(cJSON_DetachItemViaPointer(object, hidden));
+    }
+    bus_mk_text text;
+    if (value && cJSON_AddItemToObject(object, key, value.get())) {
+        cJSON *const added = value.release();
+        text.reset(cJSON_Print(object));
+        value.reset(text ? nullptr : cJSON_DetachItemViaPointer(object, added));
+    }
+    if (!text && replaced) {
+        cJSON_InsertItemInArray(object, position, replaced.release());
     }
     return text;
 }
