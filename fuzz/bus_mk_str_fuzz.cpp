@@ -1,5 +1,6 @@
 // An input is a pattern, a zero byte, and the text in which it is searched.
 #include "bus_mk_str.h"
+#include "fuzz_support.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -11,14 +12,6 @@
 #include <string_view>
 
 namespace {
-
-#define REQUIRE(condition)                                                                         \
-    do {                                                                                           \
-        if (!(condition)) {                                                                        \
-            std::fprintf(stderr, "violated: %s\n", #condition);                                    \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (false)
 
 // On the heap and as long as it needs to be, so that a byte read outside is seen.
 class Text {

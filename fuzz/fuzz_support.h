@@ -1,0 +1,64 @@
+// What the fuzzers share.
+#ifndef ZELVO_FUZZ_SUPPORT_H
+#define ZELVO_FUZZ_SUPPORT_H
+
+#include "bus_client.h"
+
+#include <cJSON.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+
+// An input that violates one is reported and kept, as one that crashes.
+#define REQUIRE(condition)                                                                         \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            std::fprintf(stderr, "violated: %s\n", #condition);                                    \
+            std::abort();                                                                          \
+        }                                                                                          \
+    } while (false)
+
+struct JsonDelete {
+    void operator()(cJSON *json) const { cJSON_Delete(json); }
+};
+using Json = std::unique_ptr<cJSON, JsonDelete>;
+
+inline bool isJsonObject(const std::string &text) {
+    const Json json{cJSON_ParseWithOpts(text.c_str(), nullptr, 1)};
+    return text.find('\0') == text.npos && cJSON_IsObject(json.get());
+}
+
+// A bus with its thread.
+class FuzzedBus {
+public:
+    explicit FuzzedBus(const char *config) : manager_{busClientNew(config)} {
+        REQUIRE(manager_);
+        loop_ = std::thread{[this] { busClientBindServer(manager_); }};
+    }
+    ~FuzzedBus() {
+        busClientServerExit(manager_);
+        loop_.join();
+        busClientDelete(manager_);
+    }
+    FuzzedBus(const FuzzedBus &) = delete;
+    FuzzedBus &operator=(const FuzzedBus &) = delete;
+
+    Zelvo_t *get() const { return manager_; }
+
+private:
+    Zelvo_t *manager_;
+    std::thread loop_;
+};
+
+// A call that has to be answered.
+inline std::string answered(client_t *node, const char *url, const std::string &data = {}) {
+    const char *const text = busClientCall(node, url, data.empty() ? nullptr : data.data(),
+                                           static_cast<int>(data.size()));
+    REQUIRE(text);
+    return text;
+}
+
+#endif
