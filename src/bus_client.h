@@ -87,6 +87,9 @@ typedef int (*timer_callback)(void *userdata, client_t *client, int type);
  *   "callTimeout" milliseconds that a call, a connect or a subscription waits at most, its turn
  *              included (0, or less: no limit)
  *   "stats"    true: "/bus/stats" is answered with what has been counted
+ * A log file that cannot be opened gives way to standard output. Lines that the log does not take
+ * (a full disk) are lost, and counted in it when it takes lines again; standard error is told why,
+ * once, and gets the errors meanwhile.
  * A text that is not JSON counts as none; a member of the wrong type counts as 0 or as no text.
  * Does not block. To be called while no other call into the library is running, the loops apart.
  * Returns null when memory is short, or, with an error in the log, a bus that refuses every node.

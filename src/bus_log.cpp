@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdarg>
@@ -28,9 +29,30 @@ std::array<char, kBudget + 2> _buf BUS_MK_GUARDED_BY(_lock);
 bus_mk_text _log_path BUS_MK_GUARDED_BY(_lock);
 float max_size BUS_MK_GUARDED_BY(_lock) = 20.0F * 1024 * 1024;
 
-std::FILE *openOrStdout(const char *path, const char *mode) noexcept {
+// What the destination did not take, and what standard error has been told of that.
+struct Loss {
+    long lines = 0; // since it last took one
+    int reason = 0;
+    const char *file = nullptr; // where the last error came from
+    int line = 0;
+};
+constinit Loss _loss BUS_MK_GUARDED_BY(_lock);
+
+void tellReason(const char *destination, int reason) noexcept BUS_MK_REQUIRES(_lock) {
+    if (reason == _loss.reason) {
+        return;
+    }
+    _loss.reason = reason;
+    std::array<char, 512> text{};
+    std::snprintf(text.data(), text.size(), "zelvo: log %s", destination);
+    errno = reason;
+    std::perror(text.data());
+}
+
+std::FILE *openOrStdout(const char *path, const char *mode) noexcept BUS_MK_REQUIRES(_lock) {
     std::FILE *const file = std::fopen(path, mode);
     if (!file) {
+        tellReason(path, errno);
         return stdout;
     }
     std::fseek(file, 0, SEEK_END); // the position of an appending stream is unspecified before
@@ -46,6 +68,7 @@ void closeFile() noexcept BUS_MK_REQUIRES(_lock) {
 
 void openFile(const char *path, int mode, float size) noexcept BUS_MK_REQUIRES(_lock) {
     _file = stdout;
+    _loss = {};
     if (!path || *path == '\0') {
         return;
     }
@@ -89,6 +112,27 @@ std::size_t formatHead(int level, const char *file, int line) noexcept BUS_MK_RE
     return std::min(static_cast<std::size_t>(std::max(length, 0)), kBudget);
 }
 
+// A line that was cut by a failure ends where the notice begins.
+bool writeLine(std::size_t length) noexcept BUS_MK_REQUIRES(_lock) {
+    if (_loss.lines > 0) {
+        std::fprintf(_file, "\nlog lines lost: %ld\n\n", _loss.lines);
+    }
+    const bool taken = std::fwrite(_buf.data(), 1, length, _file) == length;
+    return std::fflush(_file) == 0 && taken; // in any case: nothing is to stay in the stream
+}
+
+// An error is not to vanish with the log: standard error gets it, from one place once in a row.
+void lose(int level, const char *file, int line) noexcept BUS_MK_REQUIRES(_lock) {
+    constexpr int kError = 5;
+    ++_loss.lines;
+    tellReason(_file == stdout ? "standard output" : _log_path.get(), errno);
+    if (level >= kError && (file != _loss.file || line != _loss.line)) {
+        _loss.file = file;
+        _loss.line = line;
+        std::fputs(_buf.data(), stderr);
+    }
+}
+
 } // namespace
 
 void bus_log_init(int level, const char *output_path, int mode, float size) noexcept {
@@ -125,8 +169,11 @@ void _bus_log(int level, const char *file, int line, const char * /*func*/, cons
     if (_file != stdout) {
         rotateIfFull();
     }
-    std::fwrite(_buf.data(), 1, length, _file);
-    std::fflush(_file);
+    if (writeLine(length)) {
+        _loss.lines = 0;
+    } else {
+        lose(level, file, line);
+    }
 }
 
 int gettimeofday(timeval *tp, void * /*tzp*/) noexcept {

@@ -4,7 +4,11 @@
 //          machine's zone, L one of "-VDIWE-" for the levels 0 to 6.
 // Threads: any thread may write at any time; lines never interleave. The lock is the innermost of
 //          all: nothing else is taken under it.
-// Failure: nothing is reported; before bus_log_init and after bus_log_exit lines are ignored.
+// Failure: nothing is reported to the caller; before bus_log_init and after bus_log_exit lines are
+//          ignored. A line that the destination does not take (a full disk) is lost. Standard error
+//          is told why, once for a reason that stays the same until the log is closed, and gets the
+//          lost lines of level 5, one of those that come from one place in a row. Before the next
+//          line that is taken stands "\nlog lines lost: N\n\n".
 #ifndef ZELVO_BUS_LOG_H
 #define ZELVO_BUS_LOG_H
 
@@ -32,6 +36,7 @@ extern std::atomic<int> _level;
 // output); mode 0 empties it, any other value appends; size: megabytes at which the file is
 // deleted and begun anew (0 or less: never). A log that is open keeps all of these: only the
 // threshold changes. A file that cannot be begun anew: lines go to standard output from then on.
+// Standard error is told why a file is not opened.
 void bus_log_init(int level, const char *output_path, int mode, float size) noexcept;
 // Closes the log; a later bus_log_init opens it afresh.
 void bus_log_exit() noexcept;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -11,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -173,6 +176,111 @@ TEST_F(Log, standard_output_takes_what_no_file_takes) {
     BUS_LOG(3, "second");
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_LT(out.find("#first\n"), out.find("#second\n"));
+}
+
+std::size_t count(const std::string &text, const std::string &part) {
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = text.find(part, at)) != text.npos; at += part.size()) {
+        ++found;
+    }
+    return found;
+}
+
+// Files cannot grow beyond a size, as on a full disk, while this exists.
+class FullDisk {
+public:
+    explicit FullDisk(std::size_t size) : handler_{std::signal(SIGXFSZ, SIG_IGN)} {
+        getrlimit(RLIMIT_FSIZE, &before_);
+        rlimit limit = before_;
+        limit.rlim_cur = size;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() {
+        setrlimit(RLIMIT_FSIZE, &before_);
+        std::signal(SIGXFSZ, handler_);
+    }
+    FullDisk(const FullDisk &) = delete;
+    FullDisk &operator=(const FullDisk &) = delete;
+
+private:
+    rlimit before_{};
+    void (*handler_)(int);
+};
+
+// Standard error, captured in a pipe: no disk is needed.
+class StandardError {
+public:
+    StandardError() : saved_{dup(STDERR_FILENO)} {
+        EXPECT_EQ(pipe(ends_), 0);
+        dup2(ends_[1], STDERR_FILENO);
+        close(ends_[1]);
+    }
+    std::string text() {
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        std::string all;
+        char part[1024];
+        for (ssize_t size = 0; (size = read(ends_[0], part, sizeof part)) > 0;) {
+            all.append(part, static_cast<std::size_t>(size));
+        }
+        close(ends_[0]);
+        return all;
+    }
+
+private:
+    int saved_;
+    int ends_[2] = {-1, -1};
+};
+
+TEST_F(Log, full_disk_is_told_once_and_logging_goes_on_after_it) {
+    open(3);
+    BUS_LOG(3, "before");
+    const std::string before = text();
+    StandardError error;
+    for (int outage = 0; outage < 2; ++outage) {
+        {
+            const FullDisk full{text().size() + 10}; // room for a part of a line
+            for (int i = 0; i < 100; ++i) {
+                BUS_LOG(3, "dropped");
+                BUS_LOG(5, "an error");
+            }
+            BUS_LOG(5, "another error");
+        }
+        BUS_LOG(3, "after");
+        BUS_LOG(3, "last");
+    }
+    const std::string told = error.text();
+    EXPECT_EQ(count(told, "zelvo: log " + path_ + ": "), 1U) << told;
+    EXPECT_EQ(count(told, "#an error\n"), 2U) << told;
+    EXPECT_EQ(count(told, "#another error\n"), 2U) << told;
+    EXPECT_EQ(count(told, "\n"), 5U) << told;
+    EXPECT_EQ(text().find(before), 0U);
+    EXPECT_EQ(count(text(), "\nlog lines lost: 201\n\n["), 2U) << text();
+    EXPECT_EQ(count(text(), "#after\n["), 2U);
+    EXPECT_EQ(count(text(), "#dropped"), 0U);
+    EXPECT_EQ(lastText(), "last");
+}
+
+TEST_F(Log, errors_reach_standard_error_when_standard_output_is_full) {
+    std::fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    const int full = ::open("/dev/full", O_WRONLY);
+    if (full < 0) {
+        GTEST_SKIP() << "no /dev/full";
+    }
+    dup2(full, STDOUT_FILENO);
+    StandardError error;
+    bus::bus_log_init(3, nullptr, 0, 20);
+    BUS_LOG(3, "dropped");
+    BUS_LOG(5, "an error");
+    bus::bus_log_exit();
+    const std::string told = error.text();
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    close(full);
+    EXPECT_EQ(told.find("zelvo: log standard output: No space left on device\n["), 0U) << told;
+    EXPECT_EQ(count(told, "\n"), 2U) << told;
+    EXPECT_EQ(count(told, "#an error\n"), 1U) << told;
 }
 
 TEST_F(Log, lines_of_threads_never_interleave) {

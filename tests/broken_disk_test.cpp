@@ -1,0 +1,143 @@
+// A bus whose log or key store lies on a disk that takes nothing: it goes on, and says why.
+#include "test_support.h"
+
+#include <zelvo/bus_client.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include <sys/resource.h>
+
+namespace {
+
+const std::string kStored = "{\"data\":\"\"}";
+
+std::string member(const char *name, const std::string &value) {
+    return std::string{"\""} + name + "\":\"" + value + "\"";
+}
+
+// A bus with its thread, and a node that asks it.
+class AskedBus {
+public:
+    AskedBus(const std::string &log, const std::string &home)
+        : manager_{busClientNew(
+              ("{\"level\":3," + member("path", log) + "," + member("homePath", home) + "}")
+                  .c_str())},
+          loop_{[this] { busClientBindServer(manager_); }},
+          node_{busClientConnect(manager_, "node", nullptr, nullptr, nullptr)} {}
+    ~AskedBus() {
+        busClientClose(node_);
+        busClientServerExit(manager_);
+        loop_.join();
+        busClientDelete(manager_);
+    }
+    AskedBus(const AskedBus &) = delete;
+    AskedBus &operator=(const AskedBus &) = delete;
+
+    std::string ask(const char *url, const std::string &data) {
+        const char *const answer =
+            busClientCall(node_, url, data.c_str(), static_cast<int>(data.size()));
+        return answer ? answer : "null";
+    }
+    std::string set(const std::string &value, const char *persist = "true") {
+        return ask("/localKeys/k", R"({"operation":"set","persist":")" + std::string{persist} +
+                                       R"(","data":)" + value + "}");
+    }
+    std::string get() { return ask("/localKeys/k", R"({"operation":"get"})"); }
+
+private:
+    Zelvo_t *manager_;
+    std::thread loop_;
+    client_t *node_;
+};
+
+std::size_t lines(const std::string &text) {
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+bool says(const std::string &text, const std::string &part) {
+    return text.find(part) != text.npos;
+}
+
+class BrokenDisk : public testing::Test {
+protected:
+    BrokenDisk() { std::ofstream{dir_.file("file")} << "no directory"; }
+
+    TempDir dir_;
+    const std::string log_ = dir_.file("bus.log");
+    const std::string noHome_ = dir_.file("file/home"); // no rights help there, not even root's
+};
+
+TEST_F(BrokenDisk, every_key_request_is_answered_and_the_reason_is_said) {
+    const std::string kFull = "/dev/full";
+    const struct {
+        std::string log, home;
+    } kCases[] = {
+        {log_, noHome_},  {log_, kFull},  {kFull, dir_.path()},
+        {kFull, noHome_}, {kFull, kFull}, {dir_.file("file/bus.log"), noHome_},
+    };
+    for (const auto &c : kCases) {
+        testing::internal::CaptureStderr();
+        testing::internal::CaptureStdout();
+        for (const int start : {1, 2}) {
+            AskedBus bus{c.log, c.home};
+            const bool kept = start == 2 && c.home == dir_.path();
+            EXPECT_EQ(bus.get(), kept ? "30" : kStored) << c.home;
+            for (int value = 1; value <= 30; ++value) {
+                EXPECT_EQ(bus.set(std::to_string(value), value % 2 == 0 ? "true" : "no"), kStored);
+                EXPECT_EQ(bus.get(), std::to_string(value));
+            }
+            EXPECT_TRUE(says(bus.ask("/bus/nodes", ""), "\"node\""));
+        }
+        const std::string out = testing::internal::GetCapturedStdout();
+        const std::string error = testing::internal::GetCapturedStderr();
+        const std::string log = c.log == log_ ? readFile(log_) : c.log == kFull ? error : out;
+        const bool homeBroken = c.home != dir_.path();
+        EXPECT_EQ(says(log, "fopen failed, file: " + c.home + "/keys.json\n"), homeBroken) << log;
+        EXPECT_EQ(says(error, "zelvo: log " + c.log + ": "), c.log != log_) << error;
+        EXPECT_LE(lines(error), 4U) << error; // not one for each line that is lost
+    }
+}
+
+TEST_F(BrokenDisk, store_is_kept_on_a_full_disk_and_written_after_it) {
+    const std::string filler(4000, 'f');
+    AskedBus bus{log_, dir_.path()};
+    EXPECT_EQ(bus.set("1"), kStored);
+    const std::string before = readFile(dir_.file("keys.json"));
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit full = limit;
+    full.rlim_cur = 2000; // the log has room
+    setrlimit(RLIMIT_FSIZE, &full);
+    const std::string answer = bus.set("\"" + filler + "\"");
+    const std::string value = bus.get();
+    const bool beside = std::filesystem::exists(dir_.file("keys.json.new"));
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(answer, kStored);
+    EXPECT_EQ(value, "\"" + filler + "\"");
+    EXPECT_FALSE(beside);
+    EXPECT_EQ(readFile(dir_.file("keys.json")), before);
+    EXPECT_TRUE(says(readFile(log_), "write localKeys error, file: " + dir_.file("keys.json")));
+    EXPECT_EQ(bus.set("2"), kStored);
+    EXPECT_EQ(readFile(dir_.file("keys.json")), "{\n\t\"k\":\t2\n}");
+}
+
+TEST_F(BrokenDisk, home_that_comes_back_is_written_whole) {
+    AskedBus bus{log_, noHome_};
+    EXPECT_EQ(bus.set("1"), kStored);
+    std::filesystem::remove(dir_.file("file"));
+    std::filesystem::create_directories(noHome_);
+    EXPECT_EQ(bus.ask("/localKeys/other", R"({"operation":"set","persist":"true","data":2})"),
+              kStored);
+    EXPECT_EQ(readFile(noHome_ + "/keys.json"), "{\n\t\"k\":\t1,\n\t\"other\":\t2\n}");
+}
+
+} // namespace
