@@ -79,7 +79,11 @@ public:
         const std::int64_t end = now() + std::int64_t{milliseconds} * 1'000'000;
         while (now() < end) {
             const std::uint64_t chunk = sent_ / sink_.chunk();
-            await(chunk < Sink::kChunks ? 0 : chunk + 1 - Sink::kChunks);
+            // With the window full, half of it is waited for, so that publisher and subscribers do
+            // not take turns for every chunk.
+            if (!sink_.hasCredit(chunk)) {
+                await(chunk + 1 - Sink::kChunks / 2);
+            }
             for (std::uint64_t i = 0; i < sink_.chunk(); ++i) {
                 send(sent_ % std::min(kSampling, sink_.chunk()) == 0);
             }
@@ -252,19 +256,31 @@ void Sink::receive(int subscriber, const void *data, std::size_t length) noexcep
 }
 
 void Sink::finish(Subscriber &subscriber, std::uint64_t chunks) noexcept {
-    const std::lock_guard lock{mutex_};
-    for (; subscriber.chunks < chunks; ++subscriber.chunks) {
-        std::size_t &finished = finished_[subscriber.chunks % finished_.size()];
-        if (++finished == subscribers_.size()) {
-            finished = 0;
-            completed_ = std::max(completed_, subscriber.chunks + 1);
-            changed_.notify_one(); // no system call unless the publisher waits
+    bool awaited = false;
+    {
+        const std::lock_guard lock{mutex_};
+        for (; subscriber.chunks < chunks; ++subscriber.chunks) {
+            std::size_t &finished = finished_[subscriber.chunks % finished_.size()];
+            if (++finished == subscribers_.size()) {
+                finished = 0;
+                completed_ = std::max(completed_, subscriber.chunks + 1);
+                awaited = awaited || completed_ == awaited_;
+            }
         }
     }
+    if (awaited) {
+        changed_.notify_one();
+    }
+}
+
+bool Sink::hasCredit(std::uint64_t chunk) {
+    const std::lock_guard lock{mutex_};
+    return chunk < completed_ + kChunks;
 }
 
 bool Sink::await(std::uint64_t chunks) {
     std::unique_lock lock{mutex_};
+    awaited_ = chunks;
     const bool complete = changed_.wait_for(lock, std::chrono::seconds(kPatience),
                                             [&] { return completed_ >= chunks; });
     completed_ = std::max(completed_, chunks); // what is lost is written off

@@ -45,6 +45,8 @@ public:
     // The rest is the publisher's.
     // Publishes probes until every subscriber has heard one; false when some never do.
     bool awaitReady(Publisher &publisher, std::vector<char> &payload);
+    // Whether the publication of this chunk stays within the window.
+    bool hasCredit(std::uint64_t chunk);
     // Waits until every subscriber has had so many chunks; false after kPatience seconds in vain.
     bool await(std::uint64_t chunks);
 
@@ -71,6 +73,7 @@ private:
     std::size_t ready_ = 0;
     std::array<std::size_t, 2 * kChunks> finished_{}; // subscribers that have had a chunk
     std::uint64_t completed_ = 0;                     // chunks that all of them have had
+    std::uint64_t awaited_ = 0;                       // what the publisher waits for
 };
 
 } // namespace bench

@@ -94,6 +94,7 @@ void unlink(bus_mk_list *list, bus_mk_list_node *node) noexcept {
 }
 
 constexpr std::int32_t kMostSpare = 512;
+constexpr std::int32_t kSpareOfIdle = 32;
 
 bus_mk_list_node *newNode(bus_mk_list *list, void *data) noexcept {
     bus_mk_list_node *const node = list->spare;
@@ -246,6 +247,16 @@ void bus_mk_list_splice(bus_mk_list *list, bus_mk_list *from) noexcept {
     }
     std::swap(list->spare, from->spare);
     std::swap(list->spare_cnt, from->spare_cnt);
+}
+
+void bus_mk_list_trim(bus_mk_list *list) noexcept {
+    check(list);
+    while (list->spare_cnt > kSpareOfIdle) {
+        bus_mk_list_node *const node = list->spare;
+        list->spare = node->next;
+        --list->spare_cnt;
+        delete node;
+    }
 }
 
 void bus_mk_list_rotate(bus_mk_list *list) noexcept {

@@ -21,7 +21,7 @@ struct Batch {
 };
 
 constexpr unsigned kBatch = 32;
-constexpr unsigned kKept = 8;
+constexpr unsigned kKept = 2;
 constexpr unsigned kMostWaiting = 8192;
 
 // A sanitizer that watches the heap would not see a block used after it was given back.

@@ -1,10 +1,10 @@
 // Blocks of memory of one size, for small records that one thread makes and another frees all the
 // time. Each thread keeps some free blocks, and threads exchange them in batches, so that most
-// blocks are had and given back without a lock. Threads:  any thread may call anything; a block may
-// be given back by another thread. Memory:   a thread keeps at most 64 free blocks, and at most 8
-// once it has trimmed them; at most
-//           8,192 more wait in common. The rest goes back to the heap, all of it at process exit.
-//           Where the address sanitizer watches the heap, every block comes from there.
+// blocks are had and given back without a lock.
+// Threads: any thread may call anything; a block may be given back by another thread.
+// Memory:  a thread keeps at most 64 free blocks, and at most 2 once it has trimmed them; at most
+//          8,192 more wait in common. The rest goes back to the heap, all of it at process exit.
+//          Where the address sanitizer watches the heap, every block comes from there.
 #ifndef ZELVO_BUS_MK_POOL_H
 #define ZELVO_BUS_MK_POOL_H
 
@@ -16,8 +16,7 @@ inline constexpr std::size_t bus_mk_pool_block = 256; // bytes of a block
 void *bus_mk_pool_get() noexcept;
 // Gives a block back.
 void bus_mk_pool_put(void *block) noexcept;
-// Leaves most of the calling thread's free blocks to the others; for a thread that is about to
-// sleep.
+// Leaves the calling thread's free blocks to the others; for a thread that is about to sleep.
 void bus_mk_pool_trim() noexcept;
 
 #endif

@@ -25,7 +25,8 @@ struct bus_mk_queue {
     bus_mk_thread_cond_t recv_cond;
     // Set while a receiver sleeps or is about to; cleared by the sender that wakes it.
     std::int32_t wait_recv BUS_MK_GUARDED_BY(mut);
-    std::int32_t max_size; // fixed when the queue is made
+    std::int32_t timed_waits BUS_MK_GUARDED_BY(mut); // receivers that sleep for a limited time
+    std::int32_t max_size;                           // fixed when the queue is made
     std::int32_t highest BUS_MK_GUARDED_BY(mut);
     // A former value of out_count, which has not grown since: what it allows needs no look at the
     // receivers' part.
@@ -90,10 +91,8 @@ bool hasPlace(bus_mk_q_t *q, int limit) noexcept BUS_MK_REQUIRES(q->mut) {
 
 // Whether a receiver is to be woken, which is then on the caller to do.
 bool mustWake(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->mut) {
-    const bool waits = q->wait_recv != 0;
-    if (waits) {
-        q->wait_recv = 0;
-    }
+    const bool waits = q->wait_recv != 0 || q->timed_waits > 0;
+    q->wait_recv = 0;
     return waits;
 }
 
@@ -141,7 +140,7 @@ bus_mk_list_node *insert(bus_mk_q_t *q, void *data, int pos) noexcept {
     return node;
 }
 
-constexpr int kLooks = 4;
+constexpr int kLooks = 8;
 
 // Whether an item comes within a few looks. A receiver that sleeps costs its sender a system call
 // and itself some microseconds until it runs again; most of the time an answer comes sooner.
@@ -155,6 +154,14 @@ bool comesSoon(const bus_mk_q_t *q) noexcept {
     return !bus_mk_q_empty(q);
 }
 
+// What an idle receiver needs no more: there may be thousands of them.
+void giveBackSpare(bus_mk_q_t *q) noexcept {
+    bus_mk_pool_trim();
+    const Whole lock{q};
+    bus_mk_list_trim(q->in);
+    bus_mk_list_trim(q->list);
+}
+
 constexpr unsigned kForever = std::numeric_limits<unsigned>::max();
 
 // Sleeps until an item has come, or the time has passed (it may end earlier then).
@@ -162,18 +169,18 @@ void sleepWhileEmpty(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     if (comesSoon(q)) {
         return;
     }
-    bus_mk_pool_trim();
+    giveBackSpare(q);
     const bus_mk_guard lock{q->mut};
     if (!bus_mk_q_empty(q)) {
         return;
     }
-    q->wait_recv = 1;
     if (milliseconds != kForever) {
-        // wait_recv is left set where no send has cleared it: another receiver may wait, and one
-        // signal too many is only remembered.
+        ++q->timed_waits;
         bus_mk_thread_cond_wait_for(&q->recv_cond, &q->mut, milliseconds);
+        --q->timed_waits;
         return;
     }
+    q->wait_recv = 1;
     while (q->wait_recv != 0) {
         bus_mk_thread_cond_wait(&q->recv_cond, &q->mut);
     }

@@ -155,9 +155,10 @@ Call timeOut(client_t &client, const Question &question) noexcept {
     return Call::kTimedOut;
 }
 
-constexpr int kLooks = 4;
+constexpr int kLooks = 16;
 
-// An answer mostly comes sooner than a thread falls asleep and is woken.
+// An answer mostly comes sooner than a thread falls asleep and is woken. It has farther to go than
+// a message, so there are more looks than at a queue.
 void lookForAnswer(const client_t &client, std::uint64_t number) noexcept {
     for (int look = 0; look < kLooks && client.waiting_call.load() == number; ++look) {
         platform::yieldThread();

@@ -7,14 +7,28 @@
 namespace bus {
 namespace {
 
+// A text that may be absent, measured once.
+class Text {
+public:
+    Text(const char *text) noexcept // NOLINT(google-explicit-constructor): stands for the text
+        : text_{text},
+          size_{text ? std::strlen(text) + 1 : 0} {}
+    const char *get() const noexcept { return text_; }
+    std::size_t size() const noexcept { return size_; } // with the NUL
+
+private:
+    const char *text_;
+    std::size_t size_;
+};
+
 // Everything a message is made from.
 struct Fields {
-    const char *name;
-    const char *topic;
-    const char *url;
-    const char *action;
+    Text name;
+    Text topic;
+    Text url;
+    Text action;
     void *node;
-    const char *request_name;
+    Text request_name;
     bool hasPayload;
     const char *data; // of the payload; null: a payload without data
     int len;
@@ -35,10 +49,6 @@ Fields fieldsOf(const message_t &message) noexcept {
             message.call};
 }
 
-std::size_t sizeOf(const char *text) noexcept {
-    return text ? std::strlen(text) + 1 : 0;
-}
-
 // Hands out the block piece by piece, copying what each piece is to hold.
 class Cursor {
 public:
@@ -56,8 +66,8 @@ public:
         next_ += size;
         return copy;
     }
-    char *text(const char *source) noexcept {
-        return source ? bytes(source, std::strlen(source) + 1) : nullptr;
+    char *text(const Text &source) noexcept {
+        return source.get() ? bytes(source.get(), source.size()) : nullptr;
     }
 
 private:
@@ -117,9 +127,9 @@ message_t *copyWhole(const message_t &message) noexcept {
 message_t *make(const Fields &from) noexcept {
     const std::size_t dataSize = from.data ? static_cast<std::size_t>(from.len) + 1 : 0;
     const std::size_t size = sizeof(message_t) + (from.hasPayload ? sizeof(payload_t) : 0) +
-                             sizeOf(from.name) + sizeOf(from.topic) + sizeOf(from.url) +
-                             sizeOf(from.action) + sizeOf(from.request_name) + dataSize;
-    void *const block = newBlock(size, from.name);
+                             from.name.size() + from.topic.size() + from.url.size() +
+                             from.action.size() + from.request_name.size() + dataSize;
+    void *const block = newBlock(size, from.name.get());
     if (!block) {
         return nullptr;
     }
