@@ -256,7 +256,8 @@ void leaveBus(client_t &client) noexcept {
     const Deadline deadline = deadlineOf(*client.server);
     // Owned for all steps, or another thread's join could come between them.
     const Turn turn{client, deadline};
-    const bool onBus = client.registered.load(std::memory_order_acquire);
+    // A node that has departed is taken off at any moment, and would be handed no answer then.
+    const bool onBus = client.registered.load(std::memory_order_acquire) && !client.departed.load();
     if (turn.owned() && onBus && isRunning(*client.server)) {
         char *response = nullptr;
         exchange(client, question, deadline, &response);
