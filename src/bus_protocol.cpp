@@ -2,10 +2,19 @@
 
 #include "bus_mk_str.h"
 
+#include <cstdlib>
 #include <new>
 
 namespace bus {
 namespace {
+
+constinit thread_local bool heapWasShort = false;
+
+void *allocateJson(std::size_t size) {
+    void *const block = std::malloc(size);
+    heapWasShort = heapWasShort || !block;
+    return block;
+}
 
 // The text as a JSON string, quotation marks included.
 std::string quoted(const char *text) {
@@ -43,6 +52,20 @@ std::string joinNotice(const char *name) {
 
 std::string disjoinNotice(const char *name) {
     return std::string{kDisjoinNotice} + ", \"name\":" + quoted(name) + "}";
+}
+
+void useHeapForJson() noexcept {
+    cJSON_Hooks hooks{allocateJson, std::free};
+    cJSON_InitHooks(&hooks);
+}
+
+JsonPtr parseJson(const char *text, bool toTheEnd) {
+    heapWasShort = false;
+    JsonPtr json{cJSON_ParseWithOpts(text, nullptr, toTheEnd ? 1 : 0)};
+    if (!json && heapWasShort) {
+        throw std::bad_alloc{};
+    }
+    return json;
 }
 
 bool isJsonArray(const char *text) noexcept {

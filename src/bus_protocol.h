@@ -92,6 +92,12 @@ struct JsonDelete {
 };
 using JsonPtr = std::unique_ptr<cJSON, JsonDelete>;
 
+// Makes the JSON library use the C runtime's heap, and parseJson able to see that it is short.
+void useHeapForJson() noexcept;
+// The text as JSON, null when it is none; toTheEnd: also when anything follows. Throws
+// std::bad_alloc when memory is short, which cJSON_Parse does not tell from a text that is no JSON.
+JsonPtr parseJson(const char *text, bool toTheEnd = false);
+
 // Whether text parses as a JSON array.
 bool isJsonArray(const char *text) noexcept;
 

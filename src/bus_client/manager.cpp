@@ -1,6 +1,5 @@
 #include "bus_client/internal.h"
 
-#include <cstdlib>
 #include <memory>
 #include <new>
 
@@ -36,8 +35,7 @@ bus::server_t *serverOf(const Zelvo_t *busManager) noexcept {
 } // namespace
 
 Zelvo_t *busClientNew(const char *jsondata) noexcept {
-    cJSON_Hooks hooks{std::malloc, std::free};
-    cJSON_InitHooks(&hooks);
+    bus::useHeapForJson();
     const Config config{jsondata};
     bus::bus_log_init(config.number("level", 2), config.text("path", nullptr),
                       config.number("mode", 0), static_cast<float>(config.number("size", 20)));

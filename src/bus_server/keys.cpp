@@ -1,6 +1,7 @@
 // The key store: one JSON object, kept parsed for reading and as text for the file.
 #include "bus_server/internal.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -48,10 +49,8 @@ bus_mk_text readAll(std::FILE *file, std::size_t &size) {
 }
 
 // The whole text as a JSON object, or null.
-JsonPtr parseStore(const char *text, std::size_t size) noexcept {
-    constexpr cJSON_bool kToTheEnd = 1;
-    JsonPtr json{std::strlen(text) == size ? cJSON_ParseWithOpts(text, nullptr, kToTheEnd)
-                                           : nullptr};
+JsonPtr parseStore(const char *text, std::size_t size) {
+    JsonPtr json = std::strlen(text) == size ? parseJson(text, true) : nullptr;
     return cJSON_IsObject(json.get()) ? std::move(json) : nullptr;
 }
 
@@ -74,7 +73,11 @@ bool setAside(const std::string &name) {
 FilePtr openStore(const std::string &name) {
     std::error_code ignored;
     const bool readable = std::filesystem::is_regular_file(name, ignored);
+    errno = 0;
     FilePtr file{readable ? std::fopen(name.c_str(), "rb") : nullptr};
+    if (!file && errno == ENOMEM) {
+        throw std::bad_alloc{};
+    }
     if (!file) {
         BUS_LOG(5, "  %s fopen failed, file: %s\n", kServerTag, name.c_str());
     }
@@ -143,7 +146,7 @@ std::string_view textOf(const cJSON *object, const char *member) noexcept {
 }
 
 std::string serve(server_t &server, const char *payload, const char *key) {
-    const JsonPtr json{cJSON_Parse(payload)};
+    const JsonPtr json = parseJson(payload);
     const std::string_view operation = textOf(json.get(), "operation");
     const cJSON *const data = cJSON_GetObjectItem(json.get(), "data");
     if (!server.keys) {
