@@ -10,7 +10,8 @@ constexpr char kVersion[] = "ZELVO 1.0.8";
 // The configuration's members; one that is absent, or all of them, give the default.
 class Config {
 public:
-    explicit Config(const char *text) noexcept : json_{text ? cJSON_Parse(text) : nullptr} {}
+    // Throws std::bad_alloc.
+    explicit Config(const char *text) : json_{text ? bus::parseJson(text) : nullptr} {}
 
     int number(const char *member, int absent) const noexcept {
         const cJSON *const item = cJSON_GetObjectItem(json_.get(), member);
@@ -34,7 +35,7 @@ bus::server_t *serverOf(const Zelvo_t *busManager) noexcept {
 
 } // namespace
 
-Zelvo_t *busClientNew(const char *jsondata) noexcept {
+Zelvo_t *busClientNew(const char *jsondata) noexcept try {
     bus::useHeapForJson();
     const Config config{jsondata};
     bus::bus_log_init(config.number("level", 2), config.text("path", nullptr),
@@ -52,6 +53,8 @@ Zelvo_t *busClientNew(const char *jsondata) noexcept {
     manager->server->call_timeout = config.number("callTimeout", 0);
     manager->server->has_stats = config.isTrue("stats");
     return manager;
+} catch (const std::bad_alloc &) { // a bus with other settings than the given ones is none
+    return nullptr;
 }
 
 int busClientBindServer(Zelvo_t *busManager) noexcept {
