@@ -45,11 +45,11 @@ void _busServerPublishSticky(server_t &server, MessagePtr &message) noexcept;
 void _busServerRemoveSticky(server_t &server, MessagePtr &message) noexcept;
 
 // Calls run(topic) for each text of the JSON array that is message's payload, in order. Anything
-// else in the payload is passed over.
+// else in the payload is passed over. Throws std::bad_alloc before the first.
 template <typename Run>
 void forEachTopic(const message_t &message, Run run) {
     const bool hasData = message.payload && message.payload->data;
-    const JsonPtr json{hasData ? cJSON_Parse(message.payload->data) : nullptr};
+    const JsonPtr json = hasData ? parseJson(message.payload->data) : nullptr;
     if (!cJSON_IsArray(json.get())) {
         return;
     }

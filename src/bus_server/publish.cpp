@@ -1,5 +1,6 @@
 #include "bus_server/internal.h"
 
+#include <new>
 #include <utility>
 
 namespace bus {
@@ -117,13 +118,16 @@ void _busServerPublishSticky(server_t &server, MessagePtr &taken) noexcept {
     keepSticky(server, std::move(copy));
 }
 
-void _busServerRemoveSticky(server_t &server, MessagePtr &taken) noexcept {
+void _busServerRemoveSticky(server_t &server, MessagePtr &taken) noexcept try {
     const message_t &message = *taken;
     forEachTopic(message, [&](const char *topic) {
         if (!takeSticky(server, topic)) {
             BUS_LOG(4, "  %s %s already removeSticky topic %s\n", kServerTag, message.name, topic);
         }
     });
+} catch (const std::bad_alloc &) {
+    countAlone(server.counters.no_memory);
+    BUS_LOG(5, "  %s %s removeSticky failed\n", kServerTag, message.name);
 }
 
 } // namespace bus
