@@ -43,12 +43,9 @@ void freeAll(Batch batch) noexcept {
 // The batches that threads leave to each other.
 class Depot {
 public:
-    ~Depot() {
-        while (true) {
-            const Batch batch = take();
-            if (batch.count == 0) {
-                break;
-            }
+    ~Depot() { clear(); }
+    void clear() noexcept {
+        for (Batch batch = take(); batch.count > 0; batch = take()) {
             freeAll(batch);
         }
     }
@@ -115,8 +112,6 @@ public:
             leaveAll();
         }
     }
-
-private:
     void leaveAll() noexcept {
         depot.leave(used_);
         depot.leave(full_);
@@ -124,6 +119,7 @@ private:
         full_ = {};
     }
 
+private:
     Batch used_;
     Batch full_;
 };
@@ -147,5 +143,12 @@ void bus_mk_pool_put(void *block) noexcept {
 void bus_mk_pool_trim() noexcept {
     if (kPooled) {
         cache.trim();
+    }
+}
+
+void bus_mk_pool_clear() noexcept {
+    if (kPooled) {
+        cache.leaveAll();
+        depot.clear();
     }
 }

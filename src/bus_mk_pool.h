@@ -18,5 +18,7 @@ void *bus_mk_pool_get() noexcept;
 void bus_mk_pool_put(void *block) noexcept;
 // Leaves the calling thread's free blocks to the others; for a thread that is about to sleep.
 void bus_mk_pool_trim() noexcept;
+// Gives the calling thread's free blocks, and those that wait in common, back to the heap.
+void bus_mk_pool_clear() noexcept;
 
 #endif

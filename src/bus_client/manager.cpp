@@ -1,4 +1,5 @@
 #include "bus_client/internal.h"
+#include "bus_mk_pool.h"
 
 #include <memory>
 #include <new>
@@ -77,6 +78,7 @@ int busClientDelete(Zelvo_t *busManager) noexcept {
     if (busManager) {
         bus::busServerDelete(busManager->server);
         delete busManager;
+        bus_mk_pool_clear();
         bus::bus_log_exit();
     }
     return 0;

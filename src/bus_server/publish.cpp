@@ -22,14 +22,17 @@ MessagePtr takeSticky(server_t &server, const char *topic) noexcept {
 
 void keepSticky(server_t &server, MessagePtr message) noexcept {
     Topic *const entry = server.directory.makeTopic(message->topic);
-    if (!entry) {
+    if (entry) {
+        entry->place = bus_mk_q_append(server.sticky_queue, message.get());
+    }
+    if (entry && entry->place) {
+        entry->sticky = message.release();
         return;
     }
-    entry->place = bus_mk_q_append(server.sticky_queue, message.get());
-    if (entry->place) {
-        entry->sticky = message.release();
-    } else {
-        server.directory.prune(message->topic);
+    server.directory.prune(message->topic);
+    if (!bus_mk_q_full(server.sticky_queue)) {
+        countAlone(server.counters.no_memory);
+        BUS_LOG(5, "  %s %s sticky topic %s not kept\n", kServerTag, message->name, message->topic);
     }
 }
 
@@ -127,7 +130,7 @@ void _busServerRemoveSticky(server_t &server, MessagePtr &taken) noexcept try {
     });
 } catch (const std::bad_alloc &) {
     countAlone(server.counters.no_memory);
-    BUS_LOG(5, "  %s %s removeSticky failed\n", kServerTag, message.name);
+    BUS_LOG(5, "  %s %s removeSticky failed\n", kServerTag, taken->name);
 }
 
 } // namespace bus
