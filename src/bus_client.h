@@ -22,6 +22,11 @@
  * Errors.   Integers: 0 for success, -1 for arguments that are refused. Pointers: null. A refusal
  *           changes nothing. Its reason stands in the log, except for arguments that are null.
  *
+ * Windows.  The C library whose malloc is meant is msvcrt.dll, whatever the application itself uses
+ *           (README). Waits end at a tick of the system, 16 ms where no program asks for finer
+ *           ones. A log file or key store that another program has open may be impossible to
+ *           replace: lines then go to standard output, and a change stays in memory.
+ *
  * Start: busClientNew, busClientBindServer in its thread; for each node busClientConnect, then
  *        busClientSpin in its thread.
  * Stop:  for each node busClientSpinExit, wait for its thread, busClientClose; then
@@ -82,7 +87,8 @@ typedef int (*timer_callback)(void *userdata, client_t *client, int type);
  *              4 warnings, 5 errors
  *   "path"     log file (default: standard output)
  *   "mode"     0 empties the log file (the default), any other number appends to it
- *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never)
+ *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never; on
+ *              Windows never from 2,048 on)
  *   "homePath" directory of the key store (".")
  *   "callTimeout" milliseconds that a call, a connect or a subscription waits at most, its turn
  *              included (0, or less: no limit)
@@ -90,6 +96,7 @@ typedef int (*timer_callback)(void *userdata, client_t *client, int type);
  * A log file that cannot be opened gives way to standard output. Lines that the log does not take
  * (a full disk) are lost, and counted in it when it takes lines again; standard error is told why,
  * once, and gets the errors meanwhile.
+ * On Windows "path" and "homePath" are in UTF-8, with "/" or an escaped "\\".
  * A text that is not JSON counts as none; a member of the wrong type counts as 0 or as no text.
  * Does not block. To be called while no other call into the library is running, the loops apart.
  * Returns null when memory is short, or, with an error in the log, a bus that refuses every node.
@@ -216,11 +223,11 @@ ZELVO_API int busClientSpinExit(client_t *client) ZELVO_NOEXCEPT;
 /* Sets a timer: the node's thread calls timer_func(userdata, client, type) once, mstimeout
  * milliseconds from now (32 bits; 0 or less: at the next look), on a clock that does not follow the
  * wall clock. A node looks after each message, and every 3 milliseconds while it has nothing to
- * do. Timers that are due together run in the order in which they were set; one that is set by a
- * timer's handler waits for the next look, so a handler may set its own timer again. Does not
- * block. A node whose thread does not run calls nothing; the timers go with the node.
- * Returns the timer's id, 2 to 32767 and then 2 again; -1: client is null or memory is short. At
- * most 1,024 timers wait: one more is dropped with a warning in the log, and its id returned all
+ * do (on Windows every tick). Timers that are due together run in the order in which they were set;
+ * one that is set by a timer's handler waits for the next look, so a handler may set its own timer
+ * again. Does not block. A node whose thread does not run calls nothing; the timers go with the
+ * node. Returns the timer's id, 2 to 32767 and then 2 again; -1: client is null or memory is short.
+ * At most 1,024 timers wait: one more is dropped with a warning in the log, and its id returned all
  * the same. Without timer_func a warning is logged when the timer is due. */
 ZELVO_API int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeout,
                                 int type, void *userdata) ZELVO_NOEXCEPT;

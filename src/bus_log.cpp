@@ -50,7 +50,7 @@ void tellReason(const char *destination, int reason) noexcept BUS_MK_REQUIRES(_l
 }
 
 std::FILE *openOrStdout(const char *path, const char *mode) noexcept BUS_MK_REQUIRES(_lock) {
-    std::FILE *const file = std::fopen(path, mode);
+    std::FILE *const file = platform::openFile(path, mode);
     if (!file) {
         tellReason(path, errno);
         return stdout;
@@ -85,7 +85,7 @@ void rotateIfFull() noexcept BUS_MK_REQUIRES(_lock) {
         return;
     }
     closeFile();
-    std::remove(_log_path.get());
+    platform::removeFile(_log_path.get());
     _file = openOrStdout(_log_path.get(), "wb");
     if (_file != stdout) {
         std::fprintf(_file, "\nlog file size: %d, remove file:  %s\n\n", static_cast<int>(length),

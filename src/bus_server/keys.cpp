@@ -4,12 +4,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <new>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 namespace bus {
@@ -57,9 +55,8 @@ JsonPtr parseStore(const char *text, std::size_t size) {
 // Renames the file to the first free name of keys.json.bad, keys.json.bad.1 and so on.
 bool setAside(const std::string &name) {
     std::string aside = name + ".bad";
-    std::error_code ignored;
     for (int i = 1; !platform::renameFile(name.c_str(), aside.c_str()); ++i) {
-        if (!std::filesystem::exists(aside, ignored)) {
+        if (platform::fileKind(aside.c_str()) == platform::FileKind::kNone) {
             BUS_LOG(5, "  %s %s is no key store and cannot be set aside\n", kServerTag,
                     name.c_str());
             return false;
@@ -71,10 +68,9 @@ bool setAside(const std::string &name) {
 }
 
 FilePtr openStore(const std::string &name) {
-    std::error_code ignored;
-    const bool readable = std::filesystem::is_regular_file(name, ignored);
+    const bool readable = platform::fileKind(name.c_str()) == platform::FileKind::kRegular;
     errno = 0;
-    FilePtr file{readable ? std::fopen(name.c_str(), "rb") : nullptr};
+    FilePtr file{readable ? platform::openFile(name.c_str(), "rb") : nullptr};
     if (!file && errno == ENOMEM) {
         throw std::bad_alloc{};
     }
@@ -165,9 +161,8 @@ std::string serve(server_t &server, const char *payload, const char *key) {
 
 void _busGetKeys(server_t &server) {
     const std::string name = fileName(server);
-    std::error_code ignored;
     server.foreign_file = false;
-    if (!std::filesystem::exists(name, ignored)) {
+    if (platform::fileKind(name.c_str()) == platform::FileKind::kNone) {
         BUS_LOG(3, "  %s not exist, file: %s\n", kServerTag, name.c_str());
         return;
     }

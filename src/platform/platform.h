@@ -1,12 +1,14 @@
 // What the library asks of the operating system. One contract, one source file for each system
 // behind it; nothing above this folder asks which system it runs on. Clocks and heap come from
-// the C++ standard library and need no entry here.
+// the C++ standard library and need no entry here. Paths are UTF-8 on Windows, and neither the C
+// library nor std::filesystem takes them as such.
 #ifndef ZELVO_PLATFORM_PLATFORM_H
 #define ZELVO_PLATFORM_PLATFORM_H
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 namespace platform {
 
@@ -19,7 +21,8 @@ using Word = std::atomic<std::uint32_t>;
 // without a reason: the caller looks at the word again. No time limit.
 void waitWord(Word &word, std::uint32_t expected) noexcept;
 
-// The same for at most the given time; also returns when it has passed.
+// The same for at most the given time; also returns when it has passed, to the system's own steps:
+// on Windows those of its timer, 16 ms where no program asks for finer ones.
 void waitWordFor(Word &word, std::uint32_t expected, std::uint32_t milliseconds) noexcept;
 
 // Wakes one sleeper, or all of them. Only the address is used: the word may already have been
@@ -44,6 +47,16 @@ void *threadStart(ThreadBody body, void *arg, std::size_t stack) noexcept;
 // Waits without time limit until the thread has ended and releases the handle. Null: no effect.
 void threadJoin(void *handle) noexcept;
 
+// The C library's fopen and remove, errno included; false: nothing was removed. On Windows a file that is open
+// can't be removed, renamed or replaced.
+std::FILE *openFile(const char *path, const char *mode) noexcept;
+bool removeFile(const char *path) noexcept;
+
+enum class FileKind { kNone, kRegular, kOther };
+
+// What path names, through symbolic links; kNone too where that cannot be found out.
+FileKind fileKind(const char *path) noexcept;
+
 enum class FileResult { kDone, kNotOpened, kNotWritten };
 
 // Replaces the file path as a whole by size bytes of data: they go to a file beside it, path with
@@ -60,8 +73,8 @@ bool renameFile(const char *from, const char *to) noexcept;
 using ExecutableVisitor = bool (*)(const char *name, void *arg);
 
 // Hands visit the executable of each process that the caller can see, in any order; processes that
-// start or end meanwhile may be missed. The kernel's own have none. False: the system gives no
-// list of processes, or memory is short.
+// start or end meanwhile may be missed. Of the kernel's own, Windows names some and Linux none.
+// False: the system gives no list of processes, or memory is short.
 bool visitExecutables(ExecutableVisitor visit, void *arg) noexcept;
 
 } // namespace platform

@@ -20,6 +20,7 @@
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -185,6 +186,22 @@ void threadJoin(void *handle) noexcept {
     if (thread) {
         pthread_join(thread->handle, nullptr);
     }
+}
+
+std::FILE *openFile(const char *path, const char *mode) noexcept {
+    return std::fopen(path, mode);
+}
+
+bool removeFile(const char *path) noexcept {
+    return std::remove(path) == 0;
+}
+
+FileKind fileKind(const char *path) noexcept {
+    struct stat status {};
+    if (stat(path, &status) != 0) {
+        return FileKind::kNone;
+    }
+    return S_ISREG(status.st_mode) ? FileKind::kRegular : FileKind::kOther;
 }
 
 FileResult replaceFile(const char *path, const char *data, std::size_t size) noexcept try {
