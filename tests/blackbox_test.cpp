@@ -144,8 +144,7 @@ TEST(Zelvo, call_is_answered_by_the_other_nodes_thread) {
                     answeredBy = std::this_thread::get_id();
                     return url == "/target/none"
                                ? nullptr
-                               : strdup(
-                                     (url + (data ? data : "null") + std::to_string(len)).c_str());
+                               : mallocText(url + (data ? data : "null") + std::to_string(len));
                 }};
     Node silent{bus, "silent"};
     Node a{bus, "a"};
@@ -212,7 +211,7 @@ TEST(Zelvo, exit_overtakes_publications_and_waiting_requests_are_answered) {
                       inside.set();
                       EXPECT_TRUE(release.wait());
                   }
-                  return strdup("answered");
+                  return mallocText("answered");
               }};
     busClientSubscribe(busy.get(), R"(["t","after"])");
     Node a{bus, "a"};
@@ -250,7 +249,7 @@ TEST(Zelvo, rings_of_calls_are_refused_and_told) {
             if (std::strcmp(url, "/first/x") == 0) {
                 refused = text ? text : "null";
             }
-            return strdup(text && *text ? text : "null");
+            return mallocText(text && *text ? text : "null");
         };
     };
     Node first{bus, "first", callOn("/second/x")};
@@ -270,8 +269,9 @@ TEST(Zelvo, rings_of_calls_are_refused_and_told) {
 
 TEST(Zelvo, two_threads_of_one_node_call_in_turn) {
     const Bus bus;
-    Node echo{bus, "echo",
-              [](client_t *, const std::string &, const char *data, int) { return strdup(data); }};
+    Node echo{bus, "echo", [](client_t *, const std::string &, const char *data, int) {
+                  return mallocText(data);
+              }};
     Node a{bus, "a"};
     std::atomic<int> ended{0};
     std::vector<std::thread> threads;
@@ -305,8 +305,9 @@ TEST(Zelvo, one_of_two_racing_connects_gets_the_name) {
 
 TEST(Zelvo, nodes_come_and_go_under_load) {
     const Bus bus{6};
-    Node steady{bus, "steady",
-                [](client_t *, const std::string &, const char *, int) { return strdup("here"); }};
+    Node steady{bus, "steady", [](client_t *, const std::string &, const char *, int) {
+                    return mallocText("here");
+                }};
     busClientSubscribe(steady.get(), R"(["load"])");
     std::atomic<bool> done{false};
     std::thread publisher{[&] {
@@ -413,7 +414,7 @@ TEST(Zelvo, call_ends_at_its_time_limit_and_its_late_answer_disturbs_none) {
                       asked.set();
                       goOn.wait();
                   }
-                  return strdup(url.c_str());
+                  return mallocText(url);
               }};
     Node idle{bus, "idle", {}, false};
     Node a{bus, "a"};

@@ -1,18 +1,16 @@
 // A bus whose log or key store lies on a disk that takes nothing: it goes on, and says why.
 #include "test_support.h"
+#include "test_system.h"
 
 #include <zelvo/bus_client.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
-
-#include <sys/resource.h>
 
 namespace {
 
@@ -75,7 +73,7 @@ protected:
 };
 
 TEST_F(BrokenDisk, every_key_request_is_answered_and_the_reason_is_said) {
-    const std::string kFull = "/dev/full";
+    const std::string kFull = fullDevice(); // where there is none its cases are left out
     const struct {
         std::string log, home;
     } kCases[] = {
@@ -83,6 +81,9 @@ TEST_F(BrokenDisk, every_key_request_is_answered_and_the_reason_is_said) {
         {kFull, noHome_}, {kFull, kFull}, {dir_.file("file/bus.log"), noHome_},
     };
     for (const auto &c : kCases) {
+        if (c.log.empty() || c.home.empty()) {
+            continue;
+        }
         testing::internal::CaptureStderr();
         testing::internal::CaptureStdout();
         for (const int start : {1, 2}) {
@@ -106,21 +107,22 @@ TEST_F(BrokenDisk, every_key_request_is_answered_and_the_reason_is_said) {
 }
 
 TEST_F(BrokenDisk, store_is_kept_on_a_full_disk_and_written_after_it) {
+    if (!FullDisk::possible()) {
+        GTEST_SKIP() << "this system can't be given a full disk";
+    }
     const std::string filler(4000, 'f');
     AskedBus bus{log_, dir_.path()};
     EXPECT_EQ(bus.set("1"), kStored);
     const std::string before = readFile(dir_.file("keys.json"));
-    rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit full = limit;
-    full.rlim_cur = 2000; // the log has room
-    setrlimit(RLIMIT_FSIZE, &full);
-    const std::string answer = bus.set("\"" + filler + "\"");
-    const std::string value = bus.get();
-    const bool beside = std::filesystem::exists(dir_.file("keys.json.new"));
-    setrlimit(RLIMIT_FSIZE, &limit);
-    std::signal(SIGXFSZ, handler);
+    std::string answer;
+    std::string value;
+    bool beside = true;
+    {
+        const FullDisk full{2000}; // the log has room
+        answer = bus.set("\"" + filler + "\"");
+        value = bus.get();
+        beside = std::filesystem::exists(dir_.file("keys.json.new"));
+    }
     EXPECT_EQ(answer, kStored);
     EXPECT_EQ(value, "\"" + filler + "\"");
     EXPECT_FALSE(beside);

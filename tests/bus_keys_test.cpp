@@ -1,21 +1,37 @@
 #include "server_fixture.h"
 #include "test_support.h"
+#include "test_system.h"
 
-#include <csignal>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <random>
-
-#include <sys/wait.h>
-#include <unistd.h>
+#include <thread>
 
 namespace bus {
 namespace {
 
-// A server whose home is a new directory, and a node that asks it.
-class Keys : private TempDir, public Server {
+// A new directory; in a child the parent's.
+class Home {
+public:
+    Home() : path_{childArgument()} {
+        if (path_.empty()) {
+            path_ = own_.emplace().path();
+        }
+    }
+    const std::string &path() const { return path_; }
+    std::string file(const char *name) const { return path_ + "/" + name; }
+
+private:
+    std::optional<TempDir> own_;
+    std::string path_;
+};
+
+// A server with its home, and a node that asks it.
+class Keys : protected Home, public Server {
 protected:
-    Keys() : Server{TempDir::path().c_str()}, file_{file("keys.json")} {}
+    Keys() : Server{Home::path().c_str()}, file_{file("keys.json")} {}
 
     std::string set(const std::string &key, const std::string &value, const char *more = "") {
         return ask(node_, ("/localKeys/" + key).c_str(),
@@ -30,9 +46,10 @@ protected:
     void write(const std::string &text) { std::ofstream{file_, std::ios::binary} << text; }
     bool exists(const char *name) const { return std::filesystem::exists(file(name)); }
     std::string read(const char *name) const { return readFile(file(name)); }
-    void restart() {
+    void restart() { restart(Home::path()); }
+    void restart(const std::string &home) {
         busServerDelete(server_);
-        server_ = busServerNew(TempDir::path().c_str());
+        server_ = busServerNew(home.c_str());
         node_.registered = false;
         EXPECT_EQ(ask(node_, "/bus/join"), kNothing);
     }
@@ -131,32 +148,43 @@ TEST_F(Keys, store_that_cannot_be_read_or_written_is_reported_and_left) {
     EXPECT_EQ(get("a"), "1");
 }
 
+TEST_F(Keys, home_is_named_in_utf8) {
+    const std::string home = file("h\xc3\xa4user \xe4\xb8\xad");
+    std::filesystem::create_directory(utf8Path(home));
+    restart(home);
+    persist("a", "1");
+    restart(home);
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(readFile(home + "/keys.json"), "{\n\t\"a\":\t1\n}");
+    restart(file("\xff")); // no UTF-8, and no such directory
+    startLog(5);
+    EXPECT_EQ(persist("a", "2"), kNothing);
+    const std::string text = log();
+    EXPECT_NE(text.find("  Vek-server fopen failed"), text.npos) << text;
+    EXPECT_EQ(get("a"), "2");
+}
+
 // A process that persists in a loop is killed at random moments; the file is whole each time.
 TEST_F(Keys, killed_process_leaves_a_whole_store) {
-    constexpr int kKills = 200;
     const std::string filler(20000, 'f');
+    if (!childArgument().empty()) {
+        for (int n = std::stoi(get("first")) + 1;; ++n) {
+            persist("first", std::to_string(n));
+            tellParent();
+            persist("filler", "\"" + filler + "\"");
+            persist("last", std::to_string(n));
+        }
+    }
     persist("first", "-1");
     std::minstd_rand random{7};
-    int wrote[2];
-    ASSERT_EQ(pipe(wrote), 0);
     std::string before = read("keys.json");
-    for (int i = 0; i < kKills; ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
-            for (int n = i * 1000;; ++n) {
-                persist("first", std::to_string(n));
-                if (n == i * 1000 && ::write(wrote[1], "", 1) != 1) {
-                    _exit(1);
-                }
-                persist("filler", "\"" + filler + "\"");
-                persist("last", std::to_string(n));
-            }
+    const int kills = scaled(200);
+    for (int i = 0; i < kills; ++i) {
+        {
+            Child child{Home::path()};
+            ASSERT_TRUE(child.hasTold()) << i;
+            std::this_thread::sleep_for(std::chrono::microseconds{random() % 8000});
         }
-        char begun = 0;
-        ASSERT_EQ(::read(wrote[0], &begun, 1), 1);
-        usleep(static_cast<useconds_t>(random() % 8000));
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
         const std::string text = read("keys.json");
         const JsonPtr json{cJSON_ParseWithOpts(text.c_str(), nullptr, 1)};
         ASSERT_TRUE(cJSON_IsObject(json.get())) << i << ": " << text.substr(0, 200);
@@ -164,8 +192,6 @@ TEST_F(Keys, killed_process_leaves_a_whole_store) {
         EXPECT_NE(text, before) << i;
         before = text;
     }
-    close(wrote[0]);
-    close(wrote[1]);
 }
 
 } // namespace

@@ -1,20 +1,16 @@
 #include "bus_log.h"
 #include "test_support.h"
+#include "test_system.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 namespace {
 
@@ -55,8 +51,8 @@ std::string expectedLine(const std::string &line, char level, const char *source
         char stamp[32];
         std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", std::gmtime(&shown));
         char head[128];
-        std::snprintf(head, sizeof head, "[%05d:%05d]%s.%03d [%c] %s", getpid(), gettid(), stamp,
-                      ms, level, source);
+        std::snprintf(head, sizeof head, "[%05u:%05u]%s.%03d [%c] %s", ownProcessId(),
+                      ownThreadId(), stamp, ms, level, source);
         stamped = head;
         if (line.compare(0, stamped.size(), stamped) == 0) {
             break;
@@ -131,6 +127,14 @@ TEST_F(Log, mode_empties_or_appends) {
     }
 }
 
+TEST_F(Log, path_is_utf8) {
+    const std::string path = dir_.file("l\xc3\xb6g \xe4\xb8\xad");
+    bus::bus_log_init(0, path.c_str(), 0, 0.001F);
+    BUS_LOG(3, "%s", std::string(1200, 'f').c_str());
+    BUS_LOG(3, "begun anew");
+    EXPECT_EQ(readFile(path).find("\nlog file size: "), 0U);
+}
+
 TEST_F(Log, full_file_is_begun_anew) {
     open(0, 0.001F); // 1048 bytes
     const std::string filler(1200, 'f');
@@ -169,8 +173,7 @@ TEST_F(Log, standard_output_takes_what_no_file_takes) {
     }
     open(0, 0.001F);
     BUS_LOG(3, "%s", std::string(1200, 'f').c_str());
-    std::filesystem::remove(path_);
-    std::filesystem::create_directories(path_ + "/in the way");
+    const Occupied occupied{path_};
     testing::internal::CaptureStdout();
     BUS_LOG(3, "first");
     BUS_LOG(3, "second");
@@ -186,53 +189,10 @@ std::size_t count(const std::string &text, const std::string &part) {
     return found;
 }
 
-// Files cannot grow beyond a size, as on a full disk, while this exists.
-class FullDisk {
-public:
-    explicit FullDisk(std::size_t size) : handler_{std::signal(SIGXFSZ, SIG_IGN)} {
-        getrlimit(RLIMIT_FSIZE, &before_);
-        rlimit limit = before_;
-        limit.rlim_cur = size;
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FullDisk() {
-        setrlimit(RLIMIT_FSIZE, &before_);
-        std::signal(SIGXFSZ, handler_);
-    }
-    FullDisk(const FullDisk &) = delete;
-    FullDisk &operator=(const FullDisk &) = delete;
-
-private:
-    rlimit before_{};
-    void (*handler_)(int);
-};
-
-// Standard error, captured in a pipe: no disk is needed.
-class StandardError {
-public:
-    StandardError() : saved_{dup(STDERR_FILENO)} {
-        EXPECT_EQ(pipe(ends_), 0);
-        dup2(ends_[1], STDERR_FILENO);
-        close(ends_[1]);
-    }
-    std::string text() {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-        std::string all;
-        char part[1024];
-        for (ssize_t size = 0; (size = read(ends_[0], part, sizeof part)) > 0;) {
-            all.append(part, static_cast<std::size_t>(size));
-        }
-        close(ends_[0]);
-        return all;
-    }
-
-private:
-    int saved_;
-    int ends_[2] = {-1, -1};
-};
-
 TEST_F(Log, full_disk_is_told_once_and_logging_goes_on_after_it) {
+    if (!FullDisk::possible()) {
+        GTEST_SKIP() << "this system can't be given a full disk";
+    }
     open(3);
     BUS_LOG(3, "before");
     const std::string before = text();
@@ -262,22 +222,19 @@ TEST_F(Log, full_disk_is_told_once_and_logging_goes_on_after_it) {
 }
 
 TEST_F(Log, errors_reach_standard_error_when_standard_output_is_full) {
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    const int full = ::open("/dev/full", O_WRONLY);
-    if (full < 0) {
-        GTEST_SKIP() << "no /dev/full";
+    if (fullDevice().empty()) {
+        GTEST_SKIP() << "this system has no file that is always full";
     }
-    dup2(full, STDOUT_FILENO);
     StandardError error;
-    bus::bus_log_init(3, nullptr, 0, 20);
-    BUS_LOG(3, "dropped");
-    BUS_LOG(5, "an error");
-    bus::bus_log_exit();
-    const std::string told = error.text();
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    close(full);
+    std::string told;
+    {
+        const FullOutput full;
+        bus::bus_log_init(3, nullptr, 0, 20);
+        BUS_LOG(3, "dropped");
+        BUS_LOG(5, "an error");
+        bus::bus_log_exit();
+        told = error.text();
+    }
     EXPECT_EQ(told.find("zelvo: log standard output: No space left on device\n["), 0U) << told;
     EXPECT_EQ(count(told, "\n"), 2U) << told;
     EXPECT_EQ(count(told, "#an error\n"), 1U) << told;

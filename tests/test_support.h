@@ -5,6 +5,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -51,15 +53,27 @@ public:
     TempDir(const TempDir &) = delete;
     TempDir &operator=(const TempDir &) = delete;
 
-    std::string path() const { return path_.string(); }
-    std::string file(const char *name) const { return (path_ / name).string(); }
+    // With "/" on every system: a "\\" would have to be escaped in JSON.
+    std::string path() const { return path_.generic_string(); }
+    std::string file(const char *name) const { return path() + "/" + name; }
 
 private:
     std::filesystem::path path_;
 };
 
+// The answer of a call handler, for the library to free.
+inline char *mallocText(const std::string &text) {
+    auto *const copy = static_cast<char *>(std::malloc(text.size() + 1));
+    return copy ? std::strcpy(copy, text.c_str()) : nullptr;
+}
+
+// The file of a name in UTF-8, which paths are made of only where they are told.
+inline std::filesystem::path utf8Path(const std::string &name) {
+    return {std::u8string{name.begin(), name.end()}};
+}
+
 inline std::string readFile(const std::string &path) {
-    std::ifstream file{path, std::ios::binary};
+    std::ifstream file{utf8Path(path), std::ios::binary};
     return {std::istreambuf_iterator<char>{file}, {}};
 }
 

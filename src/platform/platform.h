@@ -47,8 +47,8 @@ void *threadStart(ThreadBody body, void *arg, std::size_t stack) noexcept;
 // Waits without time limit until the thread has ended and releases the handle. Null: no effect.
 void threadJoin(void *handle) noexcept;
 
-// The C library's fopen and remove, errno included; false: nothing was removed. On Windows a file that is open
-// can't be removed, renamed or replaced.
+// The C library's fopen and remove, errno of fopen included; false: nothing was removed. On Windows
+// a file that is open can't be removed, renamed or replaced.
 std::FILE *openFile(const char *path, const char *mode) noexcept;
 bool removeFile(const char *path) noexcept;
 
