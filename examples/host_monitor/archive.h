@@ -31,20 +31,19 @@ private:
         return 0;
     }
 
-    // The library frees the answer: so it comes from malloc, here by way of strdup.
     static char *onCall(void *userdata, client_t *client, char *url, char *, int) noexcept {
         const Archive &archive = *static_cast<Archive *>(userdata);
         const std::string path = url;
         if (path.rfind("/archive/peak/", 0) == 0) {
-            return strdup(archive.peak(path.substr(14)).c_str());
+            return answerText(archive.peak(path.substr(14)));
         }
         if (path == "/archive/last") {
-            return strdup(archive.last().c_str());
+            return answerText(archive.last());
         }
         if (path == "/archive/ring") {
-            return strdup(callBack(client).c_str());
+            return answerText(callBack(client));
         }
-        return strdup(("{\"error\":\"no such path\",\"path\":" + jsonString(path) + '}').c_str());
+        return answerText("{\"error\":\"no such path\",\"path\":" + jsonString(path) + '}');
     }
 
     void keep(const std::string &figure, double value) {

@@ -6,12 +6,21 @@
 #include <zelvo/bus_client.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
+
+// The answer of a call handler. The library frees it: so it comes from malloc, and from that of the
+// C runtime which the library uses.
+inline char *answerText(const std::string &text) {
+    auto *const answer = static_cast<char *>(std::malloc(text.size() + 1));
+    return answer ? std::strcpy(answer, text.c_str()) : nullptr;
+}
 
 // A bus, running in a thread of its own. Every Node must be gone before its Bus goes; local
 // variables do that by themselves, the Bus declared first.

@@ -1,4 +1,4 @@
-// The figures of this machine, from Linux's proc file system. Each function throws
+// The figures of this machine; one source file for each system behind it. Each function throws
 // std::runtime_error when it cannot find what it is to read.
 #ifndef HOST_MONITOR_HOST_H
 #define HOST_MONITOR_HOST_H
@@ -19,7 +19,7 @@ struct Memory {
 };
 Memory readMemory();
 
-// The mean load over 1, 5 and 15 minutes: "0.31 0.22 0.08".
+// The mean load over 1, 5 and 15 minutes: "0.31 0.22 0.08". One thread at a time may ask.
 std::string readLoad();
 
 // What does not change, as a JSON object: host name, kernel, processors, memory.

@@ -161,7 +161,7 @@ int main(int argc, char **argv) {
         return 2;
     }
     const std::string log = home + "/host_monitor.log";
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // live through a pipe too
+    std::setvbuf(stdout, nullptr, _IONBF, 0); // live through a pipe too
     try {
         // The bus would write to standard output, between our lines.
         if (!std::ofstream(log)) {

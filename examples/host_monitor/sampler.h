@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <string>
 #include <string_view>
@@ -54,7 +53,7 @@ private:
     static char *onCall(void *userdata, client_t *client, char *, char *, int) noexcept {
         Sampler &sampler = *static_cast<Sampler *>(userdata);
         sampler.readInterval(client);
-        return strdup(std::to_string(sampler.interval_).c_str());
+        return answerText(std::to_string(sampler.interval_));
     }
 
     // The bus itself answers for the key store, so a handler may ask. The value comes as JSON: 250,
