@@ -1,6 +1,7 @@
 #include "bus_mk_pool.h"
 
 #include "bus_mk_thread.h"
+#include "platform/platform.h"
 
 #include <cstdlib>
 #include <new>
@@ -26,12 +27,15 @@ constexpr unsigned kMostWaiting = 8192;
 
 // A sanitizer that watches the heap would not see a block used after it was given back.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr bool kPooled = false;
+constexpr bool kWatched = true;
 #elif defined(__has_feature)
-constexpr bool kPooled = !__has_feature(address_sanitizer);
+constexpr bool kWatched = __has_feature(address_sanitizer);
 #else
-constexpr bool kPooled = true;
+constexpr bool kWatched = false;
 #endif
+
+// A thread that ends leaves what it kept to the others, from a destructor.
+constexpr bool kPooled = !kWatched && platform::kThreadLocalDestructors;
 
 void freeAll(Batch batch) noexcept {
     while (Block *const block = batch.first) {

@@ -4,7 +4,8 @@
 // Threads: any thread may call anything; a block may be given back by another thread.
 // Memory:  a thread keeps at most 64 free blocks, and at most 2 once it has trimmed them; at most
 //          8,192 more wait in common. The rest goes back to the heap, all of it at process exit.
-//          Where the address sanitizer watches the heap, every block comes from there.
+//          Where the address sanitizer watches the heap, and on Windows, every block comes from
+//          there.
 #ifndef ZELVO_BUS_MK_POOL_H
 #define ZELVO_BUS_MK_POOL_H
 

@@ -30,6 +30,14 @@ void waitWordFor(Word &word, std::uint32_t expected, std::uint32_t milliseconds)
 void wakeOne(Word &word) noexcept;
 void wakeAll(Word &word) noexcept;
 
+// Whether the destructor of a thread_local object may look at it. mingw-w64's compiler gives the
+// object's memory back before.
+#if defined(__MINGW32__)
+inline constexpr bool kThreadLocalDestructors = false;
+#else
+inline constexpr bool kThreadLocalDestructors = true;
+#endif
+
 // Gives up the processor to another runnable thread, if there is one.
 void yieldThread() noexcept;
 
