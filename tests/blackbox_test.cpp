@@ -497,6 +497,8 @@ TEST(Zelvo, counters_tell_what_became_of_messages) {
     const std::size_t left = stats.find("\"left\"");
     ASSERT_NE(left, std::string::npos);
     EXPECT_NE(stats.find("\"unread\":\t1024", left), std::string::npos) << stats;
+    // joining and its subscription, another subscription, leaving
+    EXPECT_NE(stats.find("\"made\":\t4", left), std::string::npos) << stats;
 }
 
 TEST(Zelvo, delete_stops_a_running_bus) {

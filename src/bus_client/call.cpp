@@ -229,6 +229,12 @@ bool postResponse(client_t &client, const message_t &request, const char *text) 
     return posted;
 }
 
+void countRefusal(client_t &client, Call result) noexcept {
+    if (result == Call::kRefused || result == Call::kNoMemory) {
+        count(client.counters.calls_refused);
+    }
+}
+
 } // namespace
 
 Call call(client_t &client, const char *url, const char *data, int len, char **response) noexcept {
@@ -245,9 +251,7 @@ Call call(client_t &client, const char *url, const char *data, int len, char **r
     } else {
         logExited(client.name.get(), url);
     }
-    if (result == Call::kRefused || result == Call::kNoMemory) {
-        count(client.counters.calls_refused);
-    }
+    countRefusal(client, result);
     return result;
 }
 
@@ -260,7 +264,8 @@ void leaveBus(client_t &client) noexcept {
     const bool onBus = client.registered.load(std::memory_order_acquire) && !client.departed.load();
     if (turn.owned() && onBus && isRunning(*client.server)) {
         char *response = nullptr;
-        exchange(client, question, deadline, &response);
+        count(client.counters.calls_made);
+        countRefusal(client, exchange(client, question, deadline, &response));
     } else {
         logExited(client.name.get(), question.url);
     }
