@@ -3,6 +3,7 @@
 #include "bus_client/internal.h"
 
 #include <cstring>
+#include <thread>
 
 namespace bus {
 namespace {
@@ -312,6 +313,31 @@ TEST_F(Server, departed_node_is_taken_off_whenever_its_join_is_handled) {
     EXPECT_EQ(ask(caller, "/bus/nodes"), "{\n\t\"data\":\t[\"caller\"]\n}");
     client_t &again = join("late");
     EXPECT_EQ(taken(again), Texts{});
+}
+
+TEST_F(Server, answer_that_is_taken_over_outlives_the_next_call) {
+    client_t &a = join("a");
+    std::thread loop{[this] { busServerRun(server_); }};
+    bus_mk_text first;
+    bus_mk_text second;
+    EXPECT_EQ(call(a, "/bus/nodes", nullptr, 0, first), Call::kAnswered);
+    EXPECT_EQ(call(a, "/a/x", nullptr, 0, second), Call::kAnswered);
+    busServerExit(server_);
+    loop.join();
+    EXPECT_STREQ(first.get(), "{\n\t\"data\":\t[\"a\"]\n}");
+    EXPECT_EQ(std::string_view{second.get()}, kEmptyAnswer);
+}
+
+TEST_F(Server, departed_node_does_not_ask_to_leave) {
+    server_->call_timeout = 10;
+    client_t &a = join("a");
+    depart(a);
+    server_->running = 1; // the loop has begun, and has not come to the departed nodes yet
+    leaveBus(a);
+    EXPECT_EQ(a.counters.calls_made, 0U);
+    EXPECT_EQ(a.counters.calls_timed_out, 0U);
+    run();
+    EXPECT_FALSE(a.registered);
 }
 
 TEST_F(Server, request_of_a_record_that_has_gone_touches_nothing) {

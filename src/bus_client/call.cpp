@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <utility>
 
 namespace bus {
 namespace {
@@ -126,6 +127,8 @@ struct Question {
     // Whether it is the node's leave request: that gets through a flood of publications, and is
     // given up when the bus stops.
     bool leaves;
+    // Takes the answer over, or null: the answer stays the node's.
+    bus_mk_text *taker;
 };
 
 MessagePtr newRequest(client_t &client, const Question &question, std::uint64_t number) noexcept {
@@ -211,6 +214,9 @@ Call exchange(client_t &client, const Question &question, const Deadline &deadli
     *response = client.call_response.get();
     count(client.counters.calls_answered);
     BUS_LOG(2, "  %s %s call response, %s\n", kClientTag, client.name.get(), orNull(*response));
+    if (question.taker) {
+        *question.taker = std::move(client.call_response);
+    }
     return Call::kAnswered;
 }
 
@@ -235,28 +241,34 @@ void countRefusal(client_t &client, Call result) noexcept {
     }
 }
 
-} // namespace
-
-Call call(client_t &client, const char *url, const char *data, int len, char **response) noexcept {
+Call callInTurn(client_t &client, const Question &question, char **response) noexcept {
     const Deadline deadline = deadlineOf(*client.server);
-    const Question question{url, data, len, false};
     count(client.counters.calls_made);
     const Turn turn{client, deadline};
     if (!turn.owned()) {
         return timeOut(client, question);
     }
     Call result = Call::kRefused;
-    if (mayCall(client, url)) { // looked at now: the node may have left during another call
+    if (mayCall(client,
+                question.url)) { // looked at now: the node may have left during another call
         result = exchange(client, question, deadline, response);
     } else {
-        logExited(client.name.get(), url);
+        logExited(client.name.get(), question.url);
     }
     countRefusal(client, result);
     return result;
 }
 
+} // namespace
+
+Call call(client_t &client, const char *url, const char *data, int len,
+          bus_mk_text &answer) noexcept {
+    char *response = nullptr;
+    return callInTurn(client, {url, data, len, false, &answer}, &response);
+}
+
 void leaveBus(client_t &client) noexcept {
-    const Question question{kDisjoinUrl, nullptr, 0, true};
+    const Question question{kDisjoinUrl, nullptr, 0, true, nullptr};
     const Deadline deadline = deadlineOf(*client.server);
     // Owned for all steps, or another thread's join could come between them.
     const Turn turn{client, deadline};
@@ -328,6 +340,6 @@ char *busClientCall(client_t *client, const char *url, const char *data, int len
         return nullptr;
     }
     char *response = nullptr;
-    bus::call(*client, url, data, len, &response);
+    bus::callInTurn(*client, {url, data, len, false, nullptr}, &response);
     return response;
 }

@@ -82,15 +82,15 @@ ClientPtr newClient(server_t *server, const char *name) noexcept {
 // False when the node is not to be: the bus did not take it or gave no answer in time, or memory is
 // short. A join that finds the bus's queue full is none of these: the node is then not on the bus.
 bool join(client_t &client) noexcept {
-    char *response = nullptr;
-    const Call result = call(client, kJoinUrl, nullptr, 0, &response);
+    bus_mk_text response;
+    const Call result = call(client, kJoinUrl, nullptr, 0, response);
     const bool joined =
         result == Call::kAnswered && client.registered.load(std::memory_order_acquire);
     if (!joined && result != Call::kRefused) {
         return false;
     }
     BUS_LOG(3, "  %s %s connect end, payload: %s\n", kClientTag, client.name.get(),
-            orNull(response));
+            orNull(response.get()));
     return true;
 }
 
@@ -122,10 +122,10 @@ int changeTopics(client_t *client, const char *jsondata, const char *url,
         logFormatError();
         return -1;
     }
-    char *response = nullptr;
-    call(*client, url, jsondata, static_cast<int>(std::strlen(jsondata)), &response);
+    bus_mk_text response;
+    call(*client, url, jsondata, static_cast<int>(std::strlen(jsondata)), response);
     BUS_LOG(1, "  %s %s %s end, payload: %s\n", kClientTag, client->name.get(), verb,
-            orNull(response));
+            orNull(response.get()));
     return 0;
 }
 

@@ -29,8 +29,10 @@ void logFormatError() noexcept;
 // How a call went. Only for the first is there an answer; for the middle two nothing was sent.
 enum class Call { kAnswered, kRefused, kNoMemory, kTimedOut };
 
-// Calls url and waits; the answer is then in *response (may be null).
-Call call(client_t &client, const char *url, const char *data, int len, char **response) noexcept;
+// Calls url and waits; answer is then the answer (may be null), out of reach of other threads that
+// call through the node.
+Call call(client_t &client, const char *url, const char *data, int len,
+          bus_mk_text &answer) noexcept;
 
 // Takes the node off the bus for good, if it is on it: it makes no call and joins no more. Waits
 // for the server's answer as long as the bus runs and the time limit of calls allows, and departs
