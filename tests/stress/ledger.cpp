@@ -93,9 +93,11 @@ void checkNode(Ledger &ledger, const Plan &plan, const NodeStats &stats, const T
     ledger.equal(name + ", calls made", stats.made, tally.calls);
     ledger.equal(name + ", ends of calls", stats.answered + stats.refused + stats.timed_out,
                  stats.made);
-    // Not posted: a call that has waited for its turn only, or that a node off the bus has made.
+    // Not posted: a call that has waited for its turn only, or that was made while the node was off
+    // the bus, where its join had been lost or it had left.
+    const bool wasOff = plan.rejoins || plan.floods;
     const std::uint64_t posts = tally.published + tally.asked + tally.calls;
-    const std::uint64_t unposted = stats.timed_out + (plan.rejoins ? stats.refused : 0);
+    const std::uint64_t unposted = stats.timed_out + (wasOff ? stats.refused : 0);
     ledger.between(name + ", sent and dropped", stats.sent + stats.bus_full + stats.no_memory,
                    posts - unposted, posts);
     const std::uint64_t gone = tally.timers_fired + stats.timers;
