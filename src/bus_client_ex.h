@@ -42,6 +42,7 @@ struct message_t {
     // Whether the message owns a reference to node, a client_t: a join request, which is the only
     // message whose maker the server reaches without finding it in its registry.
     bool holds_node;
+    Action kind;      // of action
     std::size_t size; // of the block, all of it
 };
 

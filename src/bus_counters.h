@@ -66,6 +66,7 @@ struct ServerCounters {
 
     alignas(kCacheLine) Counter posted{0}; // the bus's own messages in its queue: answers, exits
     Counter queue_full{0};                 // those that found no place
+    Counter calls{0};                      // numbers handed out to calls; by any thread
 };
 
 } // namespace bus

@@ -47,7 +47,11 @@ void freeAll(Batch batch) noexcept {
 // The batches that threads leave to each other.
 class Depot {
 public:
+    constexpr Depot() noexcept = default;
     ~Depot() { clear(); }
+    Depot(const Depot &) = delete;
+    Depot &operator=(const Depot &) = delete;
+
     void clear() noexcept {
         for (Batch batch = take(); batch.count > 0; batch = take()) {
             freeAll(batch);
@@ -89,7 +93,11 @@ constinit Depot depot;
 // in turn does not go to the depot each time.
 class Cache {
 public:
+    constexpr Cache() noexcept = default;
     ~Cache() { leaveAll(); }
+    Cache(const Cache &) = delete;
+    Cache &operator=(const Cache &) = delete;
+
     void *get() noexcept {
         if (used_.count == 0) {
             used_ = full_.count > 0 ? full_ : depot.take();

@@ -28,6 +28,30 @@ std::string quoted(const char *text) {
 
 } // namespace
 
+Action actionOf(std::string_view text) noexcept {
+    struct Row {
+        std::string_view text;
+        Action action;
+    };
+    constexpr Row kActions[] = {
+        {action::kPublish, Action::kPublish},
+        {action::kRequest, Action::kRequest},
+        {action::kResponse, Action::kResponse},
+        {action::kPublishSticky, Action::kPublishSticky},
+        {action::kRemoveSticky, Action::kRemoveSticky},
+        {action::kSetTimer, Action::kSetTimer},
+        {action::kKillTimer, Action::kKillTimer},
+        {action::kExit, Action::kExit},
+        {action::kDepart, Action::kDepart},
+    };
+    for (const Row &row : kActions) {
+        if (row.text == text) {
+            return row.action;
+        }
+    }
+    return Action::kOther;
+}
+
 std::optional<Url> splitUrl(std::string_view url) noexcept {
     const std::size_t slash = url.find('/', 2);
     if (slash == std::string_view::npos || slash - 1 > kMaxHost) {

@@ -25,6 +25,21 @@ inline constexpr char kKillTimer[] = "killtimer";
 inline constexpr char kDepart[] = "depart"; // wakes the server to look at its departed nodes
 } // namespace action
 
+// The same, recognised once. kOther: any other text, or none.
+enum class Action : unsigned char {
+    kOther,
+    kPublish,
+    kPublishSticky,
+    kRemoveSticky,
+    kRequest,
+    kResponse,
+    kExit,
+    kSetTimer,
+    kKillTimer,
+    kDepart,
+};
+Action actionOf(std::string_view text) noexcept;
+
 inline constexpr char kServerName[] = "busServer";
 inline constexpr char kEventTopic[] = "bus.event";
 inline constexpr char kErrorTopic[] = "bus.error";

@@ -33,27 +33,25 @@ struct server_t {
     bus_mk_q_t *message_queue = nullptr; // everything sent to the server, its own answers included
     bus_mk_q_t *sticky_queue = nullptr;  // message_t, at most one a topic
     bus_mk_text name;
-    std::atomic<int> running{0}; // 1 while the loop is to go on
-    bus_mk_text keys;            // the key store's text; null until it is loaded or set
-    bus_mk_text path;            // the home directory, or null
+    bus_mk_text keys; // the key store's text; null until it is loaded or set
+    bus_mk_text path; // the home directory, or null
 
     JsonPtr store; // keys, parsed
-    // Whether keys.json holds something that could not be taken over, and must not be overwritten.
-    bool foreign_file = false;
-
-    int call_timeout = 0;   // milliseconds that a call waits at most; 0 or less: no limit
-    bool has_stats = false; // whether "/bus/stats" is answered
-    std::atomic<std::uint64_t> calls{0}; // numbers handed out
-    // Nodes that have gone without waiting for the server, one reference each.
-    std::atomic<client_t *> departed{nullptr};
-    ServerCounters counters;
-    NodeCounters left; // sums of the nodes whose records are freed
-
     Directory directory;
     std::uint64_t joins = 0;
-    bus_mk_thread_mutex_t loop_mutex;
-    bus_mk_thread_cond_t loop_ended;                    // signalled when looping becomes false
+    // Nodes that have gone without waiting for the server, one reference each.
+    std::atomic<client_t *> departed{nullptr};
+    std::atomic<int> running{0}; // 1 while the loop is to go on
+    int call_timeout = 0;        // milliseconds that a call waits at most; 0 or less: no limit
+    bool has_stats = false;      // whether "/bus/stats" is answered
+    // Whether keys.json holds something that could not be taken over, and must not be overwritten.
+    bool foreign_file = false;
     bool looping BUS_MK_GUARDED_BY(loop_mutex) = false; // a thread is inside busServerRun
+    bus_mk_thread_mutex_t loop_mutex;
+    bus_mk_thread_cond_t loop_ended; // signalled when looping becomes false
+
+    NodeCounters left; // sums of the nodes whose records are freed
+    ServerCounters counters;
 
     server_t() noexcept;
     ~server_t();

@@ -105,7 +105,8 @@ protected:
         bus_log_init(level, nullptr, 0, 0);
     }
 
-    static inline const message_t kFiller{{}, {}, {}, {}, {}, {}, {}, {}, {}, sizeof(message_t)};
+    static inline const message_t kFiller{
+        {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, sizeof(message_t)};
     static constexpr std::uint64_t kAny = 1; // a call that a message without a number answers
     server_t *server_;
     std::vector<ClientPtr> clients_;

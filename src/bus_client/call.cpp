@@ -198,7 +198,8 @@ bool post(client_t &client, const Question &question, MessagePtr &request) noexc
 // Posts a request and waits for its answer. Run in the node's turn.
 Call exchange(client_t &client, const Question &question, const Deadline &deadline,
               char **response) noexcept {
-    const std::uint64_t number = 1 + client.server->calls.fetch_add(1, std::memory_order_relaxed);
+    const std::uint64_t number =
+        1 + client.server->counters.calls.fetch_add(1, std::memory_order_relaxed);
     MessagePtr request = newRequest(client, question, number);
     const bool made = request != nullptr;
     if (!post(client, question, request)) {

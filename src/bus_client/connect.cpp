@@ -9,8 +9,7 @@ namespace bus {
 namespace {
 
 bool isFromBus(const message_t &message) noexcept {
-    const std::string_view action{message.action ? message.action : ""};
-    return action == action::kPublish || action == action::kRequest;
+    return message.kind == Action::kPublish || message.kind == Action::kRequest;
 }
 
 int countUnread(void *item, void *unread) noexcept {

@@ -15,6 +15,9 @@ public:
           size_{text ? std::strlen(text) + 1 : 0} {}
     const char *get() const noexcept { return text_; }
     std::size_t size() const noexcept { return size_; } // with the NUL
+    std::string_view view() const noexcept {
+        return text_ ? std::string_view{text_, size_ - 1} : std::string_view{};
+    }
 
 private:
     const char *text_;
@@ -140,6 +143,7 @@ message_t *make(const Fields &from) noexcept {
     message->topic = cursor.text(from.topic);
     message->url = cursor.text(from.url);
     message->action = cursor.text(from.action);
+    message->kind = actionOf(from.action.view());
     message->node = from.node;
     message->request_name = cursor.text(from.request_name);
     message->call = from.call;

@@ -30,12 +30,12 @@ void _exit(client_t &client, const message_t & /*message*/) noexcept {
 }
 
 struct Route {
-    std::string_view action;
+    Action action;
     void (*run)(client_t &, const message_t &);
 };
 constexpr Route kActions[] = {
-    {action::kPublish, _message}, {action::kRequest, _request}, {action::kKillTimer, _killTimer},
-    {action::kSetTimer, _wakeUp}, {action::kExit, _exit},
+    {Action::kPublish, _message}, {Action::kRequest, _request}, {Action::kKillTimer, _killTimer},
+    {Action::kSetTimer, _wakeUp}, {Action::kExit, _exit},
 };
 
 // While the node runs, the head of its queue; then only the requests that reached it before it
@@ -56,7 +56,7 @@ bool dispatch(client_t &client, const message_t &message) noexcept {
         return false;
     }
     for (const Route &route : kActions) {
-        if (route.action == message.action) {
+        if (route.action == message.kind) {
             route.run(client, message);
             break;
         }

@@ -41,8 +41,8 @@ bool publishNotice(server_t &server, const char *topic, std::string_view text) n
 void replaySticky(server_t &server, const node_t &node, const char *topic) noexcept;
 
 void _busServerPublishAction(server_t &server, MessagePtr &message) noexcept;
-void _busServerPublishSticky(server_t &server, MessagePtr &message) noexcept;
-void _busServerRemoveSticky(server_t &server, MessagePtr &message) noexcept;
+void _busServerPublishSticky(server_t &server, MessagePtr &taken) noexcept;
+void _busServerRemoveSticky(server_t &server, MessagePtr &taken) noexcept;
 
 // Calls run(topic) for each text of the JSON array that is message's payload, in order. Anything
 // else in the payload is passed over. Throws std::bad_alloc before the first.
@@ -68,7 +68,7 @@ struct Request {
     MessagePtr &taken;        // null once it has been handed on
     const message_t &message; // the same
     Url url;
-    node_t *sender; // the entry of the record that made it; null: that is not on the bus
+    node_t *sender = nullptr; // the entry of the record that made it; null: that is not on the bus
 };
 
 enum class Answered { kQueued, kNotMade, kRefused };

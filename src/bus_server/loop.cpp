@@ -197,17 +197,17 @@ void _busServerExitAction(server_t &server, MessagePtr & /*message*/) noexcept {
 void _busServerDepart(server_t & /*server*/, MessagePtr & /*message*/) noexcept {}
 
 struct Route {
-    std::string_view action;
+    Action action;
     void (*run)(server_t &, MessagePtr &);
 };
 constexpr Route kActions[] = {
-    {action::kPublish, _busServerPublishAction},
-    {action::kRequest, _busServerRequest},
-    {action::kExit, _busServerExitAction},
-    {action::kResponse, _busServerResponse},
-    {action::kPublishSticky, _busServerPublishSticky},
-    {action::kRemoveSticky, _busServerRemoveSticky},
-    {action::kDepart, _busServerDepart},
+    {Action::kPublish, _busServerPublishAction},
+    {Action::kRequest, _busServerRequest},
+    {Action::kExit, _busServerExitAction},
+    {Action::kResponse, _busServerResponse},
+    {Action::kPublishSticky, _busServerPublishSticky},
+    {Action::kRemoveSticky, _busServerRemoveSticky},
+    {Action::kDepart, _busServerDepart},
 };
 
 void dispatch(server_t &server, MessagePtr &message) noexcept {
@@ -216,9 +216,8 @@ void dispatch(server_t &server, MessagePtr &message) noexcept {
         BUS_LOG(4, "  %s message body not action | name\n", kServerTag);
         return;
     }
-    const std::string_view wanted{message->action};
     for (const Route &route : kActions) {
-        if (route.action == wanted) {
+        if (route.action == message->kind) {
             route.run(server, message);
             return;
         }
