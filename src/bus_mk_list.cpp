@@ -94,7 +94,7 @@ void unlink(bus_mk_list *list, bus_mk_list_node *node) noexcept {
 }
 
 constexpr std::int32_t kMostSpare = 512;
-constexpr std::int32_t kSpareOfIdle = 32;
+constexpr std::int32_t kSpareOfIdle = 8;
 
 bus_mk_list_node *newNode(bus_mk_list *list, void *data) noexcept {
     bus_mk_list_node *const node = list->spare;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -38,6 +39,7 @@ struct bus_mk_queue {
     alignas(kCacheLine) bus_mk_thread_mutex_t recv_mut;
     bus_mk_list *list BUS_MK_PT_GUARDED_BY(recv_mut);
     std::atomic<std::int32_t> out_count; // written under recv_mut; grows only under mut as well
+    std::atomic<std::int32_t> looks;     // of a receiver, before it sleeps
 };
 
 namespace {
@@ -140,12 +142,21 @@ bus_mk_list_node *insert(bus_mk_q_t *q, void *data, int pos) noexcept {
     return node;
 }
 
-constexpr int kLooks = 8;
+// A receiver that sleeps costs its sender a system call and itself some microseconds until it runs
+// again; where messages follow each other, the next one comes sooner. A receiver that has slept for
+// long looks less often the next time, so that thousands of quiet ones do not take turns in vain.
+constexpr std::int32_t kMostLooks = 8;
+constexpr std::chrono::microseconds kShortSleep{50};
 
-// Whether an item comes within a few looks. A receiver that sleeps costs its sender a system call
-// and itself some microseconds until it runs again; most of the time an answer comes sooner.
+void noteSleep(bus_mk_q_t *q, std::chrono::steady_clock::duration slept) noexcept {
+    const std::int32_t fewer = std::max(1, q->looks.load(std::memory_order_relaxed) / 2);
+    q->looks.store(slept < kShortSleep ? kMostLooks : fewer, std::memory_order_relaxed);
+}
+
+// Whether an item comes within a few looks.
 bool comesSoon(const bus_mk_q_t *q) noexcept {
-    for (int look = 0; look < kLooks; ++look) {
+    const std::int32_t looks = q->looks.load(std::memory_order_relaxed);
+    for (std::int32_t look = 0; look < looks; ++look) {
         if (!bus_mk_q_empty(q)) {
             return true;
         }
@@ -164,12 +175,7 @@ void giveBackSpare(bus_mk_q_t *q) noexcept {
 
 constexpr unsigned kForever = std::numeric_limits<unsigned>::max();
 
-// Sleeps until an item has come, or the time has passed (it may end earlier then).
-void sleepWhileEmpty(bus_mk_q_t *q, unsigned milliseconds) noexcept {
-    if (comesSoon(q)) {
-        return;
-    }
-    giveBackSpare(q);
+void sleep(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     const bus_mk_guard lock{q->mut};
     if (!bus_mk_q_empty(q)) {
         return;
@@ -186,6 +192,17 @@ void sleepWhileEmpty(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     }
 }
 
+// Waits until an item has come, or the time has passed (it may end earlier then).
+void waitWhileEmpty(bus_mk_q_t *q, unsigned milliseconds) noexcept {
+    if (comesSoon(q)) {
+        return;
+    }
+    giveBackSpare(q);
+    const auto begun = std::chrono::steady_clock::now();
+    sleep(q, milliseconds);
+    noteSleep(q, std::chrono::steady_clock::now() - begun);
+}
+
 } // namespace
 
 bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept {
@@ -197,6 +214,7 @@ bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept {
         bus_mk_thread_mutex_init(&q->recv_mut);
         bus_mk_thread_cond_init(&q->recv_cond);
         q->max_size = q_size;
+        q->looks = kMostLooks;
         q->in = in.release();
         q->list = out.release();
     }
@@ -227,7 +245,7 @@ void *bus_mk_q_take_out(bus_mk_q_t *q, bus_mk_list_node *place) noexcept {
 void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept {
     for (bool waits = flag == 0;;) {
         if (waits && bus_mk_q_empty(q)) {
-            sleepWhileEmpty(q, kForever);
+            waitWhileEmpty(q, kForever);
             waits = false; // once: another receiver may be faster
         }
         const bus_mk_guard lock{q->recv_mut};
@@ -246,7 +264,7 @@ void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept {
 
 void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     if (bus_mk_q_empty(q)) {
-        sleepWhileEmpty(q, milliseconds);
+        waitWhileEmpty(q, milliseconds);
     }
 }
 
