@@ -175,7 +175,7 @@ void giveBackSpare(bus_mk_q_t *q) noexcept {
 
 constexpr unsigned kForever = std::numeric_limits<unsigned>::max();
 
-void sleep(bus_mk_q_t *q, unsigned milliseconds) noexcept {
+void goToSleep(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     const bus_mk_guard lock{q->mut};
     if (!bus_mk_q_empty(q)) {
         return;
@@ -199,7 +199,7 @@ void waitWhileEmpty(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     }
     giveBackSpare(q);
     const auto begun = std::chrono::steady_clock::now();
-    sleep(q, milliseconds);
+    goToSleep(q, milliseconds);
     noteSleep(q, std::chrono::steady_clock::now() - begun);
 }
 
