@@ -71,7 +71,8 @@ typedef int (*onmessage_callback)(void *userdata, client_t *client, char *topic,
 
 /* Answers one call to this node. url is the whole address, "/name/path"; url and data are valid
  * during the call, data as above. The result is the answer: a text from malloc, which the library
- * takes over and frees, or null, which the caller receives as {"msg":"not implement"}.
+ * takes over and frees, or null, which the caller receives as {"msg":"not implement"}; so it does
+ * where the text is longer than an int can tell.
  * The calling node waits meanwhile. */
 typedef char *(*oncall_callback)(void *userdata, client_t *client, char *url, char *data, int len);
 
@@ -137,9 +138,9 @@ ZELVO_API client_t *busClientConnect(Zelvo_t *busManager, const char *name,
 /* Frees a node: what its queues still hold, its latest answer, the record. To be called after
  * busClientSpin has returned, or when it was never run, and while nothing else uses the node.
  * A node that is still on a running bus leaves it first, which blocks until the bus has answered,
- * has stopped, or "callTimeout" has passed; without the answer, the bus takes the node off when it
- * runs next, and its name may be used again at once. Calls that still wait for the node are
- * answered
+ * has stopped, or "callTimeout" has passed (first it waits for its turn to call); without the
+ * answer, the bus takes the node off when it runs next, and its name may be used again at once.
+ * Calls that still wait for the node are answered
  * {"msg":"not implement"}. Null: no effect. Always 0. */
 ZELVO_API int busClientClose(client_t *client) ZELVO_NOEXCEPT;
 

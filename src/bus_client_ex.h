@@ -67,6 +67,11 @@ void holdNode(message_t &message, client_t &client) noexcept;
 // other length, "NULL" for no payload.
 const char *tracedPayload(const payload_t *payload) noexcept;
 
+// Whether a payload can have so many bytes.
+inline bool fitsPayload(std::size_t size) noexcept {
+    return size <= static_cast<std::size_t>(std::numeric_limits<int>::max());
+}
+
 struct MessageDelete {
     void operator()(message_t *message) const noexcept { busClientExMessageDelete(message); }
 };

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <type_traits>
 
 namespace {
 
@@ -93,12 +94,10 @@ constinit Depot depot;
 // in turn does not go to the depot each time.
 class Cache {
 public:
-    constexpr Cache() noexcept = default;
-    ~Cache() { leaveAll(); }
-    Cache(const Cache &) = delete;
-    Cache &operator=(const Cache &) = delete;
-
     void *get() noexcept {
+        if (ended_) {
+            return nullptr;
+        }
         if (used_.count == 0) {
             used_ = full_.count > 0 ? full_ : depot.take();
             full_ = {};
@@ -111,6 +110,10 @@ public:
         return block;
     }
     void put(void *memory) noexcept {
+        if (ended_) {
+            std::free(memory);
+            return;
+        }
         if (used_.count == kBatch) {
             depot.leave(full_);
             full_ = used_;
@@ -130,23 +133,42 @@ public:
         used_ = {};
         full_ = {};
     }
+    void end() noexcept {
+        leaveAll();
+        ended_ = true;
+    }
 
 private:
     Batch used_;
     Batch full_;
+    bool ended_ = false;
 };
-thread_local Cache cache;
+static_assert(std::is_trivially_destructible_v<Cache>);
+constinit thread_local Cache threadsCache;
+
+// Ends the cache with its thread. The cache outlives it: later destructors of the thread, and of
+// static objects, may still use the bus.
+class CacheEnd {
+public:
+    constexpr CacheEnd() noexcept = default;
+    ~CacheEnd() { threadsCache.end(); }
+    CacheEnd(const CacheEnd &) = delete;
+    CacheEnd &operator=(const CacheEnd &) = delete;
+
+    Cache &cache() const noexcept { return threadsCache; }
+};
+thread_local CacheEnd cacheEnd;
 
 } // namespace
 
 void *bus_mk_pool_get() noexcept {
-    void *const block = kPooled ? cache.get() : nullptr;
+    void *const block = kPooled ? cacheEnd.cache().get() : nullptr;
     return block ? block : std::malloc(bus_mk_pool_block);
 }
 
 void bus_mk_pool_put(void *block) noexcept {
     if (kPooled) {
-        cache.put(block);
+        cacheEnd.cache().put(block);
     } else {
         std::free(block);
     }
@@ -154,13 +176,13 @@ void bus_mk_pool_put(void *block) noexcept {
 
 void bus_mk_pool_trim() noexcept {
     if (kPooled) {
-        cache.trim();
+        cacheEnd.cache().trim();
     }
 }
 
 void bus_mk_pool_clear() noexcept {
     if (kPooled) {
-        cache.leaveAll();
+        cacheEnd.cache().leaveAll();
         depot.clear();
     }
 }

@@ -249,7 +249,7 @@ void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept {
             waits = false; // once: another receiver may be faster
         }
         const bus_mk_guard lock{q->recv_mut};
-        if (pos > bus_mk_list_cnt(q->list)) {
+        if (bus_mk_list_cnt(q->list) < std::max(pos, 1)) {
             const bus_mk_guard senders{q->mut};
             bring(q);
         }

@@ -117,6 +117,8 @@ TEST_F(Queue, blocked_receiver_is_woken_by_a_send) {
         EXPECT_EQ(item, pos == 1 ? a_.data() : nullptr);
         EXPECT_EQ(take(), pos == 1 ? "-" : "a");
     }
+    send(a_);
+    EXPECT_EQ(bus_mk_q_recv(q_, 0, 0, 0), nullptr); // no position, but not empty: no wait
 }
 
 TEST_F(Queue, timed_wait_ends_with_a_message_or_the_time) {

@@ -317,7 +317,8 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
                            payload ? payload->len : 0));
         BUS_LOG(1, "  %s %s oncall func end\n", kClientTag, client.name.get());
     }
-    const char *const data = text ? text.get() : kNoHandlerAnswer;
+    const bool given = text && fitsPayload(std::strlen(text.get()));
+    const char *const data = given ? text.get() : kNoHandlerAnswer;
     // A place is kept for it; memory may come back.
     for (int attempt = 0; attempt < kShortageAttempts; ++attempt, platform::yieldThread()) {
         if (postResponse(client, request, data)) {

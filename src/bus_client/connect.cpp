@@ -117,7 +117,7 @@ int changeTopics(client_t *client, const char *jsondata, const char *url,
         return -1;
     }
     BUS_LOG(2, "  %s %s %s begin, %s\n", kClientTag, client->name.get(), verb, jsondata);
-    if (!isJsonArray(jsondata)) {
+    if (!fitsPayload(std::strlen(jsondata)) || !isJsonArray(jsondata)) {
         logFormatError();
         return -1;
     }

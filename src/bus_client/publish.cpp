@@ -55,7 +55,7 @@ int busClientRemoveSticky(client_t *client, const char *jsondata) noexcept {
     if (!client || !client->server || !jsondata) {
         return -1;
     }
-    if (!bus::isJsonArray(jsondata)) {
+    if (!bus::fitsPayload(std::strlen(jsondata)) || !bus::isJsonArray(jsondata)) {
         bus::logFormatError();
         return -1;
     }

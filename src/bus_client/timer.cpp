@@ -51,9 +51,17 @@ void fire(client_t &client, const timer_t &timer) noexcept {
     BUS_LOG(1, "  %s %d timer func end\n", kClientTag, timer.type);
 }
 
-void postWakeUp(client_t &client) noexcept {
+// False: memory is short, or the queue is full of other messages that wake the loop as well.
+bool postWakeUp(client_t &client) noexcept {
     MessagePtr message = ownMessage(client, nullptr, action::kSetTimer, nullptr, 0);
-    handOver(client.message_queue, message, -1);
+    return handOver(client.message_queue, message, -1);
+}
+
+// The thread that sets a timer and the one that looks for it each write one queue and then read the
+// other: at least one of them must see what the other has written.
+bool hasNoMessage(const client_t &client) noexcept {
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    return bus_mk_q_empty(client.message_queue);
 }
 
 } // namespace
@@ -130,10 +138,9 @@ void timerPause(client_t &client) noexcept {
     if (client.running.load(std::memory_order_relaxed) == 0 || bus_mk_q_empty(client.timer_queue)) {
         return;
     }
-    bus_mk_q_wait(client.message_queue, kPause);
-    if (bus_mk_q_empty(client.message_queue)) {
-        postWakeUp(client);
-    }
+    do { // again while memory is short: without a message the loop would not look again
+        bus_mk_q_wait(client.message_queue, kPause);
+    } while (hasNoMessage(client) && !postWakeUp(client));
 }
 
 } // namespace bus
@@ -155,8 +162,10 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
         BUS_LOG(4, "  %s %s settimer failed, queue is full\n", bus::kClientTag, client->name.get());
         bus::busClientExTimerDelete(timer);
     }
-    if (bus_mk_q_empty(client->message_queue)) {
-        bus::postWakeUp(*client);
+    for (int attempt = 0; attempt < bus::kShortageAttempts && bus::hasNoMessage(*client) &&
+                          !bus::postWakeUp(*client);
+         ++attempt) {
+        platform::yieldThread();
     }
     BUS_LOG(2, "  %s %s set timer %d\n", bus::kClientTag, client->name.get(), id);
     return id;

@@ -269,9 +269,12 @@ int _busServerLogMessage(int level, const char *direction, const server_t *serve
 }
 
 Answered answer(server_t &server, const message_t &request, std::string_view text) noexcept {
-    MessagePtr response{busClientExMessageNew(kServerName, nullptr, request.url, action::kResponse,
-                                              &server, request.name, text.data(),
-                                              static_cast<int>(text.size()))};
+    MessagePtr response;
+    if (fitsPayload(text.size())) {
+        response.reset(busClientExMessageNew(kServerName, nullptr, request.url, action::kResponse,
+                                             &server, request.name, text.data(),
+                                             static_cast<int>(text.size())));
+    }
     if (!response) {
         countAlone(server.counters.no_memory);
         BUS_LOG(5, "  %s response failed\n", kServerTag);
