@@ -1,47 +1,25 @@
 // A bus whose log or key store lies on a disk that takes nothing: it goes on, and says why.
-#include "test_support.h"
+#include "running.h"
 #include "test_system.h"
-
-#include <zelvo/bus_client.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 
 namespace {
 
 const std::string kStored = "{\"data\":\"\"}";
 
-std::string member(const char *name, const std::string &value) {
-    return std::string{"\""} + name + "\":\"" + value + "\"";
-}
-
-// A bus with its thread, and a node that asks it.
+// A bus, and a node that asks it.
 class AskedBus {
 public:
     AskedBus(const std::string &log, const std::string &home)
-        : manager_{busClientNew(
-              ("{\"level\":3," + member("path", log) + "," + member("homePath", home) + "}")
-                  .c_str())},
-          loop_{[this] { busClientBindServer(manager_); }},
-          node_{busClientConnect(manager_, "node", nullptr, nullptr, nullptr)} {}
-    ~AskedBus() {
-        busClientClose(node_);
-        busClientServerExit(manager_);
-        loop_.join();
-        busClientDelete(manager_);
-    }
-    AskedBus(const AskedBus &) = delete;
-    AskedBus &operator=(const AskedBus &) = delete;
+        : bus_{R"({"level":3,"path":")" + log + R"(","homePath":")" + home + R"("})"} {}
 
     std::string ask(const char *url, const std::string &data) {
-        const char *const answer =
-            busClientCall(node_, url, data.c_str(), static_cast<int>(data.size()));
-        return answer ? answer : "null";
+        return node_.call(url, data.data(), static_cast<int>(data.size()));
     }
     std::string set(const std::string &value, const char *persist = "true") {
         return ask("/localKeys/k", R"({"operation":"set","persist":")" + std::string{persist} +
@@ -50,18 +28,9 @@ public:
     std::string get() { return ask("/localKeys/k", R"({"operation":"get"})"); }
 
 private:
-    Zelvo_t *manager_;
-    std::thread loop_;
-    client_t *node_;
+    RunningBus bus_;
+    RunningNode node_{bus_.get(), "node"};
 };
-
-std::size_t lines(const std::string &text) {
-    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
-bool says(const std::string &text, const std::string &part) {
-    return text.find(part) != text.npos;
-}
 
 class BrokenDisk : public testing::Test {
 protected:
@@ -102,14 +71,11 @@ TEST_F(BrokenDisk, every_key_request_is_answered_and_the_reason_is_said) {
         const bool homeBroken = c.home != dir_.path();
         EXPECT_EQ(says(log, "fopen failed, file: " + c.home + "/keys.json\n"), homeBroken) << log;
         EXPECT_EQ(says(error, "zelvo: log " + c.log + ": "), c.log != log_) << error;
-        EXPECT_LE(lines(error), 4U) << error; // not one for each line that is lost
+        EXPECT_LE(count(error, "\n"), 4U) << error; // not one for each line that is lost
     }
 }
 
 TEST_F(BrokenDisk, store_is_kept_on_a_full_disk_and_written_after_it) {
-    if (!FullDisk::possible()) {
-        GTEST_SKIP() << "this system can't be given a full disk";
-    }
     const std::string filler(4000, 'f');
     AskedBus bus{log_, dir_.path()};
     EXPECT_EQ(bus.set("1"), kStored);
@@ -117,11 +83,13 @@ TEST_F(BrokenDisk, store_is_kept_on_a_full_disk_and_written_after_it) {
     std::string answer;
     std::string value;
     bool beside = true;
-    {
-        const FullDisk full{2000}; // the log has room
+    const bool possible = withFullDisk(2000, [&] { // the log has room
         answer = bus.set("\"" + filler + "\"");
         value = bus.get();
         beside = std::filesystem::exists(dir_.file("keys.json.new"));
+    });
+    if (!possible) {
+        GTEST_SKIP() << "this system can't be given a full disk";
     }
     EXPECT_EQ(answer, kStored);
     EXPECT_EQ(value, "\"" + filler + "\"");

@@ -4,7 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -13,6 +13,8 @@
 #include <mutex>
 #include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
 // How long a test waits for what must come; far beyond what a loaded machine needs.
 inline constexpr std::chrono::seconds kLimit{60};
@@ -34,6 +36,38 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     bool set_ = false;
+};
+
+// Runs body(0), body(1) and so on at the same time, each in a thread.
+template <typename Body>
+void inThreads(int count, Body body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&body, i] { body(i); });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
+
+// Ends the program where a scope takes longer than the limit.
+class Deadline {
+public:
+    explicit Deadline(const std::string &what, std::chrono::seconds limit = kLimit)
+        : thread_{[this, what, limit] {
+              if (!done_.wait(limit)) {
+                  std::fprintf(stderr, "hangs: %s\n", what.c_str());
+                  std::abort();
+              }
+          }} {}
+    ~Deadline() {
+        done_.set();
+        thread_.join();
+    }
+
+private:
+    Signal done_;
+    std::thread thread_;
 };
 
 // A new empty directory, removed with all it holds.
@@ -75,6 +109,18 @@ inline std::filesystem::path utf8Path(const std::string &name) {
 inline std::string readFile(const std::string &path) {
     std::ifstream file{utf8Path(path), std::ios::binary};
     return {std::istreambuf_iterator<char>{file}, {}};
+}
+
+// How often the part stands in the text.
+inline std::size_t count(const std::string &text, const std::string &part) {
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = text.find(part, at)) != text.npos; at += part.size()) {
+        ++found;
+    }
+    return found;
+}
+inline bool says(const std::string &text, const std::string &part) {
+    return text.find(part) != text.npos;
 }
 
 #endif

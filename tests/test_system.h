@@ -19,34 +19,14 @@ int scaled(int rounds);
 // Runs body while the process can open no further file. False: not run, the system can't do that.
 bool withoutFiles(const std::function<void()> &body);
 
-// Files cannot grow beyond a size, as on a full disk, while this exists; where that is possible.
-class FullDisk {
-public:
-    static bool possible();
-    explicit FullDisk(std::size_t size);
-    ~FullDisk();
-    FullDisk(const FullDisk &) = delete;
-    FullDisk &operator=(const FullDisk &) = delete;
+// Runs body while no file can grow beyond a size, as on a full disk. False: not run, as above.
+bool withFullDisk(std::size_t size, const std::function<void()> &body);
 
-private:
-    struct Limit;
-    std::unique_ptr<Limit> before_;
-};
+// Runs body while nobody can create or replace the file path, which exists and may be open.
+void whileOccupied(const std::string &path, const std::function<void()> &body);
 
 // A file that can be opened and takes nothing; empty where there is none.
 std::string fullDevice();
-
-// Standard output is fullDevice while this exists.
-class FullOutput {
-public:
-    FullOutput();
-    ~FullOutput();
-    FullOutput(const FullOutput &) = delete;
-    FullOutput &operator=(const FullOutput &) = delete;
-
-private:
-    int saved_ = -1;
-};
 
 // Captures standard error until text() is asked for; on Linux in a pipe, so that no disk is needed.
 class StandardError {
@@ -59,27 +39,12 @@ private:
     int ends_[2] = {-1, -1};
 };
 
-// Lets nobody create or replace the file path, which exists and may be open.
-class Occupied {
-public:
-    explicit Occupied(const std::string &path);
-    ~Occupied();
-    Occupied(const Occupied &) = delete;
-    Occupied &operator=(const Occupied &) = delete;
-
-private:
-    struct Hold;
-    std::unique_ptr<Hold> hold_;
-};
-
 // Another process of this program, which runs the test that starts it, with an argument that is
 // not empty. It is killed in the middle of whatever it does.
 class Child {
 public:
     explicit Child(const std::string &argument);
     ~Child(); // kills it
-    Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
 
     // Waits until the child has called tellParent. False: it has ended before.
     bool hasTold();

@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,54 +21,36 @@ int scaled(int rounds) {
     return rounds;
 }
 
-bool withoutFiles(const std::function<void()> &body) {
+static void withLimit(auto resource, rlim_t value, const std::function<void()> &body) {
     rlimit usual{};
-    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
-    const rlimit none{0, usual.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(getrlimit(resource, &usual), 0);
+    const rlimit limit{value, usual.rlim_max};
+    setrlimit(resource, &limit);
     body();
-    setrlimit(RLIMIT_NOFILE, &usual);
+    setrlimit(resource, &usual);
+}
+
+bool withoutFiles(const std::function<void()> &body) {
+    withLimit(RLIMIT_NOFILE, 0, body);
     return true;
 }
 
-struct FullDisk::Limit {
-    rlimit size{};
-    void (*handler)(int) = nullptr;
-};
-
-bool FullDisk::possible() {
+bool withFullDisk(std::size_t size, const std::function<void()> &body) {
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    withLimit(RLIMIT_FSIZE, size, body);
+    std::signal(SIGXFSZ, handler);
     return true;
 }
 
-FullDisk::FullDisk(std::size_t size) : before_{std::make_unique<Limit>()} {
-    before_->handler = std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before_->size);
-    rlimit limit = before_->size;
-    limit.rlim_cur = size;
-    setrlimit(RLIMIT_FSIZE, &limit);
-}
-
-FullDisk::~FullDisk() {
-    setrlimit(RLIMIT_FSIZE, &before_->size);
-    std::signal(SIGXFSZ, before_->handler);
+void whileOccupied(const std::string &path, const std::function<void()> &body) {
+    std::filesystem::remove(path);
+    std::filesystem::create_directories(path + "/in the way");
+    body();
+    std::filesystem::remove_all(path);
 }
 
 std::string fullDevice() {
     return "/dev/full";
-}
-
-FullOutput::FullOutput() {
-    std::fflush(stdout);
-    saved_ = dup(STDOUT_FILENO);
-    const int full = open(fullDevice().c_str(), O_WRONLY);
-    EXPECT_GE(full, 0);
-    dup2(full, STDOUT_FILENO);
-    close(full);
-}
-
-FullOutput::~FullOutput() {
-    dup2(saved_, STDOUT_FILENO);
-    close(saved_);
 }
 
 StandardError::StandardError() : saved_{dup(STDERR_FILENO)} {
@@ -89,19 +69,6 @@ std::string StandardError::text() {
     }
     close(ends_[0]);
     return all;
-}
-
-struct Occupied::Hold {
-    std::string path;
-};
-
-Occupied::Occupied(const std::string &path) : hold_{std::make_unique<Hold>(Hold{path})} {
-    std::filesystem::remove(path);
-    std::filesystem::create_directories(path + "/in the way");
-}
-
-Occupied::~Occupied() {
-    std::filesystem::remove_all(hold_->path);
 }
 
 struct Child::Process {

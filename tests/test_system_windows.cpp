@@ -24,28 +24,27 @@ bool withoutFiles(const std::function<void()> & /*body*/) {
     return false;
 }
 
-// Neither files of limited size nor a device that is full are to be had: the tests ask before.
-struct FullDisk::Limit {};
-
-bool FullDisk::possible() {
+bool withFullDisk(std::size_t /*size*/, const std::function<void()> & /*body*/) {
     return false;
 }
 
-FullDisk::FullDisk(std::size_t /*size*/) {
-    ADD_FAILURE();
+// The open handle keeps others from removing the file, the view from emptying it.
+void whileOccupied(const std::string &path, const std::function<void()> &body) {
+    const HANDLE file =
+        CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE mapping = CreateFileMappingA(file, nullptr, PAGE_READWRITE, 0, 0, nullptr);
+    void *const view = MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, 0);
+    EXPECT_NE(view, nullptr);
+    body();
+    UnmapViewOfFile(view);
+    CloseHandle(mapping);
+    CloseHandle(file);
 }
-
-FullDisk::~FullDisk() = default;
 
 std::string fullDevice() {
     return "";
 }
-
-FullOutput::FullOutput() {
-    ADD_FAILURE();
-}
-
-FullOutput::~FullOutput() = default;
 
 StandardError::StandardError() {
     testing::internal::CaptureStderr();
@@ -53,28 +52,6 @@ StandardError::StandardError() {
 
 std::string StandardError::text() {
     return testing::internal::GetCapturedStderr();
-}
-
-// The open handle keeps others from removing the file, the view from emptying it.
-struct Occupied::Hold {
-    HANDLE file = nullptr;
-    HANDLE mapping = nullptr;
-    void *view = nullptr;
-};
-
-Occupied::Occupied(const std::string &path) : hold_{std::make_unique<Hold>()} {
-    hold_->file =
-        CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    hold_->mapping = CreateFileMappingA(hold_->file, nullptr, PAGE_READWRITE, 0, 0, nullptr);
-    hold_->view = MapViewOfFile(hold_->mapping, FILE_MAP_WRITE, 0, 0, 0);
-    EXPECT_NE(hold_->view, nullptr);
-}
-
-Occupied::~Occupied() {
-    UnmapViewOfFile(hold_->view);
-    CloseHandle(hold_->mapping);
-    CloseHandle(hold_->file);
 }
 
 struct Child::Process {
