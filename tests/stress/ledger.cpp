@@ -2,6 +2,8 @@
 
 #include <cJSON.h>
 
+#include <algorithm>
+
 namespace stress {
 namespace {
 
@@ -9,38 +11,28 @@ struct JsonDelete {
     void operator()(cJSON *json) const { cJSON_Delete(json); }
 };
 
-std::uint64_t number(const cJSON *object, const char *group, const char *name) {
-    const cJSON *const holder = group ? cJSON_GetObjectItem(object, group) : object;
-    const cJSON *const item = cJSON_GetObjectItem(holder, name);
-    return item ? static_cast<std::uint64_t>(item->valuedouble) : 0;
+// Also what stands in groups.
+void readNumbers(const cJSON *object, Counters &counters) {
+    const cJSON *item = nullptr;
+    cJSON_ArrayForEach(item, object) {
+        if (cJSON_IsNumber(item)) {
+            counters.numbers[item->string] = static_cast<std::uint64_t>(item->valuedouble);
+        }
+        readNumbers(cJSON_IsObject(item) ? item : nullptr, counters);
+    }
 }
 
-NodeStats readNode(const cJSON *json) {
-    NodeStats node;
+Counters readCounters(const cJSON *json) {
+    Counters counters;
     const char *const name = cJSON_GetStringValue(cJSON_GetObjectItem(json, "name"));
-    node.name = name ? name : "left";
-    struct Row {
-        const char *group;
-        const char *name;
-        std::uint64_t NodeStats::*member;
-    };
-    constexpr Row kRows[] = {
-        {nullptr, "taken", &NodeStats::taken},        {nullptr, "sent", &NodeStats::sent},
-        {"drops", "busFull", &NodeStats::bus_full},   {"drops", "ownFull", &NodeStats::own_full},
-        {"drops", "noMemory", &NodeStats::no_memory}, {"drops", "unread", &NodeStats::unread},
-        {"calls", "made", &NodeStats::made},          {"calls", "answered", &NodeStats::answered},
-        {"calls", "refused", &NodeStats::refused},    {"calls", "timedOut", &NodeStats::timed_out},
-        {nullptr, "timers", &NodeStats::timers},
-    };
-    for (const Row &row : kRows) {
-        node.*row.member = number(json, row.group, row.name);
-    }
-    return node;
+    counters.name = name ? name : "left";
+    readNumbers(json, counters);
+    return counters;
 }
 
 // Its own request is counted as sent before or after it has been taken.
-std::uint64_t sentBy(const NodeStats &node, const std::string &observer) {
-    return node.name == observer ? node.made : node.sent;
+std::uint64_t sentBy(const Counters &node, const std::string &observer) {
+    return node[node.name == observer ? "made" : "sent"];
 }
 
 } // namespace
@@ -53,15 +45,12 @@ std::optional<Stats> readStats(const char *text) {
         return std::nullopt;
     }
     Stats stats;
-    stats.taken = number(server, nullptr, "taken");
-    stats.sent = number(server, nullptr, "sent");
-    stats.posted = number(server, nullptr, "posted");
-    stats.depth = number(server, "queue", "depth");
+    stats.server = readCounters(server);
     const cJSON *node = nullptr;
     cJSON_ArrayForEach(node, cJSON_GetObjectItem(data, "nodes")) {
-        stats.nodes.push_back(readNode(node));
+        stats.nodes.push_back(readCounters(node));
     }
-    stats.left = readNode(cJSON_GetObjectItem(data, "left"));
+    stats.left = readCounters(cJSON_GetObjectItem(data, "left"));
     return stats;
 }
 
@@ -74,60 +63,64 @@ void Ledger::between(const std::string &what, std::uint64_t value, std::uint64_t
 }
 
 void checkMessages(Ledger &ledger, const Stats &stats, const std::string &observer) {
-    std::uint64_t sent = stats.left.sent;
-    std::uint64_t taken = stats.left.taken;
-    std::uint64_t unread = stats.left.unread;
-    for (const NodeStats &node : stats.nodes) {
+    const Counters &server = stats.server;
+    const Counters &left = stats.left;
+    std::uint64_t sent = left["sent"];
+    std::uint64_t taken = left["taken"];
+    std::uint64_t unread = left["unread"];
+    for (const Counters &node : stats.nodes) {
         sent += sentBy(node, observer);
-        taken += node.taken;
-        unread += node.unread;
+        taken += node["taken"];
+        unread += node["unread"];
     }
-    ledger.equal("taken by the bus and waiting, of what was sent to it", stats.taken + stats.depth,
-                 sent + stats.posted);
-    ledger.equal("taken from the bus and left unread, of what it sent", taken + unread, stats.sent);
+    ledger.equal("taken by the bus and waiting, of what was sent to it",
+                 server["taken"] + server["depth"], sent + server["posted"]);
+    ledger.equal("taken from the bus and left unread, of what it sent", taken + unread,
+                 server["sent"]);
 }
 
-void checkNode(Ledger &ledger, const Plan &plan, const NodeStats &stats, const Tally &tally) {
+void checkNode(Ledger &ledger, const Plan &plan, const Counters &stats, const Tally &tally) {
     const std::string &name = stats.name;
-    ledger.equal(name + ", messages taken", stats.taken, tally.heard + tally.asked);
-    ledger.equal(name + ", calls made", stats.made, tally.calls);
-    ledger.equal(name + ", ends of calls", stats.answered + stats.refused + stats.timed_out,
-                 stats.made);
+    ledger.equal(name + ", messages taken", stats["taken"], tally.heard + tally.asked);
+    ledger.equal(name + ", calls made", stats["made"], tally.calls);
+    ledger.equal(name + ", ends of calls", stats["answered"] + stats["refused"] + stats["timedOut"],
+                 stats["made"]);
     // Not posted: a call that has waited for its turn only, or that was made while the node was off
     // the bus, where its join had been lost or it had left.
     const bool wasOff = plan.rejoins || plan.floods;
     const std::uint64_t posts = tally.published + tally.asked + tally.calls;
-    const std::uint64_t unposted = stats.timed_out + (wasOff ? stats.refused : 0);
-    ledger.between(name + ", sent and dropped", stats.sent + stats.bus_full + stats.no_memory,
-                   posts - unposted, posts);
-    const std::uint64_t gone = tally.timers_fired + stats.timers;
+    const std::uint64_t unposted = stats["timedOut"] + (wasOff ? stats["refused"] : 0);
+    ledger.between(name + ", sent and dropped",
+                   stats["sent"] + stats["busFull"] + stats["noMemory"], posts - unposted, posts);
+    const std::uint64_t gone = tally.timers_fired + stats["timers"];
     ledger.between(name + ", timers fired and waiting", gone,
                    tally.timers_set -
-                       std::min<std::uint64_t>(tally.timers_set, stats.own_full + tally.kills),
+                       std::min<std::uint64_t>(tally.timers_set, stats["ownFull"] + tally.kills),
                    tally.timers_set);
 }
 
 void checkSums(Ledger &ledger, const World &world, const Stats &stats) {
     const Tally &tally = world.closed;
-    const NodeStats &left = stats.left;
+    const Counters &left = stats.left;
     const Plan &plan = world.plan;
     ledger.equal("nodes on the bus", stats.nodes.size(), 1);
-    ledger.equal("ends of calls", left.answered + left.refused + left.timed_out, left.made);
+    ledger.equal("ends of calls", left["answered"] + left["refused"] + left["timedOut"],
+                 left["made"]);
     // A node makes one call more to leave, none where it is off the bus already.
     const bool calm = plan.call_timeout == 0 && !plan.restarts;
     const std::uint64_t closed = world.connected - 1; // all but the observer
     const bool allLeave = calm && !plan.rejoins && !plan.floods;
-    ledger.between("calls made", left.made, tally.calls + (allLeave ? closed : 0),
+    ledger.between("calls made", left["made"], tally.calls + (allLeave ? closed : 0),
                    tally.calls + closed + world.not_connected);
     // Closing a node that does not run, or before the bus has answered, answers what waits for it.
     const std::uint64_t handled = tally.heard + tally.asked;
-    ledger.between("messages taken", left.taken, handled,
-                   calm && !plan.unspun ? handled : left.taken);
+    ledger.between("messages taken", left["taken"], handled,
+                   calm && !plan.unspun ? handled : left["taken"]);
     // Beyond that, a node that goes may have to wake the bus, once.
-    const std::uint64_t posts = tally.published + tally.asked + left.made;
-    ledger.between("sent and dropped", left.sent + left.bus_full + left.no_memory,
-                   posts - left.refused - left.timed_out,
-                   posts + closed + world.not_connected + (left.taken - handled));
+    const std::uint64_t posts = tally.published + tally.asked + left["made"];
+    ledger.between("sent and dropped", left["sent"] + left["busFull"] + left["noMemory"],
+                   posts - left["refused"] - left["timedOut"],
+                   posts + closed + world.not_connected + (left["taken"] - handled));
 }
 
 } // namespace stress

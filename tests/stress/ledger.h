@@ -4,32 +4,23 @@
 
 #include "node.h"
 
+#include <map>
 #include <optional>
 
 namespace stress {
 
-struct NodeStats {
+// The numbers of the bus or of a node, by their names, which no two groups share.
+struct Counters {
     std::string name;
-    std::uint64_t taken = 0;
-    std::uint64_t sent = 0;
-    std::uint64_t bus_full = 0;
-    std::uint64_t own_full = 0;
-    std::uint64_t no_memory = 0;
-    std::uint64_t unread = 0;
-    std::uint64_t made = 0;
-    std::uint64_t answered = 0;
-    std::uint64_t refused = 0;
-    std::uint64_t timed_out = 0;
-    std::uint64_t timers = 0;
+    std::map<std::string, std::uint64_t> numbers;
+
+    std::uint64_t operator[](const char *number) const { return numbers.at(number); }
 };
 
 struct Stats {
-    std::uint64_t taken = 0;
-    std::uint64_t sent = 0;
-    std::uint64_t posted = 0;
-    std::uint64_t depth = 0;
-    std::vector<NodeStats> nodes;
-    NodeStats left;
+    Counters server;
+    std::vector<Counters> nodes;
+    Counters left;
 };
 
 // Reads the answer of "/bus/stats"; nothing: it is something else.
@@ -54,7 +45,7 @@ private:
 void checkMessages(Ledger &ledger, const Stats &stats, const std::string &observer);
 
 // One node that is still on the bus while nothing goes on, against the program's own count of it.
-void checkNode(Ledger &ledger, const Plan &plan, const NodeStats &stats, const Tally &tally);
+void checkNode(Ledger &ledger, const Plan &plan, const Counters &stats, const Tally &tally);
 
 // Everything, after all nodes but the observer have been closed.
 void checkSums(Ledger &ledger, const World &world, const Stats &stats);

@@ -35,35 +35,19 @@ std::size_t someSize(Choice &choice) {
     return choice.oneIn(50) ? choice.below(65536) : choice.below(100);
 }
 
-char fill(std::uint64_t number, std::size_t place) {
-    return static_cast<char>(number + place);
-}
-
+// Of size bytes, or of as many as the stamp needs.
 std::string payload(const Stamp &stamp, std::size_t size) {
-    std::string bytes(sizeof stamp + size, '\0');
+    std::string bytes(std::max(size, sizeof stamp), '\0');
     std::memcpy(bytes.data(), &stamp, sizeof stamp);
     for (std::size_t i = sizeof stamp; i < bytes.size(); ++i) {
-        bytes[i] = fill(stamp.number, i);
+        bytes[i] = static_cast<char>(stamp.number + i);
     }
     return bytes;
 }
 
-bool isWhole(const Stamp &stamp, const char *data, std::size_t size) {
-    for (std::size_t i = sizeof stamp; i < size; ++i) {
-        if (data[i] != fill(stamp.number, i)) {
-            return false;
-        }
-    }
-    return data[size] == '\0';
-}
-
 // All that can be the answer to a call along nodes.
-constexpr std::array<const char *, 4> kAnswers = {
-    "end",
-    R"({"data":""})",
-    R"({"data":"not implement"})",
-    R"({"msg":"not implement"})",
-};
+constexpr std::array<std::string_view, 4> kAnswers = {
+    "end", R"({"data":""})", R"({"data":"not implement"})", R"({"msg":"not implement"})"};
 
 } // namespace
 
@@ -112,57 +96,34 @@ Node::Node(World &world, std::string name, Kind kind, std::uint64_t number)
     : world_{world},
       name_{std::move(name)},
       kind_{kind},
-      self_{world, "node " + name_, number} {
-    {
-        const Watchdog::Doing doing{world.watchdog, name_, "connects"};
-        client_ = busClientConnect(world.bus, name_.c_str(), hear, answer, this);
-    }
-    if (!client_) {
-        ++world.not_connected;
-        return;
-    }
-    ++world.connected;
-    tally_.calls += 2;
-    if (kind_ != Kind::kUnspun) {
-        thread_ = std::thread{[this] {
-            busClientSpin(client_);
-            ended_.set();
-        }};
-    }
-}
-
-Node::~Node() {
-    close();
+      self_{world, number},
+      running_{world.bus, name_, hear, answer, this, kind != Kind::kUnspun} {
+    ++(exists() ? world.connected : world.not_connected);
+    tally_.calls += exists() ? 2 : 0;
 }
 
 void Node::close() {
-    if (!client_) {
+    if (!exists()) {
         return;
     }
-    const Watchdog::Doing doing{world_.watchdog, name_, "is being closed"};
     closing_ = true;
-    if (thread_.joinable()) {
-        do { // again where the request found a full queue
-            busClientSpinExit(client_);
-        } while (!ended_.wait(std::chrono::milliseconds{20}));
-        thread_.join();
-    }
+    running_.leave();
     const std::unique_lock lock{in_use_};
-    busClientClose(std::exchange(client_, nullptr));
+    running_.close();
     world_.closed.add(tally_);
 }
 
 void Node::use(Actor &actor) {
     const std::shared_lock lock{in_use_, std::try_to_lock};
-    if (lock.owns_lock() && !closing_ && client_) {
+    if (lock.owns_lock() && !closing_ && client()) {
         act(actor, kind_ != Kind::kPrivate);
     }
 }
 
 void Node::askToEnd() {
     const std::shared_lock lock{in_use_, std::try_to_lock};
-    if (lock.owns_lock() && client_) {
-        busClientSpinExit(client_);
+    if (lock.owns_lock() && client()) {
+        busClientSpinExit(client());
     }
 }
 
@@ -170,7 +131,6 @@ void Node::askToEnd() {
 
 int Node::hear(void *userdata, client_t * /*client*/, char *topic, char *data, int len) {
     auto &self = *static_cast<Node *>(userdata);
-    const Watchdog::Doing doing{self.world_.watchdog, self.name_, "handles a publication"};
     ++self.tally_.heard;
     self.check(topic, data, len);
     self.actInHandler();
@@ -183,12 +143,8 @@ void Node::check(const char *topic, const char *data, int len) {
         return;
     }
     Stamp stamp{};
-    if (size < sizeof stamp) {
-        world_.fault(name_ + " has heard " + std::to_string(len) + " bytes on " + topic);
-        return;
-    }
-    std::memcpy(&stamp, data, sizeof stamp);
-    if (!isWhole(stamp, data, size)) {
+    std::memcpy(&stamp, data, std::min(size, sizeof stamp));
+    if (payload(stamp, size) != std::string_view{data, size}) {
         world_.fault(name_ + " has heard a spoilt message on " + topic);
     }
     std::uint64_t &last = last_heard_[stamp.actor];
@@ -200,11 +156,10 @@ void Node::check(const char *topic, const char *data, int len) {
 // The path is the rest of the way: names, then "end".
 char *Node::answer(void *userdata, client_t * /*client*/, char *url, char * /*data*/, int /*len*/) {
     auto &self = *static_cast<Node *>(userdata);
-    const Watchdog::Doing doing{self.world_.watchdog, self.name_, "answers a call"};
     ++self.tally_.asked;
     const char *const rest = std::strchr(url + 1, '/');
     if (!self.world_.quiet && rest && std::strcmp(rest, "/end") != 0) {
-        self.callUrl(self.self_, rest, "");
+        self.callUrl(rest, "");
     }
     self.actInHandler();
     return strdup("end");
@@ -212,7 +167,6 @@ char *Node::answer(void *userdata, client_t * /*client*/, char *url, char * /*da
 
 int Node::fire(void *userdata, client_t * /*client*/, int /*type*/) {
     auto &self = *static_cast<Node *>(userdata);
-    const Watchdog::Doing doing{self.world_.watchdog, self.name_, "handles a timer"};
     ++self.tally_.timers_fired;
     self.actInHandler();
     return 0;
@@ -223,10 +177,10 @@ void Node::actInHandler() {
         return;
     }
     if (self_.choice.oneIn(200)) {
-        busClientSpinExit(client_);
-        return;
+        busClientSpinExit(client());
+    } else {
+        act(self_, true);
     }
-    act(self_, true);
 }
 
 // ---- what a node does ----
@@ -266,42 +220,33 @@ void Node::publish(Actor &actor) {
         const auto send = sticky ? busClientPublishSticky : busClientPublish;
         ++tally_.published;
         if (choice.oneIn(10)) {
-            send(client_, topic.c_str(), nullptr, 0);
+            send(client(), topic.c_str(), nullptr, 0);
             continue;
         }
         const Stamp stamp{actor.id, ++actor.published, sticky ? 1U : 0U};
         const std::string bytes = payload(stamp, someSize(choice));
-        send(client_, topic.c_str(), bytes.data(), static_cast<int>(bytes.size()));
+        send(client(), topic.c_str(), bytes.data(), static_cast<int>(bytes.size()));
     }
 }
 
 void Node::removeSticky(Actor &actor) {
     const std::string topics = someTopics(actor.choice);
     ++tally_.published;
-    busClientRemoveSticky(client_, topics.c_str());
+    busClientRemoveSticky(client(), topics.c_str());
 }
 
 // Along one to five nodes: chains, rings, itself, nobody.
 void Node::call(Actor &actor) {
     Choice &choice = actor.choice;
+    const std::string special[] = {name_, "nobody", "same"};
     std::string url;
     for (unsigned left = 1 + choice.below(5); left > 0; --left) {
-        switch (choice.below(8)) {
-        case 0:
-            url += "/" + name_;
-            break;
-        case 1:
-            url += "/nobody";
-            break;
-        case 2:
-            url += "/same";
-            break;
-        default:
-            url += "/n" + std::to_string(choice.below(world_.plan.slots));
-            break;
-        }
+        const unsigned chosen = choice.below(8);
+        url += "/" + (chosen < std::size(special)
+                          ? special[chosen]
+                          : "n" + std::to_string(choice.below(world_.plan.slots)));
     }
-    callUrl(actor, url + "/end", std::string(someSize(choice), 'x'));
+    callUrl(url + "/end", std::string(someSize(choice), 'x'));
 }
 
 void Node::callService(Actor &actor) {
@@ -324,52 +269,47 @@ void Node::callService(Actor &actor) {
         {"/bus/join", ""},
     };
     const Row &row = rows[choice.below(std::size(rows))];
-    callUrl(actor, row.url, row.data);
+    callUrl(row.url, row.data);
 }
 
-void Node::callUrl(Actor &actor, const std::string &url, const std::string &data) {
-    const Watchdog::Doing doing{world_.watchdog, actor.name, name_ + " calls " + url};
+void Node::callUrl(const std::string &url, const std::string &data) {
     ++tally_.calls;
     const char *const text = busClientCall(
-        client_, url.c_str(), data.empty() ? nullptr : data.data(), static_cast<int>(data.size()));
+        client(), url.c_str(), data.empty() ? nullptr : data.data(), static_cast<int>(data.size()));
     if (kind_ == Kind::kOpen || !text || !url.ends_with("/end")) {
         return;
     }
     const std::string answer{text};
-    if (std::find(kAnswers.begin(), kAnswers.end(), answer) == kAnswers.end()) {
+    const bool itself = url.starts_with("/" + name_ + "/") && answer == "end";
+    if (itself || std::find(kAnswers.begin(), kAnswers.end(), answer) == kAnswers.end()) {
         world_.fault(name_ + " called " + url + ", answer " + answer);
-    }
-    if (url.starts_with("/" + name_ + "/") && answer == "end") {
-        world_.fault(name_ + " has called itself");
     }
 }
 
 void Node::changeTopics(Actor &actor) {
     const bool adds = !actor.choice.oneIn(3);
     const std::string topics = someTopics(actor.choice);
-    const Watchdog::Doing doing{world_.watchdog, actor.name, name_ + " changes topics " + topics};
     if (actor.choice.oneIn(20)) { // is refused, and is no call
-        if (busClientSubscribe(client_, "no array") != -1) {
+        if (busClientSubscribe(client(), "no array") != -1) {
             world_.fault("a subscription to no array");
         }
         return;
     }
     ++tally_.calls;
-    (adds ? busClientSubscribe : busClientUnsubscribe)(client_, topics.c_str());
+    (adds ? busClientSubscribe : busClientUnsubscribe)(client(), topics.c_str());
 }
 
 void Node::changeTimers(Actor &actor) {
     Choice &choice = actor.choice;
     if (choice.oneIn(3)) {
         ++tally_.kills;
-        busClientKilltimer(client_, static_cast<int>(2 + choice.below(50)));
+        busClientKilltimer(client(), static_cast<int>(2 + choice.below(50)));
         return;
     }
-    unsigned times = world_.plan.floods && choice.oneIn(50) ? 1100 : 1;
-    for (; times > 0; --times) {
+    for (int times = world_.plan.floods && choice.oneIn(50) ? 1100 : 1; times > 0; --times) {
         ++tally_.timers_set;
         const long milliseconds = choice.oneIn(20) ? 1000000 : choice.below(20);
-        busClientSettimer(client_, fire, milliseconds, 0, this);
+        busClientSettimer(client(), fire, milliseconds, 0, this);
     }
 }
 

@@ -2,19 +2,32 @@
 #ifndef ZELVO_STRESS_NODE_H
 #define ZELVO_STRESS_NODE_H
 
-#include "../test_support.h"
-#include "choice.h"
+#include "../running.h"
 
-#include <zelvo/bus_client.h>
-
+#include <atomic>
 #include <memory>
+#include <mutex>
+#include <random>
 #include <shared_mutex>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
 namespace stress {
+
+// Every thread has a generator of its own, so that what one of them chooses depends on no other.
+class Choice {
+public:
+    // The generator of one of the many that share a seed.
+    Choice(std::uint64_t seed, std::uint64_t number)
+        : generator_{seed + number * 0x9e3779b97f4a7c15U} {}
+    std::uint64_t next() { return generator_(); }
+    unsigned below(unsigned limit) { return static_cast<unsigned>(next() % limit); }
+    bool oneIn(unsigned times) { return below(times) == 0; }
+
+private:
+    std::mt19937_64 generator_;
+};
 
 // What a phase is like.
 struct Plan {
@@ -51,14 +64,13 @@ class Node;
 
 // What the threads of a phase share.
 struct World {
-    World(const Plan &chosen, Watchdog &dog) : plan{chosen}, watchdog{dog}, slots(chosen.slots) {}
+    explicit World(const Plan &chosen) : plan{chosen}, slots(chosen.slots) {}
 
     // Counts a fault and prints it.
     void fault(const std::string &what);
     std::shared_ptr<Node> at(std::size_t slot);
 
     const Plan plan;
-    Watchdog &watchdog;
     Zelvo_t *bus = nullptr;
     std::atomic<bool> quiet{false}; // handlers do nothing any more
     std::mutex mutex;               // of the slots
@@ -72,13 +84,11 @@ struct World {
 
 // A thread that chooses. Its publications are numbered, so that their order can be checked.
 struct Actor {
-    Actor(World &world, std::string who, std::uint64_t number)
+    Actor(World &world, std::uint64_t number)
         : choice{world.plan.seed, number},
-          name{std::move(who)},
           id{++world.actors} {}
 
     Choice choice;
-    const std::string name;
     const std::uint64_t id;
     std::uint64_t published = 0;
 };
@@ -93,14 +103,12 @@ public:
 
     // number: of the node's generator. The node may turn out not to exist().
     Node(World &world, std::string name, Kind kind, std::uint64_t number);
-    ~Node();
-    Node(const Node &) = delete;
-    Node &operator=(const Node &) = delete;
+    ~Node() { close(); }
 
-    bool exists() const { return client_ != nullptr; }
+    bool exists() const { return client() != nullptr; }
     const std::string &name() const { return name_; }
     const Tally &tally() const { return tally_; }
-    client_t *client() const { return client_; }
+    client_t *client() const { return running_.get(); }
 
     // One thing chosen by actor, from any thread; nothing when the node is being closed.
     void use(Actor &actor);
@@ -122,7 +130,7 @@ private:
     void callService(Actor &actor);
     void changeTopics(Actor &actor);
     void changeTimers(Actor &actor);
-    void callUrl(Actor &actor, const std::string &url, const std::string &data);
+    void callUrl(const std::string &url, const std::string &data);
     void check(const char *topic, const char *data, int len);
 
     World &world_;
@@ -133,9 +141,7 @@ private:
     std::unordered_map<std::uint64_t, std::uint64_t> last_heard_; // of each actor
     std::shared_mutex in_use_;
     std::atomic<bool> closing_{false};
-    client_t *client_ = nullptr;
-    Signal ended_;
-    std::thread thread_;
+    RunningNode running_; // last: its thread uses the others
 };
 
 } // namespace stress

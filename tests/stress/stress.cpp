@@ -5,17 +5,15 @@
 #include "ledger.h"
 
 #include <cinttypes>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <iterator>
 #include <random>
 
 namespace stress {
 namespace {
 
-constexpr std::chrono::seconds kHang{60};
+constexpr std::chrono::seconds kPhase{200}; // the longest, far beyond the usual
 constexpr std::chrono::seconds kSettle{30}; // until all that goes on has ended
 
 // Numbers of generators: of workers from 1 on, of the bus's thread, and of nodes.
@@ -36,19 +34,13 @@ public:
         thread_ = std::thread{[this] { run(); }};
     }
     ~Bus() {
-        const Watchdog::Doing doing{world_.watchdog, "main", "deletes the bus"};
         ended_ = true;
-        if (world_.plan.delete_while) {
-            busClientDelete(world_.bus);
-            thread_.join();
-        } else {
-            busClientServerExit(world_.bus);
-            thread_.join();
+        (world_.plan.delete_while ? busClientDelete : busClientServerExit)(world_.bus);
+        thread_.join();
+        if (!world_.plan.delete_while) {
             busClientDelete(world_.bus);
         }
     }
-    Bus(const Bus &) = delete;
-    Bus &operator=(const Bus &) = delete;
 
 private:
     // Run again until it is to end, now and then with a pause.
@@ -75,23 +67,21 @@ public:
     Worker(World &world, unsigned number)
         : world_{world},
           number_{number},
-          actor_{world, "worker " + std::to_string(number), 1 + number} {}
+          actor_{world, 1 + number} {}
 
     void run() {
         for (unsigned step = 0; step < world_.plan.steps; ++step) {
-            const unsigned chosen = actor_.choice.below(100);
-            if (chosen < 80) {
-                const auto node = world_.at(actor_.choice.below(world_.plan.slots));
-                if (node) {
-                    node->use(actor_);
-                }
-            } else if (chosen < 94) {
+            const unsigned chosen = actor_.choice.below(1000);
+            const auto node = world_.at(actor_.choice.below(world_.plan.slots));
+            if (chosen < 800 && node) {
+                node->use(actor_);
+            } else if (chosen >= 800 && chosen < 940) {
                 changeSlot();
-            } else if (chosen < 97) {
-                askToEnd();
-            } else if (chosen < 99) {
+            } else if (chosen >= 940 && chosen < 943 && node) {
+                node->askToEnd();
+            } else if (chosen >= 970 && chosen < 990) {
                 passBy();
-            } else if (world_.plan.restarts) {
+            } else if (chosen >= 990 && world_.plan.restarts) {
                 busClientServerExit(world_.bus);
             }
         }
@@ -106,42 +96,25 @@ private:
         const unsigned own = (world_.plan.slots - number_ + workers - 1) / workers;
         const std::size_t slot = number_ + workers * actor_.choice.below(own);
         const bool open = actor_.choice.oneIn(2);
+        const bool closes = actor_.choice.oneIn(2);
         const std::uint64_t number = nextNode();
         std::shared_ptr<Node> node = world_.at(slot);
-        const bool fills = !node;
-        if (fills) {
+        if (!node) {
             node = std::make_shared<Node>(world_, "n" + std::to_string(slot),
                                           open ? Node::Kind::kOpen : Node::Kind::kPrivate, number);
-        } else if (actor_.choice.oneIn(2)) {
-            return;
-        } else {
+        } else if (closes) {
             node->close();
         }
         const std::lock_guard lock{world_.mutex};
-        world_.slots[slot] = fills && node->exists() ? node : nullptr;
-    }
-
-    void askToEnd() {
-        const auto node = world_.at(actor_.choice.below(world_.plan.slots));
-        if (node && actor_.choice.oneIn(10)) {
-            node->askToEnd();
-        }
+        world_.slots[slot] = node->exists() ? node : nullptr;
     }
 
     // A node that is never run, under a name that may be taken, or is odd.
     void passBy() {
-        static const std::string kNames[] = {"same",
-                                             "same",
-                                             "same",
-                                             "n0",
-                                             "n1",
-                                             "bus",
-                                             "b",
-                                             "localKeys",
-                                             "x/y",
-                                             "",
-                                             std::string(300, 'l')};
-        const std::string &name = kNames[actor_.choice.below(std::size(kNames))];
+        static const std::string kLong(300, 'l');
+        static const char *const kNames[] = {"same", "same",      "same", "n0", "n1",         "bus",
+                                             "b",    "localKeys", "x/y",  "",   kLong.c_str()};
+        const char *const name = kNames[actor_.choice.below(std::size(kNames))];
         const unsigned steps = actor_.choice.below(10);
         const std::uint64_t number = nextNode();
         if (!world_.plan.unspun) {
@@ -176,10 +149,7 @@ public:
             ++(client_ ? world_.connected : world_.not_connected);
             calls_ = client_ ? 2 : 0;
         }
-        if (!client_) {
-            return std::nullopt;
-        }
-        ++calls_;
+        calls_ += client_ ? 1 : 0;
         const char *const text = busClientCall(client_, "/bus/stats", nullptr, 0);
         if (!text) {
             close();
@@ -204,25 +174,20 @@ private:
 // Asks until check finds nothing; what it still finds when the time is up is a fault.
 template <typename Check>
 void settle(World &world, const char *what, Check check) {
-    const Watchdog::Doing doing{world.watchdog, "main", what};
     Observer observer{world};
     const auto limit = std::chrono::steady_clock::now() + kSettle;
-    for (;;) {
-        const std::optional<Stats> stats = observer.ask();
-        std::string faults = "no statistics\n";
-        if (stats) {
+    std::string faults;
+    do {
+        std::this_thread::yield();
+        faults = "no statistics\n";
+        if (const std::optional<Stats> stats = observer.ask()) {
             Ledger ledger;
             check(ledger, *stats);
             faults = ledger.faults();
         }
-        if (faults.empty()) {
-            return;
-        }
-        if (std::chrono::steady_clock::now() > limit) {
-            world.fault(std::string{what} + "\n" + faults);
-            return;
-        }
-        std::this_thread::yield();
+    } while (!faults.empty() && std::chrono::steady_clock::now() < limit);
+    if (!faults.empty()) {
+        world.fault(std::string{what} + "\n" + faults);
     }
 }
 
@@ -233,7 +198,7 @@ void checkRunning(World &world) {
         std::size_t all = 0;
         for (const std::shared_ptr<Node> &node : world.slots) {
             all += node ? 1 : 0;
-            for (const NodeStats &row : stats.nodes) {
+            for (const Counters &row : stats.nodes) {
                 if (node && row.name == node->name()) {
                     checkNode(ledger, world.plan, row, node->tally());
                     ++known;
@@ -264,8 +229,9 @@ void runWorkers(World &world) {
 }
 
 // The number of faults.
-std::uint64_t runPhase(Watchdog &watchdog, const Plan &plan) {
-    World world{plan, watchdog};
+std::uint64_t runPhase(const Plan &plan) {
+    const Deadline deadline{"the phase", kPhase};
+    World world{plan};
     const Bus bus{world};
     runWorkers(world);
     world.quiet = true;
@@ -285,50 +251,25 @@ std::uint64_t runPhase(Watchdog &watchdog, const Plan &plan) {
 // ---- the program ----
 
 struct Options {
-    long seconds = 10;
+    std::uint64_t seconds = 10;
     std::uint64_t seed = std::random_device{}();
 };
 
 bool readOptions(int argc, char **argv, Options &options) {
     for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string_view name = argv[i];
         char *end = nullptr;
-        if (std::strcmp(argv[i], "--seconds") == 0) {
-            options.seconds = std::strtol(argv[i + 1], &end, 10);
-        } else if (std::strcmp(argv[i], "--seed") == 0) {
-            options.seed = std::strtoull(argv[i + 1], &end, 10);
-        }
-        if (!end || *end != '\0') {
+        const std::uint64_t value = std::strtoull(argv[i + 1], &end, 10);
+        if ((name != "--seconds" && name != "--seed") || *end != '\0') {
             return false;
         }
+        (name == "--seed" ? options.seed : options.seconds) = value;
     }
     return argc % 2 == 1;
 }
 
-// Looks at the watchdog until it is destroyed.
-class Guard {
-public:
-    explicit Guard(Watchdog &watchdog) : thread_{[this, &watchdog] { run(watchdog); }} {}
-    ~Guard() {
-        ended_.set();
-        thread_.join();
-    }
-    Guard(const Guard &) = delete;
-    Guard &operator=(const Guard &) = delete;
-
-private:
-    void run(Watchdog &watchdog) {
-        while (!ended_.wait(std::chrono::seconds{1})) {
-            watchdog.look();
-        }
-    }
-    Signal ended_;
-    std::thread thread_;
-};
-
 int run(const Options &options) {
     std::printf("seed %" PRIu64 "\n", options.seed);
-    Watchdog watchdog{kHang};
-    const Guard guard{watchdog};
     const auto begin = std::chrono::steady_clock::now();
     std::uint64_t faults = 0;
     unsigned phases = 0;
@@ -340,7 +281,7 @@ int run(const Options &options) {
                     plan.restarts ? ", restarts" : "", plan.unspun ? ", unspun" : "",
                     plan.rejoins ? ", rejoins" : "", plan.floods ? ", floods" : "");
         std::fflush(stdout);
-        faults += runPhase(watchdog, plan);
+        faults += runPhase(plan);
     }
     std::printf("seed %" PRIu64 ": %u phases, %" PRIu64 " faults\n", options.seed, phases, faults);
     return faults == 0 ? 0 : 1;
