@@ -2,7 +2,6 @@
 // Only names inside a temporary directory are let through: a log file is emptied, and deleted when
 // it is large.
 #include "fuzz_support.h"
-#include "test_support.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -49,7 +48,7 @@ bool isShort(const cJSON *config) {
     return timeout && timeout->valueint > 0 && timeout->valueint < 60'000;
 }
 
-void checkAnswers(client_t *node) {
+void checkAnswers(const RunningNode &node) {
     REQUIRE(answered(node, "/bus/nodes") == "{\n\t\"data\":\t[\"node\"]\n}");
     REQUIRE(isJsonObject(answered(node, "/bus/stats")));
     answered(node, "/localKeys/kept", R"({"operation":"get"})");
@@ -89,13 +88,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     }
     furnish();
     {
-        const FuzzedBus bus{text.c_str()};
-        client_t *const node = busClientConnect(bus.get(), "node", nullptr, nullptr, nullptr);
+        const RunningBus bus{text};
+        const RunningNode node{bus.get(), "node"};
         if (!isShort(config.get())) {
-            REQUIRE(node);
+            REQUIRE(node.get());
             checkAnswers(node);
         }
-        busClientClose(node);
     }
     if (!isShort(config.get())) {
         checkFiles(config.get(), textOf(config.get(), "path"));

@@ -2,7 +2,7 @@
 #ifndef ZELVO_FUZZ_SUPPORT_H
 #define ZELVO_FUZZ_SUPPORT_H
 
-#include "bus_client.h"
+#include "running.h"
 
 #include <cJSON.h>
 
@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <thread>
 
 // An input that violates one is reported and kept, as one that crashes.
 #define REQUIRE(condition)                                                                         \
@@ -31,32 +30,12 @@ inline bool isJsonObject(const std::string &text) {
     return text.find('\0') == text.npos && cJSON_IsObject(json.get());
 }
 
-// A bus with its thread.
-class FuzzedBus {
-public:
-    explicit FuzzedBus(const char *config) : manager_{busClientNew(config)} {
-        REQUIRE(manager_);
-        loop_ = std::thread{[this] { busClientBindServer(manager_); }};
-    }
-    ~FuzzedBus() {
-        busClientServerExit(manager_);
-        loop_.join();
-        busClientDelete(manager_);
-    }
-    FuzzedBus(const FuzzedBus &) = delete;
-    FuzzedBus &operator=(const FuzzedBus &) = delete;
-
-    Zelvo_t *get() const { return manager_; }
-
-private:
-    Zelvo_t *manager_;
-    std::thread loop_;
-};
-
 // A call that has to be answered.
-inline std::string answered(client_t *node, const char *url, const std::string &data = {}) {
-    const char *const text = busClientCall(node, url, data.empty() ? nullptr : data.data(),
-                                           static_cast<int>(data.size()));
+inline std::string answered(const RunningNode &node, const std::string &url,
+                            const std::string &data = {}) {
+    const char *const text =
+        busClientCall(node.get(), url.c_str(), data.empty() ? nullptr : data.data(),
+                      static_cast<int>(data.size()));
     REQUIRE(text);
     return text;
 }

@@ -1,6 +1,5 @@
 // An input is the content of keys.json when the bus starts.
 #include "fuzz_support.h"
-#include "test_support.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -18,25 +17,14 @@ std::string store() {
 }
 
 // A bus with this store, and a node that asks it.
-class Server {
-public:
-    Server()
-        : bus_{(R"({"level":5,"path":"/dev/null","size":0,"homePath":")" + home + "\"}").c_str()},
-          node_{busClientConnect(bus_.get(), "node", nullptr, nullptr, nullptr)} {
-        REQUIRE(node_);
-    }
-    ~Server() { busClientClose(node_); }
-    Server(const Server &) = delete;
-    Server &operator=(const Server &) = delete;
+struct Server {
+    RunningBus bus{R"({"level":5,"path":"/dev/null","size":0,"homePath":")" + home + "\"}"};
+    RunningNode node{bus.get(), "node"};
 
     std::string ask(const std::string &key, const char *data) {
-        return answered(node_, ("/localKeys/" + key).c_str(), data);
+        return answered(node, "/localKeys/" + key, data);
     }
     std::string get(const std::string &key) { return ask(key, R"({"operation":"get"})"); }
-
-private:
-    FuzzedBus bus_;
-    client_t *node_;
 };
 
 // What a get of a member has to answer: the value as the text has it, but for "probe".
