@@ -11,7 +11,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -32,39 +31,6 @@ auto lib(Args... args) {
     return Function(args...);
 }
 
-// Ends the program when a run does not come to its end.
-class Watchdog {
-public:
-    ~Watchdog() {
-        step(kDone);
-        thread_.join();
-    }
-    void step(long run) {
-        const std::lock_guard lock{mutex_};
-        run_ = run;
-        changed_.notify_all();
-    }
-
-private:
-    static constexpr long kDone = -1;
-
-    void watch() {
-        std::unique_lock lock{mutex_};
-        while (run_ != kDone) {
-            const long run = run_;
-            if (!changed_.wait_for(lock, kLimit, [&] { return run_ != run; })) {
-                std::fprintf(stderr, "hangs when allocation %ld is refused\n", run);
-                std::abort();
-            }
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    long run_ = 0;
-    std::thread thread_{[this] { watch(); }};
-};
-
 // A node with its thread, as far as memory allows. Nothing here waits for a message, which may have
 // been lost: what was queued for a node is handled before a call to it is.
 class Node {
@@ -78,8 +44,6 @@ public:
         }
     }
     ~Node() { leave(); }
-    Node(const Node &) = delete;
-    Node &operator=(const Node &) = delete;
 
     void leave() {
         if (thread_.joinable()) {
@@ -93,11 +57,12 @@ public:
             lib<busClientCall>(client_, url, data.data(), static_cast<int>(data.size()));
         return text ? text : "null";
     }
-    void publish(const char *topic, const char *text) {
-        lib<busClientPublish>(client_, topic, text, static_cast<int>(std::strlen(text)));
+    template <auto Publish = busClientPublish>
+    void publish(const char *topic, std::string_view text) {
+        lib<Publish>(client_, topic, text.data(), static_cast<int>(text.size()));
     }
-    void keep(const char *topic, const char *text) {
-        lib<busClientPublishSticky>(client_, topic, text, static_cast<int>(std::strlen(text)));
+    void keep(const char *topic, std::string_view text) {
+        publish<busClientPublishSticky>(topic, text);
     }
     void subscribe(const char *topics) { lib<busClientSubscribe>(client_, topics); }
     int setTimer(long delay) {
@@ -133,9 +98,7 @@ private:
         }
         const std::string text =
             *data == '/' ? static_cast<Node *>(self)->call(data, "passed on") : data;
-        auto *const copy = static_cast<char *>(std::malloc(text.size() + 1));
-        std::memcpy(copy, text.c_str(), text.size() + 1);
-        return copy;
+        return mallocText(text);
     }
 
     std::mutex mutex_;
@@ -230,24 +193,11 @@ void useNodes(Zelvo_t *bus) {
 // Every line is made, and none is kept: to empty a file over and over takes most of the time.
 constexpr char kConfig[] = R"({"level":0, "path":"/dev/null", "homePath":".", "stats":true})";
 
-// The allocations that a run refuses.
-struct Refused {
-    long first;
-    long span;
-};
-
 class Bus {
 public:
-    Bus() : bus_{lib<busClientNew>(kConfig)} {}
     ~Bus() {
         stop();
         lib<busClientDelete>(bus_);
-    }
-    Bus(const Bus &) = delete;
-    Bus &operator=(const Bus &) = delete;
-
-    void start() {
-        loop_ = std::thread{[this] { lib<busClientBindServer>(bus_); }};
     }
     void stop() {
         if (loop_.joinable()) {
@@ -256,20 +206,21 @@ public:
         }
     }
     Zelvo_t *get() const { return bus_; }
+    // How many allocations making it has asked for.
+    long asked() const { return asked_; }
 
 private:
-    Zelvo_t *bus_;
-    std::thread loop_;
+    Zelvo_t *const bus_ = lib<busClientNew>(kConfig);
+    const long asked_ = memory::asked();
+    std::thread loop_{[this] { lib<busClientBindServer>(bus_); }};
 };
 
-// From the making of a bus to its deletion.
-void useBus(const Refused &refused) {
-    memory::refuse(refused.first, refused.span);
+// From the making of a bus to its deletion, while span allocations from the first on are refused.
+void useBus(long first, long span) {
+    memory::refuse(first, span);
     Bus bus;
-    const bool whole = memory::asked() < refused.first;
-    bus.start();
     useNodes(bus.get());
-    if (whole && memory::asked() >= refused.first + refused.span) {
+    if (bus.asked() < first && memory::asked() >= first + span) {
         memory::refuseNothing();
         expectWorks(bus.get());
     }
@@ -280,7 +231,6 @@ void useBus(const Refused &refused) {
 void useAnotherBus() {
     memory::refuseNothing();
     Bus bus;
-    bus.start();
     expectWorks(bus.get());
 }
 
@@ -290,7 +240,6 @@ public:
         std::filesystem::current_path(dir_.path());
         testing::internal::CaptureStdout(); // the log, where its file had no memory
         Bus bus;
-        bus.start();
         Node node{bus.get(), "n"};
         node.call("/localKeys/kept",
                   R"({"operation":"set", "data":["since the start"], "persist":"true"})");
@@ -309,14 +258,13 @@ private:
 };
 
 TEST_P(MemoryShortage, ends_frees_and_leaves_a_bus_that_works) {
-    Watchdog watchdog;
     bool struck = true;
     long run = 0;
     while (struck) {
         ++run;
-        watchdog.step(run);
+        const Deadline deadline{"a run with allocation " + std::to_string(run) + " refused"};
         const long before = memory::blocks();
-        useBus({run, GetParam()});
+        useBus(run, GetParam());
         struck = memory::asked() >= run;
         useAnotherBus(); // closes a log that was left open without a bus
         ASSERT_FALSE(HasFailure()) << "allocation " << run;
