@@ -4,6 +4,7 @@
 #define ZELVO_TEST_SERVER_FIXTURE_H
 
 #include "bus_server/internal.h"
+#include "test_support.h"
 
 #include <gtest/gtest.h>
 
