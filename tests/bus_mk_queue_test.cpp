@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -103,16 +103,12 @@ TEST_F(Queue, visit_and_clear_go_head_first) {
 }
 
 TEST_F(Queue, blocked_receiver_is_woken_by_a_send) {
+    const Deadline deadline{"a receiver"};
     for (const int pos : {1, 2}) {
-        Signal returned;
         void *item = this;
-        std::thread receiver{[&] {
-            item = bus_mk_q_recv(q_, 0, 0, pos);
-            returned.set();
-        }};
+        std::thread receiver{[&] { item = bus_mk_q_recv(q_, 0, 0, pos); }};
         EXPECT_EQ(bus_mk_q_send(q_, nullptr, -1), -1); // wakes nobody
         send(a_);
-        EXPECT_TRUE(returned.wait());
         receiver.join();
         EXPECT_EQ(item, pos == 1 ? a_.data() : nullptr);
         EXPECT_EQ(take(), pos == 1 ? "-" : "a");
@@ -122,16 +118,14 @@ TEST_F(Queue, blocked_receiver_is_woken_by_a_send) {
 }
 
 TEST_F(Queue, timed_wait_ends_with_a_message_or_the_time) {
+    const Deadline deadline{"a timed wait"};
     bus_mk_q_wait(q_, 1);
-    Signal returned;
     std::thread waiter{[&] {
         while (bus_mk_q_count(q_) == 0) {
             bus_mk_q_wait(q_, 3600 * 1000);
         }
-        returned.set();
     }};
     send(a_);
-    EXPECT_TRUE(returned.wait());
     waiter.join();
     bus_mk_q_wait(q_, 3600 * 1000); // not empty: no wait
 }
@@ -139,29 +133,23 @@ TEST_F(Queue, timed_wait_ends_with_a_message_or_the_time) {
 TEST(QueueThreads, no_item_is_lost_or_taken_twice) {
     constexpr int kItems = 20000;
     bus_mk_q_t *const q = bus_mk_q_new(64, nullptr);
-    std::vector<std::atomic<int>> seen(3 * kItems);
-    std::vector<std::thread> senders;
-    for (int t = 0; t < 3; ++t) {
-        senders.emplace_back([&, t] {
-            for (int i = 0; i < kItems; ++i) {
-                while (bus_mk_q_send(q, &seen[static_cast<std::size_t>(t * kItems + i)], -1) != 0) {
-                    std::this_thread::yield();
-                }
+    std::vector<int> numbers(3 * kItems);
+    std::iota(numbers.begin(), numbers.end(), 0);
+    inThreads(4, [&](int number) {
+        if (number == 3) {
+            int next[] = {0, kItems, 2 * kItems}; // each sender's items come in its order
+            for (int i = 0; i < 3 * kItems; ++i) {
+                const int item = *static_cast<int *>(bus_mk_q_recv(q, 0, 0, 1));
+                EXPECT_EQ(item, next[item / kItems]++);
             }
-        });
-    }
-    std::vector<std::atomic<int> *> last(3);
-    for (int i = 0; i < 3 * kItems; ++i) {
-        auto *const item = static_cast<std::atomic<int> *>(bus_mk_q_recv(q, 0, 0, 1));
-        ASSERT_NE(item, nullptr);
-        EXPECT_EQ(++*item, 1);
-        const auto from = static_cast<std::size_t>((item - seen.data()) / kItems);
-        EXPECT_LT(last[from], item); // each sender's items come in its order
-        last[from] = item;
-    }
-    for (std::thread &sender : senders) {
-        sender.join();
-    }
+            return;
+        }
+        for (int i = number * kItems; i < (number + 1) * kItems; ++i) {
+            while (bus_mk_q_send(q, &numbers[static_cast<std::size_t>(i)], -1) != 0) {
+                std::this_thread::yield();
+            }
+        }
+    });
     EXPECT_EQ(bus_mk_q_count(q), 0);
     bus_mk_q_clear(q, nullptr, 0);
 }

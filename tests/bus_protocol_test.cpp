@@ -12,21 +12,19 @@ TEST(Protocol, url_is_split_at_the_first_slash_behind_the_host) {
     const std::string path(5000, 'p');
     const struct {
         std::string url, host, path; // no path: the url is refused
-    } kCases[] = {
-        {"/bus/join", "bus", "/join"},
-        {"/nodeA/play/next", "nodeA", "/play/next"},
-        {"/nodeA/", "nodeA", "/"},
-        {"XnodeA/x", "nodeA", "/x"},
-        {"//x/y", "/x", "/y"},
-        {"/" + longest + "/x", longest, "/x"},
-        {"/a/" + path, "a", "/" + path},
-        {"/" + longest + "n/x", "", ""},
-        {"/bus", "", ""},
-        {"nodeA", "", ""},
-        {"//a", "", ""},
-        {"/", "", ""},
-        {"", "", ""},
-    };
+    } kCases[] = {{"/bus/join", "bus", "/join"},
+                  {"/nodeA/play/next", "nodeA", "/play/next"},
+                  {"/nodeA/", "nodeA", "/"},
+                  {"XnodeA/x", "nodeA", "/x"},
+                  {"//x/y", "/x", "/y"},
+                  {"/" + longest + "/x", longest, "/x"},
+                  {"/a/" + path, "a", "/" + path},
+                  {"/" + longest + "n/x", "", ""},
+                  {"/bus", "", ""},
+                  {"nodeA", "", ""},
+                  {"//a", "", ""},
+                  {"/", "", ""},
+                  {"", "", ""}};
     for (const auto &c : kCases) {
         const auto url = splitUrl(c.url);
         ASSERT_EQ(url.has_value(), !c.path.empty()) << c.url;

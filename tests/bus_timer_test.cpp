@@ -1,11 +1,12 @@
 #include "bus_client/internal.h"
 #include "bus_tools.h"
+#include "test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace bus {
@@ -59,7 +60,7 @@ TEST_F(Timers, due_timers_fire_once_in_the_order_they_were_set) {
          {"  Vek-client timerId overstep the boundary 32767\n", "  Vek-client n set timer 2\n",
           "  Vek-client 3 timer func begin\n", "  Vek-client 3 timer func end\n",
           "  Vek-client 4 timer delete\n", "  Vek-client n singal timer_queue\n"}) {
-        EXPECT_NE(text.find(line), text.npos) << line;
+        EXPECT_TRUE(says(text, line)) << line;
     }
 }
 
@@ -105,8 +106,8 @@ TEST_F(Timers, killed_timer_does_not_fire) {
     handlePass();
     EXPECT_EQ(fired_, Types{2});
     const std::string text = log();
-    EXPECT_NE(text.find("  Vek-client n already remove timer 2\n"), text.npos);
-    EXPECT_NE(text.find("  Vek-client n already remove timer 99\n"), text.npos);
+    EXPECT_TRUE(says(text, "  Vek-client n already remove timer 2\n"));
+    EXPECT_TRUE(says(text, "  Vek-client n already remove timer 99\n"));
 }
 
 TEST_F(Timers, refusals_are_visible) {
@@ -125,30 +126,18 @@ TEST_F(Timers, refusals_are_visible) {
     for (const char *line : {"  Vek-client n timer func not implement\n",
                              "  Vek-client n settimer failed, queue is full\n",
                              "  Vek-client n killtimer failed, queue is full\n"}) {
-        EXPECT_NE(text.find(line), text.npos) << line;
+        EXPECT_TRUE(says(text, line)) << line;
     }
 }
 
 TEST_F(Timers, threads_that_set_timers_get_different_ids) {
-    std::vector<std::thread> threads;
-    std::vector<std::vector<int>> ids(4);
-    for (std::vector<int> &mine : ids) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 100; ++i) {
-                mine.push_back(set(0, 7));
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    std::vector<bool> seen(500);
-    for (const std::vector<int> &mine : ids) {
-        for (const int id : mine) {
-            EXPECT_FALSE(seen.at(static_cast<std::size_t>(id))) << id;
-            seen[static_cast<std::size_t>(id)] = true;
+    std::vector<int> ids(400);
+    inThreads(4, [&](int thread) {
+        for (int i = 0; i < 100; ++i) {
+            ids[static_cast<std::size_t>(thread * 100 + i)] = set(0, 7);
         }
-    }
+    });
+    EXPECT_EQ(std::set<int>(ids.begin(), ids.end()).size(), 400U);
     spinUntil(0);
     EXPECT_EQ(fired_.size(), 400U);
 }
