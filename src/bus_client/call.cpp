@@ -250,8 +250,8 @@ Call callInTurn(client_t &client, const Question &question, char **response) noe
         return timeOut(client, question);
     }
     Call result = Call::kRefused;
-    if (mayCall(client,
-                question.url)) { // looked at now: the node may have left during another call
+    // Looked at now: the node may have left during another call.
+    if (mayCall(client, question.url)) {
         result = exchange(client, question, deadline, response);
     } else {
         logExited(client.name.get(), question.url);
