@@ -28,7 +28,7 @@ bool differ(const Blocks &blocks) {
 }
 
 TEST(Pool, no_block_is_handed_out_twice) {
-    for (const std::size_t count : {1, 33, 64, 65, 500}) {
+    for (const std::size_t count : {1U, 33U, 64U, 65U, 500U}) {
         const Blocks first = take(count);
         std::thread{giveBack, first}.join(); // what a thread kept goes to the others with its end
         const Blocks second = take(2 * count);
