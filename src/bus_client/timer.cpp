@@ -57,11 +57,10 @@ bool postWakeUp(client_t &client) noexcept {
     return handOver(client.message_queue, message, -1);
 }
 
-// The thread that sets a timer and the one that looks for it each write one queue and then read the
-// other: at least one of them must see what the other has written.
+// Under the queue's lock: either this sees the latest message taken, or the thread that takes it
+// later sees the timer that was set before.
 bool hasNoMessage(const client_t &client) noexcept {
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    return bus_mk_q_empty(client.message_queue);
+    return bus_mk_q_count(client.message_queue) == 0;
 }
 
 } // namespace
