@@ -19,7 +19,7 @@ void *allocateJson(std::size_t size) {
 // The text as a JSON string, quotation marks included.
 std::string quoted(const char *text) {
     const JsonPtr json{cJSON_CreateString(text)};
-    const bus_mk_text printed{json ? cJSON_PrintUnformatted(json.get()) : nullptr};
+    const JsonText printed{json ? cJSON_PrintUnformatted(json.get()) : nullptr};
     if (!printed) {
         throw std::bad_alloc{};
     }

@@ -107,7 +107,14 @@ struct JsonDelete {
 };
 using JsonPtr = std::unique_ptr<cJSON, JsonDelete>;
 
-// Makes the JSON library use the C runtime's heap, and parseJson able to see that it is short.
+// A text that the JSON library has printed, from whatever heap it uses.
+struct JsonTextFree {
+    void operator()(char *text) const noexcept { cJSON_free(text); }
+};
+using JsonText = std::unique_ptr<char, JsonTextFree>;
+
+// Makes the JSON library use the C runtime's heap, and parseJson able to see that it is short. For
+// the whole process, so not while another bus may be using it.
 void useHeapForJson() noexcept;
 // The text as JSON, null when it is none; toTheEnd: also when anything follows. Throws
 // std::bad_alloc when memory is short, which cJSON_Parse does not tell from a text that is no JSON.

@@ -1,6 +1,7 @@
 #include "bus_client/internal.h"
 #include "bus_mk_pool.h"
 
+#include <atomic>
 #include <memory>
 #include <new>
 
@@ -30,6 +31,8 @@ private:
     bus::JsonPtr json_;
 };
 
+std::atomic<int> buses{0}; // that the process has
+
 bus::server_t *serverOf(const Zelvo_t *busManager) noexcept {
     return busManager ? busManager->server : nullptr;
 }
@@ -37,7 +40,9 @@ bus::server_t *serverOf(const Zelvo_t *busManager) noexcept {
 } // namespace
 
 Zelvo_t *busClientNew(const char *jsondata) noexcept try {
-    bus::useHeapForJson();
+    if (buses.load() == 0) {
+        bus::useHeapForJson();
+    }
     const Config config{jsondata};
     bus::bus_log_init(config.number("level", 2), config.text("path", nullptr),
                       config.number("mode", 0), static_cast<float>(config.number("size", 20)));
@@ -46,6 +51,7 @@ Zelvo_t *busClientNew(const char *jsondata) noexcept try {
     if (!manager) {
         return nullptr;
     }
+    buses.fetch_add(1);
     manager->server = bus::busServerNew(config.text("homePath", "."));
     if (!manager->server) {
         BUS_LOG(5, "  %s server new failed\n", bus::kClientTag);
@@ -78,6 +84,7 @@ int busClientDelete(Zelvo_t *busManager) noexcept {
     if (busManager) {
         bus::busServerDelete(busManager->server);
         delete busManager;
+        buses.fetch_sub(1);
         bus_mk_pool_clear();
         bus::bus_log_exit();
     }

@@ -26,6 +26,7 @@ constexpr Row<NodeCounters> kNodeRows[] = {
     {"calls", "answered", &NodeCounters::calls_answered},
     {"calls", "refused", &NodeCounters::calls_refused},
     {"calls", "timedOut", &NodeCounters::calls_timed_out},
+    {"calls", "givenUp", &NodeCounters::calls_given_up},
 };
 constexpr Row<ServerCounters> kServerRows[] = {
     {nullptr, "taken", &ServerCounters::taken},
@@ -34,6 +35,7 @@ constexpr Row<ServerCounters> kServerRows[] = {
     {"drops", "queueFull", &ServerCounters::queue_full},
     {"drops", "noMemory", &ServerCounters::no_memory},
     {"drops", "noAddressee", &ServerCounters::no_addressee},
+    {"drops", "stickyFull", &ServerCounters::sticky_full},
 };
 
 // Every step of the building may fail for want of memory.
@@ -105,7 +107,7 @@ std::string statsText(server_t &server) {
     addQueue(own, server.message_queue);
     addNodes(data, server);
     addRows(made(cJSON_AddObjectToObject(data, "left")), kNodeRows, server.left);
-    const bus_mk_text printed{cJSON_Print(answer.get())};
+    const JsonText printed{cJSON_Print(answer.get())};
     if (!printed) {
         throw std::bad_alloc{};
     }
