@@ -77,9 +77,14 @@ struct MessageDelete {
 };
 using MessagePtr = std::unique_ptr<message_t, MessageDelete>;
 
-// Sends message to q as bus_mk_q_send does, and lets go of it when q has taken it. False: it is
-// null, or was refused and stays where it is.
-bool handOver(bus_mk_q_t *q, MessagePtr &message, int pos) noexcept;
+// Offers message to q and lets go of it when q has taken it; otherwise it stays where it is. A null
+// one could not be made for want of memory, which is the result then.
+bus_mk_sent handOver(bus_mk_q_t *q, MessagePtr &message, int pos, int extra = 0) noexcept;
+
+// Counts a message that was not taken, by its cause.
+inline void countLost(bus_mk_sent cause, Counter &full, Counter &noMemory) noexcept {
+    count(cause == bus_mk_sent::kFull ? full : noMemory);
+}
 
 // One pending timer.
 struct timer_t {
@@ -88,6 +93,7 @@ struct timer_t {
     double timeout; // due time, milliseconds of clock_gettimestamp
     void *userdata;
     timer_callback timer_func;
+    timer_t *next_due; // of the timers that one pass has found due
 };
 
 // A timer of client with its next id, due mstimeout milliseconds from now. Ids run from 2 to

@@ -125,6 +125,14 @@ void deleteNodes(bus_mk_list_node *node) noexcept {
     }
 }
 
+void *_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept {
+    BUS_MK_ASSERT(node, "node != NULL");
+    unlink(list, node);
+    void *const data = node->data;
+    keepNode(list, node);
+    return data;
+}
+
 void *replace(bus_mk_list_node *node, void *data) noexcept {
     if (!node) {
         return nullptr;
@@ -173,7 +181,7 @@ void *bus_mk_list_find(bus_mk_list *list, void *data, int *idx) noexcept {
 
 void *bus_mk_list_del(bus_mk_list *list, void *data, int *idx) noexcept {
     bus_mk_list_node *const node = nodeMatching(list, data, idx);
-    return node ? bus_mk_list_del_node(list, node) : nullptr;
+    return node ? _del_node(list, node) : nullptr;
 }
 
 void *bus_mk_list_modify(bus_mk_list *list, void *src, void *dst, int *idx) noexcept {
@@ -187,7 +195,7 @@ void *bus_mk_list_get_idx(bus_mk_list *list, int idx) noexcept {
 
 void *bus_mk_list_del_idx(bus_mk_list *list, int idx) noexcept {
     bus_mk_list_node *const node = nodeAt(list, idx);
-    return node ? bus_mk_list_del_node(list, node) : nullptr;
+    return node ? _del_node(list, node) : nullptr;
 }
 
 void *bus_mk_list_modify_idx(bus_mk_list *list, void *dst, int idx) noexcept {
@@ -259,21 +267,20 @@ void bus_mk_list_trim(bus_mk_list *list) noexcept {
     }
 }
 
-void bus_mk_list_rotate(bus_mk_list *list) noexcept {
+void bus_mk_list_del_if(bus_mk_list *list, bus_mk_list_equal wanted, void *key) noexcept {
     check(list);
-    if (bus_mk_list_node *const node = list->head) {
-        unlink(list, node);
-        link(list, node, nullptr);
+    for (bus_mk_list_node *node = list->head; node;) {
+        bus_mk_list_node *const next = node->next;
+        if (wanted(key, node->data) == 0) {
+            _del_node(list, node);
+        }
+        node = next;
     }
 }
 
 void *bus_mk_list_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept {
     check(list);
-    BUS_MK_ASSERT(node, "node != NULL");
-    unlink(list, node);
-    void *const data = node->data;
-    keepNode(list, node);
-    return data;
+    return _del_node(list, node);
 }
 
 void bus_mk_list_node_free(bus_mk_list_node *node) noexcept {

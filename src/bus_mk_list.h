@@ -60,8 +60,9 @@ int bus_mk_list_remove_node(bus_mk_list *list, bus_mk_list_node *node) noexcept;
 void bus_mk_list_splice(bus_mk_list *list, bus_mk_list *from) noexcept;
 // Frees the nodes kept for reuse, all but a few.
 void bus_mk_list_trim(bus_mk_list *list) noexcept;
-// Moves the head to the tail.
-void bus_mk_list_rotate(bus_mk_list *list) noexcept;
+// Removes, in one walk from the head, every item for which wanted(key, item) gives 0; what it stood
+// for is for wanted to keep.
+void bus_mk_list_del_if(bus_mk_list *list, bus_mk_list_equal wanted, void *key) noexcept;
 // Takes a node of this list out, frees it and returns what it stored.
 void *bus_mk_list_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept;
 // Frees a node that stands in no list.

@@ -1,5 +1,6 @@
 #include "bus_mk_queue.h"
 
+#include "bus_mk_assert.h"
 #include "bus_mk_pool.h"
 #include "bus_mk_thread.h"
 
@@ -91,14 +92,20 @@ bool hasPlace(bus_mk_q_t *q, int limit) noexcept BUS_MK_REQUIRES(q->mut) {
     return waiting + q->out_seen < limit;
 }
 
-// Whether a receiver is to be woken, which is then on the caller to do.
+// Whether a receiver is to be woken once the mutex is released, so that it does not wake into a
+// lock still held. It does not go on before that signal, so the queue is there until then. A
+// receiver that waits for a limited time goes on without one, and may end the queue: it is woken
+// here.
 bool mustWake(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->mut) {
-    const bool waits = q->wait_recv != 0 || q->timed_waits > 0;
+    const bool waits = q->wait_recv != 0;
     q->wait_recv = 0;
-    return waits;
+    if (q->timed_waits == 0) {
+        return waits;
+    }
+    bus_mk_thread_cond_signal(&q->recv_cond);
+    return false;
 }
 
-// Called after the release of the mutex, so that the receiver does not wake into a lock still held.
 // The event remembers a signal that comes before the wait.
 void wakeReceiver(bus_mk_q_t *q, bool wake) noexcept {
     if (wake) {
@@ -106,40 +113,43 @@ void wakeReceiver(bus_mk_q_t *q, bool wake) noexcept {
     }
 }
 
-bool append(bus_mk_q_t *q, void *data, int limit) noexcept {
-    bool added = false;
+bus_mk_sent append(bus_mk_q_t *q, void *data, int limit) noexcept {
     bool wake = false;
     {
         const bus_mk_guard lock{q->mut};
-        if (hasPlace(q, limit) && bus_mk_list_add(q->in, data, -1)) {
-            const std::int32_t waiting = bus_mk_list_cnt(q->in);
-            q->highest = std::max(q->highest, waiting + q->out_seen);
-            q->in_count.store(waiting, std::memory_order_release);
-            added = true;
-            wake = mustWake(q);
+        if (!hasPlace(q, limit)) {
+            return bus_mk_sent::kFull;
         }
+        if (!bus_mk_list_add(q->in, data, -1)) {
+            return bus_mk_sent::kNoMemory;
+        }
+        const std::int32_t waiting = bus_mk_list_cnt(q->in);
+        q->highest = std::max(q->highest, waiting + q->out_seen);
+        q->in_count.store(waiting, std::memory_order_release);
+        wake = mustWake(q);
     }
     wakeReceiver(q, wake);
-    return added;
+    return bus_mk_sent::kDone;
 }
 
-// The same at any place, and with the place as the result.
-bus_mk_list_node *insert(bus_mk_q_t *q, void *data, int pos) noexcept {
-    bus_mk_list_node *node = nullptr;
+// The same at any place, and with the place in node.
+bus_mk_sent insert(bus_mk_q_t *q, void *data, int pos, bus_mk_list_node *&node) noexcept {
     bool wake = false;
     {
         const Whole lock{q};
-        if (hasPlace(q, q->max_size)) {
-            node = bus_mk_list_add(q->list, data, pos);
+        if (!hasPlace(q, q->max_size)) {
+            return bus_mk_sent::kFull;
         }
-        if (node) {
-            q->out_seen = bus_mk_list_cnt(q->list);
-            q->highest = std::max(q->highest, q->out_seen);
-            wake = mustWake(q);
+        node = bus_mk_list_add(q->list, data, pos);
+        if (!node) {
+            return bus_mk_sent::kNoMemory;
         }
+        q->out_seen = bus_mk_list_cnt(q->list);
+        q->highest = std::max(q->highest, q->out_seen);
+        wake = mustWake(q);
     }
     wakeReceiver(q, wake);
-    return node;
+    return bus_mk_sent::kDone;
 }
 
 // A receiver that sleeps costs its sender a system call and itself some microseconds until it runs
@@ -217,24 +227,23 @@ bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept {
         q->looks = kMostLooks;
         q->in = in.release();
         q->list = out.release();
+        BUS_MK_ASSERT(q->list, "q->list != NULL");
     }
     return q;
 }
 
 int bus_mk_q_send(bus_mk_q_t *q, void *data, int pos) noexcept {
-    if (!data) {
-        return -1;
-    }
-    const bool added = pos < 0 ? append(q, data, q->max_size) : insert(q, data, pos) != nullptr;
-    return added ? 0 : -1;
+    return data && bus_mk_q_offer(q, data, pos, 0) == bus_mk_sent::kDone ? 0 : -1;
 }
 
-int bus_mk_q_send_beyond(bus_mk_q_t *q, void *data, int extra) noexcept {
-    return data && append(q, data, q->max_size + extra) ? 0 : -1;
+bus_mk_sent bus_mk_q_offer(bus_mk_q_t *q, void *data, int pos, int extra) noexcept {
+    bus_mk_list_node *place = nullptr;
+    return pos < 0 ? append(q, data, q->max_size + extra) : insert(q, data, pos, place);
 }
 
 bus_mk_list_node *bus_mk_q_append(bus_mk_q_t *q, void *data) noexcept {
-    return data ? insert(q, data, -1) : nullptr;
+    bus_mk_list_node *place = nullptr;
+    return data && insert(q, data, -1, place) == bus_mk_sent::kDone ? place : nullptr;
 }
 
 void *bus_mk_q_take_out(bus_mk_q_t *q, bus_mk_list_node *place) noexcept {
@@ -268,11 +277,6 @@ void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     }
 }
 
-void bus_mk_q_rotate(bus_mk_q_t *q) noexcept {
-    const Whole lock{q};
-    bus_mk_list_rotate(q->list);
-}
-
 void *bus_mk_q_delete(bus_mk_q_t *q, void *data) noexcept {
     const Whole lock{q};
     return bus_mk_list_del(q->list, data, nullptr);
@@ -281,6 +285,11 @@ void *bus_mk_q_delete(bus_mk_q_t *q, void *data) noexcept {
 void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept {
     const Whole lock{q};
     return bus_mk_list_del_idx(q->list, pos);
+}
+
+void bus_mk_q_delete_if(bus_mk_q_t *q, bus_mk_list_equal wanted, void *key) noexcept {
+    const Whole lock{q};
+    bus_mk_list_del_if(q->list, wanted, key);
 }
 
 void *bus_mk_q_find(bus_mk_q_t *q, void *data, int *dinx) noexcept {

@@ -31,9 +31,10 @@ bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept;
 // 0: the queue holds the item. -1 (full, null, no memory): it is still yours.
 int bus_mk_q_send(bus_mk_q_t *q, void *data, int pos) noexcept;
 
-// Appends like bus_mk_q_send with -1, and is refused only when the queue holds extra items more
-// than its capacity: for the few items that must not be lost to a flood of others.
-int bus_mk_q_send_beyond(bus_mk_q_t *q, void *data, int extra) noexcept;
+// The same, and tells why an item was refused. An append (-1) has extra places beyond the capacity,
+// for the few items that must not be lost to a flood of others. data is not null.
+enum class bus_mk_sent { kDone, kFull, kNoMemory };
+bus_mk_sent bus_mk_q_offer(bus_mk_q_t *q, void *data, int pos, int extra) noexcept;
 
 // The item at position pos. flag 0 waits while the queue is empty, any other value never waits;
 // del 1 leaves the item in place (it stays the queue's), any other value removes it (it becomes
@@ -43,9 +44,6 @@ void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept;
 // Waits while the queue is empty, at most the given time; it may end earlier.
 void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept;
 
-// Moves the head to the tail.
-void bus_mk_q_rotate(bus_mk_q_t *q) noexcept;
-
 // The first item from the head for which the equality function matches (data, item): removed and
 // yours, or left in place with its position in *dinx (dinx may be null). Null: no match.
 void *bus_mk_q_delete(bus_mk_q_t *q, void *data) noexcept;
@@ -53,6 +51,10 @@ void *bus_mk_q_find(bus_mk_q_t *q, void *data, int *dinx) noexcept;
 
 // Removes the item at position pos, counted from 1. Null when there is none.
 void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept;
+
+// Removes, in one walk from the head, every item for which wanted(key, item) gives 0. They are
+// yours; wanted notes them.
+void bus_mk_q_delete_if(bus_mk_q_t *q, bus_mk_list_equal wanted, void *key) noexcept;
 
 bool bus_mk_q_full(bus_mk_q_t *q) noexcept;
 // Whether it holds nothing, without a lock. An item that was there before the call, and is not

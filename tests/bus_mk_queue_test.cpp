@@ -49,8 +49,9 @@ TEST_F(Queue, full_queue_refuses_and_leaves_item) {
     EXPECT_TRUE(bus_mk_q_full(q_));
     EXPECT_EQ(send(d_), -1);
     EXPECT_EQ(bus_mk_q_append(q_, d_.data()), nullptr);
-    EXPECT_EQ(bus_mk_q_send_beyond(q_, d_.data(), 1), 0);
-    EXPECT_EQ(bus_mk_q_send_beyond(q_, d_.data(), 1), -1);
+    EXPECT_EQ(bus_mk_q_offer(q_, d_.data(), -1, 1), bus_mk_sent::kDone);
+    EXPECT_EQ(bus_mk_q_offer(q_, d_.data(), -1, 1), bus_mk_sent::kFull);
+    EXPECT_EQ(bus_mk_q_offer(q_, d_.data(), 0, 9), bus_mk_sent::kFull);
     EXPECT_EQ(bus_mk_q_count(q_), 4);
     EXPECT_EQ(take(), "c");
     EXPECT_EQ(send(a_), -1); // still as many as the capacity
@@ -82,9 +83,13 @@ TEST_F(Queue, items_are_found_and_removed_by_key_or_place) {
     EXPECT_EQ(bus_mk_q_delete(q_, key), c_.data());
     EXPECT_EQ(bus_mk_q_find(q_, key, &index), nullptr);
     EXPECT_EQ(index, 3);
-    bus_mk_q_rotate(q_);
     EXPECT_EQ(bus_mk_q_take_out(q_, place), b_.data());
-    EXPECT_EQ(takeAll(), "a");
+    send(c_), send(d_);
+    const auto isAnother = [](void *kept, void *item) {
+        return *static_cast<char *>(item) == *static_cast<char *>(kept) ? -1 : 0;
+    };
+    bus_mk_q_delete_if(q_, isAnother, key);
+    EXPECT_EQ(takeAll(), "c");
 }
 
 TEST_F(Queue, visit_and_clear_go_head_first) {

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace bus {
@@ -70,6 +72,19 @@ TEST_F(Timers, timer_waits_for_its_time) {
     spinUntil(40);
     EXPECT_EQ(fired_, Types{1});
     EXPECT_GE(clock_gettimestamp() - start, 0.039);
+}
+
+TEST_F(Timers, timer_set_by_a_handler_stays_behind_those_that_waited) {
+    set(0, 1, [](void *self, client_t *, int) { return static_cast<Timers *>(self)->set(20, 3); });
+    set(20, 2);
+    set(std::numeric_limits<long>::max(), 4); // as good as never
+    set(std::numeric_limits<long>::min(), 5);
+    handlePass();
+    for (const double both = clock_gettimestamp() + 0.021; clock_gettimestamp() < both;) {
+        std::this_thread::yield();
+    }
+    handlePass();
+    EXPECT_EQ(fired_, (Types{5, 2, 3}));
 }
 
 TEST_F(Timers, timer_set_by_a_handler_waits_for_the_next_pass) {

@@ -81,10 +81,14 @@ static_assert(alignof(message_t) >= alignof(payload_t) &&
               sizeof(message_t) % alignof(payload_t) == 0);
 
 // Most messages are small, and made in one thread and freed in another.
-void *newBlock(std::size_t size, const char *name) noexcept {
+// What cannot be had is a name, and where the message has one, a topic.
+void *newBlock(std::size_t size, const char *name, const char *topic) noexcept {
     void *const block = size <= bus_mk_pool_block ? bus_mk_pool_get() : std::malloc(size);
     if (!block) {
         BUS_LOG(5, "  %s name malloc error %s\n", kClientTag, orNull(name));
+    }
+    if (!block && topic) {
+        BUS_LOG(4, "  %s topic malloc error %s\n", kClientTag, orNull(name));
     }
     return block;
 }
@@ -109,7 +113,7 @@ Pointer *moved(Pointer *pointer, const void *from, void *to) noexcept {
 
 // Copies the block as a whole: what is inside keeps its place.
 message_t *copyWhole(const message_t &message) noexcept {
-    void *const block = newBlock(message.size, message.name);
+    void *const block = newBlock(message.size, message.name, message.topic);
     if (!block) {
         return nullptr;
     }
@@ -122,6 +126,7 @@ message_t *copyWhole(const message_t &message) noexcept {
     copy->payload = moved(copy->payload, &message, block);
     if (copy->payload) {
         copy->payload->data = moved(copy->payload->data, &message, block);
+        copy->payload->len = copy->payload->data ? copy->payload->len : 0;
     }
     copy->holds_node = false;
     return copy;
@@ -132,7 +137,7 @@ message_t *make(const Fields &from) noexcept {
     const std::size_t size = sizeof(message_t) + (from.hasPayload ? sizeof(payload_t) : 0) +
                              from.name.size() + from.topic.size() + from.url.size() +
                              from.action.size() + from.request_name.size() + dataSize;
-    void *const block = newBlock(size, from.name.get());
+    void *const block = newBlock(size, from.name.get(), from.topic.get());
     if (!block) {
         return nullptr;
     }
@@ -197,12 +202,15 @@ void holdNode(message_t &message, client_t &client) noexcept {
     message.holds_node = true;
 }
 
-bool handOver(bus_mk_q_t *q, MessagePtr &message, int pos) noexcept {
-    if (!message || bus_mk_q_send(q, message.get(), pos) != 0) {
-        return false;
+bus_mk_sent handOver(bus_mk_q_t *q, MessagePtr &message, int pos, int extra) noexcept {
+    if (!message) {
+        return bus_mk_sent::kNoMemory;
     }
-    static_cast<void>(message.release());
-    return true;
+    const bus_mk_sent sent = bus_mk_q_offer(q, message.get(), pos, extra);
+    if (sent == bus_mk_sent::kDone) {
+        static_cast<void>(message.release());
+    }
+    return sent;
 }
 
 const char *tracedPayload(const payload_t *payload) noexcept {

@@ -1,6 +1,7 @@
 #include "bus_client/internal.h"
 #include "bus_tools.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -51,10 +52,36 @@ void fire(client_t &client, const timer_t &timer) noexcept {
     BUS_LOG(1, "  %s %d timer func end\n", kClientTag, timer.type);
 }
 
+// One walk over the timers, and those it has taken out, in their order.
+struct Pass {
+    client_t &client;
+    double time;
+    timer_t *first;
+    timer_t **end;
+};
+
+int takeDue(void *pass, void *item) noexcept {
+    auto &[client, time, first, end] = *static_cast<Pass *>(pass);
+    auto *const timer = static_cast<timer_t *>(item);
+    if (time < timer->timeout) {
+        noteDue(client, timer->timeout);
+        return -1;
+    }
+    *end = timer;
+    end = &timer->next_due;
+    return 0;
+}
+
+// In whole milliseconds, as the log shows a time; one that is far off as far as a number goes.
+long long shown(double time) noexcept {
+    constexpr double kMost = 9e18;
+    return static_cast<long long>(std::clamp(time, -kMost, kMost));
+}
+
 // False: memory is short, or the queue is full of other messages that wake the loop as well.
 bool postWakeUp(client_t &client) noexcept {
     MessagePtr message = ownMessage(client, nullptr, action::kSetTimer, nullptr, 0);
-    return handOver(client.message_queue, message, -1);
+    return handOver(client.message_queue, message, -1) == bus_mk_sent::kDone;
 }
 
 // Under the queue's lock: either this sees the latest message taken, or the thread that takes it
@@ -80,8 +107,8 @@ timer_t *busClientExTimerNew(client_t *client, timer_callback timer_func, long m
     timer->timer_func = timer_func;
     const double created = now();
     timer->timeout = static_cast<double>(mstimeout) + created;
-    BUS_LOG(1, "  %s timer new %d, %lld, %lld\n", kClientTag, timer->id,
-            static_cast<long long>(created), static_cast<long long>(timer->timeout));
+    BUS_LOG(1, "  %s timer new %d, %lld, %lld\n", kClientTag, timer->id, shown(created),
+            shown(timer->timeout));
     return timer;
 }
 
@@ -118,18 +145,14 @@ void timerPass(client_t &client) noexcept {
         return;
     }
     client.earliest_due.store(std::numeric_limits<double>::infinity());
-    for (int left = bus_mk_q_count(client.timer_queue); left > 0; --left) {
-        const auto *const head =
-            static_cast<const timer_t *>(bus_mk_q_recv(client.timer_queue, 1, 1, 1));
-        if (now() < head->timeout) {
-            noteDue(client, head->timeout);
-            bus_mk_q_rotate(client.timer_queue);
-        } else {
-            // Out of the queue first: its handler may set timers, and wants their place.
-            void *const timer = bus_mk_q_recv(client.timer_queue, 1, 0, 1);
-            fire(client, *static_cast<const timer_t *>(timer));
-            busClientExTimerDelete(timer);
-        }
+    // All out of the queue first: their handlers may set timers, which want a place and stand
+    // behind those that wait.
+    Pass pass{client, now(), nullptr, &pass.first};
+    bus_mk_q_delete_if(client.timer_queue, takeDue, &pass);
+    while (timer_t *const timer = pass.first) {
+        pass.first = timer->next_due;
+        fire(client, *timer);
+        busClientExTimerDelete(timer);
     }
 }
 
@@ -154,10 +177,11 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
     // The timer may fire, and be gone, as soon as it is queued.
     const int id = timer->id;
     const double due = timer->timeout;
-    if (bus_mk_q_send(client->timer_queue, timer, -1) == 0) {
+    const bus_mk_sent sent = bus_mk_q_offer(client->timer_queue, timer, -1, 0);
+    if (sent == bus_mk_sent::kDone) {
         bus::noteDue(*client, due);
     } else {
-        bus::count(client->counters.own_full);
+        bus::countLost(sent, client->counters.own_full, client->counters.no_memory);
         BUS_LOG(4, "  %s %s settimer failed, queue is full\n", bus::kClientTag, client->name.get());
         bus::busClientExTimerDelete(timer);
     }
@@ -179,8 +203,9 @@ int busClientKilltimer(client_t *client, int id) noexcept {
     const int length = std::snprintf(payload.data(), payload.size(), "{\"id\": %d}", id);
     bus::MessagePtr message =
         bus::ownMessage(*client, nullptr, bus::action::kKillTimer, payload.data(), length);
-    if (!bus::handOver(client->message_queue, message, -1)) {
-        bus::count(client->counters.own_full);
+    const bus_mk_sent sent = bus::handOver(client->message_queue, message, -1);
+    if (sent != bus_mk_sent::kDone) {
+        bus::countLost(sent, client->counters.own_full, client->counters.no_memory);
         BUS_LOG(4, "  %s %s killtimer failed, queue is full\n", bus::kClientTag,
                 client->name.get());
     }
