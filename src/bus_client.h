@@ -8,7 +8,10 @@
  * Memory.   Whatever you pass in is copied before the call returns. What a handler is handed is
  *           valid until the handler returns. The two texts that change hands are the answer of
  *           a call handler (from malloc; the library frees it) and the answer of busClientCall
- *           (the node's; you only read it).
+ *           (the node's; you only read it). JSON goes through cJSON, whose memory functions are the
+ *           process's: busClientNew sets malloc and free while there is no other bus. An
+ * application that gives cJSON a pair of its own does so when its first bus is made and not running
+ *           yet, and not again.
  * Blocking. busClientConnect, busClientSubscribe, busClientUnsubscribe and busClientCall wait for
  *           an answer, for "callTimeout" milliseconds at most where that is configured and without
  *           a limit otherwise, and need the bus to be running in another thread. Nothing else
@@ -34,8 +37,9 @@
  *        The bus may stop before or while nodes stop, and be run again. What is not allowed:
  *        busClientClose while anything else uses the node, its loop included; any use of a node
  *        after its busClientClose, and of a bus or of its nodes after busClientDelete. Without
- *        "callTimeout" a call that the bus takes up no more, because it has been stopped, waits
- *        until the bus is run again.
+ *        "callTimeout" a call that has no answer when the bus stops, also one made before that,
+ *        waits until the bus is run again.
+ *        The library stays loaded after dlclose.
  */
 #ifndef ZELVO_BUS_CLIENT_H
 #define ZELVO_BUS_CLIENT_H
@@ -92,13 +96,14 @@ typedef int (*timer_callback)(void *userdata, client_t *client, int type);
  *              Windows never from 2,048 on)
  *   "homePath" directory of the key store (".")
  *   "callTimeout" milliseconds that a call, a connect or a subscription waits at most, its turn
- *              included (0, or less: no limit)
+ *              included, and a connect with both of its steps (0, or less: no limit)
  *   "stats"    true: "/bus/stats" is answered with what has been counted
  * A log file that cannot be opened gives way to standard output. Lines that the log does not take
  * (a full disk) are lost, and counted in it when it takes lines again; standard error is told why,
  * once, and gets the errors meanwhile.
  * On Windows "path" and "homePath" are in UTF-8, with "/" or an escaped "\\".
- * A text that is not JSON counts as none; a member of the wrong type counts as 0 or as no text.
+ * A text that is not JSON counts as none. Of a number the fraction is dropped; where a number is
+ * wanted true counts as 1 and any other type as 0, and where a text is wanted, as no text.
  * Does not block. To be called while no other call into the library is running, the loops apart.
  * Returns null when memory is short, or, with an error in the log, a bus that refuses every node.
  * The log is one for the process: a second bus only changes its level. */
@@ -111,8 +116,8 @@ ZELVO_API int busClientBindServer(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
 /* Asks busClientBindServer to return once everything queued before this request is handled; a full
  * queue does not keep the request out. Does not wait. Always 0; when memory stays short the bus
- * goes on, with an error in the log. A call made after this finds nobody to answer it: stop the
- * nodes first. */
+ * goes on, with an error in the log. A call whose answer has not come by then, whenever it was
+ * made, finds nobody to hand it over: stop the nodes first. */
 ZELVO_API int busClientServerExit(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
 /* Destroys the bus and closes the log, also for any other bus. A bus that still runs is stopped
@@ -130,7 +135,10 @@ ZELVO_API int busClientDelete(Zelvo_t *busManager) ZELVO_NOEXCEPT;
  * Blocks until the bus has answered.
  * Returns null, with nothing left behind: bus or name missing, the name taken, 2,048 nodes on the
  * bus, memory short, no answer in time. When the bus's queue was full the join is lost: the node is
- * returned, is not on the bus, and can only publish, call "/bus/join" to join, and be closed. */
+ * returned and is not on the bus. It receives nothing and makes no call but "/bus/join", which
+ * joins it and subscribes it to "bus.event"; all else works. A node that has joined is returned
+ * also when the answer to its subscription to "bus.event" did not come in time (it takes effect
+ * when the bus gets to it) or the bus's queue had no place for it (it is lost); the log says so. */
 ZELVO_API client_t *busClientConnect(Zelvo_t *busManager, const char *name,
                                      onmessage_callback onmessage, oncall_callback oncall,
                                      void *userdata) ZELVO_NOEXCEPT;
@@ -183,8 +191,8 @@ ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELV
  *       node on it and, summed, for those that have been freed. "taken": messages taken from the
  *       own queue (a node's: publications and calls); "sent": messages that another's queue took;
  *       "posted": the bus's answers to itself; "queue": how many wait, and the most that did;
- *       "drops": messages lost, by cause; "calls": made, answered, refused, timedOut; "timers":
- *       how many wait
+ *       "drops": messages lost, by cause; "calls": made, answered, refused, timedOut, givenUp (to
+ *       leave a bus that has stopped); "timers": how many wait
  *   /localKeys/key                the key store; data is a JSON object:
  *       {"operation":"set", "data": VALUE}   stores any JSON value under key; with
  *                                            "persist":"true" also writes the store to its file
@@ -222,7 +230,7 @@ ZELVO_API int busClientSpin(client_t *client) ZELVO_NOEXCEPT;
 ZELVO_API int busClientSpinExit(client_t *client) ZELVO_NOEXCEPT;
 
 /* Sets a timer: the node's thread calls timer_func(userdata, client, type) once, mstimeout
- * milliseconds from now (32 bits; 0 or less: at the next look), on a clock that does not follow the
+ * milliseconds from now (0 or less: at the next look), on a clock that does not follow the
  * wall clock. A node looks after each message, and every 3 milliseconds while it has nothing to
  * do (on Windows every tick). Timers that are due together run in the order in which they were set;
  * one that is set by a timer's handler waits for the next look, so a handler may set its own timer

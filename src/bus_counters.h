@@ -32,11 +32,12 @@ struct NodeCounters {
     alignas(kCacheLine) Counter sent{0}; // messages that the bus's queue took
     Counter bus_full{0};                 // messages that it refused
     Counter no_memory{0};                // messages that could not be made
-    Counter own_full{0};                 // timer and exit requests that the node's queue refused
+    Counter own_full{0};                 // timers, timer and exit requests without a place
     Counter calls_made{0};
     Counter calls_answered{0};
     Counter calls_refused{0};
     Counter calls_timed_out{0};
+    Counter calls_given_up{0}; // leave requests that a bus which stopped left without an answer
 
     // the server's thread
     alignas(kCacheLine) Counter queue_full{0}; // messages for the node that its queue refused
@@ -50,22 +51,26 @@ inline void addCounters(NodeCounters &sums, const NodeCounters &node) noexcept {
         &NodeCounters::taken,          &NodeCounters::sent,          &NodeCounters::bus_full,
         &NodeCounters::no_memory,      &NodeCounters::own_full,      &NodeCounters::calls_made,
         &NodeCounters::calls_answered, &NodeCounters::calls_refused, &NodeCounters::calls_timed_out,
-        &NodeCounters::queue_full,     &NodeCounters::late_answers,  &NodeCounters::unread,
+        &NodeCounters::calls_given_up, &NodeCounters::queue_full,    &NodeCounters::late_answers,
+        &NodeCounters::unread,
     };
     for (Counter NodeCounters::*const counter : kAll) {
         count(sums.*counter, (node.*counter).load(std::memory_order_relaxed));
     }
 }
 
-// Of the server. Its thread alone writes them, but for posted and queue_full.
+// Of the server.
 struct ServerCounters {
+    // its own thread
     alignas(kCacheLine) Counter taken{0}; // messages taken from the bus's queue
     Counter sent{0};                      // messages that nodes' queues took
-    Counter no_memory{0};                 // copies and answers that could not be made
     Counter no_addressee{0};              // answers for a name that is not on the bus
+    Counter sticky_full{0};               // sticky messages that found the store full
 
+    // any thread
     alignas(kCacheLine) Counter posted{0}; // the bus's own messages in its queue: answers, exits
     Counter queue_full{0};                 // those that found no place
+    Counter no_memory{0};                  // copies, answers, notices, exits that could not be made
     Counter calls{0};                      // numbers handed out to calls; by any thread
 };
 

@@ -82,7 +82,7 @@ int sticky_topic_equal(void *a, void *b) noexcept;
 // Appends a message that must get through a flood of publications: an answer, a leave request, an
 // exit. About one of them is under way for each node, so as many places are kept for them. As
 // handOver.
-bool postToServer(server_t &server, MessagePtr &message) noexcept;
+bus_mk_sent postToServer(server_t &server, MessagePtr &message) noexcept;
 
 // How often a message that somebody waits for is made again while memory is short, with a yield in
 // between.

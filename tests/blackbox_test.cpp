@@ -271,7 +271,7 @@ TEST(Zelvo, full_bus_refuses_and_says_so) {
     EXPECT_EQ(busClientRemoveSticky(a.get(), "[]"), 0);
     EXPECT_EQ(a.call("/bus/nodes"), "null");
     // A node whose join was lost is not on the bus, and is not kept waiting on it.
-    Node lost{bus, "lost", {}, false};
+    Node lost{bus, "lost"};
     EXPECT_EQ(lost.call("/a/x"), "null");
     for (const char *line : {"a ==> server publish failed, topic: t, queue is full",
                              "a ==> server publishSticky failed, topic: t, queue is full",
@@ -285,6 +285,8 @@ TEST(Zelvo, full_bus_refuses_and_says_so) {
         std::this_thread::yield();
     }
     EXPECT_EQ(lost.call("/bus/nodes"), "{\n\t\"data\":\t[\"a\", \"lost\"]\n}");
+    Node other{bus, "other"};
+    EXPECT_EQ(lost.heard(1), Texts{R"(bus.event {"event":"join", "name": "other"})"});
 }
 
 constexpr char kTimeout[] = R"(,"callTimeout":1000)";
@@ -333,6 +335,33 @@ TEST(Zelvo, connect_that_times_out_leaves_nothing_behind) {
     EXPECT_EQ(a.call("/bus/nodes"), "{\n\t\"data\":\t[\"a\"]\n}");
 }
 
+TEST(Zelvo, connect_has_one_time_limit_for_both_of_its_steps) {
+    Bus bus{2, kTimeout, false};
+    std::chrono::steady_clock::time_point returned;
+    std::unique_ptr<Node> late;
+    std::thread joiner{[&] {
+        late = std::make_unique<Node>(bus, "late", Node::OnCall{}, false);
+        returned = std::chrono::steady_clock::now();
+    }};
+    while (!says(bus.log(), "url: /bus/join")) {
+        std::this_thread::yield();
+    }
+    busClientServerExit(bus.get()); // behind the join
+    bus.start();
+    bus.join();
+    busClientServerExit(bus.get()); // behind the answer; the subscription finds nobody
+    std::this_thread::sleep_for(std::chrono::milliseconds{700});
+    const auto joined = std::chrono::steady_clock::now();
+    bus.start();
+    joiner.join();
+    bus.join();
+    ASSERT_TRUE(late->get());
+    EXPECT_LT(returned - joined, std::chrono::milliseconds{1000});
+    EXPECT_TRUE(says(bus.log(), "late call timeout, url: /bus/subscribe"));
+    bus.start();
+    EXPECT_EQ(late->call("/bus/nodes"), "{\n\t\"data\":\t[\"late\"]\n}");
+}
+
 TEST(Zelvo, nodes_may_leave_while_the_bus_stops) {
     for (int round = 0; round < 50; ++round) {
         Bus bus;
@@ -343,6 +372,7 @@ TEST(Zelvo, nodes_may_leave_while_the_bus_stops) {
         std::thread stopper{[&] { bus.stop(); }};
         nodes.clear();
         stopper.join();
+        EXPECT_FALSE(says(bus.log(), "call timeout")); // none is configured
         bus.start(); // whoever it had not seen off is taken off now
         EXPECT_EQ(Node(bus, "one").call("/bus/nodes"), "{\n\t\"data\":\t[\"one\"]\n}");
     }

@@ -84,7 +84,9 @@ TEST_F(Server, full_registry_refuses_the_join) {
     }
     run();
     client_t &extra = record("extra");
+    startLog(4);
     EXPECT_EQ(ask(extra, "/bus/join"), "null");
+    EXPECT_TRUE(says(log(), "  Vek-server extra join failed, registry is full\n"));
     EXPECT_EQ(server_->directory.find("extra"), nullptr);
     ask(*nodes.front(), "/bus/disjoin");
     EXPECT_EQ(ask(extra, "/bus/join"), kEmpty);
@@ -139,6 +141,21 @@ TEST_F(Server, sticky_message_is_replayed_replaced_and_removed) {
     publish(late, nullptr, R"(["s"])", action::kRemoveSticky);
     run();
     EXPECT_TRUE(says(log(), "  Vek-server late already removeSticky topic s\n"));
+}
+
+TEST_F(Server, full_sticky_store_keeps_no_more_and_says_so) {
+    client_t &a = join("a");
+    startLog(2);
+    for (int i = 0; i <= kServerQueue; ++i) {
+        publish(a, std::to_string(i).c_str(), "x", action::kPublishSticky);
+        if (i % 500 == 0) {
+            run();
+        }
+    }
+    run();
+    EXPECT_TRUE(says(log(), "  Vek-server a sticky topic 2048 not kept, store is full\n"));
+    EXPECT_EQ(bus_mk_q_count(server_->sticky_queue), kServerQueue);
+    EXPECT_EQ(server_->counters.sticky_full, 1U);
 }
 
 TEST_F(Server, full_node_loses_its_copy_alone) {
@@ -198,8 +215,18 @@ TEST_F(Server, call_to_the_bus_is_no_call_to_a_node_of_its_name) {
     client_t &namesake = join("bus");
     std::strcpy(target.call_name.data(), "bus");      // target waits for the bus service,
     std::strcpy(namesake.call_name.data(), "caller"); // and the node "bus" for the caller
-    EXPECT_EQ(ask(caller, "/target/x"), "-");
-    EXPECT_EQ(taken(target), Texts{"request /target/x NULL"});
+    for (client_t *from : {&caller, &namesake}) {
+        startLog(4);
+        EXPECT_EQ(ask(*from, "/target/x"), "-");
+        EXPECT_TRUE(says(log(), "  Vek-server client bus is exit\n"));
+        EXPECT_EQ(taken(target), Texts{"request /target/x NULL"});
+    }
+}
+
+TEST_F(Server, walk_looks_at_the_end_of_a_chain_through_every_node) {
+    startLog(4);
+    EXPECT_EQ(ask(join("a"), "/nobody/x"), kUnknown);
+    EXPECT_TRUE(says(log(), "  Vek-server client nobody is exit\n"));
 }
 
 TEST_F(Server, walk_into_a_foreign_ring_ends) {

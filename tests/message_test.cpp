@@ -47,6 +47,7 @@ TEST(Message, payload_keeps_every_byte_and_ends_in_nul) {
     const MessagePtr empty = full("", 0);
     EXPECT_EQ(told(*empty), "me, topic, /a/b, publish, asker, " + std::string(1, '\0'));
     empty->payload->data = nullptr;
+    empty->payload->len = 7;
     const MessagePtr hollow{busClientExMessageCopy(empty.get())};
     EXPECT_EQ(hollow->payload->data, nullptr);
     EXPECT_EQ(hollow->payload->len, 0);

@@ -30,8 +30,9 @@ public:
     }
     void stop() {
         busClientServerExit(manager_);
-        loop_.join();
+        join();
     }
+    void join() { loop_.join(); }
     Zelvo_t *get() const { return manager_; }
 
 private:

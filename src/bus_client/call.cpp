@@ -31,16 +31,6 @@ void logExited(const char *name, const char *url) noexcept {
 
 // ---- waiting ----
 
-// When a call ends at the latest; nothing: never.
-using Deadline = std::optional<std::chrono::steady_clock::time_point>;
-
-Deadline deadlineOf(const server_t &server) noexcept {
-    if (server.call_timeout <= 0) {
-        return std::nullopt;
-    }
-    return std::chrono::steady_clock::now() + std::chrono::milliseconds{server.call_timeout};
-}
-
 // Waits for a signal of cond, which may come without a reason. False: the time is up.
 bool waitUntil(bus_mk_thread_cond_t &cond, bus_mk_thread_mutex_t &mutex,
                const Deadline &deadline) noexcept BUS_MK_REQUIRES(mutex) {
@@ -124,11 +114,12 @@ struct Question {
     const char *url;
     const char *data;
     int len;
-    // Whether it is the node's leave request: that gets through a flood of publications, and is
-    // given up when the bus stops.
-    bool leaves;
+    Deadline deadline;
     // Takes the answer over, or null: the answer stays the node's.
     bus_mk_text *taker;
+    // Whether it is the node's leave request: that gets through a flood of publications, and is
+    // given up when the bus stops.
+    bool leaves = false;
 };
 
 MessagePtr newRequest(client_t &client, const Question &question, std::uint64_t number) noexcept {
@@ -145,17 +136,23 @@ MessagePtr newRequest(client_t &client, const Question &question, std::uint64_t 
     return request;
 }
 
-Call refuse(client_t &client, const Question &question, bool made) noexcept {
-    count(made ? client.counters.bus_full : client.counters.no_memory);
+Call refuse(client_t &client, const Question &question, bus_mk_sent cause) noexcept {
+    countLost(cause, client.counters.bus_full, client.counters.no_memory);
     BUS_LOG(4, "  %s %s ==> server call failed, url: %s, queue is full\n", kClientTag,
             client.name.get(), question.url);
-    return made ? Call::kRefused : Call::kNoMemory;
+    return cause == bus_mk_sent::kFull ? Call::kRefused : Call::kNoMemory;
 }
 
 Call timeOut(client_t &client, const Question &question) noexcept {
     count(client.counters.calls_timed_out);
     BUS_LOG(4, "  %s %s call timeout, url: %s\n", kClientTag, client.name.get(), question.url);
     return Call::kTimedOut;
+}
+
+Call giveUp(client_t &client) noexcept {
+    count(client.counters.calls_given_up);
+    BUS_LOG(3, "  %s %s leave given up, the bus has stopped\n", kClientTag, client.name.get());
+    return Call::kStopped;
 }
 
 constexpr int kLooks = 16;
@@ -169,48 +166,50 @@ void lookForAnswer(const client_t &client, std::uint64_t number) noexcept {
 }
 
 // Waits until the server has handed over the answer to call number.
-bool awaitAnswer(client_t &client, std::uint64_t number, const Question &question,
-                 const Deadline &deadline) noexcept BUS_MK_REQUIRES(client.oncall_mutex) {
+Call awaitAnswer(client_t &client, std::uint64_t number, const Question &question) noexcept
+    BUS_MK_REQUIRES(client.oncall_mutex) {
     while (client.waiting_call.load() == number) {
-        const bool hopeless = question.leaves && !isRunning(*client.server);
-        if (hopeless || !sleepUntil(client, deadline)) {
-            return false;
+        if (question.leaves && !isRunning(*client.server)) {
+            return giveUp(client);
+        }
+        if (!sleepUntil(client, question.deadline)) {
+            return timeOut(client, question);
         }
     }
-    return true;
+    return Call::kAnswered;
 }
 
-bool post(client_t &client, const Question &question, MessagePtr &request) noexcept {
+bus_mk_sent post(client_t &client, const Question &question, MessagePtr &request) noexcept {
     // Held until the request is on its way, so that the answer cannot come before the caller is
     // ready for it.
     const bus_mk_guard lock{client.oncall_mutex};
     client.waiting_call.store(request ? request->call : 0);
-    const bool posted = question.leaves ? postToServer(*client.server, request)
-                                        : handOver(client.server->message_queue, request, -1);
-    if (posted) {
+    const bus_mk_sent sent = question.leaves ? postToServer(*client.server, request)
+                                             : handOver(client.server->message_queue, request, -1);
+    if (sent == bus_mk_sent::kDone) {
         client.call_response.reset();
     } else {
         client.waiting_call.store(0);
     }
-    return posted;
+    return sent;
 }
 
 // Posts a request and waits for its answer. Run in the node's turn.
-Call exchange(client_t &client, const Question &question, const Deadline &deadline,
-              char **response) noexcept {
+Call exchange(client_t &client, const Question &question, char **response) noexcept {
     const std::uint64_t number =
         1 + client.server->counters.calls.fetch_add(1, std::memory_order_relaxed);
     MessagePtr request = newRequest(client, question, number);
-    const bool made = request != nullptr;
-    if (!post(client, question, request)) {
-        return refuse(client, question, made);
+    const bus_mk_sent sent = post(client, question, request);
+    if (sent != bus_mk_sent::kDone) {
+        return refuse(client, question, sent);
     }
     count(client.counters.sent);
     lookForAnswer(client, number);
     const bus_mk_guard lock{client.oncall_mutex};
-    if (!awaitAnswer(client, number, question, deadline)) {
+    const Call result = awaitAnswer(client, number, question);
+    if (result != Call::kAnswered) {
         client.waiting_call.store(0);
-        return timeOut(client, question);
+        return result;
     }
     *response = client.call_response.get();
     count(client.counters.calls_answered);
@@ -218,7 +217,7 @@ Call exchange(client_t &client, const Question &question, const Deadline &deadli
     if (question.taker) {
         *question.taker = std::move(client.call_response);
     }
-    return Call::kAnswered;
+    return result;
 }
 
 bool postResponse(client_t &client, const message_t &request, const char *text) noexcept {
@@ -229,11 +228,11 @@ bool postResponse(client_t &client, const message_t &request, const char *text) 
         response->call = request.call;
         BUS_CLIENT_TRACE("==>", &client, response.get());
     }
-    const bool posted = postToServer(*client.server, response);
-    if (posted) {
-        count(client.counters.sent);
+    if (postToServer(*client.server, response) != bus_mk_sent::kDone) {
+        return false;
     }
-    return posted;
+    count(client.counters.sent);
+    return true;
 }
 
 void countRefusal(client_t &client, Call result) noexcept {
@@ -242,43 +241,73 @@ void countRefusal(client_t &client, Call result) noexcept {
     }
 }
 
-Call callInTurn(client_t &client, const Question &question, char **response) noexcept {
-    const Deadline deadline = deadlineOf(*client.server);
+// A node that joins by a call of its own gets the bus's notices too, as busClientConnect sees to.
+// The answer to its call stays the node's.
+void followNotices(client_t &client, const Deadline &deadline, char **response) noexcept {
+    bus_mk_text answer;
+    {
+        const bus_mk_guard lock{client.oncall_mutex};
+        answer = std::move(client.call_response);
+    }
+    bus_mk_text ignored;
     count(client.counters.calls_made);
-    const Turn turn{client, deadline};
+    countRefusal(client,
+                 exchange(client,
+                          {kSubscribeUrl, kEventSubscription,
+                           static_cast<int>(std::strlen(kEventSubscription)), deadline, &ignored},
+                          response));
+    const bus_mk_guard lock{client.oncall_mutex};
+    client.call_response = std::move(answer);
+    *response = client.call_response.get();
+}
+
+Call callInTurn(client_t &client, const Question &question, char **response) noexcept {
+    count(client.counters.calls_made);
+    const Turn turn{client, question.deadline};
     if (!turn.owned()) {
         return timeOut(client, question);
     }
     Call result = Call::kRefused;
+    const bool joins = !client.registered.load(std::memory_order_acquire);
     // Looked at now: the node may have left during another call.
     if (mayCall(client, question.url)) {
-        result = exchange(client, question, deadline, response);
+        result = exchange(client, question, response);
     } else {
         logExited(client.name.get(), question.url);
     }
     countRefusal(client, result);
+    if (joins && !question.taker && client.registered.load(std::memory_order_acquire)) {
+        followNotices(client, question.deadline, response);
+    }
     return result;
 }
 
 } // namespace
 
-Call call(client_t &client, const char *url, const char *data, int len,
+Deadline deadlineOf(const server_t &server) noexcept {
+    if (server.call_timeout <= 0) {
+        return std::nullopt;
+    }
+    return std::chrono::steady_clock::now() + std::chrono::milliseconds{server.call_timeout};
+}
+
+Call call(client_t &client, const char *url, std::string_view data, const Deadline &deadline,
           bus_mk_text &answer) noexcept {
     char *response = nullptr;
-    return callInTurn(client, {url, data, len, false, &answer}, &response);
+    return callInTurn(client, {url, data.data(), static_cast<int>(data.size()), deadline, &answer},
+                      &response);
 }
 
 void leaveBus(client_t &client) noexcept {
-    const Question question{kDisjoinUrl, nullptr, 0, true, nullptr};
-    const Deadline deadline = deadlineOf(*client.server);
+    const Question question{kDisjoinUrl, nullptr, 0, deadlineOf(*client.server), nullptr, true};
     // Owned for all steps, or another thread's join could come between them.
-    const Turn turn{client, deadline};
+    const Turn turn{client, question.deadline};
     // A node that has departed is taken off at any moment, and would be handed no answer then.
     const bool onBus = client.registered.load(std::memory_order_acquire) && !client.departed.load();
     if (turn.owned() && onBus && isRunning(*client.server)) {
         char *response = nullptr;
         count(client.counters.calls_made);
-        countRefusal(client, exchange(client, question, deadline, &response));
+        countRefusal(client, exchange(client, question, &response));
     } else {
         logExited(client.name.get(), question.url);
     }
@@ -296,9 +325,9 @@ void depart(client_t &client) noexcept {
     client_t *const record = retain(client);
     record->next_departed = server.departed.load(std::memory_order_relaxed);
     while (!server.departed.compare_exchange_weak(record->next_departed, record)) {}
-    // Only to wake the server: when this is lost, it has messages to wake it.
+    // Only to wake the server: where this is lost, it looks when it has handled its next message.
     MessagePtr wakeUp = ownMessage(client, nullptr, action::kDepart, nullptr, 0);
-    if (postToServer(server, wakeUp)) {
+    if (postToServer(server, wakeUp) == bus_mk_sent::kDone) {
         count(client.counters.sent);
     }
 }
@@ -342,6 +371,7 @@ char *busClientCall(client_t *client, const char *url, const char *data, int len
         return nullptr;
     }
     char *response = nullptr;
-    bus::callInTurn(*client, {url, data, len, false, nullptr}, &response);
+    bus::callInTurn(*client, {url, data, len, bus::deadlineOf(*client->server), nullptr},
+                    &response);
     return response;
 }

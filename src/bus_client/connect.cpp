@@ -80,9 +80,9 @@ ClientPtr newClient(server_t *server, const char *name) noexcept {
 
 // False when the node is not to be: the bus did not take it or gave no answer in time, or memory is
 // short. A join that finds the bus's queue full is none of these: the node is then not on the bus.
-bool join(client_t &client) noexcept {
+bool join(client_t &client, const Deadline &deadline) noexcept {
     bus_mk_text response;
-    const Call result = call(client, kJoinUrl, nullptr, 0, response);
+    const Call result = call(client, kJoinUrl, {}, deadline, response);
     const bool joined =
         result == Call::kAnswered && client.registered.load(std::memory_order_acquire);
     if (!joined && result != Call::kRefused) {
@@ -102,30 +102,47 @@ bool isTaken(const server_t &server, const char *name) noexcept {
     return bus_mk_q_visit(server.nodes_queue, visit, const_cast<char *>(name)) != 0;
 }
 
-// Lets go of a node that makes no call any more.
-void abandon(ClientPtr client) noexcept {
+// Takes a node that makes no call any more out of everybody's reach. What calls it has still waits:
+// for good where it never ran, or where the bus looked away while the last of them came.
+void abandon(client_t &client) noexcept {
     // Whatever else holds the record: it may be on the bus, or a join of it may still be queued.
-    if (client->references.load(std::memory_order_acquire) > 1) {
-        depart(*client);
+    if (client.references.load(std::memory_order_acquire) > 1) {
+        depart(client);
+    }
+    while (const MessagePtr request = takeRequest(client)) {
+        countAlone(client.counters.taken);
+        answerRequest(client, *request, nullptr);
     }
 }
 
 // The two requests that change a node's subscriptions, and what they are called in the log.
-int changeTopics(client_t *client, const char *jsondata, const char *url,
-                 const char *verb) noexcept {
-    if (!client || !client->server || !jsondata) {
-        return -1;
-    }
-    BUS_LOG(2, "  %s %s %s begin, %s\n", kClientTag, client->name.get(), verb, jsondata);
-    if (!fitsPayload(std::strlen(jsondata)) || !isJsonArray(jsondata)) {
+struct Change {
+    const char *url;
+    const char *verb;
+};
+constexpr Change kSubscribe{kSubscribeUrl, "subscribe"};
+constexpr Change kUnsubscribe{kUnsubscribeUrl, "unsubscribe"};
+
+int changeTopics(client_t &client, const char *jsondata, const Change &change,
+                 const Deadline &deadline) noexcept {
+    BUS_LOG(2, "  %s %s %s begin, %s\n", kClientTag, client.name.get(), change.verb, jsondata);
+    const std::string_view topics{jsondata};
+    if (!fitsPayload(topics.size()) || !isJsonArray(jsondata)) {
         logFormatError();
         return -1;
     }
     bus_mk_text response;
-    call(*client, url, jsondata, static_cast<int>(std::strlen(jsondata)), response);
-    BUS_LOG(1, "  %s %s %s end, payload: %s\n", kClientTag, client->name.get(), verb,
+    call(client, change.url, topics, deadline, response);
+    BUS_LOG(1, "  %s %s %s end, payload: %s\n", kClientTag, client.name.get(), change.verb,
             orNull(response.get()));
     return 0;
+}
+
+int changeTopics(client_t *client, const char *jsondata, const Change &change) noexcept {
+    if (!client || !client->server || !jsondata) {
+        return -1;
+    }
+    return changeTopics(*client, jsondata, change, deadlineOf(*client->server));
 }
 
 } // namespace
@@ -155,21 +172,22 @@ client_t *busClientConnect(Zelvo_t *busManager, const char *name, onmessage_call
     client->onmessage_func = onmessage;
     client->oncall_func = oncall;
     client->userdata = userdata;
-    if (!bus::join(*client)) {
+    const bus::Deadline deadline = bus::deadlineOf(*server);
+    if (!bus::join(*client, deadline)) {
         BUS_LOG(5, "  %s connect failed\n", bus::kClientTag);
-        bus::abandon(std::move(client));
+        bus::abandon(*client);
         return nullptr;
     }
-    busClientSubscribe(client.get(), bus::kEventSubscription);
+    bus::changeTopics(*client, bus::kEventSubscription, bus::kSubscribe, deadline);
     return client.release();
 }
 
 int busClientSubscribe(client_t *client, const char *jsondata) noexcept {
-    return bus::changeTopics(client, jsondata, bus::kSubscribeUrl, "subscribe");
+    return bus::changeTopics(client, jsondata, bus::kSubscribe);
 }
 
 int busClientUnsubscribe(client_t *client, const char *jsondata) noexcept {
-    return bus::changeTopics(client, jsondata, bus::kUnsubscribeUrl, "unsubscribe");
+    return bus::changeTopics(client, jsondata, bus::kUnsubscribe);
 }
 
 int busClientClose(client_t *client) noexcept {
@@ -179,12 +197,8 @@ int busClientClose(client_t *client) noexcept {
     if (client->registered.load(std::memory_order_acquire)) {
         bus::leaveBus(*client);
     }
-    // Whoever called a node that never ran still waits.
-    while (const bus::MessagePtr request = bus::takeRequest(*client)) {
-        bus::countAlone(client->counters.taken);
-        bus::answerRequest(*client, *request, nullptr);
-    }
+    bus::abandon(*client);
     BUS_LOG(3, "  %s %s close\n", bus::kClientTag, client->name.get());
-    bus::abandon(bus::ClientPtr{client});
+    bus::release(client);
     return 0;
 }

@@ -7,6 +7,10 @@
 #include "bus_protocol.h"
 #include "bus_server_ex.h"
 
+#include <chrono>
+#include <optional>
+#include <string_view>
+
 struct Zelvo_t {
     bus::server_t *server; // null when making it failed
 };
@@ -26,12 +30,18 @@ MessagePtr ownMessage(client_t &client, const char *topic, const char *action, c
 // The line of arguments that are refused.
 void logFormatError() noexcept;
 
-// How a call went. Only for the first is there an answer; for the middle two nothing was sent.
-enum class Call { kAnswered, kRefused, kNoMemory, kTimedOut };
+// When a call ends at the latest; nothing: never.
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;
+// That of a call which is made now.
+Deadline deadlineOf(const server_t &server) noexcept;
+
+// How a call went. Only for the first is there an answer; for the next two nothing was sent.
+// kStopped: a leave request, and the bus has stopped.
+enum class Call { kAnswered, kRefused, kNoMemory, kTimedOut, kStopped };
 
 // Calls url and waits; answer is then the answer (may be null), out of reach of other threads that
 // call through the node.
-Call call(client_t &client, const char *url, const char *data, int len,
+Call call(client_t &client, const char *url, std::string_view data, const Deadline &deadline,
           bus_mk_text &answer) noexcept;
 
 // Takes the node off the bus for good, if it is on it: it makes no call and joins no more. Waits

@@ -9,14 +9,16 @@ namespace {
 bool post(client_t &client, const char *topic, const char *action, const char *data,
           int len) noexcept {
     MessagePtr message = ownMessage(client, topic, action, data, len);
-    if (!message) {
-        count(client.counters.no_memory);
+    if (message) {
+        BUS_CLIENT_TRACE("==>", &client, message.get());
+    }
+    const bus_mk_sent sent = handOver(client.server->message_queue, message, -1);
+    if (sent != bus_mk_sent::kDone) {
+        countLost(sent, client.counters.bus_full, client.counters.no_memory);
         return false;
     }
-    BUS_CLIENT_TRACE("==>", &client, message.get());
-    const bool posted = handOver(client.server->message_queue, message, -1);
-    count(posted ? client.counters.sent : client.counters.bus_full);
-    return posted;
+    count(client.counters.sent);
+    return true;
 }
 
 int publish(client_t *client, const char *topic, const char *action, const char *data,

@@ -66,17 +66,17 @@ bool dispatch(client_t &client, const message_t &message) noexcept {
 
 // Memory may come back, and a node that is not asked to stop keeps its thread; a full queue is told
 // at once.
-bool postExit(client_t &client) noexcept {
-    for (int attempt = 0; attempt < kShortageAttempts; ++attempt, platform::yieldThread()) {
+bus_mk_sent postExit(client_t &client) noexcept {
+    bus_mk_sent sent = bus_mk_sent::kNoMemory;
+    for (int attempt = 0; attempt < kShortageAttempts && sent == bus_mk_sent::kNoMemory;
+         ++attempt) {
+        if (attempt > 0) {
+            platform::yieldThread();
+        }
         MessagePtr message = ownMessage(client, nullptr, action::kExit, nullptr, 0);
-        if (handOver(client.message_queue, message, 0)) {
-            return true;
-        }
-        if (bus_mk_q_full(client.message_queue)) {
-            break;
-        }
+        sent = handOver(client.message_queue, message, 0);
     }
-    return false;
+    return sent;
 }
 
 } // namespace
@@ -102,8 +102,9 @@ int busClientSpinExit(client_t *client) noexcept {
         return 0;
     }
     BUS_LOG(3, "  %s %s exit begin\n", bus::kClientTag, client->name.get());
-    if (!bus::postExit(*client)) {
-        bus::count(client->counters.own_full);
+    const bus_mk_sent sent = bus::postExit(*client);
+    if (sent != bus_mk_sent::kDone) {
+        bus::countLost(sent, client->counters.own_full, client->counters.no_memory);
         BUS_LOG(4, "  %s %s message queue is full\n", bus::kClientTag, client->name.get());
     }
     return 0;

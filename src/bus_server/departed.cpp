@@ -32,6 +32,9 @@ void takeOff(server_t &server, node_t &entry) noexcept {
 }
 
 void takeOffDeparted(server_t &server) noexcept {
+    if (!server.departed.load(std::memory_order_relaxed)) {
+        return;
+    }
     for (client_t *next = server.departed.exchange(nullptr); next;) {
         const ClientPtr client{next};
         next = client->next_departed;

@@ -19,14 +19,15 @@ inline constexpr char kServerTag[] = "Vek-server";
 int _busServerLogMessage(int level, const char *direction, const server_t *server,
                          const message_t *message, const char *target, int line) noexcept;
 
-// Sends message to a node. Not taken: it is counted and logged by logFull(), and is the caller's.
+// Sends message to a node. Not taken: it is counted, and logged by logFull(), and is the caller's.
 template <typename LogFull>
 bool sendToNode(server_t &server, client_t &client, MessagePtr &message, LogFull logFull) noexcept {
-    if (handOver(client.message_queue, message, -1)) {
+    const bus_mk_sent sent = handOver(client.message_queue, message, -1);
+    if (sent == bus_mk_sent::kDone) {
         countAlone(server.counters.sent);
         return true;
     }
-    countAlone(client.counters.queue_full);
+    countLost(sent, client.counters.queue_full, server.counters.no_memory);
     logFull();
     return false;
 }
@@ -83,7 +84,8 @@ void endCall(server_t &server, const message_t &request) noexcept;
 
 // Takes an entry off registry and directory; it is the caller's to free.
 void takeOff(server_t &server, node_t &entry) noexcept;
-// Takes off the bus the nodes that have gone without waiting for it.
+// Takes off the bus the nodes that have gone without waiting for it, and answers the calls that
+// wait for them. Costs a load where there is none.
 void takeOffDeparted(server_t &server) noexcept;
 
 // ---- service.cpp, keys.cpp, deadlock.cpp ----

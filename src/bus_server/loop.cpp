@@ -39,7 +39,7 @@ bool forward(server_t &server, const Request &request, const node_t &target) noe
     MessagePtr copy{asItIs ? nullptr : copyForRequest(message, message.name)};
     MessagePtr &sent = asItIs ? request.taken : copy;
     if (!sent) {
-        countAlone(server.counters.no_memory);
+        count(server.counters.no_memory);
         return false;
     }
     BUS_SERVER_TRACE("==>", &server, sent.get(), client.name.get());
@@ -140,6 +140,9 @@ bool deliver(client_t &client, const message_t &response, const payload_t *paylo
         if (client.call_response) {
             std::memcpy(client.call_response.get(), payload->data, length);
             client.call_response.get()[length] = '\0';
+        } else {
+            count(client.counters.no_memory);
+            BUS_LOG(5, "  %s response failed\n", kServerTag);
         }
     }
     client.waiting_call.store(0);
@@ -276,15 +279,16 @@ Answered answer(server_t &server, const message_t &request, std::string_view tex
                                              static_cast<int>(text.size())));
     }
     if (!response) {
-        countAlone(server.counters.no_memory);
+        count(server.counters.no_memory);
         BUS_LOG(5, "  %s response failed\n", kServerTag);
         endCall(server, request);
         return Answered::kNotMade;
     }
     response->call = request.call;
     BUS_SERVER_TRACE("==>", &server, response.get(), server.name.get());
-    if (!postToServer(server, response)) {
-        count(server.counters.queue_full);
+    const bus_mk_sent sent = postToServer(server, response);
+    if (sent != bus_mk_sent::kDone) {
+        countLost(sent, server.counters.queue_full, server.counters.no_memory);
         endCall(server, request);
         return Answered::kRefused;
     }
@@ -311,10 +315,12 @@ int busServerRun(server_t *server) noexcept {
         MessagePtr message{static_cast<message_t *>(bus_mk_q_recv(server->message_queue, 0, 0, 1))};
         if (message) {
             countAlone(server->counters.taken);
-            if (server->departed.load(std::memory_order_relaxed)) {
-                takeOffDeparted(*server);
-            }
+            takeOffDeparted(*server);
             dispatch(*server, message);
+            // The message may have been a call to a node that has gone meanwhile, and whose wake-up
+            // was lost. Such a node looks at its queue once more after it has put itself on the
+            // list: one of the two finds the call.
+            takeOffDeparted(*server);
         }
     }
     BUS_LOG(3, "  %s spin exit\n", kServerTag);

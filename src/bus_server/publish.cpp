@@ -30,15 +30,19 @@ void keepSticky(server_t &server, MessagePtr message) noexcept {
         return;
     }
     server.directory.prune(message->topic);
-    if (!bus_mk_q_full(server.sticky_queue)) {
-        countAlone(server.counters.no_memory);
+    if (bus_mk_q_full(server.sticky_queue)) {
+        countAlone(server.counters.sticky_full);
+        BUS_LOG(2, "  %s %s sticky topic %s not kept, store is full\n", kServerTag, message->name,
+                message->topic);
+    } else {
+        count(server.counters.no_memory);
         BUS_LOG(5, "  %s %s sticky topic %s not kept\n", kServerTag, message->name, message->topic);
     }
 }
 
 void sendCopy(server_t &server, client_t &client, MessagePtr copy) noexcept {
     if (!copy) {
-        countAlone(server.counters.no_memory);
+        count(server.counters.no_memory);
         return;
     }
     BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
@@ -74,10 +78,12 @@ bool publishNotice(server_t &server, const char *topic, std::string_view text) n
     const MessagePtr notice{busClientExMessageNew(kServerName, topic, nullptr, action::kPublish,
                                                   &server, kNoRequest, text.data(),
                                                   static_cast<int>(text.size()))};
-    if (notice) {
-        _busServerPublish(&server, notice.get());
+    if (!notice) {
+        count(server.counters.no_memory);
+        return false;
     }
-    return notice != nullptr;
+    _busServerPublish(&server, notice.get());
+    return true;
 }
 
 void replaySticky(server_t &server, const node_t &node, const char *topic) noexcept {
@@ -87,7 +93,7 @@ void replaySticky(server_t &server, const node_t &node, const char *topic) noexc
     }
     MessagePtr copy{busClientExMessageCopy(entry->sticky)};
     if (!copy) {
-        countAlone(server.counters.no_memory);
+        count(server.counters.no_memory);
         return;
     }
     client_t &client = *node.node;
@@ -110,7 +116,7 @@ void _busServerPublishSticky(server_t &server, MessagePtr &taken) noexcept {
     }
     MessagePtr copy{copyWithAction(message, action::kPublish)};
     if (!copy) {
-        countAlone(server.counters.no_memory);
+        count(server.counters.no_memory);
         return;
     }
     _busServerPublish(&server, copy.get());
@@ -129,7 +135,7 @@ void _busServerRemoveSticky(server_t &server, MessagePtr &taken) noexcept try {
         }
     });
 } catch (const std::bad_alloc &) {
-    countAlone(server.counters.no_memory);
+    count(server.counters.no_memory);
     BUS_LOG(5, "  %s %s removeSticky failed\n", kServerTag, taken->name);
 }
 

@@ -30,14 +30,16 @@ MessagePtr exitMessage(server_t &server) noexcept {
 
 // False: memory stayed short, and the loop goes on.
 bool postExit(server_t &server) noexcept {
+    bus_mk_sent sent = bus_mk_sent::kNoMemory;
     for (int attempt = 0; attempt < kShortageAttempts; ++attempt, platform::yieldThread()) {
         MessagePtr exit = exitMessage(server);
-        if (postToServer(server, exit)) {
+        sent = postToServer(server, exit);
+        if (sent == bus_mk_sent::kDone) {
             count(server.counters.posted);
             return true;
         }
     }
-    count(server.counters.queue_full);
+    countLost(sent, server.counters.queue_full, server.counters.no_memory);
     return false;
 }
 
@@ -147,12 +149,8 @@ int sticky_topic_equal(void *a, void *b) noexcept {
                                         : -1;
 }
 
-bool postToServer(server_t &server, MessagePtr &message) noexcept {
-    if (!message || bus_mk_q_send_beyond(server.message_queue, message.get(), kServerQueue) != 0) {
-        return false;
-    }
-    static_cast<void>(message.release());
-    return true;
+bus_mk_sent postToServer(server_t &server, MessagePtr &message) noexcept {
+    return handOver(server.message_queue, message, -1, kServerQueue);
 }
 
 } // namespace bus

@@ -42,6 +42,23 @@ std::unique_ptr<node_t> newEntry(const char *name, client_t *client) noexcept {
     return entry;
 }
 
+// Puts client on the bus. False, and the reason in the log, unless it has gone: it is not.
+bool admit(server_t &server, client_t &client, const char *name) noexcept {
+    if (client.departed.load()) {
+        return false;
+    }
+    if (server.directory.nodes() >= kServerQueue) {
+        BUS_LOG(4, "  %s %s join failed, registry is full\n", kServerTag, name);
+        return false;
+    }
+    if (!store(server, newEntry(name, &client))) {
+        count(server.counters.no_memory);
+        BUS_LOG(5, "  %s %s join failed\n", kServerTag, name);
+        return false;
+    }
+    return true;
+}
+
 Answer _join(const Service &call) {
     const char *const name = call.request.name;
     node_t *const holder = call.server.directory.find(name);
@@ -61,8 +78,7 @@ Answer _join(const Service &call) {
     // Made first: what can fail for lack of memory fails while the registry is unchanged.
     std::string accepted{kEmptyAnswer};
     const std::string notice = joinNotice(name);
-    const bool wanted = client && !client->departed.load();
-    if (!wanted || !store(call.server, newEntry(name, client))) {
+    if (!client || !admit(call.server, *client, name)) {
         endCall(call.server, call.request); // an answer by name would find nobody
         return std::nullopt;
     }
@@ -136,7 +152,7 @@ Answer _nodes(const Service &call) {
     if (!array || bus_mk_q_visit(call.server.nodes_queue, appendName, array) != 0) {
         return std::string{kNoNodesAnswer};
     }
-    const bus_mk_text printed{cJSON_Print(object.get())};
+    const JsonText printed{cJSON_Print(object.get())};
     return printed ? std::string{printed.get()} : std::string{};
 }
 
@@ -202,6 +218,7 @@ void _busServerService(server_t &server, const Request &request) noexcept {
             answer(server, message, *text);
         }
     } catch (const std::bad_alloc &) {
+        count(server.counters.no_memory);
         BUS_LOG(5, "  %s response failed\n", kServerTag);
         endCall(server, message);
     }
