@@ -16,11 +16,9 @@ const std::string kStored = "{\"data\":\"\"}";
 class AskedBus {
 public:
     AskedBus(const std::string &log, const std::string &home)
-        : bus_{R"({"level":3,"path":")" + log + R"(","homePath":")" + home + R"("})"} {}
+        : bus_{3, R"(,"path":")" + log + R"(","homePath":")" + home + '"'} {}
 
-    std::string ask(const char *url, const std::string &data) {
-        return node_.call(url, data.data(), static_cast<int>(data.size()));
-    }
+    std::string ask(const char *url, const std::string &data) { return node_.call(url, data); }
     std::string set(const std::string &value, const char *persist = "true") {
         return ask("/localKeys/k", R"({"operation":"set","persist":")" + std::string{persist} +
                                        R"(","data":)" + value + "}");
@@ -28,8 +26,8 @@ public:
     std::string get() { return ask("/localKeys/k", R"({"operation":"get"})"); }
 
 private:
-    RunningBus bus_;
-    RunningNode node_{bus_.get(), "node"};
+    Bus bus_;
+    Node node_{bus_, "node"};
 };
 
 class BrokenDisk : public testing::Test {
