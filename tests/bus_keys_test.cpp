@@ -4,6 +4,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <random>
 #include <thread>
@@ -29,7 +30,9 @@ protected:
     std::string get(const std::string &key) { return request(key, R"({"operation":"get"})"); }
     std::string file(const char *name) const { return home_ + "/" + name; }
     void write(const std::string &text) { std::ofstream{file_, std::ios::binary} << text; }
-    bool exists(const char *name) const { return std::filesystem::exists(file(name)); }
+    bool exists(const char *name) const {
+        return std::filesystem::exists(std::filesystem::path{home_} / name);
+    }
     std::string read(const char *name) const { return readFile(file(name)); }
     void restart() { restart(home_); }
     void restart(const std::string &home) {
@@ -93,38 +96,130 @@ TEST_F(Keys, only_persisted_values_survive) {
     restart();
     EXPECT_EQ(get("kept"), "1");
     EXPECT_EQ(get("lost"), kNothing);
-    EXPECT_FALSE(exists("keys.json.new"));
+    EXPECT_EQ(entries(home_), 1);
 }
 
-TEST_F(Keys, unreadable_store_is_kept_aside) {
+TEST_F(Keys, file_that_is_no_store_is_set_aside_when_the_store_is_written) {
     const std::pair<const char *, std::string> kCases[] = {
         {"keys.json.bad", "[1]"},
         {"keys.json.bad.1", "{\"cut\":"},
         {"keys.json.bad.2", "{} and more"},
         {"keys.json.bad.3", std::string("{}\0{}", 5)}};
     for (const auto &[aside, text] : kCases) {
+        restart();
         write(text);
         startLog(5);
         EXPECT_EQ(get("a"), kNothing);
-        EXPECT_TRUE(says(log(), file_ + " is no key store, kept as " + file_)) << aside;
+        EXPECT_EQ(read("keys.json"), text);
+        persist("a", "1");
+        EXPECT_TRUE(says(log(), file_ + " is no key store, kept as " + file(aside) + "\n"));
         EXPECT_EQ(read(aside), text);
-        EXPECT_FALSE(exists("keys.json"));
+        EXPECT_EQ(read("keys.json"), "{\n\t\"a\":\t1\n}");
     }
-    persist("a", "1");
-    EXPECT_EQ(read("keys.json"), "{\n\t\"a\":\t1\n}");
     restart();
     write("");
     persist("b", "2"); // an empty file holds nothing to keep
     EXPECT_FALSE(exists("keys.json.bad.4"));
 }
 
-TEST_F(Keys, store_that_cannot_be_read_or_written_is_reported_and_left) {
-    std::filesystem::create_directory(file_);
-    startLog(5);
-    EXPECT_EQ(persist("a", "1"), kNothing);
-    EXPECT_TRUE(says(log(), "  Vek-server fopen failed, file: " + file_ + "\n"));
-    EXPECT_TRUE(std::filesystem::is_directory(file_));
-    EXPECT_EQ(get("a"), "1");
+// Runs body while something else has the file's name: a link to target, or a directory.
+bool whileReplaced(const std::string &file, const char *target, const std::function<void()> &body) {
+    std::error_code error;
+    std::filesystem::rename(file, file + ".away");
+    target ? std::filesystem::create_symlink(target, file, error)
+           : static_cast<void>(std::filesystem::create_directory(file, error));
+    if (!error) {
+        body();
+    }
+    std::filesystem::remove(file);
+    std::filesystem::rename(file + ".away", file);
+    return !error;
+}
+
+TEST_F(Keys, store_that_cannot_be_read_is_left_and_taken_over_once_it_can) {
+    const char *const kShort = "/sys/kernel/uevent_seqnum"; // has more bytes than can be read
+    const std::string notOpened = "  Vek-server fopen failed, file: " + file_ + "\n";
+    const std::pair<std::function<bool(const std::function<void()> &)>, std::string> kCases[] = {
+        {[&](auto &body) { return whileReplaced(file_, nullptr, body); }, notOpened},
+        {[&](auto &body) { return whileReplaced(file_, "keys.json", body); }, notOpened},
+        {[&](auto &body) { return exists(kShort) && whileReplaced(file_, kShort, body); },
+         "  Vek-server read localKeys error\n"},
+        {withoutFiles, notOpened}};
+    for (const auto &[broken, line] : kCases) {
+        restart();
+        write(R"({"old":1})");
+        startLog(5);
+        const bool ran = broken([&] {
+            EXPECT_EQ(get("old"), kNothing);
+            EXPECT_EQ(persist("new", "2"), kNothing);
+            EXPECT_EQ(get("new"), "2");
+        });
+        EXPECT_EQ(::count(log(), line), ran ? 3U : 0U) << line;
+        EXPECT_EQ(read("keys.json"), R"({"old":1})") << line;
+        EXPECT_EQ(get("old"), "1") << line;
+        persist("OLD", "3");
+        EXPECT_EQ(read("keys.json"),
+                  ran ? "{\n\t\"new\":\t2,\n\t\"OLD\":\t3\n}" : "{\n\t\"OLD\":\t3\n}");
+        EXPECT_EQ(entries(home_), 1) << line;
+    }
+}
+
+TEST_F(Keys, file_that_comes_after_the_first_look_is_taken_over) {
+    EXPECT_EQ(set("new", "2"), kNothing);
+    write(R"({"old":1})");
+    persist("newer", "3");
+    EXPECT_EQ(read("keys.json"), "{\n\t\"old\":\t1,\n\t\"new\":\t2,\n\t\"newer\":\t3\n}");
+}
+
+TEST_F(Keys, mode_and_link_stay) {
+    using std::filesystem::perms;
+    const auto mode = [](const std::string &name) {
+        return std::filesystem::status(name).permissions();
+    };
+    const std::string target = file("target");
+    std::error_code error;
+    std::filesystem::create_symlink("target", file_, error);
+    if (error) {
+        GTEST_SKIP() << "no links on this system";
+    }
+    persist("a", "1"); // the link leads nowhere
+    EXPECT_EQ(mode(target), perms::owner_read | perms::owner_write);
+    std::filesystem::permissions(target, perms{0646});
+    persist("a", "2");
+    EXPECT_EQ(mode(target), perms{0646});
+    std::ofstream{target} << "[1]";
+    restart();
+    persist("a", "3");
+    EXPECT_EQ(readFile(target), "{\n\t\"a\":\t3\n}");
+    EXPECT_EQ(read("target.bad"), "[1]");
+    EXPECT_TRUE(std::filesystem::is_symlink(file_));
+    EXPECT_EQ(entries(home_), 3);
+}
+
+// What one may do to root's file in root's directory.
+TEST_F(Keys, file_in_a_directory_that_cannot_be_written_is_written_in_place) {
+    using std::filesystem::perms;
+    for (const perms directory : {perms{0755}, perms{01777}}) { // sticky: new files, no others
+        restart();
+        write(R"({"a":1})");
+        std::filesystem::permissions(home_, directory);
+        std::filesystem::permissions(file_, perms{0666});
+        startLog(4);
+        const bool ran = asNobody([&] {
+            persist("a", "2");
+            persist("a", "3");
+        });
+        EXPECT_EQ(::count(log(), file_ + " can't be replaced"), ran ? 1U : 0U);
+        if (!ran) {
+            GTEST_SKIP() << "needs root";
+        }
+        EXPECT_EQ(read("keys.json"), "{\n\t\"a\":\t3\n}");
+        restart();
+        write("[1]"); // can't be set aside, and so stays
+        asNobody([&] { persist("a", "4"); });
+        EXPECT_EQ(read("keys.json"), "[1]");
+        EXPECT_EQ(entries(home_), 1);
+    }
 }
 
 TEST_F(Keys, home_is_named_in_utf8) {
@@ -170,6 +265,9 @@ TEST_F(Keys, killed_process_leaves_a_whole_store) {
         EXPECT_NE(text, before) << i;
         before = text;
     }
+    restart();
+    persist("first", "0");
+    EXPECT_EQ(entries(home_), 1); // what the killed have left is gone
 }
 
 } // namespace

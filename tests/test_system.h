@@ -19,6 +19,9 @@ int scaled(int rounds);
 // Runs body while the process can open no further file. False: not run, the system can't do that.
 bool withoutFiles(const std::function<void()> &body);
 
+// Runs body with the rights of a user who owns nothing. False: not run, which only root can do.
+bool asNobody(const std::function<void()> &body);
+
 // Runs body while no file can grow beyond a size, as on a full disk. False: not run, as above.
 bool withFullDisk(std::size_t size, const std::function<void()> &body);
 

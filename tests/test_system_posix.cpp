@@ -35,6 +35,15 @@ bool withoutFiles(const std::function<void()> &body) {
     return true;
 }
 
+bool asNobody(const std::function<void()> &body) {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() != 0 || seteuid(kNobody) != 0) {
+        return false;
+    }
+    body();
+    return seteuid(0) == 0;
+}
+
 bool withFullDisk(std::size_t size, const std::function<void()> &body) {
     const auto handler = std::signal(SIGXFSZ, SIG_IGN);
     withLimit(RLIMIT_FSIZE, size, body);

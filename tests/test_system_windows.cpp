@@ -24,6 +24,10 @@ bool withoutFiles(const std::function<void()> & /*body*/) {
     return false;
 }
 
+bool asNobody(const std::function<void()> & /*body*/) {
+    return false;
+}
+
 bool withFullDisk(std::size_t /*size*/, const std::function<void()> & /*body*/) {
     return false;
 }

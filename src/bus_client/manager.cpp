@@ -22,6 +22,9 @@ public:
     bool isTrue(const char *member) const noexcept {
         return cJSON_IsTrue(cJSON_GetObjectItem(json_.get(), member)) != 0;
     }
+    bool isFalse(const char *member) const noexcept {
+        return cJSON_IsFalse(cJSON_GetObjectItem(json_.get(), member)) != 0;
+    }
     const char *text(const char *member, const char *absent) const noexcept {
         const cJSON *const item = cJSON_GetObjectItem(json_.get(), member);
         return item ? cJSON_GetStringValue(item) : absent;
@@ -59,6 +62,7 @@ Zelvo_t *busClientNew(const char *jsondata) noexcept try {
     }
     manager->server->call_timeout = config.number("callTimeout", 0);
     manager->server->has_stats = config.isTrue("stats");
+    manager->server->key_file.flush = !config.isFalse("persistSync");
     return manager;
 } catch (const std::bad_alloc &) { // a bus with other settings than the given ones is none
     return nullptr;
