@@ -49,7 +49,7 @@ Zelvo_t *busClientNew(const char *jsondata) noexcept try {
     const Config config{jsondata};
     bus::bus_log_init(config.number("level", 2), config.text("path", nullptr),
                       config.number("mode", 0), static_cast<float>(config.number("size", 20)));
-    BUS_LOG(3, "  %s, VERSION %s, busManager new\n", bus::kClientTag, kVersion);
+    BUS_LOG(3, "  %s, VERSION %s, busManager new\n", bus::TAG, kVersion);
     auto *const manager = new (std::nothrow) Zelvo_t{nullptr};
     if (!manager) {
         return nullptr;
@@ -57,7 +57,7 @@ Zelvo_t *busClientNew(const char *jsondata) noexcept try {
     buses.fetch_add(1);
     manager->server = bus::busServerNew(config.text("homePath", "."));
     if (!manager->server) {
-        BUS_LOG(5, "  %s server new failed\n", bus::kClientTag);
+        BUS_LOG(5, "  %s server new failed\n", bus::TAG);
         return manager;
     }
     manager->server->call_timeout = config.number("callTimeout", 0);
@@ -70,7 +70,7 @@ Zelvo_t *busClientNew(const char *jsondata) noexcept try {
 
 int busClientBindServer(Zelvo_t *busManager) noexcept {
     bus::server_t *const server = serverOf(busManager);
-    BUS_LOG(3, "  %s bindServer running, busManager: %p, server: %p\n", bus::kClientTag,
+    BUS_LOG(3, "  %s bindServer running, busManager: %p, server: %p\n", bus::TAG,
             static_cast<void *>(busManager), static_cast<void *>(server));
     if (server) {
         bus::busServerRun(server);
@@ -79,12 +79,12 @@ int busClientBindServer(Zelvo_t *busManager) noexcept {
 }
 
 int busClientServerExit(Zelvo_t *busManager) noexcept {
-    BUS_LOG(3, "  %s bindServer exit\n", bus::kClientTag);
+    BUS_LOG(3, "  %s bindServer exit\n", bus::TAG);
     return bus::busServerExit(serverOf(busManager));
 }
 
 int busClientDelete(Zelvo_t *busManager) noexcept {
-    BUS_LOG(3, "  %s busManager delete\n", bus::kClientTag);
+    BUS_LOG(3, "  %s busManager delete\n", bus::TAG);
     if (busManager) {
         bus::busServerDelete(busManager->server);
         delete busManager;

@@ -13,7 +13,10 @@
 
 namespace bus {
 
-inline constexpr char kServerTag[] = "Vek-server";
+// Inline, so that a file that sees both modules' insides, as some tests do, has no clash.
+inline namespace server_module {
+inline constexpr char TAG[] = "Vek-server";
+}
 
 // Writes the trace line of a message. direction: "<==" taken, "==>" sent; target: the other end.
 int _busServerLogMessage(int level, const char *direction, const server_t *server,

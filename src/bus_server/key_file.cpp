@@ -25,7 +25,7 @@ std::string fileName(const server_t &server) {
 }
 
 void logReason(const std::string &name, const char *consequence, const std::error_code &error) {
-    BUS_LOG(4, "  %s %s %s: %s\n", kServerTag, name.c_str(), consequence, error.message().c_str());
+    BUS_LOG(4, "  %s %s %s: %s\n", TAG, name.c_str(), consequence, error.message().c_str());
 }
 
 // ---- reading ----
@@ -134,15 +134,15 @@ void logWritten(server_t &server, const std::string &name, platform::FileResult 
         return;
     case platform::FileResult::kDoneInPlace:
         if (!std::exchange(server.key_file.in_place_told, true)) {
-            BUS_LOG(4, "  %s %s can't be replaced as a whole here, it is written in place\n",
-                    kServerTag, name.c_str());
+            BUS_LOG(4, "  %s %s can't be replaced as a whole here, it is written in place\n", TAG,
+                    name.c_str());
         }
         return;
     case platform::FileResult::kNotOpened:
-        BUS_LOG(5, "  %s fopen failed, file: %s\n", kServerTag, name.c_str());
+        BUS_LOG(5, "  %s fopen failed, file: %s\n", TAG, name.c_str());
         break;
     case platform::FileResult::kNotWritten:
-        BUS_LOG(5, "  %s write localKeys error, file: %s\n", kServerTag, name.c_str());
+        BUS_LOG(5, "  %s write localKeys error, file: %s\n", TAG, name.c_str());
         break;
     }
     logReason(name, "is not written", error);
@@ -158,14 +158,13 @@ platform::FileResult replaceStore(const server_t &server, const std::string &fil
     }
     const std::string aside = reserveAside(file, error);
     if (aside.empty()) {
-        BUS_LOG(5, "  %s %s can't be set aside\n", kServerTag, file.c_str());
+        BUS_LOG(5, "  %s %s can't be set aside\n", TAG, file.c_str());
         return platform::FileResult::kNotWritten;
     }
     with.aside = aside.c_str();
     const platform::FileResult result = platform::replaceFile(file.c_str(), with, error);
     if (result == platform::FileResult::kDone) {
-        BUS_LOG(5, "  %s %s is no key store, kept as %s\n", kServerTag, file.c_str(),
-                aside.c_str());
+        BUS_LOG(5, "  %s %s is no key store, kept as %s\n", TAG, file.c_str(), aside.c_str());
     } else {
         platform::removeFile(aside.c_str());
     }
@@ -183,14 +182,14 @@ void _busGetKeys(server_t &server) {
     const platform::FileKind kind = _busGetAccess(name, error);
     if (kind == platform::FileKind::kNone) {
         if (!server.keys) {
-            BUS_LOG(3, "  %s not exist, file: %s\n", kServerTag, name.c_str());
+            BUS_LOG(3, "  %s not exist, file: %s\n", TAG, name.c_str());
         }
         state = State::kAbsent;
         return;
     }
     const FilePtr file = openStore(name, kind, error);
     if (!file) {
-        BUS_LOG(5, "  %s fopen failed, file: %s\n", kServerTag, name.c_str());
+        BUS_LOG(5, "  %s fopen failed, file: %s\n", TAG, name.c_str());
         logReason(name, "is not read, and left as it is", error);
         return;
     }
@@ -203,10 +202,10 @@ void _busGetKeys(server_t &server) {
         take(server, std::move(json), std::move(reading.text));
     }
     if (!reading.whole) {
-        BUS_LOG(5, "  %s read localKeys error\n", kServerTag);
+        BUS_LOG(5, "  %s read localKeys error\n", TAG);
         logReason(name, "is not read to its end, and left as it is", error);
     } else if (!isStore) {
-        BUS_LOG(5, "  %s %s is no key store, and counts as empty\n", kServerTag, name.c_str());
+        BUS_LOG(5, "  %s %s is no key store, and counts as empty\n", TAG, name.c_str());
         state = State::kForeign;
     } else {
         state = State::kTaken;

@@ -104,11 +104,10 @@ void _busServerKeys(server_t &server, const Request &request) noexcept {
         const std::string text =
             hasData ? serve(server, message.payload->data, key.c_str()) : std::string{kEmptyAnswer};
         if (answer(server, message, text) == Answered::kRefused) {
-            BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", kServerTag,
-                    server.name.get());
+            BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", TAG, server.name.get());
         }
     } catch (const std::bad_alloc &) {
-        BUS_LOG(5, "  %s malloc failed\n", kServerTag);
+        BUS_LOG(5, "  %s malloc failed\n", TAG);
         endCall(server, message);
     }
 }
