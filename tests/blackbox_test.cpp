@@ -333,32 +333,6 @@ TEST(Zelvo, nodes_may_leave_while_the_bus_stops) {
     }
 }
 
-TEST(Zelvo, buses_with_one_home_never_tear_its_file) {
-    const TempDir home;
-    const std::string more = R"(,"persistSync":false,"homePath":")" + home.path() + '"';
-    const Bus buses[] = {Bus{4, more}, Bus{4, more}};
-    const std::string values[] = {std::string(50000, '1'), "2"};
-    std::atomic<int> writing{2};
-    inThreads(3, [&](int i) {
-        if (i == 2) {
-            while (writing > 0) {
-                const std::string text = readFile(home.file("keys.json"));
-                ASSERT_TRUE(text.empty() || text == "{\n\t\"k\":\t\"" + values[0] + "\"\n}" ||
-                            text == "{\n\t\"k\":\t\"2\"\n}");
-            }
-            return;
-        }
-        Node node{buses[i], "node"};
-        const std::string set =
-            R"({"operation":"set","persist":"true","data":")" + values[i] + "\"}";
-        for (int n = 0; n < 100; ++n) {
-            EXPECT_EQ(node.call("/localKeys/k", set), kEmpty);
-        }
-        --writing;
-    });
-    EXPECT_EQ(entries(home.path()), 1);
-}
-
 TEST(Zelvo, counters_tell_what_became_of_messages) {
     const Bus bus{5, R"(,"stats":true)"};
     Node a{bus, "a", {}, false};
