@@ -92,8 +92,7 @@ typedef int (*timer_callback)(void *userdata, client_t *client, int type);
  *              4 warnings, 5 errors
  *   "path"     log file (default: standard output)
  *   "mode"     0 empties the log file (the default), any other number appends to it
- *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never; on
- *              Windows never from 2,048 on)
+ *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never)
  *   "homePath" directory of the key store (".")
  *   "persistSync" false: a persisted set does not wait for the disk (true)
  *   "callTimeout" milliseconds that a call, a connect or a subscription waits at most, its turn

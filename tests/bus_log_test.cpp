@@ -74,6 +74,13 @@ TEST_F(Log, line_carries_ids_time_level_and_source) {
     EXPECT_EQ(text(), expectedLine(text(), 'I', source + "#  from the macro\n"));
 }
 
+TEST_F(Log, time_goes_on_after_2038) {
+    using namespace std::chrono;
+    const auto time = sys_days{year{2040} / 1 / 1} + milliseconds{1500};
+    EXPECT_EQ(bus::toTimeval(time).tv_sec, 2208988801);
+    EXPECT_EQ(bus::toTimeval(time).tv_usec, 500000);
+}
+
 TEST_F(Log, threshold_drops_lines_and_evaluates_nothing) {
     BUS_LOG(5, "before the log is open");
     open(2);
@@ -140,6 +147,8 @@ TEST_F(Log, full_file_is_begun_anew) {
                                     write(kSize, 0, {filler, "next"})}) {
         EXPECT_TRUE(anew.starts_with(begin) && anew.ends_with("#next\n")) << anew;
     }
+    std::ofstream{utf8Path(path)}.seekp(std::int64_t{3} << 30).put('\n'); // beyond 32 bits
+    EXPECT_TRUE(write(3072, 1, {"next"}).starts_with("\nlog file size: 3221225473, remove"));
     for (const float never : {0.0F, -1.0F}) {
         EXPECT_GT(write(never, 0, {filler, "x"}).size(), length);
     }
