@@ -19,23 +19,6 @@ bool asNobody(const std::function<void()> &body);
 // Runs body while no file can grow beyond a size, as on a full disk. False: not run, as above.
 bool withFullDisk(std::size_t size, const std::function<void()> &body);
 
-// Runs body while nobody can create or replace the file path, which exists and may be open.
-void whileOccupied(const std::string &path, const std::function<void()> &body);
-
-// A file that can be opened and takes nothing; empty where there is none.
-std::string fullDevice();
-
-// Captures standard error until text() is asked for; on Linux in a pipe, so that no disk is needed.
-class StandardError {
-public:
-    StandardError();
-    std::string text();
-
-private:
-    int saved_ = -1;
-    int ends_[2] = {-1, -1};
-};
-
 // Starts a process that does work, and kills it at some moment in its midst, a number of times;
 // runs look after each. Called while this process has one thread. False: not run, the system can't.
 bool whileKilled(int times, const std::function<void()> &work, const std::function<void()> &look);

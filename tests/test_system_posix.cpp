@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <filesystem>
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -45,35 +44,6 @@ bool withFullDisk(std::size_t size, const std::function<void()> &body) {
     withLimit(RLIMIT_FSIZE, size, body);
     std::signal(SIGXFSZ, handler);
     return true;
-}
-
-void whileOccupied(const std::string &path, const std::function<void()> &body) {
-    std::filesystem::remove(path);
-    std::filesystem::create_directories(path + "/in the way");
-    body();
-    std::filesystem::remove_all(path);
-}
-
-std::string fullDevice() {
-    return "/dev/full";
-}
-
-StandardError::StandardError() : saved_{dup(STDERR_FILENO)} {
-    EXPECT_EQ(pipe(ends_), 0);
-    dup2(ends_[1], STDERR_FILENO);
-    close(ends_[1]);
-}
-
-std::string StandardError::text() {
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    std::string all;
-    char part[1024];
-    for (ssize_t size = 0; (size = read(ends_[0], part, sizeof part)) > 0;) {
-        all.append(part, static_cast<std::size_t>(size));
-    }
-    close(ends_[0]);
-    return all;
 }
 
 bool whileKilled(int times, const std::function<void()> &work, const std::function<void()> &look) {
