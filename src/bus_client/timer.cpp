@@ -185,6 +185,9 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
         BUS_LOG(4, "  %s %s settimer failed, queue is full\n", bus::TAG, client->name.get());
         bus::busClientExTimerDelete(timer);
     }
+    if (sent == bus_mk_sent::kNoMemory) {
+        return -1;
+    }
     for (int attempt = 0; attempt < bus::kShortageAttempts && bus::hasNoMessage(*client) &&
                           !bus::postWakeUp(*client);
          ++attempt) {

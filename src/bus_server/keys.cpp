@@ -13,10 +13,6 @@ namespace {
 // and prints the object. Null: no memory, and every key has the value that it had.
 JsonText put(cJSON *object, const char *key, JsonPtr value) noexcept {
     cJSON *const old = cJSON_GetObjectItem(object, key);
-    int position = 0;
-    for (const cJSON *item = object->child; old && item != old; item = item->next) {
-        ++position;
-    }
     JsonPtr replaced{old ? cJSON_DetachItemViaPointer(object, old) : nullptr};
     // A file made by hand may have the key again: no get sees that, until the first is gone.
     while (cJSON *const hidden = cJSON_GetObjectItem(object, key)) {
@@ -28,8 +24,8 @@ JsonText put(cJSON *object, const char *key, JsonPtr value) noexcept {
         text.reset(cJSON_Print(object));
         value.reset(text ? nullptr : cJSON_DetachItemViaPointer(object, added));
     }
-    if (!text && replaced) {
-        cJSON_InsertItemInArray(object, position, replaced.release());
+    if (!text && replaced) { // at the end: some versions insert nothing before another member
+        cJSON_AddItemToArray(object, replaced.release());
     }
     return text;
 }
