@@ -92,9 +92,9 @@ typedef int (*timer_callback)(void *userdata, client_t *client, int type);
  *              4 warnings, 5 errors
  *   "path"     log file (default: standard output)
  *   "mode"     0 empties the log file (the default), any other number appends to it
- *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never; on
- *              Windows never from 2,048 on)
+ *   "size"     megabytes at which the log file is deleted and begun anew (20; 0: never)
  *   "homePath" directory of the key store (".")
+ *   "persistSync" false: a persisted set does not wait for the disk (true)
  *   "callTimeout" milliseconds that a call, a connect or a subscription waits at most, its turn
  *              included, and a connect with both of its steps (0, or less: no limit)
  *   "stats"    true: "/bus/stats" is answered with what has been counted
@@ -199,8 +199,18 @@ ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELV
  *       {"operation":"get"}                  is answered with the value, printed as JSON
  *     Anything else, a get of no key included, is answered {"data":""}. Keys match without regard
  *     to ASCII case. The file is keys.json in the directory "homePath"; it is read at the first
- *     request, and replaced as a whole, on the disk before the answer comes. A file that is no
- *     JSON object is renamed to keys.json.bad (.bad.1, ...) and the store starts empty.
+ *     request. A persisted set replaces it as a whole, on the disk before the answer comes; the bus
+ *     serves nobody meanwhile, often for milliseconds. With "persistSync" false the system writes
+ *     it to the disk when it likes: the file is whole after a crash of the program, and may not be
+ *     after one of the machine. A new file is its owner's alone (0600); another keeps mode and
+ *     owner, and what a symbolic link leads to is replaced, not the link. A file that may be
+ *     written in a directory that may not is written in place, with a warning in the log, once; a
+ *     crash or a full disk then tears it.
+ *     A file that can't be read is left as it is, and read at the next request that succeeds, below
+ *     what has been set meanwhile. One that is no JSON object counts as empty, and is renamed to
+ *     keys.json.bad (.bad.1, ...) once the new file stands beside it. A persisted set that can't be
+ *     written stays in memory, with an error in the log; the next one writes it too. Of several
+ *     buses or programs with one home the last that writes wins, and none sees a torn file.
  * data may be null (len is then ignored). The answer is the node's: read it, do not free it; it
  * stays valid until the node's next call has been posted (subscribing and leaving are calls too),
  * or until the node is closed.

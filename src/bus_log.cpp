@@ -22,11 +22,12 @@ namespace {
 constexpr char BUS_LOG_LEVEL[] = "-VDIWE-";
 constexpr std::size_t kBudget = 4094; // of the 4096 bytes, without the line feed and the NUL
 
-// Never destroyed: a thread may write a line while another closes the log.
+// Nothing here is destroyed: a thread may write a line while another closes the log, and after main
+// has returned.
 constinit bus_mk_thread_mutex_t _lock{.hMutex = {bus_mk_thread_mutex_ready}};
 std::FILE *_file BUS_MK_GUARDED_BY(_lock);
 std::array<char, kBudget + 2> _buf BUS_MK_GUARDED_BY(_lock);
-bus_mk_text _log_path BUS_MK_GUARDED_BY(_lock);
+char *_log_path BUS_MK_GUARDED_BY(_lock); // owned
 float max_size BUS_MK_GUARDED_BY(_lock) = 20.0F * 1024 * 1024;
 
 // What the destination did not take, and what standard error has been told of that.
@@ -55,7 +56,7 @@ std::FILE *openOrStdout(const char *path, const char *mode) noexcept BUS_MK_REQU
         tellReason(path, errno);
         return stdout;
     }
-    std::fseek(file, 0, SEEK_END); // the position of an appending stream is unspecified before
+    platform::seekEnd(file); // the position of an appending stream is unspecified before
     return file;
 }
 
@@ -66,13 +67,18 @@ void closeFile() noexcept BUS_MK_REQUIRES(_lock) {
     _file = nullptr;
 }
 
+void setPath(const char *path) noexcept BUS_MK_REQUIRES(_lock) {
+    std::free(_log_path);
+    _log_path = bus_mk_strdup(path);
+}
+
 void openFile(const char *path, int mode, float size) noexcept BUS_MK_REQUIRES(_lock) {
     _file = stdout;
     _loss = {};
     if (!path || *path == '\0') {
         return;
     }
-    _log_path.reset(bus_mk_strdup(path));
+    setPath(path);
     max_size = size * 1024 * 1024;
     if (_log_path) {
         _file = openOrStdout(path, mode == 0 ? "wb" : "ab");
@@ -80,16 +86,16 @@ void openFile(const char *path, int mode, float size) noexcept BUS_MK_REQUIRES(_
 }
 
 void rotateIfFull() noexcept BUS_MK_REQUIRES(_lock) {
-    const long length = std::ftell(_file);
+    const std::int64_t length = platform::filePosition(_file);
     if (max_size <= 0 || static_cast<float>(length) < max_size) {
         return;
     }
     closeFile();
-    platform::removeFile(_log_path.get());
-    _file = openOrStdout(_log_path.get(), "wb");
+    platform::removeFile(_log_path);
+    _file = openOrStdout(_log_path, "wb");
     if (_file != stdout) {
-        std::fprintf(_file, "\nlog file size: %d, remove file:  %s\n\n", static_cast<int>(length),
-                     _log_path.get());
+        std::fprintf(_file, "\nlog file size: %lld, remove file:  %s\n\n",
+                     static_cast<long long>(length), _log_path);
     }
 }
 
@@ -107,8 +113,8 @@ std::size_t formatHead(int level, const char *file, int line) noexcept BUS_MK_RE
         platform::processId(), platform::threadId(), static_cast<int>(date.year()),
         static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
         static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-        static_cast<int>(time.seconds().count()), now.tv_usec / 1000, BUS_LOG_LEVEL[level], file,
-        line);
+        static_cast<int>(time.seconds().count()), static_cast<int>(now.tv_usec / 1000),
+        BUS_LOG_LEVEL[level], file, line);
     return std::min(static_cast<std::size_t>(std::max(length, 0)), kBudget);
 }
 
@@ -125,7 +131,7 @@ bool writeLine(std::size_t length) noexcept BUS_MK_REQUIRES(_lock) {
 void lose(int level, const char *file, int line) noexcept BUS_MK_REQUIRES(_lock) {
     constexpr int kError = 5;
     ++_loss.lines;
-    tellReason(_file == stdout ? "standard output" : _log_path.get(), errno);
+    tellReason(_file == stdout ? "standard output" : _log_path, errno);
     if (level >= kError && (file != _loss.file || line != _loss.line)) {
         _loss.file = file;
         _loss.line = line;
@@ -147,7 +153,7 @@ void bus_log_exit() noexcept {
     const bus_mk_guard lock{_lock};
     _level.store(INT_MAX, std::memory_order_relaxed);
     closeFile();
-    _log_path.reset();
+    setPath(nullptr);
 }
 
 void _bus_log(int level, const char *file, int line, const char * /*func*/, const char *fmt,
@@ -176,12 +182,15 @@ void _bus_log(int level, const char *file, int line, const char * /*func*/, cons
     }
 }
 
-int gettimeofday(timeval *tp, void * /*tzp*/) noexcept {
+timeval toTimeval(std::chrono::system_clock::time_point time) noexcept {
     using namespace std::chrono;
-    const auto now = floor<milliseconds>(system_clock::now().time_since_epoch());
+    const auto now = floor<milliseconds>(time.time_since_epoch());
     const auto whole = floor<seconds>(now);
-    tp->tv_sec = static_cast<std::int32_t>(whole.count());
-    tp->tv_usec = static_cast<std::int32_t>(microseconds{now - whole}.count());
+    return {whole.count(), microseconds{now - whole}.count()};
+}
+
+int gettimeofday(timeval *tp, void * /*tzp*/) noexcept {
+    *tp = toTimeval(std::chrono::system_clock::now());
     return 0;
 }
 

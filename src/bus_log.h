@@ -13,6 +13,7 @@
 #define ZELVO_BUS_LOG_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #if defined(__GNUC__)
@@ -25,8 +26,8 @@ namespace bus {
 
 // Seconds and microseconds since 1970-01-01 00:00:00 UTC.
 struct timeval {
-    std::int32_t tv_sec;
-    std::int32_t tv_usec;
+    std::int64_t tv_sec;
+    std::int64_t tv_usec;
 };
 
 // The least level that is written; above every level while the log is closed.
@@ -46,7 +47,10 @@ void bus_log_exit() noexcept;
 void _bus_log(int level, const char *file, int line, const char *func, const char *fmt,
               ...) noexcept BUS_PRINTF(5, 6);
 
-// The wall clock, in steps of a millisecond. tzp is ignored. Always 0.
+// A time in steps of a millisecond, as the stamp of a line has it.
+timeval toTimeval(std::chrono::system_clock::time_point time) noexcept;
+
+// The wall clock, in the same steps. tzp is ignored. Always 0.
 int gettimeofday(timeval *tp, void *tzp) noexcept;
 
 // One relaxed load: all that a line below the threshold costs.

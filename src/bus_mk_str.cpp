@@ -11,15 +11,18 @@
 namespace {
 
 constexpr std::string_view kSpecials = "^$*+?.([%-";
-constexpr int kMaxRepeats = 256;
+constexpr int kMaxRepeats = 1024;
 
-// What a search of a text of this length may cost. Quadratic time is what a pattern that ends on
-// something far away or absent needs; that must work for texts of some pages.
-constexpr std::int64_t stepsFor(std::int64_t length) noexcept {
+// What a search may cost. What is remembered of repeats that were in vain makes most searches cost
+// some steps for each byte of the text and of the pattern; quadratic time is what is left for
+// patterns with back-references and balances.
+constexpr std::int64_t stepsFor(std::int64_t text, std::int64_t pattern) noexcept {
     constexpr std::int64_t kAlways = std::int64_t{1} << 20;
-    constexpr std::int64_t kForEachByte = 256;
-    constexpr std::int64_t kMostForPairs = std::int64_t{1} << 26;
-    return kAlways + kForEachByte * length + std::min(length * length, kMostForPairs);
+    constexpr std::int64_t kForEachPair = 8;
+    constexpr std::int64_t kLongestPattern = std::int64_t{1} << 16;
+    constexpr std::int64_t kLongestText = std::int64_t{1} << 13;
+    const std::int64_t pairs = std::min(text, kLongestText);
+    return kAlways + kForEachPair * text * std::min(pattern, kLongestPattern) + 4 * pairs * pairs;
 }
 
 // Places where the match can be taken up again: one for each repeat, one for each capture's begin
@@ -68,13 +71,27 @@ struct Capture {
 
 struct MatchState;
 
-// How to go on where the rest of the pattern did not match.
+enum class Retry : std::int16_t { kShorter, kLonger, kDropCapture, kReopenCapture };
+
+// How to go on where the rest of the pattern did not match. Offsets into pattern and text, which
+// are half as large as pointers.
 struct Choice {
-    bool (*retry)(MatchState &state, Choice &choice); // false: nothing is left to try
-    const char *item;
-    const char *at;
-    const char *least;
-    Capture *capture;
+    Retry retry;
+    std::int16_t index; // of the repeat among the pattern's, or of the capture
+    std::int32_t item;
+    std::int32_t at;
+    std::int32_t least;
+};
+
+// Places in the text, from first to last, where the pattern behind a repeat is known not to match;
+// none where last is less. Items follow each other without alternatives, so that does not depend on
+// how the place was reached. Behind "*", "+" and "-" a run of the class that reaches into them ends
+// in them: they grow by whole runs.
+struct Vain {
+    std::int32_t first;
+    std::int32_t last;
+
+    bool holds(std::ptrdiff_t at) const noexcept { return first <= at && at <= last; }
 };
 
 // All that a search works with. Entries of the arrays are set before they are read.
@@ -83,12 +100,16 @@ struct MatchState {
     const char *src_end;
     std::int32_t level;
     Capture capture[bus_mk_str_max_captures];
+    const char *pattern_init;
     const char *pattern_end;
-    const char *item; // the rest of the pattern
-    const char *at;   // the rest of the text
+    const char *context_end; // behind it, what matches does not depend on captures
+    const char *item;        // the rest of the pattern
+    const char *at;          // the rest of the text
     std::int64_t steps;
     std::int32_t choices;
+    std::int32_t repeat; // the number of the next one in the rest of the pattern
     Choice choice[kMaxChoices];
+    Vain vain[kMaxRepeats];
 };
 
 constexpr unsigned char byteOf(char c) noexcept {
@@ -270,38 +291,102 @@ const char *runEnd(MatchState &state, const Item &item, const char *from,
     return from;
 }
 
-bool retryShorter(MatchState &state, Choice &choice) noexcept {
-    if (choice.at == choice.least) {
+std::int32_t offsetOf(const MatchState &state, const char *at) noexcept {
+    return static_cast<std::int32_t>(at - state.src_init);
+}
+
+// The rest behind the choice's repeat does not match where it began at at.
+void noteVain(MatchState &state, const Choice &choice, std::int32_t first,
+              std::int32_t last) noexcept {
+    Vain &vain = state.vain[choice.index];
+    if (state.pattern_init + choice.item < state.context_end) {
+        return;
+    }
+    if (last == vain.first - 1) {
+        vain.first = first;
+    } else if (first - 1 == vain.last) {
+        vain.last = last;
+    } else {
+        vain = {first, last};
+    }
+}
+
+// Takes up the rest behind the repeat at at, or at the next shorter length that is not in vain.
+bool takeUpTo(MatchState &state, Choice &choice, std::int32_t at) noexcept {
+    const Vain &vain = state.vain[choice.index];
+    choice.at = vain.holds(at) ? vain.first - 1 : at;
+    if (choice.at < choice.least) {
         return false;
     }
-    state.at = --choice.at;
-    state.item = choice.item;
+    state.at = state.src_init + choice.at;
+    state.item = state.pattern_init + choice.item;
+    state.repeat = choice.index + 1;
     return true;
+}
+
+bool retryShorter(MatchState &state, Choice &choice) noexcept {
+    noteVain(state, choice, choice.at, choice.at);
+    return takeUpTo(state, choice, choice.at - 1);
 }
 
 bool retryLonger(MatchState &state, Choice &choice) noexcept {
-    const Item item = takeItem(state, choice.item);
-    if (runEnd(state, item, choice.at, 1) == choice.at) {
+    const Item item = takeItem(state, state.pattern_init + choice.item);
+    const char *const at = state.src_init + choice.at;
+    const bool next = runEnd(state, item, at, 1) != at;
+    if (!next || state.vain[choice.index].holds(choice.at + 1)) {
+        noteVain(state, choice, choice.least, choice.at);
         return false;
     }
-    state.at = ++choice.at;
+    ++choice.at;
+    state.at = at + 1;
     state.item = item.next;
+    state.repeat = choice.index + 1;
     return true;
 }
 
-bool matchSingle(MatchState &state, const Item &item) noexcept {
-    const auto [sign, least, first] = *item.repeat;
-    const char *const stop = runEnd(state, item, state.at, first);
-    if (stop - state.at < least) {
+bool matchShortest(MatchState &state, Choice &choice, const Item &item) noexcept {
+    choice.retry = Retry::kLonger;
+    choice.item = static_cast<std::int32_t>(item.body - state.pattern_init);
+    choice.at = choice.least;
+    return !state.vain[choice.index].holds(choice.at);
+}
+
+// Where the class's run goes on into what is in vain, it is not followed there.
+bool matchLongest(MatchState &state, Choice &choice, const Item &item) noexcept {
+    const Vain &vain = state.vain[choice.index];
+    const bool many = item.repeat->first == kMany;
+    if (many && vain.holds(choice.least)) {
         return false;
     }
-    if (sign == '-') {
-        push(state, {retryLonger, item.body, stop, stop, nullptr});
-    } else if (stop - state.at > least) {
-        push(state, {retryShorter, item.next, stop, state.at + least, nullptr});
+    const bool ahead = many && choice.least < vain.first && vain.first <= vain.last;
+    const std::ptrdiff_t most = ahead ? vain.first - offsetOf(state, state.at) : item.repeat->first;
+    const char *const stop = runEnd(state, item, state.at, most);
+    return offsetOf(state, stop) >= choice.least && takeUpTo(state, choice, offsetOf(state, stop));
+}
+
+bool matchRepeat(MatchState &state, const Item &item) noexcept {
+    const std::int32_t index = state.repeat++;
+    if (item.repeat->least > state.src_end - state.at) {
+        return false;
     }
-    state.at = stop;
-    return true;
+    Choice choice{Retry::kShorter, static_cast<std::int16_t>(index),
+                  static_cast<std::int32_t>(item.next - state.pattern_init), 0,
+                  offsetOf(state, state.at + item.repeat->least)};
+    const bool matched = item.repeat->sign == '-' ? matchShortest(state, choice, item)
+                                                  : matchLongest(state, choice, item);
+    if (matched) {
+        push(state, choice);
+    }
+    return matched;
+}
+
+bool matchSingle(MatchState &state, const Item &item) noexcept {
+    if (item.repeat != &kOnce) {
+        return matchRepeat(state, item);
+    }
+    const char *const before = state.at;
+    state.at = runEnd(state, item, before, 1);
+    return state.at != before;
 }
 
 void beginCapture(MatchState &state, const Item &item) noexcept {
@@ -316,7 +401,7 @@ bool dropCapture(MatchState &state, Choice & /*choice*/) noexcept {
 
 bool matchOpen(MatchState &state, const Item &item) noexcept {
     beginCapture(state, item);
-    push(state, {dropCapture, nullptr, nullptr, nullptr, nullptr});
+    push(state, {Retry::kDropCapture, 0, 0, 0, 0});
     return true;
 }
 
@@ -332,13 +417,14 @@ Capture *endCapture(MatchState &state) noexcept {
     return nullptr;
 }
 
-bool reopenCapture(MatchState & /*state*/, Choice &choice) noexcept {
-    choice.capture->len = kStillOpen;
+bool reopenCapture(MatchState &state, Choice &choice) noexcept {
+    state.capture[choice.index].len = kStillOpen;
     return false;
 }
 
 bool matchClose(MatchState &state, const Item & /*item*/) noexcept {
-    push(state, {reopenCapture, nullptr, nullptr, nullptr, endCapture(state)});
+    const std::ptrdiff_t index = endCapture(state) - state.capture;
+    push(state, {Retry::kReopenCapture, static_cast<std::int16_t>(index), 0, 0, 0});
     return true;
 }
 
@@ -399,11 +485,15 @@ constexpr bool (*kMatchers[])(MatchState &, const Item &) = {
 };
 static_assert(std::size(kMatchers) == static_cast<std::size_t>(Kind::kEnd));
 
+// In the order of Retry. False: nothing is left to try.
+constexpr bool (*kRetries[])(MatchState &, Choice &) = {retryShorter, retryLonger, dropCapture,
+                                                        reopenCapture};
+
 // Takes up the latest choice that has something left; false: none has.
 bool goBack(MatchState &state) noexcept {
     while (state.choices > 0) {
         Choice &choice = state.choice[state.choices - 1];
-        if (choice.retry(state, choice)) {
+        if (kRetries[static_cast<std::size_t>(choice.retry)](state, choice)) {
             return true;
         }
         --state.choices;
@@ -418,6 +508,7 @@ bool matchAt(MatchState &state, const char *item, const char *at) noexcept {
     state.at = at;
     state.level = 0;
     state.choices = 0;
+    state.repeat = 0;
     while (state.steps >= 0) {
         const Item next = takeItem(state, state.item);
         if (next.kind >= Kind::kEnd) {
@@ -433,7 +524,7 @@ bool matchAt(MatchState &state, const char *item, const char *at) noexcept {
 
 // Items follow each other without alternatives, so whether the captures that an item needs are
 // there depends on the pattern alone. What passes here keeps every limit of the matching.
-bool isItemSound(MatchState &state, const Item &item, int &repeats) noexcept {
+bool isItemSound(MatchState &state, const Item &item) noexcept {
     switch (item.kind) {
     case Kind::kMalformed:
         return false;
@@ -446,19 +537,27 @@ bool isItemSound(MatchState &state, const Item &item, int &repeats) noexcept {
     case Kind::kClose:
         return endCapture(state) != nullptr;
     case Kind::kBackReference:
+        state.context_end = item.next;
         return referredCapture(state, item) != nullptr;
     default:
-        repeats += item.repeat == &kOnce ? 0 : 1;
-        return repeats <= kMaxRepeats;
+        if (item.repeat == &kOnce) {
+            return true;
+        }
+        if (state.repeat == kMaxRepeats) {
+            return false;
+        }
+        state.vain[state.repeat++] = {0, -1};
+        return true;
     }
 }
 
 bool isSound(MatchState &state, const char *pattern) noexcept {
-    int repeats = 0;
     state.level = 0;
+    state.repeat = 0;
     state.at = state.src_init;
+    state.context_end = pattern;
     Item item = readItem(pattern, state.pattern_end);
-    while (item.kind != Kind::kEnd && isItemSound(state, item, repeats)) {
+    while (item.kind != Kind::kEnd && isItemSound(state, item)) {
         item = readItem(item.next, state.pattern_end);
     }
     return item.kind == Kind::kEnd;
@@ -479,11 +578,13 @@ void report(const MatchState &state, const char *start, bus_mk_str_result &resul
 
 int findPattern(std::string_view src, std::string_view pattern,
                 bus_mk_str_result &result) noexcept {
-    MatchState state; // NOLINT(cppcoreguidelines-pro-type-member-init): 13 KiB, mostly unused
+    MatchState state; // NOLINT(cppcoreguidelines-pro-type-member-init): 27 KiB, mostly unused
     state.src_init = src.data();
     state.src_end = src.data() + src.size();
+    state.pattern_init = pattern.data();
     state.pattern_end = pattern.data() + pattern.size();
-    state.steps = stepsFor(static_cast<std::int64_t>(src.size()));
+    state.steps =
+        stepsFor(static_cast<std::int64_t>(src.size()), static_cast<std::int64_t>(pattern.size()));
     const bool anchored = pattern.front() == '^';
     const char *const item = pattern.data() + (anchored ? 1 : 0);
     if (!isSound(state, item)) {

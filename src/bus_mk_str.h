@@ -53,16 +53,16 @@ struct bus_mk_str_result {
 //
 // Finds nothing: a pattern that ends in a single %, leaves a set open, closes more captures than
 // it opened, has %b without two characters, %f without a set, or %0 to %9 for a capture that is
-// not complete there; one with more than 32 captures or 256 repeat signs; a text or a pattern of
+// not complete there; one with more than 32 captures or 1,024 repeat signs; a text or a pattern of
 // more than 2,147,483,647 bytes; a null argument.
 //
-// Cost:    No heap, and at most 16 KiB of stack, whatever the pattern: nothing recurses. Plain
+// Cost:    No heap, and at most 32 KiB of stack, whatever the pattern: nothing recurses. Plain
 //          text costs one strstr. Any other pattern costs about one step for each of its bytes
-//          that is tried against a character, of 1 to 4 ns; repeats whose classes overlap, and a
-//          repeat in front, multiply that by the text's length, once for each of them. With a text
-//          of n bytes the search gives up, and finds nothing, after 1,048,576 + 256 n + n * n
-//          steps, of n * n at most 67,108,864: a few milliseconds for a line of text, about a
-//          second for a megabyte, a minute for 64.
+//          that is tried against a character, of 1 to 6 ns: with a text of n bytes and a pattern
+//          of m some n * m steps, also where its repeats overlap and where there is no match.
+//          Balances, and what stands before a back-reference, may take n * n. The search gives up, and finds nothing, after
+//          1,048,576 + 8 n m + 4 n n steps, with at most 65,536 for m and, in n n, 8,192 for n:
+//          a few milliseconds for a line of text, one or two seconds for 64 KiB.
 // Threads: any; nothing is shared.
 int bus_mk_str_find(const char *src, const char *pattern, bus_mk_str_result *result) noexcept;
 

@@ -26,6 +26,20 @@ struct node_t {
     node_t &operator=(const node_t &) = delete;
 };
 
+// What is known of keys.json.
+struct KeyFile {
+    enum class State {
+        kUnread,  // nothing: it has not been read, or not to its end; it must not be overwritten
+        kAbsent,  // there was none
+        kForeign, // it is no JSON object; it is set aside when the store is written
+        kTaken    // what it held stands in the store, or it held nothing
+    };
+    State state = State::kUnread;
+    bool flush = true;              // a write is on the disk before it is answered
+    bool leftovers_removed = false; // of processes that died while they wrote
+    bool in_place_told = false;     // the log has said that the directory can't be written
+};
+
 // The router. Its loop's thread alone changes the registry, the topics and the sticky store; other
 // threads append to message_queue and look names up in nodes_queue.
 struct server_t {
@@ -33,7 +47,7 @@ struct server_t {
     bus_mk_q_t *message_queue = nullptr; // everything sent to the server, its own answers included
     bus_mk_q_t *sticky_queue = nullptr;  // message_t, at most one a topic
     bus_mk_text name;
-    bus_mk_text keys; // the key store's text; null until it is loaded or set
+    JsonText keys;    // the key store's text; null until it is loaded or set
     bus_mk_text path; // the home directory, or null
 
     JsonPtr store; // keys, parsed
@@ -44,8 +58,7 @@ struct server_t {
     std::atomic<int> running{0}; // 1 while the loop is to go on
     int call_timeout = 0;        // milliseconds that a call waits at most; 0 or less: no limit
     bool has_stats = false;      // whether "/bus/stats" is answered
-    // Whether keys.json holds something that could not be taken over, and must not be overwritten.
-    bool foreign_file = false;
+    KeyFile key_file;
     bool looping BUS_MK_GUARDED_BY(loop_mutex) = false; // a thread is inside busServerRun
     bus_mk_thread_mutex_t loop_mutex;
     bus_mk_thread_cond_t loop_ended; // signalled when looping becomes false

@@ -1,53 +1,64 @@
-#include "server_fixture.h"
+// The key store through the public header: what a get finds, and what becomes of the file.
+#include "running.h"
 #include "test_system.h"
 
-#include <chrono>
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <optional>
-#include <random>
-#include <thread>
-#include <utility>
 
-namespace bus {
 namespace {
 
-// A server with its home, in a child the parent's, and a node that asks it.
-class Keys : public Server {
+using std::filesystem::perms;
+
+const std::string kNothing = "{\"data\":\"\"}";
+
+// A bus with a home, and a node that asks it.
+class Keys : public testing::Test {
 protected:
     Keys() { restart(); }
 
-    std::string request(const std::string &key, const std::string &data) {
-        return ask(*node_, ("/localKeys/" + key).c_str(), data);
+    void restart() { restart(home_.path()); }
+    void restart(const std::string &home, const std::string &more = {}) {
+        node_.reset();
+        bus_.emplace(3, more + R"(,"persistSync":false,"homePath":")" + home + '"');
+        node_.emplace(*bus_, "n");
     }
-    std::string set(const std::string &key, const std::string &value, const char *more = "") {
-        return request(key, R"({"operation":"set","data":)" + value + more + "}");
+    std::string ask(const std::string &key, const std::string &payload) {
+        return node_->call("/localKeys/" + key, payload);
+    }
+    std::string set(const std::string &key, const std::string &value,
+                    const std::string &persist = R"("no")") {
+        return ask(key, R"({"operation":"set","data":)" + value + R"(,"persist":)" + persist + "}");
     }
     std::string persist(const std::string &key, const std::string &value) {
-        return set(key, value, R"(,"persist":"true")");
+        return set(key, value, R"("true")");
     }
-    std::string get(const std::string &key) { return request(key, R"({"operation":"get"})"); }
-    std::string file(const char *name) const { return home_ + "/" + name; }
-    void write(const std::string &text) { std::ofstream{file_, std::ios::binary} << text; }
-    bool exists(const char *name) const { return std::filesystem::exists(file(name)); }
-    std::string read(const char *name) const { return readFile(file(name)); }
-    void restart() { restart(home_); }
-    void restart(const std::string &home) {
-        clients_.clear();
-        busServerDelete(server_);
-        server_ = busServerNew(home.c_str());
-        node_ = &join("n");
-    }
+    std::string get(const std::string &key) { return ask(key, R"({"operation":"get"})"); }
 
-    std::optional<TempDir> own_;
-    const std::string home_ = childArgument().empty() ? own_.emplace().path() : childArgument();
-    const std::string kNothing{kEmptyAnswer};
+    std::string file(const std::string &name) const { return home_.file(name.c_str()); }
+    std::string read(const std::string &name) const { return readFile(file(name)); }
+    std::string read() const { return readFile(file_); }
+    static void write(const std::string &name, const std::string &text) {
+        std::ofstream{name, std::ios::binary} << text;
+    }
+    std::size_t logged(const std::string &line) const {
+        return count(bus_->log(), "  Vek-server " + line + "\n");
+    }
+    std::ptrdiff_t files() const { return entries(home_.path()); }
+
+    const TempDir home_;
     const std::string file_ = file("keys.json");
-    client_t *node_ = nullptr;
+    std::optional<Bus> bus_;
+    std::optional<Node> node_;
 };
 
 TEST_F(Keys, values_come_back_as_they_were_set) {
     EXPECT_EQ(get("volume"), kNothing); // no store yet
+    EXPECT_EQ(logged("not exist, file: " + file_), 1U);
     const std::string longKey(3000, 'k');
     const struct {
         std::string key, value, printed;
@@ -62,115 +73,206 @@ TEST_F(Keys, values_come_back_as_they_were_set) {
     for (const auto &c : kCases) {
         EXPECT_EQ(get(c.key), c.printed) << c.key;
     }
-    EXPECT_EQ(ask(*node_, "/local/volume", R"({"operation":"get"})"), "30");
-    EXPECT_EQ(get("unknown"), kNothing);
-    EXPECT_FALSE(exists("keys.json"));
-}
-
-TEST_F(Keys, set_replaces_every_member_of_the_key_in_any_case) {
-    write(R"({"a":1,"b":2,"A":3,"a":4})");
-    EXPECT_EQ(get("a"), "1");
-    persist("A", "5");
-    EXPECT_EQ(get("a"), "5");
-    EXPECT_EQ(read("keys.json"), "{\n\t\"b\":\t2,\n\t\"A\":\t5\n}");
-}
-
-TEST_F(Keys, unknown_requests_change_nothing) {
-    persist("a", "1");
     for (const char *payload :
          {"", "no json", "{}", R"({"operation":"set"})", R"({"operation":"SET","data":2})",
           R"({"operation":7,"data":2})", R"({"data":2})"}) {
-        EXPECT_EQ(request("a", payload), kNothing) << payload;
+        EXPECT_EQ(ask("volume", payload), kNothing) << payload;
     }
-    EXPECT_EQ(request("a", R"({"operation":"settings","data":5})"), kNothing);
-    EXPECT_EQ(get("a"), "5");
+    EXPECT_EQ(node_->call("/local/volume", R"({"operation":"get"})"), "30");
+    EXPECT_EQ(ask("volume", R"({"operation":"settings","data":5})"), kNothing);
+    EXPECT_EQ(get("VOLUME"), "5");
+    EXPECT_EQ(get("unknown"), kNothing);
+    EXPECT_EQ(files(), 0);
 }
 
-TEST_F(Keys, only_persisted_values_survive) {
-    persist("kept", "1");
-    set("lost", "2");
-    set("lost", "3", R"(,"persist":true)"); // a boolean does not count
+TEST_F(Keys, persisted_values_survive_with_every_member_of_the_file) {
+    write(file_, R"({"a":1,"b":2,"A":3,"a":4})");
+    EXPECT_EQ(get("a"), "1");
+    set("lost", "2", "true"); // a boolean does not count
     restart();
-    EXPECT_EQ(get("kept"), "1");
     EXPECT_EQ(get("lost"), kNothing);
-    EXPECT_FALSE(exists("keys.json.new"));
+    persist("A", "5");
+    restart();
+    EXPECT_EQ(get("a"), "5");
+    EXPECT_EQ(read(), "{\n\t\"b\":\t2,\n\t\"A\":\t5\n}");
+    EXPECT_EQ(files(), 1);
 }
 
-TEST_F(Keys, unreadable_store_is_kept_aside) {
+TEST_F(Keys, file_that_is_no_store_is_set_aside_when_the_store_is_written) {
     const std::pair<const char *, std::string> kCases[] = {
         {"keys.json.bad", "[1]"},
         {"keys.json.bad.1", "{\"cut\":"},
         {"keys.json.bad.2", "{} and more"},
-        {"keys.json.bad.3", std::string("{}\0{}", 5)}};
+        {"keys.json.bad.3", std::string("{}\0{}", 5)},
+        {"keys.json.bad.4", ""}}; // holds nothing to keep
     for (const auto &[aside, text] : kCases) {
-        write(text);
-        startLog(5);
+        write(file_, text);
+        restart();
         EXPECT_EQ(get("a"), kNothing);
-        EXPECT_TRUE(says(log(), file_ + " is no key store, kept as " + file_)) << aside;
+        EXPECT_EQ(read(), text);
+        persist("a", "1");
+        EXPECT_EQ(logged(file_ + " is no key store, kept as " + file(aside)),
+                  text.empty() ? 0U : 1U);
         EXPECT_EQ(read(aside), text);
-        EXPECT_FALSE(exists("keys.json"));
+        EXPECT_EQ(read(), "{\n\t\"a\":\t1\n}");
     }
-    persist("a", "1");
-    EXPECT_EQ(read("keys.json"), "{\n\t\"a\":\t1\n}");
-    restart();
-    write("");
-    persist("b", "2"); // an empty file holds nothing to keep
-    EXPECT_FALSE(exists("keys.json.bad.4"));
+    EXPECT_EQ(files(), 5);
 }
 
-TEST_F(Keys, store_that_cannot_be_read_or_written_is_reported_and_left) {
-    std::filesystem::create_directory(file_);
-    startLog(5);
-    EXPECT_EQ(persist("a", "1"), kNothing);
-    EXPECT_TRUE(says(log(), "  Vek-server fopen failed, file: " + file_ + "\n"));
-    EXPECT_TRUE(std::filesystem::is_directory(file_));
-    EXPECT_EQ(get("a"), "1");
+// Runs body while something else has the file's name: a link to target, or a directory.
+bool whileReplaced(const std::string &file, const char *target, const std::function<void()> &body) {
+    std::error_code error;
+    std::filesystem::rename(file, file + ".away");
+    target ? std::filesystem::create_symlink(target, file, error)
+           : static_cast<void>(std::filesystem::create_directory(file, error));
+    if (!error) {
+        body();
+    }
+    std::filesystem::remove(file);
+    std::filesystem::rename(file + ".away", file);
+    return !error;
 }
 
-TEST_F(Keys, home_is_named_in_utf8) {
+TEST_F(Keys, store_that_cannot_be_read_is_left_and_taken_over_once_it_can) {
+    const char *const kShort = "/sys/kernel/uevent_seqnum"; // has more bytes than can be read
+    const std::string notOpened = "fopen failed, file: " + file_;
+    const std::pair<std::function<bool(const std::function<void()> &)>, std::string> kCases[] = {
+        {[&](auto &body) { return whileReplaced(file_, nullptr, body); }, notOpened},
+        {[&](auto &body) { return whileReplaced(file_, "keys.json", body); }, notOpened},
+        {[&](auto &body) {
+             return std::filesystem::exists(kShort) && whileReplaced(file_, kShort, body);
+         },
+         "read localKeys error"},
+        {withoutFiles, notOpened}};
+    for (const auto &[broken, line] : kCases) {
+        write(file_, R"({"old":1})");
+        restart();
+        const bool ran = broken([&] {
+            EXPECT_EQ(get("old"), kNothing);
+            EXPECT_EQ(persist("new", "2"), kNothing);
+            EXPECT_EQ(get("new"), "2");
+        });
+        EXPECT_EQ(logged(line), ran ? 3U : 0U) << line;
+        EXPECT_EQ(read(), R"({"old":1})") << line;
+        EXPECT_EQ(get("old"), "1") << line;
+        persist("OLD", "3");
+        EXPECT_EQ(read(), ran ? "{\n\t\"new\":\t2,\n\t\"OLD\":\t3\n}" : "{\n\t\"OLD\":\t3\n}");
+        EXPECT_EQ(files(), 1) << line;
+    }
+}
+
+TEST_F(Keys, store_that_cannot_be_written_waits_for_its_disk) {
+    const std::string big = "\"" + std::string(4000, 'b') + "\"";
+    set("a", "1");
+    write(file_, R"({"old":1})");              // came after the first look
+    const bool full = withFullDisk(3000, [&] { // the log has room
+        EXPECT_EQ(persist("a", big), kNothing);
+        EXPECT_EQ(get("a"), big);
+    });
+    EXPECT_EQ(logged("write localKeys error, file: " + file_), full ? 1U : 0U);
+    persist("a", "2");
+    EXPECT_EQ(read(), "{\n\t\"old\":\t1,\n\t\"a\":\t2\n}");
+    EXPECT_EQ(files(), 1);
+    restart(file("keys.json/home")); // under a file
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(persist("a", "3"), kNothing);
+    }
+    EXPECT_GE(logged("fopen failed, file: " + file("keys.json/home/keys.json")), 3U);
+    std::filesystem::remove(file_);
+    std::filesystem::create_directories(file("keys.json/home"));
+    persist("b", "4");
+    EXPECT_EQ(read("keys.json/home/keys.json"), "{\n\t\"a\":\t3,\n\t\"b\":\t4\n}");
+}
+
+TEST_F(Keys, mode_link_and_name_of_the_file_stay) {
     const std::string home = file("h\xc3\xa4user \xe4\xb8\xad");
     std::filesystem::create_directory(utf8Path(home));
     restart(home);
     persist("a", "1");
-    restart(home);
-    EXPECT_EQ(get("a"), "1");
     EXPECT_EQ(readFile(home + "/keys.json"), "{\n\t\"a\":\t1\n}");
-    restart(file("\xff")); // no UTF-8, and no such directory
-    startLog(5);
-    EXPECT_EQ(persist("a", "2"), kNothing);
-    EXPECT_TRUE(says(log(), "  Vek-server fopen failed"));
-    EXPECT_EQ(get("a"), "2");
+    restart();
+    const std::string target = file("target");
+    std::error_code error;
+    std::filesystem::create_symlink("target", file_, error);
+    if (error) {
+        GTEST_SKIP() << "no links on this system";
+    }
+    const auto mode = [&] { return std::filesystem::status(target).permissions(); };
+    persist("a", "1"); // the link leads nowhere
+    EXPECT_EQ(mode(), perms::owner_read | perms::owner_write);
+    std::filesystem::permissions(target, perms{0646});
+    write(target, "[1]");
+    restart();
+    persist("a", "3");
+    EXPECT_EQ(mode(), perms{0646});
+    EXPECT_EQ(readFile(target), "{\n\t\"a\":\t3\n}");
+    EXPECT_EQ(read("target.bad"), "[1]");
+    EXPECT_TRUE(std::filesystem::is_symlink(file_));
+    EXPECT_EQ(files(), 4);
 }
 
-// A process that persists in a loop is killed at random moments; the file is whole each time.
-TEST_F(Keys, killed_process_leaves_a_whole_store) {
-    const std::string filler(20000, 'f');
-    if (!childArgument().empty()) {
-        for (int n = std::stoi(get("first")) + 1;; ++n) {
-            persist("first", std::to_string(n));
-            tellParent();
-            persist("filler", "\"" + filler + "\"");
-            persist("last", std::to_string(n));
+// What one may do to root's file in root's directory.
+TEST_F(Keys, file_in_a_directory_that_cannot_be_written_is_written_in_place) {
+    for (const perms directory : {perms{0755}, perms{01777}}) { // sticky: new files, no others
+        write(file_, R"({"a":1})");
+        restart();
+        std::filesystem::permissions(home_.path(), directory);
+        std::filesystem::permissions(file_, perms{0666});
+        if (!asNobody([&] {
+                persist("a", "2");
+                persist("a", "3");
+            })) {
+            GTEST_SKIP() << "needs root";
         }
+        EXPECT_EQ(count(bus_->log(), file_ + " can't be replaced"), 1U);
+        EXPECT_EQ(read(), "{\n\t\"a\":\t3\n}");
+        write(file_, "[1]"); // can't be set aside, and so stays
+        restart();
+        asNobody([&] { persist("a", "4"); });
+        EXPECT_EQ(read(), "[1]");
+        EXPECT_EQ(files(), 1);
     }
-    persist("first", "-1");
-    std::minstd_rand random{7};
-    std::string before = read("keys.json");
-    const int kills = scaled(200);
-    for (int i = 0; i < kills; ++i) {
-        {
-            Child child{home_};
-            ASSERT_TRUE(child.hasTold()) << i;
-            std::this_thread::sleep_for(std::chrono::microseconds{random() % 8000});
+}
+
+// Guards the file against two writers, and against the death of one.
+TEST_F(Keys, no_look_at_the_file_finds_it_torn) {
+    const std::string values[] = {"\"" + std::string(50000, '1') + "\"", "2"};
+    const auto isWhole = [&](const std::string &text) {
+        return text == "{\n\t\"k\":\t" + values[0] + "\n}" || text == "{\n\t\"k\":\t2\n}";
+    };
+    persist("k", "2");
+    node_.reset();
+    bus_.reset();
+    const bool killed = whileKilled(
+        20,
+        [&] {
+            restart();
+            for (std::size_t i = 0;; ++i) {
+                persist("k", values[i % 2]);
+            }
+        },
+        [&] { EXPECT_TRUE(isWhole(read())); });
+    restart();
+    persist("k", "2");
+    EXPECT_EQ(files(), 1) << killed; // what the killed have left is gone
+    Bus second{4, R"(,"persistSync":false,"homePath":")" + home_.path() + '"'};
+    Node other{second, "n"};
+    std::atomic<bool> done{false};
+    std::thread reader{[&] {
+        while (!done) {
+            ASSERT_TRUE(isWhole(read()));
         }
-        const std::string text = read("keys.json");
-        const JsonPtr json{cJSON_ParseWithOpts(text.c_str(), nullptr, 1)};
-        ASSERT_TRUE(cJSON_IsObject(json.get())) << i << ": " << text.substr(0, 200);
-        ASSERT_TRUE(cJSON_HasObjectItem(json.get(), "first")) << i;
-        EXPECT_NE(text, before) << i;
-        before = text;
-    }
+    }};
+    inThreads(2, [&](int i) {
+        const std::string payload =
+            R"({"operation":"set","persist":"true","data":)" + values[i] + "}";
+        for (int n = 0; n < 100; ++n) {
+            EXPECT_EQ((i == 0 ? other : *node_).call("/localKeys/k", payload), kNothing);
+        }
+    });
+    done = true;
+    reader.join();
+    EXPECT_EQ(files(), 1);
 }
 
 } // namespace
-} // namespace bus

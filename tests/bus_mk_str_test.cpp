@@ -126,7 +126,7 @@ TEST(Str, no_pattern_overruns_a_small_stack_or_runs_on) {
         {repeated("(a?", 32) + repeated(")a?", 32) + repeated("a?", 192) + "b", text, "none"},
         {"%b()", std::string(5000, '('), "none"},
         {set + "-" + set, text, "none"},
-        {repeated("a?", 257), text, "none"},
+        {repeated("a?", 1025), text, "none"},
         {std::string(1000000, '('), text, "none"}};
     const auto begin = std::chrono::steady_clock::now();
     const auto run = [](void *cases) { expectAll(*static_cast<std::vector<Case> *>(cases)); };
@@ -137,10 +137,19 @@ TEST(Str, no_pattern_overruns_a_small_stack_or_runs_on) {
 }
 
 TEST(Str, ordinary_patterns_have_room_in_long_texts) {
-    const std::string text = repeated("<b>lorem_ipsum ", 1000);
-    const Case kCases[] = {{"[%w_.]+@[%w.]+", text + "me@host", "15000..15006"},
-                           {"<(%a+)>.-</%1>", text + "<i>x</i>", "15000..15007 15001+1"},
-                           {repeated("a?", 256) + "b", "aab", "0..2"}};
+    const std::string tags = repeated("<b>lorem_ipsum ", 1000);
+    const std::string words = repeated("key_1, value.x ", 4400);
+    const std::string run(66000, 'a');
+    const Case kCases[] = {{"<(%a+)>.-</%1>", tags + "<i>x</i>", "15000..15007 15001+1"},
+                           {"[a-zA-Z0-9_]+=", run + ",k=", "66001..66002"},
+                           {"[a-zA-Z0-9_]+=", run, "none"},
+                           {"%a-%d", run + ",d1", "66001..66002"},
+                           {"[%w_.]+@[%w.]+", words + run + ",me@host", "132001..132007"},
+                           {"v.-, v.-;", words + "v;", "7..66001"},
+                           {"(.*),(.*);%d", words + ";1", "0..66001 0+65990 65991+9"},
+                           {repeated("a?", 257), run, "0..256"},
+                           {repeated("a?", 257) + "b", run + "cb", "66001..66001"},
+                           {repeated("(a-)", 32) + "b", run + "c", "none"}};
     expectAll(kCases);
 }
 

@@ -1,350 +1,255 @@
-#include "server_fixture.h"
-
+// The server alone, for what no application can bring about at will: messages are queued, the loop
+// runs in the test's thread until the exit behind them, and node records without threads are
+// looked at.
 #include "bus_client/internal.h"
+#include "bus_server/internal.h"
+#include "test_support.h"
+
+#include <gtest/gtest.h>
 
 #include <cstring>
-#include <utility>
+#include <string>
+#include <vector>
 
 namespace bus {
 namespace {
 
 const std::string kEmpty{kEmptyAnswer};
-const std::string kUnknown = R"({"data":"not implement"})";
+using Texts = std::vector<std::string>;
 
-TEST_F(Server, loop_stops_at_the_exit_and_leaves_the_rest) {
-    client_t &a = join("a");
-    ask(a, "/bus/subscribe", R"(["t"])");
-    publish(a, "t", "1");
-    busServerExit(server_);
-    publish(a, "t", "2");
-    EXPECT_EQ(busServerRun(server_), 0);
-    EXPECT_EQ(taken(a), Texts{"publish t 1"});
-    EXPECT_EQ(bus_mk_q_count(server_->message_queue), 1);
-    run();
-    EXPECT_EQ(taken(a), Texts{"publish t 2"});
-    EXPECT_EQ(busServerRun(nullptr), -1);
-}
+class Server : public testing::Test {
+protected:
+    ~Server() override {
+        bus_log_exit();
+        clients_.clear(); // nodes go before the bus
+        busServerDelete(server_);
+    }
+
+    client_t &record(const std::string &name) {
+        client_t &client = *clients_.emplace_back(new client_t);
+        client.name.reset(bus_mk_strdup(name.c_str()));
+        client.server = server_;
+        return client;
+    }
+    client_t &join(const std::string &name) {
+        client_t &client = record(name);
+        EXPECT_EQ(ask(client, kJoinUrl), kEmpty);
+        return client;
+    }
+
+    void post(const client_t *from, const char *action, const char *topic, const char *url,
+              const char *requester, const char *data = nullptr, std::uint64_t call = 0) {
+        auto *const node = const_cast<client_t *>(from);
+        MessagePtr message{busClientExMessageNew(from ? from->name.get() : nullptr, topic, url,
+                                                 action, node, requester, data,
+                                                 data ? static_cast<int>(std::strlen(data)) : 0)};
+        message->call = call;
+        if (node && url && std::strcmp(url, kJoinUrl) == 0) {
+            holdNode(*message, *node);
+        }
+        ASSERT_EQ(handOver(server_->message_queue, message, -1), bus_mk_sent::kDone);
+    }
+    void request(const client_t &from, const char *url, const char *data = nullptr,
+                 std::uint64_t call = 0) {
+        post(&from, action::kRequest, nullptr, url, from.name.get(), data, call);
+    }
+    void respond(const client_t &from, const client_t &to, const char *url, const char *text,
+                 std::uint64_t call = 0) {
+        post(&from, action::kResponse, nullptr, url, to.name.get(), text, call);
+        run();
+    }
+    // Handles what is queued, and the answers that this makes.
+    void run() {
+        do {
+            busServerExit(server_);
+            EXPECT_EQ(busServerRun(server_), 0);
+        } while (bus_mk_q_count(server_->message_queue) > 0);
+    }
+    // The answer of one request; "-" for none.
+    std::string ask(client_t &from, const char *url, const char *data = nullptr) {
+        waitFor(from, 1); // which a message without a number answers
+        request(from, url, data);
+        run();
+        return answerOf(from);
+    }
+    static void waitFor(client_t &client, std::uint64_t call) {
+        const bus_mk_guard lock{client.oncall_mutex};
+        client.call_response.reset();
+        client.waiting_call = call;
+    }
+    static std::string answerOf(client_t &client) {
+        const bus_mk_guard lock{client.oncall_mutex};
+        const bool answered = client.waiting_call == 0;
+        return client.call_response ? client.call_response.get() : answered ? "null" : "-";
+    }
+    // What waits for a node, oldest first: "action topic-or-url payload".
+    static Texts taken(client_t &client) {
+        Texts all;
+        while (void *const item = bus_mk_q_recv(client.message_queue, 1, 0, 1)) {
+            const MessagePtr message{static_cast<message_t *>(item)};
+            all.push_back(std::string{message->action} + " " +
+                          (message->topic ? message->topic : orNull(message->url)) + " " +
+                          (message->payload ? message->payload->data : "NULL"));
+        }
+        return all;
+    }
+    static void startLog(int level) {
+        testing::internal::CaptureStdout();
+        bus_log_init(level, nullptr, 0, 0);
+    }
+    static std::string log() {
+        bus_log_exit();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    server_t *server_ = busServerNew(nullptr);
+    std::vector<ClientPtr> clients_;
+};
 
 TEST_F(Server, broken_messages_are_dropped_with_a_line) {
+    const client_t &a = record("a");
     startLog(1);
-    post("a", nullptr, nullptr, nullptr, nullptr, kNoRequest);
-    post(nullptr, nullptr, nullptr, action::kPublish, nullptr, kNoRequest);
-    post("a", nullptr, nullptr, "dance", nullptr, kNoRequest);
-    post("a", nullptr, nullptr, action::kRequest, nullptr, "a");
-    post("a", nullptr, nullptr, action::kPublishSticky, nullptr, kNoRequest);
-    post("a", nullptr, nullptr, action::kResponse, nullptr, nullptr);
+    post(&a, nullptr, nullptr, nullptr, kNoRequest);
+    post(nullptr, action::kPublish, "t", nullptr, kNoRequest);
+    post(&a, "dance", nullptr, nullptr, kNoRequest);
+    post(&a, action::kRequest, nullptr, nullptr, "a");
+    post(&a, action::kPublishSticky, nullptr, nullptr, kNoRequest);
+    post(&a, action::kResponse, nullptr, nullptr, nullptr);
     run();
     const std::string text = log();
-    const std::string line = "  Vek-server message body not action | name\n";
-    EXPECT_GE(::count(text, line), 2U) << text;
-    EXPECT_TRUE(says(text, "  Vek-server not implement\n")) << text;
-}
-
-TEST_F(Server, bus_service_paths) {
-    client_t &a = join("a");
-    join("node\"2");
-    const std::string nodes = "{\n\t\"data\":\t[\"a\", \"node\\\"2\"]\n}";
-    const std::pair<const char *, std::string> kCases[] = {
-        {"/bus/join", kEmpty},        {"/bus/joinx", kUnknown},
-        {"/bus/join/x", kUnknown},    {"/bus/subscribeAll", kEmpty},
-        {"/bus/unsubscribe", kEmpty}, {"/bus/nodes/list", nodes},
-        {"/b/nodes", nodes},          {"/bus/", ""},
-        {"/bus", kUnknown},           {"/bus2/nodes", kUnknown},
-        {"/local/x", kEmpty},         {"/nobody/x", kUnknown}};
-    for (const auto &[url, wanted] : kCases) {
-        EXPECT_EQ(ask(a, url), wanted) << url;
-    }
-    EXPECT_EQ(ask(a, "/bus/disjoin"), R"({"event":"disjoin", "name":"a"})");
-    EXPECT_EQ(server_->directory.find("a"), nullptr);
-    EXPECT_EQ(bus_mk_q_count(server_->nodes_queue), 1);
-    EXPECT_EQ(ask(a, "/bus/nodes"), "-"); // nobody of that name to hand it to
-    join("a");
+    EXPECT_EQ(::count(text, "  Vek-server message body not action | name\n"), 2U) << text;
+    EXPECT_EQ(::count(text, "  Vek-server not implement\n"), 1U) << text;
+    EXPECT_EQ(server_->counters.no_addressee, 1U);
+    EXPECT_EQ(busServerRun(nullptr), -1);
 }
 
 TEST_F(Server, second_record_of_a_name_is_refused_and_the_first_notices_nothing) {
     client_t &first = join("twin");
-    forget(first);
+    waitFor(first, 1);
     client_t &second = record("twin");
-    EXPECT_EQ(ask(second, "/bus/join"), "null");
-    EXPECT_FALSE(second.registered);
+    EXPECT_EQ(ask(second, kJoinUrl), "null");
     EXPECT_EQ(answerOf(first), "-");
+    for (const char *url : {"/bus/disjoin", "/bus/subscribe", "/twin/x", "/localKeys/k"}) {
+        request(second, url, R"(["t"])", 9); // of a record that is not on the bus
+    }
+    run();
+    EXPECT_STREQ(second.call_name.data(), "");
+    EXPECT_EQ(server_->directory.topic("t"), nullptr);
     EXPECT_EQ(server_->directory.find("twin")->node, &first);
-    EXPECT_EQ(ask(first, "/bus/join"), kEmpty);
+    EXPECT_EQ(ask(first, kJoinUrl), kEmpty);
     EXPECT_EQ(bus_mk_q_count(server_->nodes_queue), 1);
 }
 
-TEST_F(Server, full_registry_refuses_the_join) {
-    std::vector<client_t *> nodes;
+TEST_F(Server, full_registry_and_full_sticky_store_refuse_and_say_so) {
     for (int i = 0; i < kServerQueue; ++i) {
-        nodes.push_back(&record(("n" + std::to_string(i)).c_str()));
-        request(*nodes.back(), "/bus/join");
+        const client_t &node = record("n" + std::to_string(i));
+        request(node, kJoinUrl);
+        post(&node, action::kPublishSticky, node.name.get(), nullptr, kNoRequest, "x");
         if (i % 500 == 0) {
             run();
         }
     }
     run();
     client_t &extra = record("extra");
-    startLog(4);
-    EXPECT_EQ(ask(extra, "/bus/join"), "null");
-    EXPECT_TRUE(says(log(), "  Vek-server extra join failed, registry is full\n"));
-    EXPECT_EQ(server_->directory.find("extra"), nullptr);
-    ask(*nodes.front(), "/bus/disjoin");
-    EXPECT_EQ(ask(extra, "/bus/join"), kEmpty);
-}
-
-TEST_F(Server, publication_goes_to_exact_topics_in_join_order) {
-    client_t &a = join("a");
-    client_t &b = join("b2");
-    client_t &c = join("c");
-    ask(c, "/bus/subscribe", R"(["x","x.y",7,null])");
-    ask(a, "/bus/subscribe", R"(["x","x"])");
-    ask(b, "/bus/subscribe", R"({"x":1})");
-    const auto &subscribers = server_->directory.topic("x")->subscribers;
-    ASSERT_EQ(subscribers.size(), 2U);
-    EXPECT_EQ(subscribers[0]->node, &a); // c subscribed first
-    EXPECT_EQ(subscribers[1]->node, &c);
-    for (const char *topic : {"x", "x.y", "X", "x.y.z", "x."}) {
-        publish(a, topic, topic);
-    }
-    run();
-    EXPECT_EQ(taken(a), Texts{"publish x x"}); // its own publication
-    EXPECT_EQ(taken(b), Texts{});
-    EXPECT_EQ(taken(c), (Texts{"publish x x", "publish x.y x.y"}));
-    ask(c, "/bus/unsubscribe", R"(["x","unknown"])");
-    publish(a, "x", "again");
-    run();
-    EXPECT_EQ(taken(c), Texts{});
-    ask(a, "/bus/disjoin");
-    EXPECT_EQ(server_->directory.topic("x"), nullptr);
-}
-
-TEST_F(Server, sticky_message_is_replayed_replaced_and_removed) {
-    client_t &a = join("a");
-    client_t &late = join("late");
-    ask(a, "/bus/subscribe", R"(["s"])");
-    publish(a, "s", "old", action::kPublishSticky);
-    startLog(4);
-    publish(a, "s", "new", action::kPublishSticky);
-    run();
-    EXPECT_TRUE(says(log(), "  Vek-server a remove old then add new payload, topic s\n"));
-    EXPECT_EQ(taken(a), (Texts{"publish s old", "publish s new"}));
-    ask(a, "/bus/disjoin"); // the message outlives its publisher
-    ask(late, "/bus/subscribe", R"(["s"])");
-    EXPECT_EQ(taken(late), Texts{"publish s new"});
-    ask(late, "/bus/subscribe", R"(["s"])"); // subscribed already: no second replay
-    ask(late, "/bus/unsubscribe", R"(["s"])");
-    publish(late, nullptr, R"(["s"])", action::kRemoveSticky);
-    ask(late, "/bus/subscribe", R"(["s"])");
-    EXPECT_EQ(taken(late), Texts{});
-    EXPECT_EQ(bus_mk_q_count(server_->sticky_queue), 0);
-    startLog(4);
-    publish(late, nullptr, R"(["s"])", action::kRemoveSticky);
-    run();
-    EXPECT_TRUE(says(log(), "  Vek-server late already removeSticky topic s\n"));
-}
-
-TEST_F(Server, full_sticky_store_keeps_no_more_and_says_so) {
-    client_t &a = join("a");
     startLog(2);
-    for (int i = 0; i <= kServerQueue; ++i) {
-        publish(a, std::to_string(i).c_str(), "x", action::kPublishSticky);
-        if (i % 500 == 0) {
-            run();
-        }
-    }
+    EXPECT_EQ(ask(extra, kJoinUrl), "null");
+    post(&extra, action::kPublishSticky, "t", nullptr, kNoRequest, "x");
     run();
-    EXPECT_TRUE(says(log(), "  Vek-server a sticky topic 2048 not kept, store is full\n"));
-    EXPECT_EQ(bus_mk_q_count(server_->sticky_queue), kServerQueue);
-    EXPECT_EQ(server_->counters.sticky_full, 1U);
-}
-
-TEST_F(Server, full_node_loses_its_copy_alone) {
-    client_t &full = join("full");
-    client_t &other = join("other");
-    for (client_t *node : {&full, &other}) {
-        ask(*node, "/bus/subscribe", R"(["t"])");
-    }
-    fill(full.message_queue);
-    startLog(4);
-    publish(other, "t", "1");
-    EXPECT_EQ(ask(other, "/full/x"), kUnknown);
     const std::string text = log();
-    for (const char *what : {"pusblish topic t", "request"}) {
-        EXPECT_TRUE(
-            says(text, std::string{"server ==> full "} + what + " failed, queue is full\n"));
+    EXPECT_TRUE(says(text, "  Vek-server extra join failed, registry is full\n"));
+    EXPECT_TRUE(says(text, "  Vek-server extra sticky topic t not kept, store is full\n"));
+    EXPECT_EQ(server_->counters.sticky_full, 1U);
+    EXPECT_EQ(server_->directory.find("extra"), nullptr);
+    ask(*clients_.front(), "/bus/disjoin");
+    EXPECT_EQ(ask(extra, kJoinUrl), kEmpty);
+}
+
+TEST_F(Server, chain_of_calls_is_followed_to_its_end) {
+    const struct {
+        std::vector<std::pair<const char *, const char *>> calls; // under way
+        const char *caller, *callee;
+        bool refused;
+        std::string end; // a name that no node is found by
+    } kCases[] = {{{}, "a", "a", true, ""},
+                  {{{"a", "k"}}, "k", "a", true, ""},
+                  {{{"a", "k"}, {"k", "m"}, {"m", "n"}}, "n", "a", true, ""},
+                  {{{"a", "k"}, {"k", "m"}}, "n", "a", false, ""},
+                  {{{"a", "k"}, {"k", "a"}}, "m", "a", false, ""}, // one was refused just now
+                  {{}, "a", "nobody", false, "nobody"},
+                  // A call to the bus is none to a node of its name.
+                  {{{"a", "bus"}, {"bus", "k"}}, "k", "a", false, "bus"},
+                  {{{"a", "bus"}}, "bus", "a", false, "bus"},
+                  {{{"a", "k"}, {"k", "m"}, {"m", "n"}, {"n", "bu"}}, "bus", "a", false, "bu"}};
+    for (const char *name : {"a", "k", "m", "n", "bus"}) {
+        join(name);
     }
-    EXPECT_EQ(taken(other), Texts{"publish t 1"});
-    EXPECT_EQ(bus_mk_q_count(full.message_queue), kClientQueue);
-}
-
-TEST_F(Server, request_is_forwarded_and_the_answer_comes_back_by_name) {
-    client_t &a = join("a");
-    client_t &target = join("target");
-    EXPECT_EQ(ask(a, "/target/deep/path", "data"), "-");
-    EXPECT_STREQ(a.call_name.data(), "target");
-    EXPECT_EQ(taken(target), Texts{"request /target/deep/path data"});
-    // What a node answers never takes its caller off the bus.
-    const std::string text = R"({"event":"disjoin"})";
-    post("target", nullptr, "/bus/disjoin", action::kResponse, &target, "a", &text);
-    run();
-    EXPECT_EQ(answerOf(a), text);
-    EXPECT_STREQ(a.call_name.data(), "");
-    EXPECT_NE(server_->directory.find("a"), nullptr);
-}
-
-TEST_F(Server, call_that_closes_a_ring_is_refused) {
-    for (const int size : {1, 2, 3, 7}) {
-        std::vector<client_t *> ring;
-        for (int i = 0; i < size; ++i) {
-            ring.push_back(&join(("r" + std::to_string(size) + std::to_string(i)).c_str()));
+    for (const auto &c : kCases) {
+        for (const ClientPtr &client : clients_) {
+            client->call_name.fill('\0');
         }
-        client_t &watcher = join(("watcher" + std::to_string(size)).c_str());
-        ask(watcher, "/bus/subscribe", R"(["bus.error"])");
-        for (std::size_t i = 0; i < ring.size(); ++i) {
-            const std::string next = ring[(i + 1) % ring.size()]->name.get();
-            const bool last = i + 1 == ring.size();
-            EXPECT_EQ(ask(*ring[i], ("/" + next + "/x").c_str()), last ? kEmpty : "-");
+        for (const auto &[caller, callee] : c.calls) {
+            std::strcpy(server_->directory.find(caller)->node->call_name.data(), callee);
         }
-        EXPECT_EQ(taken(watcher), Texts{"publish bus.error " + std::string{kDeadlockNotice}});
-    }
-}
-
-TEST_F(Server, call_to_the_bus_is_no_call_to_a_node_of_its_name) {
-    client_t &caller = join("caller");
-    client_t &target = join("target");
-    client_t &namesake = join("bus");
-    std::strcpy(target.call_name.data(), "bus");      // target waits for the bus service,
-    std::strcpy(namesake.call_name.data(), "caller"); // and the node "bus" for the caller
-    for (client_t *from : {&caller, &namesake}) {
         startLog(4);
-        EXPECT_EQ(ask(*from, "/target/x"), "-");
-        EXPECT_TRUE(says(log(), "  Vek-server client bus is exit\n"));
-        EXPECT_EQ(taken(target), Texts{"request /target/x NULL"});
+        const std::string answer = ask(*server_->directory.find(c.caller)->node,
+                                       (std::string{"/"} + c.callee + "/x").c_str());
+        const std::string text = log();
+        EXPECT_EQ(answer, c.refused ? kEmpty : c.end == c.callee ? kUnknownAnswer : "-");
+        EXPECT_EQ(says(text, "exist deadlock\n"), c.refused);
+        EXPECT_EQ(::count(text, " is exit\n"), c.end.empty() ? 0U : 1U) << text;
+        EXPECT_TRUE(c.end.empty() || says(text, "  Vek-server client " + c.end + " is exit\n"));
     }
-}
-
-TEST_F(Server, walk_looks_at_the_end_of_a_chain_through_every_node) {
-    startLog(4);
-    EXPECT_EQ(ask(join("a"), "/nobody/x"), kUnknown);
-    EXPECT_TRUE(says(log(), "  Vek-server client nobody is exit\n"));
-}
-
-TEST_F(Server, walk_into_a_foreign_ring_ends) {
-    client_t &a = join("a");
-    client_t &c = join("c");
-    client_t &third = join("third");
-    ask(a, "/c/x");
-    request(c, "/a/x"); // refused, but its answer is still queued when the next request is taken
-    request(third, "/a/x");
-    run();
-    EXPECT_EQ(answerOf(c), kEmpty);
-    EXPECT_EQ(taken(a), Texts{"request /a/x NULL"});
-}
-
-TEST_F(Server, flood_of_publications_costs_no_answer) {
-    client_t &a = join("a");
-    fill(server_->message_queue);
-    forget(a);
-    const MessagePtr asked{
-        busClientExMessageNew("a", nullptr, "/x", action::kRequest, &a, "a", nullptr, 0)};
-    EXPECT_EQ(answer(*server_, *asked, "here"), Answered::kQueued);
-    busServerExit(server_);
-    EXPECT_NE(bus_mk_q_send(server_->message_queue, &a, -1), 0); // an ordinary message
-    for (int i = 0; i <= kServerQueue + 1; ++i) {
-        const MessagePtr next{
-            static_cast<message_t *>(bus_mk_q_recv(server_->message_queue, 1, 0, 1))};
-        ASSERT_TRUE(next) << i;
-        const bool beyond = i >= kServerQueue;
-        EXPECT_STREQ(next->action, !beyond             ? nullptr
-                                   : i == kServerQueue ? action::kResponse
-                                                       : action::kExit);
-    }
-    EXPECT_EQ(bus_mk_q_count(server_->message_queue), 0);
 }
 
 TEST_F(Server, answer_ends_only_the_call_that_it_belongs_to) {
     client_t &a = join("a");
-    join("n");
-    const auto respond = [&](const char *text, std::uint64_t call) {
-        const std::string data{text};
-        post("n", nullptr, "/n/x", action::kResponse, nullptr, "a", &data, call);
-        run();
-    };
-    forget(a);
-    a.waiting_call = 8;
+    client_t &n = join("n");
+    waitFor(a, 8);
     request(a, "/n/x", nullptr, 8);
     startLog(1);
-    respond("late", 7);
+    respond(n, a, "/n/x", "late", 7);
     EXPECT_EQ(answerOf(a), "-");
     EXPECT_STREQ(a.call_name.data(), "n");
-    respond("right", 8);
+    respond(n, a, "/n/x", "right", 8);
     EXPECT_EQ(answerOf(a), "right");
     EXPECT_STREQ(a.call_name.data(), "");
-    respond("stray", 8);
+    respond(n, a, "/n/x", "stray", 8);
     EXPECT_EQ(answerOf(a), "right");
-    respond("to any call", 0);
-    EXPECT_EQ(answerOf(a), "to any call");
     EXPECT_EQ(::count(log(), "  Vek-server a late response dropped, url: /n/x\n"), 2U);
-}
-
-TEST_F(Server, call_that_was_given_up_closes_no_ring) {
-    client_t &a = join("a");
-    client_t &b = join("n");
-    for (const bool givenUp : {false, true}) {
-        a.waiting_call = 5;
+    EXPECT_EQ(a.counters.late_answers, 2U);
+    for (const bool givenUp : {false, true}) { // which closes no ring
+        waitFor(a, 5);
         request(a, "/n/x", nullptr, 5);
         run();
-        taken(b);
-        a.waiting_call = givenUp ? 0 : 5;
-        EXPECT_EQ(ask(b, "/a/x"), givenUp ? "-" : kEmpty);
-        EXPECT_EQ(taken(a), givenUp ? Texts{"request /a/x NULL"} : Texts{});
+        waitFor(a, givenUp ? 0 : 5);
+        EXPECT_EQ(ask(n, "/a/x"), givenUp ? "-" : kEmpty);
     }
+    // What a node answers never takes its caller off the bus.
+    respond(n, a, "/bus/disjoin", R"({"event":"disjoin"})");
+    EXPECT_EQ(answerOf(a), R"({"event":"disjoin"})");
+    EXPECT_NE(server_->directory.find("a"), nullptr);
 }
 
 TEST_F(Server, departed_node_is_taken_off_whenever_its_join_is_handled) {
     client_t &caller = join("caller");
     client_t &early = record("early");
-    request(early, "/bus/join");
+    request(early, kJoinUrl);
     depart(early); // before the join is handled
     client_t &late = join("late");
     ask(late, "/bus/subscribe", R"(["t"])");
     ask(caller, "/late/x");
     depart(late);
+    server_->running = 1; // the loop has begun, and has not come to the departed nodes yet
+    leaveBus(late);       // does not ask to leave
+    EXPECT_EQ(late.counters.calls_made, 0U);
     run();
     EXPECT_EQ(answerOf(caller), kNoHandlerAnswer);
-    EXPECT_FALSE(early.registered);
-    EXPECT_FALSE(late.registered);
-    EXPECT_EQ(early.references, 1);
-    EXPECT_EQ(late.references, 1);
-    publish(caller, "t", "to nobody");
-    EXPECT_EQ(ask(caller, "/bus/nodes"), "{\n\t\"data\":\t[\"caller\"]\n}");
-    client_t &again = join("late");
-    EXPECT_EQ(taken(again), Texts{});
-}
-
-TEST_F(Server, departed_node_does_not_ask_to_leave) {
-    server_->call_timeout = 10;
-    client_t &a = join("a");
-    depart(a);
-    server_->running = 1; // the loop has begun, and has not come to the departed nodes yet
-    leaveBus(a);
-    EXPECT_EQ(a.counters.calls_made, 0U);
-    EXPECT_EQ(a.counters.calls_timed_out, 0U);
-    run();
-    EXPECT_FALSE(a.registered);
-}
-
-TEST_F(Server, request_of_a_record_that_has_gone_touches_nothing) {
-    join("a");
-    client_t &old = record("a"); // another record of a name that is on the bus
-    for (const char *url : {"/bus/disjoin", "/bus/subscribe", "/a/x", "/localKeys/k"}) {
-        const std::string data = R"(["t"])";
-        request(old, url, &data, 9);
+    for (const client_t *gone : {&early, &late}) {
+        EXPECT_FALSE(gone->registered);
+        EXPECT_EQ(gone->references, 1);
     }
-    run();
-    EXPECT_STREQ(old.call_name.data(), "");
-    EXPECT_NE(server_->directory.find("a"), nullptr);
     EXPECT_EQ(server_->directory.topic("t"), nullptr);
+    EXPECT_EQ(taken(join("late")), Texts{});
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <limits>
 #include <set>
 #include <string>
@@ -14,7 +13,10 @@
 namespace bus {
 namespace {
 
-// A node on no bus: its spin loop runs in the test's thread. What its timers do is kept in order.
+using Types = std::vector<int>;
+
+// A node on no bus, whose passes run in the test's thread. The types of its timers are kept as they
+// fire.
 class Timers : public testing::Test {
 public:
     Timers() {
@@ -26,108 +28,83 @@ public:
     ~Timers() override { log(); }
     std::string log() {
         bus_log_exit();
-        return captured_ ? (captured_ = false, testing::internal::GetCapturedStdout()) : "";
+        return std::exchange(captures_, false) ? testing::internal::GetCapturedStdout() : "";
     }
 
     int set(long delay, int type, timer_callback func = note) {
         return busClientSettimer(&client_, func, delay, type, this);
     }
-    // Spins until a timer of delay has fired and ended the loop.
-    void spinUntil(long delay) {
-        set(delay, 0, [](void *, client_t *client, int) { return busClientSpinExit(client); });
-        busClientSpin(&client_);
-    }
     static int note(void *self, client_t *, int type) {
         static_cast<Timers *>(self)->fired_.push_back(type);
         return 0;
     }
-    void handlePass() { timerPass(client_); }
+    Types fired() {
+        timerPass(client_);
+        return std::exchange(fired_, {});
+    }
+    MessagePtr takeMessage() {
+        return MessagePtr{static_cast<message_t *>(bus_mk_q_recv(client_.message_queue, 1, 0, 1))};
+    }
+    void expectInLog(std::initializer_list<const char *> lines) {
+        const std::string text = log();
+        for (const char *line : lines) {
+            EXPECT_TRUE(says(text, std::string{"#  Vek-client "} + line + "\n")) << line << text;
+        }
+    }
 
     server_t server_;
     client_t client_;
-    std::vector<int> fired_;
-    bool captured_ = true;
+    Types fired_;
+    bool captures_ = true;
 };
-using Types = std::vector<int>;
 
 TEST_F(Timers, due_timers_fire_once_in_the_order_they_were_set) {
     EXPECT_EQ(set(0, 1), 2);
     EXPECT_EQ(set(60000, 2), 3);
-    EXPECT_EQ(set(-5, 3), 4);
-    spinUntil(0);
-    EXPECT_EQ(fired_, (Types{1, 3}));
-    EXPECT_EQ(bus_mk_q_count(client_.timer_queue), 1);
-    const std::string text = log();
-    for (const char *line :
-         {"  Vek-client timerId overstep the boundary 32767\n", "  Vek-client n set timer 2\n",
-          "  Vek-client 3 timer func begin\n", "  Vek-client 3 timer func end\n",
-          "  Vek-client 4 timer delete\n", "  Vek-client n singal timer_queue\n"}) {
-        EXPECT_TRUE(says(text, line)) << line;
-    }
-}
-
-TEST_F(Timers, timer_waits_for_its_time) {
-    const double start = clock_gettimestamp();
-    set(30, 1);
-    spinUntil(40);
-    EXPECT_EQ(fired_, Types{1});
-    EXPECT_GE(clock_gettimestamp() - start, 0.039);
+    EXPECT_EQ(set(std::numeric_limits<long>::min(), 3), 4);
+    set(std::numeric_limits<long>::max(), 4);
+    EXPECT_EQ(fired(), (Types{1, 3}));
+    EXPECT_EQ(fired(), Types{});
+    EXPECT_EQ(bus_mk_q_count(client_.timer_queue), 2);
+    expectInLog({"timerId overstep the boundary 32767", "n set timer 2", "3 timer func begin",
+                 "3 timer func end", "4 timer delete"});
 }
 
 TEST_F(Timers, timer_set_by_a_handler_stays_behind_those_that_waited) {
     set(0, 1, [](void *self, client_t *, int) { return static_cast<Timers *>(self)->set(20, 3); });
     set(20, 2);
-    set(std::numeric_limits<long>::max(), 4); // as good as never
-    set(std::numeric_limits<long>::min(), 5);
-    handlePass();
-    for (const double both = clock_gettimestamp() + 0.021; clock_gettimestamp() < both;) {
-        std::this_thread::yield();
+    set(0, 4, [](void *self, client_t *, int) { return static_cast<Timers *>(self)->set(0, 5); });
+    const double begun = clock_gettimestamp();
+    EXPECT_EQ(fired(), Types{}); // one set now waits for the next pass, due or not
+    EXPECT_EQ(fired(), Types{5});
+    Types late;
+    while (late.empty()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds{25});
+        late = fired();
     }
-    handlePass();
-    EXPECT_EQ(fired_, (Types{5, 2, 3}));
-}
-
-TEST_F(Timers, timer_set_by_a_handler_waits_for_the_next_pass) {
-    set(0, 1, [](void *self, client_t *, int type) {
-        auto &test = *static_cast<Timers *>(self);
-        test.fired_.push_back(type);
-        return test.set(0, type + 1);
-    });
-    set(0, 10);
-    handlePass();
-    EXPECT_EQ(fired_, (Types{1, 10}));
-    handlePass();
-    EXPECT_EQ(fired_, (Types{1, 10, 2}));
-    handlePass();
-    EXPECT_EQ(fired_.size(), 3U);
+    EXPECT_EQ(late, (Types{2, 3}));
+    EXPECT_GE(clock_gettimestamp() - begun, 0.019);
 }
 
 TEST_F(Timers, killed_timer_does_not_fire) {
-    const int killed = set(0, 1);
+    set(0, 1);
     set(0, 2);
-    // Its wake-up is queued first; a kill that overtakes it removes the timer in time.
-    ASSERT_EQ(busClientKilltimer(&client_, killed), 0);
-    const MessagePtr wakeUp{
-        static_cast<message_t *>(bus_mk_q_recv(client_.message_queue, 1, 0, 1))};
-    EXPECT_STREQ(wakeUp->action, action::kSetTimer);
-    const MessagePtr kill{static_cast<message_t *>(bus_mk_q_recv(client_.message_queue, 1, 0, 1))};
+    EXPECT_EQ(busClientKilltimer(&client_, 2), 0);
+    EXPECT_STREQ(takeMessage()->action, action::kSetTimer); // woke the loop for the first
+    const MessagePtr kill = takeMessage();
     EXPECT_STREQ(kill->payload->data, "{\"id\": 2}");
     _killTimer(client_, *kill);
     _killTimer(client_, *kill);
-    for (const char *payload : {"no json", "{}", "{\"id\":99}"}) {
-        _killTimer(client_, *ownMessage(client_, nullptr, action::kKillTimer, payload,
-                                        static_cast<int>(std::strlen(payload))));
+    for (const char *payload : {"none", "{  }"}) {
+        _killTimer(client_, *ownMessage(client_, nullptr, action::kKillTimer, payload, 4));
     }
-    handlePass();
-    EXPECT_EQ(fired_, Types{2});
-    const std::string text = log();
-    EXPECT_TRUE(says(text, "  Vek-client n already remove timer 2\n"));
-    EXPECT_TRUE(says(text, "  Vek-client n already remove timer 99\n"));
+    EXPECT_EQ(fired(), Types{2});
+    expectInLog({"n kill timer: 2", "n already remove timer 2"});
 }
 
 TEST_F(Timers, refusals_are_visible) {
     set(0, 1, nullptr);
-    handlePass();
+    fired();
     for (int i = 0; i < kClientQueue; ++i) {
         set(60000, i);
     }
@@ -137,24 +114,21 @@ TEST_F(Timers, refusals_are_visible) {
         busClientKilltimer(&client_, 0);
     }
     EXPECT_EQ(busClientKilltimer(&client_, 0), 0);
-    const std::string text = log();
-    for (const char *line : {"  Vek-client n timer func not implement\n",
-                             "  Vek-client n settimer failed, queue is full\n",
-                             "  Vek-client n killtimer failed, queue is full\n"}) {
-        EXPECT_TRUE(says(text, line)) << line;
-    }
+    EXPECT_EQ(client_.counters.own_full, 2U);
+    expectInLog({"n timer func not implement", "n settimer failed, queue is full",
+                 "n killtimer failed, queue is full"});
 }
 
+// Guards the counter of the ids against threads.
 TEST_F(Timers, threads_that_set_timers_get_different_ids) {
     std::vector<int> ids(400);
-    inThreads(4, [&](int thread) {
-        for (int i = 0; i < 100; ++i) {
-            ids[static_cast<std::size_t>(thread * 100 + i)] = set(0, 7);
+    inThreads(4, [&](std::size_t thread) {
+        for (std::size_t i = thread * 100; i < (thread + 1) * 100; ++i) {
+            ids[i] = set(0, 7);
         }
     });
     EXPECT_EQ(std::set<int>(ids.begin(), ids.end()).size(), 400U);
-    spinUntil(0);
-    EXPECT_EQ(fired_.size(), 400U);
+    EXPECT_EQ(fired().size(), 400U);
 }
 
 } // namespace

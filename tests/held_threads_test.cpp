@@ -64,17 +64,17 @@ namespace {
 
 TEST(HeldThreads, call_on_its_way_to_a_node_that_is_closed_without_memory_is_answered) {
     const Deadline deadline{"a call that a close has left behind"};
-    const RunningBus bus{R"({"level":6})"};
-    client_t *const idle = busClientConnect(bus.get(), "idle", nullptr, nullptr, nullptr);
-    RunningNode caller{bus.get(), "caller"};
+    const Bus bus{6};
+    Node idle{bus, "idle", {}, false};
+    Node caller{bus, "caller"};
     Place place;
     sending = &place;
-    heldQueue = idle->message_queue;
+    heldQueue = idle.get()->message_queue;
     std::string answer;
     std::thread thread{[&] { answer = caller.call("/idle/x"); }};
     ASSERT_TRUE(place.inside.wait()); // the bus is about to hand the request on
     memoryIsShort = true;
-    busClientClose(idle); // whose wake-up of the bus is lost
+    idle.close(); // whose wake-up of the bus is lost
     memoryIsShort = false;
     place.letGo.set();
     thread.join();

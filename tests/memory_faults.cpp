@@ -24,6 +24,7 @@ constinit std::atomic<long> askedFor{0};
 constinit std::atomic<long> firstRefused{kNever};
 constinit std::atomic<long> lastRefused{kNever};
 constinit std::atomic<long> inUse{0};
+constinit std::atomic<long> flushed{0};
 
 bool isRefused() noexcept {
     if (!inLibrary) {
@@ -88,6 +89,10 @@ long blocks() noexcept {
     return inUse;
 }
 
+long flushes() noexcept {
+    return flushed;
+}
+
 } // namespace memory
 
 extern "C" {
@@ -111,6 +116,7 @@ std::FILE *__wrap_fopen(const char *path, const char *mode) {
 
 // Thousands of runs do not wait for the disk.
 int __wrap_fsync(int /*file*/) {
+    ++memory::flushed;
     return 0;
 }
 }

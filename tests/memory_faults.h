@@ -27,6 +27,8 @@ void refuseNothing() noexcept;
 long asked() noexcept;
 // Blocks in use, whoever has allocated them.
 long blocks() noexcept;
+// How often a file was to be flushed to the disk, which is not done.
+long flushes() noexcept;
 
 } // namespace memory
 

@@ -195,6 +195,7 @@ constexpr char kConfig[] = R"({"level":0, "path":"/dev/null", "homePath":".", "s
 
 class Bus {
 public:
+    explicit Bus(const char *config = kConfig) : bus_{lib<busClientNew>(config)} {}
     ~Bus() {
         stop();
         lib<busClientDelete>(bus_);
@@ -210,7 +211,7 @@ public:
     long asked() const { return asked_; }
 
 private:
-    Zelvo_t *const bus_ = lib<busClientNew>(kConfig);
+    Zelvo_t *const bus_;
     const long asked_ = memory::asked();
     std::thread loop_{[this] { lib<busClientBindServer>(bus_); }};
 };
@@ -271,6 +272,20 @@ TEST_P(MemoryShortage, ends_frees_and_leaves_a_bus_that_works) {
         ASSERT_EQ(memory::blocks(), before) << "allocation " << run;
     }
     std::fprintf(stderr, "%ld allocations refused, %ld in a row\n", run - 1, GetParam());
+}
+
+TEST(PersistSync, false_leaves_the_flush_to_the_system) {
+    const TempDir home;
+    const std::string begin = R"({"path":"/dev/null","homePath":")" + home.path() + '"';
+    long before = memory::flushes();
+    const auto flushesWith = [&](const char *more) {
+        const Bus bus{(begin + more + '}').c_str()};
+        Node{bus.get(), "n"}.call("/localKeys/k",
+                                  R"({"operation":"set", "data":1, "persist":"true"})");
+        return memory::flushes() - std::exchange(before, memory::flushes());
+    };
+    EXPECT_EQ(flushesWith(""), 2); // the file and its directory
+    EXPECT_EQ(flushesWith(R"(,"persistSync":false)"), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(InARow, MemoryShortage, testing::Values(1, 3, 20, 200),

@@ -6,9 +6,11 @@
 
 #include <zelvo/bus_client.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 class RunningBus {
 public:
@@ -19,20 +21,21 @@ public:
         }
     }
     ~RunningBus() {
+        busClientDelete(manager_); // which stops a loop that runs
         if (loop_.joinable()) {
-            stop();
+            loop_.join();
         }
-        busClientDelete(manager_);
     }
 
     void start() {
         loop_ = std::thread{[this] { busClientBindServer(manager_); }};
     }
+    void exit() { busClientServerExit(manager_); }
+    void join() { loop_.join(); }
     void stop() {
-        busClientServerExit(manager_);
+        exit();
         join();
     }
-    void join() { loop_.join(); }
     Zelvo_t *get() const { return manager_; }
 
 private:
@@ -79,6 +82,74 @@ private:
     client_t *client_;
     Signal ended_;
     std::thread thread_;
+};
+
+// It logs to a file of its own, unless more of its configuration names another.
+class Bus : TempDir, public RunningBus {
+public:
+    explicit Bus(int level = 4, const std::string &more = {}, bool started = true)
+        : RunningBus{"{\"LEVEL\":" + std::to_string(level) + more + ",\"path\":\"" +
+                         file("bus.log") + "\"}",
+                     started} {}
+
+    std::string log() const { return readFile(file("bus.log")); }
+    bool logs(const std::string &part) const { return says(log(), part); }
+    void waitForLog(const std::string &part) const {
+        const Deadline deadline{part};
+        while (!logs(part)) {
+            std::this_thread::yield();
+        }
+    }
+};
+
+using Texts = std::vector<std::string>;
+
+// What it hears is kept as "topic payload".
+class Node {
+public:
+    using OnCall = std::function<char *(client_t *, const std::string &url, const std::string &)>;
+
+    Node(const Bus &bus, const std::string &name, OnCall onCall = {}, bool spins = true)
+        : onCall_{std::move(onCall)},
+          node_{bus.get(), name, hear, onCall_ ? reply : nullptr, this, spins} {}
+
+    void leave() { node_.leave(); }
+    void close() { node_.close(); }
+    client_t *get() const { return node_.get(); }
+    std::string call(const std::string &url) { return node_.call(url, nullptr, 7); }
+    std::string call(const std::string &url, const std::string &data) {
+        return node_.call(url, data.data(), static_cast<int>(data.size()));
+    }
+    void subscribe(const char *topics) { busClientSubscribe(get(), topics); }
+    void publish(const char *topic, const std::string &data = "") {
+        busClientPublish(get(), topic, data.data(), static_cast<int>(data.size()));
+    }
+    // What was heard, once count messages have been.
+    Texts heard(std::size_t count) {
+        std::unique_lock lock{mutex_};
+        more_.wait_for(lock, kLimit, [&] { return heard_.size() >= count; });
+        return heard_;
+    }
+
+private:
+    static int hear(void *userdata, client_t *, char *topic, char *data, int len) {
+        auto &self = *static_cast<Node *>(userdata);
+        const std::lock_guard lock{self.mutex_};
+        self.heard_.push_back(std::string{topic} + " " +
+                              (data ? std::string(data, static_cast<std::size_t>(len)) : "null"));
+        self.more_.notify_all();
+        return 0;
+    }
+    static char *reply(void *userdata, client_t *client, char *url, char *data, int len) {
+        const std::string text = data ? std::string(data, static_cast<std::size_t>(len)) : "null";
+        return static_cast<Node *>(userdata)->onCall_(client, url, text);
+    }
+
+    OnCall onCall_;
+    std::mutex mutex_;
+    std::condition_variable more_;
+    Texts heard_;
+    RunningNode node_; // last: its thread uses the others
 };
 
 #endif

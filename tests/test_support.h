@@ -111,6 +111,11 @@ inline std::string readFile(const std::string &path) {
     return {std::istreambuf_iterator<char>{file}, {}};
 }
 
+// How many entries a directory has.
+inline std::ptrdiff_t entries(const std::string &path) {
+    return std::distance(std::filesystem::directory_iterator{path}, {});
+}
+
 // How often the part stands in the text.
 inline std::size_t count(const std::string &text, const std::string &part) {
     std::size_t found = 0;

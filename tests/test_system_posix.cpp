@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <filesystem>
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -15,10 +14,6 @@ std::uint32_t ownProcessId() {
 
 std::uint32_t ownThreadId() {
     return static_cast<std::uint32_t>(gettid());
-}
-
-int scaled(int rounds) {
-    return rounds;
 }
 
 static void withLimit(auto resource, rlim_t value, const std::function<void()> &body) {
@@ -35,6 +30,15 @@ bool withoutFiles(const std::function<void()> &body) {
     return true;
 }
 
+bool asNobody(const std::function<void()> &body) {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() != 0 || seteuid(kNobody) != 0) {
+        return false;
+    }
+    body();
+    return seteuid(0) == 0;
+}
+
 bool withFullDisk(std::size_t size, const std::function<void()> &body) {
     const auto handler = std::signal(SIGXFSZ, SIG_IGN);
     withLimit(RLIMIT_FSIZE, size, body);
@@ -42,69 +46,17 @@ bool withFullDisk(std::size_t size, const std::function<void()> &body) {
     return true;
 }
 
-void whileOccupied(const std::string &path, const std::function<void()> &body) {
-    std::filesystem::remove(path);
-    std::filesystem::create_directories(path + "/in the way");
-    body();
-    std::filesystem::remove_all(path);
-}
-
-std::string fullDevice() {
-    return "/dev/full";
-}
-
-StandardError::StandardError() : saved_{dup(STDERR_FILENO)} {
-    EXPECT_EQ(pipe(ends_), 0);
-    dup2(ends_[1], STDERR_FILENO);
-    close(ends_[1]);
-}
-
-std::string StandardError::text() {
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    std::string all;
-    char part[1024];
-    for (ssize_t size = 0; (size = read(ends_[0], part, sizeof part)) > 0;) {
-        all.append(part, static_cast<std::size_t>(size));
+bool whileKilled(int times, const std::function<void()> &work, const std::function<void()> &look) {
+    for (int i = 0; i < times; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            work();
+            _exit(0);
+        }
+        usleep(static_cast<useconds_t>(3000 + i * 7919 % 20000));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        look();
     }
-    close(ends_[0]);
-    return all;
-}
-
-struct Child::Process {
-    pid_t id = 0;
-    int output = -1;
-};
-
-Child::Child(const std::string &argument) : process_{std::make_unique<Process>()} {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    std::vector<std::string> command = childCommand(argument);
-    std::vector<char *> words;
-    for (std::string &word : command) {
-        words.push_back(word.data());
-    }
-    words.push_back(nullptr);
-    process_->id = fork();
-    if (process_->id == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        close(ends[0]);
-        close(ends[1]);
-        execv(words[0], words.data());
-        _exit(127);
-    }
-    close(ends[1]);
-    process_->output = ends[0];
-}
-
-Child::~Child() {
-    kill(process_->id, SIGKILL);
-    waitpid(process_->id, nullptr, 0);
-    close(process_->output);
-}
-
-bool Child::hasTold() {
-    char byte = 0;
-    while (byte != kTold && read(process_->output, &byte, 1) == 1) {}
-    return byte == kTold;
+    return true;
 }

@@ -26,7 +26,7 @@ bool isRunning(const server_t &server) noexcept {
 }
 
 void logExited(const char *name, const char *url) noexcept {
-    BUS_LOG(2, "  %s %s alaredy exit, url: %s\n", kClientTag, name, orNull(url));
+    BUS_LOG(2, "  %s %s alaredy exit, url: %s\n", TAG, name, orNull(url));
 }
 
 // ---- waiting ----
@@ -138,20 +138,20 @@ MessagePtr newRequest(client_t &client, const Question &question, std::uint64_t 
 
 Call refuse(client_t &client, const Question &question, bus_mk_sent cause) noexcept {
     countLost(cause, client.counters.bus_full, client.counters.no_memory);
-    BUS_LOG(4, "  %s %s ==> server call failed, url: %s, queue is full\n", kClientTag,
-            client.name.get(), question.url);
+    BUS_LOG(4, "  %s %s ==> server call failed, url: %s, queue is full\n", TAG, client.name.get(),
+            question.url);
     return cause == bus_mk_sent::kFull ? Call::kRefused : Call::kNoMemory;
 }
 
 Call timeOut(client_t &client, const Question &question) noexcept {
     count(client.counters.calls_timed_out);
-    BUS_LOG(4, "  %s %s call timeout, url: %s\n", kClientTag, client.name.get(), question.url);
+    BUS_LOG(4, "  %s %s call timeout, url: %s\n", TAG, client.name.get(), question.url);
     return Call::kTimedOut;
 }
 
 Call giveUp(client_t &client) noexcept {
     count(client.counters.calls_given_up);
-    BUS_LOG(3, "  %s %s leave given up, the bus has stopped\n", kClientTag, client.name.get());
+    BUS_LOG(3, "  %s %s leave given up, the bus has stopped\n", TAG, client.name.get());
     return Call::kStopped;
 }
 
@@ -213,7 +213,7 @@ Call exchange(client_t &client, const Question &question, char **response) noexc
     }
     *response = client.call_response.get();
     count(client.counters.calls_answered);
-    BUS_LOG(2, "  %s %s call response, %s\n", kClientTag, client.name.get(), orNull(*response));
+    BUS_LOG(2, "  %s %s call response, %s\n", TAG, client.name.get(), orNull(*response));
     if (question.taker) {
         *question.taker = std::move(client.call_response);
     }
@@ -341,10 +341,10 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
     const payload_t *const payload = request.payload;
     bus_mk_text text;
     if (handler) {
-        BUS_LOG(1, "  %s %s oncall func begin\n", kClientTag, client.name.get());
+        BUS_LOG(1, "  %s %s oncall func begin\n", TAG, client.name.get());
         text.reset(handler(client.userdata, &client, request.url, payload ? payload->data : nullptr,
                            payload ? payload->len : 0));
-        BUS_LOG(1, "  %s %s oncall func end\n", kClientTag, client.name.get());
+        BUS_LOG(1, "  %s %s oncall func end\n", TAG, client.name.get());
     }
     const bool given = text && fitsPayload(std::strlen(text.get()));
     const char *const data = given ? text.get() : kNoHandlerAnswer;
@@ -355,8 +355,7 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
         }
     }
     count(client.counters.no_memory);
-    BUS_LOG(5, "  %s %s ==> server call response failed, queue is full\n", kClientTag,
-            client.name.get());
+    BUS_LOG(5, "  %s %s ==> server call response failed, queue is full\n", TAG, client.name.get());
 }
 
 } // namespace bus

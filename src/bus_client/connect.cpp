@@ -88,7 +88,7 @@ bool join(client_t &client, const Deadline &deadline) noexcept {
     if (!joined && result != Call::kRefused) {
         return false;
     }
-    BUS_LOG(3, "  %s %s connect end, payload: %s\n", kClientTag, client.name.get(),
+    BUS_LOG(3, "  %s %s connect end, payload: %s\n", TAG, client.name.get(),
             orNull(response.get()));
     return true;
 }
@@ -125,7 +125,7 @@ constexpr Change kUnsubscribe{kUnsubscribeUrl, "unsubscribe"};
 
 int changeTopics(client_t &client, const char *jsondata, const Change &change,
                  const Deadline &deadline) noexcept {
-    BUS_LOG(2, "  %s %s %s begin, %s\n", kClientTag, client.name.get(), change.verb, jsondata);
+    BUS_LOG(2, "  %s %s %s begin, %s\n", TAG, client.name.get(), change.verb, jsondata);
     const std::string_view topics{jsondata};
     if (!fitsPayload(topics.size()) || !isJsonArray(jsondata)) {
         logFormatError();
@@ -133,7 +133,7 @@ int changeTopics(client_t &client, const char *jsondata, const Change &change,
     }
     bus_mk_text response;
     call(client, change.url, topics, deadline, response);
-    BUS_LOG(1, "  %s %s %s end, payload: %s\n", kClientTag, client.name.get(), change.verb,
+    BUS_LOG(1, "  %s %s %s end, payload: %s\n", TAG, client.name.get(), change.verb,
             orNull(response.get()));
     return 0;
 }
@@ -154,19 +154,19 @@ client_t *busClientConnect(Zelvo_t *busManager, const char *name, onmessage_call
         return nullptr;
     }
     bus::server_t *const server = busManager->server;
-    BUS_LOG(3, "  %s %s connect begin, busManager: %p, server: %p, name: %p\n", bus::kClientTag,
-            name, static_cast<const void *>(busManager), static_cast<const void *>(server),
+    BUS_LOG(3, "  %s %s connect begin, busManager: %p, server: %p, name: %p\n", bus::TAG, name,
+            static_cast<const void *>(busManager), static_cast<const void *>(server),
             static_cast<const void *>(name));
     if (bus::isTaken(*server, name)) {
-        BUS_LOG(4, "  %s %s already exist\n", bus::kClientTag, name);
+        BUS_LOG(4, "  %s %s already exist\n", bus::TAG, name);
         return nullptr;
     }
     if (!bus::isCallable(name)) {
-        BUS_LOG(4, "  %s %s cannot be called by this name\n", bus::kClientTag, name);
+        BUS_LOG(4, "  %s %s cannot be called by this name\n", bus::TAG, name);
     }
     bus::ClientPtr client = bus::newClient(server, name);
     if (!client) {
-        BUS_LOG(5, "  %s connect failed\n", bus::kClientTag);
+        BUS_LOG(5, "  %s connect failed\n", bus::TAG);
         return nullptr;
     }
     client->onmessage_func = onmessage;
@@ -174,7 +174,7 @@ client_t *busClientConnect(Zelvo_t *busManager, const char *name, onmessage_call
     client->userdata = userdata;
     const bus::Deadline deadline = bus::deadlineOf(*server);
     if (!bus::join(*client, deadline)) {
-        BUS_LOG(5, "  %s connect failed\n", bus::kClientTag);
+        BUS_LOG(5, "  %s connect failed\n", bus::TAG);
         bus::abandon(*client);
         return nullptr;
     }
@@ -198,7 +198,7 @@ int busClientClose(client_t *client) noexcept {
         bus::leaveBus(*client);
     }
     bus::abandon(*client);
-    BUS_LOG(3, "  %s %s close\n", bus::kClientTag, client->name.get());
+    BUS_LOG(3, "  %s %s close\n", bus::TAG, client->name.get());
     bus::release(client);
     return 0;
 }

@@ -17,7 +17,9 @@ struct Zelvo_t {
 
 namespace bus {
 
-inline constexpr char kClientTag[] = "Vek-client";
+inline namespace client_module { // as the server's
+inline constexpr char TAG[] = "Vek-client";
+}
 
 // Writes the trace line of a message; none for "settimer". direction: "<==" taken, "==>" sent.
 int _busClientLogMessage(int level, const char *direction, const client_t *client,

@@ -85,10 +85,10 @@ static_assert(alignof(message_t) >= alignof(payload_t) &&
 void *newBlock(std::size_t size, const char *name, const char *topic) noexcept {
     void *const block = size <= bus_mk_pool_block ? bus_mk_pool_get() : std::malloc(size);
     if (!block) {
-        BUS_LOG(5, "  %s name malloc error %s\n", kClientTag, orNull(name));
+        BUS_LOG(5, "  %s name malloc error %s\n", TAG, orNull(name));
     }
     if (!block && topic) {
-        BUS_LOG(4, "  %s topic malloc error %s\n", kClientTag, orNull(name));
+        BUS_LOG(4, "  %s topic malloc error %s\n", TAG, orNull(name));
     }
     return block;
 }
@@ -238,14 +238,14 @@ int _busClientLogMessage(int level, const char *direction, const client_t *clien
     BUS_LOG(level,
             "  %s #%4d# %s %s %s,  action: %s, topic: %s,  url: %s, payload: %s, "
             "payload len: %d\n",
-            kClientTag, line, orNull(client->name.get()), direction, orNull(target),
+            TAG, line, orNull(client->name.get()), direction, orNull(target),
             orNull(message->action), orNull(message->topic), orNull(message->url),
             tracedPayload(message->payload), message->payload ? message->payload->len : 0);
     return 0;
 }
 
 void logFormatError() noexcept {
-    BUS_LOG(5, "  %s  params format error\n", kClientTag);
+    BUS_LOG(5, "  %s  params format error\n", TAG);
 }
 
 MessagePtr ownMessage(client_t &client, const char *topic, const char *action, const char *data,

@@ -31,10 +31,10 @@ int publish(client_t *client, const char *topic, const char *action, const char 
         return -1;
     }
     if (!post(*client, topic, action, data, len)) {
-        BUS_LOG(4, "  %s %s ==> server %s failed, topic: %s, queue is full\n", kClientTag,
+        BUS_LOG(4, "  %s %s ==> server %s failed, topic: %s, queue is full\n", TAG,
                 client->name.get(), action, topic);
     }
-    BUS_LOG(1, "  %s %s %s end, topic: %s\n", kClientTag, client->name.get(), action, topic);
+    BUS_LOG(1, "  %s %s %s end, topic: %s\n", TAG, client->name.get(), action, topic);
     return 0;
 }
 
@@ -63,9 +63,9 @@ int busClientRemoveSticky(client_t *client, const char *jsondata) noexcept {
     }
     if (!bus::post(*client, nullptr, bus::action::kRemoveSticky, jsondata,
                    static_cast<int>(std::strlen(jsondata)))) {
-        BUS_LOG(4, "  %s %s ==> server removeSticky failed, data: %s, queue is full\n",
-                bus::kClientTag, client->name.get(), jsondata);
+        BUS_LOG(4, "  %s %s ==> server removeSticky failed, data: %s, queue is full\n", bus::TAG,
+                client->name.get(), jsondata);
     }
-    BUS_LOG(1, "  %s %s removeSticky end\n", bus::kClientTag, client->name.get());
+    BUS_LOG(1, "  %s %s removeSticky end\n", bus::TAG, client->name.get());
     return 0;
 }

@@ -9,10 +9,10 @@ void _message(client_t &client, const message_t &message) noexcept {
         return;
     }
     const payload_t *const payload = message.payload;
-    BUS_LOG(1, "  %s %s onmessage func begin\n", kClientTag, client.name.get());
+    BUS_LOG(1, "  %s %s onmessage func begin\n", TAG, client.name.get());
     client.onmessage_func(client.userdata, &client, message.topic,
                           payload ? payload->data : nullptr, payload ? payload->len : 0);
-    BUS_LOG(1, "  %s %s onmessage func end\n", kClientTag, client.name.get());
+    BUS_LOG(1, "  %s %s onmessage func end\n", TAG, client.name.get());
 }
 
 void _request(client_t &client, const message_t &request) noexcept {
@@ -21,12 +21,12 @@ void _request(client_t &client, const message_t &request) noexcept {
 }
 
 void _wakeUp(client_t &client, const message_t & /*message*/) noexcept {
-    BUS_LOG(0, "  %s %s singal timer_queue\n", kClientTag, client.name.get());
+    BUS_LOG(0, "  %s %s singal timer_queue\n", TAG, client.name.get());
 }
 
 void _exit(client_t &client, const message_t & /*message*/) noexcept {
     leaveBus(client);
-    BUS_LOG(3, "  %s %s exit end\n", kClientTag, client.name.get());
+    BUS_LOG(3, "  %s %s exit end\n", TAG, client.name.get());
 }
 
 struct Route {
@@ -83,7 +83,7 @@ bus_mk_sent postExit(client_t &client) noexcept {
 } // namespace bus
 
 int busClientSpin(client_t *client) noexcept {
-    BUS_LOG(3, "  %s %s spin running\n", bus::kClientTag, client ? client->name.get() : "NULL");
+    BUS_LOG(3, "  %s %s spin running\n", bus::TAG, client ? client->name.get() : "NULL");
     if (!client) {
         return 0;
     }
@@ -93,7 +93,7 @@ int busClientSpin(client_t *client) noexcept {
             bus::timerPause(*client);
         }
     }
-    BUS_LOG(3, "  %s %s thread exit\n", bus::kClientTag, client->name.get());
+    BUS_LOG(3, "  %s %s thread exit\n", bus::TAG, client->name.get());
     return 0;
 }
 
@@ -101,11 +101,11 @@ int busClientSpinExit(client_t *client) noexcept {
     if (!client) {
         return 0;
     }
-    BUS_LOG(3, "  %s %s exit begin\n", bus::kClientTag, client->name.get());
+    BUS_LOG(3, "  %s %s exit begin\n", bus::TAG, client->name.get());
     const bus_mk_sent sent = bus::postExit(*client);
     if (sent != bus_mk_sent::kDone) {
         bus::countLost(sent, client->counters.own_full, client->counters.no_memory);
-        BUS_LOG(4, "  %s %s message queue is full\n", bus::kClientTag, client->name.get());
+        BUS_LOG(4, "  %s %s message queue is full\n", bus::TAG, client->name.get());
     }
     return 0;
 }

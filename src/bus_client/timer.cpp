@@ -28,7 +28,7 @@ int nextTimerId(client_t &client) noexcept {
         const int next = wraps ? 2 : last + 1;
         if (client.timerid.compare_exchange_weak(last, next, std::memory_order_relaxed)) {
             if (wraps) {
-                BUS_LOG(4, "  %s timerId overstep the boundary 32767\n", kClientTag);
+                BUS_LOG(4, "  %s timerId overstep the boundary 32767\n", TAG);
             }
             return next;
         }
@@ -44,12 +44,12 @@ void noteDue(client_t &client, double due) noexcept {
 
 void fire(client_t &client, const timer_t &timer) noexcept {
     if (!timer.timer_func) {
-        BUS_LOG(4, "  %s %s timer func not implement\n", kClientTag, client.name.get());
+        BUS_LOG(4, "  %s %s timer func not implement\n", TAG, client.name.get());
         return;
     }
-    BUS_LOG(1, "  %s %d timer func begin\n", kClientTag, timer.type);
+    BUS_LOG(1, "  %s %d timer func begin\n", TAG, timer.type);
     timer.timer_func(timer.userdata, &client, timer.type);
-    BUS_LOG(1, "  %s %d timer func end\n", kClientTag, timer.type);
+    BUS_LOG(1, "  %s %d timer func end\n", TAG, timer.type);
 }
 
 // One walk over the timers, and those it has taken out, in their order.
@@ -107,7 +107,7 @@ timer_t *busClientExTimerNew(client_t *client, timer_callback timer_func, long m
     timer->timer_func = timer_func;
     const double created = now();
     timer->timeout = static_cast<double>(mstimeout) + created;
-    BUS_LOG(1, "  %s timer new %d, %lld, %lld\n", kClientTag, timer->id, shown(created),
+    BUS_LOG(1, "  %s timer new %d, %lld, %lld\n", TAG, timer->id, shown(created),
             shown(timer->timeout));
     return timer;
 }
@@ -115,7 +115,7 @@ timer_t *busClientExTimerNew(client_t *client, timer_callback timer_func, long m
 int busClientExTimerDelete(void *timer) noexcept {
     const std::unique_ptr<timer_t> owned{static_cast<timer_t *>(timer)};
     if (owned) {
-        BUS_LOG(1, "  %s %d timer delete\n", kClientTag, owned->id);
+        BUS_LOG(1, "  %s %d timer delete\n", TAG, owned->id);
     }
     return 0;
 }
@@ -135,7 +135,7 @@ void _killTimer(client_t &client, const message_t &message) noexcept {
     if (void *const timer = bus_mk_q_delete(client.timer_queue, &id)) {
         busClientExTimerDelete(timer);
     } else {
-        BUS_LOG(1, "  %s %s already remove timer %d\n", kClientTag, client.name.get(), id);
+        BUS_LOG(1, "  %s %s already remove timer %d\n", TAG, client.name.get(), id);
     }
 }
 
@@ -182,7 +182,7 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
         bus::noteDue(*client, due);
     } else {
         bus::countLost(sent, client->counters.own_full, client->counters.no_memory);
-        BUS_LOG(4, "  %s %s settimer failed, queue is full\n", bus::kClientTag, client->name.get());
+        BUS_LOG(4, "  %s %s settimer failed, queue is full\n", bus::TAG, client->name.get());
         bus::busClientExTimerDelete(timer);
     }
     for (int attempt = 0; attempt < bus::kShortageAttempts && bus::hasNoMessage(*client) &&
@@ -190,7 +190,7 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
          ++attempt) {
         platform::yieldThread();
     }
-    BUS_LOG(2, "  %s %s set timer %d\n", bus::kClientTag, client->name.get(), id);
+    BUS_LOG(2, "  %s %s set timer %d\n", bus::TAG, client->name.get(), id);
     return id;
 }
 
@@ -198,7 +198,7 @@ int busClientKilltimer(client_t *client, int id) noexcept {
     if (!client) {
         return 0;
     }
-    BUS_LOG(2, "  %s %s kill timer: %d\n", bus::kClientTag, client->name.get(), id);
+    BUS_LOG(2, "  %s %s kill timer: %d\n", bus::TAG, client->name.get(), id);
     std::array<char, 32> payload{};
     const int length = std::snprintf(payload.data(), payload.size(), "{\"id\": %d}", id);
     bus::MessagePtr message =
@@ -206,8 +206,7 @@ int busClientKilltimer(client_t *client, int id) noexcept {
     const bus_mk_sent sent = bus::handOver(client->message_queue, message, -1);
     if (sent != bus_mk_sent::kDone) {
         bus::countLost(sent, client->counters.own_full, client->counters.no_memory);
-        BUS_LOG(4, "  %s %s killtimer failed, queue is full\n", bus::kClientTag,
-                client->name.get());
+        BUS_LOG(4, "  %s %s killtimer failed, queue is full\n", bus::TAG, client->name.get());
     }
     return 0;
 }

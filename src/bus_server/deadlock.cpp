@@ -23,7 +23,7 @@ int _busServerHasDeadLock(server_t *server, const char *host, const char *target
         const bool reserved = step > 0 && isReserved(host);
         const node_t *const node = host && !reserved ? server->directory.find(host) : nullptr;
         if (!node) {
-            BUS_LOG(4, "  %s client %s is exit\n", kServerTag, host ? host : "host is null");
+            BUS_LOG(4, "  %s client %s is exit\n", TAG, host ? host : "host is null");
             return -1;
         }
         const client_t &client = *node->node;
@@ -31,7 +31,7 @@ int _busServerHasDeadLock(server_t *server, const char *host, const char *target
         if (step == nodes || *calls == '\0' || hasGivenUp(client)) {
             return -1;
         }
-        BUS_LOG(2, "  %s %s call %s, target: %s\n", kServerTag, host, calls, target);
+        BUS_LOG(2, "  %s %s call %s, target: %s\n", TAG, host, calls, target);
         if (!isReserved(calls) && std::strcmp(calls, target) == 0) {
             return 0;
         }
@@ -45,7 +45,7 @@ void refuseRing(server_t &server, const message_t &request) noexcept {
         return;
     }
     if (!publishNotice(server, kErrorTopic, kDeadlockNotice)) {
-        BUS_LOG(5, "  %s bus.error publish failed\n", kServerTag);
+        BUS_LOG(5, "  %s bus.error publish failed\n", TAG);
     }
 }
 

@@ -42,7 +42,7 @@ void takeOffDeparted(server_t &server) noexcept {
             node_t *const entry = server.directory.find(client->name.get());
             takeOff(server, *entry);
             busServerExNodeDelete(entry);
-            BUS_LOG(2, "  %s %s disjoin\n", kServerTag, client->name.get());
+            BUS_LOG(2, "  %s %s disjoin\n", TAG, client->name.get());
         }
         answerWaiting(server, *client);
     }

@@ -13,7 +13,10 @@
 
 namespace bus {
 
-inline constexpr char kServerTag[] = "Vek-server";
+// Inline, so that a file that sees both modules' insides, as some tests do, has no clash.
+inline namespace server_module {
+inline constexpr char TAG[] = "Vek-server";
+}
 
 // Writes the trace line of a message. direction: "<==" taken, "==>" sent; target: the other end.
 int _busServerLogMessage(int level, const char *direction, const server_t *server,
@@ -88,7 +91,7 @@ void takeOff(server_t &server, node_t &entry) noexcept;
 // wait for them. Costs a load where there is none.
 void takeOffDeparted(server_t &server) noexcept;
 
-// ---- service.cpp, keys.cpp, deadlock.cpp ----
+// ---- service.cpp, keys.cpp ----
 
 // Answer a request to the host "bus", and to the host "localKeys".
 void _busServerService(server_t &server, const Request &request) noexcept;
@@ -96,11 +99,16 @@ void _busServerKeys(server_t &server, const Request &request) noexcept;
 // What server and nodes have counted, as JSON. Throws std::bad_alloc.
 std::string statsText(server_t &server);
 
-// Loads the key store from its file, where there is one. A file that is no JSON object is set
-// aside, beside it, and the store starts empty.
+// ---- the key store's file, key_file.cpp; both throw std::bad_alloc ----
+
+// Reads the file, where there is one, and puts what has been set since on top of it. Nothing is
+// taken of a file that can't be read to its end, unless what could be read is a whole object.
 void _busGetKeys(server_t &server);
-// Writes the key store to its file, which is replaced as a whole or stays as it was.
+// Replaces the file by the store, unless it has not been read. A file that is no JSON object is set
+// aside first. What does not succeed leaves the file as it was, and the store in memory.
 void _busSetKeys(server_t &server);
+
+// ---- deadlock.cpp ----
 
 // 0 when the chain of calls that starts at node host leads to a node that is calling target, -1
 // when it ends elsewhere. A node that has given its call up calls nobody. The chain is left after

@@ -44,8 +44,7 @@ bool forward(server_t &server, const Request &request, const node_t &target) noe
     }
     BUS_SERVER_TRACE("==>", &server, sent.get(), client.name.get());
     return sendToNode(server, client, sent, [&client] {
-        BUS_LOG(4, "  %s server ==> %s request failed, queue is full\n", kServerTag,
-                client.name.get());
+        BUS_LOG(4, "  %s server ==> %s request failed, queue is full\n", TAG, client.name.get());
     });
 }
 
@@ -77,11 +76,11 @@ void _busServerRequest(server_t &server, MessagePtr &taken) noexcept {
     }
     const std::optional<Url> url = splitUrl(message.url);
     if (!url) {
-        BUS_LOG(5, "  %s not url path\n", kServerTag);
+        BUS_LOG(5, "  %s not url path\n", TAG);
         answer(server, message, kUnknownAnswer);
         return;
     }
-    BUS_LOG(1, "  %s host: %.*s, path: %.*s\n", kServerTag, static_cast<int>(url->host.size()),
+    BUS_LOG(1, "  %s host: %.*s, path: %.*s\n", TAG, static_cast<int>(url->host.size()),
             url->host.data(), static_cast<int>(url->path.size()), url->path.data());
     const Request request{taken, message, *url, senderOf(server, message)};
     noteCall(request);
@@ -101,7 +100,7 @@ void logSearch(server_t &server, const message_t &response) noexcept {
     const auto visit = [](void *item, void *arg) {
         const char *const name = static_cast<const node_t *>(item)->name.get();
         const char *const wanted = static_cast<const char *>(arg);
-        BUS_LOG(1, "  %s name: %s, request_name: %s\n", kServerTag, name, orNull(wanted));
+        BUS_LOG(1, "  %s name: %s, request_name: %s\n", TAG, name, orNull(wanted));
         return wanted && std::strcmp(name, wanted) == 0 ? 1 : 0;
     };
     bus_mk_q_visit(server.nodes_queue, visit, response.request_name);
@@ -142,7 +141,7 @@ bool deliver(client_t &client, const message_t &response, const payload_t *paylo
             client.call_response.get()[length] = '\0';
         } else {
             count(client.counters.no_memory);
-            BUS_LOG(5, "  %s response failed\n", kServerTag);
+            BUS_LOG(5, "  %s response failed\n", TAG);
         }
     }
     client.waiting_call.store(0);
@@ -154,7 +153,7 @@ bool deliver(client_t &client, const message_t &response, const payload_t *paylo
 
 void dropLate(client_t &client, const message_t &response) noexcept {
     count(client.counters.late_answers);
-    BUS_LOG(1, "  %s %s late response dropped, url: %s\n", kServerTag, client.name.get(),
+    BUS_LOG(1, "  %s %s late response dropped, url: %s\n", TAG, client.name.get(),
             orNull(response.url));
 }
 
@@ -185,14 +184,14 @@ void _busServerResponse(server_t &server, MessagePtr &message) noexcept {
     }
     if (leaving) {
         busServerExNodeDelete(entry);
-        BUS_LOG(2, "  %s %s disjoin\n", kServerTag, response.request_name);
+        BUS_LOG(2, "  %s %s disjoin\n", TAG, response.request_name);
     }
 }
 
 // ---- the loop ----
 
 void _busServerExitAction(server_t &server, MessagePtr & /*message*/) noexcept {
-    BUS_LOG(3, "  %s %s exit end\n", kServerTag, server.name.get());
+    BUS_LOG(3, "  %s %s exit end\n", TAG, server.name.get());
     server.running.store(0);
 }
 
@@ -216,7 +215,7 @@ constexpr Route kActions[] = {
 void dispatch(server_t &server, MessagePtr &message) noexcept {
     BUS_SERVER_TRACE("<==", &server, message.get(), message->name);
     if (!message->action || !message->name) {
-        BUS_LOG(4, "  %s message body not action | name\n", kServerTag);
+        BUS_LOG(4, "  %s message body not action | name\n", TAG);
         return;
     }
     for (const Route &route : kActions) {
@@ -225,7 +224,7 @@ void dispatch(server_t &server, MessagePtr &message) noexcept {
             return;
         }
     }
-    BUS_LOG(1, "  %s not implement\n", kServerTag);
+    BUS_LOG(1, "  %s not implement\n", TAG);
 }
 
 bool enterLoop(server_t &server) noexcept {
@@ -264,8 +263,8 @@ int _busServerLogMessage(int level, const char *direction, const server_t *serve
     BUS_LOG(level,
             "  %s #%4d# %s %s %s,  action: %s, topic: %s,  url: %s, requestor: %s, payload:%s, "
             "payload len: %d\n",
-            kServerTag, line, orNull(server ? server->name.get() : nullptr), direction,
-            orNull(target), orNull(message->action), orNull(message->topic), orNull(message->url),
+            TAG, line, orNull(server ? server->name.get() : nullptr), direction, orNull(target),
+            orNull(message->action), orNull(message->topic), orNull(message->url),
             orNull(message->request_name), tracedPayload(message->payload),
             message->payload ? message->payload->len : 0);
     return 0;
@@ -280,7 +279,7 @@ Answered answer(server_t &server, const message_t &request, std::string_view tex
     }
     if (!response) {
         count(server.counters.no_memory);
-        BUS_LOG(5, "  %s response failed\n", kServerTag);
+        BUS_LOG(5, "  %s response failed\n", TAG);
         endCall(server, request);
         return Answered::kNotMade;
     }
@@ -303,12 +302,12 @@ void endCall(server_t &server, const message_t &request) noexcept {
 }
 
 int busServerRun(server_t *server) noexcept {
-    BUS_LOG(3, "  %s running\n", kServerTag);
+    BUS_LOG(3, "  %s running\n", TAG);
     if (!server) {
         return -1;
     }
     if (!enterLoop(*server)) {
-        BUS_LOG(4, "  %s server is running\n", kServerTag);
+        BUS_LOG(4, "  %s server is running\n", TAG);
         return 0;
     }
     while (server->running.load() == 1) {
@@ -323,7 +322,7 @@ int busServerRun(server_t *server) noexcept {
             takeOffDeparted(*server);
         }
     }
-    BUS_LOG(3, "  %s spin exit\n", kServerTag);
+    BUS_LOG(3, "  %s spin exit\n", TAG);
     leaveLoop(*server);
     return 0;
 }

@@ -32,11 +32,11 @@ void keepSticky(server_t &server, MessagePtr message) noexcept {
     server.directory.prune(message->topic);
     if (bus_mk_q_full(server.sticky_queue)) {
         countAlone(server.counters.sticky_full);
-        BUS_LOG(2, "  %s %s sticky topic %s not kept, store is full\n", kServerTag, message->name,
+        BUS_LOG(2, "  %s %s sticky topic %s not kept, store is full\n", TAG, message->name,
                 message->topic);
     } else {
         count(server.counters.no_memory);
-        BUS_LOG(5, "  %s %s sticky topic %s not kept\n", kServerTag, message->name, message->topic);
+        BUS_LOG(5, "  %s %s sticky topic %s not kept\n", TAG, message->name, message->topic);
     }
 }
 
@@ -47,7 +47,7 @@ void sendCopy(server_t &server, client_t &client, MessagePtr copy) noexcept {
     }
     BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
     sendToNode(server, client, copy, [&] {
-        BUS_LOG(4, "  %s server ==> %s pusblish topic %s failed, queue is full\n", kServerTag,
+        BUS_LOG(4, "  %s server ==> %s pusblish topic %s failed, queue is full\n", TAG,
                 client.name.get(), copy->topic);
     });
 }
@@ -99,8 +99,7 @@ void replaySticky(server_t &server, const node_t &node, const char *topic) noexc
     client_t &client = *node.node;
     BUS_SERVER_TRACE("==>", &server, copy.get(), client.name.get());
     sendToNode(server, client, copy, [&client] {
-        BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", kServerTag,
-                client.name.get());
+        BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", TAG, client.name.get());
     });
 }
 
@@ -121,7 +120,7 @@ void _busServerPublishSticky(server_t &server, MessagePtr &taken) noexcept {
     }
     _busServerPublish(&server, copy.get());
     if (takeSticky(server, message.topic)) {
-        BUS_LOG(4, "  %s %s remove old then add new payload, topic %s\n", kServerTag, message.name,
+        BUS_LOG(4, "  %s %s remove old then add new payload, topic %s\n", TAG, message.name,
                 message.topic);
     }
     keepSticky(server, std::move(copy));
@@ -131,12 +130,12 @@ void _busServerRemoveSticky(server_t &server, MessagePtr &taken) noexcept try {
     const message_t &message = *taken;
     forEachTopic(message, [&](const char *topic) {
         if (!takeSticky(server, topic)) {
-            BUS_LOG(4, "  %s %s already removeSticky topic %s\n", kServerTag, message.name, topic);
+            BUS_LOG(4, "  %s %s already removeSticky topic %s\n", TAG, message.name, topic);
         }
     });
 } catch (const std::bad_alloc &) {
     count(server.counters.no_memory);
-    BUS_LOG(5, "  %s %s removeSticky failed\n", kServerTag, taken->name);
+    BUS_LOG(5, "  %s %s removeSticky failed\n", TAG, taken->name);
 }
 
 } // namespace bus

@@ -87,7 +87,7 @@ server_t::~server_t() {
 }
 
 server_t *busServerNew(const char *homepath) noexcept {
-    BUS_LOG(3, "  %s new\n", kServerTag);
+    BUS_LOG(3, "  %s new\n", TAG);
     std::unique_ptr<server_t, ServerDelete> server{new (std::nothrow) server_t};
     if (!server || !server->nodes_queue || !server->message_queue || !server->sticky_queue ||
         !server->name) {
@@ -106,9 +106,9 @@ int busServerExit(server_t *server) noexcept {
     if (!server) {
         return 0;
     }
-    BUS_LOG(3, "  %s %s exit begin\n", kServerTag, server->name.get());
+    BUS_LOG(3, "  %s %s exit begin\n", TAG, server->name.get());
     if (!postExit(*server)) {
-        BUS_LOG(5, "  %s %s exit failed\n", kServerTag, server->name.get());
+        BUS_LOG(5, "  %s %s exit failed\n", TAG, server->name.get());
     }
     return 0;
 }
@@ -118,7 +118,7 @@ int busServerDelete(server_t *server) noexcept {
         return 0;
     }
     stopLoop(*server);
-    BUS_LOG(3, "  %s %s delete\n", kServerTag, server->name.get());
+    BUS_LOG(3, "  %s %s delete\n", TAG, server->name.get());
     delete server;
     return 0;
 }

@@ -48,12 +48,12 @@ bool admit(server_t &server, client_t &client, const char *name) noexcept {
         return false;
     }
     if (server.directory.nodes() >= kServerQueue) {
-        BUS_LOG(4, "  %s %s join failed, registry is full\n", kServerTag, name);
+        BUS_LOG(4, "  %s %s join failed, registry is full\n", TAG, name);
         return false;
     }
     if (!store(server, newEntry(name, &client))) {
         count(server.counters.no_memory);
-        BUS_LOG(5, "  %s %s join failed\n", kServerTag, name);
+        BUS_LOG(5, "  %s %s join failed\n", TAG, name);
         return false;
     }
     return true;
@@ -66,7 +66,7 @@ Answer _join(const Service &call) {
         takeOff(call.server, *holder);
         busServerExNodeDelete(holder);
     } else if (holder) {
-        BUS_LOG(4, "  %s, %s already exist\n", kServerTag, name);
+        BUS_LOG(4, "  %s, %s already exist\n", TAG, name);
         if (call.sender) {
             return std::string{kEmptyAnswer};
         }
@@ -83,7 +83,7 @@ Answer _join(const Service &call) {
         return std::nullopt;
     }
     if (publishNotice(call.server, kEventTopic, notice)) {
-        BUS_LOG(2, "  %s %s node joined\n", kServerTag, name);
+        BUS_LOG(2, "  %s %s node joined\n", TAG, name);
     }
     return accepted;
 }
@@ -94,20 +94,20 @@ void subscribe(server_t &server, node_t &node, const char *topic) noexcept {
     const char *const name = node.name.get();
     bus_mk_text copy{bus_mk_strdup(topic)};
     if (!copy) {
-        BUS_LOG(4, "  %s topic malloc error %s\n", kServerTag, name);
+        BUS_LOG(4, "  %s topic malloc error %s\n", TAG, name);
         return;
     }
     if (bus_mk_q_find(node.topics_queue, copy.get(), nullptr)) {
-        BUS_LOG(4, "  %s %s already subscribe topic %s\n", kServerTag, name, topic);
+        BUS_LOG(4, "  %s %s already subscribe topic %s\n", TAG, name, topic);
         return;
     }
     if (!server.directory.subscribe(node, topic)) {
-        BUS_LOG(4, "  %s topic malloc error %s\n", kServerTag, name);
+        BUS_LOG(4, "  %s topic malloc error %s\n", TAG, name);
         return;
     }
     if (bus_mk_q_send(node.topics_queue, copy.get(), -1) != 0) {
         server.directory.unsubscribe(node, topic);
-        BUS_LOG(4, "  %s %s subscribe topic %s failed, queue is full\n", kServerTag, name, topic);
+        BUS_LOG(4, "  %s %s subscribe topic %s failed, queue is full\n", TAG, name, topic);
         return;
     }
     static_cast<void>(copy.release());
@@ -168,11 +168,11 @@ Answer _stats(const Service &call) {
 Answer _disjoin(const Service &call) {
     const char *const name = call.request.name;
     if (!call.sender) {
-        BUS_LOG(5, "  %s %s already disjoin\n", kServerTag, name);
+        BUS_LOG(5, "  %s %s already disjoin\n", TAG, name);
         return std::string{kEmptyAnswer};
     }
     std::string notice = disjoinNotice(name);
-    BUS_LOG(1, "  %s %s disjoin\n", kServerTag, name);
+    BUS_LOG(1, "  %s %s disjoin\n", TAG, name);
     return notice;
 }
 
@@ -197,7 +197,7 @@ constexpr Route kPaths[] = {
 
 Answer serve(const Service &call, std::string_view path) {
     if (path.size() <= 1) {
-        BUS_LOG(5, "  %s not url path\n", kServerTag);
+        BUS_LOG(5, "  %s not url path\n", TAG);
         return std::string{};
     }
     for (const Route &route : kPaths) {
@@ -219,7 +219,7 @@ void _busServerService(server_t &server, const Request &request) noexcept {
         }
     } catch (const std::bad_alloc &) {
         count(server.counters.no_memory);
-        BUS_LOG(5, "  %s response failed\n", kServerTag);
+        BUS_LOG(5, "  %s response failed\n", TAG);
         endCall(server, message);
     }
 }

@@ -9,6 +9,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <string>
+#include <string_view>
+#include <system_error>
 
 namespace platform {
 
@@ -60,21 +63,47 @@ void threadJoin(void *handle) noexcept;
 std::FILE *openFile(const char *path, const char *mode) noexcept;
 bool removeFile(const char *path) noexcept;
 
-enum class FileKind { kNone, kRegular, kOther };
+// Where a stream stands, and where it ends once it has been moved there, in bytes from its
+// beginning; negative: that can't be told.
+std::int64_t filePosition(std::FILE *file) noexcept;
+std::int64_t seekEnd(std::FILE *file) noexcept;
 
-// What path names, through symbolic links; kNone too where that cannot be found out.
-FileKind fileKind(const char *path) noexcept;
+enum class FileKind { kNone, kRegular, kOther, kUnknown };
 
-enum class FileResult { kDone, kNotOpened, kNotWritten };
+// What path names, through symbolic links. kNone is certain; kUnknown: error says why nothing is.
+FileKind fileKind(const char *path, std::error_code &error) noexcept;
 
-// Replaces the file path as a whole by size bytes of data: they go to a file beside it, path with
-// ".new" behind it, and to the disk, before that takes the name. At every instant, also if the
-// process or the machine dies, path is the old file or the new one. Any other result leaves path
-// as it was.
-FileResult replaceFile(const char *path, const char *data, std::size_t size) noexcept;
+// What path names once symbolic links are followed, which need not exist; path where they lead
+// nowhere for another reason (on Windows for any). Throws std::bad_alloc.
+std::string followLinks(const std::string &path);
 
-// Gives the file from the name to, unless that exists. False: nothing is changed.
-bool renameFile(const char *from, const char *to) noexcept;
+// Makes an empty file that is its owner's alone. An error (std::errc::file_exists is one): nothing
+// was made, and what has the name is as it was.
+std::error_code makeFile(const char *path) noexcept;
+
+enum class FileResult { kDone, kDoneInPlace, kNotOpened, kNotWritten };
+
+// What a file is replaced by.
+struct Replacement {
+    std::string_view data;
+    bool flush = true;           // whether it is to be on the disk when the call returns
+    const char *aside = nullptr; // a file that gives its name to the one that is replaced, or null
+};
+
+// Replaces the file path, which is no link, as a whole: the data go to a file beside it that is
+// made for this call, and to the disk, before that takes the name. At every instant, also if the
+// process or the machine dies, path is the old file or the new one, except that with aside, for an
+// instant, it is neither. Without flush that holds for the process's death, not for the machine's.
+// The new file has the old one's mode and owner (on Windows its access list); one that is the first
+// is its owner's alone. A file that may not be written is not replaced. kDoneInPlace: the directory
+// lets nobody make or replace files, or the owner can't be kept, and so the file was written where
+// it is; a death or a full disk in its midst tears it. Not with aside. kNotOpened, kNotWritten:
+// error says why; path is as it was unless it was torn as said.
+FileResult replaceFile(const char *path, const Replacement &with, std::error_code &error) noexcept;
+
+// Removes what calls of replaceFile for path left beside it whose processes, on this machine or on
+// another, have died. Files that somebody still writes stay.
+void removeLeftovers(const char *path) noexcept;
 
 // Receives the file name, without directory, of the executable that a process runs; valid during
 // the call. True ends the visit.

@@ -5,7 +5,6 @@
 #endif
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <ctime>
 #include <filesystem>
@@ -16,11 +15,9 @@
 #include <string_view>
 #include <system_error>
 
-#include <fcntl.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -53,48 +50,6 @@ long futex(Word &word, int operation, std::uint32_t value,
            const timespec *limit = nullptr) noexcept {
     return syscall(SYS_futex, static_cast<void *>(&word), operation | FUTEX_PRIVATE_FLAG, value,
                    limit, nullptr, 0);
-}
-
-// An open file descriptor, or none.
-class File {
-public:
-    explicit File(int descriptor) noexcept : descriptor_{descriptor} {}
-    ~File() {
-        if (isOpen()) {
-            close(descriptor_);
-        }
-    }
-    File(const File &) = delete;
-    File &operator=(const File &) = delete;
-
-    bool isOpen() const noexcept { return descriptor_ >= 0; }
-    int get() const noexcept { return descriptor_; }
-
-private:
-    int descriptor_;
-};
-
-bool writeAll(int file, const char *data, std::size_t size) noexcept {
-    while (size > 0) {
-        const ssize_t written = write(file, data, size);
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
-        const std::size_t done = written > 0 ? static_cast<std::size_t>(written) : 0;
-        data += done;
-        size -= done;
-    }
-    return true;
-}
-
-// A rename is on the disk once its directory is.
-void syncDirectoryOf(const std::string &path) {
-    const std::size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const File file{open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (file.isOpen()) {
-        fsync(file.get());
-    }
 }
 
 bool isProcess(const std::filesystem::path &entry) {
@@ -186,44 +141,6 @@ void threadJoin(void *handle) noexcept {
     if (thread) {
         pthread_join(thread->handle, nullptr);
     }
-}
-
-std::FILE *openFile(const char *path, const char *mode) noexcept {
-    return std::fopen(path, mode);
-}
-
-bool removeFile(const char *path) noexcept {
-    return std::remove(path) == 0;
-}
-
-FileKind fileKind(const char *path) noexcept {
-    struct stat status {};
-    if (stat(path, &status) != 0) {
-        return FileKind::kNone;
-    }
-    return S_ISREG(status.st_mode) ? FileKind::kRegular : FileKind::kOther;
-}
-
-FileResult replaceFile(const char *path, const char *data, std::size_t size) noexcept try {
-    const std::string beside = std::string{path} + ".new";
-    const File file{open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
-    if (!file.isOpen()) {
-        return FileResult::kNotOpened;
-    }
-    if (!writeAll(file.get(), data, size) || fsync(file.get()) != 0 ||
-        rename(beside.c_str(), path) != 0) {
-        unlink(beside.c_str());
-        return FileResult::kNotWritten;
-    }
-    syncDirectoryOf(path);
-    return FileResult::kDone;
-} catch (const std::bad_alloc &) {
-    return FileResult::kNotOpened;
-}
-
-// A hard link is refused where the name exists; a rename would take it over.
-bool renameFile(const char *from, const char *to) noexcept {
-    return link(from, to) == 0 && unlink(from) == 0;
 }
 
 bool visitExecutables(ExecutableVisitor visit, void *arg) noexcept try {
