@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -16,6 +15,7 @@
 #include <system_error>
 
 #include <linux/futex.h>
+#include <linux/types.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -46,10 +46,24 @@ std::size_t roundedStack(std::size_t wanted) noexcept {
 // The futex operates on the bare 32-bit integer inside the atomic.
 static_assert(sizeof(Word) == sizeof(std::uint32_t) && Word::is_always_lock_free);
 
+// The kernel's own record of a time, which is the C library's timespec only where both count the
+// seconds alike: on 32 bits that library may count them in 64.
+#ifdef SYS_futex
+constexpr long kFutex = SYS_futex;
+using KernelCount = __kernel_long_t;
+#else // 32 bits without the former call
+constexpr long kFutex = SYS_futex_time64;
+using KernelCount = std::int64_t;
+#endif
+struct KernelTime {
+    KernelCount seconds;
+    KernelCount nanoseconds;
+};
+
 long futex(Word &word, int operation, std::uint32_t value,
-           const timespec *limit = nullptr) noexcept {
-    return syscall(SYS_futex, static_cast<void *>(&word), operation | FUTEX_PRIVATE_FLAG, value,
-                   limit, nullptr, 0);
+           const KernelTime *limit = nullptr) noexcept {
+    return syscall(kFutex, static_cast<void *>(&word), operation | FUTEX_PRIVATE_FLAG, value, limit,
+                   nullptr, 0);
 }
 
 bool isProcess(const std::filesystem::path &entry) {
@@ -96,9 +110,8 @@ void waitWord(Word &word, std::uint32_t expected) noexcept {
 }
 
 void waitWordFor(Word &word, std::uint32_t expected, std::uint32_t milliseconds) noexcept {
-    timespec limit{};
-    limit.tv_sec = static_cast<time_t>(milliseconds / 1000);
-    limit.tv_nsec = static_cast<long>(milliseconds % 1000) * 1'000'000;
+    const KernelTime limit{static_cast<KernelCount>(milliseconds / 1000),
+                           static_cast<KernelCount>(milliseconds % 1000) * 1'000'000};
     futex(word, FUTEX_WAIT, expected, &limit);
 }
 
