@@ -3,7 +3,6 @@ if(ZELVO_CJSON_SOURCE)
     add_library(zelvo_cjson STATIC ${ZELVO_CJSON_SOURCE}/cJSON.c)
     target_include_directories(zelvo_cjson SYSTEM PUBLIC ${ZELVO_CJSON_SOURCE})
     target_compile_definitions(zelvo_cjson PUBLIC CJSON_HIDE_SYMBOLS)
-    target_compile_options(zelvo_cjson PRIVATE "-ffile-prefix-map=${ZELVO_CJSON_SOURCE}/=")
     set_target_properties(zelvo_cjson PROPERTIES
         POSITION_INDEPENDENT_CODE ON
         C_VISIBILITY_PRESET hidden)
