@@ -11,8 +11,9 @@ install(TARGETS zelvo EXPORT ZelvoTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
-# The CMake package.
+# The CMake package, and the same in the build tree: Zelvo_DIR may name either.
 install(EXPORT ZelvoTargets NAMESPACE Zelvo:: DESTINATION ${ZELVO_PACKAGE_DIR})
+export(EXPORT ZelvoTargets NAMESPACE Zelvo:: FILE ${CMAKE_CURRENT_BINARY_DIR}/ZelvoTargets.cmake)
 configure_package_config_file(cmake/ZelvoConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/ZelvoConfig.cmake
     INSTALL_DESTINATION ${ZELVO_PACKAGE_DIR}
     NO_SET_AND_CHECK_MACRO)
