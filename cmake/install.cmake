@@ -6,14 +6,23 @@ set(ZELVO_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Zelvo)
 set(ZELVO_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES src/bus_client.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelvo)
-install(TARGETS zelvo EXPORT ZelvoTargets
+get_target_property(type zelvo TYPE)
+set(targets ZelvoTargets)
+if(type STREQUAL "STATIC_LIBRARY") # both may be installed to one place
+    set(targets ZelvoStaticTargets)
+endif()
+install(TARGETS zelvo EXPORT ${targets}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 # The CMake package, and the same in the build tree: Zelvo_DIR may name either.
-install(EXPORT ZelvoTargets NAMESPACE Zelvo:: DESTINATION ${ZELVO_PACKAGE_DIR})
-export(EXPORT ZelvoTargets NAMESPACE Zelvo:: FILE ${CMAKE_CURRENT_BINARY_DIR}/ZelvoTargets.cmake)
+install(EXPORT ${targets} NAMESPACE Zelvo:: DESTINATION ${ZELVO_PACKAGE_DIR})
+export(EXPORT ${targets} NAMESPACE Zelvo:: FILE ${CMAKE_CURRENT_BINARY_DIR}/${targets}.cmake)
+set(ZELVO_CJSON_COMPILED_IN OFF)
+if(ZELVO_CJSON_SOURCE)
+    set(ZELVO_CJSON_COMPILED_IN ON)
+endif()
 configure_package_config_file(cmake/ZelvoConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/ZelvoConfig.cmake
     INSTALL_DESTINATION ${ZELVO_PACKAGE_DIR}
     NO_SET_AND_CHECK_MACRO)
@@ -39,5 +48,20 @@ cmake_path(APPEND ZELVO_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
 set(ZELVO_PC_LIBDIR "\${prefix}")
 cmake_path(APPEND ZELVO_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
 get_target_property(ZELVO_PC_NAME zelvo OUTPUT_NAME)
+set(ZELVO_PC_CFLAGS "")
+set(ZELVO_PC_PRIVATE "")
+if(type STREQUAL "STATIC_LIBRARY")
+    set(libraries ${ZELVO_CXX_LIBRARIES} ${ZELVO_ATOMIC})
+    if(WIN32)
+        list(APPEND libraries synchronization)
+        set(ZELVO_PC_CFLAGS " -DZELVO_STATIC")
+    endif()
+    list(TRANSFORM libraries PREPEND "-l")
+    list(JOIN libraries " " libraries)
+    set(ZELVO_PC_PRIVATE "Libs.private: ${libraries} -pthread\n")
+    if(NOT ZELVO_CJSON_SOURCE)
+        string(PREPEND ZELVO_PC_PRIVATE "Requires.private: libcjson\n")
+    endif()
+endif()
 configure_file(cmake/zelvo.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelvo.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelvo.pc DESTINATION ${ZELVO_PKGCONFIG_DIR})
