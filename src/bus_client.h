@@ -44,10 +44,10 @@
 #ifndef ZELVO_BUS_CLIENT_H
 #define ZELVO_BUS_CLIENT_H
 
+#if defined(_WIN32)
 #if defined(ZELVO_STATIC)
 #define ZELVO_API
-#elif defined(_WIN32)
-#if defined(ZELVO_BUILDING)
+#elif defined(ZELVO_BUILDING)
 #define ZELVO_API __declspec(dllexport)
 #else
 #define ZELVO_API __declspec(dllimport)
