@@ -25,7 +25,8 @@ static char *on_call(void *userdata, client_t *self, char *url, char *data, int 
 static long resident(void) {
     long pages = 0;
     FILE *file = fopen("/proc/self/statm", "r");
-    if (!file || fscanf(file, "%*d %ld", &pages) != 1) exit(1);
+    if (!file || fscanf(file, "%*d %ld", &pages) != 1)
+        exit(1);
     fclose(file);
     return pages * sysconf(_SC_PAGESIZE);
 }
@@ -41,13 +42,15 @@ int main(void) {
     pthread_create(&bus_thread, NULL, run_bus, bus);
     for (int i = 0; i < kNodes; ++i) {
         nodes[i] = busClientConnect(bus, names[i], NULL, on_call, NULL);
-        if (!nodes[i]) return 1;
+        if (!nodes[i])
+            return 1;
         pthread_create(&threads[i], NULL, run_node, nodes[i]);
     }
     for (int i = 0; i < kNodes; ++i) {
         char url[16];
         snprintf(url, sizeof url, "/%s/state", names[(i + 1) % kNodes]);
-        if (!busClientCall(nodes[i], url, NULL, 0)) return 1;
+        if (!busClientCall(nodes[i], url, NULL, 0))
+            return 1;
     }
     printf("%ld\n", resident() - before);
 
