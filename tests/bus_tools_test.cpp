@@ -49,13 +49,13 @@ TEST(Tools, running_executable_is_found_by_name_in_any_case) {
 
 TEST(Tools, sample_is_scaled_and_clipped) {
     const std::pair<float, int> kCases[] = {
-        {98.5F, 20001},    {98, 20001}, {99, 20001}, {97, 20001},  {96, 10000},
-        {99.5F, 30001},    {0, 0},      {-5, 0},     {100, 32767}, {HUGE_VALF, 32767},
+        {98.5F, 10001},    {98, 10001}, {99, 10001}, {97, 10001},  {96, 5000},
+        {99.5F, 15001},    {0, 0},      {-5, 0},     {100, 32767}, {HUGE_VALF, 32767},
         {std::nanf(""), 0}};
     for (const auto &[volume, out] : kCases) {
-        short samples[] = {20001, -20001};
-        EXPECT_EQ(volume_adjust(&samples[0], &samples[0], volume, 2), 0);
-        EXPECT_EQ(volume_adjust(&samples[1], &samples[1], volume, 2), 0);
+        short samples[] = {10001, -10001};
+        EXPECT_EQ(volume_adjust(&samples[0], &samples[0], volume, 4), 0);
+        EXPECT_EQ(volume_adjust(&samples[1], &samples[1], volume, 4), 0);
         EXPECT_EQ(samples[0], out) << volume;
         EXPECT_EQ(samples[1], out == 32767 ? -32768 : -out) << volume;
     }
