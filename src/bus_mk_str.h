@@ -60,9 +60,10 @@ struct bus_mk_str_result {
 //          text costs one strstr. Any other pattern costs about one step for each of its bytes
 //          that is tried against a character, of 1 to 6 ns: with a text of n bytes and a pattern
 //          of m some n * m steps, also where its repeats overlap and where there is no match.
-//          Balances, and what stands before a back-reference, may take n * n. The search gives up, and finds nothing, after
-//          1,048,576 + 8 n m + 4 n n steps, with at most 65,536 for m and, in n n, 8,192 for n:
-//          a few milliseconds for a line of text, one or two seconds for 64 KiB.
+//          Balances, and what stands before a back-reference, may take n * n. The search gives up,
+//          and finds nothing, after 1,048,576 + 8 n m + 4 n n steps, with at most 65,536 for m and,
+//          in n n, 8,192 for n: a few milliseconds for a line of text, one or two seconds for 64
+//          KiB.
 // Threads: any; nothing is shared.
 int bus_mk_str_find(const char *src, const char *pattern, bus_mk_str_result *result) noexcept;
 

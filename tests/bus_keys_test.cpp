@@ -19,12 +19,12 @@ const std::string kNothing = "{\"data\":\"\"}";
 // A bus with a home, and a node that asks it.
 class Keys : public testing::Test {
 protected:
-    Keys() { restart(); }
+    Keys() { restart(home_.path()); }
 
     void restart() { restart(home_.path()); }
-    void restart(const std::string &home, const std::string &more = {}) {
+    void restart(const std::string &home) {
         node_.reset();
-        bus_.emplace(3, more + R"(,"persistSync":false,"homePath":")" + home + '"');
+        bus_.emplace(3, R"(,"persistSync":false,"homePath":")" + home + '"');
         node_.emplace(*bus_, "n");
     }
     std::string ask(const std::string &key, const std::string &payload) {
@@ -39,82 +39,70 @@ protected:
     }
     std::string get(const std::string &key) { return ask(key, R"({"operation":"get"})"); }
 
-    std::string file(const std::string &name) const { return home_.file(name.c_str()); }
-    std::string read(const std::string &name) const { return readFile(file(name)); }
-    std::string read() const { return readFile(file_); }
-    static void write(const std::string &name, const std::string &text) {
-        std::ofstream{name, std::ios::binary} << text;
+    std::string read(const std::string &name = "keys.json") const {
+        return readFile(home_.file(name.c_str()));
     }
+    void write(const std::string &text) { std::ofstream{file_, std::ios::binary} << text; }
     std::size_t logged(const std::string &line) const {
-        return count(bus_->log(), "  Vek-server " + line + "\n");
+        return count(bus_->log(), "  Vek-server " + line);
     }
     std::ptrdiff_t files() const { return entries(home_.path()); }
 
     const TempDir home_;
-    const std::string file_ = file("keys.json");
+    const std::string file_ = home_.file("keys.json");
     std::optional<Bus> bus_;
     std::optional<Node> node_;
 };
 
 TEST_F(Keys, values_come_back_as_they_were_set) {
-    EXPECT_EQ(get("volume"), kNothing); // no store yet
-    EXPECT_EQ(logged("not exist, file: " + file_), 1U);
     const std::string longKey(3000, 'k');
     const struct {
-        std::string key, value, printed;
-    } kCases[] = {{"volume", "30", "30"},
-                  {"name", R"("a\"b")", R"("a\"b")"},
-                  {"", "true", "true"},
-                  {"deep/er", R"({"x":[1]})", "{\n\t\"x\":\t[1]\n}"},
-                  {longKey, "null", "null"}};
+        std::string key, payload, got;
+    } kCases[] = {{"volume", "", kNothing}, // no store yet
+                  {"volume", R"({"operation":"set","data":30})", "30"},
+                  {"VOLUME", R"({"operation":"get"})", "30"},
+                  {"volume", R"({"operation":"settings","data":5})", "5"},
+                  {"volume", "no json", "5"},
+                  {"volume", R"({"operation":"set"})", "5"},
+                  {"volume", R"({"operation":"SET","data":2})", "5"},
+                  {"volume", R"({"operation":7,"data":2})", "5"},
+                  {"volume", R"({"operation":"set","data":null,"persist":true})", "null"},
+                  {"", R"({"operation":"set","data":"a\"b"})", R"("a\"b")"},
+                  {"deep/er", R"({"operation":"set","data":{"x":[1]}})", "{\n\t\"x\":\t[1]\n}"},
+                  {longKey, R"({"operation":"set","data":true,"persist":"no"})", "true"},
+                  {"unknown", "{}", kNothing}};
     for (const auto &c : kCases) {
-        EXPECT_EQ(set(c.key, c.value), kNothing);
+        const bool gets = says(c.payload, "get");
+        EXPECT_EQ(ask(c.key, c.payload), gets ? c.got : kNothing) << c.payload;
+        EXPECT_EQ(get(c.key), c.got) << c.payload;
     }
-    for (const auto &c : kCases) {
-        EXPECT_EQ(get(c.key), c.printed) << c.key;
-    }
-    for (const char *payload :
-         {"", "no json", "{}", R"({"operation":"set"})", R"({"operation":"SET","data":2})",
-          R"({"operation":7,"data":2})", R"({"data":2})"}) {
-        EXPECT_EQ(ask("volume", payload), kNothing) << payload;
-    }
-    EXPECT_EQ(node_->call("/local/volume", R"({"operation":"get"})"), "30");
-    EXPECT_EQ(ask("volume", R"({"operation":"settings","data":5})"), kNothing);
-    EXPECT_EQ(get("VOLUME"), "5");
-    EXPECT_EQ(get("unknown"), kNothing);
+    EXPECT_EQ(logged("not exist, file: " + file_ + "\n"), 3U); // until there was a store
+    EXPECT_EQ(node_->call("/local/volume", R"({"operation":"get"})"), "null");
     EXPECT_EQ(files(), 0);
 }
 
-TEST_F(Keys, persisted_values_survive_with_every_member_of_the_file) {
-    write(file_, R"({"a":1,"b":2,"A":3,"a":4})");
-    EXPECT_EQ(get("a"), "1");
-    set("lost", "2", "true"); // a boolean does not count
-    restart();
-    EXPECT_EQ(get("lost"), kNothing);
-    persist("A", "5");
-    restart();
-    EXPECT_EQ(get("a"), "5");
-    EXPECT_EQ(read(), "{\n\t\"b\":\t2,\n\t\"A\":\t5\n}");
-    EXPECT_EQ(files(), 1);
-}
-
-TEST_F(Keys, file_that_is_no_store_is_set_aside_when_the_store_is_written) {
-    const std::pair<const char *, std::string> kCases[] = {
-        {"keys.json.bad", "[1]"},
-        {"keys.json.bad.1", "{\"cut\":"},
-        {"keys.json.bad.2", "{} and more"},
-        {"keys.json.bad.3", std::string("{}\0{}", 5)},
-        {"keys.json.bad.4", ""}}; // holds nothing to keep
-    for (const auto &[aside, text] : kCases) {
-        write(file_, text);
+TEST_F(Keys, file_is_taken_over_or_set_aside_when_the_store_is_written) {
+    const struct {
+        std::string text, got, written, aside;
+    } kCases[] = {
+        {R"({"a":1,"B":5,"c":3,"b":4})", "1", "{\n\t\"a\":\t1,\n\t\"c\":\t3,\n\t\"b\":\t2\n}", ""},
+        {"", kNothing, "{\n\t\"b\":\t2\n}", ""}, // holds nothing to keep
+        {"[1]", kNothing, "{\n\t\"b\":\t2\n}", "keys.json.bad"},
+        {"{\"cut\":", kNothing, "{\n\t\"b\":\t2\n}", "keys.json.bad.1"},
+        {"{} more", kNothing, "{\n\t\"b\":\t2\n}", "keys.json.bad.2"},
+        {std::string("{}\0{}", 5), kNothing, "{\n\t\"b\":\t2\n}", "keys.json.bad.3"}};
+    for (const auto &c : kCases) {
+        write(c.text);
         restart();
-        EXPECT_EQ(get("a"), kNothing);
-        EXPECT_EQ(read(), text);
-        persist("a", "1");
-        EXPECT_EQ(logged(file_ + " is no key store, kept as " + file(aside)),
-                  text.empty() ? 0U : 1U);
-        EXPECT_EQ(read(aside), text);
-        EXPECT_EQ(read(), "{\n\t\"a\":\t1\n}");
+        EXPECT_EQ(get("a"), c.got) << c.text;
+        set("lost", "0");
+        restart();
+        EXPECT_EQ(read(), c.text);
+        persist("b", "2");
+        EXPECT_EQ(read(), c.written);
+        EXPECT_EQ(logged(file_ + " is no key store, kept as " + home_.file(c.aside.c_str()) + "\n"),
+                  c.aside.empty() ? 0U : 1U);
+        EXPECT_TRUE(c.aside.empty() || read(c.aside) == c.text);
     }
     EXPECT_EQ(files(), 5);
 }
@@ -135,17 +123,17 @@ bool whileReplaced(const std::string &file, const char *target, const std::funct
 
 TEST_F(Keys, store_that_cannot_be_read_is_left_and_taken_over_once_it_can) {
     const char *const kShort = "/sys/kernel/uevent_seqnum"; // has more bytes than can be read
-    const std::string notOpened = "fopen failed, file: " + file_;
+    const std::string notOpened = "fopen failed, file: " + file_ + "\n";
     const std::pair<std::function<bool(const std::function<void()> &)>, std::string> kCases[] = {
         {[&](auto &body) { return whileReplaced(file_, nullptr, body); }, notOpened},
         {[&](auto &body) { return whileReplaced(file_, "keys.json", body); }, notOpened},
         {[&](auto &body) {
              return std::filesystem::exists(kShort) && whileReplaced(file_, kShort, body);
          },
-         "read localKeys error"},
+         "read localKeys error\n"},
         {withoutFiles, notOpened}};
     for (const auto &[broken, line] : kCases) {
-        write(file_, R"({"old":1})");
+        write(R"({"old":1})");
         restart();
         const bool ran = broken([&] {
             EXPECT_EQ(get("old"), kNothing);
@@ -164,49 +152,48 @@ TEST_F(Keys, store_that_cannot_be_read_is_left_and_taken_over_once_it_can) {
 TEST_F(Keys, store_that_cannot_be_written_waits_for_its_disk) {
     const std::string big = "\"" + std::string(4000, 'b') + "\"";
     set("a", "1");
-    write(file_, R"({"old":1})");              // came after the first look
+    write(R"({"old":1})");                     // came after the first look
     const bool full = withFullDisk(3000, [&] { // the log has room
         EXPECT_EQ(persist("a", big), kNothing);
         EXPECT_EQ(get("a"), big);
     });
-    EXPECT_EQ(logged("write localKeys error, file: " + file_), full ? 1U : 0U);
+    EXPECT_EQ(logged("write localKeys error, file: "), full ? 1U : 0U);
     persist("a", "2");
     EXPECT_EQ(read(), "{\n\t\"old\":\t1,\n\t\"a\":\t2\n}");
     EXPECT_EQ(files(), 1);
-    restart(file("keys.json/home")); // under a file
+    restart(file_ + "/home"); // under a file
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(persist("a", "3"), kNothing);
     }
-    EXPECT_GE(logged("fopen failed, file: " + file("keys.json/home/keys.json")), 3U);
+    EXPECT_EQ(logged("fopen failed, file: " + file_ + "/home/keys.json\n"), 3U);
     std::filesystem::remove(file_);
-    std::filesystem::create_directories(file("keys.json/home"));
+    std::filesystem::create_directories(file_ + "/home");
     persist("b", "4");
     EXPECT_EQ(read("keys.json/home/keys.json"), "{\n\t\"a\":\t3,\n\t\"b\":\t4\n}");
 }
 
 TEST_F(Keys, mode_link_and_name_of_the_file_stay) {
-    const std::string home = file("h\xc3\xa4user \xe4\xb8\xad");
+    const std::string home = home_.file("h\xc3\xa4user \xe4\xb8\xad");
     std::filesystem::create_directory(utf8Path(home));
     restart(home);
     persist("a", "1");
     EXPECT_EQ(readFile(home + "/keys.json"), "{\n\t\"a\":\t1\n}");
     restart();
-    const std::string target = file("target");
     std::error_code error;
     std::filesystem::create_symlink("target", file_, error);
     if (error) {
         GTEST_SKIP() << "no links on this system";
     }
+    const std::string target = home_.file("target");
     const auto mode = [&] { return std::filesystem::status(target).permissions(); };
     persist("a", "1"); // the link leads nowhere
     EXPECT_EQ(mode(), perms::owner_read | perms::owner_write);
     std::filesystem::permissions(target, perms{0646});
-    write(target, "[1]");
+    write("[1]");
     restart();
     persist("a", "3");
     EXPECT_EQ(mode(), perms{0646});
-    EXPECT_EQ(readFile(target), "{\n\t\"a\":\t3\n}");
-    EXPECT_EQ(read("target.bad"), "[1]");
+    EXPECT_EQ(read("target") + read("target.bad"), "{\n\t\"a\":\t3\n}[1]");
     EXPECT_TRUE(std::filesystem::is_symlink(file_));
     EXPECT_EQ(files(), 4);
 }
@@ -214,7 +201,7 @@ TEST_F(Keys, mode_link_and_name_of_the_file_stay) {
 // What one may do to root's file in root's directory.
 TEST_F(Keys, file_in_a_directory_that_cannot_be_written_is_written_in_place) {
     for (const perms directory : {perms{0755}, perms{01777}}) { // sticky: new files, no others
-        write(file_, R"({"a":1})");
+        write(R"({"a":1})");
         restart();
         std::filesystem::permissions(home_.path(), directory);
         std::filesystem::permissions(file_, perms{0666});
@@ -226,7 +213,7 @@ TEST_F(Keys, file_in_a_directory_that_cannot_be_written_is_written_in_place) {
         }
         EXPECT_EQ(count(bus_->log(), file_ + " can't be replaced"), 1U);
         EXPECT_EQ(read(), "{\n\t\"a\":\t3\n}");
-        write(file_, "[1]"); // can't be set aside, and so stays
+        write("[1]"); // can't be set aside, and so stays
         restart();
         asNobody([&] { persist("a", "4"); });
         EXPECT_EQ(read(), "[1]");

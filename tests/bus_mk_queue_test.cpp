@@ -98,7 +98,7 @@ TEST(QueueThreads, items_go_round_in_order) {
             bus_mk_q_send(ring[0], &items[i], -1);
         }
         inThreads(4, [&](int number) {
-            for (int i = 0; i < 2000; ++i) {
+            for (int i = 0; i < 200; ++i) {
                 if (number == 1) {
                     bus_mk_q_wait(ring[1], 3600 * 1000);
                 }

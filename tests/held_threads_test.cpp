@@ -83,25 +83,30 @@ TEST(HeldThreads, call_on_its_way_to_a_node_that_is_closed_without_memory_is_ans
 
 TEST(HeldThreads, receiver_whose_wait_is_limited_does_not_overtake_its_senders_signal) {
     const Deadline deadline{"a held signal"};
+    bus_mk_q_t *const q = bus_mk_q_new(2, nullptr);
+    std::atomic<bool> done{false};
+    std::thread receiver{[&] {
+        while (!done) {
+            bus_mk_q_wait(q, 1);
+            if (void *const item = bus_mk_q_recv(q, 1, 0, 1)) {
+                static_cast<Place *>(item)->letGo.set(); // and might destroy the queue
+            }
+        }
+    }};
     bool held = false;
     while (!held) { // until a send has met a receiver that waits
-        bus_mk_q_t *const q = bus_mk_q_new(2, nullptr);
         Place place;
-        std::thread receiver{[&] {
-            while (!bus_mk_q_recv(q, 1, 0, 1)) {
-                bus_mk_q_wait(q, 1);
-            }
-            place.letGo.set(); // and might destroy the queue
-        }};
-        std::this_thread::yield();
         signalling = &place;
         bus_mk_q_send(q, &place, -1);
         signalling = nullptr;
-        receiver.join();
+        EXPECT_TRUE(place.letGo.wait());
         held = place.inside.wait(std::chrono::milliseconds{0});
         EXPECT_FALSE(place.leftInTime);
-        bus_mk_q_clear(q, nullptr, 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds{1});
     }
+    done = true;
+    receiver.join();
+    bus_mk_q_clear(q, nullptr, 0);
 }
 
 } // namespace

@@ -18,11 +18,11 @@ TEST(Message, copies_and_trace_lines_tell_all_that_it_holds) {
                                                  "asker", data.c_str(), len)};
         message.reset(copyForRequest(*message, "somebody else"));
         message.reset(copyWithAction(*message, action::kExit));
+        EXPECT_TRUE(message->node == &client && message->kind == Action::kExit);
         holdNode(*message, client);
         EXPECT_EQ(client.references, 2);
         message.reset(busClientExMessageCopy(message.get())); // which owns none
         EXPECT_EQ(client.references, 1);
-        EXPECT_TRUE(message->node == &client && message->kind == Action::kExit);
         EXPECT_EQ(std::string(message->payload->data, size + 1), data.substr(0, size) + '\0');
         testing::internal::CaptureStdout();
         bus_log_init(0, nullptr, 0, 0);

@@ -1,7 +1,8 @@
 // Refuses chosen allocations of the library, and counts the blocks that are in use. The program is
-// linked with malloc, free, fopen and fsync wrapped and has operators new and delete of its own, so
-// this works under the sanitizers too. The JSON library is reached through the malloc and free that
-// busClientNew hands it. The operating system's own memory, and thread records, are left alone.
+// linked with malloc, aligned_alloc, free, fopen64 and fsync wrapped, and with the C++ library's
+// own code, whose operators new and delete then use them; so this works under the sanitizers too.
+// The JSON library is reached through the functions that busClientNew hands it. The operating
+// system's own memory, and thread records, are left alone.
 #ifndef ZELVO_MEMORY_FAULTS_H
 #define ZELVO_MEMORY_FAULTS_H
 

@@ -40,8 +40,11 @@ struct Plan {
     bool rejoins = false;      // nodes leave and join by calls
     bool floods = false;       // queues get full
     bool delete_while = false; // the bus is deleted while it runs
+    bool flushes = true;       // the key store's file is on the disk before the answer
     long first_refused = 0;    // of the library's allocations, and how many in a row
     long refused = 0;
+    long deliveries = 8; // of the proof at the end
+    long resident = 0;   // kilobytes by which memory may grow meanwhile; 0: not looked at
 };
 
 class Node;
@@ -75,9 +78,13 @@ struct World {
 };
 
 inline Count faults{0};
-inline void fault(const std::string &what) {
-    ++faults;
-    std::fprintf(stderr, "fault: %s\n", what.c_str());
+
+// Where it does not hold it is a fault: of whom, and what.
+inline void expect(bool holds, const std::string &name, const char *what) {
+    if (!holds) {
+        ++faults;
+        std::fprintf(stderr, "fault: %s, %s\n", name.c_str(), what);
+    }
 }
 
 // A thread that chooses. Its publications are numbered, so that their order can be checked.
@@ -170,13 +177,19 @@ public:
         memory::lib(sticky ? busClientPublishSticky : busClientPublish, client_, topic.c_str(),
                     size == 0 ? nullptr : bytes.data(), length(bytes));
     }
-    // A refused one is no call.
-    bool subscribe(const std::string &topic, bool adds = true) {
+    // These two may be refused for want of memory alone, and are no call and no message then.
+    void subscribe(const std::string &topic, bool adds = true) {
         const std::string topics = "[\"" + topic + "\"]";
         const int result =
             memory::lib(adds ? busClientSubscribe : busClientUnsubscribe, client_, topics.c_str());
         world_.calls += result == 0 ? 1 : 0;
-        return result == 0;
+        expect(result == 0 || world_.plan.refused > 0, name_, "may not change its topics");
+    }
+    void removeSticky(const std::string &topic) {
+        const std::string topics = "[\"" + topic + "\"]";
+        const int result = memory::lib(busClientRemoveSticky, client_, topics.c_str());
+        world_.published += result == 0 ? 1 : 0;
+        expect(result == 0 || world_.plan.refused > 0, name_, "may not remove a sticky message");
     }
     // Due in less than milliseconds.
     void setTimer(Actor &actor, unsigned milliseconds) {
@@ -196,6 +209,7 @@ private:
     int setTimer(long milliseconds) {
         return memory::lib(busClientSettimer, client_, fire, milliseconds, 0, this);
     }
+    void killTimer(int id) { memory::lib(busClientKilltimer, client_, id); }
     static int length(const std::string &text) { return static_cast<int>(text.size()); }
 
     static int hear(void *node, client_t *, char *topic, char *data, int len);
@@ -204,10 +218,6 @@ private:
 
     void actInHandler();
     void publishSome(Actor &actor);
-    void removeSticky(Actor &actor);
-    void changeTopics(Actor &actor);
-    void setTimers(Actor &actor);
-    void killTimer(Actor &actor);
     void callNodes(Actor &actor);
     void callKeys(Actor &actor);
 

@@ -10,18 +10,12 @@
 //   --from N        begins with phase N of the seed
 //   --every N       runs each Nth phase only
 //   --resident K    fails where resident memory grows by more than K kB after the first tenth of
-//                   the deliveries, the first ten phases
+//                   the deliveries
 #include "ledger.h"
 
 #include <algorithm>
 #include <cinttypes>
 #include <map>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 
 using memory::lib;
 
@@ -46,6 +40,7 @@ Plan anyPlan(std::uint64_t seed) {
     plan.floods = oneIn(choice, 3);
     // Only a thread that is inside the loop for sure may be met by the deletion.
     plan.delete_while = !plan.restarts && oneIn(choice, 2);
+    plan.flushes = oneIn(choice, 2);
     return plan;
 }
 
@@ -62,18 +57,13 @@ Plan shortPlan(std::uint64_t seed, std::uint64_t first, std::uint64_t span) {
             .refused = static_cast<long>(span)};
 }
 
-// Whether the key store's file is to be flushed before the answer.
-bool flushes(const Plan &plan) {
-    return plan.seed % 2 == 0;
-}
-
 std::string configOf(const World &world) {
     // To empty a file over and over would take most of the time of short phases.
     const std::string log = world.plan.refused > 0 ? "/dev/null" : world.home + "/bus.log";
     return R"({"stats":true,"size":1,"level":)" + std::to_string(world.plan.level) +
            R"(,"callTimeout":)" + std::to_string(world.plan.call_timeout) + R"(,"path":")" + log +
            R"(","homePath":")" + world.home + R"(","persistSync":)" +
-           (flushes(world.plan) ? "true}" : "false}");
+           (world.plan.flushes ? "true}" : "false}");
 }
 
 // ---- the threads ----
@@ -137,15 +127,15 @@ void work(World &world, unsigned number) {
     if (plan.unspun) {
         passBy(world, actor);
     }
+    // Timers for whose sake alone a node looks.
+    for (unsigned slot = number; slot < plan.slots; slot += plan.workers) {
+        if (const auto node = world.at(slot)) {
+            node->with([&] { node->setTimer(actor, 10); });
+        }
+    }
 }
 
 // ---- the end of a phase ----
-
-void expect(bool holds, const char *what) {
-    if (!holds) {
-        fault(what);
-    }
-}
 
 // Asks for the statistics until they balance; what they still lack when the time is up is a fault.
 void settle(World &world) {
@@ -156,80 +146,66 @@ void settle(World &world) {
         const auto stats = observer.exists() ? observer.call("/bus/stats") : std::nullopt;
         found = stats ? imbalance(world, *stats) : "no statistics";
     }
-    expect(found.empty(), found.c_str());
+    expect(found.empty(), "the ledger", found.c_str());
 }
 
-// Watches the resident memory, which sanitizers keep for themselves.
-class Resident {
-public:
-    explicit Resident(std::uint64_t limit) : limit_{static_cast<long>(limit)} {}
-
-    // isFirst: what is grown to by then is no growth.
-    void look(bool isFirst) {
-        long size = 0;
-        long pages = 0;
-        std::ifstream{"/proc/self/statm"} >> size >> pages;
-        first_ = isFirst ? std::max(first_, pages * 4) : first_;
-        expect(kSanitized || limit_ == 0 || pages * 4 <= first_ + limit_, "resident memory grows");
-    }
-
-private:
-    const long limit_; // kilobytes; 0: none
-    long first_ = 0;
-};
+long residentKilobytes() {
+    long size = 0;
+    long pages = 0;
+    std::ifstream{"/proc/self/statm"} >> size >> pages;
+    return pages * 4;
+}
 
 // What must not fail: deliveries, of which none is lost, answers, a timer, and the value that the
 // store has held since the start.
-void prove(World &world, std::uint64_t deliveries, Resident &resident) {
-    constexpr std::uint64_t kListeners = 8;
+void prove(World &world) {
+    constexpr long kListeners = 8;
+    const Plan &plan = world.plan;
     Actor actor{world, 0};
     Node publisher{world, "publisher", Node::kOwned, 0};
     std::vector<std::unique_ptr<Node>> listeners;
-    for (std::uint64_t i = 0; i < kListeners; ++i) {
+    for (long i = 0; i < kListeners; ++i) {
         const std::string name = "listener" + std::to_string(i);
         listeners.push_back(std::make_unique<Node>(world, name, Node::kOwned, 0));
-        expect(listeners.back()->subscribe("proof"), "a subscription is refused");
+        listeners.back()->subscribe("proof");
     }
-    // A node's queue has 1,024 places.
-    const std::uint64_t batch = std::min<std::uint64_t>(1000, deliveries / kListeners);
-    for (std::uint64_t done = 0; done < deliveries && faults == 0; done += batch * kListeners) {
-        for (std::uint64_t i = 0; i < batch; ++i) {
+    const long batch = std::min(1000L, plan.deliveries / kListeners); // a queue has 1,024 places
+    long resident = 0;
+    for (long done = 0; done < plan.deliveries && faults == 0; done += batch * kListeners) {
+        for (long i = 0; i < batch; ++i) {
             publisher.publish(actor, "proof", 1);
         }
         // An answer comes behind the publications: it tells that all have been heard.
         for (const auto &listener : listeners) {
             const auto heard = publisher.call("/" + listener->name() + "/heard");
-            expect(heard == std::to_string(actor.published), "a publication or answer is lost");
+            expect(heard == std::to_string(actor.published), listener->name(), "misses a message");
         }
         publisher.setTimer(actor, 1);
         publisher.waitForTimers();
-        resident.look(done < deliveries / 10);
+        resident = done < plan.deliveries / 10 ? residentKilobytes() + plan.resident : resident;
+        expect(plan.resident == 0 || residentKilobytes() <= resident, "resident memory", "grows");
     }
     expect(publisher.call("/localKeys/kept", R"({"operation":"get"})") == R"("since the start")",
-           "the store has lost a value");
+           "the store", "has lost a value");
     const long before = memory::flushes;
     publisher.call("/localKeys/same", R"({"operation":"set","data":1,"persist":"true"})");
-    expect(memory::flushes - before == (flushes(world.plan) ? 2 : 0), // the file and its directory
-           "the file is flushed against the configuration, or not");
+    expect(memory::flushes - before == (plan.flushes ? 2 : 0), // the file and its directory
+           "the store", "does not follow persistSync");
 }
 
 // ---- phases ----
 
-// Nothing is refused any more, and no handler does anything.
-void proveAll(World &world, std::uint64_t deliveries, Resident &resident) {
-    for (const auto &node : world.slots) {
-        if (node) {
-            node->waitForTimers();
-        }
-    }
+// Nothing is refused any more.
+void checkAll(World &world) {
+    memory::endRefused = 0;
     world.slots.clear();
     settle(world);
     if (world.plan.call_timeout == 0) {
-        prove(world, deliveries, resident);
+        prove(world);
     }
 }
 
-void runBus(World &world, std::uint64_t deliveries, Resident &resident) {
+void runBus(World &world) {
     const Plan &plan = world.plan;
     world.bus = lib(busClientNew, configOf(world).c_str());
     // One that was made while memory was short need not work.
@@ -245,9 +221,13 @@ void runBus(World &world, std::uint64_t deliveries, Resident &resident) {
     inThreads(static_cast<int>(plan.workers),
               [&world](int number) { work(world, static_cast<unsigned>(number)); });
     world.quiet = true;
+    for (const auto &node : world.slots) {
+        if (node) {
+            node->waitForTimers();
+        }
+    }
     if (whole && memory::asked >= memory::endRefused) {
-        memory::endRefused = 0;
-        proveAll(world, deliveries, resident);
+        checkAll(world);
     }
     world.slots.clear();
     ended = true;
@@ -258,50 +238,51 @@ void runBus(World &world, std::uint64_t deliveries, Resident &resident) {
     }
 }
 
-void runPhase(const Plan &plan, const std::string &home, std::uint64_t deliveries,
-              Resident &resident) {
+void runPhase(const Plan &plan, const std::string &home) {
     const long before = memory::blocks;
     memory::asked = 0;
     memory::firstRefused = plan.first_refused;
     memory::endRefused = plan.first_refused + plan.refused;
     {
         World world{plan, home};
-        runBus(world, deliveries, resident);
+        runBus(world);
     }
     memory::endRefused = 0;
     // Closes a log that was left open without a bus, and gives all free blocks back.
     busClientDelete(busClientNew(nullptr));
     const long left = memory::blocks - before;
-    expect(left == 0, "blocks of memory are left behind");
+    expect(left == 0, std::to_string(left), "blocks of memory are left behind");
 }
 
 using Options = std::map<std::string, std::uint64_t>;
 
-// Phases until their time or their only one is over, or until ten have ended before the refusal.
+Plan planOf(Options &options, std::uint64_t phase) {
+    const std::uint64_t seed = options["--seed"] + phase;
+    if (options["--deliveries"] > 0) {
+        return {.deliveries = static_cast<long>(options["--deliveries"]),
+                .resident = static_cast<long>(options["--resident"])};
+    }
+    return options["--refused"] > 0 ? shortPlan(seed, phase, options["--refused"]) : anyPlan(seed);
+}
+
+// Until the time, or the only phase, is over, or ten phases have ended before their refusal.
 void run(Options &options) {
     const TempDir dir;
     std::ofstream{dir.file("keys.json")} << R"({"kept":"since the start"})";
-    const std::uint64_t seed = options["--seed"];
-    const std::uint64_t span = options["--refused"];
-    const std::uint64_t deliveries = options["--deliveries"];
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{options["--seconds"]};
-    Resident resident{options["--resident"]};
     int untouched = 0;
-    bool goes_on = true;
-    for (std::uint64_t done = 0; goes_on && faults == 0; ++done) {
-        const std::uint64_t phase = options["--from"] + done * options["--every"];
+    bool goesOn = true;
+    for (std::uint64_t phase = options["--from"]; goesOn; phase += options["--every"]) {
+        const Plan plan = planOf(options, phase);
         const std::string name =
-            "seed " + std::to_string(seed) + ", phase " + std::to_string(phase);
-        const Deadline deadline{name, kLimit + std::chrono::seconds{deliveries / 100000}};
-        const Plan plan = deliveries > 0 ? Plan{}
-                          : span > 0     ? shortPlan(seed + phase, phase, span)
-                                         : anyPlan(seed + phase);
-        runPhase(plan, dir.path(), deliveries > 0 ? deliveries : 8, resident);
-        resident.look(done < 10);
+            "seed " + std::to_string(options["--seed"]) + ", phase " + std::to_string(phase);
+        const Deadline deadline{name, kLimit + std::chrono::seconds{plan.deliveries / 100000}};
+        runPhase(plan, dir.path());
         untouched = memory::asked < plan.first_refused ? untouched + 1 : 0;
-        goes_on =
-            deliveries == 0 && (span > 0 ? untouched < 10 : std::chrono::steady_clock::now() < end);
-        if (faults > 0 || !goes_on) {
+        const bool more =
+            plan.refused > 0 ? untouched < 10 : std::chrono::steady_clock::now() < end;
+        goesOn = more && options["--deliveries"] == 0 && faults == 0;
+        if (!goesOn) {
             std::fprintf(stderr, "%s: %ld faults\n", name.c_str(), faults.load());
         }
     }
@@ -328,6 +309,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "The options stand at the head of tests/stress/stress.cpp.\n");
         return 2;
     }
+    std::fprintf(stderr, "seed %lu\n", options["--seed"]); // also where a phase ends the program
     stress::run(options);
     return stress::faults == 0 ? 0 : 1;
 }
