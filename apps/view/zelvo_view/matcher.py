@@ -62,8 +62,7 @@ class Process:
         self.verbose = False  # whether the bus's own traces are there, as at level 1
         self.untaken = {}  # (name, key): publications that the bus has not taken yet
         self.current = (None, b'', b'')  # what the bus handles: publication, its name, its url
-        self.line = 0
-        self.ms = 0
+        self.line = self.now = self.ms = 0
         self.doubled = 0
 
     def node(self, name):
@@ -89,22 +88,22 @@ class Process:
 
     def message(self, kind, record, src, dst, subject=None, **more):
         name = self.text
-        made = Message(self.line, record.ms, self.pid, record.tid, kind, name(src), name(dst),
+        made = Message(self.line, self.now, record.ms, self.pid, record.tid, kind, name(src), name(dst),
                        name(subject), **more)
         self.emit(made)
         return made
 
     # ---- one record ----
 
-    def take(self, record, line):
-        self.line, self.ms = line, record.ms
+    def take(self, record, line, now):
+        self.line, self.now, self.ms = line, now, record.ms
         thread = self.thread(record.tid)
         if thread.unsent is not None:
             thread.unsent.sent = line
             thread.unsent = None
         if thread.handler is not None and not thread.handler.exact_end:
-            thread.handler.end = thread.last_ms
-        thread.last_ms = record.ms
+            thread.handler.end = thread.last
+        thread.last = now
         if record.trace is None:
             self._text(record, thread)
         elif record.trace.server:
@@ -190,7 +189,7 @@ class Process:
     def _deliver(self, record, trace, thread):
         node = self.node(trace.name)
         key = (trace.topic, trace.size, trace.payload, trace.absent)
-        made = Message(self.line, record.ms, self.pid, record.tid, 'deliver', None,
+        made = Message(self.line, self.now, record.ms, self.pid, record.tid, 'deliver', None,
                        self.text(trace.name), self.text(trace.topic), trace.payload, trace.size)
         made.key = key
         if self._by_post(node, made, key) or self._by_content(node, made, key):
@@ -350,9 +349,9 @@ class Process:
         key = (trace.url, trace.size, trace.payload, trace.absent)
         call, names = self._caller(node, key)
         if call is not None:
-            handler = Message(self.line, record.ms, self.pid, record.tid, 'call', call.src,
+            handler = Message(self.line, self.now, record.ms, self.pid, record.tid, 'call', call.src,
                               call.dst, call.subject, ref=call)
-            call.end = record.ms
+            call.handler = (record.tid, self.now, None)
         else:
             handler = self.message('call', record, None, trace.name, trace.url,
                                    payload=trace.payload, size=trace.size)
@@ -387,7 +386,7 @@ class Process:
         handler, thread.handler = thread.handler, None
         call = None
         if handler is not None and handler.kind == 'call' and handler.key[0] == trace.url:
-            handler.end, handler.exact_end = record.ms, True
+            handler.end, handler.exact_end = self.now, True
             call = handler.ref
         else:
             inbox = self.node(trace.name).inbox
@@ -401,7 +400,7 @@ class Process:
             return
         call.reply = (trace.payload, trace.size, record.ms)
         if handler is not None:
-            call.handler = (record.tid, handler.ms, record.ms)
+            call.handler = (record.tid, handler.at, self.now)
         if call.done == 'timeout':
             self.late(call, record)
 
@@ -417,7 +416,7 @@ class Process:
             self.waiting.pop(call.text, None)
         if kind != 'answer' or not call.done:
             call.done = kind
-        call.end, call.exact_end = record.ms, True
+        call.end, call.exact_end = self.now, True
         made = self.message(kind, record, None, None, None, payload=payload, size=size, ref=call,
                             note=note)
         made.src, made.dst, made.subject = call.src, call.dst, call.subject
@@ -474,6 +473,7 @@ class Matcher:
     def __init__(self):
         self.processes = {}
         self.line = 0
+        self.now = 0  # microseconds: the millisecond, and the order of its lines
         self.lost_lines = 0
         self.anew = 0  # how often the log has been begun anew: what was before is gone
         self._doubled = 0
@@ -520,7 +520,8 @@ class Matcher:
         process = self.processes.get(record.pid)
         if process is None:
             process = self.processes[record.pid] = Process(record.pid, self.out.append, self.text)
-        process.take(record, self.line)
+        self.now = self.now + 1 if ms * 1000 <= self.now < ms * 1000 + 999 else ms * 1000
+        process.take(record, self.line, self.now)
 
     def ready(self, now=None):
         """Yields the messages that nothing to come can change; now None: all."""
@@ -539,7 +540,7 @@ class Matcher:
                 if thread.call is not None:
                     call, thread.call = thread.call, None
                     call.done = 'unanswered'
-                    made = Message(self.line, self.last_ms, process.pid, call.tid, 'unanswered',
+                    made = Message(self.line, self.now, self.last_ms, process.pid, call.tid, 'unanswered',
                                    call.src, call.dst, call.subject, ref=call,
                                    note='not when the log ends')
                     self.out.append(made)
@@ -551,7 +552,7 @@ class Matcher:
         self.lost_lines += lost
         ms = self.last_ms or record.ms
         if lost:
-            self.out.append(Message(self.line, ms, b'', b'', 'lost', None, None, None,
+            self.out.append(Message(self.line, self.now, ms, b'', b'', 'lost', None, None, None,
                                      note='the log has lost {} lines here'.format(lost)))
         for process in self.processes.values():  # nothing is certain to be in step any more
             for node in process.nodes.values():

@@ -30,13 +30,14 @@ ENDS = ('answer', 'timeout', 'unanswered', 'late')  # of a call
 
 class Message:
     """One line of the picture."""
-    __slots__ = ('number', 'line', 'ms', 'pid', 'tid', 'kind', 'src', 'dst', 'subject', 'payload',
+    __slots__ = ('number', 'line', 'at', 'ms', 'pid', 'tid', 'kind', 'src', 'dst', 'subject', 'payload',
                  'size', 'ref', 'note', 'end', 'exact_end', 'sent', 'done', 'reply', 'host', 'key', 'name', 'text', 'routed', 'handler')
 
-    def __init__(self, line, ms, pid, tid, kind, src, dst, subject=None, payload=None, size=None,
+    def __init__(self, line, at, ms, pid, tid, kind, src, dst, subject=None, payload=None, size=None,
                  ref=None, note=''):
         self.number = 0  # in the order shown, from 1
         self.line = line  # number of its record
+        self.at = at  # microseconds that keep the order of the lines of one millisecond
         self.ms = ms
         self.pid = pid
         self.tid = tid
@@ -48,7 +49,7 @@ class Message:
         self.size = size
         self.ref = ref  # the publication of a delivery, the call of an answer
         self.note = note
-        self.end = None  # when its handler, or the call, has ended, at the earliest
+        self.end = None  # when its handler, or the call, has ended, at the earliest; as at
         self.exact_end = False  # whether then exactly
         self.sent = None  # of a publication: the record by which it was on its way
         self.done = ''  # how a call has ended: a kind, or '' as long as it waits
@@ -59,7 +60,7 @@ class Message:
         self.text = None  # what the bus says when it handles it
         self.routed = False  # whether it has been said
         self.reply = None  # (payload, size, ms) that the callee has answered
-        self.handler = None  # the callee's (thread, begin, end)
+        self.handler = None  # the callee's (thread, begin, end or None)
 
     @property
     def took(self):
@@ -121,7 +122,7 @@ class Node:
 
 
 class Thread:
-    __slots__ = ('unsent', 'published', 'call', 'handler', 'connecting', 'change', 'last_ms')
+    __slots__ = ('unsent', 'published', 'call', 'handler', 'connecting', 'change', 'last')
 
     def __init__(self):
         self.unsent = None  # a publication that may not be on its way yet
@@ -130,4 +131,4 @@ class Thread:
         self.handler = None  # the delivery or call that it handles
         self.connecting = None
         self.change = None  # (unsubscribes, topics) that it is about to ask for
-        self.last_ms = 0
+        self.last = 0  # when it has written its latest line

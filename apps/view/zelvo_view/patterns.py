@@ -109,12 +109,12 @@ def _own_queue_full(what):
 
 def _handler_begins(process, record, thread, m):
     if thread.handler is not None:
-        thread.handler.end, thread.handler.exact_end = record.ms, False
+        thread.handler.end, thread.handler.exact_end = process.now, False
 
 
 def _handler_ends(process, record, thread, m):
     if thread.handler is not None:
-        thread.handler.end, thread.handler.exact_end = record.ms, True
+        thread.handler.end, thread.handler.exact_end = process.now, True
 
 
 def _timer_set(process, record, thread, m):

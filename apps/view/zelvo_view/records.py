@@ -213,7 +213,7 @@ class Reader:
         if head:
             near = min(limit, following.start()) if following else limit
             for fits, stop in ((_payload, limit), (_cut_payload, near)):
-                found = self._find_fields(buf, head, server, fits, stop)
+                found = self._find_fields(buf, head, server, fits, near, stop)
                 if found:
                     end, trace = found
                     if trace.action == b'response' and trace.out:
@@ -222,11 +222,11 @@ class Reader:
         return self._cut_record(buf, pos, begin, head, server, final or bool(following))
 
     @staticmethod
-    def _find_fields(buf, head, server, fits, stop):
-        """Tries every place where topic, url and payload may end; of the lengths that fit the
-        longest payload is the one that the log has written."""
+    def _find_fields(buf, head, server, fits, near, stop):
+        """Tries every place where topic and url (before near) and payload (before stop) may end; of
+        the payloads that fit, the longest is the one that the log has written."""
         mark = b', payload:' if server else b', payload: '
-        start = buf.find(mark, head.end(), stop)
+        start = buf.find(mark, head.end(), near)
         while start >= 0:
             fields = buf[head.end():start]
             topic, separator, url = fields.partition(b',  url: ')
@@ -244,7 +244,7 @@ class Reader:
                 out = head.group(1 if server else 2) == b'==>'
                 return m.end(), Trace(server, name, out, head.group(3), topic, url, requestor,
                                       payload[0], int(m.group(1)), payload[1])
-            start = buf.find(mark, start + 1, stop)
+            start = buf.find(mark, start + 1, near)
         return None
 
     @staticmethod

@@ -1,5 +1,6 @@
 """Where records come from: files, several at once, standard input, and what still grows."""
 
+import contextlib
 import os
 import select
 import sys
@@ -173,3 +174,18 @@ class Tail:
         except OSError:
             return False
         return (mine.st_dev, mine.st_ino) != (there.st_dev, there.st_ino)
+
+
+@contextlib.contextmanager
+def writing(path):
+    """A text file at path, which is there whole or not at all."""
+    made = '{}.{}.tmp'.format(path, os.getpid())
+    try:
+        with open(made, 'w', encoding='utf-8', errors='backslashreplace', newline='\n') as file:
+            yield file
+        os.replace(made, path)
+    except OSError as error:
+        raise InputError('{}: {}'.format(path, error.strerror)) from error
+    finally:
+        if os.path.exists(made):
+            os.unlink(made)
