@@ -166,7 +166,8 @@ _MODES = (('follow', _follow), ('html', _html), ('perfetto', _perfetto), ('merma
 def _run(argv):
     arguments = _parser().parse_args(argv)
     if arguments.help or arguments.version:
-        print(manual.help_text() if arguments.help else 'zelvo-view ' + manual.version(), end='')
+        print(manual.help_text() if arguments.help else 'zelvo-view {}\n'.format(manual.version()),
+              end='')
         return FOUND
     given = [(name, run) for name, run in _MODES if getattr(arguments, name)]
     if len(given) - (arguments.json and (arguments.messages or arguments.follow)) > 1:

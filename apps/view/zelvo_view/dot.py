@@ -8,7 +8,7 @@ from .model import KINDS
 
 def quoted(text):
     """Any text as a string of the language, which shows it as it stands."""
-    text = texts.safe(text).replace('\\', '\\\\').replace('"', '\\"')
+    text = texts.safe(text).replace('\\', '\\\\').replace('"', '\\"').replace('&', '&amp;')
     return '"{}"'.format(text)
 
 

@@ -1,5 +1,10 @@
 """The manual: one text for --help and for the man page."""
 
+import os
+import re
+import sys
+import textwrap
+
 SYNOPSIS = ('zelvo-view [FILE...] [--messages | --follow | --json | --mermaid | --dot |\n'
             '           --perfetto OUT | --html OUT] [--node NAME] [--topic TOPIC]\n'
             '           [--from TIME] [--to TIME]')
@@ -53,7 +58,6 @@ zelvo-view run.log --html run.html --from +2 --to +3'''),
 
 def help_text(width=80):
     """The text of --help."""
-    import textwrap
     lines = ['Usage: ' + SYNOPSIS.replace('\n', '\n       ').replace('       ' + ' ' * 11, ' ' * 18),
              '', textwrap.fill(INTRODUCTION, width), '', 'Options:']
     for option, text in OPTIONS:
@@ -69,14 +73,28 @@ def help_text(width=80):
     return '\n'.join(lines) + '\n'
 
 
+def version():
+    """The version: that of the installed package, or of the sources around this file."""
+    here = os.path.dirname(os.path.abspath(__file__))
+    for place, pattern in ((os.path.join(here, 'version.txt'), r'(\S+)'),
+                           (os.path.join(here, *[os.pardir] * 3, 'CMakeLists.txt'),
+                            r'project\(Zelvo VERSION (\S+)')):
+        if os.path.exists(place):
+            with open(place, encoding='utf-8') as file:
+                found = re.search(pattern, file.read())
+            if found:
+                return found.group(1)
+    return 'unknown'
+
+
 def _roff(text):
     text = text.replace('\\', '\\e').replace('-', '\\-')
     return '\n'.join('\\&' + line if line[:1] in ".'" else line for line in text.splitlines())
 
 
-def man_page(version):
+def man_page():
     """The same as a page for man(1)."""
-    lines = ['.TH ZELVO\\-VIEW 1 "" "Zelvo {}" "User Commands"'.format(version),
+    lines = ['.TH ZELVO\\-VIEW 1 "" "Zelvo {}" "User Commands"'.format(version()),
              '.SH NAME', 'zelvo\\-view \\- show the traffic of a Zelvo bus', '.SH SYNOPSIS', '.nf',
              _roff(SYNOPSIS), '.fi', '.SH DESCRIPTION', _roff(INTRODUCTION), '.SH OPTIONS']
     for option, text in OPTIONS:
@@ -88,3 +106,7 @@ def man_page(version):
         else:
             lines.append(_roff(text))
     return '\n'.join(lines) + '\n'
+
+
+if __name__ == '__main__':
+    sys.stdout.write(man_page())

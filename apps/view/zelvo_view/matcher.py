@@ -19,6 +19,7 @@ from .records import notice
 
 REMEMBERED = 16384  # publications of a process that may still be delivered
 MANY_NODES = 16384  # of those that have left, the first are forgotten
+WAITING = 4096  # messages that wait for what may still change them
 SKEW = 2  # milliseconds that lines of two threads may be out of order
 
 
@@ -64,6 +65,13 @@ class Process:
         self.current = (None, b'', b'')  # what the bus handles: publication, its name, its url
         self.line = self.now = self.ms = 0
         self.doubled = 0
+
+    def end(self):
+        """The bus is gone: nothing of it can be meant any more."""
+        for table in (self.alike, self.remembered, self.stickies, self.waiting, self.early,
+                      self.gave_up, self.ended, self.untaken):
+            table.clear()
+        self.walk, self.current = None, (None, b'', b'')
 
     def node(self, name):
         found = self.nodes.get(name)
@@ -139,7 +147,7 @@ class Process:
     # ---- publications ----
 
     def _publish(self, record, trace, thread):
-        self.node(trace.name)
+        self.node(trace.name).alive = True
         kind = 'publish' if trace.action == b'publish' else 'sticky'
         made = self.message(kind, record, trace.name, None, trace.topic, payload=trace.payload,
                             size=trace.size)
@@ -188,6 +196,7 @@ class Process:
 
     def _deliver(self, record, trace, thread):
         node = self.node(trace.name)
+        node.alive = True
         key = (trace.topic, trace.size, trace.payload, trace.absent)
         made = Message(self.line, self.now, record.ms, self.pid, record.tid, 'deliver', None,
                        self.text(trace.name), self.text(trace.topic), trace.payload, trace.size)
@@ -295,7 +304,7 @@ class Process:
     # ---- calls ----
 
     def _call(self, record, trace, thread):
-        self.node(trace.name)
+        self.node(trace.name).alive = True
         host = host_of(trace.url)
         made = self.message('call', record, trace.name, host or BUS, trace.url,
                             payload=trace.payload, size=trace.size)
@@ -346,6 +355,7 @@ class Process:
 
     def _taken(self, record, trace, thread):
         node = self.node(trace.name)
+        node.alive = True
         key = (trace.url, trace.size, trace.payload, trace.absent)
         call, names = self._caller(node, key)
         if call is not None:
@@ -484,6 +494,7 @@ class Matcher:
         self.out = deque()
         self._number = 0
         self._doubling = self._was_doubled = False
+        self._in_a_row = 0  # how often the latest record has come again
 
     @property
     def doubled(self):
@@ -526,7 +537,7 @@ class Matcher:
     def ready(self, now=None):
         """Yields the messages that nothing to come can change; now None: all."""
         out = self.out
-        while out and (now is None or out[0].ms < now - SKEW):
+        while out and (now is None or out[0].ms < now - SKEW or len(out) > WAITING):
             message = out.popleft()
             if message.kind:
                 self._number += 1
@@ -570,10 +581,12 @@ class Matcher:
     def _is_doubled(self, record):
         """Whether a record is the one before once more. One of which there can be two is, where the
         lines about it are doubled too."""
-        if record.again and not self._repeats(record):
-            self._doubling = self._was_doubled = True
-        elif self._doubling and not self._repeats(record):
+        self._in_a_row = self._in_a_row + 1 if record.again else 0
+        if not self._repeats(record):
+            if record.again:
+                self._doubling = self._was_doubled = True
+                return True
             self._doubling, self._was_doubled = self._was_doubled, False
-        return record.again and self._doubling
+        return self._doubling and self._in_a_row % 2 == 1
 
     REPEATING = ((False, b'publish'), (True, b'publishSticky'), (True, b'removeSticky'))

@@ -72,7 +72,7 @@ class Diagram:
     def lines(self):
         yield 'sequenceDiagram'
         for name, made in self._participants.items():
-            yield '    participant {} as {}'.format(made, label(name))
+            yield '    participant {} as {}'.format(made, label(name, 127))
         for line in self._lines:
             yield '    ' + line
         if self.left_out:

@@ -93,6 +93,7 @@ class Node:
     def __init__(self, name, ms):
         self.name = name
         self.first = self.last = ms
+        self.alive = False  # whether it has written a line itself
         self.spans = []  # [joined or None, left or None]
         self.joined_line = None
         self.topics = {}  # topic: [since, until]: the records of the requests; until None: subscribed

@@ -10,6 +10,10 @@ import re
 from .model import BUS
 
 
+def _deleted(process, record, thread, m):
+    process.end()
+
+
 def _joined(process, record, thread, m):
     process.node(m[1]).join(record.ms, process.line)
 
@@ -209,6 +213,8 @@ def _compile(*rows):
 
 
 PATTERNS = {
+    b'manager': _compile(
+        (rb'Vek-client busManager delete', _deleted)),
     b'connect': _compile(
         (rb'Vek-client (.*) connect begin, busManager: .*', _connect_begins),
         (rb'Vek-client (.*) connect end, payload: .*', _connected),

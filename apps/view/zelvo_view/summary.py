@@ -48,19 +48,29 @@ class Summary:
         self.colour = colour
 
     def text(self):
-        for part in (self._head, self._faults, self._nodes, self._topics, self._calls,
-                     self._remarks):
-            yield from part()
+        yield from self.head()
+        yield from self._faults()
+        for title, header, rows in self.tables():
+            rows = list(rows)
+            if rows:
+                yield from self._title(title)
+                yield from self._shortened(header, rows)
+        yield from self._remarks()
+
+    def tables(self):
+        """(title, header, rows)"""
+        yield 'Nodes', ('name', 'from', 'to', '>joined', '>timers'), self.node_rows()
+        yield ('Topics', ('topic', 'publishers', 'subscribers', '>messages', '>size', '>delivered',
+                          '>dropped'), self.topic_rows())
+        yield ('Calls', ('caller', 'address', '>calls', '>answers', '>p50', '>p99', '>longest',
+                         'faults'), self.call_rows())
 
     def _title(self, text):
         yield ''
         yield '\x1b[1m{}\x1b[0m'.format(text) if self.colour else text
 
-    def _head(self):
+    def head(self):
         stats = self.stats
-        if stats.first is None:
-            yield 'no messages'
-            return
         yield '{} to {}, {}'.format(day_time(stats.first), clock(stats.last),
                                     duration(stats.last - stats.first))
         kinds = stats.kinds
@@ -100,9 +110,9 @@ class Summary:
                 yield '    and {} more'.format(len(found) - _ROWS)
 
     def node_rows(self):
-        """(name, from, to, received, sent calls, timers) as texts."""
+        """(name, from, to, how often it joined, timers set)"""
         for name, spans, nodes in self.spans:
-            if name not in self.stats.seen:
+            if name not in self.stats.seen or not (spans or any(n.alive for n in nodes)):
                 continue
             first, last = self.stats.seen[name]
             joined = [s[0] for s in spans if s[0] is not None]
@@ -111,23 +121,10 @@ class Summary:
                    clock(left) if left is not None else 'after ' + clock(last),
                    max(len(spans), 1), sum(node.timers for node in nodes))
 
-    def _nodes(self):
-        rows = list(self.node_rows())
-        if rows:
-            yield from self._title('Nodes')
-            yield from self._shortened(('name', 'from', 'to', '>joined', '>timers'), rows)
-
     def topic_rows(self):
         for name, topic in sorted(self.stats.topics.items(), key=lambda e: -e[1].messages):
             yield (name, counted(topic.publishers), counted(topic.subscribers), topic.messages,
                    amount(topic.bytes), topic.delivered, topic.drops or '')
-
-    def _topics(self):
-        rows = list(self.topic_rows())
-        if rows:
-            yield from self._title('Topics')
-            yield from self._shortened(('topic', 'publishers', 'subscribers', '>messages', '>size',
-                                        '>delivered', '>dropped'), rows)
 
     def call_rows(self):
         for (caller, callee, address), calls in sorted(self.stats.calls.items(),
@@ -136,13 +133,6 @@ class Summary:
             faults = ', '.join('{} {}'.format(kind, n) for kind, n in calls.faults.items())
             yield (caller, address, calls.made, calls.answered,
                    *('-' if ms is None else duration(ms) for ms in times), faults)
-
-    def _calls(self):
-        rows = list(self.call_rows())
-        if rows:
-            yield from self._title('Calls')
-            yield from self._shortened(('caller', 'address', '>calls', '>answers', '>p50', '>p99',
-                                        '>longest', 'faults'), rows)
 
     @staticmethod
     def _shortened(header, rows):

@@ -1,0 +1,142 @@
+"""--follow: on a pipe, on a file that grows, across a file that is begun anew; memory; colours."""
+
+import os
+import pty
+import queue
+import signal
+import subprocess
+import threading
+import time
+import unittest
+
+import support
+from support import LIMIT, VIEW, Log
+
+SHOWN_WITHIN = 0.05  # seconds, of the median line
+
+
+class Follower:
+    """zelvo-view --follow, and its lines with the time of each."""
+
+    def __init__(self, *arguments, stdin=None):
+        self.process = subprocess.Popen(VIEW + list(arguments), stdin=stdin, stdout=subprocess.PIPE)
+        self._lines = queue.Queue()
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self._lines.put((time.monotonic(), line.decode()))
+
+    def next(self):
+        return self._lines.get(timeout=LIMIT)
+
+    def end(self, by=None):
+        if by is not None:
+            self.process.send_signal(by)
+        code = self.process.wait(LIMIT)
+        self.process.stdout.close()
+        return code
+
+
+class Live(unittest.TestCase):
+    def test_a_message_on_a_pipe_is_shown_at_once(self):
+        follower = Follower('--follow', stdin=subprocess.PIPE)
+        waits = []
+        for number in range(41):
+            line = Log().publish(1, 'a', 't', 'message {}'.format(number)).bytes()
+            begun = time.monotonic()
+            follower.process.stdin.write(line)
+            follower.process.stdin.flush()
+            shown, text = follower.next()
+            self.assertIn('message {}\n'.format(number), text)
+            waits.append(shown - begun)
+        follower.process.stdin.close()
+        self.assertEqual(follower.end(), 0)
+        self.assertLess(sorted(waits)[len(waits) // 2], SHOWN_WITHIN)
+
+    def test_a_growing_file_is_followed_when_it_is_begun_anew(self):
+        path = os.path.join(support.folder, 'growing.log')
+        line = lambda text: Log().publish(1, 'a', 't', text).bytes()
+        with open(path, 'wb', buffering=0) as file:
+            file.write(line('first'))
+            follower = Follower(path, '--follow')
+            self.assertIn('first', follower.next()[1])
+            waits = []
+            for number in range(21):
+                begun = time.monotonic()
+                file.write(line('message {}'.format(number)))
+                shown, text = follower.next()
+                self.assertIn('message {}\n'.format(number), text)
+                waits.append(shown - begun)
+            self.assertLess(sorted(waits)[len(waits) // 2], SHOWN_WITHIN)
+            file.write(line('last of the old'))
+            os.unlink(path)
+        with open(path, 'wb', buffering=0) as file:
+            file.write(b'\nlog file size: 20971520, remove file:  growing.log\n\n')
+            file.write(line('first of the new'))
+            self.assertIn('last of the old', follower.next()[1])
+            self.assertIn('first of the new', follower.next()[1])
+            file.truncate(0)  # by a program that has begun anew
+            file.seek(0)
+            time.sleep(0.1)
+            file.write(line('emptied'))
+            self.assertIn('emptied', follower.next()[1])
+        self.assertEqual(follower.end(signal.SIGINT), 0)
+
+    def test_a_reader_that_goes_away_is_no_error(self):
+        path, _ = support.scenario(2)
+        with subprocess.Popen(VIEW + [path, '--messages'], stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE) as process:
+            process.stdout.readline()
+            process.stdout.close()
+            self.assertEqual(process.wait(LIMIT), 0)
+            self.assertEqual(process.stderr.read(), b'')
+
+    def test_memory_does_not_grow_with_the_log(self):
+        code = ('import resource, sys; sys.argv[0] = "zelvo-view"; sys.path.insert(0, {!r});'
+                'from zelvo_view.cli import main; main(["--messages"]);'
+                'print(resource.getrusage(resource.RUSAGE_SELF).ru_maxrss, file=sys.stderr)').format(
+                    os.path.dirname(support.HERE))
+
+        def peak(rounds):
+            with subprocess.Popen([support.sys.executable, '-B', '-c', code], stdin=subprocess.PIPE,
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE) as process:
+                for number in range(rounds):
+                    log = Log()
+                    for count in range(500):
+                        payload = '{} {}'.format(number, count)
+                        log.publish(1, 'a', 't', payload).deliver(2, 's', 't', payload)
+                        log.trace(1, 'a', '==>', 'request', url='/s/' + payload)
+                        log.line(1, 'Vek-client a call timeout, url: /s/x', 'client/call', 'W')
+                    process.stdin.write(log.bytes())
+                process.stdin.close()
+                return int(process.stderr.read())
+
+        settled = peak(40)  # more than the tables hold
+        self.assertLess(peak(120), settled * 1.15)
+
+    def test_colours_are_for_terminals(self):
+        log, width = Log().publish(1, 'a', 't', 'x' * 190), 100
+        path = os.path.join(support.folder, 'colours.log')
+        with open(path, 'wb') as file:
+            file.write(log.bytes())
+
+        def on_terminal(**variables):
+            mine, its = pty.openpty()
+            environment = dict(os.environ, TERM='xterm', COLUMNS=str(width), **variables)
+            if not variables:
+                environment.pop('NO_COLOR', None)
+            subprocess.run(VIEW + [path, '--messages'], stdout=its, check=True, timeout=LIMIT,
+                           env=environment)
+            os.close(its)
+            with open(mine, 'rb', buffering=0) as terminal:
+                return terminal.read(4096).decode()
+
+        self.assertTrue(on_terminal().startswith('\x1b[36m'))
+        plain = on_terminal(NO_COLOR='1')
+        self.assertNotIn('\x1b', plain)
+        self.assertEqual(len(plain.rstrip()), width)
+
+
+if __name__ == '__main__':
+    unittest.main()
