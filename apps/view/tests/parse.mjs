@@ -1,5 +1,5 @@
 // Reads an array of diagrams, as JSON, and writes what Mermaid's own parser makes of each: its actors
-// and how many arrows and notes it has, or the error.
+// and the texts of its arrows and notes, or the error.
 import { readFileSync } from 'node:fs';
 import mermaid from 'mermaid';
 
@@ -11,7 +11,7 @@ for (const text of JSON.parse(readFileSync(0, 'utf8'))) {
     const decode = (shown) => shown.replace(/ﬂ°°(\d+)¶ß/g, (_, code) => String.fromCodePoint(code));
     found.push({
       actors: [...diagram.db.getActors().values()].map((actor) => decode(actor.description)),
-      signals: diagram.db.getMessages().length,
+      texts: diagram.db.getMessages().map((message) => decode(message.message)),
     });
   } catch (error) {
     found.push({ error: String(error).slice(0, 300) });

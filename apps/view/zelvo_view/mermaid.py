@@ -1,5 +1,7 @@
 """A sequence diagram in the language of Mermaid."""
 
+import re
+
 from . import texts
 from .model import KINDS, UNKNOWN
 
@@ -13,7 +15,9 @@ _ARROWS = {'publish': '->>', 'sticky': '->>', 'unstick': '->>', 'deliver': '-->>
 _FAULT_ARROW = '-x'
 # What Mermaid would read as its own language, and what would end a line. An entity of its kind,
 # "#35;", stands for each.
-_SPECIAL = set('#;:<>{}%&@$`\\"')
+_SPECIAL = set('#;<>%&@$`\\')
+
+_WRAP = re.compile(r'(?<=^wrap):|(?<=^nowrap):')  # a word of its language, before a text
 
 
 def label(text, longest=_LONGEST):
@@ -21,7 +25,8 @@ def label(text, longest=_LONGEST):
     text = texts.safe(text)
     if len(text) > longest:
         text = text[:longest] + '...'
-    return ''.join('#{};'.format(ord(c)) if c in _SPECIAL else c for c in text).strip() or '#32;'
+    text = ''.join('#{};'.format(ord(c)) if c in _SPECIAL else c for c in text).strip()
+    return _WRAP.sub('#58;', text, count=1) or '#32;'
 
 
 class Diagram:
