@@ -23,8 +23,12 @@ class Browser:
         self._driver = subprocess.Popen([needs('chromedriver'), '--port=0'], stdout=subprocess.PIPE,
                                         stderr=subprocess.DEVNULL)
         try:
-            port = self._port()
-            self._url = 'http://127.0.0.1:{}/session'.format(port)
+            found = None
+            while found is None:
+                line = self._driver.stdout.readline()
+                assert line, 'chromedriver has not started'
+                found = re.search(rb'successfully on port (\d+)', line)
+            self._url = 'http://127.0.0.1:{}/session'.format(int(found.group(1)))
             options = {'binary': binary,
                        'args': list(_ARGUMENTS) + ['--user-data-dir=' + self._home.name]}
             made = self._send('', {'capabilities': {'alwaysMatch': {
@@ -34,13 +38,6 @@ class Browser:
             self.__exit__()
             raise
         return self
-
-    def _port(self):
-        for line in self._driver.stdout:
-            found = re.search(rb'successfully on port (\d+)', line)
-            if found:
-                return int(found.group(1))
-        raise AssertionError('chromedriver has not started')
 
     def __exit__(self, *_):
         if '/session/' in getattr(self, '_url', ''):

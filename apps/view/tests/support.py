@@ -54,10 +54,9 @@ def scenario(level):
         found = {}
         with open(truth, encoding='ascii') as file:
             for line in file:
-                kind, *texts = line.split()
-                numbers = [int(texts.pop())] if kind == 'fault' else []
-                texts = [None if t == '-' else b'' if t == '.' else bytes.fromhex(t) for t in texts]
-                found.setdefault(kind, []).append(tuple(texts + numbers))
+                kind, *texts, number = line.split()
+                texts = [None if t == '-' else bytes.fromhex(t[1:]) for t in texts]
+                found.setdefault(kind, []).append((*texts, int(number)))
         _made[level] = log, found
     return _made[level]
 

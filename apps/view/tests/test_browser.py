@@ -19,18 +19,12 @@ field.dispatchEvent(new Event('input', {bubbles: true}));'''
 class Report(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.browser = cls.enterClassContext(Browser()) if hasattr(
-            cls, 'enterClassContext') else cls._enter()
+        cls.browser = Browser().__enter__()
+        cls.addClassCleanup(cls.browser.__exit__)
         cls.log = scenario(2)[0]
         cls.path = os.path.join(support.folder, 'report.html')
         view(cls.log, '--html', cls.path)
         cls.messages = messages(cls.log)
-
-    @classmethod
-    def _enter(cls):
-        context = Browser()
-        cls.addClassCleanup(context.__exit__)
-        return context.__enter__()
 
     def setUp(self):
         self.browser.open(self.path)
@@ -84,7 +78,7 @@ class Report(unittest.TestCase):
 
     def test_a_click_shows_the_payload_and_leads_to_what_belongs_to_it(self):
         self.show('messages')
-        for search, text in (('lines', 'two\nlines'), ('</script>', '</script></script>'),
+        for search, text in (('lines', 'two\nlines'), ('</script>', '</script></script> "'),
                              ('[2j', '\x1b[2J')):
             with self.subTest(text):
                 self.browser.run(_SET, 'text', search)

@@ -34,16 +34,13 @@ class Graphviz(unittest.TestCase):
             drawn = subprocess.run([program, '-Tsvg'], input=graph.encode(), check=True,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=LIMIT)
             self.assertEqual(drawn.stderr, b'')
+            self.assertEqual('label="50"' in graph, data is None)  # of the topic "same"
             texts = {e.text for e in ElementTree.fromstring(drawn.stdout).iter() if e.text}
             wanted = {PANEL, 'a topic; with: "signs" -->'}
             if data:
                 wanted = {m['topic'] for m in messages(data=data) if m['kind'] == 'publish'}
             squeezed = {' '.join(t.replace('\xa0', ' ').split()) for t in texts}
             self.assertLessEqual({' '.join(t.split()) for t in wanted}, squeezed)
-
-    def test_counts(self):
-        graph = view('--dot', scenario(2)[0], '--topic', 'same')
-        self.assertEqual(graph.count('label="50"'), 2)  # published, delivered
 
 
 class Mermaid(unittest.TestCase):

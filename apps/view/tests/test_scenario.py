@@ -38,7 +38,7 @@ class EachLevel:
                                               not m['topic'].startswith('bus.')], 'to')):
             with self.subTest(kind):
                 wanted = [(name.decode(), topic.decode(), *logged(data))
-                          for name, topic, data in self.truth[kind]]
+                          for name, topic, data, _ in self.truth[kind]]
                 self.assertEqual(counted((m[who], m['topic'], *seen(m)) for m in found),
                                  counted(wanted))
 
@@ -61,7 +61,7 @@ class EachLevel:
         answers = [m for m in self.messages
                    if m['kind'] == 'answer' and not m['address'].startswith('/bus/')]
         wanted = [(caller.decode(), url.decode(), answer)
-                  for caller, url, answer in self.truth['answer'] if not url.startswith(b'/bus/')]
+                  for caller, url, answer, _ in self.truth['answer'] if not url.startswith(b'/bus/')]
         self.assertEqual(counted((m['to'], m['address'], seen(m)[0]) for m in answers),
                          counted(wanted))
         for m in answers:

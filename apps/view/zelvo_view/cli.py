@@ -121,8 +121,8 @@ def _follow(view, arguments):
                 sys.stdout.flush()
             else:
                 shown += lines.write((message,), writer)
-    except KeyboardInterrupt:
-        pass
+    except KeyboardInterrupt:  # the calls that wait are what one looks for
+        shown += lines.write(view.wanted(view.matcher.finish()), writer)
     return shown
 
 

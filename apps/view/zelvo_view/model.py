@@ -54,8 +54,8 @@ class Message:
         self.sent = None  # of a publication: the record by which it was on its way
         self.done = ''  # how a call has ended: a kind, or '' as long as it waits
         self.key = None  # what two messages have in common that the log cannot tell apart
+        self.name = None  # the publisher or caller, as the log writes it
         # Of a call:
-        self.name = None  # the caller, as the log writes it
         self.host = None  # the node that it is for, likewise; None: the bus itself
         self.text = None  # what the bus says when it handles it
         self.routed = False  # whether it has been said
@@ -96,7 +96,7 @@ class Node:
         self.alive = False  # whether it has written a line itself
         self.spans = []  # [joined or None, left or None]
         self.joined_line = None
-        self.topics = {}  # topic: [since, until]: the records of the requests; until None: subscribed
+        self.topics = {}  # topic: (record of the request, record of the answer to leave it or None)
         self.replay = {}  # topic: the sticky publication that it is to receive first
         self.lost = {}  # topic: record of the latest copy that its full queue has lost
         self.received = {}  # thread of a publisher: record of the latest publication received
@@ -123,7 +123,7 @@ class Node:
 
 
 class Thread:
-    __slots__ = ('unsent', 'published', 'call', 'handler', 'connecting', 'change', 'last')
+    __slots__ = ('unsent', 'published', 'call', 'handler', 'connecting', 'change', 'leaves', 'last')
 
     def __init__(self):
         self.unsent = None  # a publication that may not be on its way yet
@@ -131,5 +131,6 @@ class Thread:
         self.call = None  # that this thread waits for
         self.handler = None  # the delivery or call that it handles
         self.connecting = None
-        self.change = None  # (unsubscribes, topics) that it is about to ask for
+        self.change = None  # topics that it is about to subscribe to, or to leave
+        self.leaves = ()  # topics that it has asked to leave
         self.last = 0  # when it has written its latest line

@@ -8,6 +8,7 @@ that is not listed here is shown as it stands.
 import re
 
 from .model import BUS
+from .publications import topics_of
 
 
 def _deleted(process, record, thread, m):
@@ -45,7 +46,6 @@ def _connect_failed(process, record, thread, m):
 
 
 def _changes_topics(process, record, thread, m):
-    from .matcher import topics_of
     thread.change = topics_of(m[1])
 
 
@@ -58,6 +58,9 @@ def _answered(process, record, thread, m):
         return
     text = record.text[len(call.name) + len(b'Vek-client  call response, '):]
     thread.call = None
+    if thread.leaves:
+        process.has_left(call.name, thread.leaves)
+        thread.leaves = ()
     absent = text == b'NULL' and (call.reply is None or call.reply[1] != 4)
     process.end_call(call, record, 'answer', payload=None if absent else text,
                      size=None if absent else len(text), note='no answer' if absent else '')
@@ -66,7 +69,10 @@ def _answered(process, record, thread, m):
 def _timed_out(process, record, thread, m):
     call, thread.call = thread.call, None
     if call is None:
-        process.message('timeout', record, m[1], None, m[2], note='its turn to call did not come')
+        note = 'its time was up'
+        if process.traced:  # it waited for its turn to call, or the log begins later
+            note += ', and the log does not show it sent'
+        process.message('timeout', record, m[1], None, m[2], note=note)
         return
     if call.text is not None and not call.routed:
         process.gave_up.append(call)

@@ -10,7 +10,7 @@ import datetime
 import json
 import re
 from collections import deque
-from typing import NamedTuple, Optional, Tuple
+from typing import NamedTuple, Optional
 
 LONGEST = 4094  # bytes of a record, without its line feed; the log cuts what is longer
 SHOWN = 200  # a payload of so many bytes or more is logged as "BinaryData..."
