@@ -262,7 +262,6 @@ void timers(const Node &lamp) {
 
 int main(int argc, char **argv) {
     if (argc != 4) {
-        std::fputs("usage: scenario LOG TRUTH LEVEL\n", stderr);
         return 2;
     }
     truth.open(argv[2]);

@@ -109,6 +109,12 @@ class Report(unittest.TestCase):
                 {clientX: at.left + x, clientY: at.top + 5, bubbles: true}));
             }''')
         self.assertTrue(0 < self.count() < len(self.messages))
+        noon = self.messages[100]['time'][11:23]
+        self.browser.run('''const [time] = arguments, from = document.getElementById('from');
+            document.getElementById('to').value = '';
+            from.value = time;
+            from.dispatchEvent(new Event('change'));''', noon)
+        self.assertEqual(self.count(), sum(m['time'][11:23] >= noon for m in self.messages))
 
     def test_a_hundred_thousand_messages_are_drawn_as_far_as_they_are_in_sight(self):
         log = Log()
@@ -127,7 +133,3 @@ class Report(unittest.TestCase):
             return performance.now() - begun;''')
         self.assertIn('49999', ' '.join(map(str, self.rows())))
         self.assertLess(took, 1000)  # milliseconds; a few, where nobody else is at work
-
-
-if __name__ == '__main__':
-    unittest.main()

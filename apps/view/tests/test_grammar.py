@@ -155,7 +155,3 @@ class Reading(unittest.TestCase):
         for option in ('--follow', '--perfetto', '--topic', '--limit'):
             self.assertIn(option, from_help)
             self.assertIn('.B ' + option.replace('-', '\\-'), page)
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -128,7 +128,3 @@ class Live(unittest.TestCase):
         self.assertTrue(shown[''].startswith('\x1b[36m'))
         self.assertNotIn('\x1b', shown['1'])
         self.assertEqual(len(shown['1'].rstrip()), 100)
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -125,7 +125,3 @@ class Perfetto(unittest.TestCase):
             self.assertEqual(len(faults), sum(m['fault'] for m in log))
             names = {e['args']['name'] for e in trace if e['name'] == 'process_name'}
             self.assertLessEqual({'lamp', PANEL, 'desk', 'shelf'}, names)
-
-
-if __name__ == '__main__':
-    unittest.main()

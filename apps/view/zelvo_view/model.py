@@ -103,7 +103,6 @@ class Node:
         self.inbox = deque(maxlen=4096)  # calls that the bus has handed on to it
         self.posts = deque(maxlen=4096)  # (key, publication, publisher), where level 1 tells it
         self.timers = 0
-        self.fired = 0
         self.killed = 0
 
     def join(self, ms, line):

@@ -309,8 +309,39 @@
       from = null;
       const ms = (offset) => columns.time[0] + offset / Math.max(1, canvas.clientWidth - 1) * span;
       stretch = ends[1] - ends[0] < 3 ? null : [ms(ends[0]), ms(ends[1])];
+      showStretch();
       applyFilter();
     });
+  }
+
+  // The two fields hold the stretch as times of day.
+  function showStretch() {
+    const day = (offset) => new Date(data.begin + Math.round(offset)).toISOString().slice(11, 23);
+    el('from').value = stretch ? day(stretch[0]) : '';
+    el('to').value = stretch ? day(stretch[1]) : '';
+  }
+
+  function readStretch() {
+    const midnight = data.begin - data.begin % 86400000;
+    const offset = (text, otherwise) => text
+      ? Date.parse(`1970-01-01T${text.padEnd(8, ':00')}Z`) + midnight - data.begin : otherwise;
+    const ends = [offset(el('from').value, -Infinity), offset(el('to').value, Infinity)];
+    stretch = ends[0] === -Infinity && ends[1] === Infinity ? null
+      : ends.map((end) => Math.min(Math.max(end, columns.time[0]), columns.time[0] + span));
+    applyFilter();
+  }
+
+  // Up and down go from message to message.
+  function step(event) {
+    const by = { ArrowDown: 1, ArrowUp: -1 }[event.key];
+    const row = shown.indexOf(chosen) + by;
+    if (!by || row < 0 || row >= shown.length) return;
+    event.preventDefault();
+    const list = el('list');
+    if (row * ROW < list.scrollTop) list.scrollTop = row * ROW;
+    const bottom = (row + 3) * ROW - list.clientHeight;
+    if (bottom > list.scrollTop) list.scrollTop = bottom;
+    choose(shown[row]);
   }
 
   // ---- the page ----
@@ -337,12 +368,14 @@
     tab.addEventListener('click', () => show(tab.dataset.view));
   }
   for (const id of ['node', 'subject', 'text', 'faults']) el(id).addEventListener('input', applyFilter);
+  for (const id of ['from', 'to']) el(id).addEventListener('change', readStretch);
   el('filter').addEventListener('submit', (event) => event.preventDefault());
   el('filter').addEventListener('reset', () => {
     stretch = null;
     setTimeout(applyFilter);
   });
   el('list').addEventListener('scroll', draw);
+  el('list').addEventListener('keydown', step);
   window.addEventListener('resize', () => { if (!el('traffic').hidden) applyFilter(); });
   el('rows').addEventListener('click', (event) => {
     const row = event.target.closest('[data-message]');

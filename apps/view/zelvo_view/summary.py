@@ -59,7 +59,7 @@ class Summary:
 
     def tables(self):
         """(title, header, rows)"""
-        yield 'Nodes', ('name', 'from', 'to', '>joined', '>timers'), self.node_rows()
+        yield 'Nodes', ('name', 'from', 'to', '>joined', '>timers', '>killed'), self.node_rows()
         yield ('Topics', ('topic', 'publishers', 'subscribers', '>messages', '>size', '>delivered',
                           '>dropped'), self.topic_rows())
         yield ('Calls', ('caller', 'address', '>calls', '>answers', '>p50', '>p99', '>longest',
@@ -110,7 +110,7 @@ class Summary:
                 yield '    and {} more'.format(len(found) - _ROWS)
 
     def node_rows(self):
-        """(name, from, to, how often it joined, timers set)"""
+        """(name, from, to, how often it joined, timers set, timers killed)"""
         for name, spans, nodes in self.spans:
             if name not in self.stats.seen or not (spans or any(n.alive for n in nodes)):
                 continue
@@ -119,7 +119,8 @@ class Summary:
             left = spans[-1][1] if spans else None
             yield (name, clock(joined[0]) if joined else 'before ' + clock(first),
                    clock(left) if left is not None else 'after ' + clock(last),
-                   max(len(spans), 1), sum(node.timers for node in nodes))
+                   max(len(spans), 1), sum(node.timers for node in nodes),
+                   sum(node.killed for node in nodes))
 
     def topic_rows(self):
         for name, topic in sorted(self.stats.topics.items(), key=lambda e: -e[1].messages):
