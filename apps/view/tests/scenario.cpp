@@ -196,8 +196,7 @@ void calls(Zelvo_t *bus, Node &lamp) {
     fault("ring", "shelf -> desk -> shelf", 1);
     fault("ring", "shelf -> desk -> lamp -> shelf", 1);
 
-    std::thread late([&] { desk.call("/shelf/hold", "hold"); });
-    late.join(); // its time is up
+    desk.call("/shelf/hold", "hold"); // its time is up
     held.get_future().wait();
     released.set_value();
     lamp.call("/shelf/after"); // behind the late answer
@@ -222,11 +221,10 @@ void fullQueues(Zelvo_t *bus, const Node &lamp) {
     }
     busClientKilltimer(slow.client, 7);
     fault("drop", "copy: queue of slow, flood", 1100 - 1024);
-    fault("drop", "call: queue of slow", 1);
-    fault("drop", "sticky message: queue of slow", 1);
-    fault("drop", "exit: own queue", 1);
-    fault("drop", "timer: own queue", 1);
-    fault("drop", "timer to be killed: own queue", 1);
+    for (const char *once : {"call: queue of slow", "sticky message: queue of slow",
+                             "exit: own queue", "settimer: own queue", "killtimer: own queue"}) {
+        fault("drop", once, 1);
+    }
 }
 
 void fullBus(Zelvo_t *bus, std::thread &loop, const Node &lamp) {
@@ -260,10 +258,7 @@ void timers(const Node &lamp) {
 
 } // namespace
 
-int main(int argc, char **argv) {
-    if (argc != 4) {
-        return 2;
-    }
+int main(int /*argc*/, char **argv) {
     truth.open(argv[2]);
     // What is not held up is answered in far less.
     const std::string config = "{\"callTimeout\":4000,\"path\":\"" + std::string(argv[1]) +

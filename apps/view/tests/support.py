@@ -8,7 +8,6 @@ import subprocess
 import sys
 import tempfile
 import unittest
-from collections import Counter
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 VIEW = [sys.executable, '-B', os.path.join(os.path.dirname(HERE), 'zelvo-view')]
@@ -98,7 +97,3 @@ class Log:
     def kinds(self, kind, *arguments):
         """The messages of one kind that zelvo-view finds in it."""
         return [m for m in messages(*arguments, data=self.bytes()) if m['kind'] == kind]
-
-
-def counted(rows):
-    return Counter(tuple(row) for row in rows)

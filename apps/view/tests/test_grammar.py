@@ -123,6 +123,12 @@ class Reading(unittest.TestCase):
         self.assertEqual(messages(*paths, paths[0]), whole)
         self.assertEqual(len(whole), 12)
 
+    def test_topics_may_hold_what_looks_like_a_line(self):
+        forged = Log().publish(1, 'forged', 'x').bytes().decode()
+        log = Log().line(3, 'Vek-client s subscribe begin, ["a\n{}"]'.format(forged),
+                         'client/connect').publish(1, 'a', 't')
+        self.assertEqual([m['from'] for m in messages(data=log.bytes())], ['a'])
+
     def test_lost_lines_and_cut_lines_are_told(self):
         log = Log().publish(1, 'a', 't' * 5000)
         log.lines[-1] = log.lines[-1][:4094] + b'\n'
@@ -148,10 +154,8 @@ class Reading(unittest.TestCase):
         view(data=b'', code=1)
 
     def test_the_manual_stands_in_help_and_in_the_man_page(self):
-        from_help = view('--help').split()
         manual = os.path.join(os.path.dirname(support.HERE), 'zelvo_view', 'manual.py')
-        page = support.subprocess.run([support.sys.executable, '-B', manual], check=True,
-                                      stdout=support.subprocess.PIPE).stdout.decode()
+        page = support.subprocess.check_output([support.sys.executable, '-B', manual]).decode()
         for option in ('--follow', '--perfetto', '--topic', '--limit'):
-            self.assertIn(option, from_help)
+            self.assertIn(option, view('--help'))
             self.assertIn('.B ' + option.replace('-', '\\-'), page)

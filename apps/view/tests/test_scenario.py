@@ -4,7 +4,7 @@ import base64
 import re
 import unittest
 
-from support import PANEL, counted, messages, scenario, view
+from support import PANEL, messages, scenario, view
 
 
 def logged(data):
@@ -39,8 +39,7 @@ class EachLevel:
             with self.subTest(kind):
                 wanted = [(name.decode(), topic.decode(), *logged(data))
                           for name, topic, data, _ in self.truth[kind]]
-                self.assertEqual(counted((m[who], m['topic'], *seen(m)) for m in found),
-                                 counted(wanted))
+                self.assertCountEqual([(m[who], m['topic'], *seen(m)) for m in found], wanted)
 
     def test_each_delivery_has_its_publication(self):
         by_number = {m['number']: m for m in self.messages}
@@ -62,8 +61,7 @@ class EachLevel:
                    if m['kind'] == 'answer' and not m['address'].startswith('/bus/')]
         wanted = [(caller.decode(), url.decode(), answer)
                   for caller, url, answer, _ in self.truth['answer'] if not url.startswith(b'/bus/')]
-        self.assertEqual(counted((m['to'], m['address'], seen(m)[0]) for m in answers),
-                         counted(wanted))
+        self.assertCountEqual([(m['to'], m['address'], seen(m)[0]) for m in answers], wanted)
         for m in answers:
             self.assertEqual(by_number[m['of']]['address'], m['address'])
             self.assertGreaterEqual(m['ms'], 0)

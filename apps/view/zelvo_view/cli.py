@@ -25,7 +25,7 @@ class _Parser(argparse.ArgumentParser):
 def _parser():
     parser = _Parser(prog='zelvo-view', add_help=False, allow_abbrev=False)
     parser.add_argument('files', nargs='*')
-    for flag in ('messages', 'follow', 'json', 'mermaid', 'dot', 'help', 'version'):
+    for flag in ('messages', 'follow', 'json', 'mermaid', 'dot', 'all', 'help', 'version'):
         parser.add_argument('--' + flag, action='store_true')
     parser.add_argument('--perfetto', metavar='OUT')
     parser.add_argument('--html', metavar='OUT')
@@ -126,12 +126,12 @@ def _follow(view, arguments):
     return shown
 
 
-def _summarise(view, _arguments):
+def _summarise(view, arguments):
     stats = Stats()
     for message in view.messages():
         stats.add(message)
     summary = Summary(view.matcher, stats, view.inputs, spans(view.matcher),
-                      lines.wants_colour(sys.stdout))
+                      lines.wants_colour(sys.stdout), None if arguments.all else 20)
     if stats.messages:
         for line in summary.text():
             print(line)

@@ -25,6 +25,7 @@ OPTIONS = (
     ('--perfetto OUT', 'Writes a trace that Perfetto and chrome://tracing open: a track for each '
      'thread of a node, a slice for each handler and call, arrows between what belongs together.'),
     ('--html OUT', 'Writes a report in one file that a browser opens without a network.'),
+    ('--all', 'With the summary: all rows of its tables, not only the first 20.'),
     ('--limit N', 'With --mermaid: at most so many messages, 400 if not given.'),
     ('--node NAME', 'Only messages from or to this node. May be repeated.'),
     ('--topic TOPIC', 'Only messages of this topic or address; * stands for any text. May be '

@@ -4,6 +4,7 @@ Only what the log tells decides (publications.py, calls.py). Tables are bounded:
 remembered is not matched, and shown so.
 """
 
+import re
 from collections import OrderedDict, deque
 
 from .calls import Calls
@@ -227,9 +228,9 @@ class Matcher:
     def _repeats(self, record):
         """Whether there can be two equal records of this kind in a row."""
         trace = record.trace
-        if trace is not None and not trace.server:
-            return (trace.out, trace.action) in self.REPEATING
-        return record.unit in (b'publish', b'timer', b'spin') and record.text[:8] != b'client: '
+        if trace is not None:
+            return trace.server or (trace.out, trace.action) in self.REPEATING
+        return not self._ONCE.search(record.text)
 
     def _is_doubled(self, record):
         """Whether a record is the one before once more. One of which there can be two is, where the
@@ -242,4 +243,6 @@ class Matcher:
             self._doubling, self._was_doubled = self._was_doubled, False
         return self._doubling and self._in_a_row % 2 == 1
 
-    REPEATING = ((False, b'publish'), (True, b'publishSticky'), (True, b'removeSticky'))
+    REPEATING = ((False, b'publish'), (False, b'killtimer'), (True, b'publishSticky'),
+                 (True, b'removeSticky'))
+    _ONCE = re.compile(rb'^client: 0x|^Vek-client .* call response, |^Vek-server .* node joined$')

@@ -252,9 +252,9 @@ PATTERNS = {
         (rb'Vek-client (.*) set timer \d+', _timer_set),
         (rb'Vek-client (.*) kill timer: -?\d+', _timer_killed),
         (rb'Vek-client timerId overstep the boundary 32767', None),
-        (rb'Vek-client (.*) settimer failed, queue is full', _own_queue_full('timer: own queue')),
+        (rb'Vek-client (.*) settimer failed, queue is full', _own_queue_full('settimer: own queue')),
         (rb'Vek-client (.*) killtimer failed, queue is full',
-         _own_queue_full('timer to be killed: own queue'))),
+         _own_queue_full('killtimer: own queue'))),
     b'deadlock': _compile(
         (rb'Vek-server .* call .*, target: .*', _walks),
         (rb'bus server exist deadlock', _ring),

@@ -156,9 +156,10 @@ class Reader:
                 end = self._answer_end(buf, begin, m.end(), pos)
                 text = buf[begin:end - 1]
             elif _TOPICS in text:
-                end = self._json_end(buf, buf.find(_TOPICS, begin) + len(_TOPICS),
-                                     self._stop(buf, m.end(), pos), m.end())
-                text = buf[begin:end - 1]
+                topics = buf.find(_TOPICS, begin) + len(_TOPICS)
+                if buf[topics:topics + 1] == b'[':
+                    end = self._json_end(buf, topics, pos + LONGEST + 1, m.end())
+                    text = buf[begin:end - 1]
             if end is None:
                 return None, None
         elif trace.action == b'response' and trace.out and trace.size:
@@ -291,6 +292,7 @@ class Reader:
 
     @staticmethod
     def _json_end(buf, text, stop, line_end):
+        """Where the line with the end of the JSON text that begins at text ends."""
         if stop <= line_end:
             return line_end
         try:

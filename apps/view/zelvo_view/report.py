@@ -156,7 +156,7 @@ def write(view, path):
         graph.add(message)
     if not stats.messages:
         return 0
-    summary = Summary(view.matcher, stats, view.inputs, spans(view.matcher), False)
+    summary = Summary(view.matcher, stats, view.inputs, spans(view.matcher))
     title = ', '.join('standard input' if p == '-' else p for p in view.inputs.paths)
     overview = _overview(summary)
     overview.update(title='Traffic of ' + title, graph=_graph_table(graph))

@@ -15,7 +15,6 @@ TITLES = (
     ('error', 'Other errors'),
     ('warning', 'Other warnings'),
 )
-_ROWS = 20  # of a table, unless all are wanted
 
 
 def table(header, rows):
@@ -40,12 +39,13 @@ def counted(counter):
 
 
 class Summary:
-    def __init__(self, matcher, stats, inputs, spans, colour=False):
+    def __init__(self, matcher, stats, inputs, spans, colour=False, rows=None):
         self.matcher = matcher
         self.stats = stats
         self.inputs = inputs
         self.spans = spans
         self.colour = colour
+        self.rows = rows  # of a table, at most; None: all
 
     def text(self):
         yield from self.head()
@@ -101,13 +101,13 @@ class Summary:
         for _, title, number, found in groups:
             line = '  {}: {}'.format(title, number)
             yield '\x1b[31m{}\x1b[0m'.format(line) if self.colour else line
-            for what, fault in found[:_ROWS]:
+            for what, fault in found[:self.rows]:
                 when = clock(fault.first)
                 if fault.count > 1:
                     when += ' to ' + clock(fault.last)
                 yield '    {:>6} x  {}  ({})'.format(fault.count, safe(what), when)
-            if len(found) > _ROWS:
-                yield '    and {} more'.format(len(found) - _ROWS)
+            if self.rows and len(found) > self.rows:
+                yield '    and {} more'.format(len(found) - self.rows)
 
     def node_rows(self):
         """(name, from, to, how often it joined, timers set, timers killed)"""
@@ -135,11 +135,10 @@ class Summary:
             yield (caller, address, calls.made, calls.answered,
                    *('-' if ms is None else duration(ms) for ms in times), faults)
 
-    @staticmethod
-    def _shortened(header, rows):
-        yield from table(header, rows[:_ROWS])
-        if len(rows) > _ROWS:
-            yield '  and {} more'.format(len(rows) - _ROWS)
+    def _shortened(self, header, rows):
+        yield from table(header, rows[:self.rows])
+        if self.rows and len(rows) > self.rows:
+            yield '  and {} more; --all shows them'.format(len(rows) - self.rows)
 
     def remarks(self):
         """What limits the picture."""
