@@ -57,6 +57,7 @@ struct Shape {
     int others = 0;      // further nodes
     int otherTopics = 0; // topics that each of them holds
     int timers = 0;      // that wait in the called node, far in the future
+    int logLevel = 3;    // of Zelvo, whose log goes into a file
 };
 
 // Two nodes, one of which calls the other.

@@ -37,6 +37,10 @@ CELLS = {
     "call-timers-0": "Call to a node without timers",
     "call-timers-1": "Call to a node with 1 pending timer",
     "call-timers-1000": "Call to a node with 1,000 pending timers",
+    "call-level-2": "Call round trip among 2 nodes, log level 2",
+    "call-level-1": "The same, log level 1",
+    "publish-level-2": "Publish 64 bytes to one subscriber, log level 2",
+    "publish-level-1": "The same, log level 1",
     "join-1": "Connecting and leaving, the first node",
     "join-2000": "Connecting and leaving, the 2,000th node",
     "memory-2000": "2,000 nodes, each with its thread: each node",
@@ -147,7 +151,7 @@ def machine_text(facts):
         ["system", facts["system"]],
         ["compiler", facts["compiler"]],
         ["versions", f"Zelvo {facts['library']}, {peers}"],
-        ["log level", "3, into a file"],
+        ["log level", "3, into a file, where the cell does not name another"],
         ["thread placement", "left to the kernel; in the cells of one core every thread is bound "
                              "to the first core that the process may use"],
         ["run", f"{facts['date']}, {facts['rounds']} rounds of {facts['milliseconds']} ms for each "

@@ -23,10 +23,11 @@ constexpr char kNotices[] = "[\"bus.event\"]"; // of joining nodes
 
 class Bus {
 public:
-    // Log level 3, into a file of the working directory; the key store in the directory home.
-    explicit Bus(const std::string &home = ".")
-        : bus_{busClientNew(
-              (R"({"level":3,"path":"zelvo.log","homePath":")" + home + "\"}").c_str())} {
+    // The log goes into a file of the working directory; the key store is in the directory home.
+    explicit Bus(const std::string &home = ".", int level = 3)
+        : bus_{busClientNew((R"({"level":)" + std::to_string(level) +
+                             R"(,"path":"zelvo.log","homePath":")" + home + "\"}")
+                                .c_str())} {
         if (!bus_) {
             throw std::runtime_error("the bus could not be made");
         }
@@ -113,7 +114,9 @@ int ignoreTimer(void *, client_t *, int) {
 
 class ZelvoCaller final : public Caller {
 public:
-    explicit ZelvoCaller(const Shape &shape) : others_{others(bus_, shape)} {
+    explicit ZelvoCaller(const Shape &shape)
+        : bus_{".", shape.logLevel},
+          others_{others(bus_, shape)} {
         caller_.stayQuiet();
         callee_.start();
         for (int i = 0; i < shape.timers; ++i) {
@@ -136,7 +139,8 @@ private:
 class ZelvoPublisher final : public Publisher {
 public:
     ZelvoPublisher(const Shape &shape, Sink &sink, bool notices = true)
-        : others_{others(bus_, shape)},
+        : bus_{".", shape.logLevel},
+          others_{others(bus_, shape)},
           seats_(static_cast<std::size_t>(shape.subscribers)) {
         publisher_.stayQuiet();
         for (int i = 0; i < shape.subscribers; ++i) {
@@ -275,11 +279,12 @@ int main(int argc, char **argv) {
         System{"Zelvo",
                caller,
                publisher,
-               {"call-2",           "call-2000",      "call-1-core",   "publish-64",
-                "publish-1M",       "publish-1-core", "latency-1k",    "fanout-8",
-                "fanout-64",        "fanout-256",     "growth-10",     "growth-100",
-                "growth-1000",      "growth-2000",    "call-timers-0", "call-timers-1",
-                "call-timers-1000", "idle-timers-0",  "idle-timers-1", "idle-timers-1000"},
+               {"call-2",           "call-2000",      "call-1-core",     "publish-64",
+                "publish-1M",       "publish-1-core", "latency-1k",      "fanout-8",
+                "fanout-64",        "fanout-256",     "growth-10",       "growth-100",
+                "growth-1000",      "growth-2000",    "call-timers-0",   "call-timers-1",
+                "call-timers-1000", "idle-timers-0",  "idle-timers-1",   "idle-timers-1000",
+                "call-level-2",     "call-level-1",   "publish-level-2", "publish-level-1"},
                {{"keys-get-10", keys<10, false>},
                 {"keys-get-1000", keys<1000, false>},
                 {"keys-get-10000", keys<10000, false>},

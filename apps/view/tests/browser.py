@@ -1,0 +1,66 @@
+"""A headless Chromium, driven through the WebDriver protocol."""
+
+import json
+import os
+import re
+import subprocess
+import tempfile
+import urllib.request
+
+from support import LIMIT, needs
+
+_ARGUMENTS = ('--headless=new', '--no-sandbox', '--disable-gpu', '--disable-dev-shm-usage',
+              '--no-first-run', '--disable-background-networking', '--disable-component-update',
+              '--disable-sync', '--disable-quic', '--window-size=1200,800')
+
+
+class Browser:
+    """A context: the browser, with one page."""
+
+    def __enter__(self):
+        self._home = tempfile.TemporaryDirectory(prefix='zelvo-view-browser-')
+        binary = needs('chromium')
+        self._driver = subprocess.Popen([needs('chromedriver'), '--port=0'], stdout=subprocess.PIPE,
+                                        stderr=subprocess.DEVNULL)
+        try:
+            found = None
+            while found is None:
+                line = self._driver.stdout.readline()
+                assert line, 'chromedriver has not started'
+                found = re.search(rb'successfully on port (\d+)', line)
+            self._url = 'http://127.0.0.1:{}/session'.format(int(found.group(1)))
+            options = {'binary': binary,
+                       'args': list(_ARGUMENTS) + ['--user-data-dir=' + self._home.name]}
+            made = self._send('', {'capabilities': {'alwaysMatch': {
+                'goog:chromeOptions': options, 'goog:loggingPrefs': {'browser': 'ALL'}}}})
+            self._url += '/' + made['sessionId']
+        except BaseException:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        if '/session/' in getattr(self, '_url', ''):
+            self._send('', None, 'DELETE')
+        self._driver.terminate()
+        self._driver.wait(LIMIT)
+        self._driver.stdout.close()
+        self._home.cleanup()
+
+    def _send(self, path, data, method='POST'):
+        body = None if data is None else json.dumps(data).encode()
+        request = urllib.request.Request(self._url + path, body, method=method,
+                                         headers={'Content-Type': 'application/json'})
+        with urllib.request.urlopen(request, timeout=LIMIT) as answer:
+            return json.load(answer)['value']
+
+    def open(self, path):
+        self._send('/url', {'url': 'file://' + os.path.abspath(path)})
+
+    def run(self, script, *arguments):
+        """The result of a script in the page."""
+        return self._send('/execute/sync', {'script': script, 'args': list(arguments)})
+
+    def errors(self):
+        """What the browser has complained about since the last time, also refused requests."""
+        return [entry['message'] for entry in self._send('/se/log', {'type': 'browser'})]

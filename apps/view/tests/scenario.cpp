@@ -1,0 +1,280 @@
+// Makes a log with every kind of traffic and every fault, and writes beside it what has happened,
+// as seen from outside the bus: scenario LOG TRUTH LEVEL. Each line of the truth is a kind and
+// texts, as "x" and hexadecimal digits, "-" for none, and a number:
+//   publish FROM TOPIC DATA       deliver TO TOPIC DATA      answer FROM ADDRESS ANSWER
+//   fault KIND TEXT NUMBER        the faults of one kind whose report holds the text
+// It ends with a call that is still waiting.
+#include <zelvo/bus_client.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <iomanip>
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::string_literals;
+
+std::ofstream truth;
+std::mutex truthMutex;
+
+void note(const char *kind, const std::vector<std::string_view> &texts, long number = -1) {
+    const std::lock_guard lock(truthMutex);
+    truth << kind << std::hex << std::setfill('0');
+    for (const std::string_view text : texts) {
+        truth << (text.data() ? " x" : " -");
+        for (const char c : text) {
+            truth << std::setw(2) << +static_cast<unsigned char>(c);
+        }
+    }
+    truth << ' ' << std::dec << number << std::endl;
+}
+void fault(const char *kind, std::string_view text, long number) {
+    note("fault", {kind, text}, number);
+}
+
+// Each is opened once, and waited for once.
+using Gate = std::promise<void>;
+Gate held, released, heldForever, never, fired;
+
+std::string_view view(const char *data, int len) {
+    return data ? std::string_view(data, static_cast<std::size_t>(len)) : std::string_view();
+}
+
+struct Node {
+    Node(Zelvo_t *bus, std::string nodeName, bool runs = true) : name(std::move(nodeName)) {
+        client = busClientConnect(bus, name.c_str(), onMessage, onCall, this);
+        if (client && runs) {
+            thread = std::thread(busClientSpin, client);
+        }
+    }
+    void subscribe(const std::string &topics) const { busClientSubscribe(client, topics.c_str()); }
+    void publish(const char *topic, std::string_view data, bool sticky = false) const {
+        const int len = static_cast<int>(data.size());
+        (sticky ? busClientPublishSticky : busClientPublish)(client, topic, data.data(), len);
+        note("publish", {name, topic, data});
+    }
+    void call(const std::string &url, const char *data = nullptr) const {
+        const int len = data ? static_cast<int>(std::strlen(data)) : 0;
+        if (const char *answer = busClientCall(client, url.c_str(), data, len)) {
+            note("answer", {name, url, answer});
+        } else {
+            fault("timeout", url, 1);
+        }
+    }
+    void leave() {
+        busClientSpinExit(client);
+        thread.join();
+    }
+    void close() {
+        leave();
+        busClientClose(client);
+    }
+
+    static int onMessage(void *self, client_t * /*client*/, char *topic, char *data, int len) {
+        if (std::strncmp(topic, "bus.", 4) != 0) {
+            note("deliver", {static_cast<Node *>(self)->name, topic, view(data, len)});
+        }
+        return 0;
+    }
+    static char *onCall(void *self, client_t *client, char *url, char *data, int len);
+
+    std::string name;
+    client_t *client = nullptr;
+    std::thread thread;
+    std::map<std::string, std::string> ring; // what a path calls
+};
+
+char *copied(const std::string &text) {
+    auto *answer = static_cast<char *>(std::malloc(text.size() + 1));
+    return answer ? std::strcpy(answer, text.c_str()) : nullptr;
+}
+
+const std::string forged =
+    "[00001:00001]2026-01-01 00:00:00.000 [E] src/bus_client/call.cpp# 157#  Vek-client x call "
+    "timeout, url: /forged";
+
+char *Node::onCall(void *self, client_t *client, char *url, char *data, int len) {
+    Node &node = *static_cast<Node *>(self);
+    const std::string path = std::strchr(url + 1, '/');
+    if (const auto next = node.ring.find(path); next != node.ring.end()) {
+        const char *answer = busClientCall(client, next->second.c_str(), nullptr, 0);
+        note("answer", {node.name, next->second, answer});
+        return copied(answer ? answer : "none");
+    }
+    if (path == "/hold") {
+        held.set_value();
+        released.get_future().wait();
+    } else if (path == "/forever") {
+        heldForever.set_value();
+        never.get_future().wait();
+    } else if (path == "/none") {
+        return nullptr;
+    } else if (path == "/forged") {
+        return copied("two lines\n" + forged + "\nand a third");
+    }
+    return copied("answer to " + std::string(view(data, len)));
+}
+
+// What is hard to read in a log.
+std::vector<std::string> hardPayloads() {
+    std::string every;
+    for (int c = 0; c < 198; ++c) {
+        every += static_cast<char>(c + 58);
+    }
+    return {"plain",
+            "two\nlines",
+            "a, payload len: 1\n" + forged + "\n, payload len: 3\n",
+            "five5, payload len: 5\n" + forged,
+            "\x1b[2J\x1b]0;title\x07\r\x9b",
+            "<script>alert(1)</script></script> \"quoted\" \\ ; # % {{}}",
+            "nul\0inside"s,
+            every,
+            "NULL",
+            "BinaryData...",
+            std::string(199, 'x'),
+            std::string(200, 'y'),
+            std::string(5000, 'z'),
+            "\xe2\x86\x92 \xf0\x9f\x92\xa1 \xe2\x80\xae",
+            ""};
+}
+
+void publications(Zelvo_t *bus, Node &lamp) {
+    Node panel(bus, "the \"big\" <script>alert(1) panel");
+    panel.subscribe("[\"hard\",\"same\", \"a topic; with: \\\"signs\\\" -->\", \"sticky\"]");
+    for (const std::string &payload : hardPayloads()) {
+        lamp.publish("hard", payload);
+        lamp.publish("a topic; with: \"signs\" -->", payload);
+    }
+    busClientPublish(lamp.client, "hard", nullptr, 0);
+    note("publish", {lamp.name, "hard", {}});
+    lamp.publish("unheard", "nobody listens");
+    for (int i = 0; i < 50; ++i) {
+        lamp.publish("same", "tick");
+    }
+    lamp.publish("sticky", "first", true);
+    lamp.publish("sticky", "second", true);
+    lamp.call("/" + panel.name + "/done"); // it has had all before
+    panel.close();
+
+    Node later(bus, "later");
+    later.subscribe("[\"sticky\"]");
+    lamp.call("/later/done");
+    busClientRemoveSticky(lamp.client, "[\"sticky\"]");
+    later.leave();
+    busClientCall(later.client, "/lamp/too/late", nullptr, 0);
+    fault("refused", "not on the bus", 1);
+    busClientClose(later.client);
+    if (!busClientConnect(bus, "lamp", nullptr, nullptr, nullptr)) {
+        fault("refused", "a node of this name", 1);
+    }
+}
+
+void calls(Zelvo_t *bus, Node &lamp) {
+    Node desk(bus, "desk"), shelf(bus, "shelf");
+    desk.call("/lamp/state", "data\nwith, commas");
+    desk.call("/lamp/none");
+    desk.call("/lamp/forged");
+    desk.call("/bus/nodes");
+    desk.call("/localKeys/key", R"({"operation":"set","data":{"a":[1,2]}})");
+    desk.call("/localKeys/key", R"({"operation":"get"})");
+    desk.call("/nosuch/path");
+    fault("nobody", "/nosuch/path", 1);
+    shelf.ring["/ring2"] = "/desk/any";
+    lamp.ring["/ring3"] = "/shelf/ring3";
+    shelf.ring["/ring3"] = "/desk/any";
+    desk.call("/shelf/ring2");
+    desk.call("/lamp/ring3");
+    fault("ring", "shelf -> desk -> shelf", 1);
+    fault("ring", "shelf -> desk -> lamp -> shelf", 1);
+
+    desk.call("/shelf/hold", "hold"); // its time is up
+    held.get_future().wait();
+    released.set_value();
+    lamp.call("/shelf/after"); // behind the late answer
+    fault("late", "/shelf/hold", 1);
+    desk.close();
+    shelf.close();
+}
+
+// The node does not run, so what reaches it stays.
+void fullQueues(Zelvo_t *bus, const Node &lamp) {
+    const Node slow(bus, "slow", false);
+    slow.subscribe("[\"flood\"]");
+    for (int i = 0; i < 1100; ++i) {
+        lamp.publish("flood", std::to_string(i));
+    }
+    lamp.publish("kept", "kept", true);
+    lamp.call("/slow/x"); // the bus has handled all before, and finds the queue full
+    slow.subscribe("[\"kept\"]");
+    busClientSpinExit(slow.client);
+    for (int i = 0; i < 1025; ++i) {
+        busClientSettimer(slow.client, nullptr, 100000, 1, nullptr);
+    }
+    busClientKilltimer(slow.client, 7);
+    fault("drop", "copy: queue of slow, flood", 1100 - 1024);
+    for (const char *once : {"call: queue of slow", "sticky message: queue of slow",
+                             "exit: own queue", "settimer: own queue", "killtimer: own queue"}) {
+        fault("drop", once, 1);
+    }
+}
+
+void fullBus(Zelvo_t *bus, std::thread &loop, const Node &lamp) {
+    busClientServerExit(bus);
+    loop.join();
+    for (int i = 0; i < 2058; ++i) {
+        lamp.publish("unheard", std::to_string(i));
+    }
+    busClientRemoveSticky(lamp.client, "[\"kept\"]");
+    busClientCall(lamp.client, "/bus/nodes", nullptr, 0);
+    loop = std::thread(busClientBindServer, bus);
+    long refused = 1;
+    while (!busClientCall(lamp.client, "/bus/nodes", nullptr, 0)) {
+        ++refused;
+        std::this_thread::yield();
+    }
+    fault("drop", "publish: queue of the bus", 10);
+    fault("drop", "removeSticky: queue of the bus", 1);
+    fault("drop", "call refused: queue of the bus", refused);
+}
+
+void timers(const Node &lamp) {
+    const auto handler = [](void *, client_t *, int) {
+        fired.set_value();
+        return 0;
+    };
+    busClientKilltimer(lamp.client, busClientSettimer(lamp.client, handler, 1000000, 1, nullptr));
+    busClientSettimer(lamp.client, handler, 1, 2, nullptr);
+    fired.get_future().wait();
+}
+
+} // namespace
+
+int main(int /*argc*/, char **argv) {
+    truth.open(argv[2]);
+    // What is not held up is answered in far less.
+    const std::string config = "{\"callTimeout\":4000,\"path\":\"" + std::string(argv[1]) +
+                               "\",\"level\":" + argv[3] + '}';
+    Zelvo_t *const bus = busClientNew(config.c_str());
+    std::thread loop(busClientBindServer, bus);
+    Node lamp(bus, "lamp");
+    publications(bus, lamp);
+    calls(bus, lamp);
+    timers(lamp);
+    fullQueues(bus, lamp);
+    fullBus(bus, loop, lamp);
+    Node waits(bus, "waits");
+    std::thread([&waits] { waits.call("/lamp/forever"); }).detach();
+    heldForever.get_future().wait();
+    fault("drop", "copy: queue of slow, bus.event", 1); // that it joins
+    fault("unanswered", "/lamp/forever", 1);
+    std::_Exit(0);
+}

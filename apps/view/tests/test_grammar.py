@@ -1,0 +1,161 @@
+"""Logs that are hard to read: cut, doubled, out of order, ambiguous, or no logs at all."""
+
+import os
+import unittest
+
+import support
+from support import Log, messages, scenario, view
+
+
+def pairs(found):
+    """Publisher and publication of each delivery."""
+    return [(m['from'], m['of']) for m in found]
+
+
+class Matching(unittest.TestCase):
+    def test_alike_publications_of_two_nodes_are_not_guessed(self):
+        # Both are on their way when the other is logged: the bus may have taken either first.
+        log = Log().join(3, 's', 't').publish(1, 'a', 't').publish(2, 'b', 't')
+        found = log.deliver(3, 's', 't').kinds('deliver')
+        self.assertEqual(pairs(found), [('?', None)])
+        self.assertIn('a or b', found[0]['note'])
+
+    def test_alike_publications_one_after_the_other_are_told_apart(self):
+        log = Log().join(3, 's', 't').publish(1, 'a', 't').line(1, 'Vek-client a set timer 2',
+                                                                'client/timer')
+        log.publish(2, 'b', 't').deliver(3, 's', 't').deliver(3, 's', 't')
+        self.assertEqual([m['from'] for m in log.kinds('deliver')], ['a', 'b'])
+
+    def test_a_lost_copy_leaves_alike_ones_uncertain_until_another_comes(self):
+        log = Log().join(3, 's', 't').publish(1, 'a', 't').publish(1, 'a', 't')
+        log.line(9, 'Vek-server server ==> s pusblish topic t failed, queue is full',
+                 'server/publish', 'W').deliver(3, 's', 't')
+        log.publish(1, 'a', 't', 'other').deliver(3, 's', 't', 'other')
+        log.publish(1, 'a', 't').deliver(3, 's', 't')
+        found = log.kinds('deliver')
+        self.assertEqual([m['from'] for m in found], ['a', 'a', 'a'])
+        self.assertEqual([m['of'] is None for m in found], [True, False, False])
+
+    def test_what_was_published_before_the_subscription_is_not_meant(self):
+        log = Log().publish(1, 'a', 't').publish(1, 'a', 'u').join(3, 's', 't').publish(1, 'a', 't')
+        found = log.deliver(3, 's', 't').kinds('deliver')
+        by_number = {m['number']: m for m in messages(data=log.bytes())}
+        publications = [n for n, m in by_number.items() if m.get('topic') == 't' and
+                        m['kind'] == 'publish']
+        self.assertEqual(pairs(found), [('a', publications[1])])
+
+    def test_a_refused_publication_is_not_delivered(self):
+        log = Log().join(3, 's', 't').publish(1, 'a', 't')
+        log.line(1, 'Vek-client a ==> server publish failed, topic: t, queue is full',
+                 'client/publish', 'W')
+        self.assertEqual(pairs(log.deliver(3, 's', 't').kinds('deliver')), [('?', None)])
+
+    def test_a_call_taken_belongs_to_the_one_that_the_bus_has_handed_on(self):
+        log = Log()
+        for tid, name in ((1, 'a'), (2, 'b')):
+            log.trace(tid, name, '==>', 'request', url='/c/x')
+        for name in 'ba':  # the bus takes b's first
+            log.line(9, 'Vek-server {0} call c, target: {0}'.format(name), 'server/deadlock')
+        for answer in ('first', 'second'):
+            log.trace(3, 'c', '<==', 'request', url='/c/x')
+            log.trace(3, 'c', '==>', 'response', url='/c/x', payload=answer)
+        log.line(2, 'Vek-client b call response, first', 'client/call')
+        log.line(1, 'Vek-client a call timeout, url: /c/x', 'client/call', 'W')
+        found = messages(data=log.bytes())
+        self.assertEqual([(m['kind'], m['from'], m['to'], m['payload']) for m in found[2:]],
+                         [('answer', 'c', 'b', 'first'), ('timeout', 'a', 'c', None),
+                          ('late', 'c', 'a', 'second')])
+
+    def test_two_threads_may_be_a_millisecond_out_of_order(self):
+        log = Log().join(3, 's', 't').deliver(3, 's', 't')
+        log.ms += 1
+        self.assertEqual([m['from'] for m in log.publish(1, 'a', 't').kinds('deliver')], ['a'])
+        log = Log().trace(3, 'c', '<==', 'request', url='/c/x')
+        log.trace(1, 'a', '==>', 'request', url='/c/x')
+        self.assertEqual([(m['from'], m['kind']) for m in messages(data=log.bytes())],
+                         [('a', 'call'), ('a', 'unanswered')])
+
+    def test_a_missing_beginning_leaves_messages_without_origin(self):
+        log = Log().deliver(3, 's', 't', 'before').trace(3, 's', '<==', 'request', url='/s/x')
+        log.trace(3, 's', '==>', 'response', url='/s/x')
+        log.line(4, 'Vek-client d call response, y', 'client/call')
+        found = messages(data=b'half of a line, payload len: 7\n' + log.bytes())
+        self.assertEqual([(m['kind'], m['from'], m['to']) for m in found],
+                         [('deliver', '?', 's'), ('call', '?', 's'), ('answer', 's', '?'),
+                          ('answer', '?', 'd')])
+        summary = view(data=b'half of a line, payload len: 7\n' + log.bytes())
+        self.assertIn('1 lines are not of the log', summary)
+
+
+class Reading(unittest.TestCase):
+    def test_every_piece_of_a_log_can_be_read(self):
+        """Cut anywhere, it shows no message that the whole does not show."""
+        path, _ = scenario(2)
+        with open(path, 'rb') as file:
+            data = file.read()[:60000]
+        known = {(m['kind'], m.get('topic'), m['payload'], m['bytes']) for m in messages(path)}
+        for start in range(1, 3000, 171):
+            found = messages(data=data[start:start + 20000])
+            # A text or a call that is cut is shown as far as it goes.
+            strange = [m for m in found if m['kind'] in ('publish', 'deliver', 'sticky') and
+                       (m['kind'], m.get('topic'), m['payload'], m['bytes']) not in known]
+            self.assertEqual(strange, [])
+
+    def test_doubled_lines_count_once(self):
+        log = Log().join(3, 's', 't').publish(1, 'a', 't').publish(1, 'a', 't')
+        log.deliver(3, 's', 't').deliver(3, 's', 't')
+        once = messages(data=log.bytes())
+        log.lines = [line for line in log.lines for _ in range(2)]
+        self.assertEqual(messages(data=log.bytes()), once)
+        self.assertIn('stood there twice', view(data=log.bytes()))
+
+    def test_several_files_are_one_log(self):
+        log = Log()
+        for _ in range(6):
+            log.ms += 1
+            log.publish(1, 'a', 't').deliver(3, 's', 't')
+        parts = (log.lines[:12], log.lines[9:])  # they overlap
+        paths = [os.path.join(support.folder, name) for name in ('new.log', 'old.log')]
+        for path, lines in zip(paths, reversed(parts)):
+            with open(path, 'wb') as file:
+                file.writelines(lines)
+        whole = messages(data=log.bytes())
+        self.assertEqual(messages(*paths, paths[0]), whole)
+        self.assertEqual(len(whole), 12)
+
+    def test_topics_may_hold_what_looks_like_a_line(self):
+        forged = Log().publish(1, 'forged', 'x').bytes().decode()
+        log = Log().line(3, 'Vek-client s subscribe begin, ["a\n{}"]'.format(forged),
+                         'client/connect').publish(1, 'a', 't')
+        self.assertEqual([m['from'] for m in messages(data=log.bytes())], ['a'])
+
+    def test_lost_lines_and_cut_lines_are_told(self):
+        log = Log().publish(1, 'a', 't' * 5000)
+        log.lines[-1] = log.lines[-1][:4094] + b'\n'
+        log.lines.append(b'\nlog lines lost: 17\n\n')
+        log.publish(1, 'a', 'u')
+        found = messages(data=log.bytes())
+        self.assertEqual([(m['kind'], m['bytes']) for m in found],
+                         [('publish', None), ('lost', None), ('publish', 1)])
+        self.assertIn('has lost: 17', view(data=log.bytes()))
+
+    def test_other_inputs_are_refused_with_the_place_and_the_reason(self):
+        other = os.path.join(support.folder, 'other.log')
+        head = b'[00042:00001]2026-11-25 16:00:00.000 [W] src/other.cpp#  83#  a ==> busServer\n'
+        for data in (b'Nov 25 16:00:00 host kernel: x\n' * 3, head, b'\x7fELF\0\0' * 400000):
+            with open(other, 'wb') as file:
+                file.write(data)
+            self.assertEqual(view(other, code=2), '')
+            self.assertRegex(support.view.errors, r'^zelvo-view: \S+other.log:1: not a log of .*\n$')
+        for arguments in (('/no/such/file',), ('--frobnicate',), ('--from', 'noon'),
+                          ('--dot', '--mermaid'), ('--limit', '0')):
+            view(*arguments, data=b'', code=2)
+            self.assertRegex(support.view.errors, r'^zelvo-view: .+\n$')
+        view(data=b'', code=1)
+
+    def test_the_manual_stands_in_help_and_in_the_man_page(self):
+        manual = os.path.join(os.path.dirname(support.HERE), 'zelvo_view', 'manual.py')
+        page = support.subprocess.check_output([support.sys.executable, '-B', manual]).decode()
+        for option in ('--follow', '--perfetto', '--topic', '--limit'):
+            self.assertIn(option, view('--help'))
+            self.assertIn('.B ' + option.replace('-', '\\-'), page)

@@ -1,0 +1,1 @@
+"""Shows the traffic that a log of Zelvo tells of."""

@@ -1,0 +1,248 @@
+"""From records to messages: which delivery belongs to which publication, which answer to which call.
+
+Only what the log tells decides (publications.py, calls.py). Tables are bounded: what is no longer
+remembered is not matched, and shown so.
+"""
+
+import re
+from collections import OrderedDict, deque
+
+from .calls import Calls
+from .model import Message, Node, Thread
+from .patterns import PATTERNS
+from .publications import SKEW, Publications
+from .records import notice
+
+MANY_NODES = 16384  # of those that have left, the first are forgotten
+WAITING = 4096  # messages that wait for what may still change them
+
+
+class Process(Publications, Calls):
+    """The buses of one process. emit: takes each Message, in the order of the log."""
+
+    def __init__(self, pid, emit, text):
+        self.pid = pid
+        self.emit = emit
+        self.text = text  # from bytes to the text that is shown
+        self.nodes = {}
+        self.threads = {}
+        self.alike = {}  # (topic, size, payload): Alike
+        self.remembered = deque()  # keys of all that stands in alike, oldest first
+        self.stickies = OrderedDict()
+        self.waiting = {}  # what the bus says when it handles a call: the call
+        self.ended = deque(maxlen=256)  # calls whose time was up
+        self.gave_up = deque(maxlen=256)  # those of them that the bus had not handled before
+        self.walk = None  # (call, nodes of the chain, what the next link begins with and all end with)
+        self.early = deque(maxlen=256)  # deliveries and calls taken without their origin so far
+        self.traced = False  # whether there are traces, as at level 2
+        self.verbose = False  # whether the bus's own traces are there, as at level 1
+        self.untaken = {}  # (name, key): publications that the bus has not taken yet
+        self.current = (None, b'', b'')  # what the bus handles: publication, its name, its url
+        self.line = self.now = self.ms = 0
+        self.doubled = 0
+
+    def end(self):
+        """The bus is gone: nothing of it can be meant any more."""
+        for table in (self.alike, self.remembered, self.stickies, self.waiting, self.early,
+                      self.gave_up, self.ended, self.untaken):
+            table.clear()
+        self.walk, self.current = None, (None, b'', b'')
+
+    def node(self, name):
+        found = self.nodes.get(name)
+        if found is None:
+            found = self.nodes[name] = Node(name, self.ms)
+        found.last = self.ms
+        return found
+
+    def left(self, name):
+        self.node(name).leave(self.ms)
+        if len(self.nodes) > MANY_NODES:
+            gone = next((n for n, node in self.nodes.items() if node.spans and node.spans[-1][1]), name)
+            del self.nodes[gone]
+
+    def thread(self, tid):
+        found = self.threads.get(tid)
+        if found is None:
+            if len(self.threads) >= 65536:
+                self.threads.clear()
+            found = self.threads[tid] = Thread()
+        return found
+
+    def message(self, kind, record, src, dst, subject=None, **more):
+        name = self.text
+        made = Message(self.line, self.now, record.ms, self.pid, record.tid, kind, name(src), name(dst),
+                       name(subject), **more)
+        self.emit(made)
+        return made
+
+    # ---- one record ----
+
+    def take(self, record, line, now):
+        self.line, self.now, self.ms = line, now, record.ms
+        thread = self.thread(record.tid)
+        if thread.unsent is not None:
+            thread.unsent.sent = line
+            thread.unsent = None
+        if thread.handler is not None and not thread.handler.exact_end:
+            thread.handler.end = thread.last
+        thread.last = now
+        if record.trace is None:
+            self._text(record, thread)
+        elif record.trace.server:
+            self._server_trace(record, record.trace)
+        else:
+            self.traced = True
+            self._abandon(thread, record)
+            self._client_trace(record, record.trace, thread)
+
+    def _text(self, record, thread):
+        for pattern, handle in PATTERNS.get(record.unit, ()):
+            m = pattern.fullmatch(record.text)
+            if m:
+                if handle is not None:
+                    handle(self, record, thread, m)
+                return
+        if record.level in (b'W', b'E'):
+            kind = 'warning' if record.level == b'W' else 'error'
+            self.message(kind, record, None, None,
+                         note=self.text(record.text.partition(b' ')[2] or record.text))
+
+    def _abandon(self, thread, record):
+        """A thread that goes on waits for no call any more."""
+        call = thread.call
+        if call is not None:
+            thread.call = None
+            self.end_call(call, record, 'unanswered', note='the log has no end of it')
+
+    def _client_trace(self, record, trace, thread):
+        handle = self.TRACES.get((trace.out, trace.action))
+        if handle is not None:
+            handle(self, record, trace, thread)
+
+    TRACES = {
+        (True, b'publish'): Publications._publish,
+        (True, b'publishSticky'): Publications._publish,
+        (True, b'removeSticky'): Publications._remove_sticky,
+        (False, b'publish'): Publications._deliver,
+        (True, b'request'): Calls._call,
+        (False, b'request'): Calls._taken,
+        (True, b'response'): Calls._respond,
+    }
+
+
+class Matcher:
+    """All processes of the input. feed() and finish() yield messages, in order."""
+
+    def __init__(self):
+        self.processes = {}
+        self.line = 0
+        self.now = 0  # microseconds: the millisecond, and the order of its lines
+        self.lost_lines = 0
+        self.anew = 0  # how often the log has been begun anew: what was before is gone
+        self._doubled = 0
+        self.first_ms = None
+        self.last_ms = None
+        self.levels = set()
+        self._texts = {}
+        self.out = deque()
+        self._number = 0
+        self._doubling = self._was_doubled = False
+        self._in_a_row = 0  # how often the latest record has come again
+
+    @property
+    def doubled(self):
+        """How many lines were there twice."""
+        return self._doubled + sum(process.doubled for process in self.processes.values())
+
+    def text(self, name):
+        """A name as it is shown; the same object for the same name."""
+        if name is None or isinstance(name, str):
+            return name
+        found = self._texts.get(name)
+        if found is None:
+            if len(self._texts) > 20000:
+                self._texts.clear()
+            found = self._texts[name] = name.decode('utf-8', 'backslashreplace')
+        return found
+
+    def feed(self, record):
+        if (record.again or self._doubling) and self._is_doubled(record):
+            self._doubled += 1
+            return
+        if record.level == b'-':
+            self._notice(record)
+            return
+        self.line += 1
+        ms = record.ms
+        if self.first_ms is None:
+            self.first_ms = self.last_ms = ms
+        elif ms > self.last_ms:
+            self.last_ms = ms
+        elif ms < self.first_ms:
+            self.first_ms = ms
+        self.levels.add(record.level)
+        process = self.processes.get(record.pid)
+        if process is None:
+            process = self.processes[record.pid] = Process(record.pid, self.out.append, self.text)
+        self.now = self.now + 1 if ms * 1000 <= self.now < ms * 1000 + 999 else ms * 1000
+        process.take(record, self.line, self.now)
+
+    def ready(self, now=None):
+        """Yields the messages that nothing to come can change; now None: all."""
+        out = self.out
+        while out and (now is None or out[0].ms < now - SKEW or len(out) > WAITING):
+            message = out.popleft()
+            if message.kind:
+                self._number += 1
+                message.number = self._number
+                yield message
+
+    def finish(self):
+        """Yields the rest; calls that have no end among it."""
+        for process in self.processes.values():
+            for thread in process.threads.values():
+                if thread.call is not None:
+                    call, thread.call = thread.call, None
+                    call.done = 'unanswered'
+                    made = Message(self.line, self.now, self.last_ms, process.pid, call.tid, 'unanswered',
+                                   call.src, call.dst, call.subject, ref=call,
+                                   note='not when the log ends')
+                    self.out.append(made)
+        yield from self.ready()
+
+    def _notice(self, record):
+        lost, anew = notice(record)
+        self.anew += anew
+        self.lost_lines += lost
+        ms = self.last_ms or record.ms
+        if lost:
+            self.out.append(Message(self.line, self.now, ms, b'', b'', 'lost', None, None, None,
+                                     note='the log has lost {} lines here'.format(lost)))
+        for process in self.processes.values():  # nothing is certain to be in step any more
+            for node in process.nodes.values():
+                if lost:
+                    node.joined_line = None
+                    node.received.clear()
+
+    def _repeats(self, record):
+        """Whether there can be two equal records of this kind in a row."""
+        trace = record.trace
+        if trace is not None:
+            return trace.server or (trace.out, trace.action) in self.REPEATING
+        return not self._ONCE.search(record.text)
+
+    def _is_doubled(self, record):
+        """Whether a record is the one before once more. One of which there can be two is, where the
+        lines about it are doubled too."""
+        self._in_a_row = self._in_a_row + 1 if record.again else 0
+        if not self._repeats(record):
+            if record.again:
+                self._doubling = self._was_doubled = True
+                return True
+            self._doubling, self._was_doubled = self._was_doubled, False
+        return self._doubling and self._in_a_row % 2 == 1
+
+    REPEATING = ((False, b'publish'), (False, b'killtimer'), (True, b'publishSticky'),
+                 (True, b'removeSticky'))
+    _ONCE = re.compile(rb'^client: 0x|^Vek-client .* call response, |^Vek-server .* node joined$')

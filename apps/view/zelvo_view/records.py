@@ -1,0 +1,337 @@
+"""The log's grammar: from bytes to records.
+
+A record is one entry of the log. It begins at the beginning of a line with its head,
+"[pid:tid]YYYY-MM-DD hh:mm:ss.mmm [L] file#line#", and may take up several lines, because a payload
+may hold line breaks. A payload may also hold text that looks like a head; so where the log tells
+how long a text is, as it does of every message, the record ends there and not at the next head.
+"""
+
+import datetime
+import json
+import re
+from collections import deque
+from typing import NamedTuple, Optional
+
+LONGEST = 4094  # bytes of a record, without its line feed; the log cuts what is longer
+SHOWN = 200  # a payload of so many bytes or more is logged as "BinaryData..."
+STRANGE_LINES, STRANGE_BYTES = 1000, 1 << 20  # so much before the first record: no log of ours
+
+_HEAD = (rb'\[(\d{5,10}):(\d{5,10})\](\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)\.(\d{3}) \[([-VDIWE])\] '
+         rb'[^\n#]*?bus_(?:client|server)[/\\](\w+)\.cpp# *\d+#  ')
+_HEAD_ANYWHERE = re.compile(rb'(?m)^' + _HEAD)
+_RECORD = re.compile(
+    _HEAD + rb'(?:'
+    rb'Vek-client # *\d+# ([^\n]*?) (==>|<==) busServer,  action: (\w+), topic: ([^\n]*?),'
+    rb'  url: ([^\n]*?), payload: ([^\n]*), payload len: (\d+)\n|'
+    rb'Vek-server # *\d+# busServer (==>|<==) ([^\n]*?),  action: (\w+), topic: ([^\n]*?),'
+    rb'  url: ([^\n]*?), requestor: ([^\n]*?), payload:([^\n]*), payload len: (\d+)\n|'
+    rb'([^\n]*)\n)')
+_CLIENT_TRACE = re.compile(
+    rb'(?s)Vek-client # *\d+# (.*?) (==>|<==) busServer,  action: (\w+), topic: ')
+_SERVER_TRACE = re.compile(
+    rb'(?s)Vek-server # *\d+# busServer (==>|<==) (.*?),  action: (\w+), topic: ')
+_LENGTH = re.compile(rb', payload len: (\d+)\n')
+_LENGTH_MARK = b', payload len: '
+_RESPONSE, _TOPICS = b' call response, ', b'subscribe begin, '
+_LOST = re.compile(rb'log lines lost: (\d+)$')
+_BEGUN_ANEW = re.compile(rb'log file size: (\d+), remove file:  ')
+
+NO_PAYLOAD, HIDDEN = b'NULL', b'BinaryData...'
+
+
+class Trace(NamedTuple):
+    """A message on its way, as the node or the bus (server) has logged it."""
+    server: bool
+    name: bytes  # the node; in a line of the bus the counterpart
+    out: bool  # sent, not taken
+    action: bytes
+    topic: bytes
+    url: bytes
+    requestor: bytes
+    payload: Optional[bytes]  # None: there is none, or the log does not show it
+    size: Optional[int]  # None: the log has cut the line before it
+    absent: bool  # the message has no payload
+
+
+class Record(NamedTuple):
+    ms: int  # since 1970, in the log's own zone
+    pid: bytes
+    tid: bytes
+    level: bytes  # its letter
+    unit: bytes  # the source without its folder and ending; b'': a notice of the log itself
+    text: bytes  # of a record that is no trace
+    trace: Optional[Trace]
+    again: bool  # byte for byte the record before
+
+
+class NotALog(Exception):
+    """The input is no log of Zelvo. line: where; text: what stands there."""
+
+    def __init__(self, line, text):
+        super().__init__(line, text)
+        self.line = line
+        self.text = text
+
+
+def _payload(text, size):
+    """(payload, whether there is none) or None where text cannot be the trace of size bytes."""
+    if len(text) == size and size < SHOWN and size > 0:
+        return text, False
+    if text == NO_PAYLOAD and size == 0:
+        return None, True
+    if text == HIDDEN and (size == 0 or size >= SHOWN):
+        return None, False
+    return None
+
+
+def _cut_payload(text, size):
+    """The same for a payload with a NUL inside, where the log stops."""
+    return (text + b'\0', False) if len(text) < size < SHOWN else None
+
+
+class Reader:
+    """Takes bytes as they come, gives records.
+
+    live: whether each piece ends where its writer has paused, so that what it ends with need not
+    wait for more.
+    """
+
+    def __init__(self, live=False):
+        self.live = live
+        self.strange = 0  # lines that belong to no record
+        self.count = 0
+        self._buf = b''
+        self._first = None  # the first strange line
+        self._read = 0  # bytes before the first record
+        self._in_strange = False
+        self._second = (b'', 0)
+        self._last = b''
+        self._lengths = deque(maxlen=64)  # of the latest answers
+
+    def feed(self, data, final=False):
+        """Yields the records that data completes. final: nothing follows."""
+        buf = self._buf + data if self._buf else data
+        pos = 0
+        wanted = 1 if final or self.live else LONGEST + 2 + SHOWN
+        match = _RECORD.match
+        while len(buf) - pos >= wanted:
+            m = match(buf, pos)
+            if m is None:
+                end = self._other_line(buf, pos, final)
+                if end is None:
+                    break
+                record, pos = end
+            else:
+                end, record = self._record(buf, pos, m, final)
+                if end is None:
+                    break
+                pos = end
+                self.count += 1
+            if record is not None:
+                yield record
+        self._buf = buf[pos:]
+        if final and not self.count and self._first is not None:
+            raise NotALog(*self._first)
+
+    # ---- records ----
+
+    def _record(self, buf, pos, m, final):
+        group = m.groups()
+        end = m.end()
+        try:
+            ms = self._time(group[2]) + int(group[3])
+        except ValueError:
+            return end, self._count_strange(buf[pos:end])
+        text, trace = b'', None
+        if group[6] is not None:
+            trace = self._client_trace(buf, m, group)
+        elif group[13] is not None:
+            trace = self._server_trace(buf, m, group)
+        if trace is None:
+            text = group[21]
+            begin = m.end(6) + buf[m.end(6):m.end(6) + 24].index(b'#  ') + 3
+            if text is None or text.startswith((b'Vek-client #', b'Vek-server #')):
+                end, trace, text = self._long_trace(buf, pos, begin, final)
+            elif _RESPONSE in text:
+                end = self._answer_end(buf, begin, m.end(), pos)
+                text = buf[begin:end - 1]
+            elif _TOPICS in text:
+                topics = buf.find(_TOPICS, begin) + len(_TOPICS)
+                if buf[topics:topics + 1] == b'[':
+                    end = self._json_end(buf, topics, pos + LONGEST + 1, m.end())
+                    text = buf[begin:end - 1]
+            if end is None:
+                return None, None
+        elif trace.action == b'response' and trace.out and trace.size:
+            self._lengths.append(trace.size)
+        raw = buf[pos:end]
+        again = raw == self._last
+        self._last = raw
+        return end, Record(ms, group[0], group[1], group[4], group[5], text, trace, again)
+
+    def _time(self, stamp):
+        if stamp != self._second[0]:
+            at = datetime.datetime.strptime(stamp.decode(), '%Y-%m-%d %H:%M:%S')
+            seconds = at.replace(tzinfo=datetime.timezone.utc).timestamp()
+            self._second = (stamp, int(seconds) * 1000)
+        return self._second[1]
+
+    @staticmethod
+    def _goes_on(buf, begin, end):
+        """Whether the payload at begin may reach beyond the line that ends at end."""
+        mark = buf.find(_LENGTH_MARK, end, begin + SHOWN + len(_LENGTH_MARK))
+        while mark >= 0:
+            m = _LENGTH.match(buf, mark)
+            if m and int(m.group(1)) == mark - begin:
+                return True
+            mark = buf.find(_LENGTH_MARK, mark + 1, begin + SHOWN + len(_LENGTH_MARK))
+        return False
+
+    def _client_trace(self, buf, m, group):
+        size = int(group[12])
+        payload = _payload(group[11], size)
+        if payload is None or m.end() - m.start() > LONGEST or self._goes_on(
+                buf, m.start(12), m.end()):
+            return None
+        return Trace(False, group[6], group[7] == b'==>', group[8], group[9], group[10], b'',
+                     payload[0], size, payload[1])
+
+    def _server_trace(self, buf, m, group):
+        size = int(group[20])
+        payload = _payload(group[19], size)
+        if payload is None or m.end() - m.start() > LONGEST or self._goes_on(
+                buf, m.start(20), m.end()):
+            return None
+        return Trace(True, group[14], group[13] == b'==>', group[15], group[16], group[17],
+                     group[18], payload[0], size, payload[1])
+
+    def _long_trace(self, buf, pos, begin, final):
+        """A trace that is more than one plain line: (end or None, trace, text)."""
+        server = buf.startswith(b'Vek-server', begin)
+        limit = pos + LONGEST + 1
+        head = (_SERVER_TRACE if server else _CLIENT_TRACE).match(buf, begin, limit)
+        following = _HEAD_ANYWHERE.search(buf, begin, limit)
+        if head:
+            near = min(limit, following.start()) if following else limit
+            for fits, stop in ((_payload, limit), (_cut_payload, near)):
+                found = self._find_fields(buf, head, server, fits, near, stop)
+                if found:
+                    end, trace = found
+                    if trace.action == b'response' and trace.out:
+                        self._lengths.append(trace.size)
+                    return end, trace, b''
+        return self._cut_record(buf, pos, begin, head, server, final or bool(following))
+
+    @staticmethod
+    def _find_fields(buf, head, server, fits, near, stop):
+        """Tries every place where topic and url (before near) and payload (before stop) may end; of
+        the payloads that fit, the longest is the one that the log has written."""
+        mark = b', payload:' if server else b', payload: '
+        start = buf.find(mark, head.end(), near)
+        while start >= 0:
+            fields = buf[head.end():start]
+            topic, separator, url = fields.partition(b',  url: ')
+            begin = start + len(mark)
+            best = None
+            if separator:
+                for m in _LENGTH.finditer(buf, begin, min(stop, begin + SHOWN + 32)):
+                    payload = fits(buf[begin:m.start()], int(m.group(1)))
+                    if payload and (best is None or fits is _payload):
+                        best = (m, payload)
+            if best:
+                m, payload = best
+                url, _, requestor = url.partition(b', requestor: ') if server else (url, b'', b'')
+                name = head.group(2) if server else head.group(1)
+                out = head.group(1 if server else 2) == b'==>'
+                return m.end(), Trace(server, name, out, head.group(3), topic, url, requestor,
+                                      payload[0], int(m.group(1)), payload[1])
+            start = buf.find(mark, start + 1, near)
+        return None
+
+    @staticmethod
+    def _cut_record(buf, pos, begin, head, server, whole):
+        """A trace without its end: the log has cut it, or more of it is still to come."""
+        end = pos + LONGEST
+        if len(buf) <= end and not whole:
+            return None, None, b''
+        if buf[end - 1:end] != b'\n' and buf[end:end + 1] == b'\n':
+            end += 1
+        if buf[end - 1:end] != b'\n' or not head:
+            end = buf.find(b'\n', begin) + 1 or len(buf)
+            return end, None, buf[begin:end].rstrip(b'\n')
+        topic, _, rest = buf[head.end():end - 1].partition(b',  url: ')
+        url = rest.partition(b', payload:')[0]
+        name = head.group(2) if server else head.group(1)
+        out = head.group(1 if server else 2) == b'==>'
+        return end, Trace(server, name, out, head.group(3), topic, url, b'', None, None,
+                          False), b''
+
+    def _answer_end(self, buf, begin, line_end, pos):
+        """Where the record of an answer ends. Its length is that of an answer which a node has just
+        given, or its text is JSON that the bus has printed."""
+        text = buf.find(_RESPONSE, begin) + len(_RESPONSE)
+        best = line_end
+        next_is_head = _HEAD_ANYWHERE.match(buf, line_end)
+        if next_is_head and line_end - 1 - text in self._lengths:
+            return line_end
+        for length in self._lengths:
+            end = min(text + length, pos + LONGEST)
+            if end + 1 > best and buf[end:end + 1] == b'\n' and (
+                    end + 1 == len(buf) or _HEAD_ANYWHERE.match(buf, end + 1)
+                    or buf.startswith(b'\n', end + 1)):
+                best = end + 1
+        if best > line_end or next_is_head:
+            return best
+        return self._json_end(buf, text, self._stop(buf, line_end, pos), line_end)
+
+    @staticmethod
+    def _stop(buf, line_end, pos):
+        """Where a record that begins at pos has ended at the latest."""
+        following = _HEAD_ANYWHERE.search(buf, line_end, pos + 2 * LONGEST)
+        return min(following.start() if following else len(buf), pos + LONGEST + 1)
+
+    @staticmethod
+    def _json_end(buf, text, stop, line_end):
+        """Where the line with the end of the JSON text that begins at text ends."""
+        if stop <= line_end:
+            return line_end
+        try:
+            piece = buf[text:stop].decode('latin-1')
+            end = text + json.JSONDecoder(strict=False).raw_decode(piece)[1]
+        except ValueError:
+            return line_end
+        return end + 1 if buf[end:end + 1] == b'\n' else line_end
+
+    # ---- everything else ----
+
+    def _other_line(self, buf, pos, final):
+        """(a notice of the log or None, where the line ends), or None: it is not complete."""
+        stop = buf.find(b'\n', pos)
+        if stop < 0:
+            if not final and len(buf) - pos < 1 << 16:
+                return None
+            stop = len(buf) - 1
+        line = buf[pos:stop + 1]
+        begins, self._in_strange = not self._in_strange, not line.endswith(b'\n')
+        line = line.rstrip(b'\r\n')
+        if not begins or not line:
+            return None, stop + 1
+        if _LOST.match(line) or _BEGUN_ANEW.match(line):
+            self._last = line
+            self.count += 1
+            return Record(self._second[1], b'', b'', b'-', b'', line, None, False), stop + 1
+        return self._count_strange(line), stop + 1
+
+    def _count_strange(self, line):
+        self.strange += 1
+        self._first = self._first or (self.strange, line[:60])
+        if not self.count:
+            self._read += len(line)
+            if self.strange >= STRANGE_LINES or self._read >= STRANGE_BYTES:
+                raise NotALog(*self._first)
+
+
+def notice(record):
+    """Of a notice of the log itself: (lines that it has lost, whether it has been begun anew)."""
+    lost = _LOST.match(record.text)
+    return (int(lost.group(1)) if lost else 0), bool(_BEGUN_ANEW.match(record.text))

@@ -1,0 +1,168 @@
+"""The report: one HTML file, with its data, its style and its script in it."""
+
+import base64
+import hashlib
+import html
+import json
+import os
+import shutil
+import subprocess
+from array import array
+
+from . import texts
+from .dot import Graph
+from .model import BUS, KINDS
+from .sources import writing
+from .stats import Stats, spans
+from .summary import Summary
+
+_HERE = os.path.dirname(__file__)
+_DRAWN = 400  # edges that Graphviz draws in reasonable time
+_COLUMNS = ('time', 'kind', 'src', 'dst', 'subject', 'payload', 'size', 'ref', 'note', 'took')
+
+
+class Interned(dict):
+    """Gives each value a number, in the order of their coming."""
+
+    def of(self, value):
+        return -1 if value is None else self.setdefault(value, len(self))
+
+
+class Messages:
+    """The messages as columns of numbers: what the page draws from."""
+
+    def __init__(self):
+        self.columns = [array('q') for _ in _COLUMNS]
+        self.kinds = {kind: number for number, kind in enumerate(KINDS)}
+        self.names, self.subjects, self.payloads, self.notes = (Interned() for _ in range(4))
+        self.names.of(BUS)
+        self.first = None  # number of the first message
+        self._rows = {}  # number: row, where a filter has left some out
+        self._begin = 0
+
+    def add(self, message):
+        row = len(self.columns[0])
+        if self.first is None:
+            self.first, self._begin = message.number, message.ms
+        if message.number != self.first + row or self._rows:
+            self._rows[message.number] = row
+        ref = message.ref
+        origin = -1
+        if ref is not None and ref.number >= self.first:
+            origin = self._row_of(ref.number)
+        took = message.took
+        values = (message.ms - self._begin, self.kinds[message.kind], self.names.of(message.src),
+                  self.names.of(message.dst), self.subjects.of(message.subject),
+                  self.payloads.of(message.payload), -1 if message.size is None else message.size,
+                  origin, self.notes.of(message.note or None), -1 if took is None else took)
+        for column, value in zip(self.columns, values):
+            column.append(value)
+
+    def _row_of(self, number):
+        if number in self._rows:
+            return self._rows[number]
+        row = number - self.first
+        limit = min(self._rows.values()) if self._rows else len(self.columns[0])
+        return row if row < limit else -1
+
+    def write(self, file):
+        """The members of a JSON object."""
+        dumps = _dumps
+        kinds = [{'name': kind, 'fault': KINDS[kind]} for kind in self.kinds]
+        file.write('"first":{},"begin":{},"bus":0,"kinds":{}'.format(self.first, self._begin,
+                                                                      dumps(kinds)))
+        for title, found in (('names', self.names), ('subjects', self.subjects),
+                             ('notes', self.notes)):
+            file.write(',"{}":{}'.format(title, dumps(list(found))))
+        file.write(',"payloads":[')
+        separator = ''
+        for payload in self.payloads:
+            file.write(separator + dumps(texts.decoded(payload)))
+            separator = ','
+        file.write('],"columns":{')
+        for number, (title, column) in enumerate(zip(_COLUMNS, self.columns)):
+            file.write('{}"{}":['.format(',' if number else '', title))
+            for start in range(0, len(column), 10000):
+                file.write((',' if start else '') + ','.join(map(str, column[start:start + 10000])))
+            file.write(']')
+        file.write('}')
+
+
+def _dumps(value):
+    """JSON that may stand in an element of HTML."""
+    return json.dumps(value, separators=(',', ':')).replace('<', '\\u003c')
+
+
+def _svg(graph):
+    """The graph as Graphviz draws it, or '' where it does not."""
+    program = shutil.which('dot')
+    if program is None or len(graph.edges) > _DRAWN:
+        return ''
+    try:
+        drawn = subprocess.run([program, '-Tsvg'], input='\n'.join(graph.text()).encode(),
+                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=60,
+                               check=True).stdout.decode()
+    except (OSError, subprocess.SubprocessError, UnicodeDecodeError):
+        return ''
+    return drawn[max(drawn.find('<svg'), 0):]
+
+
+def _graph_table(graph):
+    rows = [(kind, src, dst, count) for (kind, src, dst), count in graph.edges.most_common(2000)]
+    return {'title': '', 'header': ['what', 'from', 'to', '>times'], 'rows': rows}
+
+
+def _overview(summary):
+    """What the summary in the terminal tells, for the page."""
+    wrong = []
+    for _, title, number, found in summary.fault_groups():
+        rows = [(what, fault.count, texts.clock(fault.first)) for what, fault in found[:200]]
+        wrong.append({'title': title, 'number': number, 'rows': rows})
+    tables = [{'title': title, 'header': header, 'rows': list(rows)[:2000]}
+              for title, header, rows in summary.tables()]
+    return {'head': list(summary.head()), 'wrong': wrong, 'tables': tables,
+            'remarks': list(summary.remarks())}
+
+
+def _hash(text):
+    digest = hashlib.sha256(text.encode()).digest()
+    return "'sha256-{}'".format(base64.b64encode(digest).decode())
+
+
+def _part(name):
+    with open(os.path.join(_HERE, name), encoding='utf-8') as file:
+        return file.read()
+
+
+def _page(title, graph):
+    """The page up to its data, and what follows."""
+    style, script = _part('report.css'), _part('report.js')
+    page = _part('report.html')
+    for mark, text in (('@STYLE_HASH@', _hash(style)), ('@SCRIPT_HASH@', _hash(script)),
+                       ('@STYLE@', style)):
+        page = page.replace(mark, text)
+    before, _, rest = page.partition('@TITLE@')
+    between, _, rest = rest.partition('@GRAPH@')
+    until, _, after = rest.partition('@DATA@')
+    return before + html.escape(title) + between + graph + until, after.replace('@SCRIPT@', script)
+
+
+def write(view, path):
+    """Writes the report to the file path; tells how many messages there were."""
+    stats, found, graph = Stats(), Messages(), Graph()
+    for message in view.messages():
+        stats.add(message)
+        found.add(message)
+        graph.add(message)
+    if not stats.messages:
+        return 0
+    summary = Summary(view.matcher, stats, view.inputs, spans(view.matcher))
+    title = ', '.join('standard input' if p == '-' else p for p in view.inputs.paths)
+    overview = _overview(summary)
+    overview.update(title='Traffic of ' + title, graph=_graph_table(graph))
+    before, after = _page(overview['title'], _svg(graph))
+    with writing(path) as file:
+        file.write(before + _dumps(overview)[:-1] + ',')
+        found.write(file)
+        file.write('}' + after)
+    return stats.messages
