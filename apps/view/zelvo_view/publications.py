@@ -174,7 +174,7 @@ class Publications:
             self.early.popleft()
         for entry in list(self.early):
             made, node = entry
-            if made.key != origin.key:
+            if made.key != origin.key or made.number:  # that has been shown already
                 continue
             if origin.kind == 'call':
                 if node.name != origin.host:

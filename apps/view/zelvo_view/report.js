@@ -228,7 +228,7 @@
     if (noteOf(i)) rows.push(['Note', noteOf(i)]);
     const detail = el('detail');
     detail.hidden = false;
-    detail.querySelector('h2').textContent = `${i + data.first} ${kindOf(i)}`;
+    detail.querySelector('h2').textContent = kindOf(i);
     detail.querySelector('dl').replaceChildren(
       ...rows.flatMap(([key, value]) => [make('dt', '', key), make('dd', '', value)]));
     el('payload').hidden = columns.payload[i] < 0;
