@@ -127,7 +127,8 @@ class Report(unittest.TestCase):
         self.show('messages')
         self.assertEqual(self.count(), 100000)
         self.assertLess(len(self.rows()), 100)
-        took = self.browser.run('''const list = document.getElementById('list'), begun = performance.now();
+        took = self.browser.run('''const list = document.getElementById('list');
+            const begun = performance.now();
             list.scrollTop = list.scrollHeight;
             list.dispatchEvent(new Event('scroll'));
             return performance.now() - begun;''')
