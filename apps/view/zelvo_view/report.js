@@ -72,7 +72,7 @@
     }
     for (const remark of data.remarks) el('overview').append(make('p', '', remark));
     if (!el('graph').firstElementChild) {
-      el('graph').append(make('p', '', 'Graphviz was not there to draw this.'), table(data.graph));
+      el('graph').append(make('p', '', 'As a table: Graphviz is not installed, or this is too much for it.'), table(data.graph));
     }
   }
 
