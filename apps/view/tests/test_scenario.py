@@ -53,7 +53,6 @@ class EachLevel:
                 taken.add((m['to'], m['of']))
         ticks = [m['of'] for m in self.messages if m['kind'] == 'deliver' and m['topic'] == 'same']
         self.assertEqual(ticks, sorted(ticks))
-        self.assertEqual(len(ticks), 50)
 
     def test_calls_and_answers(self):
         by_number = {m['number']: m for m in self.messages}
@@ -90,7 +89,6 @@ class EachLevel:
                     r'same +lamp 50 +{} 50 +50 +200 B +50\n'.format(re.escape(PANEL)),
                     r'desk +/lamp/state +1 +1 '):
             self.assertRegex(summary, row)
-        self.assertNotIn('\x1b', summary)
 
     def test_filters(self):
         noon = self.messages[100]['time']

@@ -50,7 +50,8 @@ def _time(text):
     day, hours, minutes, seconds, millis = m.groups()
     try:
         date = datetime.date.fromisoformat(day) if day else None
-        of_day = datetime.timedelta(hours=int(hours), minutes=int(minutes), seconds=int(seconds or 0),
+        of_day = datetime.timedelta(hours=int(hours), minutes=int(minutes),
+                                    seconds=int(seconds or 0),
                                     milliseconds=int((millis or '0').ljust(3, '0')))
     except ValueError as error:
         raise argparse.ArgumentTypeError('not a time: {!a}'.format(text)) from error

@@ -46,7 +46,8 @@ that the node has not received yet. Where it is not in the log, or where it is o
 stands for what is not known. The trace and the report draw an arrow only where it is known.'''),
     ('Exit status', '''\
 0: something was shown. 1: nothing was found. 2: wrong arguments, or an input that is no such log;
-one line on standard error says where and why.'''),
+one line on standard error says where and why. A log may stand between other lines, as on the
+standard output of a program, but not behind more than a thousand of them.'''),
     ('Environment', '''\
 NO_COLOR: where it is set and not empty, no colours. Colours are for terminals alone.'''),
     ('Examples', '''\

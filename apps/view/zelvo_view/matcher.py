@@ -1,4 +1,5 @@
-"""From records to messages: which delivery belongs to which publication, which answer to which call.
+"""From records to messages: which delivery belongs to which publication, and which answer to which
+call.
 
 Only what the log tells decides (publications.py, calls.py). Tables are bounded: what is no longer
 remembered is not matched, and shown so.
@@ -32,7 +33,7 @@ class Process(Publications, Calls):
         self.waiting = {}  # what the bus says when it handles a call: the call
         self.ended = deque(maxlen=256)  # calls whose time was up
         self.gave_up = deque(maxlen=256)  # those of them that the bus had not handled before
-        self.walk = None  # (call, nodes of the chain, what the next link begins with and all end with)
+        self.walk = None  # (call, nodes of the chain, its latest one as the log writes it)
         self.early = deque(maxlen=256)  # deliveries and calls taken without their origin so far
         self.traced = False  # whether there are traces, as at level 2
         self.verbose = False  # whether the bus's own traces are there, as at level 1
@@ -58,7 +59,8 @@ class Process(Publications, Calls):
     def left(self, name):
         self.node(name).leave(self.ms)
         if len(self.nodes) > MANY_NODES:
-            gone = next((n for n, node in self.nodes.items() if node.spans and node.spans[-1][1]), name)
+            gone = next((n for n, node in self.nodes.items()
+                         if node.spans and node.spans[-1][1]), name)
             del self.nodes[gone]
 
     def thread(self, tid):
@@ -71,8 +73,8 @@ class Process(Publications, Calls):
 
     def message(self, kind, record, src, dst, subject=None, **more):
         name = self.text
-        made = Message(self.line, self.now, record.ms, self.pid, record.tid, kind, name(src), name(dst),
-                       name(subject), **more)
+        made = Message(self.line, self.now, record.ms, self.pid, record.tid, kind, name(src),
+                       name(dst), name(subject), **more)
         self.emit(made)
         return made
 
@@ -205,8 +207,8 @@ class Matcher:
                 if thread.call is not None:
                     call, thread.call = thread.call, None
                     call.done = 'unanswered'
-                    made = Message(self.line, self.now, self.last_ms, process.pid, call.tid, 'unanswered',
-                                   call.src, call.dst, call.subject, ref=call,
+                    made = Message(self.line, self.now, self.last_ms, process.pid, call.tid,
+                                   'unanswered', call.src, call.dst, call.subject, ref=call,
                                    note='not when the log ends')
                     self.out.append(made)
         yield from self.ready()

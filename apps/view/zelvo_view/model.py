@@ -30,11 +30,12 @@ ENDS = ('answer', 'timeout', 'unanswered', 'late')  # of a call
 
 class Message:
     """One line of the picture."""
-    __slots__ = ('number', 'line', 'at', 'ms', 'pid', 'tid', 'kind', 'src', 'dst', 'subject', 'payload',
-                 'size', 'ref', 'note', 'end', 'exact_end', 'sent', 'done', 'reply', 'host', 'key', 'name', 'text', 'routed', 'handler')
+    __slots__ = ('number', 'line', 'at', 'ms', 'pid', 'tid', 'kind', 'src', 'dst', 'subject',
+                 'payload', 'size', 'ref', 'note', 'end', 'exact_end', 'sent', 'done', 'reply',
+                 'host', 'key', 'name', 'text', 'routed', 'handler')
 
-    def __init__(self, line, at, ms, pid, tid, kind, src, dst, subject=None, payload=None, size=None,
-                 ref=None, note=''):
+    def __init__(self, line, at, ms, pid, tid, kind, src, dst, subject=None, payload=None,
+                 size=None, ref=None, note=''):
         self.number = 0  # in the order shown, from 1
         self.line = line  # number of its record
         self.at = at  # microseconds that keep the order of the lines of one millisecond

@@ -140,7 +140,8 @@ def _copy_lost(process, record, thread, m):
     if len(node.lost) > 8192:
         node.lost.clear()
     node.lost[m[2]] = process.line
-    made = process.message('drop', record, None, m[1], m[2], note='copy: queue of ' + process.text(m[1]))
+    made = process.message('drop', record, None, m[1], m[2],
+                           note='copy: queue of ' + process.text(m[1]))
     made.src = BUS
     if process.verbose and node.posts:
         made.ref, made.src = node.posts[-1][1], node.posts.pop()[2]
@@ -196,7 +197,8 @@ def _walk_ends(process, record, thread, m):
 
 
 def _request_lost(process, record, thread, m):
-    made = process.message('drop', record, None, m[1], None, note='call: queue of ' + process.text(m[1]))
+    made = process.message('drop', record, None, m[1], None,
+                           note='call: queue of ' + process.text(m[1]))
     inbox = process.node(m[1]).inbox
     walk = process.walk
     if walk is not None and inbox and inbox[-1] is walk[0]:
@@ -210,7 +212,8 @@ def _late(process, record, thread, m):
     late = [call for call in process.ended if call.name == m[1]
             and call.subject == process.text(m[2]) and call.done in ('timeout', 'late')]
     if not late:
-        made = process.message('late', record, None, m[1], m[2], note='nobody waits for it any more')
+        made = process.message('late', record, None, m[1], m[2],
+                               note='nobody waits for it any more')
         made.src = '?'
 
 
@@ -252,7 +255,8 @@ PATTERNS = {
         (rb'Vek-client (.*) set timer \d+', _timer_set),
         (rb'Vek-client (.*) kill timer: -?\d+', _timer_killed),
         (rb'Vek-client timerId overstep the boundary 32767', None),
-        (rb'Vek-client (.*) settimer failed, queue is full', _own_queue_full('settimer: own queue')),
+        (rb'Vek-client (.*) settimer failed, queue is full',
+         _own_queue_full('settimer: own queue')),
         (rb'Vek-client (.*) killtimer failed, queue is full',
          _own_queue_full('killtimer: own queue'))),
     b'deadlock': _compile(

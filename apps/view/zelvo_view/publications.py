@@ -1,10 +1,10 @@
 """Publications and their deliveries.
 
-A delivery does not name its publisher. At level 1 the bus tells which publication it puts into whose
-queue. At level 2 a delivery belongs to a publication with the same topic, length and payload that the
-node has not received yet; of several such ones it is the first, as long as that one was certainly sent
-first and nothing has been lost; otherwise the delivery keeps the publisher that they have in common,
-or none.
+A delivery does not name its publisher. At level 1 the bus tells which publication it puts into
+whose queue. At level 2 a delivery belongs to a publication with the same topic, length and payload
+that the node has not received yet; of several such ones it is the first, as long as that one was
+certainly sent first and nothing has been lost; otherwise the delivery keeps the publisher that they
+have in common, or none.
 """
 
 import json
@@ -162,7 +162,8 @@ class Publications:
         if ordered and in_step and first.line > node.lost.get(topic, -1):
             made.src, made.ref = first.src, first
             return
-        names = sorted({alike.items[i].src for i in range(index, min(index + 64, len(alike.items)))})
+        end = min(index + 64, len(alike.items))
+        names = sorted({alike.items[i].src for i in range(index, end)})
         made.src = names[0] if len(names) == 1 else UNKNOWN
         made.note = 'one of {} alike'.format(others + 1)
         if len(names) > 1:
@@ -174,7 +175,7 @@ class Publications:
             self.early.popleft()
         for entry in list(self.early):
             made, node = entry
-            if made.key != origin.key:
+            if made.key != origin.key or made.number:  # that has been shown already
                 continue
             if origin.kind == 'call':
                 if node.name != origin.host:

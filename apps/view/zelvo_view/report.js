@@ -72,7 +72,7 @@
     }
     for (const remark of data.remarks) el('overview').append(make('p', '', remark));
     if (!el('graph').firstElementChild) {
-      el('graph').append(make('p', '', 'Graphviz was not there to draw this.'), table(data.graph));
+      el('graph').append(make('p', '', 'As a table: Graphviz is not installed, or this is too much for it.'), table(data.graph));
     }
   }
 
@@ -228,7 +228,7 @@
     if (noteOf(i)) rows.push(['Note', noteOf(i)]);
     const detail = el('detail');
     detail.hidden = false;
-    detail.querySelector('h2').textContent = `${i + data.first} ${kindOf(i)}`;
+    detail.querySelector('h2').textContent = kindOf(i);
     detail.querySelector('dl').replaceChildren(
       ...rows.flatMap(([key, value]) => [make('dt', '', key), make('dd', '', value)]));
     el('payload').hidden = columns.payload[i] < 0;

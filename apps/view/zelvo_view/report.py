@@ -69,8 +69,7 @@ class Messages:
         """The members of a JSON object."""
         dumps = _dumps
         kinds = [{'name': kind, 'fault': KINDS[kind]} for kind in self.kinds]
-        file.write('"first":{},"begin":{},"bus":0,"kinds":{}'.format(self.first, self._begin,
-                                                                      dumps(kinds)))
+        file.write('"begin":{},"bus":0,"kinds":{}'.format(self._begin, dumps(kinds)))
         for title, found in (('names', self.names), ('subjects', self.subjects),
                              ('notes', self.notes)):
             file.write(',"{}":{}'.format(title, dumps(list(found))))
