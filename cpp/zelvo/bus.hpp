@@ -217,17 +217,17 @@ public:
     template <class Handler,
               class = std::enable_if_t<std::is_invocable_v<Handler &, std::string_view>>>
     void subscribe(const CText &topic, Handler handler) {
-        subscribeTo({topic.c_str()},
-                    [handler = std::move(handler)](std::string_view, std::string_view data,
-                                                   char *&) mutable { handler(data); });
+        subscribeTo({topic.c_str()}, detail::handlerOf([handler = std::move(handler)](
+                                                           std::string_view, std::string_view data,
+                                                           char *&) mutable { handler(data); }));
     }
     // handler(std::string_view topic, std::string_view data), one for all of them.
     template <class Handler, class = std::enable_if_t<std::is_invocable_v<
                                  Handler &, std::string_view, std::string_view>>>
     void subscribe(const std::vector<std::string> &topics, Handler handler) {
-        subscribeTo(topics,
-                    [handler = std::move(handler)](std::string_view topic, std::string_view data,
-                                                   char *&) mutable { handler(topic, data); });
+        subscribeTo(topics, detail::handlerOf([handler = std::move(handler)](
+                                                  std::string_view topic, std::string_view data,
+                                                  char *&) mutable { handler(topic, data); }));
     }
     void unsubscribe(const std::vector<std::string> &topics) {
         const std::string json = detail::jsonArray(topics);
@@ -245,20 +245,21 @@ public:
     // removes. Throws std::invalid_argument for a path without "/" at its beginning.
     template <class Handler, class = detail::IfAnswers<Handler, std::string_view>>
     void on_call(const CText &path, Handler handler) {
-        setCall(checkedPath(path),
-                [handler = std::move(handler)](std::string_view, std::string_view data,
-                                               char *&answer) mutable {
+        setCall(checkedPath(path), detail::handlerOf([handler = std::move(handler)](
+                                                         std::string_view, std::string_view data,
+                                                         char *&answer) mutable {
                     answer = detail::answerText(handler(data));
-                });
+                }));
     }
     void on_call(const CText &path, std::nullptr_t) { setCall(checkedPath(path), nullptr); }
     // handler(std::string_view path, std::string_view data), for every path without its own.
     template <class Handler, class = detail::IfAnswers<Handler, std::string_view, std::string_view>>
     void on_call(Handler handler) {
-        setCall("", [handler = std::move(handler)](std::string_view path, std::string_view data,
-                                                   char *&answer) mutable {
-            answer = detail::answerText(handler(path, data));
-        });
+        setCall("", detail::handlerOf([handler = std::move(handler)](std::string_view path,
+                                                                     std::string_view data,
+                                                                     char *&answer) mutable {
+                    answer = detail::answerText(handler(path, data));
+                }));
     }
     void on_call(std::nullptr_t) { setCall("", nullptr); }
 
@@ -319,8 +320,8 @@ public:
     // Throws Error when there is no answer.
     std::vector<std::string> nodes() const {
         std::vector<std::string> names;
-        detail::JsonReader{tellBus("/bus/nodes")}.texts(names);
-        names.erase(std::remove_if(names.begin(), names.end(), detail::isHelper), names.end());
+        const std::string text = tellBus("/bus/nodes");
+        detail::JsonReader{text}.texts(names, detail::kHelperPrefix);
         return names;
     }
     // What the bus has counted, JSON text as bus_client.h describes under /bus/stats; helpers are
@@ -363,10 +364,9 @@ private:
         return std::move(answer.text);
     }
     // The handler is there before the first message can be.
-    void subscribeTo(const std::vector<std::string> &topics, detail::Handler handler) {
+    void subscribeTo(const std::vector<std::string> &topics, detail::HandlerPtr handler) {
         const std::string json = detail::jsonArray(topics);
-        state().change({&detail::Handlers::topics, topics,
-                        std::make_shared<detail::Handler>(std::move(handler))});
+        state().change({&detail::Handlers::topics, topics, std::move(handler)});
         tellBus("/bus/subscribe", json);
     }
     static std::string checkedPath(const CText &path) {
@@ -375,10 +375,8 @@ private:
         }
         return path.c_str();
     }
-    void setCall(std::string path, detail::Handler handler) {
-        state().change({&detail::Handlers::paths,
-                        {std::move(path)},
-                        handler ? std::make_shared<detail::Handler>(std::move(handler)) : nullptr});
+    void setCall(const std::string &path, detail::HandlerPtr handler) {
+        state().change({&detail::Handlers::paths, {path}, std::move(handler)});
     }
     Timer addTimer(std::chrono::nanoseconds wait, std::chrono::nanoseconds period,
                    std::function<void()> run) {

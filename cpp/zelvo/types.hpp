@@ -56,8 +56,8 @@ struct Config {
     std::filesystem::path log;
     bool append = false;    // to the log file, instead of emptying it
     int log_megabytes = 20; // at which the log file is deleted and begun anew; 0: never
-    // The directory of the key store.
-    std::filesystem::path home = ".";
+    // The directory of the key store. Empty: the working directory.
+    std::filesystem::path home;
     // How long a call, a join and a subscription wait for an answer; 0: without a limit.
     std::chrono::milliseconds call_timeout{0};
     bool stats = false; // whether Node::stats() is answered

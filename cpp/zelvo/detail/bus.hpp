@@ -20,7 +20,8 @@ inline std::string jsonOf(const Config &config) {
     if (config.log_megabytes < 0 || config.call_timeout.count() < 0) {
         throw std::invalid_argument("zelvo: a negative size or time in the configuration");
     }
-    const auto timeout = std::min<long long>(config.call_timeout.count(), INT_MAX);
+    const long long timeout =
+        config.call_timeout.count() < INT_MAX ? config.call_timeout.count() : INT_MAX;
     std::string json = "{\"level\":" + std::to_string(static_cast<int>(config.level)) +
                        ",\"mode\":" + (config.append ? "1" : "0") +
                        ",\"size\":" + std::to_string(config.log_megabytes) +
@@ -29,7 +30,9 @@ inline std::string jsonOf(const Config &config) {
     if (!config.log.empty()) {
         addPath(json, ",\"path\":", config.log);
     }
-    addPath(json, ",\"homePath\":", config.home);
+    if (!config.home.empty()) {
+        addPath(json, ",\"homePath\":", config.home);
+    }
     return json + '}';
 }
 
@@ -37,21 +40,28 @@ class BusState {
 public:
     explicit BusState(const Config &config)
         : bus_{busClientNew(jsonOf(config).c_str())},
-          helpers_{bus_.get(), config.helpers},
+          helpers_{bus_, config.helpers},
           on_error_{config.on_error} {
         if (!bus_) {
             throw Error("zelvo: no memory for a bus");
         }
-        loop_.start([bus = bus_.get()] { busClientBindServer(bus); });
+        try {
+            loop_.start([](void *bus) { busClientBindServer(static_cast<Zelvo_t *>(bus)); }, bus_,
+                        nullptr);
+        } catch (...) {
+            busClientDelete(bus_);
+            throw;
+        }
     }
     BusState(const BusState &) = delete;
     BusState &operator=(const BusState &) = delete;
     ~BusState() {
         helpers_.end();
-        loop_.end([this] { busClientServerExit(bus_.get()); });
+        loop_.end([](void *bus) { busClientServerExit(static_cast<Zelvo_t *>(bus)); });
+        busClientDelete(bus_);
     }
 
-    Zelvo_t *native() const noexcept { return bus_.get(); }
+    Zelvo_t *native() const noexcept { return bus_; }
     Helpers &helpers() noexcept { return helpers_; }
     // Whether zelvo::Bus has gone, and the last node is to end the bus.
     bool isLeftToNodes() const noexcept { return left_; }
@@ -82,11 +92,8 @@ private:
             std::fprintf(stderr, "zelvo: a handler of node %s has thrown\n", node.c_str());
         }
     }
-    struct Delete {
-        void operator()(Zelvo_t *bus) const noexcept { busClientDelete(bus); }
-    };
 
-    std::unique_ptr<Zelvo_t, Delete> bus_;
+    Zelvo_t *const bus_;
     Helpers helpers_;
     const std::function<void(std::string_view, std::exception_ptr)> on_error_;
     std::atomic<bool> left_{false};

@@ -54,19 +54,18 @@ inline client_t *connectSilently(Zelvo_t *bus, const char *name, onmessage_callb
 }
 
 // No other node can have such a name: it holds a "/", which zelvo::Node refuses and no url reaches.
-constexpr std::string_view kHelperPrefix = "zelvo/helper/";
-inline bool isHelper(const std::string &name) noexcept {
-    return name.compare(0, kHelperPrefix.size(), kHelperPrefix) == 0;
-}
+inline constexpr char kHelperPrefix[] = "zelvo/helper/";
 
-// A call that somebody else makes.
+class NodeState;
+
+// A call that somebody else makes for a node.
 struct AsyncCall {
     std::string url;
     std::string data;
     bool has_data = false;
-    std::function<void(Answer)> finish; // in the helper's thread
-    std::atomic<bool> over{false};      // nobody wants it (any more)
-    // The caller's.
+    std::weak_ptr<NodeState> caller;
+    std::atomic<bool> over{false}; // nobody wants it (any more)
+    // The caller's own.
     std::size_t place = 0;
     std::promise<Answer> promise;
     std::function<void(Answer)> completion;
@@ -90,7 +89,6 @@ public:
             thread.join();
         }
     }
-
     void add(AsyncCallPtr call) {
         const std::lock_guard lock{mutex_};
         if (idle_ <= waiting_.size() + turn_.size() && threads_.size() < most_) {
@@ -107,8 +105,7 @@ private:
     // A thread that cannot be had is no misfortune while there is another.
     void grow() {
         try {
-            threads_.push_back(
-                startThread([this, number = threads_.size() + 1] { serve(number); }));
+            threads_.emplace_back(static_cast<Step>(serve), this);
             ++idle_;
         } catch (const std::exception &) {
             if (threads_.empty()) {
@@ -126,13 +123,16 @@ private:
         }
         if (turn_.empty()) {
             turn_.swap(waiting_);
-            std::reverse(turn_.begin(), turn_.end());
+            for (std::size_t i = 0, last = turn_.size() - 1; i < last; ++i, --last) {
+                turn_[i].swap(turn_[last]);
+            }
         }
         AsyncCallPtr call = std::move(turn_.back());
         turn_.pop_back();
         --idle_;
         return call;
     }
+    static void finish(AsyncCall &call, Answer answer) noexcept;
     static Answer answerOf(client_t *client, const AsyncCall &call) noexcept {
         try {
             const std::string_view data{call.data};
@@ -142,15 +142,16 @@ private:
             return {};
         }
     }
-    void serve(std::size_t number) {
-        const std::string name = std::string{kHelperPrefix} + std::to_string(number);
+    static void serve(void *self) { static_cast<Helpers *>(self)->serve(); }
+    void serve() {
+        const std::string name = kHelperPrefix + std::to_string(++names_);
         client_t *client = nullptr;
         while (const AsyncCallPtr call = next()) {
             if (!client) {
                 client = connectSilently(bus_, name.c_str(), nullptr, nullptr, nullptr);
             }
             if (!call->over) {
-                call->finish(answerOf(client, *call));
+                finish(*call, answerOf(client, *call));
             }
             const std::lock_guard lock{mutex_};
             ++idle_;
@@ -165,6 +166,7 @@ private:
     std::vector<AsyncCallPtr> turn_;    // whose turn it is, the first one last
     std::vector<AsyncCallPtr> waiting_; // behind those, in order
     std::vector<std::thread> threads_;
+    std::atomic<int> names_{0};
     std::size_t idle_ = 0; // helpers that no call keeps busy; some are about to be woken
     bool ending_ = false;
 };

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -13,33 +13,31 @@
 
 namespace zelvo::detail {
 
-// One kind of thread body is enough, and quicker to compile than one for each lambda.
-inline std::thread startThread(std::function<void()> body) {
-    return std::thread{std::move(body)};
-}
+// What a thread does with an object. All threads are of one kind, and plain functions are passed
+// around inside: each std::function and each lambda in a thread costs every user time to compile.
+using Step = void (*)(void *object);
 
 // A thread that runs a loop until it is asked to end.
 class Loop {
 public:
-    void start(std::function<void()> body) {
-        thread_ = startThread([this, body = std::move(body)] {
-            body();
-            const std::lock_guard lock{mutex_};
-            ended_ = true;
-            changed_.notify_all();
-        });
+    // keep lives as long as the thread.
+    void start(Step body, void *object, std::shared_ptr<void> keep) {
+        body_ = body;
+        object_ = object;
+        keep_ = std::move(keep);
+        thread_ = std::thread{static_cast<Step>(run), this};
     }
     bool isThisThread() const noexcept { return thread_.get_id() == std::this_thread::get_id(); }
 
     // Asks until the loop has ended, less and less often: a full queue or a shortage of memory may
     // have lost a request.
-    void end(const std::function<void()> &ask) {
+    void end(Step ask) {
         std::chrono::milliseconds pause{20};
-        ask();
+        ask(object_);
         std::unique_lock lock{mutex_};
         while (!changed_.wait_for(lock, pause, [this] { return ended_; })) {
             lock.unlock();
-            ask();
+            ask(object_);
             lock.lock();
             pause = std::min(2 * pause, std::chrono::milliseconds{1000});
         }
@@ -50,6 +48,18 @@ public:
     std::thread release() noexcept { return std::move(thread_); }
 
 private:
+    static void run(void *self) {
+        Loop &loop = *static_cast<Loop *>(self);
+        const std::shared_ptr<void> keep = std::move(loop.keep_);
+        loop.body_(loop.object_);
+        const std::lock_guard lock{loop.mutex_};
+        loop.ended_ = true;
+        loop.changed_.notify_all();
+    }
+
+    Step body_ = nullptr;
+    void *object_ = nullptr;
+    std::shared_ptr<void> keep_;
     std::mutex mutex_;
     std::condition_variable changed_;
     bool ended_ = false;
@@ -76,36 +86,26 @@ public:
     Retired &operator=(const Retired &) = delete;
 
     void add(const void *bus, std::thread thread) {
+        auto *const entry = new Entry{bus, std::move(thread), nullptr};
         const std::lock_guard lock{mutex_};
-        entries_.push_back({bus, std::move(thread)});
+        entry->next = first_;
+        first_ = entry;
     }
     // The calling thread has nothing left to do.
     void finish() {
         join(&done_);
         const std::lock_guard lock{mutex_};
-        for (Entry &entry : entries_) {
-            if (entry.thread.get_id() == std::this_thread::get_id()) {
-                entry.bus = &done_;
+        for (Entry *entry = first_; entry; entry = entry->next) {
+            if (entry->thread.get_id() == std::this_thread::get_id()) {
+                entry->bus = &done_;
             }
         }
     }
     // Those of the bus, or of every bus.
     void join(const void *bus) {
-        std::vector<Entry> joined;
-        {
-            const std::lock_guard lock{mutex_};
-            for (std::size_t i = 0; i < entries_.size();) {
-                if (bus && entries_[i].bus != bus) {
-                    ++i;
-                    continue;
-                }
-                joined.push_back(std::move(entries_[i]));
-                std::swap(entries_[i], entries_.back());
-                entries_.pop_back();
-            }
-        }
-        for (Entry &entry : joined) {
-            entry.thread.join();
+        while (Entry *const entry = take(bus)) {
+            entry->thread.join();
+            delete entry;
         }
     }
 
@@ -113,9 +113,20 @@ private:
     struct Entry {
         const void *bus; // &done_: the thread has ended, or is about to
         std::thread thread;
+        Entry *next;
     };
+    Entry *take(const void *bus) {
+        const std::lock_guard lock{mutex_};
+        for (Entry **link = &first_; *link; link = &(*link)->next) {
+            if (!bus || (*link)->bus == bus) {
+                return std::exchange(*link, (*link)->next);
+            }
+        }
+        return nullptr;
+    }
+
     std::mutex mutex_;
-    std::vector<Entry> entries_;
+    Entry *first_ = nullptr;
     const char done_ = 0;
 };
 

@@ -13,6 +13,10 @@ using Clock = std::chrono::steady_clock;
 // A user's handler: of a topic, or of a path, for which it sets the answer.
 using Handler = std::function<void(std::string_view name, std::string_view data, char *&answer)>;
 using HandlerPtr = std::shared_ptr<const Handler>;
+template <class Run>
+HandlerPtr handlerOf(Run run) {
+    return std::make_shared<const Handler>(std::move(run));
+}
 
 // Handlers by topic or by path, in order.
 class Table {
@@ -24,16 +28,20 @@ public:
     }
     // Null removes.
     void set(const std::string &name, HandlerPtr handler) {
-        const std::size_t place = placeOf(name);
-        const auto at = entries_.begin() + static_cast<std::ptrdiff_t>(place);
+        std::size_t place = placeOf(name);
         const bool held = holds(place, name);
         if (held && handler) {
-            at->handler.swap(handler);
+            entries_[place].handler.swap(handler);
         } else if (held) {
-            handler = std::move(at->handler);
-            entries_.erase(at);
+            for (; place + 1 < entries_.size(); ++place) {
+                std::swap(entries_[place], entries_[place + 1]);
+            }
+            entries_.pop_back();
         } else if (handler) {
-            entries_.insert(at, {name, std::move(handler)});
+            entries_.push_back({name, std::move(handler)});
+            for (std::size_t last = entries_.size() - 1; last > place; --last) {
+                std::swap(entries_[last], entries_[last - 1]);
+            }
         }
     }
 
@@ -98,7 +106,8 @@ public:
 
     void start() {
         try {
-            loop_.start([self = shared_from_this()] { self->run(); });
+            loop_.start([](void *node) { static_cast<NodeState *>(node)->run(); }, this,
+                        shared_from_this());
         } catch (...) {
             busClientClose(client_);
             throw;
@@ -123,11 +132,7 @@ public:
         call->data = data;
         call->has_data = data.data() != nullptr;
         call->completion = std::move(completion);
-        call->finish = [weak = weak_from_this(), raw = call.get()](Answer answer) {
-            if (const auto node = weak.lock()) {
-                node->finish(*raw, std::move(answer));
-            }
-        };
+        call->caller = weak_from_this();
         auto future = call->promise.get_future();
         const std::lock_guard lock{mutex_};
         if (leaving_) {
@@ -143,6 +148,30 @@ public:
             throw;
         }
         return future;
+    }
+
+    // In a helper's thread, where nothing of the user's is run or destroyed.
+    void finish(AsyncCall &call, Answer answer) noexcept {
+        reported([&] { // no memory: the call stays unfinished until the node leaves
+            std::unique_lock lock{mutex_};
+            if (call.over) {
+                return;
+            }
+            const bool completes = call.completion != nullptr;
+            if (completes) {
+                call.answer = std::move(answer);
+                ready_.push_back(calls_[call.place]);
+                wake();
+            }
+            call.over = true;
+            calls_.back()->place = call.place;
+            std::swap(calls_[call.place], calls_.back());
+            calls_.pop_back();
+            lock.unlock();
+            if (!completes) {
+                call.promise.set_value(std::move(answer));
+            }
+        });
     }
 
     // ---- handlers and timers ----
@@ -165,18 +194,14 @@ public:
         try {
             arm();
         } catch (...) {
-            timers_.erase(std::find(timers_.begin(), timers_.end(), timer));
+            forget(timer);
             throw;
         }
         return timer;
     }
     bool cancel(const TimerPtr &timer) {
         const std::lock_guard lock{mutex_};
-        const auto found = std::find(timers_.begin(), timers_.end(), timer);
-        const bool waits = found != timers_.end() || (timer->period.count() > 0 && !leaving_);
-        if (found != timers_.end()) {
-            timers_.erase(found); // timer keeps its function until the lock is released
-        }
+        const bool waits = forget(timer) || (timer->period.count() > 0 && !leaving_);
         return waits && !std::exchange(timer->cancelled, true);
     }
 
@@ -196,18 +221,20 @@ public:
             keep_ = std::move(bus);
             return;
         }
-        loop_.end([this] {
-            const std::lock_guard lock{mutex_};
-            if (!gone_) {
-                busClientSpinExit(client_);
-            }
-        });
+        loop_.end([](void *node) { static_cast<NodeState *>(node)->askToLeave(); });
         if (bus->isLeftToNodes()) {
             release(bus);
         }
     }
 
 private:
+    void askToLeave() noexcept {
+        const std::lock_guard lock{mutex_};
+        if (!gone_) {
+            busClientSpinExit(client_);
+        }
+    }
+
     static NodeState &of(void *userdata) noexcept { return *static_cast<NodeState *>(userdata); }
     static std::string_view viewOf(const char *data, int length) noexcept {
         return data ? std::string_view{data, static_cast<std::size_t>(length)} : std::string_view{};
@@ -282,8 +309,10 @@ private:
         forgetHandlers();
         busClientClose(client_);
         // A node that was destroyed in its own handler may be the last to let go of the bus.
-        BusPtr{std::move(keep_)}.reset();
-        Retired::instance().finish();
+        if (keep_) {
+            BusPtr{std::move(keep_)}.reset();
+            Retired::instance().finish();
+        }
     }
 
     // What users have left goes in the node's thread, and under no lock.
@@ -328,11 +357,25 @@ private:
 
     // With mutex_. The earliest is the last; of those that are due together, the one set first.
     void insert(const TimerPtr &timer) {
-        auto place = timers_.begin();
-        while (place != timers_.end() && (*place)->due > timer->due) {
-            ++place;
+        timers_.push_back(timer);
+        for (auto at = timers_.size() - 1; at > 0 && timers_[at - 1]->due <= timer->due; --at) {
+            timers_[at].swap(timers_[at - 1]);
         }
-        timers_.insert(place, timer);
+    }
+    // With mutex_. Whether it was there.
+    bool forget(const TimerPtr &timer) noexcept {
+        std::size_t at = 0;
+        while (at < timers_.size() && timers_[at] != timer) {
+            ++at;
+        }
+        if (at == timers_.size()) {
+            return false;
+        }
+        for (; at + 1 < timers_.size(); ++at) {
+            timers_[at].swap(timers_[at + 1]);
+        }
+        timers_.pop_back();
+        return true;
     }
     // With mutex_. Sees to it that one of the bus's timers is due when the earliest of ours is.
     // Those that an earlier one has overtaken run out in vain; where they are many, the next one
@@ -391,29 +434,6 @@ private:
 
     // ---- calls that are not waited for ----
 
-    // In a helper's thread, where nothing of the user's is run or destroyed.
-    void finish(AsyncCall &call, Answer answer) noexcept {
-        reported([&] { // no memory: the call stays unfinished until the node leaves
-            std::unique_lock lock{mutex_};
-            if (call.over) {
-                return;
-            }
-            const bool completes = call.completion != nullptr;
-            if (completes) {
-                call.answer = std::move(answer);
-                ready_.push_back(calls_[call.place]);
-                wake();
-            }
-            call.over = true;
-            calls_.back()->place = call.place;
-            std::swap(calls_[call.place], calls_.back());
-            calls_.pop_back();
-            lock.unlock();
-            if (!completes) {
-                call.promise.set_value(std::move(answer));
-            }
-        });
-    }
     void runCompletions() {
         std::vector<AsyncCallPtr> ready;
         {
@@ -471,6 +491,12 @@ private:
     std::atomic<bool> attention_{false}; // changes wait, or the node is leaving
     Loop loop_;
 };
+
+inline void Helpers::finish(AsyncCall &call, Answer answer) noexcept {
+    if (const auto node = call.caller.lock()) {
+        node->finish(call, std::move(answer));
+    }
+}
 
 } // namespace zelvo::detail
 

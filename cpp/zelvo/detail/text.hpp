@@ -144,14 +144,14 @@ public:
     // half a surrogate pair or a NUL in its texts.
     bool isValue() { return value(0) && (skipBlanks(), rest_.empty()); }
 
-    // Appends the texts of the first array.
-    void texts(std::vector<std::string> &into) {
+    // Appends the texts of the first array that don't begin so.
+    void texts(std::vector<std::string> &into, std::string_view prefix) {
         rest_.remove_prefix(std::min(rest_.find('['), rest_.size()));
         while (!rest_.empty() && !take(']')) {
             rest_.remove_prefix(1); // "[", or the "," before the next
             skipBlanks();
             std::string text;
-            if (string(&text)) {
+            if (string(&text) && text.compare(0, prefix.size(), prefix) != 0) {
                 into.push_back(std::move(text));
             }
             skipBlanks();
