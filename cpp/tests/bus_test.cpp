@@ -49,19 +49,7 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     }
     const Node longest{bus, std::string(127, 'n')};
     EXPECT_EQ(node.nodes().size(), 2U);
-    EXPECT_EQ(node.stats(), std::nullopt);
-}
-
-TEST(FaceBus, c_nodes_share_the_bus) {
-    Config config = quiet();
-    config.stats = true;
-    const Bus bus{config};
-    Node lamp{bus, "lamp"};
-    lamp.on_call("/state", [](std::string_view) { return "on"; });
-    client_t *const other = busClientConnect(bus.native(), "other", nullptr, nullptr, nullptr);
-    EXPECT_STREQ(busClientCall(other, "/lamp/state", nullptr, 0), "on");
-    EXPECT_NE(lamp.stats()->find("\"other\""), std::string::npos);
-    busClientClose(other);
+    EXPECT_EQ(node.stats(), std::nullopt); // not configured
 }
 
 TEST(FaceBus, a_configuration_that_cannot_be_is_refused) {

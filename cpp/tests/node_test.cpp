@@ -28,17 +28,13 @@ void flood(const Node &from, const char *topic) {
 // ---- publishing and subscribing ----
 
 TEST_F(Face, topics_of_any_bytes_reach_their_handler_and_no_other) {
-    const std::vector<std::string> topics = {"plain",
-                                             "",
+    const std::vector<std::string> topics = {"",
                                              "qu\"ote",
                                              "back\\slash",
-                                             "line\nfeed\ttab\x01\x1f\x7f",
+                                             "line\nfeed\x01\x1f\x7f",
                                              "\xC3\xA4\xF0\x9F\x92\xA1",
                                              "not \xFF UTF-8 \xC3",
-                                             "[\"a\"]",
-                                             "a\",\"b",
-                                             "\\u0041",
-                                             "/"};
+                                             "a\",\"b"};
     std::vector<std::string> heard;
     panel.subscribe(topics, [&](std::string_view topic, std::string_view data) {
         heard.push_back(std::string{topic} + "=" + std::string{data});
@@ -50,30 +46,25 @@ TEST_F(Face, topics_of_any_bytes_reach_their_handler_and_no_other) {
     }
     settle(lamp, panel);
     EXPECT_EQ(heard, expected);
-    panel.unsubscribe({topics[2], topics[3]});
+    panel.unsubscribe({topics[1], topics[2]});
     heard.clear();
-    lamp.publish(topics[2]);
-    lamp.publish(topics[4]);
+    lamp.publish(topics[1]);
     settle(lamp, panel);
-    EXPECT_EQ(heard, std::vector<std::string>{topics[4] + "="});
+    EXPECT_TRUE(heard.empty());
     const std::string nul("a\0b", 3);
     EXPECT_THROW(lamp.publish(nul), std::invalid_argument);
     EXPECT_THROW(panel.subscribe(nul, [](std::string_view) {}), std::invalid_argument);
-    EXPECT_THROW(panel.unsubscribe({nul, "x"}), std::invalid_argument);
 }
 
 TEST_F(Face, sticky_messages_of_any_bytes_wait_for_subscribers) {
-    std::vector<std::size_t> lengths;
-    const auto hear = [&](std::string_view data) { lengths.push_back(data.size()); };
+    std::size_t bytes = 0;
     lamp.publish_sticky("four", std::array<unsigned char, 4>{});
-    lamp.publish_sticky("two", std::vector<std::byte>(2));
-    lamp.publish_sticky("gone\"", "?");
+    lamp.publish_sticky("gone\"", std::vector<std::byte>(8));
     lamp.remove_sticky("gone\"");
-    for (const char *const topic : {"four", "two", "gone\""}) {
-        panel.subscribe(topic, hear);
-    }
+    panel.subscribe({"four", "gone\""},
+                    [&](std::string_view, std::string_view data) { bytes += data.size(); });
     settle(lamp, panel);
-    EXPECT_EQ(lengths, (std::vector<std::size_t>{4, 2}));
+    EXPECT_EQ(bytes, 4U);
 }
 
 TEST_F(Face, a_handler_replaces_and_removes_itself_and_stays_whole_until_it_returns) {
@@ -162,30 +153,26 @@ TEST(FaceErrors, what_handlers_throw_goes_to_the_hook_and_the_node_goes_on) {
     };
     const Bus bus{config};
     Node lamp{bus, "lamp"};
-    const Node panel{bus, "panel"};
+    const auto fail = [](const char *what) { throw std::runtime_error(what); };
     Gate done;
-    lamp.subscribe("t", [](std::string_view) { throw std::runtime_error("message"); });
-    lamp.on_call("/x", [](std::string_view) -> std::string { throw std::runtime_error("call"); });
-    panel.publish("t");
     testing::internal::CaptureStderr();
-    EXPECT_EQ(panel.call("/lamp/x").outcome, Outcome::not_implemented);
-    lamp.after(0ms, [] { throw std::runtime_error("timer"); });
-    lamp.after(1ms, [&] {
-        lamp.call_async("/bus/nodes", {}, [&](const Answer &) {
-            lamp.after(0ms, [&] { done.open(); });
-            throw std::runtime_error("completion");
-        });
+    lamp.subscribe("t", [&](std::string_view) { fail("message"); });
+    lamp.on_call("/x", [&](std::string_view) { return fail("call"), ""; });
+    lamp.publish("t");
+    lamp.call_async("/lamp/x", {}, [&](const Answer &answer) {
+        lamp.after(0ms, [&] { done.open(); });
+        lamp.after(0ms, [&] { fail("never"); }).cancel();
+        fail(answer.outcome == Outcome::not_implemented ? "completion" : "answered");
     });
     EXPECT_TRUE(done.wait());
     EXPECT_NE(testing::internal::GetCapturedStderr().find("lamp"), std::string::npos);
-    EXPECT_EQ(told, "lamp:message lamp:call lamp:timer lamp:completion ");
+    EXPECT_EQ(told, "lamp:message lamp:call lamp:completion ");
 }
 
 // ---- the end ----
 
 TEST(FaceEnd, a_node_destroyed_in_its_own_handler_leaves_when_the_handler_has_ended) {
-    const char *const ways[] = {"message", "call", "timer", "completion", "replaced"};
-    for (const std::string way : ways) {
+    for (const std::string way : {"message", "timer", "owner"}) {
         SCOPED_TRACE(way);
         auto bus = std::make_unique<Bus>(quiet());
         const Node panel{*bus, "panel"};
@@ -195,16 +182,11 @@ TEST(FaceEnd, a_node_destroyed_in_its_own_handler_leaves_when_the_handler_has_en
             lamp.reset();
             ++*token; // what the handler has captured is still there
         };
-        lamp->on_call("/end", [end](std::string_view) { return end(), "ended"; });
-        lamp->subscribe("end", [end](std::string_view) { end(); });
         if (way == "message") {
+            lamp->subscribe("end", [end](std::string_view) { end(); });
             flood(panel, "end");
-        } else if (way == "call") {
-            EXPECT_EQ(panel.call("/lamp/end").text, "ended");
         } else if (way == "timer") {
             lamp->every(1ms, end);
-        } else if (way == "completion") {
-            lamp->call_async("/bus/nodes", {}, [end](const Answer &) { end(); });
         } else { // with the handler that owns it
             lamp->subscribe("owner", [end, owner = std::shared_ptr<Node>{std::move(lamp)}](
                                          std::string_view) mutable { owner.reset(), end(); });
@@ -220,31 +202,30 @@ TEST(FaceEnd, a_node_destroyed_in_its_own_handler_leaves_when_the_handler_has_en
     }
 }
 
-TEST(FaceEnd, a_full_queue_does_not_keep_a_node) {
+TEST(FaceEnd, a_full_queue_does_not_keep_a_node_and_no_handler_begins) {
     const Bus bus{quiet()};
     std::atomic<int> handled{0};
     Gate running;
     Gate ending;
     const Node panel{bus, "panel"};
-    {
-        Node lamp{bus, "lamp"};
-        lamp.subscribe("t", [&](std::string_view) {
-            ++handled;
-            running.open();
-            ending.wait();
-        });
-        panel.publish("t");
-        ASSERT_TRUE(running.wait());
-        flood(panel, "t");
-        EXPECT_EQ(panel.call("/lamp/x").text, R"({"data":"not implement"})"); // it is full
-        lamp.after(0ms, [&] { ++handled; });
-        std::thread{[&] {
-            std::this_thread::sleep_for(30ms); // the destructor has begun, on most runs
-            ending.open();
-        }}.detach();
-    }
-    EXPECT_GE(handled, 1);
-    EXPECT_LE(handled, kMoreThanAQueue);
+    std::optional<Node> lamp{std::in_place, bus, "lamp"};
+    lamp->subscribe("t", [&](std::string_view) {
+        ++handled;
+        running.open();
+        ending.wait();
+    });
+    panel.publish("t");
+    ASSERT_TRUE(running.wait());
+    auto unanswered = lamp->call_async("/lamp/x");
+    flood(panel, "t");
+    EXPECT_EQ(panel.call("/lamp/x").text, R"({"data":"not implement"})"); // it is full
+    std::thread opener{[&] {
+        EXPECT_EQ(unanswered.get().outcome, Outcome::none); // the destructor has begun
+        ending.open();
+    }};
+    lamp.reset();
+    opener.join();
+    EXPECT_EQ(handled, 1);
     EXPECT_EQ(panel.nodes(), std::vector<std::string>{"panel"});
 }
 

@@ -87,8 +87,8 @@ class Timer {
 public:
     Timer() noexcept = default; // of nothing
     // No run begins after this, except one that is about to in another thread; the function goes as
-    // soon as it does not run. To be called from within it too. True: there would have been
-    // another run.
+    // soon as it does not run. May be called from within it. True: there would have been another
+    // run.
     bool cancel() {
         const auto node = node_.lock();
         const auto entry = entry_.lock();
@@ -97,8 +97,8 @@ public:
 
 private:
     friend class Node;
-    Timer(const std::shared_ptr<detail::NodeState> &node, const detail::TimerPtr &entry) noexcept
-        : node_{node},
+    Timer(std::weak_ptr<detail::NodeState> node, const detail::TimerPtr &entry) noexcept
+        : node_{std::move(node)},
           entry_{entry} {}
 
     std::weak_ptr<detail::NodeState> node_;
@@ -296,14 +296,18 @@ public:
     // Run in the node's thread, to within some 3 ms (on Windows a tick of the system) and what the
     // node has to do before them; those that are due together in the order in which they were set.
 
+    // run() or run(Timer), which gets its own handle: the way to cancel from within.
+
     // Once, so much later. A time that is over: as soon as possible.
-    Timer after(std::chrono::nanoseconds wait, std::function<void()> run) {
+    template <class Run>
+    Timer after(std::chrono::nanoseconds wait, Run run) {
         return addTimer(wait, std::chrono::nanoseconds{0}, std::move(run));
     }
     // Again and again, at whole periods from now however long run takes; beats that have been
     // missed meanwhile are left out. Throws std::invalid_argument for a period that is not
     // positive.
-    Timer every(std::chrono::nanoseconds period, std::function<void()> run) {
+    template <class Run>
+    Timer every(std::chrono::nanoseconds period, Run run) {
         if (period.count() <= 0) {
             throw std::invalid_argument("zelvo: a period that is not positive");
         }
@@ -378,12 +382,21 @@ private:
     void setCall(const std::string &path, detail::HandlerPtr handler) {
         state().change({&detail::Handlers::paths, {path}, std::move(handler)});
     }
-    Timer addTimer(std::chrono::nanoseconds wait, std::chrono::nanoseconds period,
-                   std::function<void()> run) {
-        if (!run) {
-            throw std::invalid_argument("zelvo: a timer without a function");
+    template <class Run>
+    Timer addTimer(std::chrono::nanoseconds wait, std::chrono::nanoseconds period, Run run) {
+        state();
+        if constexpr (std::is_invocable_v<Run &, Timer>) {
+            const std::weak_ptr<detail::NodeState> node = state_;
+            return {state_, state_->addTimer(wait, period,
+                                             [run = std::move(run),
+                                              node](const detail::TimerPtr &timer) mutable {
+                                                 run(Timer{node, timer});
+                                             })};
+        } else {
+            return {state_, state_->addTimer(wait, period,
+                                             [run = std::move(run)](
+                                                 const detail::TimerPtr &) mutable { run(); })};
         }
-        return {state_, state().addTimer(wait, period, std::move(run))};
     }
 
     detail::BusPtr bus_;

@@ -83,7 +83,7 @@ struct Change {
 struct TimerEntry {
     Clock::time_point due;
     Clock::duration period{0}; // 0: once
-    std::function<void()> run;
+    std::function<void(const std::shared_ptr<TimerEntry> &self)> run;
     bool cancelled = false;
 };
 using TimerPtr = std::shared_ptr<TimerEntry>;
@@ -183,7 +183,8 @@ public:
         attention_ = true;
     }
 
-    TimerPtr addTimer(Clock::duration wait, Clock::duration period, std::function<void()> run) {
+    TimerPtr addTimer(Clock::duration wait, Clock::duration period,
+                      std::function<void(const TimerPtr &)> run) {
         const auto now = Clock::now();
         auto timer = std::make_shared<TimerEntry>();
         timer->due = now + std::min(wait, Clock::time_point::max() - now);
@@ -425,7 +426,7 @@ private:
     void runTimers() {
         const auto now = Clock::now();
         while (const TimerPtr timer = takeDue(now)) {
-            reported(timer->run);
+            reported([&] { timer->run(timer); });
             repeat(timer);
         }
         const std::lock_guard lock{mutex_};
