@@ -23,13 +23,12 @@ class Table {
 public:
     // Null: there is none.
     const Handler *find(std::string_view name) const {
-        const std::size_t place = placeOf(name);
-        return holds(place, name) ? entries_[place].handler.get() : nullptr;
+        const auto [place, held] = placeOf(name);
+        return held ? entries_[place].handler.get() : nullptr;
     }
     // Null removes.
     void set(const std::string &name, HandlerPtr handler) {
-        std::size_t place = placeOf(name);
-        const bool held = holds(place, name);
+        auto [place, held] = placeOf(name);
         if (held && handler) {
             entries_[place].handler.swap(handler);
         } else if (held) {
@@ -50,20 +49,18 @@ private:
         std::string name;
         HandlerPtr handler;
     };
-    bool holds(std::size_t place, std::string_view name) const {
-        return place < entries_.size() && entries_[place].name == name;
-    }
-    std::size_t placeOf(std::string_view name) const {
+    // Where the name is or belongs, and whether it is there.
+    std::pair<std::size_t, bool> placeOf(std::string_view name) const {
         std::size_t low = 0;
         for (std::size_t high = entries_.size(); low < high;) {
             const std::size_t middle = low + (high - low) / 2;
-            if (entries_[middle].name < name) {
-                low = middle + 1;
-            } else {
-                high = middle;
+            const int order = name.compare(entries_[middle].name);
+            if (order == 0) {
+                return {middle, true};
             }
+            (order < 0 ? high : low) = order < 0 ? middle : middle + 1;
         }
-        return low;
+        return {low, false};
     }
     std::vector<Entry> entries_;
 };
