@@ -50,6 +50,8 @@ public:
     // Throws Error when memory is short, std::invalid_argument for a configuration that can't be,
     // std::system_error when there is no thread for it.
     explicit Bus(const Config &config = {}) : state_{std::make_shared<detail::BusState>(config)} {}
+    Bus(const Bus &) = delete;
+    Bus &operator=(const Bus &) = delete;
     Bus(Bus &&) noexcept = default;
     Bus &operator=(Bus &&other) noexcept {
         close();
@@ -158,6 +160,8 @@ public:
           state_{std::make_shared<detail::NodeState>(bus.state(), checked(name))} {
         state_->start();
     }
+    Node(const Node &) = delete;
+    Node &operator=(const Node &) = delete;
     Node(Node &&) noexcept = default;
     Node &operator=(Node &&other) noexcept {
         close();

@@ -78,6 +78,7 @@ public:
     Helpers(Zelvo_t *bus, std::size_t most) noexcept : bus_{bus}, most_{most} {}
     Helpers(const Helpers &) = delete;
     Helpers &operator=(const Helpers &) = delete;
+    ~Helpers() = default;
     // To be called while the bus runs, and when no node is left that somebody could call.
     void end() {
         {

@@ -155,8 +155,8 @@ public:
                 return;
             }
             const bool completes = call.completion != nullptr;
+            call.answer = std::move(answer);
             if (completes) {
-                call.answer = std::move(answer);
                 ready_.push_back(calls_[call.place]);
                 wake();
             }
@@ -166,7 +166,7 @@ public:
             calls_.pop_back();
             lock.unlock();
             if (!completes) {
-                call.promise.set_value(std::move(answer));
+                call.promise.set_value(std::move(call.answer));
             }
         });
     }
@@ -257,6 +257,7 @@ private:
         }
     }
 
+    // NOLINTNEXTLINE(readability-non-const-parameter): the type is given
     static int onMessage(void *userdata, client_t * /*client*/, char *topic, char *data,
                          int length) noexcept {
         NodeState &node = of(userdata);
