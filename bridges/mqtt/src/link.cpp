@@ -1,0 +1,474 @@
+#include "link.h"
+
+#include <mosquitto.h>
+#include <mqtt_protocol.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <poll.h>
+
+namespace zelvo_mqtt {
+namespace {
+
+constexpr int kKeepAlive = 15; // seconds
+constexpr std::chrono::milliseconds kFirstPause{100};
+constexpr std::chrono::milliseconds kLongestPause{10'000};
+constexpr std::chrono::milliseconds kLongestConnect{10'000};
+constexpr std::size_t kMostUnderWay = 20; // what mosquitto takes; see "buffer" in the header
+constexpr std::size_t kMostUnsent = 64;
+constexpr std::size_t kMostDirect = 2048;
+constexpr int kMostReads = 64; // packets between two looks at what is to be sent
+
+// The link that the thread belongs to: it holds the mutex while it is called back.
+thread_local const Link *ownLink = nullptr;
+
+std::string errorText(int result) {
+    if (result == MOSQ_ERR_ERRNO) {
+        return std::generic_category().message(errno);
+    }
+    return result >= 128 ? mosquitto_reason_string(result) : mosquitto_strerror(result);
+}
+
+Properties hopProperty(int hops) {
+    mqtt5__property *list = nullptr;
+    mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, kHops,
+                                       std::to_string(hops).c_str());
+    return Properties{list};
+}
+
+Properties directProperties(const Direct &message) {
+    mqtt5__property *list = nullptr;
+    if (!message.answerTopic.empty()) {
+        mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, message.answerTopic.c_str());
+    }
+    if (!message.correlation.empty()) {
+        mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, message.correlation.data(),
+                                      static_cast<std::uint16_t>(message.correlation.size()));
+    }
+    if (message.expiry > 0) {
+        mosquitto_property_add_int32(&list, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, message.expiry);
+    }
+    return Properties{list};
+}
+
+bool take(std::vector<int> &mids, int mid) {
+    const auto found = std::find(mids.begin(), mids.end(), mid);
+    if (found == mids.end()) {
+        return false;
+    }
+    mids.erase(found);
+    return true;
+}
+
+} // namespace
+
+struct Link::Callbacks {
+    static Link &of(void *userdata) { return *static_cast<Link *>(userdata); }
+    static void onConnect(mosquitto *, void *link, int reason, int, const mqtt5__property *list) {
+        of(link).onConnect(reason, list);
+    }
+    static void onDisconnect(mosquitto *, void *link, int reason, const mqtt5__property *) {
+        of(link).down(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
+    }
+    static void onPublish(mosquitto *, void *link, int mid, int, const mqtt5__property *) {
+        of(link).onPublish(mid);
+    }
+    static void onSubscribe(mosquitto *, void *link, int mid, int, const int *granted,
+                            const mqtt5__property *) {
+        of(link).onSubscribe(mid, *granted);
+    }
+    static void onMessage(mosquitto *, void *link, const mosquitto_message *message,
+                          const mqtt5__property *list) {
+        try {
+            of(link).events_.received(*message, list);
+        } catch (const std::exception &failure) {
+            of(link).log_.error(std::string{"a message from the broker is dropped: "} +
+                                failure.what());
+        }
+    }
+    static void onLog(mosquitto *, void *link, int level, const char *text) {
+        if (level == MOSQ_LOG_ERR || level == MOSQ_LOG_WARNING) {
+            of(link).libraryError_ = text;
+        }
+    }
+};
+
+Link::Link(const Config &config, const Topics &topics, Buffer &buffer, Log &log, LinkEvents &events)
+    : config_{config},
+      topics_{topics},
+      buffer_{buffer},
+      log_{log},
+      events_{events},
+      session_{config, topics, this} {
+    mosquitto *const handle = session_.get();
+    mosquitto_connect_v5_callback_set(handle, Callbacks::onConnect);
+    mosquitto_disconnect_v5_callback_set(handle, Callbacks::onDisconnect);
+    mosquitto_publish_v5_callback_set(handle, Callbacks::onPublish);
+    mosquitto_subscribe_v5_callback_set(handle, Callbacks::onSubscribe);
+    mosquitto_message_v5_callback_set(handle, Callbacks::onMessage);
+    mosquitto_log_callback_set(handle, Callbacks::onLog);
+}
+
+void Link::start() {
+    thread_ = startThread([this] { run(); });
+}
+
+void Link::stop() {
+    stopping_ = true;
+    wake_.set();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+// ---- the thread ----
+
+void Link::run() {
+    ownLink = this;
+    std::unique_lock lock{mutex_};
+    try {
+        while (!stopping_) {
+            turn(lock);
+        }
+        sayFarewell(lock);
+    } catch (const std::exception &failure) {
+        log_.error(std::string{"the thread that talks to the broker ends: "} + failure.what());
+    }
+    connected_ = false;
+}
+
+// Waits for the broker, for senders, or for the time of what comes next, and does it.
+void Link::turn(std::unique_lock<std::mutex> &lock) {
+    advance();
+    flush();
+    pollfd files[2] = {{wake_.descriptor(), POLLIN, 0}, {-1, 0, 0}};
+    auto timeout = patience();
+    if (state_ == State::kConnecting || state_ == State::kUp) {
+        const auto pause = events_.pause();
+        files[1].fd = mosquitto_socket(session_.get());
+        files[1].events = pause.count() > 0 ? 0 : POLLIN;
+        if (!open_ || mosquitto_want_write(session_.get())) {
+            files[1].events |= POLLOUT;
+        }
+        timeout = pause.count() > 0 ? std::min(timeout, pause) : timeout;
+    }
+    lock.unlock();
+    const int ready = poll(files, 2, static_cast<int>(timeout.count()));
+    lock.lock();
+    if (files[0].revents != 0) {
+        wake_.clear();
+    }
+    if (ready > 0 && files[1].revents != 0) {
+        open_ = true;
+        work((files[1].revents & ~POLLOUT) != 0);
+    }
+}
+
+std::chrono::milliseconds Link::patience() const {
+    using std::chrono::milliseconds;
+    switch (state_) {
+    case State::kDown: {
+        const auto left = since_ + retry_ - Clock::now();
+        return std::max(milliseconds{1}, std::chrono::ceil<milliseconds>(left));
+    }
+    case State::kLooking:
+        return milliseconds{10};
+    default:
+        return milliseconds{500};
+    }
+}
+
+// What is due by the clock or has come to its end.
+void Link::advance() {
+    const auto now = Clock::now();
+    if (now - second_ >= std::chrono::seconds{1}) {
+        second_ = now;
+        tellDrops();
+    }
+    if (state_ == State::kDown && now - since_ >= retry_) {
+        enter(State::kLooking);
+        lookup_.begin(config_.host);
+    }
+    if (state_ == State::kLooking && lookup_.done()) {
+        lookup_.failure().empty() ? connect() : down(config_.host + ": " + lookup_.failure());
+    } else if (state_ == State::kConnecting && now - since_ >= kLongestConnect) {
+        down("the broker does not answer");
+    } else if (state_ == State::kUp) {
+        end(mosquitto_loop_misc(session_.get()));
+    }
+}
+
+void Link::enter(State state) {
+    state_ = state;
+    since_ = Clock::now();
+}
+
+void Link::connect() {
+    enter(State::kConnecting);
+    open_ = false;
+    libraryError_.clear();
+    refusal_.clear();
+    end(mosquitto_connect_async(session_.get(), config_.host.c_str(), config_.port, kKeepAlive));
+}
+
+// Reads what is there, and writes.
+void Link::work(bool readable) {
+    for (int i = 0; readable && i < kMostReads && state_ != State::kDown; ++i) {
+        errno = 0;
+        end(mosquitto_loop_read(session_.get(), 1));
+        if (errno == EAGAIN || events_.pause().count() > 0) { // read empty
+            break;
+        }
+    }
+    if (!readable && state_ == State::kConnecting) { // a handshake goes on by reading
+        end(mosquitto_loop_read(session_.get(), 1));
+    }
+    if (state_ != State::kDown && mosquitto_want_write(session_.get())) {
+        end(mosquitto_loop_write(session_.get(), 1));
+    }
+    if (state_ == State::kUp && !connected_) {
+        greet();
+    }
+}
+
+// The result of a step of the library, which does not call back for every failure.
+void Link::end(int result) {
+    if (result != MOSQ_ERR_SUCCESS && state_ != State::kDown) {
+        down(errorText(result));
+    }
+}
+
+void Link::down(const std::string &failure) {
+    if (state_ == State::kDown) {
+        return;
+    }
+    const std::string why = !refusal_.empty()        ? refusal_
+                            : !libraryError_.empty() ? failure + " " + libraryError_
+                                                     : failure;
+    enter(State::kDown);
+    retry_ = std::clamp(retry_ * 2, kFirstPause, kLongestPause);
+    connected_ = false;
+    unsent_.clear();
+    subscriptions_.clear();
+    {
+        const std::lock_guard lock{directMutex_};
+        direct_.clear();
+    }
+    if (qos_ == 0) {
+        buffer_.countDrop(underWay_.size());
+        underWay_.clear();
+        underWayCount_ = 0;
+    }
+    if (!stopping_) {
+        events_.disconnected(why);
+    }
+}
+
+// ---- at the begin and the end of a connection ----
+
+void Link::onConnect(int reason, const mqtt5__property *properties) {
+    if (reason != MQTT_RC_SUCCESS) {
+        refusal_ = std::string{"the broker refuses: "} + mosquitto_reason_string(reason);
+        return;
+    }
+    std::uint16_t window = kMostUnderWay;
+    std::uint8_t qos = 2;
+    mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &window, false);
+    mosquitto_property_read_byte(properties, MQTT_PROP_MAXIMUM_QOS, &qos, false);
+    window_ = std::min<std::size_t>(window, kMostUnderWay);
+    qos_ = std::min<int>(config_.qos, qos);
+    enter(State::kUp);
+}
+
+// Not in the callback, in which the library only queues.
+void Link::greet() {
+    mosquitto *const handle = session_.get();
+    const auto subscribe = [&](const std::string &topic, int qos, int options) {
+        int mid = 0;
+        if (mosquitto_subscribe_v5(handle, &mid, topic.c_str(), qos, options, nullptr) == 0) {
+            subscriptions_.emplace_back(mid, topic);
+        }
+    };
+    for (const std::string &topic : config_.in) {
+        subscribe(topics_.publication(topic), config_.qos,
+                  MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED |
+                      MQTT_SUB_OPT_SEND_RETAIN_NEW);
+    }
+    for (const Config::Call &call : config_.call) {
+        subscribe(topics_.presence(call.site), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+    }
+    if (!config_.call.empty()) {
+        subscribe(topics_.answers(), 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    }
+    subscribe(topics_.requests() + '#', 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    mosquitto_publish_v5(handle, nullptr, topics_.presence(config_.site).c_str(), 6, "online", 1,
+                         true, nullptr);
+    retry_ = {};
+    connected_ = true;
+    if (qos_ < config_.qos) {
+        log_.warning("the broker knows publications of \"qos\" " + std::to_string(qos_) +
+                     " at most");
+    }
+    events_.connected();
+}
+
+void Link::onSubscribe(int mid, int reason) {
+    const auto found = std::find_if(subscriptions_.begin(), subscriptions_.end(),
+                                    [mid](const auto &each) { return each.first == mid; });
+    if (found == subscriptions_.end()) {
+        return;
+    }
+    if (reason >= 128) {
+        log_.error("the broker refuses the subscription to " + found->second + ": " +
+                   mosquitto_reason_string(reason));
+    }
+    subscriptions_.erase(found);
+}
+
+void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
+    const auto end = Clock::now() + kFarewell;
+    const auto busy = [&] { return buffer_.fill().messages > 0 || !underWay_.empty(); };
+    while (connected_ && busy() && Clock::now() < end) {
+        turn(lock);
+    }
+    if (connected_) {
+        mosquitto *const handle = session_.get();
+        mosquitto_publish_v5(handle, nullptr, topics_.presence(config_.site).c_str(), 7, "offline",
+                             1, true, nullptr);
+        mosquitto_disconnect_v5(handle, 0, nullptr);
+        while (state_ != State::kDown && Clock::now() < end + kFarewell / 3) {
+            turn(lock);
+        }
+    }
+    const std::size_t lost = buffer_.fill().messages + underWay_.size();
+    if (lost > 0) {
+        log_.warning(std::to_string(lost) + " publications are lost: the bridge is closed before "
+                                            "the broker has taken them");
+    }
+}
+
+// ---- sending ----
+
+bool Link::send(Direct message) {
+    {
+        const std::lock_guard lock{directMutex_};
+        if (!isConnected() || direct_.size() >= kMostDirect) {
+            return false;
+        }
+        direct_.push_back(std::move(message));
+    }
+    kick();
+    return true;
+}
+
+void Link::kick() {
+    if (ownLink == this) {
+        return; // it looks by itself
+    }
+    const std::unique_lock lock{mutex_, std::try_to_lock};
+    if (lock.owns_lock()) {
+        flush();
+        if (!mosquitto_want_write(session_.get())) {
+            return;
+        }
+    }
+    wake_.set();
+}
+
+void Link::flush() {
+    if (connected_) {
+        flushDirect();
+        while (underWay_.size() < window_) {
+            std::optional<Publication> publication = buffer_.pop();
+            if (!publication || !publish(std::move(*publication))) {
+                break;
+            }
+        }
+    }
+}
+
+void Link::flushDirect() {
+    while (unsent_.size() < kMostUnsent) {
+        Direct message;
+        {
+            const std::lock_guard lock{directMutex_};
+            if (direct_.empty()) {
+                return;
+            }
+            message = std::move(direct_.front());
+            direct_.pop_front();
+        }
+        const int result =
+            put(message.topic, message.payload, 0, false, directProperties(message), unsent_);
+        if (result != MOSQ_ERR_SUCCESS) {
+            log_.warning("the message to " + message.topic +
+                         " can't be sent: " + errorText(result));
+        }
+    }
+}
+
+// False: there is no use in going on now.
+bool Link::publish(Publication publication) {
+    const int result = put(publication.topic, publication.payload, qos_, publication.retain,
+                           hopProperty(publication.hops), underWay_);
+    underWayCount_ = underWay_.size();
+    switch (result) {
+    case MOSQ_ERR_SUCCESS:
+        return true;
+    case MOSQ_ERR_NO_CONN:
+    case MOSQ_ERR_CONN_LOST:
+    case MOSQ_ERR_ERRNO:
+        if (qos_ == 0) { // any other the library has kept
+            buffer_.putBack(std::move(publication));
+        }
+        return false;
+    case MOSQ_ERR_NOMEM:
+        buffer_.putBack(std::move(publication));
+        return false;
+    default:
+        buffer_.countDrop();
+        log_.warning("a publication of " + std::to_string(publication.payload.size()) +
+                     " bytes to " + publication.topic + " is dropped: " + errorText(result));
+        return true;
+    }
+}
+
+// Notes the number of a message that is under way.
+int Link::put(const std::string &topic, const std::string &payload, int qos, bool retain,
+              const Properties &properties, std::vector<int> &underWay) {
+    int mid = 0;
+    sentMid_ = 0;
+    const int result =
+        mosquitto_publish_v5(session_.get(), &mid, topic.c_str(), static_cast<int>(payload.size()),
+                             payload.data(), qos, retain, properties.get());
+    const bool broken =
+        result == MOSQ_ERR_NO_CONN || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;
+    if ((result == MOSQ_ERR_SUCCESS && mid != sentMid_) || (broken && qos > 0)) {
+        underWay.push_back(mid);
+    }
+    return result;
+}
+
+void Link::onPublish(int mid) {
+    if (!take(underWay_, mid) && !take(unsent_, mid)) {
+        sentMid_ = mid; // within the call that sends it
+    }
+    underWayCount_ = underWay_.size();
+}
+
+void Link::tellDrops() {
+    const Buffer::Fill fill = buffer_.fill();
+    if (fill.dropped > told_) {
+        log_.warning(std::to_string(fill.dropped - told_) +
+                     " publications were dropped, the oldest "
+                     "first (" +
+                     std::to_string(fill.dropped) + " since the start); " +
+                     std::to_string(fill.messages) + " wait, of " + std::to_string(fill.bytes) +
+                     " bytes");
+        told_ = fill.dropped;
+    }
+}
+
+} // namespace zelvo_mqtt
