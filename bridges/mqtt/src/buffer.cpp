@@ -29,12 +29,6 @@ std::optional<Publication> Buffer::pop() {
     return publication;
 }
 
-void Buffer::putBack(Publication publication) {
-    const std::lock_guard lock{mutex_};
-    bytes_ += sizeOf(publication);
-    queue_.push_front(std::move(publication));
-}
-
 void Buffer::countDrop(std::uint64_t number) {
     const std::lock_guard lock{mutex_};
     dropped_ += number;

@@ -27,8 +27,6 @@ public:
     // than all the room.
     void push(Publication publication);
     std::optional<Publication> pop();
-    // Back to the front, whatever room there is: it has been taken from there.
-    void putBack(Publication publication);
     // A publication that is lost elsewhere.
     void countDrop(std::uint64_t number = 1);
 

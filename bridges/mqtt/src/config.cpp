@@ -261,7 +261,7 @@ Config readConfig(const char *json) {
                     {"call", false, to(readCall)},
                     {"serve", false, to(readServe)},
                     {"qos", false,
-                     [&](const Value &v) { config.qos = static_cast<int>(v.number(0, 2)); }},
+                     [&](const Value &v) { config.qos = static_cast<int>(v.number(0, 1)); }},
                     {"callTimeout", false,
                      [&](const Value &v) {
                          config.callTimeout = std::chrono::milliseconds{v.number(1, 3'600'000)};

@@ -16,7 +16,7 @@ constexpr int kKeepAlive = 15; // seconds
 constexpr std::chrono::milliseconds kFirstPause{100};
 constexpr std::chrono::milliseconds kLongestPause{10'000};
 constexpr std::chrono::milliseconds kLongestConnect{10'000};
-constexpr std::size_t kMostUnderWay = 20; // what mosquitto takes; see "buffer" in the header
+constexpr std::size_t kMostUnderWay = 64; // the broker may allow fewer, mosquitto 20
 constexpr std::size_t kMostUnsent = 64;
 constexpr std::size_t kMostDirect = 2048;
 constexpr int kMostReads = 64; // packets between two looks at what is to be sent
@@ -101,8 +101,15 @@ Link::Link(const Config &config, const Topics &topics, Buffer &buffer, Log &log,
       buffer_{buffer},
       log_{log},
       events_{events},
-      session_{config, topics, this} {
-    mosquitto *const handle = session_.get();
+      underWay_{buffer} {
+    makeSession();
+}
+
+// A new one for every connection: what the broker has not acknowledged is handed over again from
+// here, and would be so by the library too, in another order.
+void Link::makeSession() {
+    session_.emplace(config_, topics_, this);
+    mosquitto *const handle = session_->get();
     mosquitto_connect_v5_callback_set(handle, Callbacks::onConnect);
     mosquitto_disconnect_v5_callback_set(handle, Callbacks::onDisconnect);
     mosquitto_publish_v5_callback_set(handle, Callbacks::onPublish);
@@ -147,9 +154,9 @@ void Link::turn(std::unique_lock<std::mutex> &lock) {
     auto timeout = patience();
     if (state_ == State::kConnecting || state_ == State::kUp) {
         const auto pause = events_.pause();
-        files[1].fd = mosquitto_socket(session_.get());
+        files[1].fd = mosquitto_socket(session_->get());
         files[1].events = pause.count() > 0 ? 0 : POLLIN;
-        if (!open_ || mosquitto_want_write(session_.get())) {
+        if (!open_ || mosquitto_want_write(session_->get())) {
             files[1].events |= POLLOUT;
         }
         timeout = pause.count() > 0 ? std::min(timeout, pause) : timeout;
@@ -196,7 +203,7 @@ void Link::advance() {
     } else if (state_ == State::kConnecting && now - since_ >= kLongestConnect) {
         down("the broker does not answer");
     } else if (state_ == State::kUp) {
-        end(mosquitto_loop_misc(session_.get()));
+        end(mosquitto_loop_misc(session_->get()));
     }
 }
 
@@ -210,23 +217,29 @@ void Link::connect() {
     open_ = false;
     libraryError_.clear();
     refusal_.clear();
-    end(mosquitto_connect_async(session_.get(), config_.host.c_str(), config_.port, kKeepAlive));
+    try {
+        makeSession(); // files may have changed since the last one
+    } catch (const OpenError &refused) {
+        down(refused.what());
+        return;
+    }
+    end(mosquitto_connect_async(session_->get(), config_.host.c_str(), config_.port, kKeepAlive));
 }
 
 // Reads what is there, and writes.
 void Link::work(bool readable) {
     for (int i = 0; readable && i < kMostReads && state_ != State::kDown; ++i) {
         errno = 0;
-        end(mosquitto_loop_read(session_.get(), 1));
+        end(mosquitto_loop_read(session_->get(), 1));
         if (errno == EAGAIN || events_.pause().count() > 0) { // read empty
             break;
         }
     }
     if (!readable && state_ == State::kConnecting) { // a handshake goes on by reading
-        end(mosquitto_loop_read(session_.get(), 1));
+        end(mosquitto_loop_read(session_->get(), 1));
     }
-    if (state_ != State::kDown && mosquitto_want_write(session_.get())) {
-        end(mosquitto_loop_write(session_.get(), 1));
+    if (state_ != State::kDown && mosquitto_want_write(session_->get())) {
+        end(mosquitto_loop_write(session_->get(), 1));
     }
     if (state_ == State::kUp && !connected_) {
         greet();
@@ -256,11 +269,8 @@ void Link::down(const std::string &failure) {
         const std::lock_guard lock{directMutex_};
         direct_.clear();
     }
-    if (qos_ == 0) {
-        buffer_.countDrop(underWay_.size());
-        underWay_.clear();
-        underWayCount_ = 0;
-    }
+    underWay_.connectionLost();
+    underWayCount_ = underWay_.unfinished();
     if (!stopping_) {
         events_.disconnected(why);
     }
@@ -284,7 +294,7 @@ void Link::onConnect(int reason, const mqtt5__property *properties) {
 
 // Not in the callback, in which the library only queues.
 void Link::greet() {
-    mosquitto *const handle = session_.get();
+    mosquitto *const handle = session_->get();
     const auto subscribe = [&](const std::string &topic, int qos, int options) {
         int mid = 0;
         if (mosquitto_subscribe_v5(handle, &mid, topic.c_str(), qos, options, nullptr) == 0) {
@@ -329,12 +339,12 @@ void Link::onSubscribe(int mid, int reason) {
 
 void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
     const auto end = Clock::now() + kFarewell;
-    const auto busy = [&] { return buffer_.fill().messages > 0 || !underWay_.empty(); };
-    while (connected_ && busy() && Clock::now() < end) {
+    const auto unsent = [&] { return buffer_.fill().messages + underWay_.unfinished(); };
+    while (connected_ && unsent() > 0 && Clock::now() < end) {
         turn(lock);
     }
     if (connected_) {
-        mosquitto *const handle = session_.get();
+        mosquitto *const handle = session_->get();
         mosquitto_publish_v5(handle, nullptr, topics_.presence(config_.site).c_str(), 7, "offline",
                              1, true, nullptr);
         mosquitto_disconnect_v5(handle, 0, nullptr);
@@ -342,8 +352,7 @@ void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
             turn(lock);
         }
     }
-    const std::size_t lost = buffer_.fill().messages + underWay_.size();
-    if (lost > 0) {
+    if (const std::size_t lost = unsent(); lost > 0) {
         log_.warning(std::to_string(lost) + " publications are lost: the bridge is closed before "
                                             "the broker has taken them");
     }
@@ -370,7 +379,7 @@ void Link::kick() {
     const std::unique_lock lock{mutex_, std::try_to_lock};
     if (lock.owns_lock()) {
         flush();
-        if (!mosquitto_want_write(session_.get())) {
+        if (!mosquitto_want_write(session_->get())) {
             return;
         }
     }
@@ -381,11 +390,12 @@ void Link::flush() {
     if (connected_) {
         flushDirect();
         while (underWay_.size() < window_) {
-            std::optional<Publication> publication = buffer_.pop();
+            std::optional<Publication> publication = underWay_.next();
             if (!publication || !publish(std::move(*publication))) {
                 break;
             }
         }
+        underWayCount_ = underWay_.unfinished();
     }
 }
 
@@ -400,32 +410,34 @@ void Link::flushDirect() {
             message = std::move(direct_.front());
             direct_.pop_front();
         }
+        int mid = 0;
         const int result =
-            put(message.topic, message.payload, 0, false, directProperties(message), unsent_);
+            put(mid, message.topic, message.payload, 0, false, directProperties(message));
         if (result != MOSQ_ERR_SUCCESS) {
             log_.warning("the message to " + message.topic +
                          " can't be sent: " + errorText(result));
+        } else if (mid != sentMid_) {
+            unsent_.push_back(mid);
         }
     }
 }
 
 // False: there is no use in going on now.
 bool Link::publish(Publication publication) {
-    const int result = put(publication.topic, publication.payload, qos_, publication.retain,
-                           hopProperty(publication.hops), underWay_);
-    underWayCount_ = underWay_.size();
+    int mid = 0;
+    const int result = put(mid, publication.topic, publication.payload, qos_, publication.retain,
+                           hopProperty(publication.hops));
     switch (result) {
     case MOSQ_ERR_SUCCESS:
+        if (mid != sentMid_) {
+            underWay_.sent(mid, std::move(publication));
+        }
         return true;
     case MOSQ_ERR_NO_CONN:
     case MOSQ_ERR_CONN_LOST:
     case MOSQ_ERR_ERRNO:
-        if (qos_ == 0) { // any other the library has kept
-            buffer_.putBack(std::move(publication));
-        }
-        return false;
     case MOSQ_ERR_NOMEM:
-        buffer_.putBack(std::move(publication));
+        underWay_.back(std::move(publication));
         return false;
     default:
         buffer_.countDrop();
@@ -435,27 +447,19 @@ bool Link::publish(Publication publication) {
     }
 }
 
-// Notes the number of a message that is under way.
-int Link::put(const std::string &topic, const std::string &payload, int qos, bool retain,
-              const Properties &properties, std::vector<int> &underWay) {
-    int mid = 0;
+int Link::put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
+              const Properties &properties) {
     sentMid_ = 0;
-    const int result =
-        mosquitto_publish_v5(session_.get(), &mid, topic.c_str(), static_cast<int>(payload.size()),
-                             payload.data(), qos, retain, properties.get());
-    const bool broken =
-        result == MOSQ_ERR_NO_CONN || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_ERRNO;
-    if ((result == MOSQ_ERR_SUCCESS && mid != sentMid_) || (broken && qos > 0)) {
-        underWay.push_back(mid);
-    }
-    return result;
+    return mosquitto_publish_v5(session_->get(), &mid, topic.c_str(),
+                                static_cast<int>(payload.size()), payload.data(), qos, retain,
+                                properties.get());
 }
 
 void Link::onPublish(int mid) {
-    if (!take(underWay_, mid) && !take(unsent_, mid)) {
+    if (!underWay_.done(mid, qos_ > 0) && !take(unsent_, mid)) {
         sentMid_ = mid; // within the call that sends it
     }
-    underWayCount_ = underWay_.size();
+    underWayCount_ = underWay_.unfinished();
 }
 
 void Link::tellDrops() {

@@ -9,6 +9,7 @@
 #include "node.h"
 #include "session.h"
 #include "topics.h"
+#include "under_way.h"
 #include "wake.h"
 
 #include <atomic>
@@ -17,6 +18,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -85,6 +87,7 @@ private:
     std::chrono::milliseconds patience() const;
     void advance();
     void enter(State state);
+    void makeSession();
     void connect();
     void work(bool readable);
     void end(int result);
@@ -93,8 +96,8 @@ private:
     void flush();
     void flushDirect();
     bool publish(Publication publication);
-    int put(const std::string &topic, const std::string &payload, int qos, bool retain,
-            const Properties &properties, std::vector<int> &underWay);
+    int put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
+            const Properties &properties);
     void tellDrops();
 
     struct Callbacks;
@@ -117,7 +120,7 @@ private:
     std::deque<Direct> direct_;
 
     std::mutex mutex_; // of everything below
-    Session session_;
+    std::optional<Session> session_;
     Lookup lookup_;
     State state_ = State::kDown;
     bool open_ = false;                  // the socket has been ready since it was made
@@ -125,9 +128,9 @@ private:
     std::chrono::milliseconds retry_{0};
     Clock::time_point since_{};  // of the state
     Clock::time_point second_{}; // when it was last looked after what comes now and then
-    std::vector<int> underWay_;  // publications
-    std::vector<int> unsent_;    // direct messages that the socket has not taken
-    int sentMid_ = 0;            // the latest of neither
+    UnderWay underWay_;
+    std::vector<int> unsent_; // direct messages that the socket has not taken
+    int sentMid_ = 0;         // the latest of neither
     std::size_t window_ = 0;
     int qos_ = 0;
     std::vector<std::pair<int, std::string>> subscriptions_; // that have not been answered

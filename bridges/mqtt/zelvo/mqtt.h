@@ -68,12 +68,12 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  * busClientNew a "callTimeout". "qos"       of publications: 0, 1 (the default) or 2. Calls have 0.
  *   "callTimeout"   milliseconds that a call waits for its answer (5000; 1 to 3,600,000)
  *   "buffer"    {"messages": 10000, "bytes": 16777216}: publications that are kept while the broker
- *               is away or slow, beyond the 20 under way. The oldest are dropped first. A single
- * one that is larger is dropped itself. "sessionExpiry"   seconds for which the broker is to keep
- * what comes in while the bridge is away (3600; 0: not at all) "log"       file that the lines are
- * appended to (standard error) "logLevel"  least level that is logged, 1 to 5 as for busClientNew
- * (3) A topic in "out" and in "in" is refused: it would come back. A publication that has passed 8
- * bridges is dropped: sites that pass a topic on stand in a ring.
+ *               is away or slow, beyond the at most 64 under way. The oldest are dropped first. A
+ * single one that is larger is dropped itself. "sessionExpiry"   seconds for which the broker is to
+ * keep what comes in while the bridge is away (3600; 0: not at all) "log"       file that the lines
+ * are appended to (standard error) "logLevel"  least level that is logged, 1 to 5 as for
+ * busClientNew (3) A topic in "out" and in "in" is refused: it would come back. A publication that
+ * has passed 8 bridges is dropped: sites that pass a topic on stand in a ring.
  *
  * The sticky topic "mqtt.state" tells on the bus whether there is a connection:
  *   {"bridge": "mqtt.SITE", "connected": false, "why": "Connection refused"}
