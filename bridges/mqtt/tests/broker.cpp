@@ -111,6 +111,9 @@ Peer::Peer(const Broker &broker, const std::string &subscription) {
     mosquitto_subscribe_callback_set(handle, [](mosquitto *, void *self, int, int, const int *) {
         static_cast<Peer *>(self)->subscribed_ = true;
     });
+    mosquitto_publish_callback_set(handle, [](mosquitto *, void *self, int) {
+        static_cast<Peer *>(self)->published_ = true;
+    });
     require(mosquitto_connect(handle, "127.0.0.1", broker.port(), 60) == 0, "the peer connects");
     require(mosquitto_subscribe(handle, nullptr, subscription.c_str(), 1) == 0, "it subscribes");
     while (!subscribed_) {
@@ -124,12 +127,13 @@ void Peer::turn() {
 
 void Peer::publish(const std::string &topic, const std::string &payload, bool retain,
                    mqtt5__property *properties) {
+    published_ = false;
     const int result = mosquitto_publish_v5(handle_.get(), nullptr, topic.c_str(),
-                                            static_cast<int>(payload.size()), payload.data(), 1,
-                                            retain, properties);
+                                            static_cast<int>(payload.size()), payload.data(),
+                                            properties ? 0 : 1, retain, properties);
     mosquitto_property_free_all(&properties);
     require(result == 0, "the peer can't publish");
-    while (mosquitto_want_write(handle_.get())) {
+    while (!published_) {
         turn();
     }
 }

@@ -24,6 +24,8 @@ public:
 
     void start(); // returns when it takes connections
     void kill(int signal);
+    void pause() { ::kill(process_, SIGSTOP); }
+    void resume() { ::kill(process_, SIGCONT); }
     int port() const { return port_; }
     std::string url(const char *scheme = "mqtt", const char *host = "127.0.0.1") const;
     const TempDir &directory() const { return directory_; }
@@ -45,7 +47,8 @@ public:
     };
     Peer(const Broker &broker, const std::string &subscription);
 
-    // properties is freed.
+    // Returns when the broker has it; without acknowledgement where there are properties, which are
+    // freed.
     void publish(const std::string &topic, const std::string &payload, bool retain = false,
                  mqtt5__property *properties = nullptr);
     // Waits for so many messages.
@@ -60,7 +63,7 @@ private:
     };
     std::unique_ptr<mosquitto, Destroy> handle_;
     std::vector<Message> messages_;
-    bool subscribed_ = false;
+    bool subscribed_ = false, published_ = false;
 };
 
 #endif
