@@ -15,7 +15,7 @@ constexpr const char *kRefused = "{\"data\":\"not implement\"}";
 class Bridges : public testing::Test {
 protected:
     Bridges() { broker.start(); }
-    Broker broker;
+    Broker broker{"allow_anonymous true\npersistence true\npersistence_location DIR/\n"};
 };
 
 void publish(Bridged &from, const std::string &topic, const std::string &payload,
@@ -177,7 +177,8 @@ TEST_F(Bridges, bad_input_from_the_broker_hurts_nobody) {
     peer.publish("zelvo/topic/t", "end");
     EXPECT_TRUE(site.listener.hears("t=end"));
     EXPECT_EQ(site.listener.heard().size(), 3U + 1U); // two states, the large one, the end
-    EXPECT_EQ(peer.next("zelvo/answer/p"), "/listener/0<");
+    while (peer.next("zelvo/answer/p") != "/listener/0<") { // others are refused at once
+    }
     EXPECT_EQ(site.listener.node.call("/mqtt.site/other"), "{\"msg\":\"not implement\"}");
     for (const char *const line :
          {"its number of hops is none", "no topic of this prefix", "its topic is malformed"}) {
@@ -192,14 +193,14 @@ TEST_F(Bridges, publications_wait_for_a_broker_that_is_away) {
     hear(to, {"t"});
     publish(from, "t", "before");
     ASSERT_TRUE(to.listener.hears("t=before"));
-    broker.kill(SIGKILL);
+    broker.kill(SIGTERM);
     EXPECT_TRUE(eventually([&] { return says(from.state(), R"("connected":false)"); }));
     for (int i = 1; i <= 30; ++i) {
         publish(from, "t", std::to_string(i));
     }
     EXPECT_TRUE(says(from.state(), R"("dropped":20)"));
     EXPECT_TRUE(from.logs("20 publications were dropped"));
-    broker.start();
+    broker.start(); // which knows the receiver's session, so the order of their return is no matter
     EXPECT_TRUE(to.listener.hears("t=30") && to.listener.hears("t=21"));
     EXPECT_FALSE(to.listener.hears("t=20", std::chrono::milliseconds{0}));
     EXPECT_TRUE(eventually([&] { return says(from.state(), R"("connected":true)"); }));
