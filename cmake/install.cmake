@@ -11,6 +11,12 @@ install(TARGETS zelvo EXPORT ZelvoTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
+if(ZELVO_BUILD_MQTT)
+    install(FILES bridges/mqtt/zelvo/mqtt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelvo)
+    install(TARGETS zelvo-mqtt EXPORT ZelvoMqttTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(EXPORT ZelvoMqttTargets NAMESPACE Zelvo:: DESTINATION ${ZELVO_PACKAGE_DIR})
+endif()
+
 # The CMake package.
 install(EXPORT ZelvoTargets NAMESPACE Zelvo:: DESTINATION ${ZELVO_PACKAGE_DIR})
 configure_package_config_file(cmake/ZelvoConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/ZelvoConfig.cmake
@@ -40,3 +46,7 @@ cmake_path(APPEND ZELVO_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
 get_target_property(ZELVO_PC_NAME zelvo OUTPUT_NAME)
 configure_file(cmake/zelvo.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelvo.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelvo.pc DESTINATION ${ZELVO_PKGCONFIG_DIR})
+if(ZELVO_BUILD_MQTT)
+    configure_file(cmake/zelvo-mqtt.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelvo-mqtt.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelvo-mqtt.pc DESTINATION ${ZELVO_PKGCONFIG_DIR})
+endif()

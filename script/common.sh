@@ -14,7 +14,7 @@ fail() {
 
 # sources [FOLDER...]: the C and C++ files of those of the folders that exist, by default of all.
 sources() {
-    (($#)) || set -- src tools tests examples bench fuzz
+    (($#)) || set -- src tools tests examples bench fuzz bridges
     local folder
     for folder in "$@"; do
         [[ ! -d $folder ]] || find "$folder" -name '*.h' -o -name '*.cpp' -o -name '*.c'

@@ -149,9 +149,11 @@ std::vector<Peer::Message> Peer::take(std::size_t number) {
 
 std::string Peer::next(const std::string &topic) {
     while (true) {
-        for (const Message &message : take(1)) {
-            if (message.topic == topic) {
-                return message.payload;
+        std::vector<Message> all = take(1);
+        for (auto message = all.begin(); message != all.end(); ++message) {
+            if (message->topic == topic) {
+                messages_.insert(messages_.begin(), message + 1, all.end());
+                return message->payload;
             }
         }
     }

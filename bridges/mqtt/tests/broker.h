@@ -53,7 +53,7 @@ public:
                  mqtt5__property *properties = nullptr);
     // Waits for so many messages.
     std::vector<Message> take(std::size_t number);
-    // The first of a topic.
+    // Waits for the first of a topic; those before it are passed over.
     std::string next(const std::string &topic);
 
 private:
