@@ -41,6 +41,8 @@ CELLS = {
     "join-2000": "Connecting and leaving, the 2,000th node",
     "memory-2000": "2,000 nodes, each with its thread: each node",
     "memory-2000-quiet": "The same, without notices of joining nodes",
+    "mqtt-call": "Call from process to process over mosquitto",
+    "mqtt-publish": "Publish 64 bytes from process to process over mosquitto, QoS 1",
     "ring-sleep": "Limit: a token handed over four times, by sleeping",
     "ring-spin": "Limit: the same, with four looks before sleeping",
     "blocks": "Limit: 100 bytes allocated in one thread and freed in another",

@@ -43,7 +43,7 @@ Bridge::Bridge(Zelvo_t *bus, const Config &config, Log &log)
       receiver_{topics_, inflow_, calls_, serving_, log_} {
     if (!config_.in.empty()) {
         inflow_.emplace(bus, config_, topics_, name_ + ".in", passing_, log_,
-                        [this] { link_.kick(); });
+                        [this] { link_.wake(); });
     }
 }
 

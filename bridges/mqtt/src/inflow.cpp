@@ -14,10 +14,10 @@ constexpr std::chrono::milliseconds kLongestWait{500}; // for those that catch u
 } // namespace
 
 Inflow::Inflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-               Passing &passing, Log &log, std::function<void()> kick)
+               Passing &passing, Log &log, std::function<void()> wake)
     : passing_{passing},
       log_{log},
-      kick_{std::move(kick)},
+      wake_{std::move(wake)},
       name_{name},
       node_{bus, name, onMessage, nullptr, this} {
     for (const std::string &topic : config.in) {
@@ -82,7 +82,7 @@ int Inflow::onMessage(void *self, client_t *, char *topic, char *data, int len) 
         std::from_chars(data, data + len, mark).ec == std::errc{}) {
         inflow.awaitOthers();
         inflow.returned_ = mark;
-        inflow.kick_();
+        inflow.wake_();
     }
     return 0;
 }

@@ -30,9 +30,9 @@ class Inflow {
 public:
     static constexpr int kChunk = 128;
 
-    // kick: called in the node's thread when a pause is over. Joins the bus; throws OpenError.
+    // wake: called in the node's thread when a pause is over. Joins the bus; throws OpenError.
     Inflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-           Passing &passing, Log &log, std::function<void()> kick);
+           Passing &passing, Log &log, std::function<void()> wake);
 
     // The rest, except close(), is the link's thread's. None of it blocks.
     bool takes(const std::string &topic) const { return topics_.count(topic) != 0; }
@@ -52,7 +52,7 @@ private:
 
     Passing &passing_;
     Log &log_;
-    const std::function<void()> kick_;
+    const std::function<void()> wake_;
     const std::string name_;
     std::map<std::string, std::string> topics_; // the bus's by the broker's
 

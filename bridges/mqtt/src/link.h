@@ -72,8 +72,10 @@ public:
 
     // Sends what is to be sent at once. False: not connected, or too much waits to be sent.
     bool send(Direct message);
-    // The buffer holds something, or pause() has changed.
+    // The buffer holds something.
     void kick();
+    // pause() may have ended.
+    void wake() { wake_.set(); }
     bool isConnected() const { return connected_.load(std::memory_order_relaxed); }
     std::size_t underWay() const { return underWayCount_.load(std::memory_order_relaxed); }
 

@@ -1,8 +1,21 @@
 #include "serving.h"
 
 #include <algorithm>
+#include <iterator>
+#include <string_view>
 
 namespace zelvo_mqtt {
+namespace {
+
+// What else the bus does when it is asked, it does to the node that asks: here the bridge's.
+bool isAboutCaller(std::string_view url) {
+    constexpr std::string_view bus = "/bus/";
+    constexpr std::string_view others[] = {"/bus/nodes", "/bus/stats"};
+    return url.starts_with(bus) &&
+           std::find(std::begin(others), std::end(others), url) == std::end(others);
+}
+
+} // namespace
 
 Serving::Caller::Caller(Serving &its, Zelvo_t *bus, const std::string &name, std::string served)
     : serving{its},
@@ -46,6 +59,8 @@ void Serving::request(const Incoming &incoming) {
     Caller *const caller = callerOf(request.url);
     if (!caller) {
         refuse(request, "that node is not served");
+    } else if (isAboutCaller(request.url)) {
+        refuse(request, "of the bus, only \"/nodes\" and \"/stats\" are served");
     } else if (!append(*caller, request)) {
         refuse(request, "too many calls wait for that node");
     }

@@ -88,7 +88,7 @@ TEST_F(Bridges, a_ring_of_sites_is_stopped) {
 
 TEST_F(Bridges, calls_reach_what_is_served_and_nothing_else) {
     Bridged one{broker.url(), "one", R"("call":["two"],"callTimeout":60000)"};
-    Bridged two{broker.url(), "two", R"("serve":["listener","localKeys"])"};
+    Bridged two{broker.url(), "two", R"("serve":["listener","localKeys","bus"])"};
     Peer peer{broker, "zelvo/site/two"};
     ASSERT_TRUE(one.connects() && two.connects());
     EXPECT_EQ(peer.next("zelvo/site/two"), "online");
@@ -97,11 +97,12 @@ TEST_F(Bridges, calls_reach_what_is_served_and_nothing_else) {
     EXPECT_EQ(caller.call("/two/listener/x"), "/listener/x<");
     EXPECT_EQ(caller.call("/two/localKeys/k", R"({"operation":"set","data":"v"})", 30),
               R"({"data":""})");
-    for (const char *const url : {"/two/bus/nodes", "/two/b/nodes", "/two/local/k",
+    for (const char *const url : {"/two/bus/disjoin", "/two/b/nodes", "/two/local/k",
                                   "/two/mqtt.two/state", "/two/", "/two//x", "/two/listener"}) {
         EXPECT_EQ(caller.call(url), kRefused) << url;
     }
-    EXPECT_TRUE(two.logs("/bus/nodes from outside is refused: that node is not served"));
+    EXPECT_TRUE(says(caller.call("/two/bus/nodes"), "\"mqtt.two\""));
+    EXPECT_TRUE(two.logs("/b/nodes from outside is refused: that node is not served"));
     two.close();
     EXPECT_EQ(peer.next("zelvo/site/two"), "offline");
     EXPECT_TRUE(eventually([&] {
@@ -176,7 +177,7 @@ TEST_F(Bridges, bad_input_from_the_broker_hurts_nobody) {
     }
     peer.publish("zelvo/topic/t", "end");
     EXPECT_TRUE(site.listener.hears("t=end"));
-    EXPECT_EQ(site.listener.heard().size(), 3U + 1U); // two states, the large one, the end
+    EXPECT_EQ(site.listener.heard().size(), 3U + 1U);       // two states, the large one, the end
     while (peer.next("zelvo/answer/p") != "/listener/0<") { // others are refused at once
     }
     EXPECT_EQ(site.listener.node.call("/mqtt.site/other"), "{\"msg\":\"not implement\"}");

@@ -111,9 +111,8 @@ Peer::Peer(const Broker &broker, const std::string &subscription) {
     mosquitto_subscribe_callback_set(handle, [](mosquitto *, void *self, int, int, const int *) {
         static_cast<Peer *>(self)->subscribed_ = true;
     });
-    mosquitto_publish_callback_set(handle, [](mosquitto *, void *self, int) {
-        static_cast<Peer *>(self)->published_ = true;
-    });
+    mosquitto_publish_callback_set(
+        handle, [](mosquitto *, void *self, int) { static_cast<Peer *>(self)->published_ = true; });
     require(mosquitto_connect(handle, "127.0.0.1", broker.port(), 60) == 0, "the peer connects");
     require(mosquitto_subscribe(handle, nullptr, subscription.c_str(), 1) == 0, "it subscribes");
     while (!subscribed_) {
