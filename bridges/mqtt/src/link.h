@@ -107,6 +107,9 @@ private:
     void onPublish(int mid);
     void onSubscribe(int mid, int reason);
 
+    // The link whose thread this is: it holds the mutex while it is called back.
+    static thread_local const Link *own_;
+
     const Config &config_;
     const Topics &topics_;
     Buffer &buffer_;

@@ -5,8 +5,10 @@
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
+#include <cerrno>
 #include <csignal>
 #include <mutex>
+#include <system_error>
 
 namespace zelvo_mqtt {
 namespace {
@@ -39,6 +41,13 @@ const char *orNull(const std::string &text) {
 }
 
 } // namespace
+
+std::string errorText(int result) {
+    if (result == MOSQ_ERR_ERRNO) {
+        return std::generic_category().message(errno);
+    }
+    return result >= 128 ? mosquitto_reason_string(result) : mosquitto_strerror(result);
+}
 
 void PropertiesDelete::operator()(mqtt5__property *properties) const {
     mosquitto_property_free_all(&properties);

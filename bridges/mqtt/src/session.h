@@ -13,6 +13,9 @@ struct mqtt5__property;
 
 namespace zelvo_mqtt {
 
+// What a result of the library, or a reason code, means; errno belongs to some results.
+std::string errorText(int result);
+
 struct PropertiesDelete {
     void operator()(mqtt5__property *properties) const;
 };
