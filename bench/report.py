@@ -11,7 +11,7 @@ import sys
 import svg
 from results import Results
 from svg import time_text
-from targets import OURS, idle_wakeups, judged
+from targets import ASYNC_LIMIT_MS, OURS, async_milliseconds, idle_wakeups, judged
 
 CELLS = {
     "call-2": "Call round trip among 2 nodes, 16 bytes there and 23 back",
@@ -45,6 +45,9 @@ CELLS = {
     "join-2000": "Connecting and leaving, the 2,000th node",
     "memory-2000": "2,000 nodes, each with its thread: each node",
     "memory-2000-quiet": "The same, without notices of joining nodes",
+    "async-16": "16 calls at once from one node to others that take 1 ms each",
+    "mqtt-call": "Call from process to process over mosquitto",
+    "mqtt-publish": "Publish 64 bytes from process to process over mosquitto, QoS 1",
     "ring-sleep": "Limit: a token handed over four times, by sleeping",
     "ring-spin": "Limit: the same, with four looks before sleeping",
     "blocks": "Limit: 100 bytes allocated in one thread and freed in another",
@@ -123,6 +126,10 @@ def target_table(results):
     marks = {None: "not measured", True: "reached", False: "**not reached**"}
     for what, name, limit, ratio, reached in judged(results):
         rows.append([what, name, f"{limit:g}", ratio_text(ratio), marks[reached]])
+    time = async_milliseconds(results)
+    rows.append(["16 asynchronous calls of 1 ms through the C++ header, ms", "",
+                 f"{ASYNC_LIMIT_MS:g}", "" if time is None else f"**{time:.2f}**",
+                 marks[None if time is None else time <= ASYNC_LIMIT_MS]])
     wakeups = idle_wakeups(results)
     rows.append(["idle without timers: wake-ups a second", "", "0",
                  "" if wakeups is None else f"**{wakeups:.1f}**",

@@ -25,6 +25,7 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${emulator} -L /usr/${triple})
 
 # Libraries, headers and packages of the machine that builds are none of the target's.
 list(APPEND CMAKE_FIND_ROOT_PATH /usr/${triple})
+set(ENV{PKG_CONFIG_LIBDIR} /usr/${triple}/lib/pkgconfig)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -16,6 +16,14 @@ install(TARGETS zelvo EXPORT ${targets}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
+if(ZELVO_BUILD_MQTT)
+    install(FILES bridges/mqtt/zelvo/mqtt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zelvo)
+    install(TARGETS zelvo-mqtt EXPORT ZelvoMqttTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(EXPORT ZelvoMqttTargets NAMESPACE Zelvo:: DESTINATION ${ZELVO_PACKAGE_DIR})
+    export(EXPORT ZelvoMqttTargets NAMESPACE Zelvo::
+        FILE ${CMAKE_CURRENT_BINARY_DIR}/ZelvoMqttTargets.cmake)
+endif()
+
 # The CMake package, and the same in the build tree: Zelvo_DIR may name either.
 install(EXPORT ${targets} NAMESPACE Zelvo:: DESTINATION ${ZELVO_PACKAGE_DIR})
 export(EXPORT ${targets} NAMESPACE Zelvo:: FILE ${CMAKE_CURRENT_BINARY_DIR}/${targets}.cmake)
@@ -65,3 +73,7 @@ if(type STREQUAL "STATIC_LIBRARY")
 endif()
 configure_file(cmake/zelvo.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelvo.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelvo.pc DESTINATION ${ZELVO_PKGCONFIG_DIR})
+if(ZELVO_BUILD_MQTT)
+    configure_file(cmake/zelvo-mqtt.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zelvo-mqtt.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelvo-mqtt.pc DESTINATION ${ZELVO_PKGCONFIG_DIR})
+endif()

@@ -14,10 +14,10 @@ fail() {
 
 # sources [FOLDER...]: the C and C++ files of those of the folders that exist, by default of all.
 sources() {
-    (($#)) || set -- src tools tests examples bench fuzz apps
+    (($#)) || set -- src tools cpp tests examples bench fuzz bridges apps
     local folder
     for folder in "$@"; do
-        [[ ! -d $folder ]] || find "$folder" -name '*.h' -o -name '*.cpp' -o -name '*.c'
+        [[ ! -d $folder ]] || find "$folder" -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c'
     done | sort
 }
 

@@ -3,7 +3,7 @@
 #ifndef HOST_MONITOR_CONSOLE_H
 #define HOST_MONITOR_CONSOLE_H
 
-#include "bus.h"
+#include <zelvo/bus.hpp>
 
 #include <chrono>
 #include <condition_variable>
@@ -15,9 +15,10 @@
 
 class Console {
 public:
-    explicit Console(const Bus &bus) : node_(bus, "console", onMessage, nullptr, this) {
-        node_.subscribe(R"(["host.info", "host.cpu", "host.memory", "host.load", "host.error",
-                            "bus.error"])");
+    explicit Console(const zelvo::Bus &bus) : node_{bus, "console"} {
+        node_.subscribe(
+            {"host.info", "host.cpu", "host.memory", "host.load", "host.error", "bus.error"},
+            [this](std::string_view topic, std::string_view data) { keep(topic, data); });
     }
 
     // Waits for a message of topic that has not been taken yet, and takes it; of several, the
@@ -25,27 +26,28 @@ public:
     std::string take(const std::string &topic) {
         std::unique_lock lock(mutex_);
         const bool came = arrived_.wait_for(lock, std::chrono::seconds(2), [&] {
-            return latest_.count(topic) != 0 || latest_.count("host.error") != 0;
+            return latest_.contains(topic) || latest_.contains("host.error");
         });
         if (!came) {
             throw std::runtime_error("no message on " + topic + " within two seconds");
         }
-        if (latest_.count("host.error") != 0) {
+        if (latest_.contains("host.error")) {
             throw std::runtime_error("the sampler has stopped: " + latest_["host.error"]);
         }
         return latest_.extract(topic).mapped();
     }
 
-    std::string call(const char *url, std::string_view data = {}) { return node_.call(url, data); }
+    zelvo::Answer call(const std::string &url, std::string_view data = {}) {
+        return node_.call(url, data);
+    }
+    zelvo::Node &node() { return node_; }
 
 private:
-    // topic and data are valid only until the handler returns: hence the copies.
-    static int onMessage(void *userdata, client_t *, char *topic, char *data, int len) noexcept {
-        Console &console = *static_cast<Console *>(userdata);
-        std::lock_guard lock(console.mutex_);
-        console.latest_[topic] = data ? std::string(data, static_cast<std::size_t>(len)) : "";
-        console.arrived_.notify_one();
-        return 0;
+    // topic and data are good only until the handler returns: hence the copies.
+    void keep(std::string_view topic, std::string_view data) {
+        const std::lock_guard lock(mutex_);
+        latest_[std::string{topic}] = data;
+        arrived_.notify_one();
     }
 
     std::mutex mutex_;
@@ -53,7 +55,7 @@ private:
     // By topic, what has not been taken. Guarded by mutex_: the handler fills it in the node's
     // thread, take() empties it in the caller's.
     std::map<std::string, std::string> latest_;
-    Node node_;
+    zelvo::Node node_;
 };
 
 #endif

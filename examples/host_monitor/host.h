@@ -22,7 +22,7 @@ Memory readMemory();
 // The mean load over 1, 5 and 15 minutes: "0.31 0.22 0.08". One thread at a time may ask.
 std::string readLoad();
 
-// What does not change, as a JSON object: host name, kernel, processors, memory.
+// What does not change: host name, system, processors, memory.
 std::string describeHost();
 
 #endif

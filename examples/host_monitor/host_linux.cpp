@@ -1,6 +1,6 @@
 #include "host.h"
 
-#include "json.h"
+#include "format.h"
 
 #include <sys/utsname.h>
 
@@ -54,8 +54,7 @@ std::string readLoad() {
 std::string describeHost() {
     utsname names{};
     require(uname(&names) == 0, "the host's name");
-    return "{\"host\":" + jsonString(names.nodename) +
-           ",\"kernel\":" + jsonString(std::string(names.sysname) + ' ' + names.release) +
-           ",\"cpus\":" + std::to_string(std::thread::hardware_concurrency()) +
-           ",\"memoryMiB\":" + jsonNumber(readMemory().total) + '}';
+    return std::string(names.nodename) + ", " + names.sysname + ' ' + names.release + ", " +
+           std::to_string(std::thread::hardware_concurrency()) + " processors, " +
+           oneDecimal(readMemory().total) + " MiB";
 }

@@ -3,7 +3,7 @@
 
 #include "host.h"
 
-#include "json.h"
+#include "format.h"
 
 #include <array>
 #include <chrono>
@@ -42,7 +42,7 @@ public:
         }
         before_ = now;
         when_ = when;
-        return jsonNumber(means_[0]) + ' ' + jsonNumber(means_[1]) + ' ' + jsonNumber(means_[2]);
+        return oneDecimal(means_[0]) + ' ' + oneDecimal(means_[1]) + ' ' + oneDecimal(means_[2]);
     }
 
 private:
@@ -87,7 +87,6 @@ std::string readLoad() {
 }
 
 std::string describeHost() {
-    return "{\"host\":" + jsonString(hostName()) + ",\"kernel\":\"Windows\",\"cpus\":" +
-           std::to_string(std::thread::hardware_concurrency()) +
-           ",\"memoryMiB\":" + jsonNumber(readMemory().total) + '}';
+    return hostName() + ", Windows, " + std::to_string(std::thread::hardware_concurrency()) +
+           " processors, " + oneDecimal(readMemory().total) + " MiB";
 }

@@ -5,15 +5,29 @@ source "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# write_example FOLDER: example.c and example.cpp, the README's first ```c block.
-write_example() {
-    awk '/^```c$/ { inside = 1; next } inside && /^```$/ { exit } inside' README.md >"$1/example.c"
-    [[ -s $1/example.c ]] || fail "README.md has no \`\`\`c block"
+# block LANGUAGE: the README's first block of it.
+block() {
+    awk -v fence="\`\`\`$1" '$0 == fence { inside = 1; next } inside && /^```$/ { exit } inside' README.md
+}
+
+# write_examples FOLDER: the README's first example in C as example.c and example.cpp, and the one in
+# C++ as face.cpp.
+write_examples() {
+    block c >"$1/example.c"
+    block cpp >"$1/face.cpp"
+    [[ -s $1/example.c && -s $1/face.cpp ]] || fail "README.md has no block of C or of C++"
     cp "$1/example.c" "$1/example.cpp"
 }
 
-# check_output PROGRAM [LIBRARY-FOLDER]: the example prints what the file `expected` holds.
+# compare_output SOURCE OUTPUT: the program of a source has printed what it should.
+compare_output() {
+    local expected=tests/package/expected
+    [[ $1 != */face.cpp ]] || expected+=_cpp
+    diff -u "$expected" "$2" || fail "the program of $1: other output than expected"
+}
+
+# check_output PROGRAM SOURCE [LIBRARY-FOLDER]: runs a program.
 check_output() {
-    LD_LIBRARY_PATH=${2:-} timeout 60 "$1" >"$work/output" || fail "$1 failed: $?"
-    diff -u tests/package/expected "$work/output" || fail "$1: other output than expected"
+    LD_LIBRARY_PATH=${3:-} timeout 60 "$1" >"$work/output" || fail "$1 failed: $?"
+    compare_output "$2" "$work/output"
 }

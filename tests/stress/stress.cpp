@@ -283,7 +283,7 @@ void run(Options &options) {
             plan.refused > 0 ? untouched < 10 : std::chrono::steady_clock::now() < end;
         goesOn = more && options["--deliveries"] == 0 && faults == 0;
         if (!goesOn) {
-            std::fprintf(stderr, "%s: %ld faults\n", name.c_str(), faults.load());
+            std::fprintf(stderr, "%s: %s faults\n", name.c_str(), std::to_string(faults).c_str());
         }
     }
 }
@@ -309,7 +309,8 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "The options stand at the head of tests/stress/stress.cpp.\n");
         return 2;
     }
-    std::fprintf(stderr, "seed %lu\n", options["--seed"]); // also where a phase ends the program
+    // Also where a phase ends the program.
+    std::fprintf(stderr, "seed %s\n", std::to_string(options["--seed"]).c_str());
     stress::run(options);
     return stress::faults == 0 ? 0 : 1;
 }

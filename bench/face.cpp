@@ -1,0 +1,91 @@
+// Zelvo through its C++ header: the cells that show what that costs, and asynchronous calls.
+#include "scenario.h"
+
+#include <zelvo/bus.hpp>
+
+#include <array>
+#include <deque>
+
+namespace {
+
+using namespace bench;
+
+// As in zelvo.cpp.
+zelvo::Config config() {
+    zelvo::Config config;
+    config.level = zelvo::Level::info;
+    config.log = "zelvo.log";
+    return config;
+}
+
+class FaceCaller final : public Caller {
+public:
+    explicit FaceCaller(const Shape & /*shape*/) {
+        callee_.on_call("/answer", [](std::string_view) { return std::string{kAnswer}; });
+    }
+    std::size_t call() override { return caller_.call("/node-b/answer", kRequest).text.size(); }
+
+private:
+    zelvo::Bus bus_{config()};
+    zelvo::Node callee_{bus_, "node-b"};
+    zelvo::Node caller_{bus_, "node-a"};
+};
+
+class FacePublisher final : public Publisher {
+public:
+    FacePublisher(const Shape &shape, Sink &sink) {
+        for (int i = 0; i < shape.subscribers; ++i) {
+            auto &node = subscribers_.emplace_back(bus_, "subscriber-" + std::to_string(i));
+            node.subscribe("measured", [&sink, i](std::string_view data) {
+                sink.receive(i, data.data(), data.size());
+            });
+        }
+    }
+    void publish(std::string_view payload) override { publisher_.publish("measured", payload); }
+
+private:
+    zelvo::Bus bus_{config()};
+    zelvo::Node publisher_{bus_, "publisher"};
+    std::deque<zelvo::Node> subscribers_;
+};
+
+std::unique_ptr<Caller> caller(const Shape &shape) {
+    return std::make_unique<FaceCaller>(shape);
+}
+std::unique_ptr<Publisher> publisher(const Shape &shape, Sink &sink) {
+    return std::make_unique<FacePublisher>(shape, sink);
+}
+
+// Calls from one node to 16 others at once, each of which takes a millisecond.
+Result async16(int milliseconds) {
+    constexpr std::size_t count = 16;
+    const zelvo::Bus bus{config()};
+    const zelvo::Node caller{bus, "caller"};
+    std::deque<zelvo::Node> called;
+    std::vector<std::string> urls;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string name = "called-" + std::to_string(i);
+        called.emplace_back(bus, name).on_call("/answer", [](std::string_view) {
+            std::this_thread::sleep_for(std::chrono::milliseconds{1});
+            return std::string{kAnswer};
+        });
+        urls.push_back("/" + name + "/answer");
+    }
+    return repeat(milliseconds, [&] {
+        std::array<std::future<zelvo::Answer>, count> answers;
+        for (std::size_t i = 0; i < count; ++i) {
+            answers[i] = caller.call_async(urls[i], kRequest);
+        }
+        for (auto &answer : answers) {
+            requireAnswer(answer.get().text.size());
+        }
+    });
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const std::array systems{
+        System{"Zelvo C++", caller, publisher, {"call-2", "publish-64"}, {{"async-16", async16}}}};
+    return bench::run(argc, argv, systems);
+}

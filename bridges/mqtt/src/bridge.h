@@ -1,0 +1,68 @@
+// The bridge as a whole.
+#ifndef ZELVO_MQTT_BRIDGE_H
+#define ZELVO_MQTT_BRIDGE_H
+
+#include "buffer.h"
+#include "calls.h"
+#include "config.h"
+#include "inflow.h"
+#include "link.h"
+#include "log.h"
+#include "outflow.h"
+#include "passing.h"
+#include "receiver.h"
+#include "serving.h"
+#include "topics.h"
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace zelvo_mqtt {
+
+class Bridge final : private LinkEvents {
+public:
+    // Joins the bus, without a thread yet. Throws OpenError, std::bad_alloc, std::system_error.
+    Bridge(Zelvo_t *bus, const Config &config, Log &log);
+    // Waits for calls that have not been answered: close() comes first.
+    ~Bridge() override;
+
+    void start();
+    // False: a call into the bus has not been answered; to be called again.
+    bool close();
+
+private:
+    void connected() override;
+    void disconnected(const std::string &why) override;
+    void received(const mosquitto_message &message, const mqtt5__property *properties) override;
+    std::chrono::milliseconds pause() override;
+
+    void announce(bool connected, const std::string &why);
+    void withdrawState();
+    std::string state();
+    std::string nodeName(const std::string &site) const;
+    template <typename Function>
+    void eachNode(Function function);
+
+    const Config config_;
+    Log &log_;
+    const Topics topics_;
+    Passing passing_;
+    const std::string name_;
+    Buffer buffer_;
+    Link link_;
+    Outflow outflow_;
+    std::optional<Inflow> inflow_;
+    Calls calls_;
+    Serving serving_;
+    Receiver receiver_;
+    bool closing_ = false;
+
+    std::mutex stateMutex_; // of the next two
+    bool connected_ = false;
+    std::string why_ = "connecting";
+};
+
+} // namespace zelvo_mqtt
+
+#endif

@@ -1,0 +1,281 @@
+#include "config.h"
+
+#include "config_reader.h"
+#include "topics.h"
+
+#include <mosquitto.h>
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string_view>
+
+namespace zelvo_mqtt {
+namespace {
+
+constexpr std::size_t kLongestSite = 32;
+constexpr std::size_t kLongestNode = 71; // whose join notice the bus can send
+constexpr std::size_t kLongestPrefix = 200;
+
+bool isUtf8(const std::string &text) {
+    return text.size() < kLongestTopic &&
+           mosquitto_validate_utf8(text.c_str(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
+}
+
+// The bus takes every non-empty beginning of these for the host itself.
+bool isReserved(std::string_view name) {
+    return std::string_view{"bus"}.starts_with(name) ||
+           std::string_view{"localKeys"}.starts_with(name);
+}
+
+void checkNode(const Value &value, const std::string &name) {
+    if (name.empty() || name.size() > kLongestNode || name.find('/') != name.npos ||
+        isReserved(name)) {
+        value.refuse("\"" + name + "\" is no name of a node that can be called");
+    }
+}
+
+void checkSite(const Value &value, const std::string &site) {
+    if (site.empty() || site.size() > kLongestSite || site.find('/') != site.npos ||
+        isReserved(site) || !isUtf8(site)) {
+        value.refuse("\"" + site + "\" is no name of a site");
+    }
+}
+
+void readUrl(Config &config, const Value &value) {
+    const std::string text = value.text();
+    std::string_view rest = text;
+    config.tls = rest.starts_with("mqtts://");
+    if (!config.tls && !rest.starts_with("mqtt://")) {
+        value.refuse("has to begin with mqtt:// or mqtts://");
+    }
+    rest.remove_prefix(rest.find("//") + 2);
+    config.port = config.tls ? 8883 : 1883;
+    const bool bracket = rest.starts_with('[');
+    const std::size_t end = bracket ? rest.find(']') : rest.find(':');
+    config.host = rest.substr(bracket ? 1 : 0, end - (bracket && end != rest.npos ? 1 : 0));
+    if (config.host.empty() || (bracket && end == rest.npos) ||
+        config.host.find_first_of("/@?# ") != config.host.npos) {
+        value.refuse("names no host");
+    }
+    rest.remove_prefix(std::min(rest.size(), end == rest.npos ? end : end + (bracket ? 1 : 0)));
+    if (rest.empty()) {
+        return;
+    }
+    const char *const last = rest.data() + rest.size();
+    const auto [stop, error] = std::from_chars(rest.data() + 1, last, config.port);
+    if (rest.front() != ':' || error != std::errc{} || stop != last || config.port < 1 ||
+        config.port > 65535) {
+        value.refuse("has no valid port behind the host, and nothing may follow that");
+    }
+}
+
+std::string fileContent(const Value &value) {
+    const std::string path = value.text();
+    try {
+        std::ifstream file{path, std::ios::binary};
+        if (file) {
+            return {std::istreambuf_iterator<char>{file}, {}};
+        }
+    } catch (const std::ios_base::failure &) { // a directory can be opened, not read
+    }
+    value.refuse("the file \"" + path + "\" can't be read");
+}
+
+template <std::string Config::*Member>
+void readFileName(Config &config, const Value &value) {
+    fileContent(value);
+    config.*Member = value.text();
+}
+
+template <std::string Config::*Member>
+void readText(Config &config, const Value &value) {
+    config.*Member = value.text();
+}
+
+void readPassword(Config &config, const Value &value) {
+    if (!value.isObject()) {
+        config.password = value.text();
+        return;
+    }
+    value.members({{"file", true, [&](const Value &file) {
+                        config.password = fileContent(file);
+                        if (config.password.ends_with('\n')) {
+                            config.password.pop_back();
+                        }
+                        if (config.password.find('\0') != config.password.npos) {
+                            file.refuse("the file holds a NUL");
+                        }
+                    }}});
+}
+
+void readSite(Config &config, const Value &value) {
+    config.site = value.text();
+    checkSite(value, config.site);
+}
+
+void readPrefix(Config &config, const Value &value) {
+    config.prefix = value.text();
+    const std::string &prefix = config.prefix;
+    if (prefix.empty() || prefix.size() > kLongestPrefix || prefix.front() == '$' ||
+        prefix.front() == '/' || prefix.back() == '/' ||
+        prefix.find_first_of("+#") != prefix.npos || !isUtf8(prefix)) {
+        value.refuse("\"" + prefix + "\" can't begin a topic");
+    }
+}
+
+void readOut(Config &config, const Value &value) {
+    value.elements([&](const Value &element) {
+        Config::Out out;
+        if (element.isObject()) {
+            element.members({{"topic", true, [&](const Value &v) { out.topic = v.text(); }},
+                             {"retain", false, [&](const Value &v) { out.retain = v.boolean(); }}});
+        } else {
+            out.topic = element.text();
+        }
+        config.out.push_back(out);
+    });
+}
+
+void readIn(Config &config, const Value &value) {
+    value.elements([&](const Value &element) {
+        config.in.push_back(element.text());
+        if (config.in.back() == "mqtt.state") {
+            element.refuse("\"mqtt.state\" tells of this bridge");
+        }
+    });
+}
+
+void readCall(Config &config, const Value &value) {
+    value.elements([&](const Value &element) {
+        Config::Call call;
+        if (element.isObject()) {
+            element.members({{"site", true, [&](const Value &v) { call.site = v.text(); }},
+                             {"node", true, [&](const Value &v) { call.node = v.text(); }}});
+        } else {
+            call.site = call.node = element.text();
+        }
+        checkSite(element, call.site);
+        checkNode(element, call.node);
+        config.call.push_back(call);
+    });
+}
+
+void readServe(Config &config, const Value &value) {
+    value.elements([&](const Value &element) {
+        const std::string node = element.text();
+        if (node != "bus" && node != "localKeys") {
+            checkNode(element, node);
+        }
+        config.serve.push_back(node);
+    });
+}
+
+void readBuffer(Config &config, const Value &value) {
+    value.members({{"messages", false,
+                    [&](const Value &v) { config.bufferMessages = v.number(1, 10'000'000); }},
+                   {"bytes", false, [&](const Value &v) {
+                        config.bufferBytes = v.number(1, std::uint64_t{1} << 40U);
+                    }}});
+}
+
+// ---- what several members say together ----
+
+void checkTexts(const char *member, std::vector<std::string> texts) {
+    std::sort(texts.begin(), texts.end());
+    const auto twice = std::adjacent_find(texts.begin(), texts.end());
+    if (twice != texts.end()) {
+        throw ConfigError{std::string{"\""} + member + "\": \"" + *twice + "\" stands there twice"};
+    }
+}
+
+template <typename List, typename Text>
+std::vector<std::string> textsOf(const List &list, Text text) {
+    std::vector<std::string> texts;
+    std::transform(list.begin(), list.end(), std::back_inserter(texts), text);
+    return texts;
+}
+
+void checkTopics(const Config &config) {
+    std::vector<std::string> out =
+        textsOf(config.out, [](const Config::Out &entry) { return entry.topic; });
+    checkTexts("out", out);
+    checkTexts("in", config.in);
+    const Topics topics{config.prefix, config.site};
+    const std::set<std::string> outgoing{out.begin(), out.end()};
+    for (const std::string &topic : config.in) {
+        if (outgoing.count(topic) != 0) {
+            throw ConfigError{"\"in\": \"" + topic +
+                              "\" stands in \"out\" too, so it would come back; use one topic for "
+                              "each way, or put a site's name in it"};
+        }
+    }
+    out.insert(out.end(), config.in.begin(), config.in.end());
+    for (const std::string &topic : out) {
+        if (topics.publication(topic).size() > kLongestTopic) {
+            throw ConfigError{"the topic \"" + topic.substr(0, 50) + "...\" is too long for MQTT"};
+        }
+    }
+}
+
+void checkTogether(const Config &config) {
+    checkTopics(config);
+    checkTexts("serve", config.serve);
+    checkTexts("call", textsOf(config.call, [](const Config::Call &entry) { return entry.node; }));
+    for (const Config::Call &call : config.call) {
+        if (call.site == config.site) {
+            throw ConfigError{"\"call\": \"" + call.site + "\" is the own site"};
+        }
+    }
+    if (!config.tls && !(config.ca + config.certificate + config.key).empty()) {
+        throw ConfigError{"\"ca\", \"cert\" and \"key\" are for a \"url\" with mqtts://"};
+    }
+    if (config.certificate.empty() != config.key.empty() ||
+        (config.ca.empty() && !config.key.empty())) {
+        throw ConfigError{"\"cert\" and \"key\" need each other, and \"ca\""};
+    }
+    if (config.user.empty() && !config.password.empty()) {
+        throw ConfigError{"\"password\" needs a \"user\""};
+    }
+}
+
+} // namespace
+
+Config readConfig(const char *json) {
+    Config config;
+    const auto to = [&config](void (*read)(Config &, const Value &)) {
+        return [&config, read](const Value &value) { read(config, value); };
+    };
+    readJson(json, {{"url", true, to(readUrl)},
+                    {"site", true, to(readSite)},
+                    {"prefix", false, to(readPrefix)},
+                    {"ca", false, to(readFileName<&Config::ca>)},
+                    {"cert", false, to(readFileName<&Config::certificate>)},
+                    {"key", false, to(readFileName<&Config::key>)},
+                    {"user", false, to(readText<&Config::user>)},
+                    {"password", false, to(readPassword)},
+                    {"out", false, to(readOut)},
+                    {"in", false, to(readIn)},
+                    {"call", false, to(readCall)},
+                    {"serve", false, to(readServe)},
+                    {"qos", false,
+                     [&](const Value &v) { config.qos = static_cast<int>(v.number(0, 1)); }},
+                    {"callTimeout", false,
+                     [&](const Value &v) {
+                         config.callTimeout = std::chrono::milliseconds{v.number(1, 3'600'000)};
+                     }},
+                    {"buffer", false, to(readBuffer)},
+                    {"sessionExpiry", false,
+                     [&](const Value &v) {
+                         config.sessionExpiry = static_cast<std::uint32_t>(v.number(0, UINT32_MAX));
+                     }},
+                    {"log", false, to(readText<&Config::log>)},
+                    {"logLevel", false,
+                     [&](const Value &v) { config.logLevel = static_cast<int>(v.number(1, 5)); }}});
+    checkTogether(config);
+    return config;
+}
+
+} // namespace zelvo_mqtt

@@ -1,0 +1,50 @@
+// Reads JSON by tables of members: whatever a table does not name, or names and is wrong, is
+// refused.
+#ifndef ZELVO_MQTT_CONFIG_READER_H
+#define ZELVO_MQTT_CONFIG_READER_H
+
+#include "json.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace zelvo_mqtt {
+
+class Value;
+struct Member {
+    const char *name;
+    bool required;
+    std::function<void(const Value &)> read;
+};
+using Members = std::vector<Member>;
+
+// A value and the way to it ("out[2].topic"). Every function throws ConfigError, naming that way,
+// where the value is another one than it asks for.
+class Value {
+public:
+    Value(const cJSON *json, std::string way) : json_{json}, way_{std::move(way)} {}
+
+    bool isObject() const { return cJSON_IsObject(json_) != 0; }
+    std::string text() const;
+    bool boolean() const;
+    std::uint64_t number(std::uint64_t least, std::uint64_t most) const; // a whole one
+    void elements(const std::function<void(const Value &)> &read) const;
+    void members(const Members &members) const;
+    [[noreturn]] void refuse(const std::string &why) const;
+
+private:
+    std::string wayTo(const char *member) const;
+    void requireMembers(const Members &members) const;
+
+    const cJSON *json_;
+    std::string way_; // empty: the whole
+};
+
+// The text has to be one object with these members.
+void readJson(const char *json, const Members &members);
+
+} // namespace zelvo_mqtt
+
+#endif

@@ -1,0 +1,103 @@
+#include "log.h"
+
+#include <array>
+#include <cstring>
+#include <ctime>
+
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace zelvo_mqtt {
+namespace {
+
+constexpr std::size_t kLongest = 600;
+
+std::string printable(std::string_view text) {
+    std::string line{text.substr(0, kLongest)};
+    for (char &c : line) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+            c = '?';
+        }
+    }
+    return line;
+}
+
+// In UTC+8, as in the bus's log, so that the two can be read side by side.
+std::string timeStamp() {
+    const auto now = std::chrono::system_clock::now();
+    const auto since = now.time_since_epoch();
+    const auto milliseconds =
+        std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000;
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now) + 8 * 3600;
+    std::tm parts{};
+    gmtime_r(&seconds, &parts);
+    std::array<char, 40> text{};
+    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
+    std::snprintf(text.data() + length, text.size() - length, ".%03d",
+                  static_cast<int>(milliseconds));
+    return text.data();
+}
+
+} // namespace
+
+Log::~Log() {
+    const std::lock_guard lock{mutex_};
+    tellLeftOut();
+}
+
+bool Log::open(const std::string &path, Level least) {
+    if (!path.empty()) {
+        const std::lock_guard lock{mutex_};
+        std::unique_ptr<std::FILE, Close> file{std::fopen(path.c_str(), "ae")};
+        if (!file) {
+            return false;
+        }
+        file_ = std::move(file);
+    }
+    least_ = least;
+    return true;
+}
+
+void Log::write(Level level, std::string_view text, Place place) {
+    if (level < least_) {
+        return;
+    }
+    const std::lock_guard lock{mutex_};
+    if (admits()) {
+        print(level, text, place);
+    }
+}
+
+// A flood of refusals is counted, not written.
+bool Log::admits() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - second_ >= std::chrono::seconds{1}) {
+        second_ = now;
+        lines_ = 0;
+        tellLeftOut();
+    }
+    if (lines_ >= kLinesASecond) {
+        ++leftOut_;
+        return false;
+    }
+    ++lines_;
+    return true;
+}
+
+void Log::tellLeftOut() {
+    if (leftOut_ > 0) {
+        print(Level::kWarning, std::to_string(leftOut_) + " further lines were left out",
+              Place::here());
+        leftOut_ = 0;
+    }
+}
+
+void Log::print(Level level, std::string_view text, Place place) {
+    std::FILE *const out = file_ ? file_.get() : stderr;
+    std::fprintf(out, "[%05d:%05d]%s [%c] %s#%4d#  zelvo-mqtt %s %s\n", static_cast<int>(getpid()),
+                 static_cast<int>(gettid()), timeStamp().c_str(), "-VDIWE"[static_cast<int>(level)],
+                 place.file, place.line, name_.c_str(), printable(text).c_str());
+    std::fflush(out);
+}
+
+} // namespace zelvo_mqtt

@@ -1,0 +1,73 @@
+// The bridge's lines, in the form of the bus's log, which the public functions do not open to
+// others.
+#ifndef ZELVO_MQTT_LOG_H
+#define ZELVO_MQTT_LOG_H
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace zelvo_mqtt {
+
+enum class Level { kVerbose = 1, kDebug, kInfo, kWarning, kError };
+
+// Where a line is written from.
+struct Place {
+    const char *file;
+    int line;
+    static constexpr Place here(const char *file = __builtin_FILE(), int line = __builtin_LINE()) {
+        return {file, line};
+    }
+};
+
+// Threads: any may write. Blocking: only as far as the file does; to be used without other locks
+// where that matters. Control characters in a text become "?": much of it comes from outside.
+class Log {
+public:
+    static constexpr int kLinesASecond = 100;
+
+    Log() = default;
+    Log(const Log &) = delete;
+    Log &operator=(const Log &) = delete;
+    ~Log();
+
+    // Begins to append to a file; an empty path stays with standard error. False: it can't be
+    // opened, and nothing has changed. Before other threads write.
+    bool open(const std::string &path, Level least);
+    // Stands behind the tag of every line: the site.
+    void setName(std::string name) { name_ = std::move(name); }
+
+    void write(Level level, std::string_view text, Place place = Place::here());
+    void info(std::string_view text, Place place = Place::here()) {
+        write(Level::kInfo, text, place);
+    }
+    void warning(std::string_view text, Place place = Place::here()) {
+        write(Level::kWarning, text, place);
+    }
+    void error(std::string_view text, Place place = Place::here()) {
+        write(Level::kError, text, place);
+    }
+
+private:
+    struct Close {
+        void operator()(std::FILE *file) const { std::fclose(file); }
+    };
+    bool admits();
+    void tellLeftOut();
+    void print(Level level, std::string_view text, Place place);
+
+    Level least_ = Level::kInfo;
+    std::string name_ = "-";
+    std::mutex mutex_; // of everything below
+    std::unique_ptr<std::FILE, Close> file_;
+    std::chrono::steady_clock::time_point second_;
+    int lines_ = 0;
+    unsigned long leftOut_ = 0;
+};
+
+} // namespace zelvo_mqtt
+
+#endif

@@ -1,0 +1,86 @@
+#include "node.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include <pthread.h>
+
+namespace zelvo_mqtt {
+
+std::thread startThread(std::function<void()> body) {
+    struct Blocked {
+        sigset_t before;
+        Blocked() {
+            sigset_t all;
+            sigfillset(&all);
+            pthread_sigmask(SIG_SETMASK, &all, &before);
+        }
+        ~Blocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    };
+    const Blocked blocked; // the new thread inherits it
+    return std::thread{std::move(body)};
+}
+
+Node::Node(Zelvo_t *bus, const std::string &name, onmessage_callback onMessage,
+           oncall_callback onCall, void *userdata)
+    : client_{busClientConnect(bus, name.c_str(), onMessage, onCall, userdata)} {
+    if (!client_) {
+        throw OpenError{"the node " + name + " can't join the bus: its log says why"};
+    }
+    // A join that found the bus's queue full is lost without a word; such a node can't call.
+    if (!busClientCall(client_.get(), "/bus/unsubscribe", R"(["bus.event"])", 13)) {
+        throw OpenError{"the node " + name + " can't join the bus, which is overloaded"};
+    }
+}
+
+Node::~Node() {
+    if (thread_.joinable()) {
+        leave(Clock::time_point::max());
+    }
+}
+
+void Node::start() {
+    thread_ = startThread([this] {
+        busClientSpin(client_.get());
+        const std::lock_guard lock{mutex_};
+        ended_ = true;
+        changed_.notify_all();
+    });
+}
+
+void Node::askToLeave() {
+    if (thread_.joinable()) {
+        busClientSpinExit(client_.get());
+    }
+}
+
+bool Node::leave(Clock::time_point until) {
+    constexpr std::chrono::milliseconds again{20}; // a full queue drops the request
+    while (thread_.joinable()) {
+        std::unique_lock lock{mutex_};
+        const auto now = Clock::now();
+        if (changed_.wait_until(lock, std::min(until, now + again), [this] { return ended_; })) {
+            lock.unlock();
+            thread_.join();
+        } else if (Clock::now() >= until) {
+            return false;
+        } else {
+            lock.unlock();
+            busClientSpinExit(client_.get());
+        }
+    }
+    return true;
+}
+
+char *mallocText(std::string_view text) {
+    auto *const copy = static_cast<char *>(std::malloc(text.size() + 1));
+    if (copy) {
+        std::memcpy(copy, text.data(), text.size());
+        copy[text.size()] = '\0';
+    }
+    return copy;
+}
+
+} // namespace zelvo_mqtt

@@ -1,0 +1,69 @@
+// A node of the bus and its thread.
+#ifndef ZELVO_MQTT_NODE_H
+#define ZELVO_MQTT_NODE_H
+
+#include <zelvo/bus_client.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace zelvo_mqtt {
+
+using Clock = std::chrono::steady_clock;
+
+// Starts a thread that is handed no signal: those are the application's, and a connection that
+// breaks is to be an error of the write, not a SIGPIPE. Throws std::system_error.
+std::thread startThread(std::function<void()> body);
+
+// Says what has been refused, and why; opening then ends.
+class OpenError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class Node {
+public:
+    // Joins the bus; blocks for its answer. The node hears nothing of others that join. No handler
+    // runs before start(). Throws OpenError, naming the node.
+    Node(Zelvo_t *bus, const std::string &name, onmessage_callback onMessage,
+         oncall_callback onCall, void *userdata);
+    Node(const Node &) = delete;
+    Node &operator=(const Node &) = delete;
+    // Waits for the thread without a limit: leave() comes first where a handler may be long.
+    ~Node();
+
+    void start(); // throws std::system_error
+    // Asks the thread to end, and takes part in nothing more. Does not wait.
+    void askToLeave();
+    // Asks until the thread has ended; false: it has not at that time.
+    bool leave(Clock::time_point until);
+
+    void subscribe(const std::string &topics) { busClientSubscribe(client_.get(), topics.c_str()); }
+    client_t *get() const { return client_.get(); }
+
+private:
+    struct Close {
+        void operator()(client_t *client) const { busClientClose(client); }
+    };
+    std::unique_ptr<client_t, Close> client_;
+    std::thread thread_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool ended_ = false; // guarded by mutex_
+};
+
+// For the answer of a call handler, which the bus frees; null without memory.
+char *mallocText(std::string_view text);
+
+inline constexpr const char *kNotImplement = "{\"data\":\"not implement\"}";
+
+} // namespace zelvo_mqtt
+
+#endif

@@ -1,0 +1,84 @@
+#include "topics.h"
+
+#include <mosquitto.h>
+
+#include <charconv>
+
+namespace zelvo_mqtt {
+namespace {
+
+// The length of the character of UTF-8 that text begins with; 0: none that MQTT allows.
+std::size_t characterLength(std::string_view text) {
+    const auto first = static_cast<unsigned char>(text.front());
+    const std::size_t length = first < 0xC0 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    if (length == 0 || length > text.size()) {
+        return 0;
+    }
+    const std::string character{text.substr(0, length)};
+    return mosquitto_validate_utf8(character.c_str(), static_cast<int>(length)) == 0 ? length : 0;
+}
+
+std::string escapedExcept(std::string_view text, std::string_view special) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string topic;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const bool plain = byte >= 0x20 && byte < 0x7F && special.find(text[i]) == text.npos;
+        const std::size_t length = plain ? 1 : byte < 0x80 ? 0 : characterLength(text.substr(i));
+        if (length > 0) {
+            topic.append(text, i, length);
+            i += length;
+        } else {
+            topic += {'%', digits[byte >> 4U], digits[byte & 0xFU]};
+            ++i;
+        }
+    }
+    return topic;
+}
+
+} // namespace
+
+std::string escaped(std::string_view text) {
+    return escapedExcept(text, "%+#");
+}
+
+std::string escapedLevel(std::string_view text) {
+    return escapedExcept(text, "%+#/");
+}
+
+std::optional<std::string> unescaped(std::string_view topic) {
+    std::string text;
+    for (std::size_t i = 0; i < topic.size(); ++i) {
+        if (topic[i] != '%') {
+            text += topic[i];
+            continue;
+        }
+        const std::string_view digits = topic.substr(i + 1, 2);
+        unsigned char byte = 0;
+        const auto [end, error] =
+            std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
+        if (digits.size() != 2 || error != std::errc{} || end != digits.data() + 2 || byte == 0) {
+            return std::nullopt;
+        }
+        text += static_cast<char>(byte);
+        i += 2;
+    }
+    return text;
+}
+
+Topics::Topics(const std::string &prefix, std::string_view site)
+    : root_{prefix + '/'},
+      presences_{root_ + "site/"},
+      allAnswers_{root_ + "answer/"},
+      requests_{root_ + "call/" + escapedLevel(site) + '/'},
+      answers_{allAnswers_ + escapedLevel(site)} {}
+
+std::string Topics::call(std::string_view site, std::string_view path) const {
+    return root_ + "call/" + escapedLevel(site) + escaped(path);
+}
+
+bool Topics::isForAnswers(std::string_view topic) const {
+    return topic.size() > allAnswers_.size() && topic.starts_with(allAnswers_);
+}
+
+} // namespace zelvo_mqtt

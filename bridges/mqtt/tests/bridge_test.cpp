@@ -1,0 +1,352 @@
+// Bridges and a real broker.
+#include "bridged.h"
+#include "broker.h"
+#include "json.h"
+
+#include <gtest/gtest.h>
+#include <mqtt_protocol.h>
+
+#include <future>
+
+namespace {
+
+constexpr const char *kRefused = "{\"data\":\"not implement\"}";
+
+class Bridges : public testing::Test {
+protected:
+    Bridges() { broker.start(); }
+    Broker broker{"allow_anonymous true\npersistence true\npersistence_location DIR/\n"};
+};
+
+void publish(Bridged &from, const std::string &topic, const std::string &payload,
+             bool sticky = false) {
+    (sticky ? busClientPublishSticky : busClientPublish)(
+        from.listener.node.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
+}
+
+void hear(Bridged &at, const std::vector<std::string> &topics) {
+    busClientSubscribe(at.listener.node.get(), zelvo_mqtt::jsonArray(topics).c_str());
+}
+
+TEST_F(Bridges, publications_of_any_topic_and_content_pass) {
+    std::vector<std::string> topics = {"a/b", "+",      "#",    "",         "$SYS",
+                                       "%41", "\x01\n", "\xff", "t\xc3\xbc"};
+    Bridged to{broker.url(), "to", "\"in\":" + zelvo_mqtt::jsonArray(topics)};
+    ASSERT_TRUE(to.connects());
+    hear(to, topics);
+    Bridged from{broker.url(), "from", "\"out\":" + zelvo_mqtt::jsonArray(topics)};
+    for (const std::string &topic : topics) {
+        for (const std::string &payload : {std::string{"x\0\xff", 3}, std::string{}}) {
+            publish(from, topic, payload);
+        }
+    }
+    for (const std::string &topic : topics) {
+        EXPECT_TRUE(to.listener.hears(topic + "=" + std::string{"x\0\xff", 3})) << topic;
+        EXPECT_TRUE(to.listener.hears(topic + "=")) << topic;
+    }
+    EXPECT_TRUE(says(to.log(), "connected to 127.0.0.1"));
+}
+
+TEST_F(Bridges, a_retained_publication_is_sticky_until_it_is_emptied) {
+    Bridged from{broker.url(), "from", R"("out":[{"topic":"kept","retain":true},"once"])"};
+    publish(from, "kept", "1", true);
+    publish(from, "once", "1");
+    Peer peer{broker, "zelvo/topic/#"};
+    EXPECT_EQ(peer.next("zelvo/topic/kept"), "1");
+    Bridged to{broker.url(), "to", R"("in":["kept","once"])"};
+    hear(to, {"once"});
+    const auto late = [&](const char *name) {
+        return std::make_unique<Listener>(to.bus.get(), name, R"(["kept"])");
+    };
+    EXPECT_TRUE(
+        eventually([&] { return late("early")->hears("kept=1", std::chrono::milliseconds{50}); }));
+    publish(from, "kept", "2"); // plain: the broker keeps it all the same
+    EXPECT_TRUE(late("second")->hears("kept=2") || late("third")->hears("kept=2"));
+    publish(from, "kept", "");
+    publish(from, "once", "end");
+    ASSERT_TRUE(to.listener.hears("once=end"));
+    const auto last = late("last");
+    last->node.call("/bus/nodes"); // behind the subscription
+    EXPECT_TRUE(last->heard().empty());
+}
+
+TEST_F(Bridges, a_ring_of_sites_is_stopped) {
+    Bridged site{broker.url(), "in", R"("in":["t"])"};
+    ASSERT_TRUE(site.connects());
+    hear(site, {"t"});
+    zelvo_mqtt_t *const back =
+        zelvo_mqtt_open(site.bus.get(), (R"({"url":")" + broker.url() +
+                                         R"(","site":"out","out":["t"],"log":"/dev/null"})")
+                                            .c_str());
+    ASSERT_TRUE(back);
+    Peer{broker, "x"}.publish("zelvo/topic/t", "round");
+    EXPECT_TRUE(eventually([&] { return site.listener.heard().size() >= 8 + 1; }));
+    EXPECT_EQ(zelvo_mqtt_close(back), 0);
+    const auto heard = site.listener.heard();
+    EXPECT_LE(std::count(heard.begin(), heard.end(), "t=round"), 9);
+}
+
+TEST_F(Bridges, calls_reach_what_is_served_and_nothing_else) {
+    Bridged one{broker.url(), "one", R"("call":["two"],"callTimeout":60000)"};
+    Bridged two{broker.url(), "two", R"("serve":["listener","localKeys","bus"])"};
+    Peer peer{broker, "zelvo/site/two"};
+    ASSERT_TRUE(one.connects() && two.connects());
+    EXPECT_EQ(peer.next("zelvo/site/two"), "online");
+    RunningNode &caller = one.listener.node;
+    EXPECT_EQ(caller.call("/two/listener/p/q+%", "data", 4), "/listener/p/q+%<data");
+    EXPECT_EQ(caller.call("/two/listener/x"), "/listener/x<");
+    EXPECT_EQ(caller.call("/two/localKeys/k", R"({"operation":"set","data":"v"})", 30),
+              R"({"data":""})");
+    for (const char *const url : {"/two/bus/disjoin", "/two/b/nodes", "/two/local/k",
+                                  "/two/mqtt.two/state", "/two/", "/two//x", "/two/listener"}) {
+        EXPECT_EQ(caller.call(url), kRefused) << url;
+    }
+    EXPECT_TRUE(says(caller.call("/two/bus/nodes"), "\"mqtt.two\""));
+    EXPECT_TRUE(two.logs("/b/nodes from outside is refused: that node is not served"));
+    two.close();
+    EXPECT_EQ(peer.next("zelvo/site/two"), "offline");
+    EXPECT_TRUE(eventually([&] {
+        return one.listener.node.call("/two/listener/x") == kRefused &&
+               says(one.log(), "is not answered: the site is offline");
+    }));
+}
+
+// Each of the two nodes answers when the other has been asked too.
+TEST_F(Bridges, callers_by_different_names_do_not_wait_for_each_other) {
+    Bridged one{broker.url(), "one",
+                R"("call":["two",{"site":"two","node":"two.again"}],"callTimeout":60000)"};
+    Bridged two{broker.url(), "two", R"("serve":["left","right"])"};
+    struct Meeting {
+        Signal asked[2];
+        static char *left(void *self, client_t *, char *, char *, int) {
+            return static_cast<Meeting *>(self)->meet(0);
+        }
+        static char *right(void *self, client_t *, char *, char *, int) {
+            return static_cast<Meeting *>(self)->meet(1);
+        }
+        char *meet(int own) {
+            asked[own].set();
+            return mallocText(asked[1 - own].wait(std::chrono::seconds{10}) ? "met" : "alone");
+        }
+    } meeting;
+    RunningNode left{two.bus.get(), "left", nullptr, Meeting::left, &meeting};
+    RunningNode right{two.bus.get(), "right", nullptr, Meeting::right, &meeting};
+    ASSERT_TRUE(one.connects() && two.connects());
+    RunningNode other{one.bus.get(), "other"};
+    auto first =
+        std::async(std::launch::async, [&] { return one.listener.node.call("/two/left/x"); });
+    EXPECT_EQ(other.call("/two.again/right/x"), "met");
+    EXPECT_EQ(first.get(), "met");
+}
+
+TEST_F(Bridges, late_and_foreign_answers_are_dropped) {
+    Bridged one{broker.url(), "one", R"("call":["two"],"callTimeout":300)"};
+    ASSERT_TRUE(one.connects());
+    Peer two{broker, "zelvo/call/two/#"};
+    auto answer =
+        std::async(std::launch::async, [&] { return one.listener.node.call("/two/n/x", "d", 1); });
+    EXPECT_EQ(two.next("zelvo/call/two/n/x"), "d");
+    two.publish("zelvo/answer/one", "foreign");
+    EXPECT_EQ(answer.get(), kRefused);
+    EXPECT_TRUE(one.logs("given none within"));
+    EXPECT_TRUE(one.logs("an answer is dropped"));
+}
+
+TEST_F(Bridges, bad_input_from_the_broker_hurts_nobody) {
+    Bridged site{broker.url(), "site", R"("in":["t"],"serve":["listener"],"call":["two"])"};
+    ASSERT_TRUE(site.connects());
+    hear(site, {"t"});
+    Peer peer{broker, "zelvo/answer/#"};
+    const auto request = [](const char *topic, std::uint16_t correlation) {
+        mqtt5__property *list = nullptr;
+        mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, topic);
+        mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, "0123456789", correlation);
+        return list;
+    };
+    mqtt5__property *hops = nullptr;
+    mosquitto_property_add_string_pair(&hops, MQTT_PROP_USER_PROPERTY, "zelvo-hops", "-3x");
+    peer.publish("zelvo/topic/t", "malformed", false, hops);
+    peer.publish("zelvo/call/site/listener/x", "no answer wanted");
+    peer.publish("zelvo/call/site/%zz", "", false, request("zelvo/answer/p", 3));
+    peer.publish("zelvo/call/site/listener/x", "", false, request("zelvo/topic/t", 3));
+    peer.publish("zelvo/site/two", std::string(1000, '?'));
+    peer.publish("zelvo/topic/t", std::string(20 << 20, 'x'));
+    for (int i = 0; i < 10'000; ++i) {
+        peer.publish("zelvo/call/site/listener/" + std::to_string(i), "", false,
+                     request("zelvo/answer/p", 10));
+    }
+    peer.publish("zelvo/topic/t", "end");
+    EXPECT_TRUE(site.listener.hears("t=end"));
+    EXPECT_EQ(site.listener.heard().size(), 3U + 1U);       // two states, the large one, the end
+    while (peer.next("zelvo/answer/p") != "/listener/0<") { // others are refused at once
+    }
+    EXPECT_EQ(site.listener.node.call("/mqtt.site/other"), "{\"msg\":\"not implement\"}");
+    for (const char *const line :
+         {"its number of hops is none", "no topic of this prefix", "its topic is malformed"}) {
+        EXPECT_TRUE(site.logs(line)) << line;
+    }
+}
+
+TEST_F(Bridges, publications_wait_for_a_broker_that_is_away) {
+    Bridged from{broker.url(), "from", R"("out":["t"],"buffer":{"messages":10})"};
+    Bridged to{broker.url(), "to", R"("in":["t"])"};
+    ASSERT_TRUE(from.connects() && to.connects());
+    hear(to, {"t"});
+    publish(from, "t", "before");
+    ASSERT_TRUE(to.listener.hears("t=before"));
+    broker.kill(SIGTERM);
+    EXPECT_TRUE(eventually([&] { return says(from.state(), R"("connected":false)"); }));
+    for (int i = 1; i <= 30; ++i) {
+        publish(from, "t", std::to_string(i));
+    }
+    EXPECT_TRUE(says(from.state(), R"("dropped":20)"));
+    EXPECT_TRUE(from.logs("20 publications were dropped"));
+    broker.start(); // which knows the receiver's session, so the order of their return is no matter
+    EXPECT_TRUE(to.listener.hears("t=30") && to.listener.hears("t=21"));
+    EXPECT_FALSE(to.listener.hears("t=20", std::chrono::milliseconds{0}));
+    EXPECT_TRUE(eventually([&] { return says(from.state(), R"("connected":true)"); }));
+}
+
+TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
+    Bridged one{broker.url(), "site", R"("in":["a"])"};
+    const std::string alone = one.listener.node.call("/bus/nodes");
+    const auto open = [&](const std::string &members) {
+        return zelvo_mqtt_open(
+            one.bus.get(),
+            ("{\"log\":\"/dev/null\",\"url\":\"" + broker.url() + "\"," + members + "}").c_str());
+    };
+    zelvo_mqtt_t *const second =
+        open(R"("site":"site","prefix":"p","call":["x","y"],"serve":["s","t"])");
+    ASSERT_TRUE(second);
+    const std::string nodes = one.listener.node.call("/bus/nodes");
+    for (const char *const name : {"mqtt.site\"", "mqtt.site.2\"", "\"x\"", "\"y\"", "serve.2"}) {
+        EXPECT_TRUE(says(nodes, name)) << nodes;
+    }
+    EXPECT_FALSE(open(R"("site":"third","serve":["s"],"call":["listener"])"));
+    EXPECT_EQ(one.listener.node.call("/bus/nodes"), nodes);
+    EXPECT_EQ(zelvo_mqtt_close(second), 0);
+    EXPECT_EQ(one.listener.node.call("/bus/nodes"), alone);
+    EXPECT_FALSE(zelvo_mqtt_open(nullptr, "{}"));
+    one.close();
+    EXPECT_TRUE(one.listener.hears(
+        R"(mqtt.state={"bridge":"mqtt.site","connected":false,"why":"closed"})"));
+    Listener late{one.bus.get(), "late", R"(["mqtt.state"])"};
+    EXPECT_EQ(late.node.call("/bus/nodes").find("mqtt"), std::string::npos);
+    EXPECT_TRUE(late.heard().empty());
+}
+
+// ---- TLS and password ----
+
+class Secured : public testing::Test {
+protected:
+    static std::string options() {
+        return "password_file DIR/users\ncafile DIR/ca.pem\ncertfile DIR/server.pem\nkeyfile "
+               "DIR/server.key\n";
+    }
+    void make() {
+        const std::string at = broker.directory().path() + "/";
+        const std::string key =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 9 ";
+        const std::string commands =
+            key + "-subj /CN=ca -keyout " + at + "ca.key -out " + at + "ca.pem && " + key +
+            "-subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout " + at +
+            "server.key -CA " + at + "ca.pem -CAkey " + at + "ca.key -out " + at +
+            "server.pem && mosquitto_passwd -b -c " + at + "users user secret";
+        ASSERT_EQ(std::system(("(" + commands + ") >" + at + "log 2>&1").c_str()), 0)
+            << readFile(at + "log");
+        std::ofstream{at + "password"} << "secret\n";
+        broker.start();
+    }
+    std::string members(const std::string &password) const {
+        return "\"ca\":\"" + broker.directory().file("ca.pem") +
+               "\",\"user\":\"user\",\"password\":" + password;
+    }
+    Broker broker{options()};
+};
+
+TEST_F(Secured, the_certificate_and_the_password_decide) {
+    make();
+    const std::string file = "{\"file\":\"" + broker.directory().file("password") + "\"}";
+    Bridged right{broker.url("mqtts", "localhost"), "right", members(file) + R"(,"in":["t"])"};
+    EXPECT_TRUE(right.connects()) << right.log();
+    hear(right, {"t"});
+    {
+        Bridged from{broker.url("mqtts", "localhost"), "from",
+                     members("\"secret\"") + R"(,"out":["t"])"};
+        publish(from, "t", std::string(100'000, 'x'));
+        EXPECT_TRUE(right.listener.hears("t=" + std::string(100'000, 'x')));
+    }
+    Bridged wrong{broker.url("mqtts", "localhost"), "wrong", members("\"other\"")};
+    EXPECT_TRUE(wrong.logs("the broker refuses: Not authorized")) << wrong.log();
+    Bridged named{broker.url("mqtts", "127.0.0.1"), "named", members("\"secret\"")};
+    EXPECT_TRUE(named.logs("no connection to 127.0.0.1")) << named.log();
+    Bridged plain{broker.url("mqtt", "localhost"), "plain", R"("user":"user","password":"secret")"};
+    EXPECT_TRUE(plain.logs("no connection to localhost")) << plain.log();
+    EXPECT_FALSE(says(wrong.log() + right.log(), "secret"));
+}
+
+// ---- closing ----
+
+// Times a close, which ends within a second whatever the load is: far less without any.
+void expectQuick(const std::function<void()> &close) {
+    const auto begun = std::chrono::steady_clock::now();
+    close();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds{5});
+}
+
+TEST(Closing, ends_without_a_broker) {
+    for (const char *const url : {"mqtt://127.0.0.1:1", "mqtt://10.255.255.1",
+                                  "mqtts://10.255.255.1", "mqtt://no-such-host.invalid"}) {
+        Bridged site{url, "site", R"("out":["t"],"call":["two"])"};
+        publish(site, "t", "x");
+        EXPECT_EQ(site.listener.node.call("/two/n/x"), kRefused);
+        expectQuick([&] { site.close(); });
+        EXPECT_TRUE(says(site.log(), "1 publications are lost")) << url << site.log();
+    }
+}
+
+TEST_F(Bridges, close_ends_a_call_that_waits_and_a_silent_broker) {
+    Bridged site{broker.url(), "site", R"("call":["two"],"out":["t"],"callTimeout":600000)"};
+    ASSERT_TRUE(site.connects());
+    auto answer =
+        std::async(std::launch::async, [&] { return site.listener.node.call("/two/n/x"); });
+    Peer two{broker, "zelvo/site/#"};
+    broker.pause();
+    publish(site, "t", "x");
+    expectQuick([&] { site.close(); });
+    EXPECT_EQ(answer.get(), kRefused);
+    broker.resume();
+}
+
+TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
+    Bridged site{broker.url(), "site", R"("serve":["slow"])"};
+    struct Slow {
+        Signal asked, free;
+        static char *answer(void *self, client_t *, char *, char *, int) {
+            static_cast<Slow *>(self)->asked.set();
+            static_cast<Slow *>(self)->free.wait();
+            return nullptr;
+        }
+    } slow;
+    RunningNode node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
+    ASSERT_TRUE(site.connects());
+    mqtt5__property *list = nullptr;
+    mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, "zelvo/answer/p");
+    Peer{broker, "x"}.publish("zelvo/call/site/slow/x", "", false, list);
+    ASSERT_TRUE(slow.asked.wait());
+    expectQuick([&] { EXPECT_EQ(zelvo_mqtt_close(site.get()), -1); });
+    slow.free.set();
+    EXPECT_EQ(site.close(), 0);
+}
+
+TEST_F(Bridges, close_ends_when_the_bus_has_stopped) {
+    Bridged site{broker.url(), "site",
+                 R"("serve":["listener"],"call":["two"],"in":["t"],"out":["u"])"};
+    ASSERT_TRUE(site.connects());
+    site.bus.stop();
+    Peer{broker, "x"}.publish("zelvo/topic/t", "x");
+    expectQuick([&] { EXPECT_EQ(site.close(), 0); });
+    site.bus.start();
+}
+
+} // namespace

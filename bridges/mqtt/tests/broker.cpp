@@ -1,0 +1,159 @@
+#include "broker.h"
+
+#include <mqtt_protocol.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+void require(bool met, const char *what) {
+    if (!met) {
+        throw std::runtime_error{what};
+    }
+}
+
+struct Socket {
+    const int file = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ~Socket() { close(file); }
+};
+
+sockaddr_in loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+int freePort() {
+    const Socket probe;
+    sockaddr_in address = loopback(0);
+    socklen_t size = sizeof address;
+    auto *const any = reinterpret_cast<sockaddr *>(&address);
+    require(bind(probe.file, any, size) == 0 && getsockname(probe.file, any, &size) == 0,
+            "no free port");
+    return ntohs(address.sin_port);
+}
+
+} // namespace
+
+Broker::Broker(const std::string &options) : port_{freePort()} {
+    std::string text = options;
+    for (std::size_t at = 0; (at = text.find("DIR", at)) != text.npos;) {
+        text.replace(at, 3, directory_.path());
+    }
+    const passwd *const user = getpwuid(getuid());
+    std::ofstream{directory_.file("broker.conf")}
+        << "listener " << port_ << " 127.0.0.1\nuser " << (user ? user->pw_name : "root")
+        << "\nlog_dest file " << directory_.file("broker.log")
+        << "\nmax_queued_messages 0\nset_tcp_nodelay true\n"
+        << text;
+}
+
+std::string Broker::url(const char *scheme, const char *host) const {
+    return std::string{scheme} + "://" + host + ":" + std::to_string(port_);
+}
+
+void Broker::start() {
+    const std::string config = directory_.file("broker.conf");
+    const char *const arguments[] = {"mosquitto", "-c", config.c_str(), nullptr};
+    char *const environment[] = {nullptr};
+    const char *const program =
+        access("/usr/sbin/mosquitto", X_OK) == 0 ? "/usr/sbin/mosquitto" : "mosquitto";
+    require(posix_spawnp(&process_, program, nullptr, nullptr, const_cast<char *const *>(arguments),
+                         environment) == 0,
+            "mosquitto can't be started");
+    const auto end = std::chrono::steady_clock::now() + kLimit;
+    while (!accepts()) {
+        const bool runs = waitpid(process_, nullptr, WNOHANG) == 0;
+        require(runs && std::chrono::steady_clock::now() < end,
+                ("mosquitto does not run: " + readFile(directory_.file("broker.log"))).c_str());
+        std::this_thread::sleep_for(std::chrono::milliseconds{10});
+    }
+}
+
+bool Broker::accepts() const {
+    const Socket probe;
+    const sockaddr_in address = loopback(port_);
+    return connect(probe.file, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}
+
+void Broker::kill(int signal) {
+    if (process_ > 0) {
+        ::kill(process_, signal);
+        waitpid(process_, nullptr, 0);
+        process_ = -1;
+    }
+}
+
+Peer::Peer(const Broker &broker, const std::string &subscription) {
+    mosquitto_lib_init();
+    handle_.reset(mosquitto_new(nullptr, true, this));
+    mosquitto *const handle = handle_.get();
+    mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_message_callback_set(
+        handle, [](mosquitto *, void *self, const mosquitto_message *message) {
+            const char *const bytes = static_cast<const char *>(message->payload);
+            static_cast<Peer *>(self)->messages_.push_back(
+                {message->topic,
+                 {bytes ? bytes : "", static_cast<std::size_t>(message->payloadlen)},
+                 message->retain});
+        });
+    mosquitto_subscribe_callback_set(handle, [](mosquitto *, void *self, int, int, const int *) {
+        static_cast<Peer *>(self)->subscribed_ = true;
+    });
+    mosquitto_publish_callback_set(
+        handle, [](mosquitto *, void *self, int) { static_cast<Peer *>(self)->published_ = true; });
+    require(mosquitto_connect(handle, "127.0.0.1", broker.port(), 60) == 0, "the peer connects");
+    require(mosquitto_subscribe(handle, nullptr, subscription.c_str(), 1) == 0, "it subscribes");
+    while (!subscribed_) {
+        turn();
+    }
+}
+
+void Peer::turn() {
+    require(mosquitto_loop(handle_.get(), 100, 1) == 0, "the peer has lost its connection");
+}
+
+void Peer::publish(const std::string &topic, const std::string &payload, bool retain,
+                   mqtt5__property *properties) {
+    published_ = false;
+    const int result = mosquitto_publish_v5(handle_.get(), nullptr, topic.c_str(),
+                                            static_cast<int>(payload.size()), payload.data(),
+                                            properties ? 0 : 1, retain, properties);
+    mosquitto_property_free_all(&properties);
+    require(result == 0, "the peer can't publish");
+    while (!published_) {
+        turn();
+    }
+}
+
+std::vector<Peer::Message> Peer::take(std::size_t number) {
+    const auto end = std::chrono::steady_clock::now() + kLimit;
+    while (messages_.size() < number) {
+        require(std::chrono::steady_clock::now() < end, "the peer does not get what it waits for");
+        turn();
+    }
+    return std::exchange(messages_, {});
+}
+
+std::string Peer::next(const std::string &topic) {
+    while (true) {
+        std::vector<Message> all = take(1);
+        for (auto message = all.begin(); message != all.end(); ++message) {
+            if (message->topic == topic) {
+                messages_.insert(messages_.begin(), message + 1, all.end());
+                return message->payload;
+            }
+        }
+    }
+}

@@ -1,0 +1,69 @@
+// A mosquitto on a free port of the loopback address, with its files in a directory of its own, and
+// a client that looks at it from outside.
+#ifndef ZELVO_MQTT_BROKER_H
+#define ZELVO_MQTT_BROKER_H
+
+#include "test_support.h"
+
+#include <mosquitto.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <csignal>
+
+#include <sys/types.h>
+
+class Broker {
+public:
+    // options: further lines of its configuration; "DIR" in them is its directory.
+    explicit Broker(const std::string &options = "allow_anonymous true\n");
+    ~Broker() { kill(SIGKILL); }
+
+    void start(); // returns when it takes connections
+    void kill(int signal);
+    void pause() { ::kill(process_, SIGSTOP); }
+    void resume() { ::kill(process_, SIGCONT); }
+    int port() const { return port_; }
+    std::string url(const char *scheme = "mqtt", const char *host = "127.0.0.1") const;
+    const TempDir &directory() const { return directory_; }
+
+private:
+    bool accepts() const;
+
+    TempDir directory_;
+    int port_;
+    pid_t process_ = -1;
+};
+
+// One thread uses it; it only hears while it is asked.
+class Peer {
+public:
+    struct Message {
+        std::string topic, payload;
+        bool retain;
+    };
+    Peer(const Broker &broker, const std::string &subscription);
+
+    // Returns when the broker has it; without acknowledgement where there are properties, which are
+    // freed.
+    void publish(const std::string &topic, const std::string &payload, bool retain = false,
+                 mqtt5__property *properties = nullptr);
+    // Waits for so many messages.
+    std::vector<Message> take(std::size_t number);
+    // Waits for the first of a topic; those before it are passed over.
+    std::string next(const std::string &topic);
+
+private:
+    void turn();
+    struct Destroy {
+        void operator()(mosquitto *handle) const { mosquitto_destroy(handle); }
+    };
+    std::unique_ptr<mosquitto, Destroy> handle_;
+    std::vector<Message> messages_;
+    bool subscribed_ = false, published_ = false;
+};
+
+#endif

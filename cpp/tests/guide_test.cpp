@@ -1,0 +1,32 @@
+// Runs each piece of code of docs/cpp.md, with the bus and the nodes that the guide speaks of.
+#include "support.h"
+
+#include <array>
+#include <cstdio>
+#include <iostream>
+
+namespace {
+
+using Piece = void (*)(zelvo::Bus &, zelvo::Node &, zelvo::Node &);
+
+#if defined(__GNUC__)
+#pragma GCC diagnostic ignored "-Wunused-parameter"
+#pragma GCC diagnostic ignored "-Wshadow"
+#endif
+#include "guide_pieces.inc"
+
+} // namespace
+
+TEST(Guide, every_piece_runs) {
+    ASSERT_GT(std::size(kPieces), 10U);
+    for (const Piece piece : kPieces) {
+        zelvo::Config config = quiet();
+        config.stats = true;
+        zelvo::Bus bus{config};
+        zelvo::Node lamp{bus, "lamp"};
+        zelvo::Node panel{bus, "panel"};
+        lamp.on_call("/state", [](std::string_view) { return "on"; });
+        EXPECT_NO_THROW(piece(bus, lamp, panel));
+        EXPECT_EQ(panel.call("/lamp/state").text, "on");
+    }
+}

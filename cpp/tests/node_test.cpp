@@ -1,0 +1,244 @@
+#include "support.h"
+
+#include <array>
+#include <atomic>
+#include <optional>
+
+using namespace zelvo;
+
+namespace {
+
+class Face : public testing::Test {
+protected:
+    Bus bus{quiet()};
+    Node lamp{bus, "lamp"};
+    Node panel{bus, "panel"};
+};
+
+constexpr int kMoreThanAQueue = 1500; // of 1,024 places
+
+void flood(const Node &from, const char *topic) {
+    for (int i = 0; i < kMoreThanAQueue; ++i) {
+        from.publish(topic, "again");
+    }
+}
+
+} // namespace
+
+// ---- publishing and subscribing ----
+
+TEST_F(Face, topics_of_any_bytes_reach_their_handler_and_no_other) {
+    const std::vector<std::string> topics = {"",
+                                             "qu\"ote",
+                                             "back\\slash",
+                                             "line\nfeed\x01\x1f\x7f",
+                                             "\xC3\xA4\xF0\x9F\x92\xA1",
+                                             "not \xFF UTF-8 \xC3",
+                                             "a\",\"b"};
+    std::vector<std::string> heard;
+    panel.subscribe(topics, [&](std::string_view topic, std::string_view data) {
+        heard.push_back(std::string{topic} + "=" + std::string{data});
+    });
+    std::vector<std::string> expected;
+    for (const std::string &topic : topics) {
+        lamp.publish(topic, std::string_view{"x\0y", 3});
+        expected.push_back(topic + std::string("=x\0y", 4));
+    }
+    settle(lamp, panel);
+    EXPECT_EQ(heard, expected);
+    panel.unsubscribe({topics[1], topics[2]});
+    heard.clear();
+    lamp.publish(topics[1]);
+    settle(lamp, panel);
+    EXPECT_TRUE(heard.empty());
+    const std::string nul("a\0b", 3);
+    EXPECT_THROW(lamp.publish(nul), std::invalid_argument);
+    EXPECT_THROW(panel.subscribe(nul, [](std::string_view) {}), std::invalid_argument);
+}
+
+TEST_F(Face, sticky_messages_of_any_bytes_wait_for_subscribers) {
+    std::size_t bytes = 0;
+    lamp.publish_sticky("four", std::array<unsigned char, 4>{});
+    lamp.publish_sticky("gone\"", std::vector<std::byte>(8));
+    lamp.remove_sticky("gone\"");
+    panel.subscribe({"four", "gone\""},
+                    [&](std::string_view, std::string_view data) { bytes += data.size(); });
+    settle(lamp, panel);
+    EXPECT_EQ(bytes, 4U);
+}
+
+TEST_F(Face, a_handler_replaces_and_removes_itself_and_stays_whole_until_it_returns) {
+    const auto token = std::make_shared<int>(1);
+    std::string heard;
+    lamp.on_call("/who", [&, token](std::string_view) -> std::string {
+        lamp.on_call("/who", [](std::string_view) { return "second"; });
+        lamp.call("/bus/nodes"); // gives a change time to be made too early
+        return "first " + std::to_string(*token);
+    });
+    panel.subscribe("t", [&, token](std::string_view) {
+        panel.unsubscribe("t");
+        panel.subscribe("t", [&](std::string_view) { heard += "b"; });
+        heard += *token == 1 ? "a" : "?";
+    });
+    EXPECT_EQ(token.use_count(), 3);
+    EXPECT_EQ(panel.call("/lamp/who").text, "first 1");
+    EXPECT_EQ(panel.call("/lamp/who").text, "second");
+    lamp.publish("t");
+    settle(lamp, panel);
+    EXPECT_EQ(token.use_count(), 1);
+    lamp.publish("t");
+    lamp.on_call("/who", nullptr);
+    settle(lamp, panel);
+    EXPECT_EQ(heard, "ab");
+    EXPECT_EQ(panel.call("/lamp/who").outcome, Outcome::not_implemented);
+}
+
+// ---- calls ----
+
+TEST_F(Face, a_call_tells_how_it_ended) {
+    lamp.on_call("/state", [](std::string_view data) { return "on " + std::string{data}; });
+    lamp.on_call("/nothing", [](std::string_view) { return std::nullopt; });
+    lamp.on_call("/nul", [](std::string_view) { return std::string(2, '\0'); });
+    lamp.on_call("/ring", [&](std::string_view) { return lamp.call("/panel/x").text; });
+    const struct {
+        const char *url;
+        Outcome outcome;
+        std::string text;
+    } cases[] = {
+        {"/lamp/state", Outcome::answered, "on x"},
+        {"/lamp/ring", Outcome::ring, R"({"data":""})"}, // the handler has passed it on
+        {"/lamp/nothing", Outcome::not_implemented, R"({"msg":"not implement"})"},
+        {"/lamp/nul", Outcome::not_implemented, R"({"msg":"not implement"})"},
+        {"/lamp/attic", Outcome::not_implemented, R"({"msg":"not implement"})"},
+        {"/nobody/x", Outcome::not_implemented, R"({"data":"not implement"})"},
+        {"", Outcome::not_implemented, R"({"data":"not implement"})"},
+        {"/panel/itself", Outcome::ring, R"({"data":""})"},
+        {"/localKeys/none", Outcome::answered, R"({"data":""})"},
+    };
+    for (const auto &entry : cases) {
+        const Answer answer = panel.call(entry.url, "x");
+        EXPECT_EQ(answer.outcome, entry.outcome) << entry.url;
+        EXPECT_EQ(answer.text, entry.text) << entry.url;
+        EXPECT_EQ(static_cast<bool>(answer), entry.outcome == Outcome::answered);
+    }
+    lamp.on_call([](std::string_view path, std::string_view) { return std::string{path}; });
+    EXPECT_EQ(panel.call("/lamp/attic/left").text, "/attic/left");
+    EXPECT_THROW(lamp.on_call("state", nullptr), std::invalid_argument);
+}
+
+TEST_F(Face, threads_that_call_through_one_node_get_their_own_answers) {
+    lamp.on_call("/echo", [](std::string_view data) { return std::string{data}; });
+    std::atomic<int> wrong{0};
+    const auto calls = [&](const std::string &text) {
+        for (int i = 0; i < 500; ++i) {
+            wrong += panel.call("/lamp/echo", text).text == text ? 0 : 1;
+        }
+    };
+    std::thread other{calls, std::string(40, 'a')};
+    calls(std::string(90, 'b'));
+    other.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST(FaceErrors, what_handlers_throw_goes_to_the_hook_and_the_node_goes_on) {
+    Config config = quiet();
+    std::string told;
+    config.on_error = [&](std::string_view node, const std::exception_ptr &error) {
+        try {
+            std::rethrow_exception(error);
+        } catch (const std::runtime_error &failure) {
+            told += std::string{node} + ":" + failure.what() + " ";
+        }
+        throw 1; // ends in a line on standard error
+    };
+    const Bus bus{config};
+    Node lamp{bus, "lamp"};
+    const auto fail = [](const char *what) { throw std::runtime_error(what); };
+    Gate done;
+    testing::internal::CaptureStderr();
+    lamp.subscribe("t", [&](std::string_view) { fail("message"); });
+    lamp.on_call("/x", [&](std::string_view) { return fail("call"), ""; });
+    lamp.publish("t");
+    lamp.call_async("/lamp/x", {}, [&](const Answer &answer) {
+        lamp.after(0ms, [&] { done.open(); });
+        lamp.after(0ms, [&] { fail("never"); }).cancel();
+        fail(answer.outcome == Outcome::not_implemented ? "completion" : "answered");
+    });
+    EXPECT_TRUE(done.wait());
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("lamp"), std::string::npos);
+    EXPECT_EQ(told, "lamp:message lamp:call lamp:completion ");
+}
+
+// ---- the end ----
+
+TEST(FaceEnd, a_node_destroyed_in_its_own_handler_leaves_when_the_handler_has_ended) {
+    for (const std::string way : {"message", "timer", "owner"}) {
+        SCOPED_TRACE(way);
+        auto bus = std::make_unique<Bus>(quiet());
+        const Node panel{*bus, "panel"};
+        auto lamp = std::make_unique<Node>(*bus, "lamp");
+        const auto token = std::make_shared<int>(0);
+        const auto end = [&lamp, token] {
+            lamp.reset();
+            ++*token; // what the handler has captured is still there
+        };
+        if (way == "message") {
+            lamp->subscribe("end", [end](std::string_view) { end(); });
+            flood(panel, "end");
+        } else if (way == "timer") {
+            lamp->every(1ms, end);
+        } else { // with the handler that owns it
+            lamp->subscribe("owner", [end, owner = std::shared_ptr<Node>{std::move(lamp)}](
+                                         std::string_view) mutable { owner.reset(), end(); });
+            panel.publish("owner");
+        }
+        for (const auto begun = std::chrono::steady_clock::now();
+             panel.nodes().size() > 1 && std::chrono::steady_clock::now() - begun < kLimit;) {
+            std::this_thread::yield();
+        }
+        bus.reset(); // waits for the thread
+        EXPECT_EQ(*token, 1);
+        EXPECT_EQ(token.use_count(), 2); // this one, and the one in end
+    }
+}
+
+TEST(FaceEnd, a_full_queue_does_not_keep_a_node_and_no_handler_begins) {
+    const Bus bus{quiet()};
+    std::atomic<int> handled{0};
+    Gate running;
+    Gate ending;
+    const Node panel{bus, "panel"};
+    std::optional<Node> lamp{std::in_place, bus, "lamp"};
+    lamp->subscribe("t", [&](std::string_view) {
+        ++handled;
+        running.open();
+        ending.wait();
+    });
+    panel.publish("t");
+    ASSERT_TRUE(running.wait());
+    auto unanswered = lamp->call_async("/lamp/x");
+    flood(panel, "t");
+    EXPECT_EQ(panel.call("/lamp/x").text, R"({"data":"not implement"})"); // it is full
+    std::thread opener{[&] {
+        EXPECT_EQ(unanswered.get().outcome, Outcome::none); // the destructor has begun
+        ending.open();
+    }};
+    lamp.reset();
+    opener.join();
+    EXPECT_EQ(handled, 1);
+    EXPECT_EQ(panel.nodes(), std::vector<std::string>{"panel"});
+}
+
+TEST(FaceEnd, nodes_and_their_bus_go_in_any_order) {
+    std::optional<Bus> bus{quiet()};
+    Node lamp{*bus, "lamp"};
+    Node panel{*bus, "panel"};
+    bus.reset();
+    lamp.on_call("/state", [](std::string_view) { return "on"; });
+    EXPECT_EQ(panel.call("/lamp/state").text, "on");
+    Node moved = std::move(lamp);
+    EXPECT_EQ(panel.call("/lamp/state").text, "on");
+    EXPECT_THROW(lamp.publish("t"), std::logic_error); // NOLINT(bugprone-use-after-move)
+    panel = std::move(moved);
+    EXPECT_EQ(panel.nodes(), std::vector<std::string>{"lamp"});
+}
