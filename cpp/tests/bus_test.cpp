@@ -51,15 +51,3 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     EXPECT_EQ(node.nodes().size(), 2U);
     EXPECT_EQ(node.stats(), std::nullopt); // not configured
 }
-
-TEST(FaceBus, a_configuration_that_cannot_be_is_refused) {
-    Config config = quiet();
-    config.call_timeout = -1ms;
-    EXPECT_THROW(Bus{config}, std::invalid_argument);
-    config.call_timeout = std::chrono::hours{24 * 365 * 200}; // beyond what the bus can count
-    config.helpers = 0;
-    const Bus bus{config};
-    const Node node{bus, "node"};
-    EXPECT_THROW(node.call_async("/bus/nodes"), Error);
-    EXPECT_TRUE(node.call("/bus/nodes"));
-}

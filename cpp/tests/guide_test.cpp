@@ -2,17 +2,14 @@
 #include "support.h"
 
 #include <array>
-#include <cstdio>
 #include <iostream>
 
 namespace {
 
 using Piece = void (*)(zelvo::Bus &, zelvo::Node &, zelvo::Node &);
 
-#if defined(__GNUC__)
 #pragma GCC diagnostic ignored "-Wunused-parameter"
 #pragma GCC diagnostic ignored "-Wshadow"
-#endif
 #include "guide_pieces.inc"
 
 } // namespace

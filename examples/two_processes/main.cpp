@@ -4,10 +4,10 @@
 //   two_processes console URL SECONDS   the node that prints and asks
 // The nodes are those of the host monitor, unchanged.
 #include "../host_monitor/archive.h"
-#include "../host_monitor/bus.h"
 #include "../host_monitor/console.h"
 #include "../host_monitor/sampler.h"
 
+#include <zelvo/bus.hpp>
 #include <zelvo/mqtt.h>
 
 #include <chrono>
@@ -21,15 +21,21 @@
 
 namespace {
 
-constexpr const char *kBus = R"({"level":5,"callTimeout":3000})";
+zelvo::Config config() {
+    zelvo::Config config;
+    config.level = zelvo::Level::errors;
+    config.call_timeout = std::chrono::seconds(3);
+    return config;
+}
+
 constexpr const char *kFigures =
     R"(["host.cpu","host.memory","host.load",{"topic":"host.info","retain":true}])";
 
 class Bridge {
 public:
-    Bridge(const Bus &bus, const std::string &url, const std::string &members)
-        : bridge_(zelvo_mqtt_open(bus.get(),
-                                  ("{\"url\":" + jsonString(url) + "," + members + "}").c_str())) {
+    Bridge(const zelvo::Bus &bus, const std::string &url, const std::string &members)
+        : bridge_(zelvo_mqtt_open(bus.native(),
+                                  ("{\"url\":\"" + url + "\"," + members + "}").c_str())) {
         if (!bridge_) {
             throw std::runtime_error("the bridge could not be opened");
         }
@@ -46,7 +52,7 @@ private:
 };
 
 void runHost(const std::string &url, int seconds) {
-    const Bus bus(kBus);
+    const zelvo::Bus bus(config());
     const Archive archive(bus);
     const Sampler sampler(bus);
     const Bridge bridge(bus, url,
@@ -68,7 +74,7 @@ std::string firstInfo(Console &console) {
 }
 
 void runConsole(const std::string &url, int seconds) {
-    const Bus bus(kBus);
+    const zelvo::Bus bus(config());
     Console console(bus);
     const Bridge bridge(
         bus, url,
@@ -80,9 +86,9 @@ void runConsole(const std::string &url, int seconds) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
     std::printf("console: /host/archive/peak/cpu is answered %s\n",
-                console.call("/host/archive/peak/cpu").c_str());
+                console.call("/host/archive/peak/cpu").text.c_str());
     std::printf("console: /host/sampler/interval is not served: %s\n",
-                console.call("/host/sampler/interval").c_str());
+                console.call("/host/sampler/interval").text.c_str());
 }
 
 } // namespace

@@ -377,24 +377,24 @@ private:
         return true;
     }
     // With mutex_. Sees to it that one of the bus's timers is due when the earliest of ours is.
-    // Those that an earlier one has overtaken run out in vain; where they are many, the next one
-    // comes at once, and as often as the node looks at its timers.
+    // Those that an earlier one has overtaken run out in vain; where they are many, one that comes
+    // at the node's next look serves all, again and again.
     void arm() {
         if (timers_.empty() || gone_ || (armed_ != 0 && armed_due_ <= timers_.back()->due)) {
             return;
         }
-        constexpr int most = 256; // the bus refuses beyond 1,024
+        const bool many = pending_ >= 256; // the bus loses those beyond 1,024
         const auto wait =
             std::chrono::ceil<std::chrono::milliseconds>(timers_.back()->due - Clock::now());
         const auto longest = std::min<long long>(wait.count(), INT_MAX);
         last_ = last_ == INT_MAX ? 1 : last_ + 1;
-        if (busClientSettimer(client_, onTimer, pending_ < most ? static_cast<long>(longest) : 0L,
-                              last_, this) == -1) {
+        const long time = many ? 0 : static_cast<long>(longest);
+        if (busClientSettimer(client_, onTimer, time, last_, this) == -1) {
             throw std::bad_alloc{};
         }
-        ++pending_;
         armed_ = last_;
-        armed_due_ = timers_.back()->due;
+        armed_due_ = many ? Clock::time_point::min() : timers_.back()->due;
+        ++pending_;
     }
     void noteTimer(int type) noexcept {
         const std::lock_guard lock{mutex_};
