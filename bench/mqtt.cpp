@@ -146,7 +146,7 @@ public:
                           payload.data(), 1, false);
     }
     std::size_t call() override {
-        mqtt5__property *list = nullptr;
+        mosquitto_property *list = nullptr;
         mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, "plain/answer");
         mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, "0123456789abcdef", 16);
         std::unique_lock lock{mutex_};
@@ -160,7 +160,7 @@ public:
 
 private:
     static void onMessage(mosquitto *handle, void *self, const mosquitto_message *message,
-                          const mqtt5__property *properties) {
+                          const mosquitto_property *properties) {
         Plain &plain = *static_cast<Plain *>(self);
         const std::string_view payload{static_cast<const char *>(message->payload),
                                        static_cast<std::size_t>(message->payloadlen)};
@@ -174,14 +174,14 @@ private:
             reply(handle, properties);
         }
     }
-    static void reply(mosquitto *handle, const mqtt5__property *properties) {
+    static void reply(mosquitto *handle, const mosquitto_property *properties) {
         char *topic = nullptr;
         void *correlation = nullptr;
         std::uint16_t length = 0;
         mosquitto_property_read_string(properties, MQTT_PROP_RESPONSE_TOPIC, &topic, false);
         mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &correlation,
                                        &length, false);
-        mqtt5__property *list = nullptr;
+        mosquitto_property *list = nullptr;
         mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, correlation, length);
         mosquitto_publish_v5(handle, nullptr, topic, static_cast<int>(kAnswer.size()),
                              kAnswer.data(), 0, false, list);

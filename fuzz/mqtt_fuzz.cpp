@@ -36,7 +36,7 @@ struct World {
     struct Silence final : zelvo_mqtt::LinkEvents {
         void connected() override {}
         void disconnected(const std::string &) override {}
-        void received(const mosquitto_message &, const mqtt5__property *) override {}
+        void received(const mosquitto_message &, const mosquitto_property *) override {}
         std::chrono::milliseconds pause() override { return std::chrono::milliseconds{0}; }
     } silence;
     zelvo_mqtt::Link link{config, topics, buffer, log, silence};
@@ -80,24 +80,24 @@ std::string_view cut(std::string_view &rest, char mark) {
 // What follows the letter, up to the next blank, is the value.
 struct PropertyKind {
     char letter;
-    void (*add)(mqtt5__property *&, const std::string &);
+    void (*add)(mosquitto_property *&, const std::string &);
 };
 constexpr PropertyKind kProperties[] = {
     {'h',
-     [](mqtt5__property *&list, const std::string &value) {
+     [](mosquitto_property *&list, const std::string &value) {
          mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, "zelvo-hops",
                                             value.c_str());
      }},
     {'a',
-     [](mqtt5__property *&list, const std::string &value) {
+     [](mosquitto_property *&list, const std::string &value) {
          mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, value.c_str());
      }},
     {'c',
-     [](mqtt5__property *&list, const std::string &value) {
+     [](mosquitto_property *&list, const std::string &value) {
          mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, value.data(),
                                        static_cast<std::uint16_t>(value.size()));
      }},
-    {'e', [](mqtt5__property *&list, const std::string &value) {
+    {'e', [](mosquitto_property *&list, const std::string &value) {
          mosquitto_property_add_int32(&list, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
                                       static_cast<std::uint32_t>(std::atoll(value.c_str())));
      }}};
@@ -111,7 +111,7 @@ void receive(std::string_view line) {
     message.topic = mutableTopic.data();
     message.payload = payload.empty() ? nullptr : payload.data();
     message.payloadlen = static_cast<int>(payload.size());
-    mqtt5__property *list = nullptr;
+    mosquitto_property *list = nullptr;
     while (!letters.empty()) {
         const std::string_view word = cut(letters, ' ');
         message.retain = message.retain || word == "r";

@@ -113,7 +113,7 @@ void Bridge::disconnected(const std::string &why) {
     announce(false, why);
 }
 
-void Bridge::received(const mosquitto_message &message, const mqtt5__property *properties) {
+void Bridge::received(const mosquitto_message &message, const mosquitto_property *properties) {
     receiver_.receive(readIncoming(message, properties));
 }
 

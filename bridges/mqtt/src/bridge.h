@@ -24,6 +24,8 @@ class Bridge final : private LinkEvents {
 public:
     // Joins the bus, without a thread yet. Throws OpenError, std::bad_alloc, std::system_error.
     Bridge(Zelvo_t *bus, const Config &config, Log &log);
+    Bridge(const Bridge &) = delete;
+    Bridge &operator=(const Bridge &) = delete;
     // Waits for calls that have not been answered: close() comes first.
     ~Bridge() override;
 
@@ -34,7 +36,7 @@ public:
 private:
     void connected() override;
     void disconnected(const std::string &why) override;
-    void received(const mosquitto_message &message, const mqtt5__property *properties) override;
+    void received(const mosquitto_message &message, const mosquitto_property *properties) override;
     std::chrono::milliseconds pause() override;
 
     void announce(bool connected, const std::string &why);

@@ -35,6 +35,7 @@ Calls::Calls(Zelvo_t *bus, const Config &config, const Topics &topics, Link &lin
     }
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the bus gives the type
 char *Calls::onCall(void *self, client_t *, char *url, char *data, int len) {
     const Site &site = *static_cast<Site *>(self);
     try {

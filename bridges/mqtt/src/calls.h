@@ -52,7 +52,7 @@ private:
         std::string failure; // why there is none; empty: there is
     };
 
-    static char *onCall(void *site, client_t *, char *url, char *data, int len);
+    static char *onCall(void *self, client_t *, char *url, char *data, int len);
     std::string ask(const Site &site, std::string_view path, std::string_view data);
     std::string request(Waiting &waiting, const std::string &topic, std::string_view data);
     std::string await(Waiting &waiting, std::unique_lock<std::mutex> &lock);

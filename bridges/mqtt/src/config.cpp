@@ -206,7 +206,7 @@ void checkTopics(const Config &config) {
     const Topics topics{config.prefix, config.site};
     const std::set<std::string> outgoing{out.begin(), out.end()};
     for (const std::string &topic : config.in) {
-        if (outgoing.count(topic) != 0) {
+        if (outgoing.contains(topic)) {
             throw ConfigError{"\"in\": \"" + topic +
                               "\" stands in \"out\" too, so it would come back; use one topic for "
                               "each way, or put a site's name in it"};

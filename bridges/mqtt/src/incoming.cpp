@@ -28,7 +28,7 @@ std::optional<int> readNumber(std::string_view text) {
     return number;
 }
 
-void readUserProperty(Incoming &incoming, const mqtt5__property *property) {
+void readUserProperty(Incoming &incoming, const mosquitto_property *property) {
     char *name = nullptr;
     char *value = nullptr;
     mosquitto_property_read_string_pair(property, MQTT_PROP_USER_PROPERTY, &name, &value, false);
@@ -39,14 +39,14 @@ void readUserProperty(Incoming &incoming, const mqtt5__property *property) {
     }
 }
 
-void readAnswerTopic(Incoming &incoming, const mqtt5__property *property) {
+void readAnswerTopic(Incoming &incoming, const mosquitto_property *property) {
     char *text = nullptr;
     mosquitto_property_read_string(property, MQTT_PROP_RESPONSE_TOPIC, &text, false);
     const Owned<char> owned{text};
     incoming.answerTopic = text ? text : "";
 }
 
-void readCorrelation(Incoming &incoming, const mqtt5__property *property) {
+void readCorrelation(Incoming &incoming, const mosquitto_property *property) {
     void *data = nullptr;
     std::uint16_t length = 0;
     mosquitto_property_read_binary(property, MQTT_PROP_CORRELATION_DATA, &data, &length, false);
@@ -56,14 +56,14 @@ void readCorrelation(Incoming &incoming, const mqtt5__property *property) {
     }
 }
 
-void readExpiry(Incoming &incoming, const mqtt5__property *property) {
+void readExpiry(Incoming &incoming, const mosquitto_property *property) {
     mosquitto_property_read_int32(property, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &incoming.expiry,
                                   false);
 }
 
 struct Reader {
     int identifier;
-    void (*read)(Incoming &, const mqtt5__property *);
+    void (*read)(Incoming &, const mosquitto_property *);
 };
 constexpr Reader kReaders[] = {{MQTT_PROP_USER_PROPERTY, readUserProperty},
                                {MQTT_PROP_RESPONSE_TOPIC, readAnswerTopic},
@@ -72,7 +72,7 @@ constexpr Reader kReaders[] = {{MQTT_PROP_USER_PROPERTY, readUserProperty},
 
 } // namespace
 
-Incoming readIncoming(const mosquitto_message &message, const mqtt5__property *properties) {
+Incoming readIncoming(const mosquitto_message &message, const mosquitto_property *properties) {
     Incoming incoming;
     incoming.topic = message.topic ? message.topic : "";
     incoming.retain = message.retain;

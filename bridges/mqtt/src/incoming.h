@@ -2,13 +2,12 @@
 #ifndef ZELVO_MQTT_INCOMING_H
 #define ZELVO_MQTT_INCOMING_H
 
+#include <mosquitto.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-
-struct mosquitto_message;
-struct mqtt5__property;
 
 namespace zelvo_mqtt {
 
@@ -22,7 +21,7 @@ struct Incoming {
     std::optional<int> hops = 0; // nothing: the property is malformed
 };
 
-Incoming readIncoming(const mosquitto_message &message, const mqtt5__property *properties);
+Incoming readIncoming(const mosquitto_message &message, const mosquitto_property *properties);
 
 } // namespace zelvo_mqtt
 

@@ -35,7 +35,7 @@ public:
            Passing &passing, Log &log, std::function<void()> wake);
 
     // The rest, except close(), is the link's thread's. None of it blocks.
-    bool takes(const std::string &topic) const { return topics_.count(topic) != 0; }
+    bool takes(const std::string &topic) const { return topics_.contains(topic); }
     void publish(const Incoming &incoming); // of a topic that it takes
     std::chrono::milliseconds pause();      // 0: go on reading
 

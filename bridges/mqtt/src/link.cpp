@@ -25,21 +25,22 @@ thread_local const Link *Link::own_ = nullptr;
 
 struct Link::Callbacks {
     static Link &of(void *userdata) { return *static_cast<Link *>(userdata); }
-    static void onConnect(mosquitto *, void *link, int reason, int, const mqtt5__property *list) {
+    static void onConnect(mosquitto *, void *link, int reason, int,
+                          const mosquitto_property *list) {
         of(link).onConnect(reason, list);
     }
-    static void onDisconnect(mosquitto *, void *link, int reason, const mqtt5__property *) {
+    static void onDisconnect(mosquitto *, void *link, int reason, const mosquitto_property *) {
         of(link).down(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
     }
-    static void onPublish(mosquitto *, void *link, int mid, int, const mqtt5__property *) {
+    static void onPublish(mosquitto *, void *link, int mid, int, const mosquitto_property *) {
         of(link).onPublish(mid);
     }
     static void onSubscribe(mosquitto *, void *link, int mid, int, const int *granted,
-                            const mqtt5__property *) {
+                            const mosquitto_property *) {
         of(link).onSubscribe(mid, *granted);
     }
     static void onMessage(mosquitto *, void *link, const mosquitto_message *message,
-                          const mqtt5__property *list) {
+                          const mosquitto_property *list) {
         try {
             of(link).events_.received(*message, list);
         } catch (const std::exception &failure) {
@@ -237,7 +238,7 @@ void Link::down(const std::string &failure) {
 
 // ---- at the begin and the end of a connection ----
 
-void Link::onConnect(int reason, const mqtt5__property *properties) {
+void Link::onConnect(int reason, const mosquitto_property *properties) {
     if (reason != MQTT_RC_SUCCESS) {
         refusal_ = std::string{"the broker refuses: "} + mosquitto_reason_string(reason);
         return;

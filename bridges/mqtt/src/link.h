@@ -12,6 +12,8 @@
 #include "under_way.h"
 #include "wake.h"
 
+#include <mosquitto.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -23,9 +25,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-struct mosquitto_message;
-struct mqtt5__property;
 
 namespace zelvo_mqtt {
 
@@ -51,7 +50,8 @@ public:
     virtual ~LinkEvents() = default;
     virtual void connected() = 0;
     virtual void disconnected(const std::string &why) = 0;
-    virtual void received(const mosquitto_message &message, const mqtt5__property *properties) = 0;
+    virtual void received(const mosquitto_message &message,
+                          const mosquitto_property *properties) = 0;
     // How long nothing is to be read from the broker, since the bus is behind.
     virtual std::chrono::milliseconds pause() = 0;
 };
@@ -103,7 +103,7 @@ private:
     void tellDrops();
 
     struct Callbacks;
-    void onConnect(int reason, const mqtt5__property *properties);
+    void onConnect(int reason, const mosquitto_property *properties);
     void onPublish(int mid);
     void onSubscribe(int mid, int reason);
 

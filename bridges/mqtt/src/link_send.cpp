@@ -13,14 +13,14 @@ constexpr std::size_t kMostUnsent = 64;
 constexpr std::size_t kMostDirect = 2048;
 
 Properties hopProperty(int hops) {
-    mqtt5__property *list = nullptr;
+    mosquitto_property *list = nullptr;
     mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, kHops,
                                        std::to_string(hops).c_str());
     return Properties{list};
 }
 
 Properties directProperties(const Direct &message) {
-    mqtt5__property *list = nullptr;
+    mosquitto_property *list = nullptr;
     if (!message.answerTopic.empty()) {
         mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, message.answerTopic.c_str());
     }

@@ -28,7 +28,7 @@ std::string timeStamp() {
     const auto since = now.time_since_epoch();
     const auto milliseconds =
         std::chrono::duration_cast<std::chrono::milliseconds>(since).count() % 1000;
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now) + 8 * 3600;
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now) + std::time_t{8} * 3600;
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     std::array<char, 40> text{};

@@ -11,12 +11,14 @@ namespace zelvo_mqtt {
 
 std::thread startThread(std::function<void()> body) {
     struct Blocked {
-        sigset_t before;
+        sigset_t before{};
         Blocked() {
             sigset_t all;
             sigfillset(&all);
             pthread_sigmask(SIG_SETMASK, &all, &before);
         }
+        Blocked(const Blocked &) = delete;
+        Blocked &operator=(const Blocked &) = delete;
         ~Blocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
     };
     const Blocked blocked; // the new thread inherits it

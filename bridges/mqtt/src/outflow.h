@@ -33,7 +33,7 @@ public:
 private:
     struct Way {
         std::string topic; // the broker's
-        bool retain;
+        bool retain = false;
     };
     static int onMessage(void *self, client_t *, char *topic, char *data, int len);
     static char *onCall(void *self, client_t *, char *url, char *, int);

@@ -40,8 +40,8 @@ public:
 
 private:
     struct Passed {
-        std::size_t content; // a hash
-        int hops;
+        std::size_t content = 0; // a hash
+        int hops = 0;
         std::chrono::steady_clock::time_point when;
     };
     void note(std::string_view topic, const Passed &passed);

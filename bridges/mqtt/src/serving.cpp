@@ -30,7 +30,9 @@ Serving::Serving(Zelvo_t *bus, const Config &config, const Topics &topics, const
       log_{log} {
     for (const std::string &served : config.serve) {
         const std::string number = std::to_string(callers_.size() + 1);
-        callers_.emplace_back(*this, bus, name + ".serve." + number, served);
+        std::string caller = name;
+        caller.append(".serve.").append(number);
+        callers_.emplace_back(*this, bus, caller, served);
     }
 }
 

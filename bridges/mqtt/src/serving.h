@@ -56,7 +56,7 @@ private:
         Node node; // last: its thread uses the others
     };
 
-    static int onTimer(void *caller, client_t *, int);
+    static int onTimer(void *self, client_t *, int);
     static std::optional<Request> next(Caller &caller);
     bool append(Caller &caller, Request request);
     void call(Caller &caller, const Request &request);

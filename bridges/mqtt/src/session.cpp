@@ -49,7 +49,7 @@ std::string errorText(int result) {
     return result >= 128 ? mosquitto_reason_string(result) : mosquitto_strerror(result);
 }
 
-void PropertiesDelete::operator()(mqtt5__property *properties) const {
+void PropertiesDelete::operator()(mosquitto_property *properties) const {
     mosquitto_property_free_all(&properties);
 }
 
@@ -109,7 +109,7 @@ void Session::setExpiry(const Config &config) {
     if (config.sessionExpiry == 0) {
         return;
     }
-    mqtt5__property *list = nullptr;
+    mosquitto_property *list = nullptr;
     require(mosquitto_property_add_int32(&list, MQTT_PROP_SESSION_EXPIRY_INTERVAL,
                                          config.sessionExpiry),
             "\"sessionExpiry\"");

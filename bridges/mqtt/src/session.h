@@ -5,11 +5,10 @@
 #include "config.h"
 #include "topics.h"
 
+#include <mosquitto.h>
+
 #include <memory>
 #include <string>
-
-struct mosquitto;
-struct mqtt5__property;
 
 namespace zelvo_mqtt {
 
@@ -17,9 +16,9 @@ namespace zelvo_mqtt {
 std::string errorText(int result);
 
 struct PropertiesDelete {
-    void operator()(mqtt5__property *properties) const;
+    void operator()(mosquitto_property *properties) const;
 };
-using Properties = std::unique_ptr<mqtt5__property, PropertiesDelete>;
+using Properties = std::unique_ptr<mosquitto_property, PropertiesDelete>;
 
 // Every use of the handle, the destructor included, is the caller's to keep apart.
 class Session {

@@ -36,7 +36,7 @@ private:
     static constexpr std::chrono::seconds kLongestKept{5};
 
     struct Sent {
-        int mid;
+        int mid = 0;
         Publication publication;
     };
     struct Kept {

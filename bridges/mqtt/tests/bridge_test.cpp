@@ -158,12 +158,12 @@ TEST_F(Bridges, bad_input_from_the_broker_hurts_nobody) {
     hear(site, {"t"});
     Peer peer{broker, "zelvo/answer/#"};
     const auto request = [](const char *topic, std::uint16_t correlation) {
-        mqtt5__property *list = nullptr;
+        mosquitto_property *list = nullptr;
         mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, topic);
         mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, "0123456789", correlation);
         return list;
     };
-    mqtt5__property *hops = nullptr;
+    mosquitto_property *hops = nullptr;
     mosquitto_property_add_string_pair(&hops, MQTT_PROP_USER_PROPERTY, "zelvo-hops", "-3x");
     peer.publish("zelvo/topic/t", "malformed", false, hops);
     peer.publish("zelvo/call/site/listener/x", "no answer wanted");
@@ -330,7 +330,7 @@ TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
     } slow;
     RunningNode node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
     ASSERT_TRUE(site.connects());
-    mqtt5__property *list = nullptr;
+    mosquitto_property *list = nullptr;
     mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, "zelvo/answer/p");
     Peer{broker, "x"}.publish("zelvo/call/site/slow/x", "", false, list);
     ASSERT_TRUE(slow.asked.wait());

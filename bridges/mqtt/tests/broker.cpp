@@ -125,7 +125,7 @@ void Peer::turn() {
 }
 
 void Peer::publish(const std::string &topic, const std::string &payload, bool retain,
-                   mqtt5__property *properties) {
+                   mosquitto_property *properties) {
     published_ = false;
     const int result = mosquitto_publish_v5(handle_.get(), nullptr, topic.c_str(),
                                             static_cast<int>(payload.size()), payload.data(),

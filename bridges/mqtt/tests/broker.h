@@ -50,7 +50,7 @@ public:
     // Returns when the broker has it; without acknowledgement where there are properties, which are
     // freed.
     void publish(const std::string &topic, const std::string &payload, bool retain = false,
-                 mqtt5__property *properties = nullptr);
+                 mosquitto_property *properties = nullptr);
     // Waits for so many messages.
     std::vector<Message> take(std::size_t number);
     // Waits for the first of a topic; those before it are passed over.
