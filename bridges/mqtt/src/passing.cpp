@@ -10,25 +10,40 @@ namespace {
 constexpr std::size_t kMostKept = 4096;
 constexpr std::chrono::seconds kLongestWay{10};
 
-std::mutex bridgesMutex; // of bridges; taken before a bridge's own
-std::vector<Passing *> bridges;
+// Of all bridges of the process. Neither needs to be destroyed, so that a bridge may be closed
+// while the process ends.
+std::mutex bridgesMutex; // of the list; taken before a bridge's own
+Passing *firstBridge = nullptr;
 
 } // namespace
 
+template <typename Function>
+void Passing::eachBridge(Function function) {
+    for (Passing *bridge = firstBridge; bridge; bridge = bridge->next_) {
+        function(*bridge);
+    }
+}
+
 Passing::Passing(Zelvo_t *bus, const std::string &site) : bus_{bus}, site_{site} {
     const std::lock_guard lock{bridgesMutex};
-    const auto taken = [&](const Passing *other) {
-        return other->bus_ == bus_ && other->site_ == site_ && other->number_ == number_;
-    };
-    while (std::any_of(bridges.begin(), bridges.end(), taken)) {
-        ++number_;
+    for (bool taken = true; taken; number_ += taken ? 1 : 0) {
+        taken = false;
+        eachBridge([&](const Passing &other) {
+            taken =
+                taken || (other.bus_ == bus_ && other.site_ == site_ && other.number_ == number_);
+        });
     }
-    bridges.push_back(this);
+    next_ = firstBridge;
+    firstBridge = this;
 }
 
 Passing::~Passing() {
     const std::lock_guard lock{bridgesMutex};
-    bridges.erase(std::find(bridges.begin(), bridges.end(), this));
+    Passing **place = &firstBridge;
+    while (*place != this) {
+        place = &(*place)->next_;
+    }
+    *place = next_;
 }
 
 void Passing::setTopics(const std::vector<std::string> &topics) {
@@ -40,19 +55,20 @@ void Passing::setTopics(const std::vector<std::string> &topics) {
 
 bool Passing::alone() const {
     const std::lock_guard lock{bridgesMutex};
-    return std::none_of(bridges.begin(), bridges.end(), [this](const Passing *other) {
-        return other != this && other->bus_ == bus_;
-    });
+    bool alone = true;
+    eachBridge(
+        [&](const Passing &other) { alone = alone && (&other == this || other.bus_ != bus_); });
+    return alone;
 }
 
 void Passing::publishes(std::string_view topic, std::string_view payload, int hops) {
     const std::lock_guard lock{bridgesMutex};
-    for (Passing *const other : bridges) {
-        if (other != this && other->bus_ == bus_) {
-            other->note(topic, {std::hash<std::string_view>{}(payload), hops,
-                                std::chrono::steady_clock::now()});
+    eachBridge([&](Passing &other) {
+        if (&other != this && other.bus_ == bus_) {
+            other.note(topic, {std::hash<std::string_view>{}(payload), hops,
+                               std::chrono::steady_clock::now()});
         }
-    }
+    });
 }
 
 void Passing::note(std::string_view topic, const Passed &passed) {

@@ -44,12 +44,15 @@ private:
         int hops = 0;
         std::chrono::steady_clock::time_point when;
     };
+    template <typename Function>
+    static void eachBridge(Function function);
     void note(std::string_view topic, const Passed &passed);
 
     Zelvo_t *const bus_;
     const std::string site_;
     int number_ = 1;
-    std::mutex mutex_; // of passed_
+    Passing *next_ = nullptr; // of the process; guarded by the mutex of the list
+    std::mutex mutex_;        // of passed_
     std::map<std::string, std::deque<Passed>, std::less<>> passed_;
 };
 

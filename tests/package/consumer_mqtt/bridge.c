@@ -12,7 +12,7 @@ static void *run_bus(void *bus) {
 int main(void) {
     pthread_t thread;
     zelvo_mqtt_t *bridge;
-    Zelvo_t *bus = busClientNew("{\"level\": 4}");
+    Zelvo_t *bus = busClientNew("{\"level\": 5}");
     if (pthread_create(&thread, NULL, run_bus, bus) != 0) {
         return 1;
     }
