@@ -83,7 +83,8 @@ TEST_F(Log, threshold_drops_lines_and_evaluates_nothing) {
 
 TEST_F(Log, text_is_cut_at_the_budget_and_ends_in_one_line_feed) {
     std::size_t head = 0;
-    for (const std::size_t size : {0U, 4094U, 4095U, 4096U, 9000U}) { // of the line without line feed
+    for (const std::size_t size :
+         {0U, 4094U, 4095U, 4096U, 9000U}) { // of the line without line feed
         for (const char *end : {"", "\n"}) {
             open(0);
             const std::string wanted = std::string(size < head ? 0 : size - head, 'x') + end;
