@@ -122,9 +122,9 @@ TEST_F(Timers, refusals_are_visible) {
 // Guards the counter of the ids against threads.
 TEST_F(Timers, threads_that_set_timers_get_different_ids) {
     std::vector<int> ids(400);
-    inThreads(4, [&](std::size_t thread) {
-        for (std::size_t i = thread * 100; i < (thread + 1) * 100; ++i) {
-            ids[i] = set(0, 7);
+    inThreads(4, [&](int thread) {
+        for (int i = thread * 100; i < (thread + 1) * 100; ++i) {
+            ids[static_cast<std::size_t>(i)] = set(0, 7);
         }
     });
     EXPECT_EQ(std::set<int>(ids.begin(), ids.end()).size(), 400U);
