@@ -119,7 +119,9 @@ TEST_F(Log, file_is_emptied_appended_to_or_begun_anew_when_it_is_full) {
                                     write(kSize, 0, {filler, "next"})}) {
         EXPECT_TRUE(anew.starts_with(begin) && anew.ends_with("#next\n")) << anew;
     }
-    std::ofstream{utf8Path(path)}.seekp(std::int64_t{3} << 30).put('\n'); // beyond 32 bits
+    std::ofstream{utf8Path(path), std::ios::binary}
+        .seekp(std::int64_t{3} << 30)
+        .put('\n'); // beyond 32 bits
     EXPECT_TRUE(write(3072, 1, {"next"}).starts_with("\nlog file size: 3221225473, remove"));
     for (const float never : {0.0F, -1.0F}) {
         EXPECT_GT(write(never, 0, {filler, "x"}).size(), length);
