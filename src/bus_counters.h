@@ -27,6 +27,7 @@ inline void countAlone(Counter &counter) noexcept {
 struct NodeCounters {
     // the node's own thread
     alignas(kCacheLine) Counter taken{0}; // publications and requests taken from its queue
+    Counter calls_given_up{0}; // leave requests that a bus which stopped left without an answer
 
     // any thread that uses the node
     alignas(kCacheLine) Counter sent{0}; // messages that the bus's queue took
@@ -37,7 +38,6 @@ struct NodeCounters {
     Counter calls_answered{0};
     Counter calls_refused{0};
     Counter calls_timed_out{0};
-    Counter calls_given_up{0}; // leave requests that a bus which stopped left without an answer
 
     // the server's thread
     alignas(kCacheLine) Counter queue_full{0}; // messages for the node that its queue refused

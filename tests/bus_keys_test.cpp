@@ -247,7 +247,8 @@ TEST_F(Keys, no_look_at_the_file_finds_it_torn) {
     std::atomic<bool> done{false};
     std::thread reader{[&] {
         while (!done) {
-            ASSERT_TRUE(isWhole(read()));
+            const std::string text = read(); // nothing where the system keeps it from being opened
+            ASSERT_TRUE(text.empty() || isWhole(text));
         }
     }};
     inThreads(2, [&](int i) {

@@ -21,10 +21,10 @@ public:
         }
     }
     ~RunningBus() {
-        busClientDelete(manager_); // which stops a loop that runs
         if (loop_.joinable()) {
-            loop_.join();
+            stop(); // a thread that is only about to run the loop is met too
         }
+        busClientDelete(manager_);
     }
 
     void start() {
