@@ -44,15 +44,27 @@ void waitFor(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex, Sleep sle
     word.fetch_and(~static_cast<std::uint32_t>(kSet), std::memory_order_relaxed);
 }
 
+constexpr int kShortLooks = 32;
 constexpr int kLooks = 4;
 
+bool tryLock(platform::Word &word) noexcept {
+    std::uint32_t expected = kFree;
+    return word.compare_exchange_strong(expected, kOwned, std::memory_order_acquire,
+                                        std::memory_order_relaxed);
+}
+
 // Whether the mutex could be taken within a few looks: it is mostly held for less time than falling
-// asleep and being woken cost.
+// asleep and being woken cost, often for less than giving up the processor does.
 bool lockedSoon(platform::Word &word) noexcept {
+    if (tryLock(word)) {
+        return true;
+    }
+    for (int look = 0; look < kShortLooks && word.load(std::memory_order_relaxed) != kFree;
+         ++look) {
+        platform::relax();
+    }
     for (int look = 0; look < kLooks; ++look) {
-        std::uint32_t expected = kFree;
-        if (word.compare_exchange_strong(expected, kOwned, std::memory_order_acquire,
-                                         std::memory_order_relaxed)) {
+        if (tryLock(word)) {
             return true;
         }
         platform::yieldThread();

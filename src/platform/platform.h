@@ -44,6 +44,15 @@ inline constexpr bool kThreadLocalDestructors = true;
 // Gives up the processor to another runnable thread, if there is one.
 void yieldThread() noexcept;
 
+// Tells the processor that the thread is about to look at a word again.
+inline void relax() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
 // The kernel's numbers of the calling thread and of the process; they are never 0.
 std::uint32_t threadId() noexcept;
 std::uint32_t processId() noexcept;
