@@ -3,28 +3,30 @@
 #include "bus_mk_thread.h"
 #include "platform/platform.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 namespace {
 
-// A free block. Only the first one of a batch uses next_batch.
-struct Block {
-    Block *next;
-    Block *next_batch;
-    unsigned count;
-};
-static_assert(sizeof(Block) <= bus_mk_pool_block);
-
+// A free block that carries pointers to others. Threads exchange blocks with what it carries, so
+// that who gets a block back does not read it: it may still be in another processor's cache.
+constexpr std::size_t kCarried = 30;
 struct Batch {
-    Block *first = nullptr;
-    unsigned count = 0;
+    Batch *next; // in the depot
+    std::size_t count;
+    void *blocks[kCarried];
 };
+static_assert(sizeof(Batch) <= bus_mk_pool_block);
 
-constexpr unsigned kBatch = 32;
-constexpr unsigned kKept = 2;
-constexpr unsigned kMostWaiting = 8192;
+std::size_t blocksOf(const Batch *batch) noexcept {
+    return batch ? batch->count + 1 : 0;
+}
+
+constexpr std::size_t kKept = 2;
+constexpr std::size_t kMostWaiting = 8192;
 
 // A sanitizer that watches the heap would not see a block used after it was given back.
 #if defined(__SANITIZE_ADDRESS__)
@@ -38,11 +40,9 @@ constexpr bool kWatched = false;
 // A thread that ends leaves what it kept to the others, from a destructor.
 constexpr bool kPooled = !kWatched && platform::kThreadLocalDestructors;
 
-void freeAll(Batch batch) noexcept {
-    while (Block *const block = batch.first) {
-        batch.first = block->next;
-        std::free(block);
-    }
+void freeAll(Batch *batch) noexcept {
+    std::for_each(batch->blocks, batch->blocks + batch->count, std::free);
+    std::free(batch);
 }
 
 // The batches that threads leave to each other.
@@ -54,39 +54,41 @@ public:
     Depot &operator=(const Depot &) = delete;
 
     void clear() noexcept {
-        for (Batch batch = take(); batch.count > 0; batch = take()) {
+        while (Batch *const batch = take()) {
             freeAll(batch);
         }
     }
-    void leave(Batch batch) noexcept {
-        if (batch.count == 0) {
+    // Null is accepted.
+    void leave(Batch *batch) noexcept {
+        if (!batch) {
             return;
         }
         {
             const bus_mk_guard lock{mutex_};
-            if (waiting_ + batch.count <= kMostWaiting) {
-                batch.first->next_batch = top_;
-                batch.first->count = batch.count;
-                top_ = batch.first;
-                waiting_ += batch.count;
+            if (waiting_ + blocksOf(batch) <= kMostWaiting) {
+                batch->next = top_;
+                top_ = batch;
+                waiting_ += blocksOf(batch);
                 return;
             }
         }
         freeAll(batch);
     }
-    // Nothing: an empty batch.
-    Batch take() noexcept {
+    // Null: there is none.
+    Batch *take() noexcept {
         const bus_mk_guard lock{mutex_};
-        const Batch batch{top_, top_ ? top_->count : 0};
-        top_ = top_ ? top_->next_batch : nullptr;
-        waiting_ -= batch.count;
+        Batch *const batch = top_;
+        if (batch) {
+            top_ = batch->next;
+            waiting_ -= blocksOf(batch);
+        }
         return batch;
     }
 
 private:
     bus_mk_thread_mutex_t mutex_{bus_mk_thread_mutex_ready};
-    Block *top_ BUS_MK_GUARDED_BY(mutex_) = nullptr;
-    unsigned waiting_ BUS_MK_GUARDED_BY(mutex_) = 0;
+    Batch *top_ BUS_MK_GUARDED_BY(mutex_) = nullptr;
+    std::size_t waiting_ BUS_MK_GUARDED_BY(mutex_) = 0;
 };
 constinit Depot depot;
 
@@ -98,40 +100,35 @@ public:
         if (ended_) {
             return nullptr;
         }
-        if (used_.count == 0) {
-            used_ = full_.count > 0 ? full_ : depot.take();
-            full_ = {};
+        if (!used_) {
+            used_ = full_ ? full_ : depot.take();
+            full_ = nullptr;
         }
-        Block *const block = used_.first;
-        if (block) {
-            used_.first = block->next;
-            --used_.count;
+        if (used_ && used_->count > 0) {
+            void *const block = used_->blocks[--used_->count];
+            return block;
         }
-        return block;
+        return std::exchange(used_, nullptr);
     }
     void put(void *memory) noexcept {
         if (ended_) {
             std::free(memory);
-            return;
+        } else if (used_ && used_->count < kCarried) {
+            used_->blocks[used_->count++] = memory;
+        } else {
+            depot.leave(used_ ? std::exchange(full_, used_) : nullptr);
+            used_ = new (memory) Batch;
+            used_->count = 0;
         }
-        if (used_.count == kBatch) {
-            depot.leave(full_);
-            full_ = used_;
-            used_ = {};
-        }
-        used_.first = new (memory) Block{used_.first, nullptr, 0};
-        ++used_.count;
     }
     void trim() noexcept {
-        if (used_.count + full_.count > kKept) {
+        if (blocksOf(used_) + blocksOf(full_) > kKept) {
             leaveAll();
         }
     }
     void leaveAll() noexcept {
-        depot.leave(used_);
-        depot.leave(full_);
-        used_ = {};
-        full_ = {};
+        depot.leave(std::exchange(used_, nullptr));
+        depot.leave(std::exchange(full_, nullptr));
     }
     void end() noexcept {
         leaveAll();
@@ -139,8 +136,8 @@ public:
     }
 
 private:
-    Batch used_;
-    Batch full_;
+    Batch *used_ = nullptr;
+    Batch *full_ = nullptr;
     bool ended_ = false;
 };
 static_assert(std::is_trivially_destructible_v<Cache>);

@@ -2,7 +2,7 @@
 // time. Each thread keeps some free blocks, and threads exchange them in batches, so that most
 // blocks are had and given back without a lock.
 // Threads: any thread may call anything; a block may be given back by another thread.
-// Memory:  a thread keeps at most 64 free blocks, and at most 2 once it has trimmed them; at most
+// Memory:  a thread keeps at most 62 free blocks, and at most 2 once it has trimmed them; at most
 //          8,192 more wait in common. The rest goes back to the heap, all of it at process exit.
 //          Where the address sanitizer watches the heap, and on Windows, every block comes from
 //          there.
