@@ -159,6 +159,7 @@ struct client_t {
     // it off the bus when it meets the record in its list of such nodes.
     std::atomic<bool> departed{false};
     client_t *next_departed = nullptr;
+    client_t *next_to_wake = nullptr; // in the server's list of nodes that it has yet to wake
     std::atomic<int> references{1};
     bus::NodeCounters counters;
 

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <new>
-#include <utility>
 
 struct bus_mk_list_node {
     void *data;
@@ -18,8 +17,6 @@ struct bus_mk_list {
     bus_mk_list_node *tail;
     bus_mk_list_node *head;
     bus_mk_list_node *cur;
-    bus_mk_list_node *spare; // nodes for reuse, linked by next
-    std::int32_t spare_cnt;
 };
 
 namespace {
@@ -93,43 +90,11 @@ void unlink(bus_mk_list *list, bus_mk_list_node *node) noexcept {
     --list->node_cnt;
 }
 
-constexpr std::int32_t kMostSpare = 512;
-constexpr std::int32_t kSpareOfIdle = 8;
-
-bus_mk_list_node *newNode(bus_mk_list *list, void *data) noexcept {
-    bus_mk_list_node *const node = list->spare;
-    if (!node) {
-        return new (std::nothrow) bus_mk_list_node{data, nullptr, nullptr};
-    }
-    list->spare = node->next;
-    --list->spare_cnt;
-    node->data = data;
-    return node;
-}
-
-void keepNode(bus_mk_list *list, bus_mk_list_node *node) noexcept {
-    if (list->spare_cnt == kMostSpare) {
-        delete node;
-        return;
-    }
-    node->next = list->spare;
-    list->spare = node;
-    ++list->spare_cnt;
-}
-
-void deleteNodes(bus_mk_list_node *node) noexcept {
-    while (node) {
-        bus_mk_list_node *const next = node->next;
-        delete node;
-        node = next;
-    }
-}
-
 void *_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept {
     BUS_MK_ASSERT(node, "node != NULL");
     unlink(list, node);
     void *const data = node->data;
-    keepNode(list, node);
+    delete node;
     return data;
 }
 
@@ -145,13 +110,15 @@ void *replace(bus_mk_list_node *node, void *data) noexcept {
 } // namespace
 
 bus_mk_list *bus_mk_list_new(bus_mk_list_equal eq_func) noexcept {
-    return new (std::nothrow) bus_mk_list{0, eq_func ? eq_func : default_eq, {}, {}, {}, {}, 0};
+    return new (std::nothrow) bus_mk_list{0, eq_func ? eq_func : default_eq, {}, {}, {}};
 }
 
 void bus_mk_list_destroy(bus_mk_list *list) noexcept {
     check(list);
-    deleteNodes(list->head);
-    deleteNodes(list->spare);
+    while (bus_mk_list_node *const node = list->head) {
+        list->head = node->next;
+        delete node;
+    }
     delete list;
 }
 
@@ -167,7 +134,7 @@ void bus_mk_list_set_eq(bus_mk_list *list, bus_mk_list_equal eq_func) noexcept {
 
 bus_mk_list_node *bus_mk_list_add(bus_mk_list *list, void *data, int idx) noexcept {
     check(list);
-    bus_mk_list_node *const node = newNode(list, data);
+    auto *const node = new (std::nothrow) bus_mk_list_node{data, nullptr, nullptr};
     if (node) {
         link(list, node, idx < 0 || idx >= list->node_cnt ? nullptr : nodeAt(list, idx + 1));
     }
@@ -238,33 +205,6 @@ int bus_mk_list_remove_node(bus_mk_list *list, bus_mk_list_node *node) noexcept 
     }
     unlink(list, node);
     return 0;
-}
-
-void bus_mk_list_splice(bus_mk_list *list, bus_mk_list *from) noexcept {
-    check(list);
-    check(from);
-    if (from->head) {
-        from->head->pre = list->tail;
-        (list->tail ? list->tail->next : list->head) = from->head;
-        list->tail = from->tail;
-        list->node_cnt += from->node_cnt;
-        from->head = nullptr;
-        from->tail = nullptr;
-        from->cur = nullptr;
-        from->node_cnt = 0;
-    }
-    std::swap(list->spare, from->spare);
-    std::swap(list->spare_cnt, from->spare_cnt);
-}
-
-void bus_mk_list_trim(bus_mk_list *list) noexcept {
-    check(list);
-    while (list->spare_cnt > kSpareOfIdle) {
-        bus_mk_list_node *const node = list->spare;
-        list->spare = node->next;
-        --list->spare_cnt;
-        delete node;
-    }
 }
 
 void bus_mk_list_del_if(bus_mk_list *list, bus_mk_list_equal wanted, void *key) noexcept {

@@ -1,5 +1,4 @@
 // Doubly linked list of untyped pointers with a count, an equality function and one cursor.
-// Nodes that it frees are kept for reuse, up to 512, until it is trimmed or destroyed.
 // It never copies, inspects or frees what the pointers lead to. Store no null pointers: a null
 // result could not be told from a stored one.
 // Positions: add counts from 0 (how many nodes stand before the new one); everything else counts
@@ -55,11 +54,6 @@ void *bus_mk_list_get_tail_data(const bus_mk_list *list) noexcept;
 bus_mk_list_node *bus_mk_list_get_node_from_tail(bus_mk_list *list) noexcept;
 int bus_mk_list_push_node_to_tail(bus_mk_list *list, bus_mk_list_node *node) noexcept;
 int bus_mk_list_remove_node(bus_mk_list *list, bus_mk_list_node *node) noexcept;
-// Appends all that from holds to the list, in its order, in one step; from is empty then. The two
-// also change the nodes that they keep for reuse: where items go one way, their nodes come back.
-void bus_mk_list_splice(bus_mk_list *list, bus_mk_list *from) noexcept;
-// Frees the nodes kept for reuse, all but a few.
-void bus_mk_list_trim(bus_mk_list *list) noexcept;
 // Removes, in one walk from the head, every item for which wanted(key, item) gives 0; what it stood
 // for is for wanted to keep.
 void bus_mk_list_del_if(bus_mk_list *list, bus_mk_list_equal wanted, void *key) noexcept;

@@ -9,18 +9,29 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
 constexpr std::size_t kCacheLine = 64;
 
+// Pointers in a row of memory, which is had with the first of them.
+struct Row {
+    void **items;
+    std::int32_t places;
+    std::int32_t first; // what stands before has been taken
+    std::int32_t end;
+};
+
 } // namespace
 
-// One list in two parts: items are appended to in, taken from out, and move from one to the other
-// all at once when out is empty, or when an operation needs the whole list.
+// One sequence in three parts. Items are appended to in, and taken from list and then from out;
+// when both are empty, in and out change places: sender and receiver meet once for a batch. Only
+// items that are put in front, or are to keep a place, stand in list.
 struct bus_mk_queue {
     // The senders' part.
     alignas(kCacheLine) bus_mk_thread_mutex_t mut; // taken after recv_mut where both are
@@ -33,12 +44,14 @@ struct bus_mk_queue {
     // A former value of out_count, which has not grown since: what it allows needs no look at the
     // receivers' part.
     std::int32_t out_seen BUS_MK_GUARDED_BY(mut);
-    bus_mk_list *in BUS_MK_PT_GUARDED_BY(mut);
+    Row in BUS_MK_GUARDED_BY(mut);
     std::atomic<std::int32_t> in_count; // written under mut
 
     // The receivers' part.
     alignas(kCacheLine) bus_mk_thread_mutex_t recv_mut;
     bus_mk_list *list BUS_MK_PT_GUARDED_BY(recv_mut);
+    Row out BUS_MK_GUARDED_BY(recv_mut);
+    bus_mk_list_equal eq;                // fixed when the queue is made
     std::atomic<std::int32_t> out_count; // written under recv_mut; grows only under mut as well
     std::atomic<std::int32_t> looks;     // of a receiver, before it sleeps
 };
@@ -50,28 +63,76 @@ struct ListDelete {
 };
 using ListPtr = std::unique_ptr<bus_mk_list, ListDelete>;
 
+// ---- a row ----
+
+constexpr std::int32_t kFewPlaces = 8;
+
+std::int32_t countOf(const Row &row) noexcept {
+    return row.end - row.first;
+}
+
+// False: no memory, nothing is changed.
+bool grow(Row &row) noexcept {
+    const std::int32_t places = std::max(kFewPlaces, 2 * row.places);
+    void **const items = new (std::nothrow) void *[static_cast<std::size_t>(places)];
+    if (!items) {
+        return false;
+    }
+    std::copy(row.items, row.items + row.end, items);
+    delete[] row.items;
+    row.items = items;
+    row.places = places;
+    return true;
+}
+
+bool add(Row &row, void *item) noexcept {
+    if (row.end == row.places && !grow(row)) {
+        return false;
+    }
+    row.items[row.end++] = item;
+    return true;
+}
+
+void *takeAt(Row &row, std::int32_t index) noexcept {
+    void **const place = row.items + row.first + index;
+    void *const item = *place;
+    std::move_backward(row.items + row.first, place, place + 1);
+    ++row.first;
+    if (row.first == row.end) {
+        row.first = 0;
+        row.end = 0;
+    }
+    return item;
+}
+
+void giveBack(Row &row) noexcept {
+    if (row.end == 0 && row.places > kFewPlaces) {
+        delete[] row.items;
+        row = {};
+    }
+}
+
+// ---- the whole of a queue ----
+
+int default_eq(void *key, void *stored) {
+    return key == stored ? 0 : -1;
+}
+
 void noteOut(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut) {
-    q->out_count.store(bus_mk_list_cnt(q->list), std::memory_order_release);
+    q->out_count.store(bus_mk_list_cnt(q->list) + countOf(q->out), std::memory_order_release);
 }
 
-// Moves all that has been appended to the receivers' part.
-void bring(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
-    bus_mk_list_splice(q->list, q->in);
-    noteOut(q); // before in_count: an item is never in neither count
-    q->out_seen = bus_mk_list_cnt(q->list);
-    q->in_count.store(0, std::memory_order_release);
-}
-
-// The whole queue stands still for a scope, all of it in list.
+// The whole queue stands still for a scope.
 class BUS_MK_SCOPED_CAPABILITY Whole {
 public:
     explicit Whole(bus_mk_q_t *q) noexcept BUS_MK_ACQUIRE(q->recv_mut, q->mut) : q_{q} {
         bus_mk_thread_mutex_lock(&q->recv_mut);
         bus_mk_thread_mutex_lock(&q->mut);
-        bring(q);
     }
     ~Whole() BUS_MK_RELEASE() {
         noteOut(q_);
+        q_->out_seen = q_->out_count.load(std::memory_order_relaxed);
+        q_->in_count.store(countOf(q_->in), std::memory_order_release);
         bus_mk_thread_mutex_unlock(&q_->mut);
         bus_mk_thread_mutex_unlock(&q_->recv_mut);
     }
@@ -82,10 +143,73 @@ private:
     bus_mk_q_t *q_;
 };
 
+int countOfAll(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
+    return bus_mk_list_cnt(q->list) + countOf(q->out) + countOf(q->in);
+}
+
+// Calls step(item) for each item from the head on, until it gives true.
+template <typename Step>
+void walk(bus_mk_q_t *q, Step step) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
+    const bus_mk_list_iter next = bus_mk_list_iter_get(q->list, 0);
+    while (void *const item = next(q->list)) {
+        if (step(item)) {
+            return;
+        }
+    }
+    for (const Row *const row : {&q->out, &q->in}) {
+        if (std::any_of(row->items + row->first, row->items + row->end, step)) {
+            return;
+        }
+    }
+}
+
+// The position of the first match, and 0 for none.
+int positionOf(bus_mk_q_t *q, void *key) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
+    int position = 0;
+    bool found = false;
+    walk(q, [&](void *item) {
+        ++position;
+        found = key && q->eq(key, item) == 0;
+        return found;
+    });
+    return found ? position : 0;
+}
+
+// The item at pos, taken out or left in place. Null: there is none.
+void *itemAt(bus_mk_q_t *q, int pos, bool taken) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
+    const int listed = bus_mk_list_cnt(q->list);
+    if (pos <= listed) {
+        return taken ? bus_mk_list_del_idx(q->list, pos) : bus_mk_list_get_idx(q->list, pos);
+    }
+    int index = pos - listed - 1;
+    for (Row *const row : {&q->out, &q->in}) {
+        if (index < countOf(*row)) {
+            return taken ? takeAt(*row, index) : row->items[row->first + index];
+        }
+        index -= countOf(*row);
+    }
+    return nullptr;
+}
+
+// Moves everything into list. False: no memory; what has not been moved is where it was.
+bool settle(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
+    for (Row *const row : {&q->out, &q->in}) {
+        while (countOf(*row) > 0) {
+            if (!bus_mk_list_add(q->list, row->items[row->first], -1)) {
+                return false;
+            }
+            takeAt(*row, 0);
+        }
+    }
+    return true;
+}
+
+// ---- sending ----
+
 // Whether one item more stays within limit. The receivers' part is looked at only when its former
 // count does not tell.
 bool hasPlace(bus_mk_q_t *q, int limit) noexcept BUS_MK_REQUIRES(q->mut) {
-    const std::int32_t waiting = bus_mk_list_cnt(q->in);
+    const std::int32_t waiting = countOf(q->in);
     if (waiting + q->out_seen >= limit || waiting + q->out_seen >= q->highest) {
         q->out_seen = q->out_count.load(std::memory_order_acquire);
     }
@@ -106,51 +230,38 @@ bool mustWake(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->mut) {
     return false;
 }
 
-// The event remembers a signal that comes before the wait.
-void wakeReceiver(bus_mk_q_t *q, bool wake) noexcept {
-    if (wake) {
-        bus_mk_thread_cond_signal(&q->recv_cond);
+bus_mk_sent append(bus_mk_q_t *q, void *data, int limit, bool &wake) noexcept {
+    const bus_mk_guard lock{q->mut};
+    if (!hasPlace(q, limit)) {
+        return bus_mk_sent::kFull;
     }
-}
-
-bus_mk_sent append(bus_mk_q_t *q, void *data, int limit) noexcept {
-    bool wake = false;
-    {
-        const bus_mk_guard lock{q->mut};
-        if (!hasPlace(q, limit)) {
-            return bus_mk_sent::kFull;
-        }
-        if (!bus_mk_list_add(q->in, data, -1)) {
-            return bus_mk_sent::kNoMemory;
-        }
-        const std::int32_t waiting = bus_mk_list_cnt(q->in);
-        q->highest = std::max(q->highest, waiting + q->out_seen);
-        q->in_count.store(waiting, std::memory_order_release);
-        wake = mustWake(q);
+    if (!add(q->in, data)) {
+        return bus_mk_sent::kNoMemory;
     }
-    wakeReceiver(q, wake);
+    const std::int32_t waiting = countOf(q->in);
+    q->highest = std::max(q->highest, waiting + q->out_seen);
+    q->in_count.store(waiting, std::memory_order_release);
+    wake = mustWake(q);
     return bus_mk_sent::kDone;
 }
 
 // The same at any place, and with the place in node.
-bus_mk_sent insert(bus_mk_q_t *q, void *data, int pos, bus_mk_list_node *&node) noexcept {
-    bool wake = false;
-    {
-        const Whole lock{q};
-        if (!hasPlace(q, q->max_size)) {
-            return bus_mk_sent::kFull;
-        }
-        node = bus_mk_list_add(q->list, data, pos);
-        if (!node) {
-            return bus_mk_sent::kNoMemory;
-        }
-        q->out_seen = bus_mk_list_cnt(q->list);
-        q->highest = std::max(q->highest, q->out_seen);
-        wake = mustWake(q);
+bus_mk_sent insert(bus_mk_q_t *q, void *data, int pos, bus_mk_list_node *&node,
+                   bool &wake) noexcept {
+    const Whole lock{q};
+    if (countOfAll(q) >= q->max_size) {
+        return bus_mk_sent::kFull;
     }
-    wakeReceiver(q, wake);
+    node = pos == 0 || settle(q) ? bus_mk_list_add(q->list, data, pos) : nullptr;
+    if (!node) {
+        return bus_mk_sent::kNoMemory;
+    }
+    q->highest = std::max(q->highest, countOfAll(q));
+    wake = mustWake(q);
     return bus_mk_sent::kDone;
 }
+
+// ---- receiving ----
 
 // A receiver that sleeps costs its sender a system call and itself some microseconds until it runs
 // again; where messages follow each other, the next one comes sooner. A receiver that has slept for
@@ -179,8 +290,8 @@ bool comesSoon(const bus_mk_q_t *q) noexcept {
 void giveBackSpare(bus_mk_q_t *q) noexcept {
     bus_mk_pool_trim();
     const Whole lock{q};
-    bus_mk_list_trim(q->in);
-    bus_mk_list_trim(q->list);
+    giveBack(q->in);
+    giveBack(q->out);
 }
 
 constexpr unsigned kForever = std::numeric_limits<unsigned>::max();
@@ -213,20 +324,58 @@ void waitWhileEmpty(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     noteSleep(q, std::chrono::steady_clock::now() - begun);
 }
 
+// A receiver that has emptied a short batch and already finds the next one begun lets that grow:
+// where it meets its sender for every few items, the meetings cost more than the items do.
+void letBatchGrow(const bus_mk_q_t *q) noexcept {
+    constexpr std::int32_t kShortBatch = 32;
+    if (q->out_count.load(std::memory_order_relaxed) == 0 &&
+        q->in_count.load(std::memory_order_relaxed) < kShortBatch) {
+        platform::yieldThread();
+    }
+}
+
+// What an item leads to lies in its sender's cache. It is asked for while those before it are
+// handled.
+void fetchAhead(const Row &row) noexcept {
+    constexpr std::int32_t kAhead = 4;
+    constexpr std::size_t kFetched = 3 * kCacheLine;
+    if (countOf(row) > kAhead) {
+        const char *const item = static_cast<const char *>(row.items[row.first + kAhead]);
+        for (std::size_t offset = 0; offset < kFetched; offset += kCacheLine) {
+            __builtin_prefetch(item + offset);
+        }
+    }
+}
+
+// The first item of the receivers' part, which gets all that has been appended when it has none.
+void *takeFirst(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut) {
+    if (void *const item = bus_mk_list_del_idx(q->list, 1)) {
+        return item;
+    }
+    if (countOf(q->out) == 0) {
+        const bus_mk_guard senders{q->mut};
+        std::swap(q->in, q->out);
+        noteOut(q); // before in_count: an item is never in neither count
+        q->out_seen = countOf(q->out);
+        q->in_count.store(0, std::memory_order_release);
+    }
+    fetchAhead(q->out);
+    return countOf(q->out) > 0 ? takeAt(q->out, 0) : nullptr;
+}
+
 } // namespace
 
 bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept {
-    ListPtr in{bus_mk_list_new(eq_func)};
-    ListPtr out{bus_mk_list_new(eq_func)};
-    auto *const q = in && out ? new (std::nothrow) bus_mk_queue{} : nullptr;
+    ListPtr list{bus_mk_list_new(eq_func)};
+    auto *const q = list ? new (std::nothrow) bus_mk_queue{} : nullptr;
     if (q) {
         bus_mk_thread_mutex_init(&q->mut);
         bus_mk_thread_mutex_init(&q->recv_mut);
         bus_mk_thread_cond_init(&q->recv_cond);
         q->max_size = q_size;
         q->looks = kMostLooks;
-        q->in = in.release();
-        q->list = out.release();
+        q->eq = eq_func ? eq_func : default_eq;
+        q->list = list.release();
         BUS_MK_ASSERT(q->list, "q->list != NULL");
     }
     return q;
@@ -238,12 +387,31 @@ int bus_mk_q_send(bus_mk_q_t *q, void *data, int pos) noexcept {
 
 bus_mk_sent bus_mk_q_offer(bus_mk_q_t *q, void *data, int pos, int extra) noexcept {
     bus_mk_list_node *place = nullptr;
-    return pos < 0 ? append(q, data, q->max_size + extra) : insert(q, data, pos, place);
+    bool wake = false;
+    const bus_mk_sent sent =
+        pos < 0 ? append(q, data, q->max_size + extra, wake) : insert(q, data, pos, place, wake);
+    if (wake) {
+        bus_mk_q_wake(q);
+    }
+    return sent;
+}
+
+bus_mk_sent bus_mk_q_post(bus_mk_q_t *q, void *data, bool &wake) noexcept {
+    return append(q, data, q->max_size, wake);
+}
+
+// The event remembers a signal that comes before the wait.
+void bus_mk_q_wake(bus_mk_q_t *q) noexcept {
+    bus_mk_thread_cond_signal(&q->recv_cond);
 }
 
 bus_mk_list_node *bus_mk_q_append(bus_mk_q_t *q, void *data) noexcept {
     bus_mk_list_node *place = nullptr;
-    return data && insert(q, data, -1, place) == bus_mk_sent::kDone ? place : nullptr;
+    bool wake = false;
+    if (data && insert(q, data, -1, place, wake) == bus_mk_sent::kDone && wake) {
+        bus_mk_q_wake(q);
+    }
+    return place;
 }
 
 void *bus_mk_q_take_out(bus_mk_q_t *q, bus_mk_list_node *place) noexcept {
@@ -256,17 +424,21 @@ void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept {
         if (waits && bus_mk_q_empty(q)) {
             waitWhileEmpty(q, kForever);
             waits = false; // once: another receiver may be faster
+        } else if (waits) {
+            letBatchGrow(q);
         }
-        const bus_mk_guard lock{q->recv_mut};
-        if (bus_mk_list_cnt(q->list) < std::max(pos, 1)) {
-            const bus_mk_guard senders{q->mut};
-            bring(q);
-        }
-        if (!waits || bus_mk_list_cnt(q->list) > 0) {
-            void *const item =
-                del == 1 ? bus_mk_list_get_idx(q->list, pos) : bus_mk_list_del_idx(q->list, pos);
+        if (del == 1 || pos != 1) {
+            const Whole lock{q};
+            if (!waits || countOfAll(q) > 0) {
+                return itemAt(q, pos, del != 1);
+            }
+        } else {
+            const bus_mk_guard lock{q->recv_mut};
+            void *const item = takeFirst(q);
             noteOut(q);
-            return item;
+            if (!waits || item) {
+                return item;
+            }
         }
     }
 }
@@ -279,22 +451,31 @@ void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept {
 
 void *bus_mk_q_delete(bus_mk_q_t *q, void *data) noexcept {
     const Whole lock{q};
-    return bus_mk_list_del(q->list, data, nullptr);
+    return itemAt(q, positionOf(q, data), true);
 }
 
 void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept {
     const Whole lock{q};
-    return bus_mk_list_del_idx(q->list, pos);
+    return itemAt(q, pos, true);
 }
 
 void bus_mk_q_delete_if(bus_mk_q_t *q, bus_mk_list_equal wanted, void *key) noexcept {
     const Whole lock{q};
     bus_mk_list_del_if(q->list, wanted, key);
+    for (Row *const row : {&q->out, &q->in}) {
+        void **const kept = std::remove_if(row->items + row->first, row->items + row->end,
+                                           [&](void *item) { return wanted(key, item) == 0; });
+        row->end = static_cast<std::int32_t>(kept - row->items);
+    }
 }
 
 void *bus_mk_q_find(bus_mk_q_t *q, void *data, int *dinx) noexcept {
     const Whole lock{q};
-    return bus_mk_list_find(q->list, data, dinx);
+    const int position = positionOf(q, data);
+    if (dinx && position > 0) {
+        *dinx = position;
+    }
+    return itemAt(q, position, false);
 }
 
 bool bus_mk_q_full(bus_mk_q_t *q) noexcept {
@@ -309,7 +490,7 @@ bool bus_mk_q_empty(const bus_mk_q_t *q) noexcept {
 
 int bus_mk_q_count(bus_mk_q_t *q) noexcept {
     const Whole lock{q};
-    return bus_mk_list_cnt(q->list);
+    return countOfAll(q);
 }
 
 int bus_mk_q_highest(bus_mk_q_t *q) noexcept {
@@ -319,25 +500,26 @@ int bus_mk_q_highest(bus_mk_q_t *q) noexcept {
 
 int bus_mk_q_visit(bus_mk_q_t *q, bus_mk_q_visitor visit, void *arg) noexcept {
     const Whole lock{q};
-    const bus_mk_list_iter next = bus_mk_list_iter_get(q->list, 0);
     int result = 0;
-    for (void *item = next(q->list); item && result == 0; item = next(q->list)) {
+    walk(q, [&](void *item) {
         result = visit(item, arg);
-    }
+        return result != 0;
+    });
     return result;
 }
 
 int bus_mk_q_clear(bus_mk_q_t *q, bus_mk_q_delete_callback delete_f, int flag) noexcept {
     {
         const Whole lock{q};
-        while (void *const item = bus_mk_list_del_idx(q->list, 1)) {
+        while (void *const item = itemAt(q, 1, true)) {
             if (delete_f) {
                 delete_f(item);
             }
         }
     }
     if (flag == 0) {
-        bus_mk_list_destroy(q->in);
+        delete[] q->in.items;
+        delete[] q->out.items;
         bus_mk_list_destroy(q->list);
         bus_mk_thread_mutex_destroy(&q->mut);
         bus_mk_thread_mutex_destroy(&q->recv_mut);

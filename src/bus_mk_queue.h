@@ -8,8 +8,10 @@
 // Callbacks: equality, delete and visit functions run under the queue's mutexes; never operate on
 //            the same queue from one.
 // Cost:      appending and taking the head lock different mutexes, and meet once for all the items
-//            that were appended meanwhile. No system call is made while nobody sleeps; a receiver
-//            gives up the processor a few times before it does.
+//            that were appended meanwhile. No system call is made while nobody sleeps, but that a
+//            receiver gives up the processor: once when it has emptied a short batch, and a few
+//            times before it sleeps. Memory grows with what waits, and is given back when the
+//            receiver sleeps.
 // The queue itself is not tested for null.
 #ifndef ZELVO_BUS_MK_QUEUE_H
 #define ZELVO_BUS_MK_QUEUE_H
@@ -35,6 +37,11 @@ int bus_mk_q_send(bus_mk_q_t *q, void *data, int pos) noexcept;
 // for the few items that must not be lost to a flood of others. data is not null.
 enum class bus_mk_sent { kDone, kFull, kNoMemory };
 bus_mk_sent bus_mk_q_offer(bus_mk_q_t *q, void *data, int pos, int extra) noexcept;
+// The same for an append without extra places, which leaves the waking to the caller: with wake set
+// a receiver sleeps, and goes on sleeping whatever else is sent, until the caller calls
+// bus_mk_q_wake.
+bus_mk_sent bus_mk_q_post(bus_mk_q_t *q, void *data, bool &wake) noexcept;
+void bus_mk_q_wake(bus_mk_q_t *q) noexcept;
 
 // The item at position pos. flag 0 waits while the queue is empty, any other value never waits;
 // del 1 leaves the item in place (it stays the queue's), any other value removes it (it becomes

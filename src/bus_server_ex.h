@@ -55,6 +55,9 @@ struct server_t {
     std::uint64_t joins = 0;
     // Nodes that have gone without waiting for the server, one reference each.
     std::atomic<client_t *> departed{nullptr};
+    // Nodes that sleep and have been sent publications, first and last. They can't go away meanwhile.
+    client_t *to_wake = nullptr;
+    client_t *to_wake_last = nullptr;
     std::atomic<int> running{0}; // 1 while the loop is to go on
     int call_timeout = 0;        // milliseconds that a call waits at most; 0 or less: no limit
     bool has_stats = false;      // whether "/bus/stats" is answered

@@ -12,7 +12,7 @@
 #include <thread>
 
 extern "C" {
-bus_mk_sent __real__Z14bus_mk_q_offerP12bus_mk_queuePvii(bus_mk_q_t *, void *, int, int);
+bus_mk_sent __real__Z13bus_mk_q_postP12bus_mk_queuePvRb(bus_mk_q_t *, void *, bool &);
 int __real__Z25bus_mk_thread_cond_signalP20bus_mk_thread_cond_t(bus_mk_thread_cond_t *);
 void *__real__Z15bus_mk_pool_getv();
 }
@@ -39,13 +39,12 @@ thread_local bool memoryIsShort = false;  // no message can be made by this thre
 
 extern "C" {
 
-bus_mk_sent __wrap__Z14bus_mk_q_offerP12bus_mk_queuePvii(bus_mk_q_t *q, void *data, int pos,
-                                                         int extra) {
+bus_mk_sent __wrap__Z13bus_mk_q_postP12bus_mk_queuePvRb(bus_mk_q_t *q, void *data, bool &wake) {
     bus_mk_q_t *held = q;
     if (heldQueue.compare_exchange_strong(held, nullptr)) {
         sending.load()->stay();
     }
-    return __real__Z14bus_mk_q_offerP12bus_mk_queuePvii(q, data, pos, extra);
+    return __real__Z13bus_mk_q_postP12bus_mk_queuePvRb(q, data, wake);
 }
 
 int __wrap__Z25bus_mk_thread_cond_signalP20bus_mk_thread_cond_t(bus_mk_thread_cond_t *cond) {

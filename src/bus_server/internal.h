@@ -22,11 +22,24 @@ inline constexpr char TAG[] = "Vek-server";
 int _busServerLogMessage(int level, const char *direction, const server_t *server,
                          const message_t *message, const char *target, int line) noexcept;
 
+// ---- waking, wake.cpp ----
+
+// Notes a node that sleeps on its queue and is to be woken.
+void wakeLater(server_t &server, client_t &client) noexcept;
+// Wakes the first, or all of them. False: there was none.
+bool wakeNext(server_t &server) noexcept;
+void wakeAll(server_t &server) noexcept;
+
 // Sends message to a node. Not taken: it is counted, and logged by logFull(), and is the caller's.
 template <typename LogFull>
 bool sendToNode(server_t &server, client_t &client, MessagePtr &message, LogFull logFull) noexcept {
-    const bus_mk_sent sent = handOver(client.message_queue, message, -1);
+    bool wake = false;
+    const bus_mk_sent sent = bus_mk_q_post(client.message_queue, message.get(), wake);
     if (sent == bus_mk_sent::kDone) {
+        static_cast<void>(message.release());
+        if (wake) {
+            wakeLater(server, client);
+        }
         countAlone(server.counters.sent);
         return true;
     }

@@ -79,6 +79,7 @@ std::string serve(server_t &server, const char *payload, const char *key) {
     const bool set = data && operation.starts_with("set");
     const bool persist = set && textOf(json.get(), "persist").starts_with("true");
     if (needsFile(server, persist)) {
+        wakeAll(server); // a disk may be slow
         _busGetKeys(server);
     }
     if (set) {

@@ -249,11 +249,23 @@ void wakeLeaving(server_t &server) noexcept {
 }
 
 void leaveLoop(server_t &server) noexcept {
+    wakeAll(server);
     wakeLeaving(server);
     const bus_mk_guard lock{server.loop_mutex};
     server.looping = false;
     bus_mk_thread_cond_signal(
         &server.loop_ended); // under the mutex: the server may be deleted next
+}
+
+// While messages wait, only some of the sleeping nodes are woken between two of them.
+constexpr int kWakesAMessage = 16;
+
+void wakeSome(server_t &server) noexcept {
+    for (int woken = 0; woken < kWakesAMessage || bus_mk_q_empty(server.message_queue); ++woken) {
+        if (!wakeNext(server)) {
+            return;
+        }
+    }
 }
 
 } // namespace
@@ -311,6 +323,9 @@ int busServerRun(server_t *server) noexcept {
         return 0;
     }
     while (server->running.load() == 1) {
+        if (server->to_wake) {
+            wakeSome(*server);
+        }
         MessagePtr message{static_cast<message_t *>(bus_mk_q_recv(server->message_queue, 0, 0, 1))};
         if (message) {
             countAlone(server->counters.taken);
