@@ -5,85 +5,138 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string>
+#include <chrono>
+#include <random>
+#include <thread>
+#include <vector>
 
 namespace {
 
-std::string g_told;
+using Items = std::vector<int *>;
+Items g_told;
+
 int tell(void *item, void * /*arg*/) {
-    g_told += *static_cast<char *>(item);
+    g_told.push_back(static_cast<int *>(item));
     return 0;
 }
-int sameLetter(void *key, void *stored) {
-    return *static_cast<char *>(key) == *static_cast<char *>(stored) ? 0 : -1;
+int tellLast(void *item) {
+    return tell(item, nullptr);
+}
+int sameValue(void *key, void *stored) {
+    return *static_cast<int *>(key) == *static_cast<int *>(stored) ? 0 : -1;
 }
 
-class Queue : public testing::Test {
-protected:
-    ~Queue() override { bus_mk_q_clear(q_, nullptr, 0); }
-    // What a call gave, then all that the queue holds.
-    std::string after(const void *result) {
-        g_told = {result ? *static_cast<const char *>(result) : '-', ' '};
-        EXPECT_EQ(bus_mk_q_visit(q_, tell, nullptr), 0);
-        EXPECT_EQ(bus_mk_q_count(q_), static_cast<int>(g_told.size()) - 2);
-        EXPECT_EQ(bus_mk_q_full(q_), g_told.size() >= 5);
-        EXPECT_EQ(bus_mk_q_empty(q_), g_told.size() == 2);
-        return g_told;
-    }
-    int send(char &item) { return bus_mk_q_send(q_, &item, -1); }
+// The queue beside a plain sequence, through any row of operations. Positions count from 1.
+struct Sequence {
+    explicit Sequence(int places) : capacity{places}, q{bus_mk_q_new(places, sameValue)} {}
 
-    bus_mk_q_t *q_ = bus_mk_q_new(3, sameLetter);
-    char a_ = 'a', b_ = 'b', c_ = 'c', d_ = 'd';
+    int size() const { return static_cast<int>(held.size()); }
+    int *take(int pos, bool removed = true) {
+        const bool has = pos >= 1 && pos <= size();
+        int *const item = has ? held[static_cast<std::size_t>(pos) - 1] : nullptr;
+        if (has && removed) {
+            held.erase(held.begin() + pos - 1);
+        }
+        return item;
+    }
+    void expect(const void *given, const void *expected) {
+        g_told.clear();
+        highest = std::max(highest, size());
+        EXPECT_EQ(given, expected);
+        EXPECT_EQ(bus_mk_q_visit(q, tell, nullptr), 0);
+        EXPECT_EQ(g_told, held);
+        EXPECT_EQ(bus_mk_q_count(q), size());
+        EXPECT_EQ(bus_mk_q_empty(q), held.empty());
+        EXPECT_EQ(bus_mk_q_full(q), size() >= capacity);
+        EXPECT_EQ(bus_mk_q_highest(q), highest);
+    }
+    void send(int *item, int pos, int extra) {
+        const bool fits = size() < capacity + (pos < 0 ? extra : 0);
+        EXPECT_EQ(bus_mk_q_offer(q, item, pos, extra),
+                  fits ? bus_mk_sent::kDone : bus_mk_sent::kFull);
+        held.insert(pos < 0 || pos > size() ? held.end() : held.begin() + pos, fits ? 1 : 0, item);
+        expect(nullptr, nullptr);
+    }
+    void findAndDelete(int *item) {
+        const auto same = [&](const int *other) { return *other == *item; };
+        const int pos = static_cast<int>(std::ranges::find_if(held, same) - held.begin()) + 1;
+        int index = size() + 1;
+        expect(bus_mk_q_find(q, item, &index), take(pos, false));
+        EXPECT_EQ(index, pos);
+        expect(bus_mk_q_delete(q, item), take(pos));
+        if (random() % 2 == 0) {
+            bus_mk_q_delete_if(q, sameValue, item);
+            std::erase_if(held, same);
+        }
+    }
+    void appendAndTakeOut(int *item) {
+        bus_mk_list_node *const place = bus_mk_q_append(q, item);
+        EXPECT_EQ(place != nullptr, size() < capacity);
+        highest = std::max(highest, size() + (place ? 1 : 0));
+        expect(place ? bus_mk_q_take_out(q, place) : item, item);
+    }
+    void step(bool fills) {
+        int *const item = &values[random() % values.size()];
+        const int pos = random() % 2 == 0 ? 1 : static_cast<int>(random() % (held.size() + 3)) - 1;
+        const int del = static_cast<int>(random() % 3);
+        const auto operation = random() % (fills ? 16U : 5U);
+        if (operation == 0) {
+            findAndDelete(item);
+        } else if (operation == 1) {
+            expect(bus_mk_q_delete_index(q, pos), take(pos));
+        } else if (operation == 2) {
+            appendAndTakeOut(item);
+        } else if (operation < 5) {
+            int *const expected = take(pos, del != 1);
+            expect(bus_mk_q_recv(q, bus_mk_q_empty(q) ? 1 : 0, del, pos), expected);
+        } else {
+            send(item, random() % 4 == 0 ? pos : -1, del);
+        }
+    }
+
+    int capacity;
+    bus_mk_q_t *q;
+    Items held;
+    int highest = 0;
+    std::vector<int> values = {0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 0, 1, 2};
+    std::mt19937 random{7};
 };
 
-TEST_F(Queue, full_queue_refuses_and_leaves_item) {
-    using enum bus_mk_sent;
-    const std::tuple<char *, int, int, bus_mk_sent, const char *> kOffers[] = {
-        {&b_, -1, 0, kDone, "- b"},   {&a_, 0, 0, kDone, "- ab"},  {&c_, 1, 0, kDone, "- acb"},
-        {&d_, -1, 0, kFull, "- acb"}, {&d_, 0, 9, kFull, "- acb"}, {&d_, -1, 1, kDone, "- acbd"},
-        {&a_, -1, 1, kFull, "- acbd"}};
-    for (const auto &[item, pos, extra, sent, held] : kOffers) {
-        EXPECT_EQ(bus_mk_q_offer(q_, item, pos, extra), sent);
-        EXPECT_EQ(after(nullptr), held);
+TEST(Queue, is_one_sequence_with_room_for_so_many) {
+    for (const int capacity : {2, 40}) {
+        Sequence sequence{capacity};
+        for (int i = 0; i < 5000 && !HasFailure(); ++i) {
+            sequence.step(i / 100 % 2 == 0);
+        }
+        EXPECT_EQ(sequence.highest, capacity + 2);
+        EXPECT_EQ(bus_mk_q_send(sequence.q, nullptr, -1), -1);
+        EXPECT_EQ(bus_mk_q_append(sequence.q, nullptr), nullptr);
+        g_told.clear();
+        bus_mk_q_clear(sequence.q, tellLast, 1);
+        EXPECT_EQ(g_told, sequence.held);
+        EXPECT_EQ(bus_mk_q_recv(sequence.q, 1, 0, 1), nullptr);
+        bus_mk_q_clear(sequence.q, nullptr, 0);
     }
-    EXPECT_EQ(bus_mk_q_highest(q_), 4);
 }
 
-// Nothing looks at the whole queue in between, which would bring its two parts together.
-TEST_F(Queue, each_item_taken_makes_one_place) {
-    EXPECT_EQ(send(a_), 0);
-    EXPECT_EQ(bus_mk_q_recv(q_, 0, 0, 1), &a_);
-    EXPECT_EQ(send(a_) + send(b_), 0);
-    EXPECT_EQ(bus_mk_q_recv(q_, 1, 0, 1), &a_);
-    EXPECT_EQ(bus_mk_q_highest(q_), 2);
-    EXPECT_EQ(send(c_) + send(c_) + send(c_), -1);
-    EXPECT_EQ(bus_mk_q_delete(q_, &b_), &b_);
-    EXPECT_EQ(send(d_) + send(d_), -1);
-    EXPECT_EQ(after(bus_mk_q_recv(q_, 1, 2, 3)), "d cc");
-}
-
-TEST_F(Queue, items_are_had_by_position_key_or_place) {
-    EXPECT_EQ(bus_mk_q_send(q_, nullptr, -1), -1);
-    EXPECT_EQ(bus_mk_q_append(q_, nullptr), nullptr);
-    send(a_);
-    bus_mk_list_node *const place = bus_mk_q_append(q_, &b_);
-    send(c_);
-    int index = 9;
-    EXPECT_EQ(bus_mk_q_visit(q_, sameLetter, &c_), -1);    // ends at the first that differs
-    EXPECT_EQ(after(bus_mk_q_recv(q_, 0, 1, 2)), "b abc"); // left in place
-    EXPECT_EQ(after(bus_mk_q_recv(q_, 0, 0, 0)), "- abc");
-    EXPECT_EQ(after(bus_mk_q_find(q_, &c_, &index)), "c abc");
-    EXPECT_EQ(after(bus_mk_q_find(q_, &d_, &index)), "- abc");
-    EXPECT_EQ(index, 3);
-    EXPECT_EQ(after(bus_mk_q_delete_index(q_, 1)), "a bc");
-    EXPECT_EQ(after(bus_mk_q_take_out(q_, place)), "b c");
-    EXPECT_EQ(send(a_) + send(b_), 0);
-    bus_mk_q_delete_if(q_, sameLetter, &a_);
-    EXPECT_EQ(after(nullptr), "- cb");
-    bus_mk_q_clear(
-        q_, [](void *item) { return tell(item, nullptr); }, 1);
-    EXPECT_EQ(g_told, "- cbcb"); // told once more, head first
-    EXPECT_EQ(after(nullptr), "- ");
+TEST(QueueThreads, receiver_sleeps_until_the_sender_that_found_it_asleep_wakes_it) {
+    const Deadline deadline{"a receiver that is to be woken"};
+    int item = 0;
+    int last = 1;
+    bus_mk_q_t *const q = bus_mk_q_new(5000, nullptr);
+    std::thread receiver{[&] {
+        while (bus_mk_q_recv(q, 0, 0, 1) != &last) {}
+    }};
+    for (bool wake = false; !wake;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds{1});
+        bus_mk_q_post(q, &item, wake);
+    }
+    bus_mk_q_send(q, &last, -1);
+    std::this_thread::sleep_for(std::chrono::milliseconds{5});
+    EXPECT_EQ(bus_mk_q_count(q), 2);
+    bus_mk_q_wake(q);
+    receiver.join();
+    bus_mk_q_clear(q, nullptr, 0);
 }
 
 // Guards what no single thread shows: an item or a wake-up that is lost between two. One item lets
