@@ -75,9 +75,12 @@ TEST(HeldThreads, receiver_whose_wait_is_limited_does_not_overtake_its_senders_s
     while (!held) { // until a send has met a receiver that waits
         Place signalling{nullptr, std::chrono::milliseconds{50}};
         place = &signalling;
-        std::thread sender{[&] { bus_mk_q_send(q, q, -1); }};
+        std::thread sender{[&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds{1});
+            bus_mk_q_send(q, q, -1);
+        }};
         while (!bus_mk_q_recv(q, 1, 0, 1)) {
-            bus_mk_q_wait(q, 1);
+            bus_mk_q_wait(q, 10);
         }
         signalling.letGo.set(); // and might destroy the queue
         sender.join();
