@@ -1,4 +1,5 @@
 #include "bus_protocol.h"
+#include "running.h"
 
 #include <gtest/gtest.h>
 
@@ -6,20 +7,42 @@ namespace bus {
 
 TEST(Protocol, name_that_an_address_leads_to_is_callable) {
     const std::string longest(kMaxHost, 'n');
-    // Whose an address with the name is: the bus's, the keys', that node's, nobody's.
-    const std::pair<std::string, char> kCases[] = {
-        {"bus", 'b'},   {"b", 'b'},           {"localKeys", 'k'},  {"l", 'k'},
-        {"bus2", 'n'},  {"Bus", 'n'},         {"localKeysX", 'n'}, {"/x", 'n'},
-        {longest, 'n'}, {longest + 'n', '-'}, {"a/b", '-'},        {"", '-'}};
-    for (const auto &[name, whose] : kCases) {
-        const std::string address = '/' + name + "/path/x";
-        const auto url = splitUrl(address);
-        const bool whole = url && url->host == name && url->path == "/path/x";
-        const char owner = selects(name, kBusHost) ? 'b' : selects(name, kKeysHost) ? 'k' : 'n';
-        EXPECT_EQ(whole ? owner : '-', whose) << name;
-        EXPECT_EQ(isCallable(name), whose == 'n') << name;
+    const Texts kNames[] = {{"bus", "b", "localKeys", "l", "a/b", "", longest + 'n'},
+                            {"bus2", "Bus", "localKeysX", "/x", longest}};
+    for (const bool callable : {false, true}) {
+        for (const std::string &name : kNames[callable]) {
+            const std::string address = '/' + name + "/path/x";
+            const auto url = splitUrl(address);
+            const bool reserved = selects(name, kBusHost) || selects(name, kKeysHost);
+            EXPECT_EQ(url && url->host == name && !reserved, callable) << name;
+            EXPECT_EQ(isCallable(name), callable) << name;
+        }
     }
     EXPECT_EQ(joinNotice("a\"b\\c"), R"({"event":"join", "name": "a\"b\\c"})");
+}
+
+int g_blocks = 0;
+
+// Guards an application's heap and the C library's: the blocks of the one are none of the other.
+TEST(Json, functions_that_an_application_sets_while_a_bus_runs_get_their_blocks_back) {
+    cJSON_Hooks own{[](std::size_t size) -> void * {
+                        ++g_blocks;
+                        return static_cast<char *>(std::malloc(size + 16)) + 16;
+                    },
+                    [](void *block) {
+                        --g_blocks;
+                        std::free(static_cast<char *>(block) - 16);
+                    }};
+    {
+        const Bus bus{6};
+        cJSON_InitHooks(&own);
+        Node node{bus, "node"};
+        EXPECT_NE(node.call("/bus/nodes"), "null");
+        node.call("/localKeys/k", R"({"operation":"set","data":[1]})");
+        EXPECT_EQ(node.call("/localKeys/k", R"({"operation":"get"})"), "[1]");
+    }
+    EXPECT_EQ(g_blocks, 0);
+    const Bus next{6}; // takes the C library's functions again
 }
 
 } // namespace bus
