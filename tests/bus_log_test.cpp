@@ -38,10 +38,11 @@ protected:
 
 TEST_F(Log, line_carries_ids_time_and_source) {
     open(0);
-    auto time = floor<milliseconds>(system_clock::now());
     std::uint32_t thread = 0;
+    time_point<system_clock, milliseconds> time;
     inThreads(1, [&](int) { // whose id is not the process's
         thread = platform::threadId();
+        time = floor<milliseconds>(system_clock::now());
         bus::_bus_log(5, "src/a.cpp", 75, "f", "  %s, %s\n", "Tag", "1");
     });
     char line[128] = "";

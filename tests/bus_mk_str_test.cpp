@@ -59,17 +59,15 @@ void findAll(void *) {
     const std::string words = repeated("key_1, value.x ", 4400);
     const std::string run(66000, 'a');
     const std::string few(2000, 'a');
-    const std::string set = "[" + std::string(10000, 'b') + "]";
     std::vector<Case> cases = {
         {"(x(y)z)", "xyz", "0..2 0+3 1+1"},
         {"(a*)(a)b", "aaab", "0..3 0+2 2+1"},
-        {"(a-)(b?)c", "aabc", "0..3 0+2 2+1"},
         {"(o)(.-)%1", "hello world", "4..7 4+1 5+2"},
         {repeated("()", 31) + "(a)", "a", "0..0 0+1"},
         {repeated("()", 32) + "(a)", "a", "none"},
         {repeated("(a?", 32) + repeated(")a?", 32) + repeated("a?", 192) + "b", few, "none"},
         {"%b()", std::string(5000, '('), "none"},
-        {set + "-" + set, few, "none"},
+        {"[" + std::string(10000, 'b') + "]-a", few, "0..0"},
         {repeated("a?", 1025), few, "none"},
         {std::string(1000000, '('), "a", "none"},
         {"<(%a+)>.-</%1>", tags + "<i>x</i>", "15000..15007 15001+1"},
