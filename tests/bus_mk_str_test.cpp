@@ -30,9 +30,7 @@ std::string find(const std::string &pattern, const std::string &text) {
     return found == 0 || told != "0..0" ? told : "none";
 }
 
-struct Case {
-    std::string pattern, text, found;
-};
+using Case = std::tuple<std::string, std::string, std::string>; // pattern, text, what is found
 
 const std::vector<Case> kShort = {
     {"abc", "xxabcxx", "2..4"},  {"abd", "xxabcxx", "none"},   {"", "any", "0..-1"},
