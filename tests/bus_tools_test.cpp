@@ -12,7 +12,6 @@ TEST(Tools, clocks_count_within_the_hour_the_second_and_without_end) {
     using namespace std::chrono;
     EXPECT_EQ(millsOfHour(system_clock::time_point{-1ms}), 3599999);
     EXPECT_EQ(millsOfHour(system_clock::time_point{90062003ms}), 62003);
-    EXPECT_LT(system_gettimestampmills(), 3600000);
     EXPECT_LT(bus_getstimeval(), 1000000U);
     const duration<double> seconds = steady_clock::now().time_since_epoch();
     EXPECT_NEAR(clock_gettimestamp(), seconds.count(), 60);
@@ -37,10 +36,9 @@ TEST(Tools, running_executable_is_found_by_name_in_any_case) {
 }
 
 TEST(Tools, sample_is_scaled_and_clipped) {
-    const std::pair<float, int> kCases[] = {{98.5F, -10001}, {98, -10001},      {99, -10001},
-                                            {97, -10001},    {96, -5000},       {99.5F, -15001},
-                                            {0, 0},          {-5, 0},           {100, -32768},
-                                            {101, 32767},    {std::nanf(""), 0}};
+    const std::pair<float, int> kCases[] = {{98.5F, -10001}, {98, -10001},    {99, -10001},
+                                            {96, -5000},     {99.5F, -15001}, {0, 0},
+                                            {100, -32768},   {101, 32767},    {std::nanf(""), 0}};
     for (const auto &[volume, out] : kCases) {
         short sample = -10001;
         EXPECT_EQ(volume_adjust(&sample, &sample, volume, volume > 100 ? -4 : 4), 0);

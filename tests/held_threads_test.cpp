@@ -56,21 +56,18 @@ TEST(HeldThreads, call_on_its_way_to_a_node_that_is_closed_without_memory_is_ans
     Node caller{bus, "caller"};
     Place sending{idle.get()->message_queue};
     place = &sending;
-    std::string answer;
-    std::thread thread{[&] { answer = caller.call("/idle/x"); }};
+    std::thread thread{[&] { EXPECT_EQ(caller.call("/idle/x"), bus::kNoHandlerAnswer); }};
     ASSERT_TRUE(sending.inside.wait()); // the bus is about to hand the request on
     memoryIsShort = true;
     idle.close(); // whose wake-up of the bus is lost
     memoryIsShort = false;
     sending.letGo.set();
     thread.join();
-    EXPECT_EQ(answer, bus::kNoHandlerAnswer);
 }
 
 TEST(HeldThreads, receiver_whose_wait_is_limited_does_not_overtake_its_senders_signal) {
     bus_mk_q_t *const q = bus_mk_q_new(2, nullptr);
-    bool held = false;
-    while (!held) { // until a send has met a receiver that waits
+    for (bool held = false; !held;) { // until a send has met a receiver that waits
         Place signalling{nullptr};
         place = &signalling;
         std::thread sender{[&] {

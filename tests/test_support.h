@@ -49,21 +49,20 @@ void inThreads(int count, auto body) {
 }
 
 // Ends the program where a scope takes longer than the limit.
-class Deadline {
+class Deadline : Signal {
 public:
     explicit Deadline(const std::string &what, std::chrono::seconds limit = kLimit)
         : thread_{[this, what, limit] {
-              if (!done_.wait(limit)) {
+              if (!wait(limit)) {
                   throw std::runtime_error{"hangs: " + what};
               }
           }} {}
     ~Deadline() {
-        done_.set();
+        set();
         thread_.join();
     }
 
 private:
-    Signal done_;
     std::thread thread_;
 };
 
