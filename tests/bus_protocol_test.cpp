@@ -1,37 +1,40 @@
 #include "bus_protocol.h"
+#include "running.h"
 
 #include <gtest/gtest.h>
 
 namespace bus {
 
-TEST(Protocol, address_leads_to_the_bus_the_keys_or_a_node) {
+TEST(Protocol, name_that_an_address_leads_to_is_callable) {
     const std::string longest(kMaxHost, 'n');
-    // Whose the address is that is made of the name and the path: the bus's, the keys', a node's.
-    const std::tuple<std::string, std::string, char> kCases[] = {
-        {"bus", "/join", 'b'},       {"b", "/x", 'b'},    {"localKeys", "/k", 'k'},
-        {"local", "/k", 'k'},        {"bus2", "/x", 'n'}, {"Bus", "/", 'n'},
-        {"localKeysX", "/x/y", 'n'}, {"/x", "/y", 'n'},   {longest, "/x", 'n'},
-        {longest + 'n', "/x", '-'},  {"bus", "", '-'},    {"", "/a", '-'}};
-    for (const auto &[name, path, whose] : kCases) {
-        const std::string address = '/' + name + path;
-        const auto url = splitUrl(address);
-        ASSERT_EQ(url.has_value(), whose != '-') << address;
-        if (url) {
-            EXPECT_TRUE(url->host == name && url->path == path) << address;
-            EXPECT_EQ(selects(name, kBusHost), whose == 'b') << address;
-            EXPECT_EQ(selects(name, kKeysHost), whose == 'k') << address;
+    const Texts kNames[] = {{"bus", "b", "localKeys", "l", "a/b", "", longest + 'n'},
+                            {"bus2", "Bus", "localKeysX", "/x", longest}};
+    for (const bool callable : {false, true}) {
+        for (const std::string &name : kNames[callable]) {
+            const std::string address = '/' + name + "/path/x";
+            const auto url = splitUrl(address);
+            const bool reserved = selects(name, kBusHost) || selects(name, kKeysHost);
+            EXPECT_EQ(url && url->host == name && !reserved, callable) << name;
+            EXPECT_EQ(isCallable(name), callable) << name;
         }
-        EXPECT_EQ(isCallable(name), whose == 'n') << address;
     }
-    EXPECT_FALSE(isCallable("a/b") || splitUrl("") || splitUrl("/") || selects("", kBusHost));
+    EXPECT_EQ(joinNotice("a\"b\\c"), R"({"event":"join", "name": "a\"b\\c"})");
 }
 
-TEST(Protocol, names_cannot_break_a_notice) {
-    EXPECT_EQ(joinNotice("a\"b\\c"), R"({"event":"join", "name": "a\"b\\c"})");
-    EXPECT_EQ(disjoinNotice("player"), R"({"event":"disjoin", "name":"player"})");
-    EXPECT_EQ(kDeadlockNotice.size(), 86U);
-    EXPECT_TRUE(isJsonArray("[]") && !isJsonArray("{}") && !isJsonArray("["));
-    EXPECT_TRUE(parseJson("[] x") && !parseJson("[] x", true));
+// Guards an application's heap and the C library's: the blocks of the one are none of the other.
+TEST(Json, functions_that_an_application_sets_while_a_bus_runs_get_their_blocks_back) {
+    const auto get = [](std::size_t size) -> void * {
+        return static_cast<char *>(std::malloc(size + 16)) + 16;
+    };
+    cJSON_Hooks own{get, [](void *block) { std::free(static_cast<char *>(block) - 16); }};
+    std::optional<Bus> bus{std::in_place, 6};
+    cJSON_InitHooks(&own);
+    Node node{*bus, "node"};
+    EXPECT_EQ(node.call("/bus/nodes"), "{\n\t\"data\":\t[\"node\"]\n}");
+    node.call("/localKeys/k", R"({"operation":"set","data":[1]})");
+    EXPECT_EQ(node.call("/localKeys/k", R"({"operation":"get"})"), "[1]");
+    node.close();
+    bus.emplace(6);
 }
 
 } // namespace bus

@@ -4,14 +4,13 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,8 +38,7 @@ private:
 };
 
 // Runs body(0), body(1) and so on at the same time, each in a thread.
-template <typename Body>
-void inThreads(int count, Body body) {
+void inThreads(int count, auto body) {
     std::vector<std::thread> threads;
     for (int i = 0; i < count; ++i) {
         threads.emplace_back([&body, i] { body(i); });
@@ -51,48 +49,40 @@ void inThreads(int count, Body body) {
 }
 
 // Ends the program where a scope takes longer than the limit.
-class Deadline {
+class Deadline : Signal {
 public:
     explicit Deadline(const std::string &what, std::chrono::seconds limit = kLimit)
         : thread_{[this, what, limit] {
-              if (!done_.wait(limit)) {
-                  std::fprintf(stderr, "hangs: %s\n", what.c_str());
-                  std::abort();
+              if (!wait(limit)) {
+                  throw std::runtime_error{"hangs: " + what};
               }
           }} {}
     ~Deadline() {
-        done_.set();
+        set();
         thread_.join();
     }
 
 private:
-    Signal done_;
     std::thread thread_;
 };
 
 // A new empty directory, removed with all it holds.
 class TempDir {
 public:
-    TempDir() {
-        std::random_device random;
-        do {
-            path_ =
-                std::filesystem::temp_directory_path() / ("zelvo-test-" + std::to_string(random()));
-        } while (!std::filesystem::create_directory(path_));
-    }
+    TempDir() { std::filesystem::create_directory(path_); }
     ~TempDir() {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
     TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
 
     // With "/" on every system: a "\\" would have to be escaped in JSON.
     std::string path() const { return path_.generic_string(); }
     std::string file(const char *name) const { return path() + "/" + name; }
 
 private:
-    std::filesystem::path path_;
+    const std::filesystem::path path_ = std::filesystem::temp_directory_path() /
+                                        ("zelvo-test-" + std::to_string(std::random_device{}()));
 };
 
 // The answer of a call handler, for the library to free.

@@ -3,24 +3,21 @@
 #define ZELVO_TEST_SYSTEM_H
 
 #include <cstddef>
-#include <cstdint>
 #include <functional>
-#include <string>
 
-std::uint32_t ownProcessId();
-std::uint32_t ownThreadId();
+using Body = std::function<void()>;
 
 // Runs body while the process can open no further file. False: not run, the system can't do that.
-bool withoutFiles(const std::function<void()> &body);
+bool withoutFiles(const Body &body);
 
 // Runs body with the rights of a user who owns nothing. False: not run, which only root can do.
-bool asNobody(const std::function<void()> &body);
+bool asNobody(const Body &body);
 
 // Runs body while no file can grow beyond a size, as on a full disk. False: not run, as above.
-bool withFullDisk(std::size_t size, const std::function<void()> &body);
+bool withFullDisk(std::size_t size, const Body &body);
 
 // Starts a process that does work, and kills it at some moment in its midst, a number of times;
 // runs look after each. Called while this process has one thread. False: not run, the system can't.
-bool whileKilled(int times, const std::function<void()> &work, const std::function<void()> &look);
+bool whileKilled(int times, const Body &work, const Body &look);
 
 #endif

@@ -1,32 +1,18 @@
-#define WIN32_LEAN_AND_MEAN
-#define NOMINMAX
-
 #include "test_system.h"
 
-#include <windows.h>
-
-std::uint32_t ownProcessId() {
-    return GetCurrentProcessId();
-}
-
-std::uint32_t ownThreadId() {
-    return GetCurrentThreadId();
-}
-
 // Handles have no limit of their own here.
-bool withoutFiles(const std::function<void()> & /*body*/) {
+bool withoutFiles(const Body & /*body*/) {
     return false;
 }
 
-bool asNobody(const std::function<void()> & /*body*/) {
+bool asNobody(const Body & /*body*/) {
     return false;
 }
 
-bool withFullDisk(std::size_t /*size*/, const std::function<void()> & /*body*/) {
+bool withFullDisk(std::size_t /*size*/, const Body & /*body*/) {
     return false;
 }
 
-bool whileKilled(int /*times*/, const std::function<void()> & /*work*/,
-                 const std::function<void()> & /*look*/) {
+bool whileKilled(int /*times*/, const Body & /*work*/, const Body & /*look*/) {
     return false;
 }

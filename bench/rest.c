@@ -1,5 +1,6 @@
 /* Prints by how many bytes the process's resident memory has grown once a bus and three nodes run,
- * have called each other once, and are at rest. */
+ * have called each other once, and are at rest. script/package runs it with the packaged library.
+ */
 #include <zelvo/bus_client.h>
 
 #include <pthread.h>
