@@ -281,7 +281,9 @@ bool comesSoon(const bus_mk_q_t *q) noexcept {
         if (!bus_mk_q_empty(q)) {
             return true;
         }
-        platform::yieldThread();
+        if (!bus_mk_thread_yield()) {
+            break;
+        }
     }
     return !bus_mk_q_empty(q);
 }
@@ -330,7 +332,7 @@ void letBatchGrow(const bus_mk_q_t *q) noexcept {
     constexpr std::int32_t kShortBatch = 32;
     if (q->out_count.load(std::memory_order_relaxed) == 0 &&
         q->in_count.load(std::memory_order_relaxed) < kShortBatch) {
-        platform::yieldThread();
+        bus_mk_thread_yield();
     }
 }
 

@@ -2,6 +2,9 @@
 
 #include "bus_mk_assert.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <new>
 
@@ -44,6 +47,18 @@ void waitFor(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex, Sleep sle
     word.fetch_and(~static_cast<std::uint32_t>(kSet), std::memory_order_relaxed);
 }
 
+// How long a yield takes when others keep the processor, and for how long none is tried then, in
+// nanoseconds.
+constexpr std::int64_t kLongYield = 1'000'000;
+constexpr std::int64_t kFirstPause = 10'000'000;
+constexpr std::int64_t kLongestPause = 1'000'000'000;
+std::atomic<std::int64_t> yieldsAgain{0}; // when the next one is tried
+std::atomic<std::int64_t> yieldsPause{0}; // the latest pause; it shrinks with each short yield
+
+std::int64_t nanoseconds() noexcept {
+    return std::chrono::nanoseconds{std::chrono::steady_clock::now().time_since_epoch()}.count();
+}
+
 constexpr int kShortLooks = 32;
 constexpr int kLooks = 4;
 
@@ -67,7 +82,9 @@ bool lockedSoon(platform::Word &word) noexcept {
         if (tryLock(word)) {
             return true;
         }
-        platform::yieldThread();
+        if (!bus_mk_thread_yield()) {
+            return false;
+        }
     }
     return false;
 }
@@ -153,6 +170,26 @@ int bus_mk_thread_cond_signal(bus_mk_thread_cond_t *cond) noexcept {
         platform::wakeAll(cond->cond);
     }
     return 0;
+}
+
+// A thread that yields to one which never sleeps gets the processor back when that one's time is
+// up, after milliseconds; one that sleeps is let in as soon as it is woken.
+bool bus_mk_thread_yield() noexcept {
+    const std::int64_t before = nanoseconds();
+    if (before < yieldsAgain.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    platform::yieldThread();
+    const std::int64_t after = nanoseconds();
+    std::int64_t pause = yieldsPause.load(std::memory_order_relaxed);
+    if (after - before > kLongYield) {
+        pause = std::min(2 * pause + kFirstPause, kLongestPause);
+        yieldsPause.store(pause, std::memory_order_relaxed);
+        yieldsAgain.store(after + pause, std::memory_order_relaxed);
+    } else if (pause > 0) {
+        yieldsPause.store(pause - pause / 64 - 1, std::memory_order_relaxed);
+    }
+    return true;
 }
 
 int bus_mk_thread_init(bus_mk_thread_t *thread) noexcept {

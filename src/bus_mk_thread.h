@@ -79,6 +79,10 @@ int bus_mk_thread_cond_wait_for(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_
 // Sets the event. A system call is made only when a thread sleeps on it.
 int bus_mk_thread_cond_signal(bus_mk_thread_cond_t *cond) noexcept;
 
+// Gives up the processor to another thread, for a caller that expects what it waits for within some
+// microseconds. False: it has not, since others keep the processor for long; the caller is to sleep.
+bool bus_mk_thread_yield() noexcept;
+
 // Clears the record: no thread, id and attributes zero.
 int bus_mk_thread_init(bus_mk_thread_t *thread) noexcept;
 // The calling thread: its kernel id, everything else zero.

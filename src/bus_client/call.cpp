@@ -161,7 +161,9 @@ constexpr int kLooks = 16;
 // a message, so there are more looks than at a queue.
 void lookForAnswer(const client_t &client, std::uint64_t number) noexcept {
     for (int look = 0; look < kLooks && client.waiting_call.load() == number; ++look) {
-        platform::yieldThread();
+        if (!bus_mk_thread_yield()) {
+            return;
+        }
     }
 }
 
