@@ -145,7 +145,7 @@ void runPhase(std::uint64_t seed, const std::string &home) {
     }};
     inThreads(static_cast<int>(world.workers), [&](int number) { work(world, number); });
     world.quiet = true;
-    world.slots.clear();
+    std::ranges::fill(world.slots, nullptr); // handlers may still ask how many there are
     if (whole && memory::asked >= memory::endRefused) {
         settle(world);
         prove(world);
