@@ -142,7 +142,7 @@ public:
             [](Node &node, Actor &by) { node.call(by.oneIn(8) ? "/bus/disjoin" : "/bus/join"); },
         };
         const unsigned chosen = actor.below(actor.oneIn(2) ? 4 : std::size(kOperations));
-        const bool floods = world_.floods && chosen < 2 && actor.oneIn(300);
+        const bool floods = world_.floods && chosen < 2 && actor.oneIn(60);
         for (unsigned left = client_ ? (floods ? 3000 : 1) : 0; left > 0; --left) {
             kOperations[chosen](*this, actor);
         }

@@ -34,16 +34,16 @@ void work(World &world, int number) {
                 node ? nullptr : std::make_shared<Node>(world, name, kind, actor.generator());
             const std::lock_guard lock{world.mutex};
             world.slots[slot].swap(next);
-        } else if (chosen < 150 && world.unspun) { // under a name that may be taken or is odd
-            const std::string names[] = {"same", "same", "n0", "bus",
-                                         "b",    "x/y",  "",   std::string(300, 'l')};
+        } else if (chosen < 200 && world.unspun) { // under a name that may be taken or is odd
+            const std::string names[] = {"same", "same", "same", "same", "n0",
+                                         "bus",  "b",    "x/y",  "",     std::string(300, 'l')};
             Node passing{world, names[actor.below(std::size(names))], Node::kUnspun, 0};
             for (unsigned left = 1 + actor.below(6); left > 0; --left) {
                 passing.act(actor);
             }
-        } else if (chosen < 160 && world.restarts) {
+        } else if (chosen < 210 && world.restarts) {
             lib(busClientServerExit, world.bus);
-        } else if (chosen < 162) {
+        } else if (chosen < 212) {
             node->end();
         } else if (node->isShared()) {
             node->act(actor);
