@@ -7,38 +7,32 @@
 #define ZELVO_MEMORY_FAULTS_H
 
 #include <atomic>
+#include <cstdint>
 #include <utility>
 
 namespace memory {
 
 // The allocations of the library are counted in asked; those from number firstRefused on, up to
 // endRefused, are refused.
-inline constinit std::atomic<long> asked{0};
-inline constinit std::atomic<long> firstRefused{0};
-inline constinit std::atomic<long> endRefused{0};
+inline constinit std::atomic<std::int64_t> asked{0};
+inline constinit std::atomic<std::int64_t> firstRefused{0};
+inline constinit std::atomic<std::int64_t> endRefused{0};
 // Blocks in use, whoever has allocated them.
-inline constinit std::atomic<long> blocks{0};
-// How often a file was to be flushed to the disk, which is not done.
-inline constinit std::atomic<long> flushes{0};
+inline constinit std::atomic<std::int64_t> blocks{0};
 
 inline constinit thread_local bool inLibrary = false;
 
 // Whose code the calling thread runs, for a scope.
-class Side {
-public:
-    explicit Side(bool library) noexcept : before_{std::exchange(inLibrary, library)} {}
-    ~Side() { inLibrary = before_; }
-    Side(const Side &) = delete;
-    Side &operator=(const Side &) = delete;
+struct Side {
+    ~Side() { inLibrary = before; }
 
-private:
-    bool before_;
+    const bool before;
 };
 
 // Calls a function of the library.
 template <typename Function, typename... Args>
 auto lib(Function *function, Args... args) {
-    const Side library{true};
+    const Side library{std::exchange(inLibrary, true)};
     return function(args...);
 }
 
