@@ -14,11 +14,8 @@
 
 class RunningBus {
 public:
-    explicit RunningBus(const std::string &config, bool started = true)
-        : manager_{busClientNew(config.c_str())} {
-        if (started) {
-            start();
-        }
+    explicit RunningBus(const std::string &config) : manager_{busClientNew(config.c_str())} {
+        start();
     }
     ~RunningBus() {
         if (loop_.joinable()) {
@@ -27,9 +24,7 @@ public:
         busClientDelete(manager_);
     }
 
-    void start() {
-        loop_ = std::thread{[this] { busClientBindServer(manager_); }};
-    }
+    void start() { loop_ = std::thread{busClientBindServer, manager_}; }
     void exit() { busClientServerExit(manager_); }
     void join() { loop_.join(); }
     void stop() {
@@ -84,25 +79,26 @@ private:
     std::thread thread_;
 };
 
+using Texts = std::vector<std::string>;
+
 // It logs to a file of its own, unless more of its configuration names another.
 class Bus : TempDir, public RunningBus {
 public:
-    explicit Bus(int level = 4, const std::string &more = {}, bool started = true)
+    explicit Bus(int level = 4, const std::string &more = {})
         : RunningBus{"{\"LEVEL\":" + std::to_string(level) + more + ",\"path\":\"" +
-                         file("bus.log") + "\"}",
-                     started} {}
+                     file("bus.log") + "\"}"} {}
 
     std::string log() const { return readFile(file("bus.log")); }
-    bool logs(const std::string &part) const { return says(log(), part); }
+    // Those of the parts that it has not logged.
+    Texts missing(Texts parts) const {
+        std::erase_if(parts, [text = log()](const auto &part) { return says(text, part); });
+        return parts;
+    }
     void waitForLog(const std::string &part) const {
         const Deadline deadline{part};
-        while (!logs(part)) {
-            std::this_thread::yield();
-        }
+        while (!says(log(), part)) {}
     }
 };
-
-using Texts = std::vector<std::string>;
 
 // What it hears is kept as "topic payload".
 class Node {
