@@ -13,10 +13,6 @@ const std::string kUnknown = "{\"data\":\"not implement\"}";
 const std::string kNoHandler = "{\"msg\":\"not implement\"}";
 constexpr char kOneSecond[] = R"(,"stats":true,"callTimeout":1000)";
 
-// The answer of "/bus/nodes".
-std::string nodes(const std::string &quotedNames) {
-    return "{\n\t\"data\":\t[" + quotedNames + "]\n}";
-}
 std::string joined(const std::string &name) {
     return R"(bus.event {"event":"join", "name": ")" + name + "\"}";
 }
@@ -51,38 +47,37 @@ TEST(Zelvo, publication_arrives_whole_and_in_order_at_its_topic_alone_and_a_stic
                                  "t.x " + bytes, joined("late"), joined("later"), "s " + live}));
     EXPECT_EQ(late.heard(3), (Texts{"s new", joined("later"), "s " + live}));
     EXPECT_EQ(later.heard(1), Texts{"s " + live});
-    EXPECT_EQ(bus.missing({"payload: , payload len: 4", "BinaryData..., payload len: 300"}),
-              Texts{});
+    EXPECT_TRUE(says(bus.log(), "payload: , payload len: 4"));
+    EXPECT_TRUE(says(bus.log(), "payload:BinaryData..., payload len: 300"));
 }
 
 TEST(Zelvo, call_is_answered_by_whom_its_address_names) {
     const Bus bus;
     const auto answer = [](client_t *self, const std::string &url, const std::string &data) {
-        if (url == "/target/ring") {
+        if (url == "/to/ring") {
             return mallocText(busClientCall(self, "/a/x", nullptr, 0));
         }
-        return url == "/target/none" ? nullptr : mallocText(url + "=" + data);
+        return url == "/to/none" ? nullptr : mallocText(url + "=" + data);
     };
-    const Node target{bus, "target", answer};
+    const Node to{bus, "to", answer};
     const Node bus2{bus, "bus2", answer};
     Node silent{bus, "silent\""};
     silent.subscribe(R"(["bus.error"])");
     Node a{bus, "a"};
-    const std::string path = "/target/" + std::string(70000, 'p');
-    const std::string all = nodes(R"("target", "bus2", "silent\"", "a")");
+    const std::string path = "/to/" + std::string(70000, 'p');
+    const std::string all = "{\n\t\"data\":\t[\"to\", \"bus2\", \"silent\\\"\", \"a\"]\n}";
     const std::pair<std::string, Texts> kCases[] = {
-        {"/target/x=null", {"/target/x"}},
+        {"/to/x=null", {"/to/x"}},
         {path + "=null", {path}},
         {"/bus2/nodes=null", {"/bus2/nodes"}},
-        {kNoHandler, {"/target/none", "/silent\"/x"}},
+        {kNoHandler, {"/to/none", "/silent\"/x"}},
         {kUnknown,
          {"/gone/x", "no address", "/bus", "/" + std::string(128, 'h') + "/x", "/bus/joinx",
           "/bus/join/x", "/bus/stats"}},
         {all, {"/bus/nodes", "/b/nodes/list"}},
         {"", {"/bus/"}},
         {kEmpty,
-         {"/bus/join", "/bus/subscribeAll", "/bus/unsubscribe", "/local/x", "/a/x",
-          "/target/ring"}},
+         {"/bus/join", "/bus/subscribeAll", "/bus/unsubscribe", "/local/x", "/a/x", "/to/ring"}},
         {R"({"event":"disjoin", "name":"a"})", {"/bus/disjoin"}},
         {"null", {"/bus/nodes"}}, // nobody of that name to hand an answer to
         {kEmpty, {"/bus/join"}},
@@ -92,7 +87,7 @@ TEST(Zelvo, call_is_answered_by_whom_its_address_names) {
             EXPECT_EQ(a.call(url), text) << url;
         }
     }
-    EXPECT_EQ(a.call("/target/x", "ab"), "/target/x=ab");
+    EXPECT_EQ(a.call("/to/x", "ab"), "/to/x=ab");
     EXPECT_EQ(silent.heard(3).at(2), // of the second of two rings
               R"(bus.error {"errId":10001, "errMsg": "bus server deadlock, )"
               R"(due to appearing R call A & A call R"})");
@@ -125,42 +120,34 @@ TEST(Zelvo, refused_arguments_change_nothing) {
                              busClientSubscribe(a.get(), "[]"), busClientBindServer(bus.get())}) {
         EXPECT_EQ(result, 0);
     }
-    EXPECT_EQ(a.call("/bus/nodes"), nodes("\"a\""));
+    EXPECT_TRUE(says(a.call("/bus/nodes"), R"(["a"])"));
     EXPECT_EQ(count(bus.log(), "  Vek-client  params format error\n"), 5U);
 }
 
 TEST(Zelvo, exit_overtakes_publications_and_waiting_requests_are_answered) {
     const Bus bus{1};
-    Signal release;
-    Node busy{bus, "busy", [&](client_t *, const std::string &, const std::string &) {
-                  release.wait();
-                  return mallocText("answered");
-              }};
-    Node idle{bus, "idle", {}, false};
+    const auto answer = [](auto...) { return mallocText("answered"); };
+    Node busy{bus, "busy", answer, false};
+    Node idle{bus, "idle", answer, false};
     busy.subscribe(R"(["t"])");
-    std::list<Node> callers;
-    std::vector<std::thread> calls;
-    for (const std::string url : {"/busy/hold", "/busy/next", "/idle/x"}) {
-        Node &caller = callers.emplace_back(bus, url.substr(6));
-        calls.emplace_back([&caller, url] {
-            EXPECT_EQ(caller.call(url), url == "/idle/x" ? kNoHandler : "answered");
-        });
-        bus.waitForLog("==> " + url.substr(1, 4) + ",  action: request, topic: NULL,  url: " + url);
-        caller.publish("t", "never heard");
-    }
-    idle.call("/bus/nodes"); // behind all that
+    Node a{bus, "a"};
+    Node c{bus, "c"};
+    c.publish("t", "never heard");
+    std::thread waiter{[&] { EXPECT_EQ(a.call("/busy/x"), "answered"); }};
+    std::thread idler{[&] { EXPECT_EQ(c.call("/idle/x"), kNoHandler); }};
+    bus.waitForLog("==> busy,  action: request");
+    bus.waitForLog("==> idle,  action: request");
+    const Node probe{bus, "probe"}; // handled behind those requests, which have been forwarded then
     busClientSpinExit(busy.get());
     busClientSpinExit(busy.get()); // one leave, the second waits for the close
-    release.set();
-    busy.leave();
+    busClientSpin(busy.get());
     idle.close(); // it never ran
-    for (std::thread &call : calls) {
-        call.join();
-    }
-    EXPECT_EQ(callers.front().call("/busy/x"), kUnknown);
-    EXPECT_EQ(busy.call("/hold/x"), "null");
+    waiter.join();
+    idler.join();
+    EXPECT_EQ(a.call("/busy/x"), kUnknown);
+    EXPECT_EQ(busy.call("/a/x"), "null");
     busy.publish("t"); // one that has left still publishes
-    EXPECT_EQ(busy.heard(0), (Texts{joined("idle"), joined("hold")}));
+    EXPECT_EQ(busy.heard(0), Texts{});
 }
 
 TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
@@ -179,7 +166,6 @@ TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     for (int i = 0; i < 2048; ++i) {
         a.publish("u");
     }
-    EXPECT_EQ(count(bus.log(), "queue is full"), 8U);
     EXPECT_EQ(busClientPublish(a.get(), "u", nullptr, 0), 0);
     EXPECT_EQ(busClientPublishSticky(a.get(), "u", nullptr, 0), 0);
     EXPECT_EQ(busClientRemoveSticky(a.get(), "[]"), 0);
@@ -193,7 +179,6 @@ TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     bus.join();
     bus.start();
     EXPECT_EQ(lost.call("/bus/join"), kEmpty);
-    EXPECT_EQ(hears.heard(3).back(), joined("lost"));
     const Node other{bus, "other"};
     EXPECT_EQ(lost.heard(1), Texts{joined("other")});
     EXPECT_EQ(hears.heard(4).back(), joined("other"));
@@ -227,7 +212,7 @@ TEST(Zelvo, full_registry_and_full_sticky_store_refuse_and_say_so) {
     EXPECT_EQ(Node(bus, "extra").get(), nullptr);
     busClientPublishSticky(last.get(), "t", nullptr, 0);
     EXPECT_TRUE(says(last.call("/bus/stats"), "\"stickyFull\":\t1"));
-    EXPECT_EQ(bus.missing({"extra join failed, registry is full\n"}), Texts{});
+    EXPECT_TRUE(says(bus.log(), "extra join failed, registry is full\n"));
     last.close();
     EXPECT_NE(Node(bus, "extra").get(), nullptr);
 }
@@ -281,7 +266,7 @@ TEST(Zelvo, connect_has_one_time_limit_for_both_of_its_steps_and_one_of_two_gets
     bus.start();
     Node &late = *both[both[0]->get() ? 0 : 1];
     EXPECT_TRUE(says(late.call("/bus/stats"), "\"timedOut\":\t1")); // its subscription found nobody
-    EXPECT_EQ(late.call("/bus/nodes"), nodes("\"late\""));
+    EXPECT_TRUE(says(late.call("/bus/nodes"), R"(["late"])"));
 }
 
 // Guards a leave that meets the end of the loop, and the destruction of a bus that runs.
@@ -297,7 +282,7 @@ TEST(Zelvo, nodes_may_leave_while_the_bus_stops) {
         stopper.join();
         EXPECT_EQ(count(bus.log(), "call timeout"), 0U); // none is configured
         bus.start(); // whoever it had not seen off is taken off now
-        EXPECT_EQ(Node(bus, "one").call("/bus/nodes"), nodes("\"one\""));
+        EXPECT_TRUE(says(Node(bus, "one").call("/bus/nodes"), R"(["one"])"));
     }
 }
 

@@ -172,38 +172,28 @@ TEST_F(Keys, mode_link_and_name_of_the_file_stay) {
     EXPECT_EQ(entries(home_), 3);
 }
 
-// Guards the file against two writers, and against the death of one.
+// Guards the file against two writers, and against their death.
 TEST_F(Keys, no_look_at_the_file_finds_it_torn) {
     const std::string values[] = {'"' + std::string(50000, '1') + '"', "2"};
-    const auto look = [&] {
-        const std::string text = read(); // nothing where the system keeps it from being opened
-        EXPECT_TRUE(text.empty() || text == "{\n\t\"k\":\t" + values[0] + "\n}" ||
-                    text == "{\n\t\"k\":\t2\n}");
-    };
     persist("k", "2");
     node_.reset();
     bus_.reset();
+    const auto write = [&](int i) {
+        const Bus bus{4, R"(,"persistSync":false,"homePath":")" + home_ + '"'};
+        Node node{bus, "n"};
+        for (;;) {
+            node.call("/localKeys/k", setting(values[i]));
+        }
+    };
+    const auto look = [&] {
+        const std::string text = read();
+        EXPECT_TRUE(text == "{\n\t\"k\":\t" + values[0] + "\n}" || text == "{\n\t\"k\":\t2\n}");
+    };
     whileKilled(
-        20,
-        [&] {
-            restart();
-            for (std::size_t i = 0;; ++i) {
-                persist("k", values[i % 2]);
-            }
-        },
-        look);
+        20, [&] { inThreads(2, write); }, look);
     restart();
     persist("k", "2");
     EXPECT_EQ(entries(home_), 1); // what the killed have left is gone
-    Bus second{4, R"(,"persistSync":false,"homePath":")" + home_ + '"'};
-    Node other{second, "n"};
-    inThreads(2, [&](int i) {
-        for (int n = 0; n < 100; ++n) {
-            EXPECT_EQ((i == 0 ? other : *node_).call("/localKeys/k", setting(values[i])), kNothing);
-            look();
-        }
-    });
-    EXPECT_EQ(entries(home_), 1);
 }
 
 } // namespace

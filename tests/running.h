@@ -7,10 +7,7 @@
 #include <zelvo/bus_client.h>
 
 #include <functional>
-#include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 class RunningBus {
 public:
@@ -89,11 +86,6 @@ public:
                      file("bus.log") + "\"}"} {}
 
     std::string log() const { return readFile(file("bus.log")); }
-    // Those of the parts that it has not logged.
-    Texts missing(Texts parts) const {
-        std::erase_if(parts, [text = log()](const auto &part) { return says(text, part); });
-        return parts;
-    }
     void waitForLog(const std::string &part) const {
         const Deadline deadline{part};
         while (!says(log(), part)) {}
