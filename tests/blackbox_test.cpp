@@ -11,7 +11,6 @@ namespace {
 const std::string kEmpty = "{\"data\":\"\"}";
 const std::string kUnknown = "{\"data\":\"not implement\"}";
 const std::string kNoHandler = "{\"msg\":\"not implement\"}";
-constexpr char kOneSecond[] = R"(,"stats":true,"callTimeout":1000)";
 
 std::string joined(const std::string &name) {
     return R"(bus.event {"event":"join", "name": ")" + name + "\"}";
@@ -28,17 +27,15 @@ TEST(Zelvo, publication_arrives_whole_and_in_order_at_its_topic_alone_and_a_stic
         b.subscribe(R"(["other","last"])");
         busClientUnsubscribe(b.get(), R"(["other","never"])");
         busClientPublish(b.get(), "t", nullptr, 5);
-        for (const char *state : {"old", "new"}) {
-            busClientPublishSticky(b.get(), "s", state, 3);
-        }
+        busClientPublishSticky(b.get(), "s", "old", 3);
+        busClientPublishSticky(b.get(), "s", "new", 3);
         for (const char *topic : {"T", "t.", "other", "t", "t.x", "last"}) {
             b.publish(topic, bytes);
         }
         EXPECT_EQ(b.heard(1), Texts{"last " + bytes});
     } // which the sticky message outlives
     Node late{bus, "late"};
-    late.subscribe(R"(["s"])");
-    late.subscribe(R"(["s"])"); // no second replay
+    late.subscribe(R"(["s","s"])"); // no second replay
     busClientRemoveSticky(late.get(), R"(["s","none"])");
     Node later{bus, "later"};
     later.subscribe(R"(["s"])");
@@ -51,7 +48,7 @@ TEST(Zelvo, publication_arrives_whole_and_in_order_at_its_topic_alone_and_a_stic
     EXPECT_TRUE(says(bus.log(), "payload:BinaryData..., payload len: 300"));
 }
 
-TEST(Zelvo, call_is_answered_by_whom_its_address_names) {
+TEST(Zelvo, call_is_answered_by_whom_its_address_names_and_refused_arguments_change_nothing) {
     const Bus bus;
     const auto answer = [](client_t *self, const std::string &url, const std::string &data) {
         if (url == "/to/ring") {
@@ -91,11 +88,7 @@ TEST(Zelvo, call_is_answered_by_whom_its_address_names) {
     EXPECT_EQ(silent.heard(3).at(2), // of the second of two rings
               R"(bus.error {"errId":10001, "errMsg": "bus server deadlock, )"
               R"(due to appearing R call A & A call R"})");
-}
 
-TEST(Zelvo, refused_arguments_change_nothing) {
-    const Bus bus;
-    Node a{bus, "a"};
     client_t *const none = nullptr;
     EXPECT_EQ(busClientConnect(nullptr, "x", nullptr, nullptr, nullptr), nullptr);
     EXPECT_EQ(busClientConnect(bus.get(), nullptr, nullptr, nullptr, nullptr), nullptr);
@@ -109,18 +102,18 @@ TEST(Zelvo, refused_arguments_change_nothing) {
           busClientSettimer(none, nullptr, 0, 0, nullptr)}) {
         EXPECT_EQ(result, -1);
     }
-    const char *const answer = busClientCall(a.get(), "/nobody/x", nullptr, 0);
+    const char *const kept = busClientCall(a.get(), "/nobody/x", nullptr, 0);
     EXPECT_EQ(busClientCall(none, "/a/x", nullptr, 0), nullptr);
     EXPECT_EQ(busClientCall(a.get(), nullptr, nullptr, 0), nullptr);
     EXPECT_EQ(busClientCall(a.get(), "/a/x", "x", -1), nullptr);
-    EXPECT_EQ(answer, kUnknown); // it stays until the next call is posted
+    EXPECT_EQ(kept, kUnknown); // it stays until the next call is posted
     for (const int result : {busClientSpin(none), busClientSpinExit(none), busClientClose(none),
                              busClientBindServer(nullptr), busClientServerExit(nullptr),
                              busClientDelete(nullptr), busClientKilltimer(none, 2),
                              busClientSubscribe(a.get(), "[]"), busClientBindServer(bus.get())}) {
         EXPECT_EQ(result, 0);
     }
-    EXPECT_TRUE(says(a.call("/bus/nodes"), R"(["a"])"));
+    EXPECT_EQ(a.call("/bus/nodes"), all);
     EXPECT_EQ(count(bus.log(), "  Vek-client  params format error\n"), 5U);
 }
 
@@ -152,7 +145,6 @@ TEST(Zelvo, exit_overtakes_publications_and_waiting_requests_are_answered) {
 
 TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     Bus bus{4, R"(,"stats":true)"};
-    Node hears{bus, "hears"};
     Node a{bus, "a", {}, false};
     Node full{bus, "full", {}, false};
     full.subscribe(R"(["t"])");
@@ -181,17 +173,16 @@ TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     EXPECT_EQ(lost.call("/bus/join"), kEmpty);
     const Node other{bus, "other"};
     EXPECT_EQ(lost.heard(1), Texts{joined("other")});
-    EXPECT_EQ(hears.heard(4).back(), joined("other"));
     std::string stats = a.call("/bus/stats");
     std::erase_if(stats, [](char c) { return c == '\t' || c == '\n'; });
     for (const char *part :
-         {R"("name":"busServer","taken":3105,"sent":1032,"posted":14,"drops":{"queueFull":0,)"
+         {R"("name":"busServer","taken":3101,"sent":1028,"posted":12,"drops":{"queueFull":0,)"
           R"("noMemory":0,"noAddressee":0,"stickyFull":0},"queue":{"depth":0,)",
-          R"("name":"hears","taken":4,)",
           R"("name":"a","taken":0,"sent":3082,"drops":{"queueFull":0,"busFull":4,"ownFull":0,)"
           R"("noMemory":0,"lateAnswer":0,"unread":0},"calls":{"made":5,"answered":3,"refused":1,)"
           R"("timedOut":0,"givenUp":0},"queue":{"depth":3,"highest":3},"timers":1})",
-          R"("name":"full","taken":0,"sent":3,"drops":{"queueFull":9,"busFull":0,"ownFull":1,)"}) {
+          R"("name":"full","taken":0,"sent":3,"drops":{"queueFull":9,"busFull":0,"ownFull":1,)",
+          R"("name":"lost","taken":1,)"}) {
         EXPECT_TRUE(says(stats, part)) << part << stats;
     }
     full.close();
@@ -208,17 +199,16 @@ TEST(Zelvo, full_registry_and_full_sticky_store_refuse_and_say_so) {
         busClientUnsubscribe(node.get(), R"(["bus.event"])");
         busClientPublishSticky(node.get(), name.c_str(), nullptr, 0);
     }
-    Node &last = all.back();
     EXPECT_EQ(Node(bus, "extra").get(), nullptr);
-    busClientPublishSticky(last.get(), "t", nullptr, 0);
-    EXPECT_TRUE(says(last.call("/bus/stats"), "\"stickyFull\":\t1"));
+    busClientPublishSticky(all.back().get(), "t", nullptr, 0);
+    EXPECT_TRUE(says(all.back().call("/bus/stats"), "\"stickyFull\":\t1"));
     EXPECT_TRUE(says(bus.log(), "extra join failed, registry is full\n"));
-    last.close();
+    all.back().close();
     EXPECT_NE(Node(bus, "extra").get(), nullptr);
 }
 
 TEST(Zelvo, call_ends_at_its_time_limit_and_its_late_answer_disturbs_none) {
-    const Bus bus{1, kOneSecond};
+    const Bus bus{1, R"(,"stats":true,"callTimeout":1000)"};
     Signal goOn;
     const Node slow{bus, "slow", [&](client_t *, const std::string &url, const std::string &) {
                         goOn.wait();
@@ -238,12 +228,11 @@ TEST(Zelvo, call_ends_at_its_time_limit_and_its_late_answer_disturbs_none) {
     bus.waitForLog("busServer <== b2,  action: request, topic: NULL,  url: /slow/again");
     goOn.set(); // both are answered, the first too late
     again.join();
-    const std::string stats = a.call("/bus/stats");
-    EXPECT_EQ(count(stats, "\"timedOut\":\t3") + count(stats, "\"lateAnswer\":\t1"), 2U);
+    EXPECT_TRUE(says(a.call("/bus/stats"), "\"timedOut\":\t3"));
 }
 
 TEST(Zelvo, connect_has_one_time_limit_for_both_of_its_steps_and_one_of_two_gets_a_name) {
-    Bus bus{2, kOneSecond};
+    Bus bus{2, R"(,"stats":true,"callTimeout":1000)"};
     bus.stop();
     EXPECT_EQ(Node(bus, "none").get(), nullptr);
     std::unique_ptr<Node> both[2];
@@ -253,7 +242,7 @@ TEST(Zelvo, connect_has_one_time_limit_for_both_of_its_steps_and_one_of_two_gets
             both[i] = std::make_unique<Node>(bus, "late", Node::OnCall{}, false);
             return;
         }
-        while (count(bus.log(), "late ==> busServer,  action: request") < 2) {}
+        bus.waitForLog("late ==> busServer,  action: request");
         std::this_thread::sleep_for(std::chrono::milliseconds{700});
         for (int run = 0; run < 2; ++run) { // an exit behind the joins, one behind an answer
             bus.exit();
@@ -273,13 +262,9 @@ TEST(Zelvo, connect_has_one_time_limit_for_both_of_its_steps_and_one_of_two_gets
 TEST(Zelvo, nodes_may_leave_while_the_bus_stops) {
     for (int round = 0; round < 50; ++round) {
         Bus bus;
-        std::list<Node> all;
-        for (const char *name : {"one", "two", "three"}) {
-            all.emplace_back(bus, name, Node::OnCall{}, round % 2 == 0);
-        }
-        std::thread stopper{[&] { bus.stop(); }};
-        all.clear();
-        stopper.join();
+        Node one{bus, "one", {}, round % 2 == 0};
+        Node two{bus, "two"};
+        inThreads(3, [&](int i) { i == 0 ? bus.stop() : (i == 1 ? one : two).close(); });
         EXPECT_EQ(count(bus.log(), "call timeout"), 0U); // none is configured
         bus.start(); // whoever it had not seen off is taken off now
         EXPECT_TRUE(says(Node(bus, "one").call("/bus/nodes"), R"(["one"])"));

@@ -38,8 +38,7 @@ TEST(Server, broken_messages_and_those_of_another_record_of_a_name_change_nothin
         message->call = c.call;
         EXPECT_EQ(postToServer(*bus.get()->server, message), bus_mk_sent::kDone);
     }
-    const std::string nodes = other.call("/bus/nodes"); // behind them
-    EXPECT_TRUE(says(nodes, R"(["a", "other"])")) << nodes;
+    EXPECT_TRUE(says(other.call("/bus/nodes"), R"(["a", "other"])")); // behind them
     EXPECT_EQ(a.get()->counters.late_answers, 3U);
     EXPECT_EQ(bus.get()->server->counters.no_addressee, 1U);
     EXPECT_EQ(::count(bus.log(), "  Vek-server message body not action | name\n"), 2U);

@@ -50,17 +50,13 @@ public:
     }
     ~RunningNode() { close(); }
 
-    // Ends the thread.
-    void leave() {
-        if (thread_.joinable()) {
-            do { // again where the request found a full queue
-                busClientSpinExit(client_);
-            } while (!ended_.wait(std::chrono::milliseconds{20}));
-            thread_.join();
-        }
-    }
     void close() {
-        leave();
+        while (thread_.joinable()) { // again where the request found a full queue
+            busClientSpinExit(client_);
+            if (ended_.wait(std::chrono::milliseconds{20})) {
+                thread_.join();
+            }
+        }
         busClientClose(std::exchange(client_, nullptr));
     }
     // "null" for no answer.
@@ -101,7 +97,6 @@ public:
         : onCall_{std::move(onCall)},
           node_{bus.get(), name, hear, onCall_ ? reply : nullptr, this, spins} {}
 
-    void leave() { node_.leave(); }
     void close() { node_.close(); }
     client_t *get() const { return node_.get(); }
     std::string call(const std::string &url) { return node_.call(url, nullptr, 7); }
