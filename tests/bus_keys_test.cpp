@@ -171,23 +171,24 @@ TEST_F(Keys, no_look_at_the_file_finds_it_torn) {
     persist("k", "2");
     node_.reset();
     bus_.reset();
+    const auto whole = [&] {
+        const std::string text = read();
+        return text == "{\n\t\"k\":\t" + values[0] + "\n}" || text == "{\n\t\"k\":\t2\n}";
+    };
     const auto write = [&](int i) {
-        const std::string config = R"({"level":6,"persistSync":false,"homePath":")" + home_ + "\"}";
-        const RunningBus bus{config}; // whose log leaves no file behind
+        // Whose log leaves no file behind.
+        const RunningBus bus{R"({"level":6,"persistSync":false,"homePath":")" + home_ + "\"}"};
         RunningNode node{bus.get(), "n"};
-        for (const std::string set = setting(values[i]);;) {
+        for (const std::string set = setting(values[i]); whole();) {
             node.call("/localKeys/k", set.data(), static_cast<int>(set.size()));
         }
-    };
-    const auto look = [&] {
-        const std::string text = read();
-        EXPECT_TRUE(text == "{\n\t\"k\":\t" + values[0] + "\n}" || text == "{\n\t\"k\":\t2\n}");
+        std::ofstream{file() + ".torn"};
     };
     whileKilled(
-        20, [&] { inThreads(2, write); }, look);
+        20, [&] { inThreads(2, write); }, [&] { EXPECT_TRUE(whole()); });
     restart();
     persist("k", "2");
-    EXPECT_EQ(entries(home_), 1); // what the killed have left is gone
+    EXPECT_EQ(entries(home_), 1); // what the killed have left is gone, and nothing was torn
 }
 
 } // namespace
