@@ -7,18 +7,12 @@
 #include <zelvo/bus_client.h>
 
 #include <functional>
-#include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 class RunningBus {
 public:
-    explicit RunningBus(const std::string &config, bool started = true)
-        : manager_{busClientNew(config.c_str())} {
-        if (started) {
-            start();
-        }
+    explicit RunningBus(const std::string &config) : manager_{busClientNew(config.c_str())} {
+        start();
     }
     ~RunningBus() {
         if (loop_.joinable()) {
@@ -27,9 +21,7 @@ public:
         busClientDelete(manager_);
     }
 
-    void start() {
-        loop_ = std::thread{[this] { busClientBindServer(manager_); }};
-    }
+    void start() { loop_ = std::thread{busClientBindServer, manager_}; }
     void exit() { busClientServerExit(manager_); }
     void join() { loop_.join(); }
     void stop() {
@@ -58,17 +50,13 @@ public:
     }
     ~RunningNode() { close(); }
 
-    // Ends the thread.
-    void leave() {
-        if (thread_.joinable()) {
-            do { // again where the request found a full queue
-                busClientSpinExit(client_);
-            } while (!ended_.wait(std::chrono::milliseconds{20}));
-            thread_.join();
-        }
-    }
     void close() {
-        leave();
+        while (thread_.joinable()) { // again where the request found a full queue
+            busClientSpinExit(client_);
+            if (ended_.wait(std::chrono::milliseconds{20})) {
+                thread_.join();
+            }
+        }
         busClientClose(std::exchange(client_, nullptr));
     }
     // "null" for no answer.
@@ -84,25 +72,21 @@ private:
     std::thread thread_;
 };
 
+using Texts = std::vector<std::string>;
+
 // It logs to a file of its own, unless more of its configuration names another.
 class Bus : TempDir, public RunningBus {
 public:
-    explicit Bus(int level = 4, const std::string &more = {}, bool started = true)
+    explicit Bus(int level = 4, const std::string &more = {})
         : RunningBus{"{\"LEVEL\":" + std::to_string(level) + more + ",\"path\":\"" +
-                         file("bus.log") + "\"}",
-                     started} {}
+                     file("bus.log") + "\"}"} {}
 
     std::string log() const { return readFile(file("bus.log")); }
-    bool logs(const std::string &part) const { return says(log(), part); }
     void waitForLog(const std::string &part) const {
         const Deadline deadline{part};
-        while (!logs(part)) {
-            std::this_thread::yield();
-        }
+        while (!says(log(), part)) {}
     }
 };
-
-using Texts = std::vector<std::string>;
 
 // What it hears is kept as "topic payload".
 class Node {
@@ -113,7 +97,6 @@ public:
         : onCall_{std::move(onCall)},
           node_{bus.get(), name, hear, onCall_ ? reply : nullptr, this, spins} {}
 
-    void leave() { node_.leave(); }
     void close() { node_.close(); }
     client_t *get() const { return node_.get(); }
     std::string call(const std::string &url) { return node_.call(url, nullptr, 7); }
