@@ -50,7 +50,7 @@ void waitFor(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex, Sleep sle
 // How long a yield takes when others keep the processor, and for how long none is tried then, in
 // nanoseconds.
 constexpr std::int64_t kLongYield = 1'000'000;
-constexpr std::int64_t kFirstPause = 10'000'000;
+constexpr std::int64_t kFirstPause = 2'000'000;
 constexpr std::int64_t kLongestPause = 1'000'000'000;
 std::atomic<std::int64_t> yieldsAgain{0}; // when the next one is tried
 std::atomic<std::int64_t> yieldsPause{0}; // the latest pause; it shrinks with each short yield
@@ -187,7 +187,7 @@ bool bus_mk_thread_yield() noexcept {
         yieldsPause.store(pause, std::memory_order_relaxed);
         yieldsAgain.store(after + pause, std::memory_order_relaxed);
     } else if (pause > 0) {
-        yieldsPause.store(pause - pause / 64 - 1, std::memory_order_relaxed);
+        yieldsPause.store(pause - pause / 16 - 1, std::memory_order_relaxed);
     }
     return true;
 }

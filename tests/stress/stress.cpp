@@ -183,7 +183,9 @@ int main(int argc, char **argv) {
     do {
         const std::string name =
             "seed " + std::to_string(options["--seed"]) + ", phase " + std::to_string(phase);
-        std::fprintf(stderr, "%s\r", name.c_str());
+        if (phase % 100 == 1 || phase == options["--from"]) { // where to begin after a crash
+            std::fprintf(stderr, "%s\n", name.c_str());
+        }
         const Deadline deadline{name, kLimit + std::chrono::seconds{deliveries / 100000}};
         const std::int64_t before = memory::blocks;
         memory::asked = 0;
@@ -197,6 +199,6 @@ int main(int argc, char **argv) {
         expect(memory::blocks == before, name, "blocks of memory are left behind");
     } while (faults == 0 && untouched < 10 &&
              (options["--refused"] > 0 || std::chrono::steady_clock::now() < end));
-    std::fprintf(stderr, "\n%s faults\n", std::to_string(faults).c_str());
+    std::fprintf(stderr, "%s faults\n", std::to_string(faults).c_str());
     return faults == 0 ? 0 : 1;
 }
