@@ -80,7 +80,8 @@ int bus_mk_thread_cond_wait_for(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_
 int bus_mk_thread_cond_signal(bus_mk_thread_cond_t *cond) noexcept;
 
 // Gives up the processor to another thread, for a caller that expects what it waits for within some
-// microseconds. False: it has not, since others keep the processor for long; the caller is to sleep.
+// microseconds. False: it has not, since others keep the processor for long; the caller is to
+// sleep.
 bool bus_mk_thread_yield() noexcept;
 
 // Clears the record: no thread, id and attributes zero.

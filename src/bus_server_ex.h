@@ -55,7 +55,8 @@ struct server_t {
     std::uint64_t joins = 0;
     // Nodes that have gone without waiting for the server, one reference each.
     std::atomic<client_t *> departed{nullptr};
-    // Nodes that sleep and have been sent publications, first and last. They can't go away meanwhile.
+    // Nodes that sleep and have been sent publications, first and last. They can't go away
+    // meanwhile.
     client_t *to_wake = nullptr;
     client_t *to_wake_last = nullptr;
     std::atomic<int> running{0}; // 1 while the loop is to go on
