@@ -20,6 +20,8 @@ CELLS = {
     "publish-64": "Publish 64 bytes to one subscriber, 512 under way",
     "publish-1M": "Publish 1 MB to one subscriber, 8 under way",
     "publish-1-core": "Publish 64 bytes to one subscriber, all threads on one core",
+    "publish-4-to-1": "Publish 64 bytes, 4 publishers to one subscriber, 512 under way",
+    "publish-4-pairs": "Publish 64 bytes, 4 publishers to a subscriber each, 512 under way",
     "latency-1k": "One way, 1,000 publications a second",
     "fanout-8": "Fan-out to 8 subscribers: each delivery",
     "fanout-64": "Fan-out to 64 subscribers: each delivery",
@@ -58,7 +60,7 @@ IDLE = {
     "idle-timers-1000": "Idle, 1,000 pending timers",
 }
 BARS = ["call-2", "call-2000", "call-1-core", "publish-64", "publish-1M", "publish-1-core",
-        "latency-1k"]
+        "publish-4-to-1", "publish-4-pairs", "latency-1k"]
 LINES = {
     "fanout": ("Fan-out: time for each delivery", "subscribers", (8, 64, 256)),
     "growth": ("Growth: time for each publication to one subscriber", "other nodes, 8 topics each",
