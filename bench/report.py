@@ -153,6 +153,7 @@ def machine_text(facts):
     peers = ", ".join(f"{name} {version}" for name, version in facts["peers"].items())
     return table(["", ""], [
         ["machine", f"{facts['processor']}, {facts['cores']} cores, {facts['memory_mb']:,} MB"],
+        ["topology", facts.get("topology", "unknown")],
         ["system", facts["system"]],
         ["compiler", facts["compiler"]],
         ["versions", f"Zelvo {facts['library']}, {peers}"],
