@@ -34,18 +34,33 @@ private:
 class FacePublisher final : public Publisher {
 public:
     FacePublisher(const Shape &shape, Sink &sink) {
-        for (int i = 0; i < shape.subscribers; ++i) {
-            auto &node = subscribers_.emplace_back(bus_, "subscriber-" + std::to_string(i));
-            node.subscribe("measured", [&sink, i](std::string_view data) {
-                sink.receive(i, data.data(), data.size());
-            });
+        for (int i = 0; i < shape.publishers; ++i) {
+            publishers_.push_back(
+                {zelvo::Node{bus_, "publisher-" + std::to_string(i)}, Topic{i % shape.topics}});
+        }
+        for (int topic = 0; topic < shape.topics; ++topic) {
+            for (int i = 0; i < shape.subscribers; ++i) {
+                const std::string name = "subscriber-" + std::to_string(subscribers_.size());
+                subscribers_.emplace_back(bus_, name)
+                    .subscribe(Topic{topic}.text(), [&sink, i](std::string_view data) {
+                        sink.receive(i, data.data(), data.size());
+                    });
+            }
         }
     }
-    void publish(std::string_view payload) override { publisher_.publish("measured", payload); }
+    void publish(int publisher, std::string_view payload) override {
+        const Outlet &outlet = publishers_[static_cast<std::size_t>(publisher)];
+        outlet.node.publish(outlet.topic.text(), payload);
+    }
 
 private:
+    struct Outlet {
+        zelvo::Node node;
+        Topic topic;
+    };
+
     zelvo::Bus bus_{config()};
-    zelvo::Node publisher_{bus_, "publisher"};
+    std::vector<Outlet> publishers_;
     std::deque<zelvo::Node> subscribers_;
 };
 
@@ -85,7 +100,10 @@ Result async16(int milliseconds) {
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::array systems{
-        System{"Zelvo C++", caller, publisher, {"call-2", "publish-64"}, {{"async-16", async16}}}};
+    const std::array systems{System{"Zelvo C++",
+                                    caller,
+                                    publisher,
+                                    {"call-2", "publish-64", "publish-4-to-1", "publish-4-pairs"},
+                                    {{"async-16", async16}}}};
     return bench::run(argc, argv, systems);
 }

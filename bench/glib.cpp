@@ -88,17 +88,18 @@ std::unique_ptr<Caller> loopCaller(const Shape &shape) {
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::array systems{System{"GLib queues",
-                                    routerCaller<AsyncQueue>,
-                                    routerPublisher<AsyncQueue>,
-                                    {"call-2", "call-2000", "publish-64", "publish-1M",
-                                     "latency-1k", "fanout-8", "fanout-64", "fanout-256"},
-                                    {}},
-                             System{"GLib main loop",
-                                    loopCaller,
-                                    nullptr,
-                                    {"call-timers-0", "call-timers-1", "call-timers-1000",
-                                     "idle-timers-0", "idle-timers-1", "idle-timers-1000"},
-                                    {}}};
+    const std::array systems{
+        System{"GLib queues",
+               routerCaller<AsyncQueue>,
+               routerPublisher<AsyncQueue>,
+               {"call-2", "call-2000", "publish-64", "publish-1M", "latency-1k", "fanout-8",
+                "fanout-64", "fanout-256", "publish-4-to-1", "publish-4-pairs"},
+               {}},
+        System{"GLib main loop",
+               loopCaller,
+               nullptr,
+               {"call-timers-0", "call-timers-1", "call-timers-1000", "idle-timers-0",
+                "idle-timers-1", "idle-timers-1000"},
+               {}}};
     return bench::run(argc, argv, systems);
 }

@@ -44,7 +44,7 @@ Result crowd(int) {
     result.seconds = static_cast<double>(now() - begun) * 1e-9;
     result.operations = kNodes;
     std::vector<char> payload(64, 'x');
-    if (!sink.awaitReady(all, payload)) {
+    if (!sink.stream(0).awaitReady(all, payload)) {
         throw std::runtime_error("some nodes hear nothing");
     }
     return result;
@@ -59,7 +59,7 @@ int main(int argc, char **argv) {
                routerPublisher<LockedQueue>,
                {"call-2", "call-2000", "call-1-core", "publish-64", "publish-1M", "publish-1-core",
                 "latency-1k", "fanout-8", "fanout-64", "fanout-256", "growth-10", "growth-100",
-                "growth-1000", "growth-2000"},
+                "growth-1000", "growth-2000", "publish-4-to-1", "publish-4-pairs"},
                {{"memory-2000", crowd}, {"memory-2000-quiet", crowd}}},
         System{"hand-written scan",
                routerCaller<LockedQueue, Lookup::kScan>,

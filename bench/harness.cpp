@@ -133,6 +133,13 @@ void Histogram::add(std::int64_t nanoseconds) noexcept {
     ++total_;
 }
 
+void Histogram::add(const Histogram &other) noexcept {
+    for (std::size_t index = 0; index < counts_.size(); ++index) {
+        counts_[index] += other.counts_[index];
+    }
+    total_ += other.total_;
+}
+
 std::int64_t Histogram::quantile(double part) const noexcept {
     const auto wanted = static_cast<std::uint64_t>(part * static_cast<double>(total_));
     std::uint64_t seen = 0;

@@ -24,6 +24,7 @@ std::int64_t now() noexcept;
 class Histogram {
 public:
     void add(std::int64_t nanoseconds) noexcept;
+    void add(const Histogram &other) noexcept;
     // The time that the given part of all times does not exceed; 0 when there is none.
     std::int64_t quantile(double part) const noexcept;
 
@@ -53,11 +54,13 @@ struct Result {
 
 // What a cell asks of a system.
 struct Shape {
-    int subscribers = 1; // of the topic that is measured
+    int subscribers = 1; // of each topic that is measured
     int others = 0;      // further nodes
     int otherTopics = 0; // topics that each of them holds
     int timers = 0;      // that wait in the called node, far in the future
     int logLevel = 3;    // of Zelvo, whose log goes into a file
+    int publishers = 1;  // nodes that publish what is measured, each in a thread of its own
+    int topics = 1;      // that are measured; the publishers take them in turn
 };
 
 // Two nodes, one of which calls the other.
@@ -71,14 +74,15 @@ public:
     virtual std::size_t call() = 0;
 };
 
-// A node that publishes to subscribers, each of which hands what it receives to a sink.
+// Nodes that publish to subscribers, each of which hands what it receives to a sink.
 class Publisher {
 public:
     Publisher() = default;
     Publisher(const Publisher &) = delete;
     Publisher &operator=(const Publisher &) = delete;
     virtual ~Publisher() = default;
-    virtual void publish(std::string_view payload) = 0;
+    // By the publisher of this number; one thread at a time for each of them.
+    virtual void publish(int publisher, std::string_view payload) = 0;
 };
 
 class Sink;

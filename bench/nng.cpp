@@ -105,21 +105,21 @@ private:
     std::thread thread_;
 };
 
-constexpr std::string_view kTopic{"measured\0", 9};
+constexpr std::size_t kPrefix = Topic::kSize + 1;
 
 class NngPublisher final : public Publisher {
 public:
     NngPublisher(const Shape &shape, Sink &sink) {
-        require(nng_socket_set_int(publisher_.get(), NNG_OPT_SENDBUF, kBuffer));
-        publisher_.listen("inproc://pub");
-        for (int i = 0; i < shape.subscribers; ++i) {
-            const Socket &socket = *subscribers_.emplace_back(
-                std::make_unique<Socket>(static_cast<int (*)(nng_socket *)>(nng_sub0_open)));
-            require(nng_socket_set_int(socket.get(), NNG_OPT_RECVBUF, kBuffer));
-            require(
-                nng_socket_set(socket.get(), NNG_OPT_SUB_SUBSCRIBE, kTopic.data(), kTopic.size()));
-            subscribers_.back()->dial("inproc://pub");
-            threads_.emplace_back([&socket, &sink, i] { hear(socket, sink, i); });
+        for (int i = 0; i < shape.publishers; ++i) {
+            auto socket = std::make_unique<Socket>(nng_pub0_open);
+            require(nng_socket_set_int(socket->get(), NNG_OPT_SENDBUF, kBuffer));
+            socket->listen(addressOf(i).c_str());
+            publishers_.push_back({std::move(socket), Topic{i % shape.topics}});
+        }
+        for (int topic = 0; topic < shape.topics; ++topic) {
+            for (int i = 0; i < shape.subscribers; ++i) {
+                subscribe(shape, topic, sink, i);
+            }
         }
     }
     NngPublisher(const NngPublisher &) = delete;
@@ -132,20 +132,40 @@ public:
             thread.join();
         }
     }
-    void publish(std::string_view payload) override {
-        require(nng_sendmsg(publisher_.get(), messageOf(kTopic, payload), 0));
+    void publish(int publisher, std::string_view payload) override {
+        const Outlet &outlet = publishers_[static_cast<std::size_t>(publisher)];
+        require(nng_sendmsg(outlet.socket->get(), messageOf(outlet.topic.prefix(), payload), 0));
     }
 
 private:
+    struct Outlet {
+        std::unique_ptr<Socket> socket;
+        Topic topic;
+    };
+
+    static std::string addressOf(int publisher) {
+        return "inproc://pub-" + std::to_string(publisher);
+    }
+    // To a topic, of whichever publishers have it.
+    void subscribe(const Shape &shape, int topic, Sink &sink, int number) {
+        Socket &socket = *subscribers_.emplace_back(
+            std::make_unique<Socket>(static_cast<int (*)(nng_socket *)>(nng_sub0_open)));
+        require(nng_socket_set_int(socket.get(), NNG_OPT_RECVBUF, kBuffer));
+        require(nng_socket_set(socket.get(), NNG_OPT_SUB_SUBSCRIBE, Topic{topic}.text(), kPrefix));
+        for (int i = topic; i < shape.publishers; i += shape.topics) {
+            socket.dial(addressOf(i).c_str());
+        }
+        threads_.emplace_back([&socket, &sink, number] { hear(socket, sink, number); });
+    }
     static void hear(const Socket &socket, Sink &sink, int number) {
         for (nng_msg *message = nullptr; nng_recvmsg(socket.get(), &message, 0) == 0;) {
             const auto *const data = static_cast<const char *>(nng_msg_body(message));
-            sink.receive(number, data + kTopic.size(), nng_msg_len(message) - kTopic.size());
+            sink.receive(number, data + kPrefix, nng_msg_len(message) - kPrefix);
             nng_msg_free(message);
         }
     }
 
-    Socket publisher_{nng_pub0_open};
+    std::vector<Outlet> publishers_;
     std::vector<std::unique_ptr<Socket>> subscribers_;
     std::vector<std::thread> threads_;
 };
@@ -161,12 +181,13 @@ std::unique_ptr<Publisher> publisher(const Shape &shape, Sink &sink) {
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::array systems{System{"nng direct",
-                                    caller<false>,
-                                    publisher,
-                                    {"call-2", "publish-64", "publish-1M", "latency-1k", "fanout-8",
-                                     "fanout-64", "fanout-256"},
-                                    {}},
-                             System{"nng device", caller<true>, nullptr, {"call-2"}, {}}};
+    const std::array systems{
+        System{"nng direct",
+               caller<false>,
+               publisher,
+               {"call-2", "publish-64", "publish-1M", "latency-1k", "fanout-8", "fanout-64",
+                "fanout-256", "publish-4-to-1", "publish-4-pairs"},
+               {}},
+        System{"nng device", caller<true>, nullptr, {"call-2"}, {}}};
     return bench::run(argc, argv, systems);
 }

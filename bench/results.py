@@ -17,6 +17,7 @@ class Run:
             "p99": int(row["p99_ns"]),
             "p999": int(row["p999_ns"]),
             "peak": int(row["peak_kb"]) / 1024,
+            "seconds": self.seconds,
             "wakeups": int(row["switches"]) / self.seconds,
             "busy": float(row["processor_s"]) / self.seconds * 1e6,
         }

@@ -176,20 +176,33 @@ class RouterPublisher final : public Publisher {
 public:
     RouterPublisher(const Shape &shape, Sink &sink) {
         joinOthers(router_, shape);
-        for (int i = 0; i < shape.subscribers; ++i) {
-            router_.join("subscriber-" + std::to_string(i), {"measured"},
-                         [&sink, i](const Message &message) {
-                             sink.receive(i, message.payload.data(), message.payload.size());
-                         });
+        for (int i = 0; i < shape.publishers; ++i) {
+            publishers_.push_back(
+                {router_.join("publisher-" + std::to_string(i), {}), Topic{i % shape.topics}});
+        }
+        int number = 0;
+        for (int topic = 0; topic < shape.topics; ++topic) {
+            for (int i = 0; i < shape.subscribers; ++i) {
+                router_.join("subscriber-" + std::to_string(number++), {Topic{topic}.text()},
+                             [&sink, i](const Message &message) {
+                                 sink.receive(i, message.payload.data(), message.payload.size());
+                             });
+            }
         }
     }
-    void publish(std::string_view payload) override {
-        router_.post(Message::Action::publication, publisher_, "measured", payload);
+    void publish(int publisher, std::string_view payload) override {
+        const Outlet &outlet = publishers_[static_cast<std::size_t>(publisher)];
+        router_.post(Message::Action::publication, outlet.node, outlet.topic.name(), payload);
     }
 
 private:
+    struct Outlet {
+        typename Router<Queue>::Node &node;
+        Topic topic;
+    };
+
     Router<Queue> router_{lookup};
-    typename Router<Queue>::Node &publisher_ = router_.join("publisher", {});
+    std::vector<Outlet> publishers_;
 };
 
 template <typename Queue, Lookup lookup = Lookup::kIndex>

@@ -100,6 +100,15 @@ def processor():
     return platform.machine()
 
 
+def topology():
+    """What the kernel can place threads on, as far as a virtual machine lets it see that."""
+    lines = text_of("env", "LC_ALL=C", "lscpu").splitlines()
+    facts = {name.strip(): value.strip() for name, _, value in (x.partition(":") for x in lines)}
+    counts = ", ".join(f"{name} {facts.get(name, 'unknown')}" for name in (
+        "Socket(s)", "Core(s) per socket", "Thread(s) per core", "NUMA node(s)"))
+    return f"{counts}, hypervisor {facts.get('Hypervisor vendor', 'none seen')}"
+
+
 def version_of(package):
     return text_of("dpkg-query", "-W", "-f=${Version}", package)
 
@@ -110,6 +119,7 @@ def machine():
         "date": time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime()),
         "processor": processor(),
         "cores": len(os.sched_getaffinity(0)),
+        "topology": topology(),
         "memory_mb": os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") >> 20,
         "system": f"{system}, Linux {platform.release()}",
         "compiler": text_of("c++", "--version").splitlines()[0] + ", -O2",

@@ -17,9 +17,8 @@ namespace {
 
 using namespace bench;
 
-constexpr char kTopic[] = "measured";
-constexpr char kTopics[] = "[\"measured\"]";
-constexpr char kNotices[] = "[\"bus.event\"]"; // of joining nodes
+constexpr std::string_view kNotice = "bus.event"; // of a joining node
+constexpr char kNotices[] = "[\"bus.event\"]";
 
 class Bus {
 public:
@@ -141,32 +140,47 @@ public:
     ZelvoPublisher(const Shape &shape, Sink &sink, bool notices = true)
         : bus_{".", shape.logLevel},
           others_{others(bus_, shape)},
-          seats_(static_cast<std::size_t>(shape.subscribers)) {
-        publisher_.stayQuiet();
-        for (int i = 0; i < shape.subscribers; ++i) {
-            Seat &seat = seats_[static_cast<std::size_t>(i)];
-            seat = {&sink, i};
-            auto &node = *subscribers_.emplace_back(std::make_unique<Node>(
-                bus_, "subscriber-" + std::to_string(i), onMessage, nullptr, &seat));
-            node.subscribe(kTopics);
-            if (!notices) {
-                node.stayQuiet();
+          seats_(static_cast<std::size_t>(shape.topics * shape.subscribers)) {
+        for (int i = 0; i < shape.publishers; ++i) {
+            auto node = std::make_unique<Node>(bus_, "publisher-" + std::to_string(i));
+            node->stayQuiet();
+            publishers_.push_back({std::move(node), Topic{i % shape.topics}});
+        }
+        for (int topic = 0; topic < shape.topics; ++topic) {
+            for (int i = 0; i < shape.subscribers; ++i) {
+                subscribe(Topic{topic}, {&sink, i}, notices);
             }
-            node.start();
         }
     }
-    void publish(std::string_view payload) override {
-        busClientPublish(publisher_.get(), kTopic, payload.data(),
+    void publish(int publisher, std::string_view payload) override {
+        const Outlet &outlet = publishers_[static_cast<std::size_t>(publisher)];
+        busClientPublish(outlet.node->get(), outlet.topic.text(), payload.data(),
                          static_cast<int>(payload.size()));
     }
 
 private:
+    struct Outlet {
+        std::unique_ptr<Node> node;
+        Topic topic;
+    };
     struct Seat {
         Sink *sink;
         int number;
     };
+    void subscribe(const Topic &topic, const Seat &taken, bool notices) {
+        const std::size_t number = subscribers_.size();
+        Seat &seat = seats_[number];
+        seat = taken;
+        auto &node = *subscribers_.emplace_back(std::make_unique<Node>(
+            bus_, "subscriber-" + std::to_string(number), onMessage, nullptr, &seat));
+        node.subscribe((std::string{"[\""} + topic.text() + "\"]").c_str());
+        if (!notices) {
+            node.stayQuiet();
+        }
+        node.start();
+    }
     static int onMessage(void *userdata, client_t *, char *topic, char *data, int length) {
-        if (std::string_view{topic} == kTopic) { // notices come too
+        if (std::string_view{topic} != kNotice) {
             const auto &seat = *static_cast<Seat *>(userdata);
             seat.sink->receive(seat.number, data, static_cast<std::size_t>(length));
         }
@@ -175,7 +189,7 @@ private:
 
     Bus bus_;
     Nodes others_;
-    Node publisher_{bus_, "publisher"};
+    std::vector<Outlet> publishers_;
     std::vector<Seat> seats_;
     Nodes subscribers_;
 };
@@ -266,7 +280,7 @@ Result crowd(int) {
     result.seconds = static_cast<double>(now() - begun) * 1e-9;
     result.operations = kNodes;
     std::vector<char> payload(64, 'x');
-    if (!sink.awaitReady(all, payload)) {
+    if (!sink.stream(0).awaitReady(all, payload)) {
         throw std::runtime_error("some nodes hear nothing");
     }
     return result;
@@ -284,7 +298,8 @@ int main(int argc, char **argv) {
                 "fanout-64",        "fanout-256",     "growth-10",       "growth-100",
                 "growth-1000",      "growth-2000",    "call-timers-0",   "call-timers-1",
                 "call-timers-1000", "idle-timers-0",  "idle-timers-1",   "idle-timers-1000",
-                "call-level-2",     "call-level-1",   "publish-level-2", "publish-level-1"},
+                "call-level-2",     "call-level-1",   "publish-level-2", "publish-level-1",
+                "publish-4-to-1",   "publish-4-pairs"},
                {{"keys-get-10", keys<10, false>},
                 {"keys-get-1000", keys<1000, false>},
                 {"keys-get-10000", keys<10000, false>},

@@ -63,8 +63,10 @@ public:
     void set(int option, std::string_view value) {
         require(zmq_setsockopt(socket_, option, value.data(), value.size()) == 0);
     }
-    void bind(const char *address) { require(zmq_bind(socket_, address) == 0); }
-    void connect(const char *address) { require(zmq_connect(socket_, address) == 0); }
+    void bind(const std::string &address) { require(zmq_bind(socket_, address.c_str()) == 0); }
+    void connect(const std::string &address) {
+        require(zmq_connect(socket_, address.c_str()) == 0);
+    }
     void *get() const noexcept { return socket_; }
 
 private:
@@ -203,12 +205,12 @@ private:
 
 // ---- publications ----
 
-// Topic and payload are one message; a NUL ends the topic.
-constexpr std::string_view kTopic{"measured\0", 9};
+// Topic and payload are one message.
+constexpr std::size_t kPrefix = Topic::kSize + 1;
 
 void hear(const Socket &socket, Sink &sink, int number) {
     for (Part message; message.receive(socket);) {
-        const std::string_view payload = message.text().substr(kTopic.size());
+        const std::string_view payload = message.text().substr(kPrefix);
         sink.receive(number, payload.data(), payload.size());
     }
 }
@@ -217,50 +219,74 @@ template <bool Proxy, int WaterMark = kHighWaterMark>
 class ZeroPublisher final : public Publisher {
 public:
     ZeroPublisher(const Shape &shape, Sink &sink) {
-        const char *const source = Proxy ? "inproc://xpub" : "inproc://pub";
         if (Proxy) {
-            Socket front{context_, ZMQ_XSUB, WaterMark};
-            Socket back{context_, ZMQ_XPUB, WaterMark};
-            front.bind("inproc://xsub");
-            back.bind(source);
-            publisher_.connect("inproc://xsub");
-            threads_.start([from = std::move(front), to = std::move(back)] {
-                zmq_proxy(from.get(), to.get(), nullptr);
-            });
-        } else {
-            publisher_.bind(source);
+            startProxy();
         }
-        joinOthers(shape, source);
-        for (int i = 0; i < shape.subscribers; ++i) {
-            Socket subscriber{context_, ZMQ_SUB, WaterMark};
-            subscriber.set(ZMQ_SUBSCRIBE, kTopic);
-            subscriber.connect(source);
-            threads_.start([socket = std::move(subscriber), &sink, i] { hear(socket, sink, i); });
+        for (int i = 0; i < shape.publishers; ++i) {
+            Outlet &outlet = publishers_.emplace_back(
+                Outlet{{context_, ZMQ_PUB, WaterMark}, Topic{i % shape.topics}});
+            Proxy ? outlet.socket.connect("inproc://xsub") : outlet.socket.bind(sourceOf(i));
+        }
+        joinOthers(shape);
+        for (int topic = 0; topic < shape.topics; ++topic) {
+            for (int i = 0; i < shape.subscribers; ++i) {
+                subscribe(shape, topic, sink, i);
+            }
         }
     }
-    void publish(std::string_view payload) override {
+    void publish(int publisher, std::string_view payload) override {
+        const Outlet &outlet = publishers_[static_cast<std::size_t>(publisher)];
+        const std::string_view prefix = outlet.topic.prefix();
         zmq_msg_t message;
-        require(zmq_msg_init_size(&message, kTopic.size() + payload.size()) == 0);
+        require(zmq_msg_init_size(&message, prefix.size() + payload.size()) == 0);
         char *const data = static_cast<char *>(zmq_msg_data(&message));
-        std::memcpy(data, kTopic.data(), kTopic.size());
-        std::memcpy(data + kTopic.size(), payload.data(), payload.size());
-        require(zmq_msg_send(&message, publisher_.get(), 0) >= 0);
+        std::memcpy(data, prefix.data(), prefix.size());
+        std::memcpy(data + prefix.size(), payload.data(), payload.size());
+        require(zmq_msg_send(&message, outlet.socket.get(), 0) >= 0);
     }
 
 private:
-    void joinOthers(const Shape &shape, const char *source) {
+    struct Outlet {
+        Socket socket;
+        Topic topic;
+    };
+
+    // Where the publications of this publisher can be had.
+    static std::string sourceOf(int publisher) {
+        return Proxy ? "inproc://xpub" : "inproc://pub-" + std::to_string(publisher);
+    }
+    void startProxy() {
+        Socket front{context_, ZMQ_XSUB, WaterMark};
+        Socket back{context_, ZMQ_XPUB, WaterMark};
+        front.bind("inproc://xsub");
+        back.bind(sourceOf(0));
+        threads_.start([from = std::move(front), to = std::move(back)] {
+            zmq_proxy(from.get(), to.get(), nullptr);
+        });
+    }
+    // To a topic, of whichever publishers have it.
+    void subscribe(const Shape &shape, int topic, Sink &sink, int number) {
+        Socket subscriber{context_, ZMQ_SUB, WaterMark};
+        subscriber.set(ZMQ_SUBSCRIBE, Topic{topic}.prefix());
+        for (int i = topic; i < (Proxy ? topic + 1 : shape.publishers); i += shape.topics) {
+            subscriber.connect(sourceOf(i));
+        }
+        threads_.start(
+            [socket = std::move(subscriber), &sink, number] { hear(socket, sink, number); });
+    }
+    void joinOthers(const Shape &shape) {
         for (int i = 0; i < shape.others; ++i) {
             Socket &other = others_.emplace_back(context_, ZMQ_SUB);
             for (int topic = 0; topic < shape.otherTopics; ++topic) {
                 other.set(ZMQ_SUBSCRIBE, std::to_string(i) + "." + std::to_string(topic) + '\0');
             }
-            other.connect(source);
+            other.connect(sourceOf(0));
         }
     }
 
     Context context_;
     std::vector<Socket> others_;
-    Socket publisher_{context_, ZMQ_PUB, WaterMark};
+    std::vector<Outlet> publishers_;
     Threads threads_{context_};
 };
 
@@ -282,13 +308,13 @@ int main(int argc, char **argv) {
                publisher<true>,
                {"call-2", "call-2000", "call-1-core", "publish-64", "publish-1M", "publish-1-core",
                 "latency-1k", "fanout-8", "fanout-64", "fanout-256", "growth-10", "growth-100",
-                "growth-1000", "growth-2000"},
+                "growth-1000", "growth-2000", "publish-4-to-1", "publish-4-pairs"},
                {}},
         System{"ZeroMQ direct",
                caller<DirectCaller>,
                publisher<false>,
                {"call-2", "call-1-core", "publish-64", "publish-1M", "publish-1-core", "latency-1k",
-                "fanout-8", "fanout-64", "fanout-256"},
+                "fanout-8", "fanout-64", "fanout-256", "publish-4-to-1", "publish-4-pairs"},
                {}},
         System{
             "ZeroMQ broker HWM 1024", nullptr, publisher<true, kLowWaterMark>, {"publish-64"}, {}}};
