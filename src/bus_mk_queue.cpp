@@ -2,6 +2,7 @@
 
 #include "bus_mk_assert.h"
 #include "bus_mk_pool.h"
+#include "bus_mk_row.h"
 #include "bus_mk_thread.h"
 
 #include <algorithm>
@@ -9,23 +10,13 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <limits>
 #include <memory>
 #include <new>
-#include <utility>
 
 namespace {
 
 constexpr std::size_t kCacheLine = 64;
-
-// Pointers in a row of memory, which is had with the first of them.
-struct Row {
-    void **items;
-    std::int32_t places;
-    std::int32_t first; // what stands before has been taken
-    std::int32_t end;
-};
 
 } // namespace
 
@@ -44,13 +35,13 @@ struct bus_mk_queue {
     // A former value of out_count, which has not grown since: what it allows needs no look at the
     // receivers' part.
     std::int32_t out_seen BUS_MK_GUARDED_BY(mut);
-    Row in BUS_MK_GUARDED_BY(mut);
+    bus_mk_row in BUS_MK_GUARDED_BY(mut);
     std::atomic<std::int32_t> in_count; // written under mut
 
     // The receivers' part.
     alignas(kCacheLine) bus_mk_thread_mutex_t recv_mut;
     bus_mk_list *list BUS_MK_PT_GUARDED_BY(recv_mut);
-    Row out BUS_MK_GUARDED_BY(recv_mut);
+    bus_mk_row out BUS_MK_GUARDED_BY(recv_mut);
     bus_mk_list_equal eq;                // fixed when the queue is made
     std::atomic<std::int32_t> out_count; // written under recv_mut; grows only under mut as well
     std::atomic<std::int32_t> looks;     // of a receiver, before it sleeps
@@ -63,55 +54,6 @@ struct ListDelete {
 };
 using ListPtr = std::unique_ptr<bus_mk_list, ListDelete>;
 
-// ---- a row ----
-
-constexpr std::int32_t kFewPlaces = 8;
-
-std::int32_t countOf(const Row &row) noexcept {
-    return row.end - row.first;
-}
-
-// False: no memory, nothing is changed.
-bool grow(Row &row) noexcept {
-    const std::int32_t places = std::max(kFewPlaces, 2 * row.places);
-    void **const items = new (std::nothrow) void *[static_cast<std::size_t>(places)];
-    if (!items) {
-        return false;
-    }
-    std::copy(row.items, row.items + row.end, items);
-    delete[] row.items;
-    row.items = items;
-    row.places = places;
-    return true;
-}
-
-bool add(Row &row, void *item) noexcept {
-    if (row.end == row.places && !grow(row)) {
-        return false;
-    }
-    row.items[row.end++] = item;
-    return true;
-}
-
-void *takeAt(Row &row, std::int32_t index) noexcept {
-    void **const place = row.items + row.first + index;
-    void *const item = *place;
-    std::move_backward(row.items + row.first, place, place + 1);
-    ++row.first;
-    if (row.first == row.end) {
-        row.first = 0;
-        row.end = 0;
-    }
-    return item;
-}
-
-void giveBack(Row &row) noexcept {
-    if (row.end == 0 && row.places > kFewPlaces) {
-        delete[] row.items;
-        row = {};
-    }
-}
-
 // ---- the whole of a queue ----
 
 int default_eq(void *key, void *stored) {
@@ -119,7 +61,7 @@ int default_eq(void *key, void *stored) {
 }
 
 void noteOut(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut) {
-    q->out_count.store(bus_mk_list_cnt(q->list) + countOf(q->out), std::memory_order_release);
+    q->out_count.store(bus_mk_list_cnt(q->list) + q->out.count(), std::memory_order_release);
 }
 
 // The whole queue stands still for a scope.
@@ -132,7 +74,7 @@ public:
     ~Whole() BUS_MK_RELEASE() {
         noteOut(q_);
         q_->out_seen = q_->out_count.load(std::memory_order_relaxed);
-        q_->in_count.store(countOf(q_->in), std::memory_order_release);
+        q_->in_count.store(q_->in.count(), std::memory_order_release);
         bus_mk_thread_mutex_unlock(&q_->mut);
         bus_mk_thread_mutex_unlock(&q_->recv_mut);
     }
@@ -144,7 +86,7 @@ private:
 };
 
 int countOfAll(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
-    return bus_mk_list_cnt(q->list) + countOf(q->out) + countOf(q->in);
+    return bus_mk_list_cnt(q->list) + q->out.count() + q->in.count();
 }
 
 // Calls step(item) for each item from the head on, until it gives true.
@@ -156,8 +98,8 @@ void walk(bus_mk_q_t *q, Step step) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut
             return;
         }
     }
-    for (const Row *const row : {&q->out, &q->in}) {
-        if (std::any_of(row->items + row->first, row->items + row->end, step)) {
+    for (const bus_mk_row *const row : {&q->out, &q->in}) {
+        if (std::any_of(row->begin(), row->end(), step)) {
             return;
         }
     }
@@ -182,23 +124,23 @@ void *itemAt(bus_mk_q_t *q, int pos, bool taken) noexcept BUS_MK_REQUIRES(q->rec
         return taken ? bus_mk_list_del_idx(q->list, pos) : bus_mk_list_get_idx(q->list, pos);
     }
     int index = pos - listed - 1;
-    for (Row *const row : {&q->out, &q->in}) {
-        if (index < countOf(*row)) {
-            return taken ? takeAt(*row, index) : row->items[row->first + index];
+    for (bus_mk_row *const row : {&q->out, &q->in}) {
+        if (index < row->count()) {
+            return taken ? row->take(index) : row->begin()[index];
         }
-        index -= countOf(*row);
+        index -= row->count();
     }
     return nullptr;
 }
 
 // Moves everything into list. False: no memory; what has not been moved is where it was.
 bool settle(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
-    for (Row *const row : {&q->out, &q->in}) {
-        while (countOf(*row) > 0) {
-            if (!bus_mk_list_add(q->list, row->items[row->first], -1)) {
+    for (bus_mk_row *const row : {&q->out, &q->in}) {
+        while (row->count() > 0) {
+            if (!bus_mk_list_add(q->list, *row->begin(), -1)) {
                 return false;
             }
-            takeAt(*row, 0);
+            row->take(0);
         }
     }
     return true;
@@ -209,7 +151,7 @@ bool settle(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
 // Whether one item more stays within limit. The receivers' part is looked at only when its former
 // count does not tell.
 bool hasPlace(bus_mk_q_t *q, int limit) noexcept BUS_MK_REQUIRES(q->mut) {
-    const std::int32_t waiting = countOf(q->in);
+    const std::int32_t waiting = q->in.count();
     if (waiting + q->out_seen >= limit || waiting + q->out_seen >= q->highest) {
         q->out_seen = q->out_count.load(std::memory_order_acquire);
     }
@@ -235,10 +177,10 @@ bus_mk_sent append(bus_mk_q_t *q, void *data, int limit, bool &wake) noexcept {
     if (!hasPlace(q, limit)) {
         return bus_mk_sent::kFull;
     }
-    if (!add(q->in, data)) {
+    if (!q->in.add(data)) {
         return bus_mk_sent::kNoMemory;
     }
-    const std::int32_t waiting = countOf(q->in);
+    const std::int32_t waiting = q->in.count();
     q->highest = std::max(q->highest, waiting + q->out_seen);
     q->in_count.store(waiting, std::memory_order_release);
     wake = mustWake(q);
@@ -292,8 +234,8 @@ bool comesSoon(const bus_mk_q_t *q) noexcept {
 void giveBackSpare(bus_mk_q_t *q) noexcept {
     bus_mk_pool_trim();
     const Whole lock{q};
-    giveBack(q->in);
-    giveBack(q->out);
+    q->in.trim();
+    q->out.trim();
 }
 
 constexpr unsigned kForever = std::numeric_limits<unsigned>::max();
@@ -338,11 +280,11 @@ void letBatchGrow(const bus_mk_q_t *q) noexcept {
 
 // What an item leads to lies in its sender's cache. It is asked for while those before it are
 // handled.
-void fetchAhead(const Row &row) noexcept {
+void fetchAhead(const bus_mk_row &row) noexcept {
     constexpr std::int32_t kAhead = 4;
     constexpr std::size_t kFetched = 3 * kCacheLine;
-    if (countOf(row) > kAhead) {
-        const char *const item = static_cast<const char *>(row.items[row.first + kAhead]);
+    if (row.count() > kAhead) {
+        const char *const item = static_cast<const char *>(row.begin()[kAhead]);
         for (std::size_t offset = 0; offset < kFetched; offset += kCacheLine) {
             __builtin_prefetch(item + offset);
         }
@@ -354,15 +296,15 @@ void *takeFirst(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut) {
     if (void *const item = bus_mk_list_del_idx(q->list, 1)) {
         return item;
     }
-    if (countOf(q->out) == 0) {
+    if (q->out.count() == 0) {
         const bus_mk_guard senders{q->mut};
-        std::swap(q->in, q->out);
+        q->in.swap(q->out);
         noteOut(q); // before in_count: an item is never in neither count
-        q->out_seen = countOf(q->out);
+        q->out_seen = q->out.count();
         q->in_count.store(0, std::memory_order_release);
     }
     fetchAhead(q->out);
-    return countOf(q->out) > 0 ? takeAt(q->out, 0) : nullptr;
+    return q->out.count() > 0 ? q->out.take(0) : nullptr;
 }
 
 } // namespace
@@ -464,10 +406,8 @@ void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept {
 void bus_mk_q_delete_if(bus_mk_q_t *q, bus_mk_list_equal wanted, void *key) noexcept {
     const Whole lock{q};
     bus_mk_list_del_if(q->list, wanted, key);
-    for (Row *const row : {&q->out, &q->in}) {
-        void **const kept = std::remove_if(row->items + row->first, row->items + row->end,
-                                           [&](void *item) { return wanted(key, item) == 0; });
-        row->end = static_cast<std::int32_t>(kept - row->items);
+    for (bus_mk_row *const row : {&q->out, &q->in}) {
+        row->removeIf([&](void *item) { return wanted(key, item) == 0; });
     }
 }
 
@@ -520,8 +460,6 @@ int bus_mk_q_clear(bus_mk_q_t *q, bus_mk_q_delete_callback delete_f, int flag) n
         }
     }
     if (flag == 0) {
-        delete[] q->in.items;
-        delete[] q->out.items;
         bus_mk_list_destroy(q->list);
         bus_mk_thread_mutex_destroy(&q->mut);
         bus_mk_thread_mutex_destroy(&q->recv_mut);

@@ -7,9 +7,9 @@ namespace bus {
 TEST(Message, copies_hold_all_but_the_reference) {
     client_t client;
     const std::string data(200, 's');
-    for (const int length : {0, 1, 199, 200}) {
+    for (const std::size_t length : {0U, 1U, 199U, 200U}) {
         MessagePtr message{busClientExMessageNew("me", nullptr, "/a/b", "request", &client, nullptr,
-                                                 data.c_str(), length)};
+                                                 data.c_str(), static_cast<int>(length))};
         holdNode(*message, client);
         EXPECT_EQ(client.references, 2);
         message.reset(copyForRequest(*message, "asker"));
