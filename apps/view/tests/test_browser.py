@@ -102,12 +102,13 @@ class Report(unittest.TestCase):
         self.show('chart')
         drawn = self.browser.run('return document.querySelectorAll("#rows g").length')
         self.assertTrue(0 < drawn < 100)
+        # From the first message to short of the last one.
         for _ in range(50):  # again where the page has not been laid out yet
             self.browser.run('''const canvas = document.getElementById('density');
                 const at = canvas.getBoundingClientRect();
                 canvas.setPointerCapture = () => {};
                 for (const [type, x] of 
-                    [['pointerdown', 2], ['pointermove', at.width / 4], ['pointerup', at.width / 4]]) {
+                    [['pointerdown', 0], ['pointermove', 9], ['pointerup', at.width - 4]]) {
                   canvas.dispatchEvent(new PointerEvent(type,
                     {clientX: at.left + x, clientY: at.top + 5, bubbles: true}));
                 }''')
