@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by the scripts of this folder and of tests/package; every path is relative to the root.
+# Sourced by the scripts of this folder and of packaging/check; every path is relative to the root.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

@@ -21,7 +21,7 @@ write_examples() {
 
 # compare_output SOURCE OUTPUT: the program of a source has printed what it should.
 compare_output() {
-    local expected=tests/package/expected
+    local expected=packaging/check/expected
     [[ $1 != */face.cpp ]] || expected+=_cpp
     diff -u "$expected" "$2" || fail "the program of $1: other output than expected"
 }
