@@ -42,7 +42,7 @@ struct bus_mk_queue {
     alignas(kCacheLine) bus_mk_thread_mutex_t recv_mut;
     bus_mk_list *list BUS_MK_PT_GUARDED_BY(recv_mut);
     bus_mk_row out BUS_MK_GUARDED_BY(recv_mut);
-    bus_mk_list_equal eq;                // fixed when the queue is made
+    bus_mk_list_equal eq;                // null: the same address
     std::atomic<std::int32_t> out_count; // written under recv_mut; grows only under mut as well
     std::atomic<std::int32_t> looks;     // of a receiver, before it sleeps
 };
@@ -55,10 +55,6 @@ struct ListDelete {
 using ListPtr = std::unique_ptr<bus_mk_list, ListDelete>;
 
 // ---- the whole of a queue ----
-
-int default_eq(void *key, void *stored) {
-    return key == stored ? 0 : -1;
-}
 
 void noteOut(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut) {
     q->out_count.store(bus_mk_list_cnt(q->list) + q->out.count(), std::memory_order_release);
@@ -111,7 +107,7 @@ int positionOf(bus_mk_q_t *q, void *key) noexcept BUS_MK_REQUIRES(q->recv_mut, q
     bool found = false;
     walk(q, [&](void *item) {
         ++position;
-        found = key && q->eq(key, item) == 0;
+        found = key && (q->eq ? q->eq(key, item) == 0 : key == item);
         return found;
     });
     return found ? position : 0;
@@ -318,7 +314,7 @@ bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept {
         bus_mk_thread_cond_init(&q->recv_cond);
         q->max_size = q_size;
         q->looks = kMostLooks;
-        q->eq = eq_func ? eq_func : default_eq;
+        q->eq = eq_func;
         q->list = list.release();
         BUS_MK_ASSERT(q->list, "q->list != NULL");
     }
