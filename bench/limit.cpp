@@ -1,5 +1,5 @@
-// What the machine allows: a token that three threads hand over and nothing else; and blocks that
-// one thread allocates and another frees.
+// What the machine allows: a token that three threads hand over and nothing else; blocks that one
+// thread allocates and another frees; and publications through a router that does nothing else.
 #include "scenario.h"
 
 #include <linux/futex.h>
@@ -9,8 +9,17 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
 #include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -140,14 +149,147 @@ Result blocks(int milliseconds) {
     return result;
 }
 
+// A message in one block: topic and payload follow the record.
+struct Message {
+    std::size_t topicSize;
+    std::size_t payloadSize;
+    const char *text() const noexcept { return reinterpret_cast<const char *>(this + 1); }
+    std::string_view topic() const noexcept { return {text(), topicSize}; }
+    std::string_view payload() const noexcept { return {text() + topicSize, payloadSize}; }
+};
+struct Free {
+    void operator()(Message *message) const noexcept { std::free(message); }
+};
+using MessagePtr = std::unique_ptr<Message, Free>;
+
+MessagePtr makeMessage(std::string_view topic, std::string_view payload) {
+    void *const block = std::malloc(sizeof(Message) + topic.size() + payload.size());
+    if (!block) {
+        throw std::bad_alloc{};
+    }
+    MessagePtr message{new (block) Message{topic.size(), payload.size()}};
+    char *const text = static_cast<char *>(block) + sizeof(Message);
+    std::memcpy(text, topic.data(), topic.size());
+    std::memcpy(text + topic.size(), payload.data(), payload.size());
+    return message;
+}
+
+// Sender and receiver exchange rows of messages; a receiver lets a short row grow for some yields.
+class Rows {
+public:
+    void push(MessagePtr message) {
+        bool wake = false;
+        {
+            const std::lock_guard lock{mutex_};
+            in_.push_back(std::move(message));
+            waiting_.store(in_.size(), std::memory_order_release);
+            wake = std::exchange(asleep_, false);
+        }
+        if (wake) {
+            filled_.notify_one();
+        }
+    }
+    MessagePtr pop() {
+        if (next_ == out_.size()) {
+            exchange();
+        }
+        return std::move(out_[next_++]);
+    }
+
+private:
+    void exchange() {
+        constexpr int kLooks = 8;
+        constexpr std::size_t kShort = 32;
+        for (int i = 0; i < kLooks && waiting_.load(std::memory_order_acquire) < kShort; ++i) {
+            sched_yield();
+        }
+        out_.clear();
+        next_ = 0;
+        std::unique_lock lock{mutex_};
+        while (in_.empty()) {
+            asleep_ = true;
+            filled_.wait(lock);
+        }
+        in_.swap(out_);
+        waiting_.store(0, std::memory_order_release);
+    }
+
+    alignas(64) std::mutex mutex_; // of the senders' row
+    std::condition_variable filled_;
+    std::vector<MessagePtr> in_;
+    bool asleep_ = false;
+    std::atomic<std::size_t> waiting_{0};
+    alignas(64) std::vector<MessagePtr> out_; // the receiver's
+    std::size_t next_ = 0;
+};
+
+// The three hops of a publication, without bounds, counters, log, names, or leaving.
+class BareRouter final : public Publisher {
+public:
+    BareRouter(const Shape &shape, Sink &sink) {
+        for (int i = 0; i < shape.publishers; ++i) {
+            topics_.emplace_back(i % shape.topics);
+        }
+        for (int topic = 0; topic < shape.topics; ++topic) {
+            for (int i = 0; i < shape.subscribers; ++i) {
+                Rows &rows = *inboxes_.emplace_back(std::make_unique<Rows>());
+                subscribers_[std::string{Topic{topic}.name()}].push_back(&rows);
+                threads_.emplace_back([&rows, &sink, i] {
+                    while (const MessagePtr message = rows.pop()) {
+                        sink.receive(i, message->payload().data(), message->payload().size());
+                    }
+                });
+            }
+        }
+        threads_.emplace_back([this] { route(); });
+    }
+    BareRouter(const BareRouter &) = delete;
+    BareRouter &operator=(const BareRouter &) = delete;
+    ~BareRouter() override {
+        posted_.push(nullptr);
+        for (std::thread &thread : threads_) {
+            thread.join();
+        }
+    }
+    void publish(int publisher, std::string_view payload) override {
+        posted_.push(makeMessage(topics_[static_cast<std::size_t>(publisher)].name(), payload));
+    }
+
+private:
+    void route() {
+        while (MessagePtr message = posted_.pop()) {
+            const std::vector<Rows *> &all = subscribers_[std::string{message->topic()}];
+            for (std::size_t i = 1; i < all.size(); ++i) {
+                all[i]->push(makeMessage(message->topic(), message->payload()));
+            }
+            if (!all.empty()) {
+                all.front()->push(std::move(message));
+            }
+        }
+        for (const auto &inbox : inboxes_) {
+            inbox->push(nullptr);
+        }
+    }
+
+    std::vector<Topic> topics_; // of the publishers
+    std::unordered_map<std::string, std::vector<Rows *>> subscribers_;
+    Rows posted_;
+    std::vector<std::unique_ptr<Rows>> inboxes_;
+    std::vector<std::thread> threads_;
+};
+
+std::unique_ptr<Publisher> bareRouter(const Shape &shape, Sink &sink) {
+    return std::make_unique<BareRouter>(shape, sink);
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     const std::array systems{
         System{"limit",
                nullptr,
-               nullptr,
-               {},
+               bareRouter,
+               {"publish-64", "publish-1-core", "fanout-8", "publish-4-to-1", "publish-4-pairs"},
                {{"ring-sleep", ring<0>}, {"ring-spin", ring<4>}, {"blocks", blocks}}}};
     return bench::run(argc, argv, systems);
 }

@@ -16,6 +16,7 @@ TARGETS = [
     ("publish to one", "time", "publish-64", [(HAND, "publish-64")], 0.2),
     ("publish to one", "time", "publish-64", [(BROKER, "publish-64")], 0.2),
     ("publish to one", "time", "publish-64", [(DIRECT, "publish-64")], 0.35),
+    ("publish to one", "time", "publish-64", [("limit", "publish-64")], 1.4),
     *[(what + ", best peer", "time", cell, [(peer, cell) for peer in PEERS], 0.35)
       for what, cell in (("publish from 4 to one", "publish-4-to-1"),
                          ("publish in 4 pairs", "publish-4-pairs"))],
