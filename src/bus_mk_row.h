@@ -30,7 +30,7 @@ public:
 
     // False: no memory, nothing is changed.
     bool add(void *item) noexcept {
-        if (end_ == places_ && !grow()) {
+        if (end_ == places_ && !makePlace()) {
             return false;
         }
         items_[end_++] = item;
@@ -64,16 +64,21 @@ public:
 private:
     static constexpr std::int32_t kFewPlaces = 8;
 
-    bool grow() noexcept {
-        const std::int32_t places = std::max(kFewPlaces, 2 * places_);
-        auto **const items = new (std::nothrow) void *[static_cast<std::size_t>(places)];
+    // Where half of the row has been taken, what stands behind moves there.
+    bool makePlace() noexcept {
+        const bool grows = 2 * first_ <= places_;
+        const std::int32_t places = grows ? std::max(kFewPlaces, 2 * places_) : places_;
+        void **const items =
+            grows ? new (std::nothrow) void *[static_cast<std::size_t>(places)] : items_;
         if (!items) {
             return false;
         }
-        std::copy(items_, items_ + end_, items);
-        delete[] items_;
-        items_ = items;
-        places_ = places;
+        end_ = static_cast<std::int32_t>(std::copy(items_ + first_, items_ + end_, items) - items);
+        first_ = 0;
+        if (grows) {
+            delete[] std::exchange(items_, items);
+            places_ = places;
+        }
         return true;
     }
 

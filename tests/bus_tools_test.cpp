@@ -33,8 +33,7 @@ TEST(Tools, running_executable_is_found_by_name_in_any_case) {
     std::string name = std::filesystem::path{testing::internal::GetArgvs()[0]}.filename().string();
     name.replace(0, 5, "ZELvo");
     EXPECT_EQ(check_progress(name.c_str()), 0);
-    EXPECT_EQ(check_progress(name.c_str() + 1) + check_progress(nullptr), -2);
-    EXPECT_EQ(get_dir_size("."), -1);
+    EXPECT_EQ(check_progress(name.c_str() + 1) + check_progress(nullptr) + get_dir_size("."), -3);
 }
 
 TEST(Tools, sample_is_scaled_and_clipped) {

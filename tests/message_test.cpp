@@ -26,11 +26,4 @@ TEST(Message, copies_hold_all_but_the_reference) {
     }
 }
 
-TEST(Timer, ids_start_again_at_2) {
-    client_t client;
-    client.timerid = 32766;
-    EXPECT_EQ(busClientSettimer(&client, nullptr, -5, 7, nullptr), 32767);
-    EXPECT_EQ(busClientSettimer(&client, nullptr, -5, 7, nullptr), 2);
-}
-
 } // namespace bus
