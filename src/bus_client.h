@@ -10,8 +10,8 @@
  *           a call handler (from malloc; the library frees it) and the answer of busClientCall
  *           (the node's; you only read it). JSON goes through cJSON, whose memory functions are the
  *           process's: busClientNew sets malloc and free while there is no other bus. An
- * application that gives cJSON a pair of its own does so when its first bus is made and not running
- *           yet, and not again.
+ *           application that gives cJSON a pair of its own does so when its first bus is made and
+ *           not running yet, and not again.
  * Blocking. busClientConnect, busClientSubscribe, busClientUnsubscribe and busClientCall wait for
  *           an answer, for "callTimeout" milliseconds at most where that is configured and without
  *           a limit otherwise, and need the bus to be running in another thread. Nothing else
