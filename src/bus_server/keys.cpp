@@ -78,8 +78,11 @@ std::string serve(server_t &server, const char *payload, const char *key) {
     const cJSON *const data = cJSON_GetObjectItem(json.get(), "data");
     const bool set = data && operation.starts_with("set");
     const bool persist = set && textOf(json.get(), "persist").starts_with("true");
-    if (needsFile(server, persist)) {
+    const bool reads = needsFile(server, persist);
+    if (reads || persist) {
         wakeAll(server); // a disk may be slow
+    }
+    if (reads) {
         _busGetKeys(server);
     }
     if (set) {
@@ -104,6 +107,7 @@ void _busServerKeys(server_t &server, const Request &request) noexcept {
             BUS_LOG(4, "  %s server pusblish  %s failed, queue is full\n", TAG, server.name.get());
         }
     } catch (const std::bad_alloc &) {
+        count(server.counters.no_memory);
         BUS_LOG(5, "  %s malloc failed\n", TAG);
         endCall(server, message);
     }
