@@ -6,6 +6,17 @@
 #include <new>
 
 namespace bus {
+namespace {
+
+// Where node stands in all, or is to stand.
+auto placeOf(const node_t &node, auto &all) noexcept {
+    const auto joinedBefore = [](const node_t *other, std::uint64_t joined) {
+        return other->joined < joined;
+    };
+    return std::lower_bound(all.begin(), all.end(), node.joined, joinedBefore);
+}
+
+} // namespace
 
 node_t *Directory::find(std::string_view name) const noexcept {
     const auto found = nodes_.find(name);
@@ -53,12 +64,8 @@ bool Directory::subscribe(node_t &node, std::string_view topic) noexcept {
     if (!entry) {
         return false;
     }
-    const auto joinedBefore = [](std::uint64_t joined, const node_t *other) {
-        return joined < other->joined;
-    };
-    std::vector<node_t *> &all = entry->subscribers;
     try {
-        all.insert(std::upper_bound(all.begin(), all.end(), node.joined, joinedBefore), &node);
+        entry->subscribers.insert(placeOf(node, entry->subscribers), &node);
         return true;
     } catch (const std::bad_alloc &) {
         prune(topic);
@@ -68,10 +75,24 @@ bool Directory::subscribe(node_t &node, std::string_view topic) noexcept {
 
 void Directory::unsubscribe(const node_t &node, std::string_view topic) noexcept {
     const auto found = topics_.find(topic);
-    if (found != topics_.end()) {
-        std::erase(found->second.subscribers, &node);
+    if (found == topics_.end()) {
+        return;
+    }
+    std::vector<node_t *> &all = found->second.subscribers;
+    if (const auto place = placeOf(node, all); place != all.end() && *place == &node) {
+        all.erase(place);
         prune(topic);
     }
+}
+
+bool Directory::isSubscribed(const node_t &node, std::string_view topic) const noexcept {
+    const auto found = topics_.find(topic);
+    if (found == topics_.end()) {
+        return false;
+    }
+    const std::vector<node_t *> &all = found->second.subscribers;
+    const auto place = placeOf(node, all);
+    return place != all.end() && *place == &node;
 }
 
 } // namespace bus

@@ -43,6 +43,7 @@ public:
     // False: no memory, nothing is changed.
     bool subscribe(node_t &node, std::string_view topic) noexcept;
     void unsubscribe(const node_t &node, std::string_view topic) noexcept;
+    bool isSubscribed(const node_t &node, std::string_view topic) const noexcept;
 
 private:
     struct Hash : std::hash<std::string_view> {

@@ -97,7 +97,7 @@ void subscribe(server_t &server, node_t &node, const char *topic) noexcept {
         BUS_LOG(4, "  %s topic malloc error %s\n", TAG, name);
         return;
     }
-    if (bus_mk_q_find(node.topics_queue, copy.get(), nullptr)) {
+    if (server.directory.isSubscribed(node, topic)) {
         BUS_LOG(4, "  %s %s already subscribe topic %s\n", TAG, name, topic);
         return;
     }
