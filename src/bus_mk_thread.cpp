@@ -181,6 +181,9 @@ bool bus_mk_thread_yield() noexcept {
     }
     platform::yieldThread();
     const std::int64_t after = nanoseconds();
+    if (before < yieldsAgain.load(std::memory_order_relaxed)) {
+        return true; // several threads wait for the processor at once: one of them has told it
+    }
     std::int64_t pause = yieldsPause.load(std::memory_order_relaxed);
     if (after - before > kLongYield) {
         pause = std::min(2 * pause + kFirstPause, kLongestPause);
