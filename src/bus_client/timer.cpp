@@ -124,9 +124,9 @@ int _timer_equal(void *key, void *stored) noexcept {
     return static_cast<const timer_t *>(stored)->id == *static_cast<const int *>(key) ? 0 : -1;
 }
 
-void _killTimer(client_t &client, const message_t &message) noexcept {
+void _killTimer(client_t &client, const message_t &message) noexcept try {
     const bool hasData = message.payload && message.payload->data;
-    const JsonPtr json{hasData ? cJSON_Parse(message.payload->data) : nullptr};
+    const JsonPtr json = hasData ? parseJson(message.payload->data) : nullptr;
     const cJSON *const item = cJSON_GetObjectItem(json.get(), "id");
     if (!item) {
         return;
@@ -137,6 +137,9 @@ void _killTimer(client_t &client, const message_t &message) noexcept {
     } else {
         BUS_LOG(1, "  %s %s already remove timer %d\n", TAG, client.name.get(), id);
     }
+} catch (const std::bad_alloc &) {
+    count(client.counters.no_memory);
+    BUS_LOG(5, "  %s %s killtimer failed\n", TAG, client.name.get());
 }
 
 void timerPass(client_t &client) noexcept {
@@ -157,12 +160,14 @@ void timerPass(client_t &client) noexcept {
 }
 
 void timerPause(client_t &client) noexcept {
-    if (client.running.load(std::memory_order_relaxed) == 0 || bus_mk_q_empty(client.timer_queue)) {
-        return;
-    }
-    do { // again while memory is short: without a message the loop would not look again
+    bool woken = client.running.load(std::memory_order_relaxed) == 0;
+    while (!woken && !bus_mk_q_empty(client.timer_queue)) {
         bus_mk_q_wait(client.message_queue, kPause);
-    } while (hasNoMessage(client) && !postWakeUp(client));
+        woken = !bus_mk_q_empty(client.message_queue) || postWakeUp(client);
+        if (!woken) {
+            timerPass(client); // memory is short, and without a message the loop does not look
+        }
+    }
 }
 
 } // namespace bus
