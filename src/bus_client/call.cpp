@@ -222,7 +222,7 @@ Call exchange(client_t &client, const Question &question, char **response) noexc
     return result;
 }
 
-bool postResponse(client_t &client, const message_t &request, const char *text) noexcept {
+bus_mk_sent postResponse(client_t &client, const message_t &request, const char *text) noexcept {
     MessagePtr response{busClientExMessageNew(client.name.get(), nullptr, request.url,
                                               action::kResponse, &client, request.request_name,
                                               text, static_cast<int>(std::strlen(text)))};
@@ -230,11 +230,11 @@ bool postResponse(client_t &client, const message_t &request, const char *text) 
         response->call = request.call;
         BUS_CLIENT_TRACE("==>", &client, response.get());
     }
-    if (postToServer(*client.server, response) != bus_mk_sent::kDone) {
-        return false;
+    const bus_mk_sent sent = postToServer(*client.server, response);
+    if (sent == bus_mk_sent::kDone) {
+        count(client.counters.sent);
     }
-    count(client.counters.sent);
-    return true;
+    return sent;
 }
 
 void countRefusal(client_t &client, Call result) noexcept {
@@ -351,12 +351,15 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
     const bool given = text && fitsPayload(std::strlen(text.get()));
     const char *const data = given ? text.get() : kNoHandlerAnswer;
     // A place is kept for it; memory may come back.
-    for (int attempt = 0; attempt < kShortageAttempts; ++attempt, platform::yieldThread()) {
-        if (postResponse(client, request, data)) {
-            return;
-        }
+    bus_mk_sent sent = postResponse(client, request, data);
+    for (int attempt = 1; attempt < kShortageAttempts && sent != bus_mk_sent::kDone; ++attempt) {
+        platform::yieldThread();
+        sent = postResponse(client, request, data);
     }
-    count(client.counters.no_memory);
+    if (sent == bus_mk_sent::kDone) {
+        return;
+    }
+    countLost(sent, client.counters.bus_full, client.counters.no_memory);
     BUS_LOG(5, "  %s %s ==> server call response failed, queue is full\n", TAG, client.name.get());
 }
 
