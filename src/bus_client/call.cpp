@@ -270,7 +270,9 @@ Call callInTurn(client_t &client, const Question &question, char **response) noe
         return timeOut(client, question);
     }
     Call result = Call::kRefused;
-    const bool joins = !client.registered.load(std::memory_order_acquire);
+    if (!question.taker && !client.registered.load(std::memory_order_acquire)) {
+        client.wants_notices = true;
+    }
     // Looked at now: the node may have left during another call.
     if (mayCall(client, question.url)) {
         result = exchange(client, question, response);
@@ -278,7 +280,9 @@ Call callInTurn(client_t &client, const Question &question, char **response) noe
         logExited(client.name.get(), question.url);
     }
     countRefusal(client, result);
-    if (joins && !question.taker && client.registered.load(std::memory_order_acquire)) {
+    if (client.wants_notices && !question.taker &&
+        client.registered.load(std::memory_order_acquire)) {
+        client.wants_notices = false;
         followNotices(client, question.deadline, response);
     }
     return result;
