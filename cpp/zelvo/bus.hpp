@@ -235,8 +235,8 @@ public:
     }
     void unsubscribe(const std::vector<std::string> &topics) {
         const std::string json = detail::jsonArray(topics);
-        tellBus("/bus/unsubscribe", json);
         state().change({&detail::Handlers::topics, topics, nullptr});
+        tellBus("/bus/unsubscribe", json);
     }
     void unsubscribe(const CText &topic) { unsubscribe(std::vector<std::string>{topic.c_str()}); }
 
