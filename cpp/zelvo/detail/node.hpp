@@ -173,11 +173,13 @@ public:
 
     // ---- handlers and timers ----
 
-    // Made before the node's next handler; what is replaced is destroyed then, in its thread.
+    // Made before the node's next handler, or at a look of its own: a node that hears nothing must
+    // not keep what is replaced, which is destroyed then, in its thread.
     void change(Change change) {
         const std::lock_guard lock{mutex_};
         changes_.push_back(std::move(change));
         attention_ = true;
+        wake();
     }
 
     TimerPtr addTimer(Clock::duration wait, Clock::duration period,
