@@ -190,12 +190,12 @@ public:
         timer->period = period;
         timer->run = std::move(run);
         const std::lock_guard lock{mutex_};
+        timers_.resize(timers_.size() + 2); // the other place is for one that runs and comes again
+        timers_.resize(timers_.size() - 2);
         insert(timer);
-        try {
-            arm();
-        } catch (...) {
+        if (!arm()) {
             forget(timer);
-            throw;
+            throw std::bad_alloc{};
         }
         return timer;
     }
@@ -326,13 +326,13 @@ private:
         changes.swap(changes_);
     }
 
-    // Makes the changes that wait. False: the node is leaving.
+    // Makes the changes that wait, and arms what could not be armed. False: the node is leaving.
     bool settle() noexcept {
         std::vector<Change> changes;
         {
             const std::lock_guard lock{mutex_};
             changes.swap(changes_);
-            attention_ = leaving_.load();
+            attention_ = leaving_ || !arm();
         }
         reported([&] {
             for (const Change &change : changes) {
@@ -380,10 +380,10 @@ private:
     }
     // With mutex_. Sees to it that one of the bus's timers is due when the earliest of ours is.
     // Those that an earlier one has overtaken run out in vain; where they are many, one that comes
-    // at the node's next look serves all, again and again.
-    void arm() {
+    // at the node's next look serves all, again and again. False: memory is short.
+    bool arm() noexcept {
         if (timers_.empty() || gone_ || (armed_ != 0 && armed_due_ <= timers_.back()->due)) {
-            return;
+            return true;
         }
         const bool many = pending_ >= 256; // the bus loses those beyond 1,024
         const auto wait =
@@ -392,11 +392,12 @@ private:
         last_ = last_ == INT_MAX ? 1 : last_ + 1;
         const long time = many ? 0 : static_cast<long>(longest);
         if (busClientSettimer(client_, onTimer, time, last_, this) == -1) {
-            throw std::bad_alloc{};
+            return false;
         }
         armed_ = last_;
         armed_due_ = many ? Clock::time_point::min() : timers_.back()->due;
         ++pending_;
+        return true;
     }
     void noteTimer(int type) noexcept {
         const std::lock_guard lock{mutex_};
@@ -414,7 +415,7 @@ private:
         timers_.pop_back();
         return timer;
     }
-    // Missed beats are left out.
+    // Missed beats are left out. Its place is still there, whatever has been set meanwhile.
     void repeat(const TimerPtr &timer) {
         const std::lock_guard lock{mutex_};
         if (timer->period.count() > 0 && !timer->cancelled) {
@@ -430,7 +431,10 @@ private:
             repeat(timer);
         }
         const std::lock_guard lock{mutex_};
-        arm();
+        if (!arm()) {
+            attention_ = true; // tried again whenever the node handles something
+            throw std::bad_alloc{};
+        }
     }
 
     // ---- calls that are not waited for ----
@@ -489,7 +493,7 @@ private:
     Clock::time_point armed_due_;     // and when it comes
     bool gone_ = false;               // the client must not be used
     std::atomic<bool> leaving_{false};
-    std::atomic<bool> attention_{false}; // changes wait, or the node is leaving
+    std::atomic<bool> attention_{false}; // settle() has something to do, or the node is leaving
     Loop loop_;
 };
 
