@@ -9,11 +9,10 @@
 //     lamp.publish_sticky("lamp.state", "on");
 //     std::string state = panel.call("/lamp/state").text;
 //
-// Threads.    A bus runs in a thread of its own, and so does each node: all its handlers, timers
-// and
-//             completions, one at a time, and no two of them at once. Any thread may use any
-//             function, handlers included, except that nobody may use an object while it is moved,
-//             assigned or destroyed.
+// Threads.    A bus runs in a thread of its own, and so does each node: its handlers, timers and
+//             completions run there, one at a time. Any thread may use any function, handlers
+//             included, except that nobody may use an object while it is moved, assigned or
+//             destroyed.
 // Blocking.   Making a node, call, subscribe, unsubscribe, keys, nodes and stats wait for an
 //             answer, Config::call_timeout at most where that is set. The end of a node or a bus
 //             waits as they say. Nothing else waits.
