@@ -241,6 +241,8 @@ TEST(FaceEnd, nodes_and_their_bus_go_in_any_order) {
     Node moved = std::move(lamp);
     EXPECT_EQ(panel.call("/lamp/state").text, "on");
     EXPECT_THROW(lamp.publish("t"), std::logic_error); // NOLINT(bugprone-use-after-move)
+    const Keys keys = panel.keys();
     panel = std::move(moved);
+    EXPECT_THROW(keys.get("of a node that has gone"), Error);
     EXPECT_EQ(panel.nodes(), std::vector<std::string>{"lamp"});
 }

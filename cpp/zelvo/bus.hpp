@@ -107,7 +107,8 @@ private:
 };
 
 // The key store of the bus, through one of its nodes. Keys match without regard to ASCII case.
-// Functions throw Error when there is no answer, and std::invalid_argument for an empty key.
+// Functions throw Error when there is no answer, as when the node has gone, and
+// std::invalid_argument for an empty key.
 class Keys {
 public:
     // The value as JSON text, as the store prints it; nothing: there is none.

@@ -118,7 +118,7 @@ public:
     // A second thread waits for the first one's answer to be copied.
     Answer call(const char *url, std::string_view data) {
         const std::lock_guard lock{call_mutex_};
-        return ask(client_, url, data);
+        return gone_ ? Answer{} : ask(client_, url, data);
     }
 
     std::future<Answer> callAsync(const char *url, std::string_view data,
@@ -302,6 +302,7 @@ private:
         insideNode() = true;
         busClientSpin(client_);
         {
+            const std::lock_guard calls{call_mutex_}; // zelvo::Keys may outlive the node
             const std::lock_guard lock{mutex_};
             leaving_ = true;
             gone_ = true;
@@ -491,7 +492,7 @@ private:
     int last_ = 0;                    // number of the latest of them
     int armed_ = 0;                   // number of the one that counts; 0: none
     Clock::time_point armed_due_;     // and when it comes
-    bool gone_ = false;               // the client must not be used
+    bool gone_ = false;               // the client must not be used; set with call_mutex_, too
     std::atomic<bool> leaving_{false};
     std::atomic<bool> attention_{false}; // settle() has something to do, or the node is leaving
     Loop loop_;
