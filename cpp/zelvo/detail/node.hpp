@@ -186,7 +186,7 @@ public:
                       std::function<void(const TimerPtr &)> run) {
         const auto now = Clock::now();
         auto timer = std::make_shared<TimerEntry>();
-        timer->due = now + std::min(wait, Clock::time_point::max() - now);
+        timer->due = now + std::clamp(wait, Clock::duration{0}, Clock::time_point::max() - now);
         timer->period = period;
         timer->run = std::move(run);
         const std::lock_guard lock{mutex_};
