@@ -342,6 +342,7 @@ private:
                 }
             }
         });
+        changes.clear(); // what goes with them may be the owner of this node
         if (leaving_) {
             busClientSpinExit(client_); // the first wish may have found a full queue
         }
