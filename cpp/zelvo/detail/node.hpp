@@ -149,26 +149,24 @@ public:
 
     // In a helper's thread, where nothing of the user's is run or destroyed.
     void finish(AsyncCall &call, Answer answer) noexcept {
-        reported([&] { // no memory: the call stays unfinished until the node leaves
-            std::unique_lock lock{mutex_};
-            if (call.over) {
-                return;
-            }
-            const bool completes = call.completion != nullptr;
-            call.answer = std::move(answer);
-            if (completes) {
-                ready_.push_back(calls_[call.place]);
-                wake();
-            }
-            call.over = true;
-            calls_.back()->place = call.place;
-            std::swap(calls_[call.place], calls_.back());
-            calls_.pop_back();
-            lock.unlock();
-            if (!completes) {
-                call.promise.set_value(std::move(call.answer));
-            }
-        });
+        std::unique_lock lock{mutex_};
+        if (call.over) {
+            return;
+        }
+        call.over = true;
+        call.answer = std::move(answer);
+        calls_.back()->place = call.place;
+        std::swap(calls_[call.place], calls_.back());
+        const AsyncCallPtr taken = std::move(calls_.back());
+        calls_.pop_back();
+        if (taken->completion) {
+            *ready_end_ = taken;
+            ready_end_ = &taken->next;
+            wake();
+            return;
+        }
+        lock.unlock();
+        taken->promise.set_value(std::move(taken->answer));
     }
 
     // ---- handlers and timers ----
@@ -441,13 +439,18 @@ private:
 
     // ---- calls that are not waited for ----
 
+    // With mutex_.
+    AsyncCallPtr takeReady() noexcept {
+        ready_end_ = &ready_;
+        return std::exchange(ready_, nullptr);
+    }
     void runCompletions() {
-        std::vector<AsyncCallPtr> ready;
+        AsyncCallPtr call;
         {
             const std::lock_guard lock{mutex_};
-            ready.swap(ready_);
+            call = takeReady();
         }
-        for (const AsyncCallPtr &call : ready) {
+        for (; call; call = std::move(call->next)) {
             const auto completion = std::exchange(call->completion, nullptr);
             if (!leaving_) {
                 reported([&] { completion(std::move(call->answer)); });
@@ -457,11 +460,11 @@ private:
     // Futures become ready without an answer, completions never run.
     void forgetCalls() {
         std::vector<AsyncCallPtr> calls;
-        std::vector<AsyncCallPtr> ready;
+        AsyncCallPtr ready;
         {
             const std::lock_guard lock{mutex_};
             calls.swap(calls_);
-            ready.swap(ready_);
+            ready = takeReady();
             for (const AsyncCallPtr &call : calls) {
                 call->over = true;
             }
@@ -470,8 +473,8 @@ private:
             call->promise.set_value({});
             std::exchange(call->completion, nullptr);
         }
-        for (const AsyncCallPtr &call : ready) {
-            std::exchange(call->completion, nullptr);
+        for (; ready; ready = std::move(ready->next)) {
+            std::exchange(ready->completion, nullptr);
         }
     }
 
@@ -485,15 +488,16 @@ private:
 
     std::mutex mutex_; // of all below that is not atomic
     std::vector<Change> changes_;
-    std::vector<TimerPtr> timers_;    // the earliest last
-    std::vector<AsyncCallPtr> calls_; // under way
-    std::vector<AsyncCallPtr> ready_; // answered, their completions not yet run
-    bool wakes_ = false;              // a look has been asked for
-    int pending_ = 0;                 // timers of the bus that will come
-    int last_ = 0;                    // number of the latest of them
-    int armed_ = 0;                   // number of the one that counts; 0: none
-    Clock::time_point armed_due_;     // and when it comes
-    bool gone_ = false;               // the client must not be used; set with call_mutex_, too
+    std::vector<TimerPtr> timers_;      // the earliest last
+    std::vector<AsyncCallPtr> calls_;   // under way
+    AsyncCallPtr ready_;                // answered, their completions not yet run: a list
+    AsyncCallPtr *ready_end_ = &ready_; // where the next one goes
+    bool wakes_ = false;                // a look has been asked for
+    int pending_ = 0;                   // timers of the bus that will come
+    int last_ = 0;                      // number of the latest of them
+    int armed_ = 0;                     // number of the one that counts; 0: none
+    Clock::time_point armed_due_;       // and when it comes
+    bool gone_ = false;                 // the client must not be used; set with call_mutex_, too
     std::atomic<bool> leaving_{false};
     std::atomic<bool> attention_{false}; // settle() has something to do, or the node is leaving
     Loop loop_;
