@@ -325,13 +325,17 @@ private:
         changes.swap(changes_);
     }
 
-    // Makes the changes that wait, and arms what could not be armed. False: the node is leaving.
+    // Makes the changes that wait, and asks for the looks that there was no memory for. False: the
+    // node is leaving.
     bool settle() noexcept {
         std::vector<Change> changes;
         {
             const std::lock_guard lock{mutex_};
             changes.swap(changes_);
             attention_ = leaving_ || !arm();
+            if (ready_) {
+                wake();
+            }
         }
         reported([&] {
             for (const Change &change : changes) {
@@ -351,6 +355,7 @@ private:
     void wake() noexcept {
         if (!wakes_ && !gone_) {
             wakes_ = busClientSettimer(client_, onTimer, 0, 0, this) != -1;
+            attention_ = attention_ || !wakes_;
         }
     }
 
