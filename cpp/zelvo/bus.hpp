@@ -13,9 +13,11 @@
 //             completions run there, one at a time. Any thread may use any function, handlers
 //             included, except that nobody may use an object while it is moved, assigned or
 //             destroyed.
-// Blocking.   Making a node, call, subscribe, unsubscribe, keys, nodes and stats wait for an
-//             answer, Config::call_timeout at most where that is set. The end of a node or a bus
-//             waits as they say. Nothing else waits.
+// Blocking.   Making a node, call, subscribe, unsubscribe, Keys, nodes and stats wait for an
+//             answer, Config::call_timeout at most where that is set. It counts from a call's turn
+//             where several threads use one node, and for each of the two or three answers that
+//             making a node takes. The end of a node or a bus waits as they say. Nothing else
+//             waits.
 // Views.      A std::string_view that a handler gets is good until the handler returns. What is
 //             passed in is copied before the call returns.
 // Texts.      Topics, names and addresses are any bytes but NUL and match exactly; a text outside
@@ -214,7 +216,8 @@ public:
     // change, in the node's thread, and at the latest when the node leaves. Messages of a topic
     // without a handler are dropped.
     // Error: the bus has not answered, or its queue is full. Then the handlers are changed, but
-    // not certainly what the bus sends: do it again. At most 2,048 topics for each node.
+    // not certainly what the bus sends: do it again. At most 2,048 topics for each node; further
+    // ones are left out, with a warning in the log.
 
     // handler(std::string_view data). The bus's own topics are "bus.event" (nodes that join) and
     // "bus.error" (calls refused as a ring).
@@ -283,7 +286,8 @@ public:
     // The wait for a future is not known to the bus: a handler that waits for a node which waits
     // for it, or for itself, is not refused as a ring, but waits for good. In handlers, take the
     // form with a completion. Calls that wait behind Config::helpers others that are never answered
-    // are not answered either. Throws Error when there are no helpers.
+    // are not answered either. Throws Error when Config::helpers is 0, std::system_error when there
+    // is no thread for the first of them.
     std::future<Answer> call_async(const CText &url, std::string_view data = {}) const {
         return state().callAsync(url.c_str(), data, nullptr);
     }

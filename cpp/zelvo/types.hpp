@@ -31,7 +31,7 @@ enum class Outcome {
     // node that calls itself is the smallest. The topic "bus.error" tells of it.
     ring,
     // No answer: the node is leaving the bus, the bus's queue is full, memory is short, or
-    // Config::call_timeout has passed.
+    // Config::call_timeout has passed. Of call_async also: its helper could not join the bus.
     none,
 };
 
