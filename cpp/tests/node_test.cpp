@@ -14,10 +14,8 @@ protected:
     Node panel{bus, "panel"};
 };
 
-constexpr int kMoreThanAQueue = 1500; // of 1,024 places
-
 void flood(const Node &from, const char *topic) {
-    for (int i = 0; i < kMoreThanAQueue; ++i) {
+    for (int i = 0; i < 1500; ++i) { // a node's queue has 1,024 places
         from.publish(topic, "again");
     }
 }
