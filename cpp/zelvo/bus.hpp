@@ -9,14 +9,15 @@
 //     lamp.publish_sticky("lamp.state", "on");
 //     std::string state = panel.call("/lamp/state").text;
 //
-// Threads.    A bus runs in a thread of its own, and so does each node: all its handlers, timers
-// and
-//             completions, one at a time, and no two of them at once. Any thread may use any
-//             function, handlers included, except that nobody may use an object while it is moved,
-//             assigned or destroyed.
-// Blocking.   Making a node, call, subscribe, unsubscribe, keys, nodes and stats wait for an
-//             answer, Config::call_timeout at most where that is set. The end of a node or a bus
-//             waits as they say. Nothing else waits.
+// Threads.    A bus runs in a thread of its own, and so does each node: its handlers, timers and
+//             completions run there, one at a time. Any thread may use any function, handlers
+//             included, except that nobody may use an object while it is moved, assigned or
+//             destroyed.
+// Blocking.   Making a node, call, subscribe, unsubscribe, Keys, nodes and stats wait for an
+//             answer, Config::call_timeout at most where that is set. It counts from a call's turn
+//             where several threads use one node, and for each of the two or three answers that
+//             making a node takes. The end of a node or a bus waits as they say. Nothing else
+//             waits.
 // Views.      A std::string_view that a handler gets is good until the handler returns. What is
 //             passed in is copied before the call returns.
 // Texts.      Topics, names and addresses are any bytes but NUL and match exactly; a text outside
@@ -108,7 +109,8 @@ private:
 };
 
 // The key store of the bus, through one of its nodes. Keys match without regard to ASCII case.
-// Functions throw Error when there is no answer, and std::invalid_argument for an empty key.
+// Functions throw Error when there is no answer, as when the node has gone, and
+// std::invalid_argument for an empty key.
 class Keys {
 public:
     // The value as JSON text, as the store prints it; nothing: there is none.
@@ -210,11 +212,12 @@ public:
     // ---- subscribing ----
     // Each topic has one handler: another subscription replaces it, and does not fetch the sticky
     // message again. A change holds from the next message on; it may be made in the handler that
-    // it replaces or removes, which runs to its end. What a handler has captured lives until the
-    // node handles something after the change, or leaves. Messages of a topic without a handler
-    // are dropped.
+    // it replaces or removes, which runs to its end. What that has captured goes soon after the
+    // change, in the node's thread, and at the latest when the node leaves. Messages of a topic
+    // without a handler are dropped.
     // Error: the bus has not answered, or its queue is full. Then the handlers are changed, but
-    // not certainly what the bus sends: do it again. At most 2,048 topics for each node.
+    // not certainly what the bus sends: do it again. At most 2,048 topics for each node; further
+    // ones are left out, with a warning in the log.
 
     // handler(std::string_view data). The bus's own topics are "bus.event" (nodes that join) and
     // "bus.error" (calls refused as a ring).
@@ -235,8 +238,8 @@ public:
     }
     void unsubscribe(const std::vector<std::string> &topics) {
         const std::string json = detail::jsonArray(topics);
-        tellBus("/bus/unsubscribe", json);
         state().change({&detail::Handlers::topics, topics, nullptr});
+        tellBus("/bus/unsubscribe", json);
     }
     void unsubscribe(const CText &topic) { unsubscribe(std::vector<std::string>{topic.c_str()}); }
 
@@ -283,7 +286,8 @@ public:
     // The wait for a future is not known to the bus: a handler that waits for a node which waits
     // for it, or for itself, is not refused as a ring, but waits for good. In handlers, take the
     // form with a completion. Calls that wait behind Config::helpers others that are never answered
-    // are not answered either. Throws Error when there are no helpers.
+    // are not answered either. Throws Error when Config::helpers is 0, std::system_error when there
+    // is no thread for the first of them.
     std::future<Answer> call_async(const CText &url, std::string_view data = {}) const {
         return state().callAsync(url.c_str(), data, nullptr);
     }

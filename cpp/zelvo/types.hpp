@@ -31,7 +31,7 @@ enum class Outcome {
     // node that calls itself is the smallest. The topic "bus.error" tells of it.
     ring,
     // No answer: the node is leaving the bus, the bus's queue is full, memory is short, or
-    // Config::call_timeout has passed.
+    // Config::call_timeout has passed. Of call_async also: its helper could not join the bus.
     none,
 };
 
@@ -66,6 +66,7 @@ struct Config {
     // and stays with the bus.
     std::size_t helpers = 16;
     // Gets what a handler throws, with the name of the handler's node; runs in that node's thread.
+    // Gets std::bad_alloc too, where the node itself finds no memory; its timers come late then.
     // Empty: a line on standard error. What it throws itself ends there too.
     std::function<void(std::string_view node, std::exception_ptr error)> on_error;
 };

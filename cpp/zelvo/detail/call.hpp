@@ -70,6 +70,7 @@ struct AsyncCall {
     std::promise<Answer> promise;
     std::function<void(Answer)> completion;
     Answer answer;
+    std::shared_ptr<AsyncCall> next; // whose completion runs after this one's
 };
 using AsyncCallPtr = std::shared_ptr<AsyncCall>;
 

@@ -20,12 +20,17 @@ using Step = void (*)(void *object);
 // A thread that runs a loop until it is asked to end.
 class Loop {
 public:
-    // keep lives as long as the thread.
+    // keep lives as long as the thread. Throws std::system_error when there is no thread.
     void start(Step body, void *object, std::shared_ptr<void> keep) {
         body_ = body;
         object_ = object;
         keep_ = std::move(keep);
-        thread_ = std::thread{static_cast<Step>(run), this};
+        try {
+            thread_ = std::thread{static_cast<Step>(run), this};
+        } catch (...) {
+            keep_.reset(); // a ring, where it holds this object
+            throw;
+        }
     }
     bool isThisThread() const noexcept { return thread_.get_id() == std::this_thread::get_id(); }
 

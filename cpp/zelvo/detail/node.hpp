@@ -118,7 +118,7 @@ public:
     // A second thread waits for the first one's answer to be copied.
     Answer call(const char *url, std::string_view data) {
         const std::lock_guard lock{call_mutex_};
-        return ask(client_, url, data);
+        return gone_ ? Answer{} : ask(client_, url, data);
     }
 
     std::future<Answer> callAsync(const char *url, std::string_view data,
@@ -149,51 +149,51 @@ public:
 
     // In a helper's thread, where nothing of the user's is run or destroyed.
     void finish(AsyncCall &call, Answer answer) noexcept {
-        reported([&] { // no memory: the call stays unfinished until the node leaves
-            std::unique_lock lock{mutex_};
-            if (call.over) {
-                return;
-            }
-            const bool completes = call.completion != nullptr;
-            call.answer = std::move(answer);
-            if (completes) {
-                ready_.push_back(calls_[call.place]);
-                wake();
-            }
-            call.over = true;
-            calls_.back()->place = call.place;
-            std::swap(calls_[call.place], calls_.back());
-            calls_.pop_back();
-            lock.unlock();
-            if (!completes) {
-                call.promise.set_value(std::move(call.answer));
-            }
-        });
+        std::unique_lock lock{mutex_};
+        if (call.over) {
+            return;
+        }
+        call.over = true;
+        call.answer = std::move(answer);
+        calls_.back()->place = call.place;
+        std::swap(calls_[call.place], calls_.back());
+        const AsyncCallPtr taken = std::move(calls_.back());
+        calls_.pop_back();
+        if (taken->completion) {
+            *ready_end_ = taken;
+            ready_end_ = &taken->next;
+            wake();
+            return;
+        }
+        lock.unlock();
+        taken->promise.set_value(std::move(taken->answer));
     }
 
     // ---- handlers and timers ----
 
-    // Made before the node's next handler; what is replaced is destroyed then, in its thread.
+    // Made before the node's next handler, or at a look of its own: a node that hears nothing must
+    // not keep what is replaced, which is destroyed then, in its thread.
     void change(Change change) {
         const std::lock_guard lock{mutex_};
         changes_.push_back(std::move(change));
         attention_ = true;
+        wake();
     }
 
     TimerPtr addTimer(Clock::duration wait, Clock::duration period,
                       std::function<void(const TimerPtr &)> run) {
         const auto now = Clock::now();
         auto timer = std::make_shared<TimerEntry>();
-        timer->due = now + std::min(wait, Clock::time_point::max() - now);
+        timer->due = now + std::clamp(wait, Clock::duration{0}, Clock::time_point::max() - now);
         timer->period = period;
         timer->run = std::move(run);
         const std::lock_guard lock{mutex_};
+        timers_.resize(timers_.size() + 2); // the other place is for one that runs and comes again
+        timers_.resize(timers_.size() - 2);
         insert(timer);
-        try {
-            arm();
-        } catch (...) {
+        if (!arm()) {
             forget(timer);
-            throw;
+            throw std::bad_alloc{};
         }
         return timer;
     }
@@ -300,6 +300,7 @@ private:
         insideNode() = true;
         busClientSpin(client_);
         {
+            const std::lock_guard calls{call_mutex_}; // zelvo::Keys may outlive the node
             const std::lock_guard lock{mutex_};
             leaving_ = true;
             gone_ = true;
@@ -324,13 +325,17 @@ private:
         changes.swap(changes_);
     }
 
-    // Makes the changes that wait. False: the node is leaving.
+    // Makes the changes that wait, and asks for the looks that there was no memory for. False: the
+    // node is leaving.
     bool settle() noexcept {
         std::vector<Change> changes;
         {
             const std::lock_guard lock{mutex_};
             changes.swap(changes_);
-            attention_ = leaving_.load();
+            attention_ = leaving_ || !arm();
+            if (ready_) {
+                wake();
+            }
         }
         reported([&] {
             for (const Change &change : changes) {
@@ -339,6 +344,7 @@ private:
                 }
             }
         });
+        changes.clear(); // what goes with them may be the owner of this node
         if (leaving_) {
             busClientSpinExit(client_); // the first wish may have found a full queue
         }
@@ -349,6 +355,7 @@ private:
     void wake() noexcept {
         if (!wakes_ && !gone_) {
             wakes_ = busClientSettimer(client_, onTimer, 0, 0, this) != -1;
+            attention_ = attention_ || !wakes_;
         }
     }
 
@@ -378,10 +385,10 @@ private:
     }
     // With mutex_. Sees to it that one of the bus's timers is due when the earliest of ours is.
     // Those that an earlier one has overtaken run out in vain; where they are many, one that comes
-    // at the node's next look serves all, again and again.
-    void arm() {
+    // at the node's next look serves all, again and again. False: memory is short.
+    bool arm() noexcept {
         if (timers_.empty() || gone_ || (armed_ != 0 && armed_due_ <= timers_.back()->due)) {
-            return;
+            return true;
         }
         const bool many = pending_ >= 256; // the bus loses those beyond 1,024
         const auto wait =
@@ -390,11 +397,12 @@ private:
         last_ = last_ == INT_MAX ? 1 : last_ + 1;
         const long time = many ? 0 : static_cast<long>(longest);
         if (busClientSettimer(client_, onTimer, time, last_, this) == -1) {
-            throw std::bad_alloc{};
+            return false;
         }
         armed_ = last_;
         armed_due_ = many ? Clock::time_point::min() : timers_.back()->due;
         ++pending_;
+        return true;
     }
     void noteTimer(int type) noexcept {
         const std::lock_guard lock{mutex_};
@@ -412,7 +420,7 @@ private:
         timers_.pop_back();
         return timer;
     }
-    // Missed beats are left out.
+    // Missed beats are left out. Its place is still there, whatever has been set meanwhile.
     void repeat(const TimerPtr &timer) {
         const std::lock_guard lock{mutex_};
         if (timer->period.count() > 0 && !timer->cancelled) {
@@ -428,18 +436,26 @@ private:
             repeat(timer);
         }
         const std::lock_guard lock{mutex_};
-        arm();
+        if (!arm()) {
+            attention_ = true; // tried again whenever the node handles something
+            throw std::bad_alloc{};
+        }
     }
 
     // ---- calls that are not waited for ----
 
+    // With mutex_.
+    AsyncCallPtr takeReady() noexcept {
+        ready_end_ = &ready_;
+        return std::exchange(ready_, nullptr);
+    }
     void runCompletions() {
-        std::vector<AsyncCallPtr> ready;
+        AsyncCallPtr call;
         {
             const std::lock_guard lock{mutex_};
-            ready.swap(ready_);
+            call = takeReady();
         }
-        for (const AsyncCallPtr &call : ready) {
+        for (; call; call = std::move(call->next)) {
             const auto completion = std::exchange(call->completion, nullptr);
             if (!leaving_) {
                 reported([&] { completion(std::move(call->answer)); });
@@ -449,11 +465,11 @@ private:
     // Futures become ready without an answer, completions never run.
     void forgetCalls() {
         std::vector<AsyncCallPtr> calls;
-        std::vector<AsyncCallPtr> ready;
+        AsyncCallPtr ready;
         {
             const std::lock_guard lock{mutex_};
             calls.swap(calls_);
-            ready.swap(ready_);
+            ready = takeReady();
             for (const AsyncCallPtr &call : calls) {
                 call->over = true;
             }
@@ -462,8 +478,8 @@ private:
             call->promise.set_value({});
             std::exchange(call->completion, nullptr);
         }
-        for (const AsyncCallPtr &call : ready) {
-            std::exchange(call->completion, nullptr);
+        for (; ready; ready = std::move(ready->next)) {
+            std::exchange(ready->completion, nullptr);
         }
     }
 
@@ -477,17 +493,18 @@ private:
 
     std::mutex mutex_; // of all below that is not atomic
     std::vector<Change> changes_;
-    std::vector<TimerPtr> timers_;    // the earliest last
-    std::vector<AsyncCallPtr> calls_; // under way
-    std::vector<AsyncCallPtr> ready_; // answered, their completions not yet run
-    bool wakes_ = false;              // a look has been asked for
-    int pending_ = 0;                 // timers of the bus that will come
-    int last_ = 0;                    // number of the latest of them
-    int armed_ = 0;                   // number of the one that counts; 0: none
-    Clock::time_point armed_due_;     // and when it comes
-    bool gone_ = false;               // the client must not be used
+    std::vector<TimerPtr> timers_;      // the earliest last
+    std::vector<AsyncCallPtr> calls_;   // under way
+    AsyncCallPtr ready_;                // answered, their completions not yet run: a list
+    AsyncCallPtr *ready_end_ = &ready_; // where the next one goes
+    bool wakes_ = false;                // a look has been asked for
+    int pending_ = 0;                   // timers of the bus that will come
+    int last_ = 0;                      // number of the latest of them
+    int armed_ = 0;                     // number of the one that counts; 0: none
+    Clock::time_point armed_due_;       // and when it comes
+    bool gone_ = false;                 // the client must not be used; set with call_mutex_, too
     std::atomic<bool> leaving_{false};
-    std::atomic<bool> attention_{false}; // changes wait, or the node is leaving
+    std::atomic<bool> attention_{false}; // settle() has something to do, or the node is leaving
     Loop loop_;
 };
 
