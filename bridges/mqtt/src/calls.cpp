@@ -44,7 +44,7 @@ char *Calls::onCall(void *self, client_t *, char *url, char *data, int len) {
             site, path, {data ? data : "", static_cast<std::size_t>(data ? len : 0)});
         return mallocText(answer);
     } catch (const std::exception &failure) {
-        site.calls.log_.error(std::string{"a call to "} + url + " fails: " + failure.what());
+        site.calls.log_.error({"a call to ", url, " fails: ", failure.what()});
         return mallocText(kNotImplement);
     }
 }

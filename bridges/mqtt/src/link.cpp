@@ -44,8 +44,7 @@ struct Link::Callbacks {
         try {
             of(link).events_.received(*message, list);
         } catch (const std::exception &failure) {
-            of(link).log_.error(std::string{"a message from the broker is dropped: "} +
-                                failure.what());
+            of(link).log_.error({"a message from the broker is dropped: ", failure.what()});
         }
     }
     static void onLog(mosquitto *, void *link, int level, const char *text) {
@@ -101,7 +100,7 @@ void Link::run() {
         }
         sayFarewell(lock);
     } catch (const std::exception &failure) {
-        log_.error(std::string{"the thread that talks to the broker ends: "} + failure.what());
+        log_.error({"the thread that talks to the broker ends: ", failure.what()});
     }
     connected_ = false;
 }
@@ -291,8 +290,8 @@ void Link::onSubscribe(int mid, int reason) {
         return;
     }
     if (reason >= 128) {
-        log_.error("the broker refuses the subscription to " + found->second + ": " +
-                   mosquitto_reason_string(reason));
+        log_.error({"the broker refuses the subscription to ", found->second, ": ",
+                    mosquitto_reason_string(reason)});
     }
     subscriptions_.erase(found);
 }

@@ -89,7 +89,7 @@ int Serving::onTimer(void *self, client_t *, int) {
             serving.call(caller, *request);
         }
     } catch (const std::exception &failure) {
-        serving.log_.error("calls to " + caller.callee + " fail: " + failure.what());
+        serving.log_.error({"calls to ", caller.callee, " fail: ", failure.what()});
     }
     return 0;
 }
