@@ -94,15 +94,26 @@ void Link::stop() {
 void Link::run() {
     own_ = this;
     std::unique_lock lock{mutex_};
-    try {
-        while (!stopping_) {
-            turn(lock);
+    for (bool ends = false; !ends;) {
+        ends = stopping_;
+        try {
+            ends ? sayFarewell(lock) : turn(lock);
+        } catch (const std::exception &failure) {
+            giveUp(failure.what());
         }
-        sayFarewell(lock);
-    } catch (const std::exception &failure) {
-        log_.error({"the thread that talks to the broker ends: ", failure.what()});
     }
     connected_ = false;
+}
+
+// What is thrown, where memory or a thread is not to be had, costs the connection; the next one is
+// tried after a pause, as ever.
+void Link::giveUp(const char *why) {
+    log_.error({"the connection to the broker is given up: ", why});
+    try {
+        down(why);
+    } catch (const std::exception &failure) {
+        log_.error({"the bus is not told of it: ", failure.what()});
+    }
 }
 
 // Waits for the broker, for senders, or for the time of what comes next, and does it.
@@ -176,6 +187,7 @@ void Link::connect() {
     open_ = false;
     libraryError_.clear();
     refusal_.clear();
+    underWay_.connectionLost(); // again, where memory was short then
     try {
         makeSession(); // files may have changed since the last one
     } catch (const OpenError &refused) {
@@ -212,13 +224,11 @@ void Link::end(int result) {
     }
 }
 
-void Link::down(const std::string &failure) {
+// What needs memory comes last.
+void Link::down(std::string_view failure) {
     if (state_ == State::kDown) {
         return;
     }
-    const std::string why = !refusal_.empty()        ? refusal_
-                            : !libraryError_.empty() ? failure + " " + libraryError_
-                                                     : failure;
     enter(State::kDown);
     retry_ = std::clamp(retry_ * 2, kFirstPause, kLongestPause);
     connected_ = false;
@@ -231,7 +241,10 @@ void Link::down(const std::string &failure) {
     underWay_.connectionLost();
     underWayCount_ = underWay_.unfinished();
     if (!stopping_) {
-        events_.disconnected(why);
+        const std::string text{failure};
+        events_.disconnected(!refusal_.empty()        ? refusal_
+                             : !libraryError_.empty() ? text + " " + libraryError_
+                                                      : text);
     }
 }
 

@@ -22,6 +22,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -93,7 +94,8 @@ private:
     void connect();
     void work(bool readable);
     void end(int result);
-    void down(const std::string &failure);
+    void down(std::string_view failure);
+    void giveUp(const char *why);
     void greet();
     void flush();
     void flushDirect();
