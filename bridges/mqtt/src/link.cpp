@@ -25,19 +25,30 @@ thread_local const Link *Link::own_ = nullptr;
 
 struct Link::Callbacks {
     static Link &of(void *userdata) { return *static_cast<Link *>(userdata); }
+    // Nothing may be thrown through the library.
+    template <typename Function>
+    static void keep(void *link, Function function) noexcept {
+        try {
+            function(of(link));
+        } catch (...) {
+            of(link).thrown_ = std::current_exception();
+        }
+    }
     static void onConnect(mosquitto *, void *link, int reason, int,
                           const mosquitto_property *list) {
-        of(link).onConnect(reason, list);
+        keep(link, [&](Link &own) { own.onConnect(reason, list); });
     }
     static void onDisconnect(mosquitto *, void *link, int reason, const mosquitto_property *) {
-        of(link).down(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
+        keep(link, [&](Link &own) {
+            own.down(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
+        });
     }
     static void onPublish(mosquitto *, void *link, int mid, int, const mosquitto_property *) {
-        of(link).onPublish(mid);
+        keep(link, [&](Link &own) { own.onPublish(mid); });
     }
     static void onSubscribe(mosquitto *, void *link, int mid, int, const int *granted,
                             const mosquitto_property *) {
-        of(link).onSubscribe(mid, *granted);
+        keep(link, [&](Link &own) { own.onSubscribe(mid, *granted); });
     }
     static void onMessage(mosquitto *, void *link, const mosquitto_message *message,
                           const mosquitto_property *list) {
@@ -49,7 +60,7 @@ struct Link::Callbacks {
     }
     static void onLog(mosquitto *, void *link, int level, const char *text) {
         if (level == MOSQ_LOG_ERR || level == MOSQ_LOG_WARNING) {
-            of(link).libraryError_ = text;
+            keep(link, [&](Link &own) { own.libraryError_ = text; });
         }
     }
 };
@@ -187,6 +198,7 @@ void Link::connect() {
     open_ = false;
     libraryError_.clear();
     refusal_.clear();
+    thrown_ = nullptr;
     underWay_.connectionLost(); // again, where memory was short then
     try {
         makeSession(); // files may have changed since the last one
@@ -217,8 +229,12 @@ void Link::work(bool readable) {
     }
 }
 
-// The result of a step of the library, which does not call back for every failure.
+// The result of a step of the library, which does not call back for every failure, and what a
+// callback has thrown.
 void Link::end(int result) {
+    if (thrown_) {
+        std::rethrow_exception(std::exchange(thrown_, nullptr));
+    }
     if (result != MOSQ_ERR_SUCCESS && state_ != State::kDown) {
         down(errorText(result));
     }

@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -132,6 +133,7 @@ private:
     State state_ = State::kDown;
     bool open_ = false;                  // the socket has been ready since it was made
     std::string libraryError_, refusal_; // of this connection
+    std::exception_ptr thrown_;          // by a callback of it
     std::chrono::milliseconds retry_{0};
     Clock::time_point since_{};  // of the state
     Clock::time_point second_{}; // when it was last looked after what comes now and then
