@@ -289,10 +289,13 @@ void Link::greet() {
             subscriptions_.emplace_back(mid, topic);
         }
     };
+    // The broker may know the subscriptions of a bridge before this one, whose bus had what is
+    // retained; this one's bus has not.
+    const int retained =
+        subscribed_ ? MQTT_SUB_OPT_SEND_RETAIN_NEW : MQTT_SUB_OPT_SEND_RETAIN_ALWAYS;
     for (const std::string &topic : config_.in) {
         subscribe(topics_.publication(topic), config_.qos,
-                  MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED |
-                      MQTT_SUB_OPT_SEND_RETAIN_NEW);
+                  MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED | retained);
     }
     for (const Config::Call &call : config_.call) {
         subscribe(topics_.presence(call.site), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
@@ -323,6 +326,7 @@ void Link::onSubscribe(int mid, int reason) {
                     mosquitto_reason_string(reason)});
     }
     subscriptions_.erase(found);
+    subscribed_ = subscribed_ || subscriptions_.empty();
 }
 
 void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {

@@ -143,7 +143,8 @@ private:
     std::size_t window_ = 0;
     int qos_ = 0;
     std::vector<std::pair<int, std::string>> subscriptions_; // that have not been answered
-    std::uint64_t told_ = 0;                                 // drops
+    bool subscribed_ = false; // all of a connection have been, since the start
+    std::uint64_t told_ = 0;  // drops
 };
 
 } // namespace zelvo_mqtt

@@ -56,6 +56,11 @@ TEST_F(Bridges, a_retained_publication_is_sticky_until_it_is_emptied) {
     publish(from, "once", "1");
     Peer peer{broker, "zelvo/topic/#"};
     EXPECT_EQ(peer.next("zelvo/topic/kept"), "1");
+    { // whose session the broker keeps
+        Bridged before{broker.url(), "to", R"("in":["kept","once"])"};
+        hear(before, {"kept"});
+        EXPECT_TRUE(before.listener.hears("kept=1"));
+    }
     Bridged to{broker.url(), "to", R"("in":["kept","once"])"};
     hear(to, {"once"});
     const auto late = [&](const char *name) {
