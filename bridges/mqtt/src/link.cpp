@@ -335,11 +335,8 @@ void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
     while (connected_ && unsent() > 0 && Clock::now() < end) {
         turn(lock);
     }
-    if (connected_) {
-        mosquitto *const handle = session_->get();
-        mosquitto_publish_v5(handle, nullptr, topics_.presence(config_.site).c_str(), 7, "offline",
-                             1, true, nullptr);
-        mosquitto_disconnect_v5(handle, 0, nullptr);
+    if (connected_) { // a publication of "offline" would wait behind those under way
+        mosquitto_disconnect_v5(session_->get(), MQTT_RC_DISCONNECT_WITH_WILL_MSG, nullptr);
         while (state_ != State::kDown && Clock::now() < end + kFarewell / 3) {
             turn(lock);
         }
