@@ -128,11 +128,13 @@ void Link::giveUp(const char *why) {
 }
 
 // Waits for the broker, for senders, or for the time of what comes next, and does it.
-void Link::turn(std::unique_lock<std::mutex> &lock) {
+void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
+    using std::chrono::milliseconds;
     advance();
     flush();
     pollfd files[2] = {{wake_.descriptor(), POLLIN, 0}, {-1, 0, 0}};
-    auto timeout = patience();
+    auto timeout = std::clamp(std::chrono::ceil<milliseconds>(until - Clock::now()),
+                              milliseconds{0}, patience());
     if (state_ == State::kConnecting || state_ == State::kUp) {
         const auto pause = events_.pause();
         files[1].fd = mosquitto_socket(session_->get());
@@ -331,14 +333,15 @@ void Link::onSubscribe(int mid, int reason) {
 
 void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
     const auto end = Clock::now() + kFarewell;
+    const auto last = end + kFarewell / 3;
     const auto unsent = [&] { return buffer_.fill().messages + underWay_.unfinished(); };
     while (connected_ && unsent() > 0 && Clock::now() < end) {
-        turn(lock);
+        turn(lock, end);
     }
     if (connected_) { // a publication of "offline" would wait behind those under way
         mosquitto_disconnect_v5(session_->get(), MQTT_RC_DISCONNECT_WITH_WILL_MSG, nullptr);
-        while (state_ != State::kDown && Clock::now() < end + kFarewell / 3) {
-            turn(lock);
+        while (state_ != State::kDown && Clock::now() < last) {
+            turn(lock, last);
         }
     }
     if (const std::size_t lost = unsent(); lost > 0) {

@@ -86,7 +86,8 @@ private:
     enum class State { kDown, kLooking, kConnecting, kUp };
 
     void run();
-    void turn(std::unique_lock<std::mutex> &lock);
+    void turn(std::unique_lock<std::mutex> &lock,
+              Clock::time_point until = Clock::time_point::max());
     void sayFarewell(std::unique_lock<std::mutex> &lock);
     std::chrono::milliseconds patience() const;
     void advance();
