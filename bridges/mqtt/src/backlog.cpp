@@ -24,6 +24,9 @@ Backlog::Look Backlog::look(client_t *client) {
 
 Backlog::Look Backlog::judge(const char *stats) {
     const Json json{cJSON_Parse(stats)};
+    if (!json) { // memory is short, which says nothing of the bus
+        return Look::kNone;
+    }
     const cJSON *const data = cJSON_GetObjectItemCaseSensitive(json.get(), "data");
     const cJSON *const nodes = cJSON_GetObjectItemCaseSensitive(data, "nodes");
     told_ = cJSON_IsArray(nodes) != 0;

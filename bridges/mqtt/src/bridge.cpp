@@ -99,6 +99,13 @@ Bridge::~Bridge() {
         inflow_->close();
     }
     link_.stop();
+    if (!closing_) { // start() has failed
+        try {
+            withdrawState();
+        } catch (const std::exception &failure) {
+            log_.error({"\"mqtt.state\" is not withdrawn: ", failure.what()});
+        }
+    }
 }
 
 // ---- what the link tells, in its thread ----

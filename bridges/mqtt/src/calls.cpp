@@ -44,7 +44,7 @@ char *Calls::onCall(void *self, client_t *, char *url, char *data, int len) {
             site, path, {data ? data : "", static_cast<std::size_t>(data ? len : 0)});
         return mallocText(answer);
     } catch (const std::exception &failure) {
-        site.calls.log_.error(std::string{"a call to "} + url + " fails: " + failure.what());
+        site.calls.log_.error({"a call to ", url, " fails: ", failure.what()});
         return mallocText(kNotImplement);
     }
 }
@@ -53,7 +53,7 @@ std::string Calls::ask(const Site &site, std::string_view path, std::string_view
     Waiting waiting;
     waiting.site = site.site;
     const std::string topic = topics_.call(site.site, path);
-    std::string failure;
+    std::string_view failure;
     if (path.size() < 2 || path[1] == '/') {
         failure = "the address names no node of the site";
     } else if (topic.size() > kLongestTopic) {
@@ -64,47 +64,60 @@ std::string Calls::ask(const Site &site, std::string_view path, std::string_view
     if (failure.empty()) {
         return waiting.answer;
     }
-    log_.warning("the call /" + site.name + std::string{path} + " is not answered: " + failure);
+    log_.warning("the call /" + site.name + std::string{path} +
+                 " is not answered: " + std::string{failure});
     return kNotImplement;
 }
 
 // Why there is no answer.
-std::string Calls::request(Waiting &waiting, const std::string &topic, std::string_view data) {
+std::string_view Calls::request(Waiting &waiting, const std::string &topic, std::string_view data) {
     const std::string correlation = randomCorrelation();
-    {
-        const std::lock_guard lock{mutex_};
-        const auto online = online_.find(waiting.site);
-        if (closing_) {
-            return "the bridge closes";
-        }
-        if (online != online_.end() && !online->second) {
-            return "the site is offline";
-        }
-        waiting_[correlation] = &waiting;
-    }
     const auto seconds = std::chrono::ceil<std::chrono::seconds>(config_.callTimeout);
-    const bool sent = link_.send({topic, std::string{data}, topics_.answers(), correlation,
-                                  static_cast<std::uint32_t>(seconds.count())});
+    Direct message{topic, std::string{data}, topics_.answers(), correlation,
+                   static_cast<std::uint32_t>(seconds.count())};
     std::unique_lock lock{mutex_};
-    if (!sent) {
-        end(waiting, link_.isConnected() ? "too many messages wait for the broker"
-                                         : "there is no connection to the broker");
+    const auto online = online_.find(waiting.site);
+    if (closing_) {
+        return "the bridge closes";
     }
-    std::string failure = await(waiting, lock);
-    waiting_.erase(correlation);
+    if (online != online_.end() && !online->second) {
+        return "the site is offline";
+    }
+    const auto entry = waiting_.emplace(correlation, &waiting).first;
+    lock.unlock();
+    const std::string_view refusal = send(std::move(message));
+    lock.lock();
+    if (!refusal.empty()) {
+        end(waiting, refusal);
+    }
+    const std::string_view failure = await(waiting, lock);
+    waiting_.erase(entry);
     return failure;
 }
 
-std::string Calls::await(Waiting &waiting, std::unique_lock<std::mutex> &lock) {
+// Throws nothing, so that no entry outlives the frame it leads to.
+std::string_view Calls::send(Direct message) noexcept {
+    try {
+        if (link_.send(std::move(message))) {
+            return {};
+        }
+    } catch (const std::exception &) {
+        return "memory is short";
+    }
+    return link_.isConnected() ? "too many messages wait for the broker"
+                               : "there is no connection to the broker";
+}
+
+std::string_view Calls::await(Waiting &waiting, std::unique_lock<std::mutex> &lock) const {
     const bool done =
         waiting.ended.wait_for(lock, config_.callTimeout, [&] { return waiting.done; });
     return done ? waiting.failure : "the site has given none within \"callTimeout\"";
 }
 
-void Calls::end(Waiting &waiting, std::string failure) {
+void Calls::end(Waiting &waiting, std::string_view failure) {
     if (!waiting.done) {
         waiting.done = true;
-        waiting.failure = std::move(failure);
+        waiting.failure = failure;
         waiting.ended.notify_one();
     }
 }

@@ -49,14 +49,15 @@ private:
         std::string site;
         bool done = false;
         std::string answer;
-        std::string failure; // why there is none; empty: there is
+        std::string_view failure; // why there is none, a literal; empty: there is
     };
 
     static char *onCall(void *self, client_t *, char *url, char *data, int len);
     std::string ask(const Site &site, std::string_view path, std::string_view data);
-    std::string request(Waiting &waiting, const std::string &topic, std::string_view data);
-    std::string await(Waiting &waiting, std::unique_lock<std::mutex> &lock);
-    static void end(Waiting &waiting, std::string failure);
+    std::string_view request(Waiting &waiting, const std::string &topic, std::string_view data);
+    std::string_view send(Direct message) noexcept; // why it is not sent; empty: it is
+    std::string_view await(Waiting &waiting, std::unique_lock<std::mutex> &lock) const;
+    static void end(Waiting &waiting, std::string_view failure);
 
     const Config &config_;
     const Topics &topics_;

@@ -80,7 +80,11 @@ int Inflow::onMessage(void *self, client_t *, char *topic, char *data, int len) 
     std::uint32_t mark = 0;
     if (data && inflow.name_ == topic &&
         std::from_chars(data, data + len, mark).ec == std::errc{}) {
-        inflow.awaitOthers();
+        try {
+            inflow.awaitOthers();
+        } catch (const std::exception &failure) {
+            inflow.log_.error({"nodes that are behind are not waited for: ", failure.what()});
+        }
         inflow.returned_ = mark;
         inflow.wake_();
     }

@@ -25,32 +25,42 @@ thread_local const Link *Link::own_ = nullptr;
 
 struct Link::Callbacks {
     static Link &of(void *userdata) { return *static_cast<Link *>(userdata); }
+    // Nothing may be thrown through the library.
+    template <typename Function>
+    static void keep(void *link, Function function) noexcept {
+        try {
+            function(of(link));
+        } catch (...) {
+            of(link).thrown_ = std::current_exception();
+        }
+    }
     static void onConnect(mosquitto *, void *link, int reason, int,
                           const mosquitto_property *list) {
-        of(link).onConnect(reason, list);
+        keep(link, [&](Link &own) { own.onConnect(reason, list); });
     }
     static void onDisconnect(mosquitto *, void *link, int reason, const mosquitto_property *) {
-        of(link).down(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
+        keep(link, [&](Link &own) {
+            own.down(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
+        });
     }
     static void onPublish(mosquitto *, void *link, int mid, int, const mosquitto_property *) {
-        of(link).onPublish(mid);
+        keep(link, [&](Link &own) { own.onPublish(mid); });
     }
     static void onSubscribe(mosquitto *, void *link, int mid, int, const int *granted,
                             const mosquitto_property *) {
-        of(link).onSubscribe(mid, *granted);
+        keep(link, [&](Link &own) { own.onSubscribe(mid, *granted); });
     }
     static void onMessage(mosquitto *, void *link, const mosquitto_message *message,
                           const mosquitto_property *list) {
         try {
             of(link).events_.received(*message, list);
         } catch (const std::exception &failure) {
-            of(link).log_.error(std::string{"a message from the broker is dropped: "} +
-                                failure.what());
+            of(link).log_.error({"a message from the broker is dropped: ", failure.what()});
         }
     }
     static void onLog(mosquitto *, void *link, int level, const char *text) {
         if (level == MOSQ_LOG_ERR || level == MOSQ_LOG_WARNING) {
-            of(link).libraryError_ = text;
+            keep(link, [&](Link &own) { own.libraryError_ = text; });
         }
     }
 };
@@ -95,23 +105,36 @@ void Link::stop() {
 void Link::run() {
     own_ = this;
     std::unique_lock lock{mutex_};
-    try {
-        while (!stopping_) {
-            turn(lock);
+    for (bool ends = false; !ends;) {
+        ends = stopping_;
+        try {
+            ends ? sayFarewell(lock) : turn(lock);
+        } catch (const std::exception &failure) {
+            giveUp(failure.what());
         }
-        sayFarewell(lock);
-    } catch (const std::exception &failure) {
-        log_.error(std::string{"the thread that talks to the broker ends: "} + failure.what());
     }
     connected_ = false;
 }
 
+// What is thrown, where memory or a thread is not to be had, costs the connection; the next one is
+// tried after a pause, as ever.
+void Link::giveUp(const char *why) {
+    log_.error({"the connection to the broker is given up: ", why});
+    try {
+        down(why);
+    } catch (const std::exception &failure) {
+        log_.error({"the bus is not told of it: ", failure.what()});
+    }
+}
+
 // Waits for the broker, for senders, or for the time of what comes next, and does it.
-void Link::turn(std::unique_lock<std::mutex> &lock) {
+void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
+    using std::chrono::milliseconds;
     advance();
     flush();
     pollfd files[2] = {{wake_.descriptor(), POLLIN, 0}, {-1, 0, 0}};
-    auto timeout = patience();
+    auto timeout = std::clamp(std::chrono::ceil<milliseconds>(until - Clock::now()),
+                              milliseconds{0}, patience());
     if (state_ == State::kConnecting || state_ == State::kUp) {
         const auto pause = events_.pause();
         files[1].fd = mosquitto_socket(session_->get());
@@ -177,6 +200,8 @@ void Link::connect() {
     open_ = false;
     libraryError_.clear();
     refusal_.clear();
+    thrown_ = nullptr;
+    underWay_.connectionLost(); // again, where memory was short then
     try {
         makeSession(); // files may have changed since the last one
     } catch (const OpenError &refused) {
@@ -206,20 +231,22 @@ void Link::work(bool readable) {
     }
 }
 
-// The result of a step of the library, which does not call back for every failure.
+// The result of a step of the library, which does not call back for every failure, and what a
+// callback has thrown.
 void Link::end(int result) {
+    if (thrown_) {
+        std::rethrow_exception(std::exchange(thrown_, nullptr));
+    }
     if (result != MOSQ_ERR_SUCCESS && state_ != State::kDown) {
         down(errorText(result));
     }
 }
 
-void Link::down(const std::string &failure) {
+// What needs memory comes last.
+void Link::down(std::string_view failure) {
     if (state_ == State::kDown) {
         return;
     }
-    const std::string why = !refusal_.empty()        ? refusal_
-                            : !libraryError_.empty() ? failure + " " + libraryError_
-                                                     : failure;
     enter(State::kDown);
     retry_ = std::clamp(retry_ * 2, kFirstPause, kLongestPause);
     connected_ = false;
@@ -232,7 +259,10 @@ void Link::down(const std::string &failure) {
     underWay_.connectionLost();
     underWayCount_ = underWay_.unfinished();
     if (!stopping_) {
-        events_.disconnected(why);
+        const std::string text{failure};
+        events_.disconnected(!refusal_.empty()        ? refusal_
+                             : !libraryError_.empty() ? text + " " + libraryError_
+                                                      : text);
     }
 }
 
@@ -261,10 +291,13 @@ void Link::greet() {
             subscriptions_.emplace_back(mid, topic);
         }
     };
+    // The broker may know the subscriptions of a bridge before this one, whose bus had what is
+    // retained; this one's bus has not.
+    const int retained =
+        subscribed_ ? MQTT_SUB_OPT_SEND_RETAIN_NEW : MQTT_SUB_OPT_SEND_RETAIN_ALWAYS;
     for (const std::string &topic : config_.in) {
         subscribe(topics_.publication(topic), config_.qos,
-                  MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED |
-                      MQTT_SUB_OPT_SEND_RETAIN_NEW);
+                  MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED | retained);
     }
     for (const Config::Call &call : config_.call) {
         subscribe(topics_.presence(call.site), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
@@ -291,25 +324,24 @@ void Link::onSubscribe(int mid, int reason) {
         return;
     }
     if (reason >= 128) {
-        log_.error("the broker refuses the subscription to " + found->second + ": " +
-                   mosquitto_reason_string(reason));
+        log_.error({"the broker refuses the subscription to ", found->second, ": ",
+                    mosquitto_reason_string(reason)});
     }
     subscriptions_.erase(found);
+    subscribed_ = subscribed_ || subscriptions_.empty();
 }
 
 void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
     const auto end = Clock::now() + kFarewell;
+    const auto last = end + kFarewell / 3;
     const auto unsent = [&] { return buffer_.fill().messages + underWay_.unfinished(); };
     while (connected_ && unsent() > 0 && Clock::now() < end) {
-        turn(lock);
+        turn(lock, end);
     }
-    if (connected_) {
-        mosquitto *const handle = session_->get();
-        mosquitto_publish_v5(handle, nullptr, topics_.presence(config_.site).c_str(), 7, "offline",
-                             1, true, nullptr);
-        mosquitto_disconnect_v5(handle, 0, nullptr);
-        while (state_ != State::kDown && Clock::now() < end + kFarewell / 3) {
-            turn(lock);
+    if (connected_) { // a publication of "offline" would wait behind those under way
+        mosquitto_disconnect_v5(session_->get(), MQTT_RC_DISCONNECT_WITH_WILL_MSG, nullptr);
+        while (state_ != State::kDown && Clock::now() < last) {
+            turn(lock, last);
         }
     }
     if (const std::size_t lost = unsent(); lost > 0) {

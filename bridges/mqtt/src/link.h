@@ -19,9 +19,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -84,7 +86,8 @@ private:
     enum class State { kDown, kLooking, kConnecting, kUp };
 
     void run();
-    void turn(std::unique_lock<std::mutex> &lock);
+    void turn(std::unique_lock<std::mutex> &lock,
+              Clock::time_point until = Clock::time_point::max());
     void sayFarewell(std::unique_lock<std::mutex> &lock);
     std::chrono::milliseconds patience() const;
     void advance();
@@ -93,7 +96,8 @@ private:
     void connect();
     void work(bool readable);
     void end(int result);
-    void down(const std::string &failure);
+    void down(std::string_view failure);
+    void giveUp(const char *why);
     void greet();
     void flush();
     void flushDirect();
@@ -130,6 +134,7 @@ private:
     State state_ = State::kDown;
     bool open_ = false;                  // the socket has been ready since it was made
     std::string libraryError_, refusal_; // of this connection
+    std::exception_ptr thrown_;          // by a callback of it
     std::chrono::milliseconds retry_{0};
     Clock::time_point since_{};  // of the state
     Clock::time_point second_{}; // when it was last looked after what comes now and then
@@ -139,7 +144,8 @@ private:
     std::size_t window_ = 0;
     int qos_ = 0;
     std::vector<std::pair<int, std::string>> subscriptions_; // that have not been answered
-    std::uint64_t told_ = 0;                                 // drops
+    bool subscribed_ = false; // all of a connection have been, since the start
+    std::uint64_t told_ = 0;  // drops
 };
 
 } // namespace zelvo_mqtt

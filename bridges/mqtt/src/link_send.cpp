@@ -64,7 +64,7 @@ void Link::kick() {
     const std::unique_lock lock{mutex_, std::try_to_lock};
     if (lock.owns_lock()) {
         flush();
-        if (!mosquitto_want_write(session_->get())) {
+        if (!connected_ || !mosquitto_want_write(session_->get())) { // there may be no session
             return;
         }
     }

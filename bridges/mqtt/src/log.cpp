@@ -12,18 +12,19 @@ namespace {
 
 constexpr std::size_t kLongest = 600;
 
-std::string printable(std::string_view text) {
-    std::string line{text.substr(0, kLongest)};
-    for (char &c : line) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-            c = '?';
+std::array<char, kLongest + 1> printable(Log::Parts parts) {
+    std::array<char, kLongest + 1> line{};
+    std::size_t length = 0;
+    for (const std::string_view part : parts) {
+        for (const char c : part.substr(0, kLongest - length)) {
+            line[length++] = static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
         }
     }
     return line;
 }
 
 // In UTC+8, as in the bus's log, so that the two can be read side by side.
-std::string timeStamp() {
+std::array<char, 40> timeStamp() {
     const auto now = std::chrono::system_clock::now();
     const auto since = now.time_since_epoch();
     const auto milliseconds =
@@ -35,7 +36,7 @@ std::string timeStamp() {
     const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
     std::snprintf(text.data() + length, text.size() - length, ".%03d",
                   static_cast<int>(milliseconds));
-    return text.data();
+    return text;
 }
 
 } // namespace
@@ -58,13 +59,13 @@ bool Log::open(const std::string &path, Level least) {
     return true;
 }
 
-void Log::write(Level level, std::string_view text, Place place) {
+void Log::write(Level level, Parts parts, Place place) noexcept {
     if (level < least_) {
         return;
     }
     const std::lock_guard lock{mutex_};
     if (admits()) {
-        print(level, text, place);
+        print(level, parts, place);
     }
 }
 
@@ -86,17 +87,17 @@ bool Log::admits() {
 
 void Log::tellLeftOut() {
     if (leftOut_ > 0) {
-        print(Level::kWarning, std::to_string(leftOut_) + " further lines were left out",
+        print(Level::kWarning, {std::to_string(leftOut_), " further lines were left out"},
               Place::here());
         leftOut_ = 0;
     }
 }
 
-void Log::print(Level level, std::string_view text, Place place) {
+void Log::print(Level level, Parts parts, Place place) {
     std::FILE *const out = file_ ? file_.get() : stderr;
     std::fprintf(out, "[%05d:%05d]%s [%c] %s#%4d#  zelvo-mqtt %s %s\n", static_cast<int>(getpid()),
-                 static_cast<int>(gettid()), timeStamp().c_str(), "-VDIWE"[static_cast<int>(level)],
-                 place.file, place.line, name_.c_str(), printable(text).c_str());
+                 static_cast<int>(gettid()), timeStamp().data(), "-VDIWE"[static_cast<int>(level)],
+                 place.file, place.line, name_.c_str(), printable(parts).data());
     std::fflush(out);
 }
 

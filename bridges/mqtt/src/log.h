@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -24,10 +25,12 @@ struct Place {
 };
 
 // Threads: any may write. Blocking: only as far as the file does; to be used without other locks
-// where that matters. Control characters in a text become "?": much of it comes from outside.
+// where that matters. Control characters in a text become "?": much of it comes from outside. What
+// writes asks for no memory and throws nothing, so that a line can tell of there being none.
 class Log {
 public:
     static constexpr int kLinesASecond = 100;
+    using Parts = std::initializer_list<std::string_view>; // of one text
 
     Log() = default;
     Log(const Log &) = delete;
@@ -40,15 +43,15 @@ public:
     // Stands behind the tag of every line: the site.
     void setName(std::string name) { name_ = std::move(name); }
 
-    void write(Level level, std::string_view text, Place place = Place::here());
-    void info(std::string_view text, Place place = Place::here()) {
-        write(Level::kInfo, text, place);
+    void write(Level level, Parts parts, Place place) noexcept;
+    void info(std::string_view text, Place place = Place::here()) noexcept {
+        write(Level::kInfo, {text}, place);
     }
-    void warning(std::string_view text, Place place = Place::here()) {
-        write(Level::kWarning, text, place);
+    void warning(std::string_view text, Place place = Place::here()) noexcept {
+        write(Level::kWarning, {text}, place);
     }
-    void error(std::string_view text, Place place = Place::here()) {
-        write(Level::kError, text, place);
+    void error(Parts parts, Place place = Place::here()) noexcept {
+        write(Level::kError, parts, place);
     }
 
 private:
@@ -57,7 +60,7 @@ private:
     };
     bool admits();
     void tellLeftOut();
-    void print(Level level, std::string_view text, Place place);
+    void print(Level level, Parts parts, Place place);
 
     Level least_ = Level::kInfo;
     std::string name_ = "-";

@@ -38,7 +38,7 @@ extern "C" ZELVO_MQTT_API zelvo_mqtt_t *zelvo_mqtt_open(Zelvo_t *bus, const char
         zelvo_mqtt::open(*made, bus, json);
         return made.release();
     } catch (const std::exception &failure) {
-        made->log.error(std::string{"the bridge is not opened: "} + failure.what());
+        made->log.error({"the bridge is not opened: ", failure.what()});
     }
     return nullptr;
 }
@@ -53,7 +53,7 @@ extern "C" ZELVO_MQTT_API int zelvo_mqtt_close(zelvo_mqtt_t *bridge) noexcept {
             return -1;
         }
     } catch (const std::exception &failure) {
-        bridge->log.error(std::string{"closing: "} + failure.what());
+        bridge->log.error({"closing: ", failure.what()});
     }
     delete bridge;
     return 0;

@@ -52,6 +52,14 @@ void Node::start() {
     });
 }
 
+// busClientSubscribe would not say that it was lost.
+void Node::subscribe(const std::string &topics) {
+    if (!busClientCall(client_.get(), "/bus/subscribe", topics.data(),
+                       static_cast<int>(topics.size()))) {
+        throw OpenError{"the bus takes no subscription: its log says why"};
+    }
+}
+
 void Node::askToLeave() {
     if (thread_.joinable()) {
         busClientSpinExit(client_.get());

@@ -45,7 +45,7 @@ public:
     // Asks until the thread has ended; false: it has not at that time.
     bool leave(Clock::time_point until);
 
-    void subscribe(const std::string &topics) { busClientSubscribe(client_.get(), topics.c_str()); }
+    void subscribe(const std::string &topics); // a JSON array; blocks; throws OpenError
     client_t *get() const { return client_.get(); }
 
 private:

@@ -39,8 +39,7 @@ int Outflow::onMessage(void *self, client_t *, char *topic, char *data, int len)
                      data ? std::string{data, static_cast<std::size_t>(len)} : std::string{});
     } catch (const std::exception &failure) {
         outflow.buffer_.countDrop();
-        outflow.log_.error(std::string{"a publication of "} + topic +
-                           " is lost: " + failure.what());
+        outflow.log_.error({"a publication of ", topic, " is lost: ", failure.what()});
     }
     return 0;
 }
@@ -73,7 +72,7 @@ char *Outflow::onCall(void *self, client_t *, char *url, char *, int) {
             return mallocText(outflow.state_());
         }
     } catch (const std::exception &failure) {
-        outflow.log_.error(std::string{"the call "} + url + " fails: " + failure.what());
+        outflow.log_.error({"the call ", url, " fails: ", failure.what()});
     }
     return nullptr;
 }

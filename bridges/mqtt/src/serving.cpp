@@ -84,12 +84,13 @@ bool Serving::append(Caller &caller, Request request) {
 int Serving::onTimer(void *self, client_t *, int) {
     Caller &caller = *static_cast<Caller *>(self);
     Serving &serving = caller.serving;
-    try {
-        while (const std::optional<Request> request = next(caller)) {
+    while (const std::optional<Request> request = next(caller)) {
+        try {
             serving.call(caller, *request);
+        } catch (const std::exception &failure) {
+            serving.log_.error(
+                {"the call ", request->url, " from outside fails: ", failure.what()});
         }
-    } catch (const std::exception &failure) {
-        serving.log_.error("calls to " + caller.callee + " fail: " + failure.what());
     }
     return 0;
 }

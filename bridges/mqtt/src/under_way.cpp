@@ -35,19 +35,16 @@ bool UnderWay::done(int mid, bool kept) {
 
 void UnderWay::connectionLost() {
     const auto oldest = std::chrono::steady_clock::now() - kLongestKept;
-    std::deque<Publication> again;
-    for (Kept &each : kept_) {
-        if (each.when >= oldest) {
-            again.push_back(std::move(each.publication));
+    while (!sent_.empty()) {
+        again_.push_front(std::move(sent_.back().publication));
+        sent_.pop_back();
+    }
+    while (!kept_.empty()) {
+        if (kept_.back().when >= oldest) {
+            again_.push_front(std::move(kept_.back().publication));
         }
+        kept_.pop_back();
     }
-    for (Sent &each : sent_) {
-        again.push_back(std::move(each.publication));
-    }
-    std::move(again_.begin(), again_.end(), std::back_inserter(again));
-    again_ = std::move(again);
-    kept_.clear();
-    sent_.clear();
 }
 
 } // namespace zelvo_mqtt

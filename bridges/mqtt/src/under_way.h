@@ -25,7 +25,7 @@ public:
 
     // False: it is none of these. kept: it has been acknowledged, and may be needed again.
     bool done(int mid, bool kept);
-    void connectionLost();
+    void connectionLost(); // where memory is short for it: to be called again
 
     std::size_t size() const { return sent_.size(); } // without acknowledgement
     std::size_t unfinished() const { return sent_.size() + again_.size(); }

@@ -2,11 +2,14 @@
 #include "bridged.h"
 #include "broker.h"
 #include "json.h"
+#include "link.h"
 
 #include <gtest/gtest.h>
 #include <mqtt_protocol.h>
 
+#include <atomic>
 #include <future>
+#include <new>
 
 namespace {
 
@@ -53,6 +56,11 @@ TEST_F(Bridges, a_retained_publication_is_sticky_until_it_is_emptied) {
     publish(from, "once", "1");
     Peer peer{broker, "zelvo/topic/#"};
     EXPECT_EQ(peer.next("zelvo/topic/kept"), "1");
+    { // whose session the broker keeps
+        Bridged before{broker.url(), "to", R"("in":["kept","once"])"};
+        hear(before, {"kept"});
+        EXPECT_TRUE(before.listener.hears("kept=1"));
+    }
     Bridged to{broker.url(), "to", R"("in":["kept","once"])"};
     hear(to, {"once"});
     const auto late = [&](const char *name) {
@@ -205,6 +213,32 @@ TEST_F(Bridges, publications_wait_for_a_broker_that_is_away) {
     EXPECT_TRUE(to.listener.hears("t=30") && to.listener.hears("t=21"));
     EXPECT_FALSE(to.listener.hears("t=20", std::chrono::milliseconds{0}));
     EXPECT_TRUE(eventually([&] { return says(from.state(), R"("connected":true)"); }));
+}
+
+TEST_F(Bridges, what_is_thrown_costs_a_connection_and_not_the_link) {
+    struct Events final : zelvo_mqtt::LinkEvents {
+        std::atomic<int> connections{0};
+        void connected() override {
+            if (++connections == 1) {
+                throw std::bad_alloc{};
+            }
+        }
+        void disconnected(const std::string &) override { throw std::bad_alloc{}; }
+        void received(const mosquitto_message &, const mosquitto_property *) override {}
+        std::chrono::milliseconds pause() override { return std::chrono::milliseconds{0}; }
+    } events;
+    const zelvo_mqtt::Config config =
+        zelvo_mqtt::readConfig((R"({"site":"s","url":")" + broker.url() + "\"}").c_str());
+    const zelvo_mqtt::Topics topics{config.prefix, config.site};
+    zelvo_mqtt::Buffer buffer{10, 1000};
+    zelvo_mqtt::Log log;
+    ASSERT_TRUE(log.open("/dev/null", zelvo_mqtt::Level::kError));
+    zelvo_mqtt::Link link{config, topics, buffer, log, events};
+    link.start();
+    EXPECT_TRUE(eventually([&] { return events.connections == 2; }));
+    broker.kill(SIGTERM); // it says so, and the library calls back
+    broker.start();
+    EXPECT_TRUE(eventually([&] { return events.connections == 3; }));
 }
 
 TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {

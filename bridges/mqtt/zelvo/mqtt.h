@@ -40,8 +40,8 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  * twice there or wrong is refused by name. All but "url" and "site" may be left out:
  *   "url"       "mqtt://HOST[:PORT]" or "mqtts://HOST[:PORT]" (1883, 8883); an IPv6 address in []
  *   "ca", "cert", "key"   files in PEM, for mqtts alone: whom to trust (without "ca" those whom the
- *               system trusts), and the own certificate with its key, both or neither. The
- *               broker's certificate has to name HOST.
+ *               system trusts), and the own certificate with its key, both or neither, and only
+ *               beside "ca". The broker's certificate has to name HOST.
  *   "user"      and "password", a text or {"file": "PATH"}, read once, without a last line feed
  *   "site"      this process's name on the broker: 1 to 32 bytes of UTF-8, without "/" and
  *               control characters, no prefix of "bus" or "localKeys". Each site has one bridge at
@@ -52,7 +52,8 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  *               publication; one without data takes the kept one away. Sticky publications that
  *               are there already go out at once.
  *   "in"        [TOPIC, ...]: publications that come in. A retained one becomes a sticky
- *               publication. A retained one without data is published, and the sticky one removed.
+ *               publication; what was retained before comes in when the bridge first reaches the
+ *               broker. A retained one without data is published, and the sticky one removed.
  *   "call"      [SITE or {"site": SITE, "node": NAME}, ...]: sites that can be called. Each entry
  *               makes a node of the site's name (or of NAME) on the bus; "/plant2/pump/state" asks
  *               the site plant2 for its "/pump/state", data and answer unchanged (the answer up to
@@ -60,20 +61,26 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  *               where the site is offline, does not serve that node, or gives no answer in time.
  *               A call is made once or not at all, and is not kept while the broker is away.
  *               A node answers one call after the other, so callers of one node wait for each
- * other's answers, at most "callTimeout" for each. Callers that are not to wait use further names
- * of the site ({"site": "plant2", "node": "plant2.console"}), which are independent. "serve" [NODE,
- * ...]: nodes that other sites may call; no others, and "bus" and "localKeys" only where they are
- * named. Each has its own thread to call it, so that a slow one holds up nobody but its own
- * callers, and 1,000 calls may wait for it. How long such a call waits is up to the bus: give
- * busClientNew a "callTimeout". "qos"       of publications: 0, 1 (the default) or 2. Calls have 0.
+ *               other's answers, at most "callTimeout" for each. Callers that are not to wait use
+ *               further names of the site ({"site": "plant2", "node": "plant2.console"}), which
+ *               are independent. NAME has 1 to 71 bytes, no "/", and is no prefix of "bus" or
+ *               "localKeys".
+ *   "serve"     [NODE, ...]: nodes that other sites may call; no others, and "bus" and "localKeys"
+ *               only where they are named; any other name as NAME above. Each has its own thread
+ *               to call it, so that a slow one holds up nobody but its own callers, and 1,000
+ *               calls may wait for it. How long such a call waits is up to the bus: give
+ *               busClientNew a "callTimeout".
+ *   "qos"       of publications: 0 or 1 (the default). Calls have 0.
  *   "callTimeout"   milliseconds that a call waits for its answer (5000; 1 to 3,600,000)
  *   "buffer"    {"messages": 10000, "bytes": 16777216}: publications that are kept while the broker
  *               is away or slow, beyond the at most 64 under way. The oldest are dropped first. A
- * single one that is larger is dropped itself. "sessionExpiry"   seconds for which the broker is to
- * keep what comes in while the bridge is away (3600; 0: not at all) "log"       file that the lines
- * are appended to (standard error) "logLevel"  least level that is logged, 1 to 5 as for
- * busClientNew (3) A topic in "out" and in "in" is refused: it would come back. A publication that
- * has passed 8 bridges is dropped: sites that pass a topic on stand in a ring.
+ *               single one that is larger is dropped itself.
+ *   "sessionExpiry"   seconds for which the broker is to keep what comes in while the bridge is
+ *               away (3600; 0: not at all)
+ *   "log"       file that the lines are appended to (standard error)
+ *   "logLevel"  least level that is logged, 1 to 5 as for busClientNew (3)
+ * A topic in "out" and in "in" is refused: it would come back. A publication that has passed 8
+ * bridges is dropped: sites that pass a topic on stand in a ring.
  *
  * The sticky topic "mqtt.state" tells on the bus whether there is a connection:
  *   {"bridge": "mqtt.SITE", "connected": false, "why": "Connection refused"}
@@ -84,7 +91,8 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  * Blocks as busClientConnect does, not for the broker: where none answers, the bridge opens and
  * goes on trying, with growing pauses of 0.1 to 10 seconds. Null: refused, the reason is in the
  * log, and nothing is left behind: no bus, a wrong text, a file that can't be read, a name that is
- * taken on the bus, a queue of the bus that is full, memory short. Any thread may call it. */
+ * taken on the bus, a queue of the bus that is full, memory short, no thread to be had. Any thread
+ * may call it. */
 ZELVO_MQTT_API zelvo_mqtt_t *zelvo_mqtt_open(Zelvo_t *bus, const char *json) ZELVO_NOEXCEPT;
 
 /* Closes a bridge: takes no more publications, gives those in the buffer 0.3 seconds to go out
