@@ -62,7 +62,7 @@ class Messages:
         if number in self._rows:
             return self._rows[number]
         row = number - self.first
-        limit = min(self._rows.values()) if self._rows else len(self.columns[0])
+        limit = next(iter(self._rows.values()), len(self.columns[0]))  # rows grow in order
         return row if row < limit else -1
 
     def write(self, file):
