@@ -217,10 +217,12 @@ class Matcher:
         lost, anew = notice(record)
         self.anew += anew
         self.lost_lines += lost
-        ms = self.last_ms or record.ms
+        if self.first_ms is None:
+            self.first_ms = self.last_ms = record.ms
+            self.now = record.ms * 1000
         if lost:
-            self.out.append(Message(self.line, self.now, ms, b'', b'', 'lost', None, None, None,
-                                     note='the log has lost {} lines here'.format(lost)))
+            self.out.append(Message(self.line, self.now, self.last_ms, b'', b'', 'lost', None, None,
+                                    None, note='the log has lost {} lines here'.format(lost)))
         for process in self.processes.values():  # nothing is certain to be in step any more
             for node in process.nodes.values():
                 if lost:
