@@ -78,6 +78,12 @@ class Live(unittest.TestCase):
             time.sleep(0.1)
             file.write(line('emptied'))
             self.assertIn('emptied', follower.next()[1])
+            file.write(b'half of a line')
+            anew = Log()
+            anew.ms = 1
+            anew.trace(1, 'a', '==>', 'publish', 't', payload='outgrown' * 24)
+            os.pwrite(file.fileno(), anew.bytes(), 0)  # between two looks
+            self.assertIn('outgrown', follower.next()[1])
         self.assertEqual(follower.end(signal.SIGINT), 0)
 
     def test_a_reader_that_goes_away_is_no_error(self):

@@ -138,6 +138,12 @@ class Reader:
         if final and not self.count and self._first is not None:
             raise NotALog(*self._first)
 
+    def begin_anew(self):
+        """Yields what has waited for more: what comes next is the beginning of another file."""
+        if self._second[0]:
+            yield from self.feed(b'', True)
+        self._buf, self._in_strange = b'', False
+
     # ---- records ----
 
     def _record(self, buf, pos, m, final):
