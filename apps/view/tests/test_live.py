@@ -104,6 +104,8 @@ class Live(unittest.TestCase):
                 for count in range(500):
                     payload = '{} {}'.format(number, count)
                     log.publish(1, 'a', 't', payload).deliver(2, 's', 't', payload)
+                    log.publish(1, 'a', 'beat').deliver(3, payload, 'beat')
+                    log.line(9, 'Vek-server {} disjoin'.format(payload), 'server/loop')
                     log.trace(1, 'a', '==>', 'request', url='/s/' + payload)
                     log.line(1, 'Vek-client a call timeout, url: /s/x', 'client/call', 'W')
                 process.stdin.write(log.bytes())
