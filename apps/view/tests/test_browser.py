@@ -90,6 +90,15 @@ class Report(unittest.TestCase):
         self.assertIn('deliver', self.browser.run(
             'return document.querySelector("#detail h2").textContent'))
 
+    def test_what_the_filter_hides_is_led_to_as_well(self):
+        self.show('messages')
+        self.browser.run(_SET, 'text', 'shelf -> desk -> lamp')  # the ring, without its call
+        self.browser.run('document.querySelector(".row").click()')
+        self.browser.run('document.querySelector("#related button").click()')
+        self.browser.run('return new Promise((done) => setTimeout(done, 1))')
+        self.assertEqual(self.browser.run(
+            'return document.querySelector(".row.chosen .arrow").textContent'), '\u21d2')
+
     def test_faults_are_marked(self):
         self.show('messages')
         self.browser.run(_SET, 'faults', True)

@@ -138,6 +138,9 @@ class Reading(unittest.TestCase):
         self.assertEqual([(m['kind'], m['bytes']) for m in found],
                          [('publish', None), ('lost', None), ('publish', 1)])
         self.assertIn('has lost: 17', view(data=log.bytes()))
+        data = b'\nlog lines lost: 3\n\n' + log.bytes()  # a time is only behind it
+        found = messages('--from', '16:00', '--to', '+1', data=data)
+        self.assertEqual((found[0]['kind'], found[0]['time']), ('lost', found[1]['time']))
 
     def test_other_inputs_are_refused_with_the_place_and_the_reason(self):
         other = os.path.join(support.folder, 'other.log')

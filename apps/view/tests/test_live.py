@@ -78,6 +78,12 @@ class Live(unittest.TestCase):
             time.sleep(0.1)
             file.write(line('emptied'))
             self.assertIn('emptied', follower.next()[1])
+            file.write(b'half of a line')
+            anew = Log()
+            anew.ms = 1
+            anew.trace(1, 'a', '==>', 'publish', 't', payload='outgrown' * 24)
+            os.pwrite(file.fileno(), anew.bytes(), 0)  # between two looks
+            self.assertIn('outgrown', follower.next()[1])
         self.assertEqual(follower.end(signal.SIGINT), 0)
 
     def test_a_reader_that_goes_away_is_no_error(self):
@@ -98,6 +104,8 @@ class Live(unittest.TestCase):
                 for count in range(500):
                     payload = '{} {}'.format(number, count)
                     log.publish(1, 'a', 't', payload).deliver(2, 's', 't', payload)
+                    log.publish(1, 'a', 'beat').deliver(3, payload, 'beat')
+                    log.line(9, 'Vek-server {} disjoin'.format(payload), 'server/loop')
                     log.trace(1, 'a', '==>', 'request', url='/s/' + payload)
                     log.line(1, 'Vek-client a call timeout, url: /s/x', 'client/call', 'W')
                 process.stdin.write(log.bytes())

@@ -11,7 +11,7 @@ import sys
 from . import lines, manual
 from .matcher import Matcher
 from .sources import InputError, Inputs
-from .stats import Filter, Stats, spans
+from .stats import Filter, Stats, by_name
 from .summary import Summary
 
 FOUND, NOTHING, WRONG = 0, 1, 2
@@ -131,7 +131,7 @@ def _summarise(view, arguments):
     stats = Stats()
     for message in view.messages():
         stats.add(message)
-    summary = Summary(view.matcher, stats, view.inputs, spans(view.matcher),
+    summary = Summary(view.matcher, stats, view.inputs, by_name(view.matcher),
                       lines.wants_colour(sys.stdout), None if arguments.all else 20)
     if stats.messages:
         for line in summary.text():

@@ -18,7 +18,8 @@ prints a summary that begins with what went wrong.'''
 OPTIONS = (
     ('--messages', 'One line for each message: time, from, arrow, to, topic or address, payload.'),
     ('--follow', 'The same as it happens: what the log holds, then what is added, also when the log '
-     'is removed and begun anew. Ends with standard input, or with Ctrl-C.'),
+     'is emptied, or removed, and begun anew. Ends with Ctrl-C, or with standard input, which it '
+     'reads only by itself.'),
     ('--json', 'The messages as JSON, one object a line; also with --follow.'),
     ('--mermaid', 'A sequence diagram in the language of Mermaid.'),
     ('--dot', 'Who talks to whom, as a graph for Graphviz.'),

@@ -14,6 +14,8 @@ from .patterns import PATTERNS
 from .publications import SKEW, Publications
 from .records import notice
 
+MANY_PROCESSES = 16  # of others that have gone silent only the nodes are remembered
+SILENT = 10000000  # microseconds without a line
 MANY_NODES = 16384  # of those that have left, the first are forgotten
 WAITING = 4096  # messages that wait for what may still change them
 
@@ -49,6 +51,13 @@ class Process(Publications, Calls):
             table.clear()
         self.walk, self.current = None, (None, b'', b'')
 
+    def forget(self):
+        """Keeps what the summary tells, and the calls that wait."""
+        self.end()
+        for node in self.nodes.values():
+            node.forget()
+        self.threads = {tid: t for tid, t in self.threads.items() if t.call is not None}
+
     def node(self, name):
         found = self.nodes.get(name)
         if found is None:
@@ -59,8 +68,7 @@ class Process(Publications, Calls):
     def left(self, name):
         self.node(name).leave(self.ms)
         if len(self.nodes) > MANY_NODES:
-            gone = next((n for n, node in self.nodes.items()
-                         if node.spans and node.spans[-1][1]), name)
+            gone = next((n for n, node in self.nodes.items() if node.left), name)
             del self.nodes[gone]
 
     def thread(self, tid):
@@ -138,6 +146,7 @@ class Matcher:
 
     def __init__(self):
         self.processes = {}
+        self._latest = []  # of them, those that have not been made to forget
         self.line = 0
         self.now = 0  # microseconds: the millisecond, and the order of its lines
         self.lost_lines = 0
@@ -186,9 +195,22 @@ class Matcher:
         self.levels.add(record.level)
         process = self.processes.get(record.pid)
         if process is None:
-            process = self.processes[record.pid] = Process(record.pid, self.out.append, self.text)
+            process = self._begin(record.pid)
         self.now = self.now + 1 if ms * 1000 <= self.now < ms * 1000 + 999 else ms * 1000
         process.take(record, self.line, self.now)
+
+    def _begin(self, pid):
+        """A process that was not there so far."""
+        latest = self._latest
+        while len(latest) >= MANY_PROCESSES:
+            oldest = min(latest, key=lambda process: process.now)
+            if oldest.now > self.now - SILENT:
+                break
+            oldest.forget()
+            latest.remove(oldest)
+        made = self.processes[pid] = Process(pid, self.out.append, self.text)
+        latest.append(made)
+        return made
 
     def ready(self, now=None):
         """Yields the messages that nothing to come can change; now None: all."""
@@ -217,10 +239,12 @@ class Matcher:
         lost, anew = notice(record)
         self.anew += anew
         self.lost_lines += lost
-        ms = self.last_ms or record.ms
+        if self.first_ms is None:
+            self.first_ms = self.last_ms = record.ms
+            self.now = record.ms * 1000
         if lost:
-            self.out.append(Message(self.line, self.now, ms, b'', b'', 'lost', None, None, None,
-                                     note='the log has lost {} lines here'.format(lost)))
+            self.out.append(Message(self.line, self.now, self.last_ms, b'', b'', 'lost', None, None,
+                                    None, note='the log has lost {} lines here'.format(lost)))
         for process in self.processes.values():  # nothing is certain to be in step any more
             for node in process.nodes.values():
                 if lost:

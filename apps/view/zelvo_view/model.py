@@ -95,7 +95,10 @@ class Node:
         self.name = name
         self.first = self.last = ms
         self.alive = False  # whether it has written a line itself
-        self.spans = []  # [joined or None, left or None]
+        self.joins = 0  # how often it was on the bus
+        self.joined = None  # for the first time; None: before the log begins
+        self.since = None  # when it has joined for the latest time
+        self.left = None  # when it has left then; None: it is on the bus
         self.joined_line = None
         self.topics = {}  # topic: (record of the request, record of the answer to leave it or None)
         self.replay = {}  # topic: the sticky publication that it is to receive first
@@ -107,19 +110,25 @@ class Node:
         self.killed = 0
 
     def join(self, ms, line):
-        if not self.spans or self.spans[-1][1] is not None:
-            self.spans.append([ms, None])
-        if self.joined_line is None or self.spans[-1][0] == ms:
+        if not self.joins or self.left is not None:
+            self.joins += 1
+            self.since, self.left = ms, None
+            if self.joined is None:
+                self.joined = ms
+        if self.joined_line is None or self.since == ms:
+            self.forget()
             self.joined_line = line
-            self.topics, self.replay, self.lost, self.received = {}, {}, {}, {}
-            self.inbox.clear()
-            self.posts.clear()
 
     def leave(self, ms):
-        if not self.spans:
-            self.spans.append([None, None])
-        if self.spans[-1][1] is None:
-            self.spans[-1][1] = ms
+        self.joins = max(self.joins, 1)
+        if self.left is None:
+            self.left = ms
+
+    def forget(self):
+        self.joined_line = None
+        self.topics, self.replay, self.lost, self.received = {}, {}, {}, {}
+        self.inbox.clear()
+        self.posts.clear()
 
 
 class Thread:

@@ -30,7 +30,7 @@ def _connect_begins(process, record, thread, m):
 def _connected(process, record, thread, m):
     thread.connecting = None
     node = process.node(m[1])
-    if not node.spans:  # the line of the bus comes first, where the log has both
+    if not node.joins:  # the line of the bus comes first, where the log has both
         node.join(record.ms, process.line)
 
 

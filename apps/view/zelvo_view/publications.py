@@ -61,6 +61,8 @@ class Publications:
         alike.base += 1
         if not alike.items:
             del self.alike[key]
+        elif alike.base % 1024 == 0:  # what a node has left behind says nothing any more
+            alike.next_of = {node: i for node, i in alike.next_of.items() if i > alike.base}
 
     def _keep_sticky(self, topic, made):
         self.stickies.pop(topic, None)

@@ -106,6 +106,7 @@ class Reader:
         self._in_strange = False
         self._second = (b'', 0)
         self._last = b''
+        self._held = []  # notices before the first record, whose time they get
         self._lengths = deque(maxlen=64)  # of the latest answers
 
     def feed(self, data, final=False):
@@ -128,10 +129,20 @@ class Reader:
                 pos = end
                 self.count += 1
             if record is not None:
+                if self._held:
+                    yield from self._dated(record.ms)
                 yield record
         self._buf = buf[pos:]
+        if final:
+            yield from self._dated(0)
         if final and not self.count and self._first is not None:
             raise NotALog(*self._first)
+
+    def begin_anew(self):
+        """Yields what has waited for more: what comes next is the beginning of another file."""
+        if self._second[0]:
+            yield from self.feed(b'', True)
+        self._buf, self._in_strange = b'', False
 
     # ---- records ----
 
@@ -319,8 +330,17 @@ class Reader:
         if _LOST.match(line) or _BEGUN_ANEW.match(line):
             self._last = line
             self.count += 1
-            return Record(self._second[1], b'', b'', b'-', b'', line, None, False), stop + 1
+            found = Record(self._second[1], b'', b'', b'-', b'', line, None, False)
+            if self._second[0] or len(self._held) >= STRANGE_LINES:
+                return found, stop + 1
+            self._held.append(found)
+            return None, stop + 1
         return self._count_strange(line), stop + 1
+
+    def _dated(self, ms):
+        held, self._held = self._held, []
+        for found in held:
+            yield found._replace(ms=ms)
 
     def _count_strange(self, line):
         self.strange += 1

@@ -252,12 +252,11 @@
   }
 
   function reveal(i) {
-    let row = shown.indexOf(i);
+    const row = shown.indexOf(i);
     if (row < 0) {
-      stretch = null;
       el('filter').reset();
-      applyFilter();
-      row = shown.indexOf(i);
+      setTimeout(() => reveal(i)); // when the filter has been applied, which scrolls to the top
+      return;
     }
     el('list').scrollTop = row * ROW - el('list').clientHeight / 2;
     choose(i);

@@ -13,7 +13,7 @@ from . import texts
 from .dot import Graph
 from .model import BUS, KINDS
 from .sources import writing
-from .stats import Stats, spans
+from .stats import Stats, by_name
 from .summary import Summary
 
 _HERE = os.path.dirname(__file__)
@@ -62,7 +62,7 @@ class Messages:
         if number in self._rows:
             return self._rows[number]
         row = number - self.first
-        limit = min(self._rows.values()) if self._rows else len(self.columns[0])
+        limit = next(iter(self._rows.values()), len(self.columns[0]))  # rows grow in order
         return row if row < limit else -1
 
     def write(self, file):
@@ -155,7 +155,7 @@ def write(view, path):
         graph.add(message)
     if not stats.messages:
         return 0
-    summary = Summary(view.matcher, stats, view.inputs, spans(view.matcher))
+    summary = Summary(view.matcher, stats, view.inputs, by_name(view.matcher))
     title = ', '.join('standard input' if p == '-' else p for p in view.inputs.paths)
     overview = _overview(summary)
     overview.update(title='Traffic of ' + title, graph=_graph_table(graph))

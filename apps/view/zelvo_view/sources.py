@@ -12,6 +12,7 @@ from .records import NotALog, Reader
 CHUNK = 1 << 20
 LOOK = 0.01  # seconds between two looks at a growing file
 QUIET = 0.003  # seconds without anything new, after which nothing is held back
+HEAD = 64  # bytes that a file begins with, a time among them
 
 
 class InputError(Exception):
@@ -35,8 +36,8 @@ def _open(path):
 def _distinct(paths):
     found, seen = [], set()
     for path in paths:
-        real = os.path.realpath(path)
-        if path == '-' or real not in seen:
+        real = path if path == '-' else os.path.realpath(path)
+        if real not in seen:
             seen.add(real)
             found.append(path)
     return found
@@ -107,6 +108,8 @@ class Inputs:
         if self.paths == ['-']:
             yield from self._follow_pipe()
             return
+        if '-' in self.paths:
+            raise InputError('--follow: standard input (-) only by itself')
         tails = [Tail(path) for path in self.paths]
         self.readers = [tail.reader for tail in tails]
         while True:
@@ -134,27 +137,28 @@ class Inputs:
 
 
 class Tail:
-    """A file that grows, and that may be removed and begun anew."""
+    """A file that grows, and that may be begun anew: emptied, or removed and made again."""
 
     def __init__(self, path):
         self.path = path
         self.reader = Reader(live=True)
         self._file = _open(path)
+        self._head = b''  # what it begins with, as far as it is known
 
     def read(self):
         """What has come since."""
+        found = list(self.reader.begin_anew()) if self._is_emptied() else []
         data = self._file.read(CHUNK)
         if not data and self._is_replaced():
             data = self._file.read(CHUNK)  # written before it was removed
-            if not data:
-                fresh = self._reopen()
-                if fresh is None:
-                    return []
+            fresh = None if data else self._reopen()
+            if fresh is not None:
                 self._file.close()
-                self._file = fresh
+                self._file, self._head = fresh, b''
+                found += self.reader.begin_anew()
                 data = self._file.read(CHUNK)
         try:
-            return list(self.reader.feed(data)) if data else []
+            return found + list(self.reader.feed(data)) if data else found
         except NotALog as error:
             raise _not_a_log(self.path, error) from error
 
@@ -164,11 +168,20 @@ class Tail:
         except OSError:
             return None  # between being removed and begun anew
 
+    def _is_emptied(self):
+        """Whether a program has begun it anew in place, since when it may have outgrown the old
+        one; then what follows is read from its beginning."""
+        if not self._file.seekable():
+            return False
+        at = self._file.tell()
+        self._file.seek(0)
+        known, self._head = self._head, self._file.read(HEAD)
+        emptied = not self._head.startswith(known) or os.fstat(self._file.fileno()).st_size < at
+        self._file.seek(0 if emptied else at)
+        return emptied
+
     def _is_replaced(self):
         mine = os.fstat(self._file.fileno())
-        if mine.st_size < self._file.tell():  # emptied, by a program that has begun anew
-            self._file.seek(0)
-            return False
         try:
             there = os.stat(self.path)
         except OSError:

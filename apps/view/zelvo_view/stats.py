@@ -185,14 +185,10 @@ class Stats:
                  'call': _call, 'answer': _answer}
 
 
-def spans(matcher):
-    """For each node, in the order they joined, where it was on the bus:
-    (name, [(joined or None, left or None)], node)."""
+def by_name(matcher):
+    """(name, nodes): all nodes, those of one name together, in the order they were first seen."""
     found = {}
     for process in matcher.processes.values():
         for name, node in process.nodes.items():
-            text = matcher.text(name)
-            entry = found.setdefault(text, [text, [], []])
-            entry[1].extend(tuple(span) for span in node.spans)
-            entry[2].append(node)
-    return sorted(found.values(), key=lambda e: min(n.first for n in e[2]))
+            found.setdefault(matcher.text(name), []).append(node)
+    return sorted(found.items(), key=lambda e: min(n.first for n in e[1]))

@@ -39,11 +39,11 @@ def counted(counter):
 
 
 class Summary:
-    def __init__(self, matcher, stats, inputs, spans, colour=False, rows=None):
+    def __init__(self, matcher, stats, inputs, nodes, colour=False, rows=None):
         self.matcher = matcher
         self.stats = stats
         self.inputs = inputs
-        self.spans = spans
+        self.nodes = nodes
         self.colour = colour
         self.rows = rows  # of a table, at most; None: all
 
@@ -111,15 +111,15 @@ class Summary:
 
     def node_rows(self):
         """(name, from, to, how often it joined, timers set, timers killed)"""
-        for name, spans, nodes in self.spans:
-            if name not in self.stats.seen or not (spans or any(n.alive for n in nodes)):
+        for name, nodes in self.nodes:
+            if name not in self.stats.seen or not any(n.joins or n.alive for n in nodes):
                 continue
             first, last = self.stats.seen[name]
-            joined = [s[0] for s in spans if s[0] is not None]
-            left = spans[-1][1] if spans else None
+            joined = [n.joined for n in nodes if n.joined is not None]
+            left = [n.left for n in nodes if n.joins][-1:] or [None]
             yield (name, clock(joined[0]) if joined else 'before ' + clock(first),
-                   clock(left) if left is not None else 'after ' + clock(last),
-                   max(len(spans), 1), sum(node.timers for node in nodes),
+                   clock(left[0]) if left[0] is not None else 'after ' + clock(last),
+                   max(sum(node.joins for node in nodes), 1), sum(node.timers for node in nodes),
                    sum(node.killed for node in nodes))
 
     def topic_rows(self):
