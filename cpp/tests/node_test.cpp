@@ -78,10 +78,8 @@ TEST_F(Face, a_handler_replaces_and_removes_itself_and_stays_whole_until_it_retu
     EXPECT_EQ(panel.call("/lamp/who").outcome, Outcome::not_implemented);
 }
 
-TEST(FaceHandlers, an_idle_node_lets_go_of_those_it_has_no_more_also_without_an_answer) {
+TEST_F(Face, an_idle_node_lets_go_of_handlers_it_has_no_more_also_without_an_answer) {
     Gate released;
-    const Bus bus{quiet()};
-    Node lamp{bus, "lamp"};
     std::optional<Node> other{std::in_place, bus, "other"};
     std::shared_ptr<Gate> token{&released, [](Gate *gate) { gate->open(); }};
     for (int i = 0; i < 100; ++i) {
@@ -92,7 +90,9 @@ TEST(FaceHandlers, an_idle_node_lets_go_of_those_it_has_no_more_also_without_an_
     other.reset(); // its leaving is not answered: it waits until the bus has stopped
     flood(lamp, "full");
     flood(lamp, "full"); // more than the bus's queue of 2,048 places
-    EXPECT_THROW(lamp.unsubscribe("t"), Error);
+    for (int i = 0; i < 16; ++i) {
+        EXPECT_THROW(lamp.unsubscribe("t"), Error);
+    }
     EXPECT_TRUE(released.wait());
 }
 

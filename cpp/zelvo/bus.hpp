@@ -212,9 +212,9 @@ public:
     // ---- subscribing ----
     // Each topic has one handler: another subscription replaces it, and does not fetch the sticky
     // message again. A change holds from the next message on; it may be made in the handler that
-    // it replaces or removes, which runs to its end. What that has captured goes soon after the
-    // change, in the node's thread, and at the latest when the node leaves. Messages of a topic
-    // without a handler are dropped.
+    // it replaces or removes, which runs to its end. What that has captured goes before the node
+    // next handles something, or when some further changes have been made, in the node's thread,
+    // and at the latest when the node leaves. Messages of a topic without a handler are dropped.
     // Error: the bus has not answered, or its queue is full. Then the handlers are changed, but
     // not certainly what the bus sends: do it again. At most 2,048 topics for each node; further
     // ones are left out, with a warning in the log.

@@ -171,13 +171,16 @@ public:
 
     // ---- handlers and timers ----
 
-    // Made before the node's next handler, or at a look of its own: a node that hears nothing must
-    // not keep what is replaced, which is destroyed then, in its thread.
+    // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
+    // node that hears nothing looks when many wait, so that it does not keep ever more.
     void change(Change change) {
+        constexpr std::size_t kMany = 16;
         const std::lock_guard lock{mutex_};
         changes_.push_back(std::move(change));
         attention_ = true;
-        wake();
+        if (changes_.size() >= kMany) {
+            wake();
+        }
     }
 
     TimerPtr addTimer(Clock::duration wait, Clock::duration period,
