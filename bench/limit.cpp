@@ -1,5 +1,5 @@
-// What the machine allows: a token that three threads hand over and nothing else; blocks that one
-// thread allocates and another frees; and publications through a router that does nothing else.
+// What the machine allows: a token that three threads hand over and nothing else; publications
+// through a router that does nothing else; and blocks that one thread allocates and another frees.
 #include "scenario.h"
 
 #include <linux/futex.h>
@@ -33,9 +33,10 @@ public:
             futex(FUTEX_WAKE_PRIVATE, 1);
         }
     }
-    // looks: at the word, the processor given up between them, before sleeping.
-    std::uint32_t take(int looks) noexcept {
-        for (int look = 0; look < looks; ++look) {
+    // Looks at the word, the processor given up between them, before sleeping.
+    std::uint32_t take() noexcept {
+        constexpr int kLooks = 32;
+        for (int look = 0; look < kLooks; ++look) {
             if (word_.load(std::memory_order_acquire) != kFree) {
                 return word_.exchange(kFree, std::memory_order_acquire);
             }
@@ -63,35 +64,49 @@ private:
 };
 
 // A, S, B, S, A: what a call through a server hands over.
-template <int Looks>
-Result ring(int milliseconds) {
-    Seat a;
-    Seat s;
-    Seat b;
-    std::thread server{[&] {
+class Ring final : public Caller {
+public:
+    Ring() : server_{[this] { serve(); }}, callee_{[this] { answer(); }} {}
+    Ring(const Ring &) = delete;
+    Ring &operator=(const Ring &) = delete;
+    ~Ring() override {
+        s_.hand(Seat::kEnd);
+        server_.join();
+        callee_.join();
+    }
+    std::size_t call() override {
+        s_.hand(Seat::kToken);
+        a_.take();
+        return kAnswer.size();
+    }
+
+private:
+    void serve() noexcept {
         for (;;) {
-            const std::uint32_t token = s.take(Looks);
-            b.hand(token);
+            const std::uint32_t token = s_.take();
+            b_.hand(token);
             if (token == Seat::kEnd) {
                 return;
             }
-            s.take(Looks);
-            a.hand(token);
+            s_.take();
+            a_.hand(token);
         }
-    }};
-    std::thread callee{[&] {
-        while (b.take(Looks) != Seat::kEnd) {
-            s.hand(Seat::kToken);
+    }
+    void answer() noexcept {
+        while (b_.take() != Seat::kEnd) {
+            s_.hand(Seat::kToken);
         }
-    }};
-    const Result result = repeat(milliseconds, [&] {
-        s.hand(Seat::kToken);
-        a.take(Looks);
-    });
-    s.hand(Seat::kEnd);
-    server.join();
-    callee.join();
-    return result;
+    }
+
+    Seat a_;
+    Seat s_;
+    Seat b_;
+    std::thread server_;
+    std::thread callee_;
+};
+
+std::unique_ptr<Caller> ring(const Shape & /*shape*/) {
+    return std::make_unique<Ring>();
 }
 
 // Blocks of a hundred bytes travel from the thread that allocates them to one that frees them.
@@ -285,11 +300,11 @@ std::unique_ptr<Publisher> bareRouter(const Shape &shape, Sink &sink) {
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::array systems{
-        System{"limit",
-               nullptr,
-               bareRouter,
-               {"publish-64", "publish-1-core", "fanout-8", "publish-4-to-1", "publish-4-pairs"},
-               {{"ring-sleep", ring<0>}, {"ring-spin", ring<4>}, {"blocks", blocks}}}};
+    const std::array systems{System{"limit",
+                                    ring,
+                                    bareRouter,
+                                    {"call-2", "call-1-core", "publish-64", "publish-1-core",
+                                     "latency-1k", "fanout-8", "publish-4-to-1", "publish-4-pairs"},
+                                    {{"blocks", blocks}}}};
     return bench::run(argc, argv, systems);
 }

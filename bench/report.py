@@ -50,8 +50,6 @@ CELLS = {
     "async-16": "16 calls at once from one node to others that take 1 ms each",
     "mqtt-call": "Call from process to process over mosquitto",
     "mqtt-publish": "Publish 64 bytes from process to process over mosquitto, QoS 1",
-    "ring-sleep": "Limit: a token handed over four times, by sleeping",
-    "ring-spin": "Limit: the same, with four looks before sleeping",
     "blocks": "Limit: 100 bytes allocated in one thread and freed in another",
 }
 IDLE = {
