@@ -45,6 +45,7 @@ struct bus_mk_queue {
     bus_mk_list_equal eq;                // null: the same address
     std::atomic<std::int32_t> out_count; // written under recv_mut; grows only under mut as well
     std::atomic<std::int32_t> looks;     // of a receiver, before it sleeps
+    std::atomic<bool> waited;            // a receiver has, for the next item that it takes
 };
 
 namespace {
@@ -266,10 +267,12 @@ void waitWhileEmpty(bus_mk_q_t *q, unsigned milliseconds) noexcept {
 
 // A receiver that has emptied a short batch and already finds the next one begun lets that grow:
 // where it meets its sender for every few items, the meetings cost more than the items do.
-void letBatchGrow(const bus_mk_q_t *q) noexcept {
+void letBatchGrow(bus_mk_q_t *q) noexcept {
     constexpr std::int32_t kShortBatch = 32;
-    if (q->out_count.load(std::memory_order_relaxed) == 0 &&
-        q->in_count.load(std::memory_order_relaxed) < kShortBatch) {
+    if (q->waited.load(std::memory_order_relaxed)) {
+        q->waited.store(false, std::memory_order_relaxed);
+    } else if (q->out_count.load(std::memory_order_relaxed) == 0 &&
+               q->in_count.load(std::memory_order_relaxed) < kShortBatch) {
         bus_mk_thread_yield();
     }
 }
@@ -386,6 +389,7 @@ void *bus_mk_q_recv(bus_mk_q_t *q, int flag, int del, int pos) noexcept {
 void bus_mk_q_wait(bus_mk_q_t *q, unsigned milliseconds) noexcept {
     if (bus_mk_q_empty(q)) {
         waitWhileEmpty(q, milliseconds);
+        q->waited.store(true, std::memory_order_relaxed);
     }
 }
 
