@@ -258,7 +258,7 @@ void leaveLoop(server_t &server) noexcept {
 }
 
 // While messages wait, only some of the sleeping nodes are woken between two of them.
-constexpr int kWakesAMessage = 16;
+constexpr int kWakesAMessage = 40;
 
 void wakeSome(server_t &server) noexcept {
     for (int woken = 0; woken < kWakesAMessage || bus_mk_q_empty(server.message_queue); ++woken) {
