@@ -205,7 +205,7 @@ bus_mk_sent insert(bus_mk_q_t *q, void *data, int pos, bus_mk_list_node *&node,
 // A receiver that sleeps costs its sender a system call and itself some microseconds until it runs
 // again; where messages follow each other, the next one comes sooner. A receiver that has slept for
 // long looks less often the next time, so that thousands of quiet ones do not take turns in vain.
-constexpr std::int32_t kMostLooks = 8;
+constexpr std::int32_t kMostLooks = 32;
 constexpr std::chrono::microseconds kShortSleep{50};
 
 void noteSleep(bus_mk_q_t *q, std::chrono::steady_clock::duration slept) noexcept {

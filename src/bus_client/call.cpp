@@ -155,7 +155,7 @@ Call giveUp(client_t &client) noexcept {
     return Call::kStopped;
 }
 
-constexpr int kLooks = 16;
+constexpr int kLooks = 64;
 
 // An answer mostly comes sooner than a thread falls asleep and is woken. It has farther to go than
 // a message, so there are more looks than at a queue.
