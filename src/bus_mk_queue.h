@@ -9,7 +9,7 @@
 //            the same queue from one.
 // Cost:      appending and taking the head lock different mutexes, and meet once for all the items
 //            that were appended meanwhile. No system call is made while nobody sleeps, but that a
-//            receiver gives up the processor: once when it has emptied a short batch, and a few
+//            receiver gives up the processor: once when it has emptied a short batch, and up to 32
 //            times before it sleeps. Memory grows with what waits, and is given back when a
 //            receiver sleeps, or with the queue.
 // The queue itself is not tested for null.
