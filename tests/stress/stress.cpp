@@ -83,7 +83,7 @@ std::string imbalance(const World &world, const std::string &stats) {
 
 // Asks for the statistics until they balance; what they still lack when the time is up is a fault.
 void settle(World &world) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds{20};
+    const auto limit = std::chrono::steady_clock::now() + kLimit;
     std::string found = "no statistics";
     while (!found.empty() && std::chrono::steady_clock::now() < limit) {
         Node observer{world, "observer", Node::kUnspun, 0};
@@ -186,7 +186,7 @@ int main(int argc, char **argv) {
         if (phase % 100 == 1 || phase == options["--from"]) { // where to begin after a crash
             std::fprintf(stderr, "%s\n", name.c_str());
         }
-        const Deadline deadline{name, kLimit + std::chrono::seconds{deliveries / 100000}};
+        const Deadline deadline{name, 5 * kLimit + std::chrono::seconds{deliveries / 100000}};
         const std::int64_t before = memory::blocks;
         memory::asked = 0;
         memory::firstRefused = phase;
