@@ -49,7 +49,7 @@ class Messages:
         ref = message.ref
         origin = -1
         if ref is not None and ref.number >= self.first:
-            origin = self._row_of(ref.number)
+            origin = self.row_of(ref.number)
         took = message.took
         values = (message.ms - self._begin, self.kinds[message.kind], self.names.of(message.src),
                   self.names.of(message.dst), self.subjects.of(message.subject),
@@ -58,7 +58,7 @@ class Messages:
         for column, value in zip(self.columns, values):
             column.append(value)
 
-    def _row_of(self, number):
+    def row_of(self, number):
         if number in self._rows:
             return self._rows[number]
         row = number - self.first
@@ -111,11 +111,12 @@ def _graph_table(graph):
     return {'title': '', 'header': ['what', 'from', 'to', '>times'], 'rows': rows}
 
 
-def _overview(summary):
+def _overview(summary, row_of):
     """What the summary in the terminal tells, for the page."""
     wrong = []
     for _, title, number, found in summary.fault_groups():
-        rows = [(what, fault.count, texts.clock(fault.first)) for what, fault in found[:200]]
+        rows = [(what, fault.count, summary.clock(fault.first), row_of(fault.number))
+                for what, fault in found[:200]]
         wrong.append({'title': title, 'number': number, 'rows': rows})
     tables = [{'title': title, 'header': header, 'rows': list(rows)[:2000]}
               for title, header, rows in summary.tables()]
@@ -157,7 +158,7 @@ def write(view, path):
         return 0
     summary = Summary(view.matcher, stats, view.inputs, by_name(view.matcher))
     title = ', '.join('standard input' if p == '-' else p for p in view.inputs.paths)
-    overview = _overview(summary)
+    overview = _overview(summary, found.row_of)
     overview.update(title='Traffic of ' + title, graph=_graph_table(graph))
     before, after = _page(overview['title'], _svg(graph))
     with writing(path) as file:
