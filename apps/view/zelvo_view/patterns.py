@@ -40,6 +40,11 @@ def _name_taken(process, record, thread, m):
         process.message('refused', record, m[1], BUS, note='a node of this name is on the bus')
 
 
+def _not_callable(process, record, thread, m):
+    if not helper_of(m[1]):  # nobody wants to
+        process.message('warning', record, None, None, note=process.text(record.text[11:]))
+
+
 def _connect_failed(process, record, thread, m):
     name, thread.connecting = thread.connecting, None
     if name is not None and not helper_of(name):
@@ -242,6 +247,7 @@ PATTERNS = {
         (rb'Vek-client (.*) connect end, payload: .*', _connected),
         (rb'Vek-client (.*) already exist', _name_taken),
         (rb'Vek-client connect failed', _connect_failed),
+        (rb'Vek-client (.*) cannot be called by this name', _not_callable),
         (rb'Vek-client .* (?:un)?subscribe begin, (.*)', _changes_topics)),
     b'call': _compile(
         (rb'Vek-client (.*?) call response, (.*)', _answered),
