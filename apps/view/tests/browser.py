@@ -55,7 +55,7 @@ class Browser:
             return json.load(answer)['value']
 
     def open(self, path):
-        self._send('/url', {'url': 'file://' + os.path.abspath(path)})
+        self._send('/url', {'url': path if '://' in path else 'file://' + os.path.abspath(path)})
 
     def resize(self, width, height):
         self._send('/goog/cdp/execute', {'cmd': 'Emulation.setDeviceMetricsOverride', 'params': {

@@ -30,6 +30,8 @@ def _parser():
         parser.add_argument('--' + flag, action='store_true')
     parser.add_argument('--perfetto', metavar='OUT')
     parser.add_argument('--html', metavar='OUT')
+    parser.add_argument('--serve', nargs='?', type=int, const=8377, metavar='PORT')
+    parser.add_argument('--listen', metavar='ADDRESS')
     parser.add_argument('--node', action='append', default=[])
     parser.add_argument('--topic', action='append', default=[])
     parser.add_argument('--from', dest='begin', type=_time, metavar='TIME')
@@ -90,7 +92,7 @@ class View:
         for message in messages:
             if self._filter is None:
                 self._make_filter()
-            if not self._filter.narrows or self._filter.passes(message):
+            if self.passes(message):
                 yield message
 
     def _make_filter(self):
@@ -110,6 +112,9 @@ class View:
             if count & 1023 == 0 and out:
                 yield from self.wanted(matcher.ready(matcher.last_ms))
         yield from self.wanted(matcher.finish())
+
+    def passes(self, message):
+        return self._filter is None or not self._filter.narrows or self._filter.passes(message)
 
     def why_nothing(self):
         """What to say where there was nothing to show."""
@@ -180,8 +185,14 @@ def _html(view, arguments):
     return report.write(view, arguments.html)
 
 
+def _serve(view, arguments):
+    from . import serve
+    gc.enable()  # requests leave rings behind
+    return serve.run(view, arguments)
+
+
 # What is done for the first of these options that is given.
-_MODES = (('follow', _follow), ('html', _html), ('perfetto', _perfetto), ('mermaid', _mermaid),
+_MODES = (('serve', _serve), ('follow', _follow), ('html', _html), ('perfetto', _perfetto), ('mermaid', _mermaid),
           ('dot', _dot), ('json', _show_lines), ('messages', _show_lines))
 
 
@@ -191,10 +202,13 @@ def _run(argv):
         print(manual.help_text() if arguments.help else 'zelvo-view {}\n'.format(manual.version()),
               end='')
         return FOUND
-    given = [(name, run) for name, run in _MODES if getattr(arguments, name)]
+    given = [(name, run) for name, run in _MODES
+             if getattr(arguments, name) or name == 'serve' and arguments.serve is not None]
     if len(given) - (arguments.json and (arguments.messages or arguments.follow)) > 1:
         raise InputError('of {} only one at a time'.format(
             ' and '.join('--' + name for name, _ in given)))
+    if arguments.listen and arguments.serve is None:
+        raise InputError('--listen: only with --serve')
     if arguments.limit is not None and arguments.limit < 1:
         raise InputError('--limit: at least 1')
     view = View(arguments)
