@@ -15,8 +15,7 @@ TAG = '<img src=x onerror=alert(1)>'
 
 
 class Bus:
-    """zelvo-view --serve, and a program whose log it reads: that publishes on the topic beat, and, as
-    long as halts is true, on the topic halt."""
+    # zelvo-view --serve, and a program that publishes on beat, and while halts is true on halt.
 
     def __init__(self):
         self.server = subprocess.Popen(VIEW + ['--serve', '0'], stdin=subprocess.PIPE,
@@ -42,7 +41,7 @@ class Bus:
         self.server.stdout.close()
 
     def tell(self, say):
-        """Writes lines as of now."""
+        # Writes lines as of now.
         log, now = Log(), time.time()
         log.second = time.strftime('%Y-%m-%d %H:%M:%S', time.gmtime(now + 8 * 3600))
         log.ms = int(now * 1000) % 1000
@@ -60,7 +59,7 @@ class Bus:
                 self.tell(lambda log: log.publish(1, TAG, 'halt', TAG))
 
     def ask(self, path, method='GET', key=None, view='', headers=None):
-        """The answer to a request."""
+        # The answer to a request.
         connection = http.client.HTTPConnection('127.0.0.1', self.port, timeout=LIMIT)
         key = self.url.split('key=')[1] if key is None else key
         connection.request(method, '{}?key={}&view={}'.format(path, key, view), headers=headers or {})
@@ -68,7 +67,7 @@ class Bus:
 
 
 def events(answer):
-    """(name, data) of each event of a feed."""
+    # (name, data) of each event of a feed.
     name = None
     for line in answer:
         kind, _, text = line.decode().rstrip('\n').partition(': ')
@@ -91,21 +90,17 @@ class Serve(unittest.TestCase):
     def tearDown(self):
         self.assertEqual(self.browser.errors(), [])
 
-    def show(self, view):
-        self.browser.run('document.querySelector(`[data-view=${arguments[0]}]`).click()', view)
-
     def wait(self, script, *arguments):
-        """Until the script's result is true: that."""
-        end = time.monotonic() + LIMIT
-        while time.monotonic() < end:
+        # Until the script's result is true: that.
+        for _ in range(LIMIT * 20):
             found = self.browser.run(script, *arguments)
             if found:
                 return found
             time.sleep(0.05)
-        self.fail(script)
+        return self.fail(script)
 
     def test_a_topic_that_stops_is_shown_as_stopped(self):
-        self.show('topics')
+        self.browser.show('topics')
         stopped = '''return [...document.querySelectorAll('#topics tbody tr')].filter((row) =>
             row.className === 'stopped').map((row) => row.cells[0].textContent).join()'''
         self.wait('return document.querySelectorAll("#topics td path").length === 2')
@@ -126,7 +121,7 @@ class Serve(unittest.TestCase):
             log.line(9, 'Vek-server server ==> ear pusblish topic beat failed, queue is full',
                      'server/publish', 'W')
 
-        self.show('faults')
+        self.browser.show('faults')
         self.bus.tell(ring)
         self.wait('return document.querySelectorAll("#faults button").length > 1')
         found = self.browser.run('''return [...document.querySelectorAll('#faults button')].map((b) => {
@@ -135,14 +130,14 @@ class Serve(unittest.TestCase):
         })''')
         self.assertRegex(found[0], r'(?s)drop: copy: queue of ear, beat \|.*What led.*publish: heart beat')
         self.assertRegex(found[1], r'(?s)ring: desk -> shelf -> desk \|.*What led.*call: desk /desk/x')
-        self.show('graph')
+        self.browser.show('graph')
         self.assertEqual(self.wait('''return [...document.querySelectorAll('#live path.lost')]
             .map((p) => p.textContent.split('; ')[1]).sort().join()'''), '1 drop,1 ring')
-        self.show('calls')
+        self.browser.show('calls')
         self.assertIn('/desk/x', self.wait('return document.querySelector("#calls tbody")?.textContent'))
 
     def test_filter_and_pause_hold_what_they_should(self):
-        self.show('messages')
+        self.browser.show('messages')
         self.wait('''const field = document.getElementById('subject');
             const option = [...field.options].find((o) => o.textContent === 'beat');
             field.value = option?.value || '';
@@ -165,19 +160,17 @@ class Serve(unittest.TestCase):
     def test_names_stay_text_and_a_second_browser_sees_the_same(self):
         text = 'return document.getElementById(arguments[0]).textContent.includes(arguments[1])'
         self.wait(text, 'live', TAG)
-        self.show('messages')
+        self.browser.show('messages')
         self.wait(text, 'rows', TAG)
         self.assertEqual(self.browser.run('return document.images.length'), 0)
-        feeds = [events(self.bus.ask('/feed', view='')) for _ in range(2)]
-        parts = [[title for title, _, _ in next(feed)[1]['head']] for feed in feeds]
-        self.assertEqual(*parts)
+        feeds = [events(self.bus.ask('/feed', view='messages')) for _ in range(2)]
+        self.assertEqual(*(next(feed)[1][:20] for feed in feeds))
 
     def test_only_who_knows_the_key_is_answered(self):
         host = '127.0.0.1:{}'.format(self.bus.port)
         for path, key, headers, code in (
-                ('/', None, {}, 200), ('/', None, {'Host': 'localhost:' + host.split(':')[1]}, 200),
-                ('/', None, {'Origin': 'http://' + host}, 200),
-                ('/', '', {}, 403), ('/', 'x' * 24, {}, 403), ('/feed', '\u00e9'.encode().hex(), {}, 403),
+                ('/', None, {'Host': host.replace('127.0.0.1', 'localhost')}, 200),
+                ('/', None, {'Origin': 'http://' + host}, 200), ('/', '', {}, 403), ('/feed', 'x', {}, 403),
                 ('/', None, {'Host': 'evil.example'}, 403), ('/', None, {'Host': host + '.evil'}, 403),
                 ('/', None, {'Origin': 'http://evil.example'}, 403), ('/', None, {'Origin': 'null'}, 403),
                 ('/report.py', None, {}, 404), ('/../live.py', None, {}, 404)):
@@ -188,8 +181,6 @@ class Serve(unittest.TestCase):
                 self.assertEqual(b'<script' in answer.read(), code == 200)
         self.assertEqual(self.bus.ask('/', 'POST').status, 501)
 
-
-class Load(unittest.TestCase):
     def test_what_is_not_read_in_time_is_counted(self):
         lines = [Log().trace(1, 'a', '==>', 'publish', 't', payload=text * 90).bytes() for text in 'xy']
         bus = Bus()

@@ -4,6 +4,7 @@ import argparse
 import datetime
 import functools
 import gc
+import importlib
 import os
 import re
 import signal
@@ -118,7 +119,7 @@ class View:
 
     def why_nothing(self):
         """What to say where there was nothing to show."""
-        if self.inputs.is_empty:
+        if not any(reader.count or reader.strange for reader in self.inputs.readers):
             return 'the input is empty'
         return 'nothing found' if self._filter else 'no messages: log at level 2 (`level`)'
 
@@ -165,35 +166,18 @@ def _summarise(view, arguments):
     return stats.messages
 
 
-def _mermaid(view, arguments):
-    from . import mermaid
-    return mermaid.write(view, sys.stdout, arguments.limit)
-
-
-def _dot(view, _arguments):
-    from . import dot
-    return dot.write(view, sys.stdout)
-
-
-def _perfetto(view, arguments):
-    from . import perfetto
-    return perfetto.write(view, arguments.perfetto)
-
-
-def _html(view, arguments):
-    from . import report
-    return report.write(view, arguments.html)
-
-
-def _serve(view, arguments):
-    from . import serve
-    gc.enable()  # requests leave rings behind
-    return serve.run(view, arguments)
+def _by(module, *names):
+    """A module that is loaded when it is needed, and the options that it takes."""
+    def run(view, arguments):
+        found = importlib.import_module('.' + module, __package__)
+        return found.run(view, *(getattr(arguments, name) for name in names))
+    return run
 
 
 # What is done for the first of these options that is given.
-_MODES = (('serve', _serve), ('follow', _follow), ('html', _html), ('perfetto', _perfetto), ('mermaid', _mermaid),
-          ('dot', _dot), ('json', _show_lines), ('messages', _show_lines))
+_MODES = (('serve', _by('serve', 'serve', 'listen')), ('follow', _follow), ('html', _by('report', 'html')),
+          ('perfetto', _by('perfetto', 'perfetto')), ('mermaid', _by('mermaid', 'limit')),
+          ('dot', _by('dot')), ('json', _show_lines), ('messages', _show_lines))
 
 
 def _run(argv):

@@ -78,7 +78,7 @@ class Graph:
             kind[len('fault '):], count)
 
 
-def write(view, stream):
+def run(view):
     graph = Graph()
     count = 0
     for message in view.messages():
@@ -86,5 +86,5 @@ def write(view, stream):
         count += 1
     if count:
         for line in graph.text():
-            stream.write(line + '\n')
+            print(line)
     return count

@@ -25,20 +25,23 @@ if (page.data.live) (() => {
     last = latest[latest.length - 1][0];
     const gone = Math.max(latest.length - LATEST, 0);
     latest = latest.slice(gone);
-    for (const part of [payloads, notes, ...Object.values(columns)]) part.length = 0;
+    const lists = Object.values(columns);
+    for (const part of [payloads, notes, ...lists]) part.length = 0;
     const places = new Map();
     latest.forEach(([number, ms, kind, src, dst, subject, payload, size, ref, note, took], place) => {
       places.set(number, place);
       const values = [ms, kindOf.get(kind), indexOf(names, known[0], src), indexOf(names, known[0], dst),
         indexOf(subjects, known[1], subject), payload === null ? -1 : payloads.push(payload) - 1, size,
         places.has(ref) ? places.get(ref) : -1, note === null ? -1 : notes.push(note) - 1, took];
-      Object.values(columns).forEach((column, i) => column.push(values[i]));
+      for (let i = 0; i < lists.length; ++i) lists[i].push(values[i]);
     });
     page.changed(gone, names.length + subjects.length > before);
     if (names.length + subjects.length > 40000) location.reload(); // nearly all of them are gone
   }
 
   // ---- tables, whose rows stay the elements that they are ----
+
+  const tables = new Map(); // of each view
 
   function drawLine(cell, counts) {
     const line = cell.firstChild || cell.appendChild(makeSvg('svg', { viewBox: '0 0 120 22' }));
@@ -70,7 +73,6 @@ if (page.data.live) (() => {
       for (const [id, row] of rows) if (!ids.has(id)) { row.remove(); rows.delete(id); }
     };
   }
-  const tables = new Map();
 
   function drawTables(parts) {
     parts.forEach(([title, header, rows], i) => {
@@ -214,7 +216,6 @@ if (page.data.live) (() => {
       drawHead(head);
       (view === 'graph' ? drawGraph : drawTables)(part);
       isHeld = isPaused; // also where another view is opened meanwhile
-      document.body.dataset.beat = Number(document.body.dataset.beat || 0) + 1;
     });
     source.onerror = () => {
       (el('span').firstChild || el('span')).textContent = 'no connection' +

@@ -113,7 +113,7 @@ class Trace:
                  'call': _called}
 
 
-def write(view, path):
+def run(view, path):
     """Writes the trace to the file path; tells how many messages there were."""
     from .sources import writing
     messages = list(view.messages())

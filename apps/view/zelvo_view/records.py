@@ -91,7 +91,6 @@ class Reader:
         self.live = live
         self.strange = 0  # lines that belong to no record
         self.count = 0
-        self.is_empty = True
         self._buf = b''
         self._first = None  # the first strange line
         self._read = 0  # bytes before the first record
@@ -105,7 +104,6 @@ class Reader:
     def feed(self, data, final=False):
         """Yields the records that data completes. final: nothing follows."""
         buf = self._buf + data if self._buf else data
-        self.is_empty = self.is_empty and not data
         pos = 0
         wanted = 1 if final or self.live else LONGEST + 2 + SHOWN
         match = _RECORD.match

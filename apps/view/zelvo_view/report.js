@@ -6,7 +6,6 @@ const page = (() => {
   const { kinds, names, subjects, payloads, notes, columns } = data;
   const ROW = 22;
   const MOST = 1e6; // pixels of the rows' height; a browser ends an element at 33 million
-  const WIDE = 780;
   const el = (id) => document.getElementById(id);
   const count = () => columns.time.length;
   const name = (index) => (index < 0 ? '' : names[index]);
@@ -211,7 +210,7 @@ const page = (() => {
     top = Math.min(Math.max(wanted, 0), limit());
     el('lifelines').hidden = mode !== 'chart';
     el('rows').style.height = `${Math.min(shown.length * ROW, MOST)}px`;
-    el('rows').style.minWidth = `${mode === 'chart' ? x(lives.length) : WIDE}px`;
+    el('rows').style.minWidth = `${mode === 'chart' ? x(lives.length) : 780}px`;
     el('list').scrollTop = limit() ? top / limit() * range() : 0;
     bar = el('list').scrollTop;
     draw();

@@ -3,6 +3,7 @@
 # Whoever may see it knows the key in its address. A request that another page has made a browser send
 # is refused by its Host or Origin. Nothing but the page and its feed is served.
 
+import gc
 import hmac
 import io
 import secrets
@@ -112,15 +113,15 @@ def _address(name, port):
     return name if port == 80 else '{}:{}'.format(name, port)
 
 
-def run(view, arguments):
+def run(view, port, listen):
     """Serves the page until Ctrl-C."""
-    live = Live(view)
-    address = arguments.listen or ADDRESS
+    gc.enable()  # requests leave rings behind
+    live, address = Live(view), listen or ADDRESS
     try:
-        server = Server(address, arguments.serve, live)
+        server = Server(address, port, live)
     except (OSError, OverflowError) as error:
-        raise InputError('{}: {}'.format(_address(address, arguments.serve), error)) from error
-    if arguments.listen:
+        raise InputError('{}: {}'.format(_address(address, port), error)) from error
+    if listen:
         print('zelvo-view: warning: who reaches {} and knows the key sees all messages, and so does '
               'who listens on the way'.format(address), file=sys.stderr)
     shown = socket.gethostname() if address in ('0.0.0.0', '::') else address

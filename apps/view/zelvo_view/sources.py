@@ -61,10 +61,6 @@ class Inputs:
     def strange(self):
         return sum(reader.strange for reader in self.readers)
 
-    @property
-    def is_empty(self):
-        return all(reader.is_empty for reader in self.readers)
-
     def last_ms(self):
         """The latest time at the end of the files, None where that is not known."""
         ends = []
