@@ -165,10 +165,11 @@ if (page.data.live) (() => {
 
   function drawGraph([nodes, edges, more]) {
     const ids = new Set();
-    const speaks = new Set(edges.filter(([kind, , dst]) => kind === 'publish' || (kind === 'call' && dst !== 'bus'))
-      .map(([, src]) => src));
+    const speaks = new Set(edges.filter(([kind]) => kind === 'publish').map(([, src]) => src));
+    const { left: { taken: left }, right: { taken: right } } = COLUMNS;
     for (const [name, isGone] of nodes) {
-      const { parts: [group] } = box(`n${name}`, name, speaks.has(name) ? 'left' : 'right');
+      const { parts: [group] } = box(`n${name}`, name,
+        speaks.has(name) || left.length < right.length ? 'left' : 'right');
       set(group, { class: isGone ? 'node gone' : 'node' });
     }
     for (const edge of edges) {

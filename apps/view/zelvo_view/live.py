@@ -259,7 +259,7 @@ class Live:
     def _topics(self, now):
         rows = []
         for name, flow in ((key[1], flow) for key, flow in self._flows.items() if key[0] == 'topic'):
-            stats, line = self.stats.topics.get(name), flow.line(now // 1000)
+            stats, line = self.stats.topics.get(name), flow.line(now // 1000 - 1)
             state = 'stopped' if flow.has_stopped(now) else 'last'
             ago = (now - flow.latest.ms) // 100 * 100
             rows.append((name, state, (
