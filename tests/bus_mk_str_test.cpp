@@ -51,7 +51,6 @@ const std::vector<Case> kShort = {
     {"%S%p%s", "a. ", "0..2"},  {"%x%X", "gfz", "1..2"},     {"[a-\xff]", "\xc3", "0..0"}};
 // On a small stack, which no pattern overruns; a search without end ends the program.
 void findAll(void *) {
-    const std::string tags = repeated("<b>lorem_ipsum ", 1000);
     const std::string words = repeated("key_1, value.x ", 4400);
     const std::string run(66000, 'a');
     const std::string few(2000, 'a');
@@ -62,9 +61,11 @@ void findAll(void *) {
         {repeated("()", 31) + "(a)", "a", "0..0 0+1"},
         {repeated("()", 32) + "(a)", "a", "none"},
         {repeated("(a?", 32) + repeated(")a?", 32) + repeated("a?", 192) + "b", few, "none"},
-        {repeated("a?", 1025), few, "none"},
+        {repeated("a?", 100000), few, "0..1999"},
         {std::string(1000000, '('), "a", "none"},
-        {"<(%a+)>.-</%1>", tags + "<i>x</i>", "15000..15007 15001+1"},
+        {"<(%a+)>.-</%1>", "<b>" + few + "<i>x</i>", "2003..2010 2004+1"},
+        {"%a-(x+)%1y", run + ",xxy", "66001..66003 66001+1"},
+        {"%b()x", repeated("(", 66000) + "(())x", "66000..66004"},
         {"[a-zA-Z0-9_]+=", run + ",k=", "66001..66002"},
         {"%a-%d", run + ",d1", "66001..66002"},
         {"[%w_.]+@[%w.]+", words + run + ",me@host", "132001..132007"},
