@@ -42,6 +42,7 @@ constexpr std::int32_t kOwnChoices = 64;
 constexpr std::int32_t kNowhere = -1;
 
 // All that a search works with. What has no value here is set before it is read.
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
 struct MatchState {
     const char *src_init;
     const char *src_end;
@@ -227,21 +228,22 @@ void fillEnds(MatchState &state, char open, char close) noexcept {
     if (!state.ends) {
         state.ends = makeTable<std::int32_t>(places);
     }
-    if (!state.ends) {
+    std::int32_t *const ends = state.ends.get();
+    if (!ends) {
         return;
     }
     std::int32_t latest = kNowhere;
     for (std::int32_t at = 0; at < places; ++at) {
         const char c = state.src_init[at];
         if (c == close && latest != kNowhere) {
-            latest = std::exchange(state.ends[latest], at + 1);
+            latest = std::exchange(ends[latest], at + 1);
         }
         if (c == open) {
-            state.ends[at] = std::exchange(latest, at);
+            ends[at] = std::exchange(latest, at);
         }
     }
     while (latest != kNowhere) {
-        latest = std::exchange(state.ends[latest], kNowhere);
+        latest = std::exchange(ends[latest], kNowhere);
     }
     state.filled[byteOf(open)] = close;
 }
@@ -271,7 +273,7 @@ bool matchBalance(MatchState &state, const Item &item) noexcept {
         return false;
     }
     const std::int32_t end = state.filled[byteOf(open)] == close
-                                 ? state.ends[offsetOf(state, state.at)]
+                                 ? state.ends.get()[offsetOf(state, state.at)]
                                  : scanBalance(state, open, close);
     if (end == kNowhere) {
         return false;
@@ -404,7 +406,7 @@ void report(const MatchState &state, const char *start, bus_mk_str_result &resul
 
 int findPattern(std::string_view src, std::string_view pattern,
                 bus_mk_str_result &result) noexcept {
-    MatchState state; // NOLINT(cppcoreguidelines-pro-type-member-init)
+    MatchState state;
     state.src_init = src.data();
     state.src_end = src.data() + src.size();
     state.pattern_end = pattern.data() + pattern.size();
