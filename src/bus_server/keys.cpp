@@ -64,12 +64,23 @@ std::string_view textOf(const cJSON *object, const char *member) noexcept {
     return text ? text : "";
 }
 
-// Whether the file has to be looked at: it is until a store exists and it has been read, and again
-// before it is written where it has not been taken over, since somebody may have mended or made it.
-bool needsFile(const server_t &server, bool persist) noexcept {
-    const KeyFile::State state = server.key_file.state;
-    return !server.keys || state == KeyFile::State::kUnread ||
-           (persist && state != KeyFile::State::kTaken);
+// Whether the file has to be read: until there is a store, and again before it is written where it
+// has not been taken over, since somebody may have mended or made it. What was there and could not
+// be used is only read again for that once it has changed: it may be large.
+bool needsFile(const server_t &server, bool persist) {
+    using State = KeyFile::State;
+    switch (server.key_file.state) {
+    case State::kUnread:
+        return true;
+    case State::kTaken:
+        return !server.keys;
+    case State::kAbsent:
+        return persist || !server.keys;
+    case State::kUnopened:
+        return persist || !server.keys || _busKeysChanged(server);
+    default:
+        return persist || _busKeysChanged(server);
+    }
 }
 
 std::string serve(server_t &server, const char *payload, const char *key) {
