@@ -117,7 +117,7 @@ const Capture *referredCapture(const MatchState &state, const Item &item) noexce
     return complete ? &state.capture[index] : nullptr;
 }
 
-// ---- repeats ----
+// ---- the items ----
 
 std::int32_t offsetOf(const MatchState &state, const char *at) noexcept {
     return static_cast<std::int32_t>(at - state.src_init);
@@ -219,8 +219,6 @@ bool goBack(MatchState &state) noexcept {
     return false;
 }
 
-// ---- balances ----
-
 // Notes in one pass where each run from open to close ends. The entries of those that have begun
 // lead from the latest to the first.
 void fillEnds(MatchState &state, char open, char close) noexcept {
@@ -282,17 +280,13 @@ bool matchBalance(MatchState &state, const Item &item) noexcept {
     return true;
 }
 
-// ---- the other items ----
-
 bool matchSingle(MatchState &state, const Item &item) noexcept {
     if (item.repeat) {
         return matchRepeat(state, item);
     }
-    if (!holdsAt(state, item, state.at)) {
-        return false;
-    }
-    ++state.at;
-    return true;
+    const bool holds = holdsAt(state, item, state.at);
+    state.at += holds ? 1 : 0;
+    return holds;
 }
 
 bool matchBackReference(MatchState &state, const Item &item) noexcept {
@@ -380,10 +374,8 @@ bool isSound(MatchState &state, const char *pattern) noexcept {
 }
 
 bool makeRoom(MatchState &state) noexcept {
-    constexpr std::int64_t kPatience = 32;
-    constexpr std::int64_t kBytesARetry = 64; // that are cleared in the time of a retry
-    const auto bytes = static_cast<std::int64_t>(rowSize(state)) * state.repeats;
-    state.patience = kPatience + bytes / kBytesARetry;
+    constexpr std::int64_t kCleared = 64; // bytes, in the time of a retry
+    state.patience = 32 + static_cast<std::int64_t>(rowSize(state)) * state.repeats / kCleared;
     if (state.repeats > kOwnChoices) {
         state.more_choices = makeTable<Choice>(state.repeats);
         state.choice = state.more_choices.get();
@@ -398,8 +390,7 @@ void report(const MatchState &state, const char *start, bus_mk_str_result &resul
         const auto [init, len] = state.capture[i];
         if (len >= 0) {
             result.p[result.captures] = init;
-            result.len[result.captures] = static_cast<std::int32_t>(len);
-            ++result.captures;
+            result.len[result.captures++] = static_cast<std::int32_t>(len);
         }
     }
 }
@@ -440,15 +431,9 @@ int findPlain(std::string_view src, std::string_view text, bus_mk_str_result &re
 } // namespace
 
 char *bus_mk_strdup(const char *data) noexcept {
-    if (!data) {
-        return nullptr;
-    }
-    const std::size_t size = std::strlen(data) + 1;
-    auto *const copy = static_cast<char *>(std::malloc(size));
-    if (copy) {
-        std::memcpy(copy, data, size);
-    }
-    return copy;
+    const std::size_t size = data ? std::strlen(data) + 1 : 0;
+    void *const copy = data ? std::malloc(size) : nullptr;
+    return copy ? static_cast<char *>(std::memcpy(copy, data, size)) : nullptr;
 }
 
 int bus_mk_str_find(const char *src, const char *pattern, bus_mk_str_result *result) noexcept {

@@ -36,19 +36,6 @@ Item readSingle(const char *at, const char *end) noexcept {
     return item;
 }
 
-Item readEscape(const char *at, const char *end) noexcept {
-    const char *const body = at + 2;
-    switch (at[1]) {
-    case 'b':
-        return makeItem(Kind::kBalance, body, end - body >= 2 ? body + 2 : nullptr);
-    case 'f':
-        return makeItem(Kind::kFrontier, body, *body == '[' ? setEnd(body, end) : nullptr);
-    default:
-        return std::isdigit(byteOf(at[1])) ? makeItem(Kind::kReference, at + 1, body)
-                                           : readSingle(at, end);
-    }
-}
-
 } // namespace
 
 // One byte behind any other can be looked at, since there is the zero byte.
@@ -56,17 +43,24 @@ Item readItem(const char *at, const char *end) noexcept {
     if (at == end) {
         return makeItem(Kind::kEnd, at, at);
     }
+    const bool escape = *at == '%';
+    const char *const body = at + (escape ? 2 : 1);
+    if (escape && at[1] == 'b') {
+        return makeItem(Kind::kBalance, body, end - body >= 2 ? body + 2 : nullptr);
+    }
+    if (escape && at[1] == 'f') {
+        return makeItem(Kind::kFrontier, body, *body == '[' ? setEnd(body, end) : nullptr);
+    }
+    if (escape && std::isdigit(byteOf(at[1]))) {
+        return makeItem(Kind::kReference, at + 1, body);
+    }
     switch (*at) {
     case '(':
-        return makeItem(Kind::kOpen, at, at[1] == ')' ? at + 2 : at + 1);
+        return makeItem(Kind::kOpen, at, *body == ')' ? body + 1 : body);
     case ')':
-        return makeItem(Kind::kClose, at, at + 1);
-    case '$':
-        return at + 1 == end ? makeItem(Kind::kTextEnd, at, end) : readSingle(at, end);
-    case '%':
-        return readEscape(at, end);
+        return makeItem(Kind::kClose, at, body);
     default:
-        return readSingle(at, end);
+        return *at == '$' && body == end ? makeItem(Kind::kTextEnd, at, end) : readSingle(at, end);
     }
 }
 

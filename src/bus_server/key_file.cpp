@@ -113,17 +113,12 @@ void take(server_t &server, JsonPtr json, JsonText text) {
 std::string reserveAside(const std::string &file, std::error_code &error) {
     constexpr int kMost = 1000;
     std::string aside = file + ".bad";
-    for (int i = 1; i <= kMost; ++i) {
-        error = platform::makeFile(aside.c_str());
-        if (!error) {
-            return aside;
-        }
-        if (error != std::errc::file_exists) {
-            break;
-        }
+    error = platform::makeFile(aside.c_str());
+    for (int i = 1; i < kMost && error == std::errc::file_exists; ++i) {
         aside = file + ".bad." + std::to_string(i);
+        error = platform::makeFile(aside.c_str());
     }
-    return {};
+    return error ? std::string{} : aside;
 }
 
 // A failure that goes on is told of once, but for a file that can't be opened.
@@ -179,18 +174,18 @@ void _busGetKeys(server_t &server) {
     const State before = std::exchange(state, State::kUnread);
     const std::string name = fileName(server);
     std::error_code error;
-    server.key_file.look = _busGetAccess(name, error);
-    const platform::FileKind kind = server.key_file.look.kind;
-    if (kind == platform::FileKind::kNone) {
+    const platform::FileLook look = _busGetAccess(name, error);
+    if (look.kind == platform::FileKind::kNone) {
         if (!server.keys) {
             BUS_LOG(3, "  %s not exist, file: %s\n", TAG, name.c_str());
         }
         state = State::kAbsent;
         return;
     }
-    const FilePtr file = openStore(name, kind, error);
+    const FilePtr file = openStore(name, look.kind, error);
     if (!file) {
         BUS_LOG(5, "  %s fopen failed, file: %s\n", TAG, name.c_str());
+        server.key_file.look = look;
         state = State::kUnopened;
         if (state != before) {
             logReason(name, "is not read, and left as it is", error);
@@ -205,6 +200,7 @@ void _busGetKeys(server_t &server) {
     if (json) {
         take(server, std::move(json), std::move(reading.text));
     }
+    server.key_file.look = look;
     state = !reading.whole ? State::kCut : isStore ? State::kTaken : State::kForeign;
     if (state == State::kCut && state != before) {
         BUS_LOG(5, "  %s read localKeys error\n", TAG);

@@ -69,18 +69,10 @@ std::string_view textOf(const cJSON *object, const char *member) noexcept {
 // be used is only read again for that once it has changed: it may be large.
 bool needsFile(const server_t &server, bool persist) {
     using State = KeyFile::State;
-    switch (server.key_file.state) {
-    case State::kUnread:
-        return true;
-    case State::kTaken:
-        return !server.keys;
-    case State::kAbsent:
-        return persist || !server.keys;
-    case State::kUnopened:
-        return persist || !server.keys || _busKeysChanged(server);
-    default:
-        return persist || _busKeysChanged(server);
-    }
+    const State state = server.key_file.state;
+    return (!server.keys && state != State::kCut && state != State::kForeign) ||
+           (state != State::kTaken && persist) ||
+           (state != State::kTaken && state != State::kAbsent && _busKeysChanged(server));
 }
 
 std::string serve(server_t &server, const char *payload, const char *key) {

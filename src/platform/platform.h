@@ -79,12 +79,11 @@ std::int64_t seekEnd(std::FILE *file) noexcept;
 
 enum class FileKind { kNone, kRegular, kOther, kUnknown };
 
-// What can be seen of a file without opening it. Two looks that are equal: nobody has changed it
-// between them, but for what the file system's clock is too coarse to tell.
+// What can be seen of a file without opening it.
 struct FileLook {
     FileKind kind = FileKind::kUnknown;
     std::int64_t size = 0; // in bytes
-    std::int64_t time = 0; // of the last change, in units of the system
+    std::int64_t time = 0; // when its content was last changed, in units of the system
     bool operator==(const FileLook &) const = default;
 };
 

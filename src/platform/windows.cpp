@@ -66,10 +66,6 @@ bool failedWith(const std::error_code &error, DWORD code) noexcept {
     return error.value() == static_cast<int>(code);
 }
 
-std::int64_t joined(DWORD high, DWORD low) noexcept {
-    return static_cast<std::int64_t>(high) << 32 | low;
-}
-
 // A look at what path leads to, which disturbs nobody who has it open.
 Handle openToLook(const char *path) {
     return handleOrNull(CreateFileW(wide(path).c_str(), FILE_READ_ATTRIBUTES,
@@ -127,8 +123,7 @@ FileResult writeInPlace(const std::wstring &name, const Replacement &with,
 
 enum class Step { kDone, kAgain, kInPlace, kNotOpened, kNotWritten };
 
-// Gives the old file its other name, and the new one the old name, or leaves both as they were
-// where the system lets it.
+// Gives the old file its other name, and the new one the old name, or takes back what it can.
 // Written through: a new name is on the disk too when the call returns.
 Step swapIn(const std::wstring &beside, const std::wstring &name, const Replacement &with,
             std::error_code &error) {
@@ -264,8 +259,8 @@ FileLook lookAtFile(const char *path, std::error_code &error) noexcept try {
     const bool directory = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     const FILETIME time = information.ftLastWriteTime;
     return {directory ? FileKind::kOther : FileKind::kRegular,
-            joined(information.nFileSizeHigh, information.nFileSizeLow),
-            joined(time.dwHighDateTime, time.dwLowDateTime)};
+            std::int64_t{information.nFileSizeHigh} << 32 | information.nFileSizeLow,
+            std::int64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime};
 } catch (const std::bad_alloc &) {
     error = std::make_error_code(std::errc::not_enough_memory);
     return {};
