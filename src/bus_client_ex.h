@@ -93,7 +93,6 @@ struct timer_t {
     double timeout; // due time, milliseconds of clock_gettimestamp
     void *userdata;
     timer_callback timer_func;
-    timer_t *next_due; // of the timers that one pass has found due
 };
 
 // A timer of client with its next id, due mstimeout milliseconds from now. Ids run from 2 to
