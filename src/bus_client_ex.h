@@ -157,12 +157,14 @@ struct client_t {
     std::atomic<double> earliest_due{std::numeric_limits<double>::infinity()};
     // Whether the server knows the node. Written by the server's thread only.
     std::atomic<bool> registered{false};
-    // Whether the node has gone without the server's answer to its leave request; the server takes
-    // it off the bus when it meets the record in its list of such nodes.
+    // Whether the node has gone for good without an answer of the server's to its leave request, or
+    // to its join; the server takes it off the bus, if it is on it, when it meets the record in its
+    // list of such nodes.
     std::atomic<bool> departed{false};
     client_t *next_departed = nullptr;
     client_t *next_to_wake = nullptr; // in the server's list of nodes that it has yet to wake
     std::atomic<int> references{1};
+    std::atomic<int> joins_under_way{0}; // requests to join that hold one of them
     bus::NodeCounters counters;
 
     client_t() noexcept;
