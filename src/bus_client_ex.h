@@ -144,10 +144,6 @@ struct client_t {
     bool turn_offered BUS_MK_GUARDED_BY(oncall_mutex) = false; // to those of them there were then
     std::uint32_t turn_offers BUS_MK_GUARDED_BY(oncall_mutex) = 0; // how often it has been
     bus_mk_thread_cond_t turn_cond;                                // signalled with each offer
-    // Whether a call of the application's is to join the node, and the node has not subscribed to
-    // the notices since. Only the thread whose turn it is touches it.
-    bool wants_notices = false;
-
     // Whether the caller sleeps, or is about to: no signal is left over for a later call.
     bool caller_sleeps BUS_MK_GUARDED_BY(oncall_mutex) = false;
     // The number of the call that waits for its answer, or 0. Written under oncall_mutex; the
