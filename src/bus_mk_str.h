@@ -59,12 +59,12 @@ struct bus_mk_str_result {
 // Cost:    Plain text costs one strstr. Any other pattern costs at most about one step, of 1 to 10
 //          ns, for each of its bytes with each of the text's, also where its repeats overlap and
 //          where there is no match. Only what stands between a capture and a back-reference to it
-//          is tried anew from each place: with k repeats there, n bytes of text may take n^(k+1)
-//          steps.
-// Memory:  At most 8 KiB of stack, whatever the pattern: nothing recurses. Heap: 48 bytes for each
-//          repeat sign where there are more than 64; and in a search that takes long a bit for each
-//          byte of text and repeat sign, and 4 bytes for each of the text where balances are
-//          searched. What takes long finds the same without, but not within those steps.
+//          is tried anew from each place: n bytes of text with k repeats there may take n^(k+1).
+// Memory:  At most 8 KiB of stack: nothing recurses. Heap: 48 bytes for each repeat sign where
+// there
+//          are more than 64; in a search that takes long, a bit for each byte of text and repeat
+//          sign, and 4 bytes for each of the text where balances are searched. What takes long
+//          finds the same without, but not within those steps.
 // Threads: any; nothing is shared.
 int bus_mk_str_find(const char *src, const char *pattern, bus_mk_str_result *result) noexcept;
 

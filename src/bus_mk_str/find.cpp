@@ -37,7 +37,6 @@ struct Choice {
 
 template <typename Entry>
 using Table = std::unique_ptr<Entry[], bus_mk_free>;
-
 constexpr std::int32_t kOwnChoices = 64;
 constexpr std::int32_t kNowhere = -1;
 

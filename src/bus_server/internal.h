@@ -121,9 +121,8 @@ std::string statsText(server_t &server);
 void _busGetKeys(server_t &server);
 // Whether the file is another than the one that _busGetKeys has seen.
 bool _busKeysChanged(const server_t &server);
-// Replaces the file by the store, unless it has not been read. A file that begins with no JSON
-// object is set aside first. What does not succeed leaves the file as it was, and the store in
-// memory.
+// Replaces the file by the store, unless it has not been read. One that begins with no JSON object
+// is set aside first. What does not succeed leaves the file as it was, and the store in memory.
 void _busSetKeys(server_t &server);
 
 // ---- deadlock.cpp ----

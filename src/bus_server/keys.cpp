@@ -64,9 +64,8 @@ std::string_view textOf(const cJSON *object, const char *member) noexcept {
     return text ? text : "";
 }
 
-// Whether the file has to be read: until there is a store, and again before it is written where it
-// has not been taken over, since somebody may have mended or made it. What was there and could not
-// be used is only read again for that once it has changed: it may be large.
+// Whether the file has to be read: until there is a store, and before it is written until it has
+// been taken over. What was there and could not be used may be large: once it has changed.
 bool needsFile(const server_t &server, bool persist) {
     using State = KeyFile::State;
     const State state = server.key_file.state;
