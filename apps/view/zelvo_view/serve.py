@@ -120,7 +120,8 @@ def run(view, port, listen):
     try:
         server = Server(address, port, live)
     except (OSError, OverflowError) as error:
-        raise InputError('{}: {}'.format(_address(address, port), error)) from error
+        reason = getattr(error, 'strerror', None) or error
+        raise InputError('{}: {}'.format(_address(address, port), reason)) from error
     if listen:
         print('zelvo-view: warning: who reaches {} and knows the key sees all messages, and so does '
               'who listens on the way'.format(address), file=sys.stderr)

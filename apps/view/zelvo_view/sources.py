@@ -193,10 +193,8 @@ class Pipe(threading.Thread):
                     data = b'\nlog lines lost: %d, not read in time\n\n' % skipping + data
                     skipping = 0
                 self._held += data
+                self._ended = not data
                 self._changed.notify()
-        with self._changed:
-            self._ended = True
-            self._changed.notify()
 
     def take(self, seconds):
         """What has come, b'' at the end, None where nothing has come for so long."""
