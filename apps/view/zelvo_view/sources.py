@@ -221,7 +221,8 @@ class Tail:
     @property
     def behind(self):
         """Bytes that are there and have not been read."""
-        return max(os.fstat(self._file.fileno()).st_size - self._file.tell(), 0)
+        size = os.fstat(self._file.fileno()).st_size
+        return max(size - self._file.tell(), 0) if self._file.seekable() else 0
 
     def read(self):
         """What has come since."""
