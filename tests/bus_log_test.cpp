@@ -61,6 +61,15 @@ TEST_F(Log, line_carries_ids_time_and_source) {
     EXPECT_EQ(bus::toTimeval(sys_days{year{2040} / 1 / 1}).tv_sec, 2208988800);
 }
 
+// Guards the numbers that a thread remembers.
+TEST_F(Log, child_of_a_fork_has_numbers_of_its_own) {
+    bus::bus_log_init(0, path_.c_str(), 0, 20);
+    BUS_LOG(3, "parent");
+    const unsigned int child = inChild([] { BUS_LOG(3, "child"); });
+    EXPECT_TRUE(child == 0 || count(readFile(path_), std::to_string(child)) >= 2)
+        << child << readFile(path_);
+}
+
 TEST_F(Log, threshold_drops_lines_and_evaluates_nothing) {
     BUS_LOG(5, "before the log is open");
     bus::bus_log_init(1, path_.c_str(), 0, 20);
@@ -92,6 +101,22 @@ TEST_F(Log, text_is_cut_and_file_is_emptied_appended_to_or_begun_anew) {
     }
     std::ofstream{utf8Path(path_)}.seekp(std::int64_t{3} << 30).put('x'); // beyond 32 bits
     EXPECT_EQ(written({"next"}, 1, 2500), notice + "3221225473" + anew);
+}
+
+// Guards the size that is not asked for each time.
+TEST_F(Log, what_others_write_and_cut_counts) {
+    bus::bus_log_init(0, path_.c_str(), 1, 10.0F / 1024);
+    const std::string text(4000, 'x');
+    BUS_LOG(3, "%s", text.c_str());
+    BUS_LOG(3, "%s", text.c_str());
+    std::filesystem::resize_file(utf8Path(path_), 0);
+    BUS_LOG(3, "%s", text.c_str());
+    BUS_LOG(3, "%s", text.c_str());
+    EXPECT_EQ(count(readFile(path_), "x\n"), 2U);
+    std::ofstream{utf8Path(path_), std::ios::app} << text;
+    BUS_LOG(3, "%s", text.c_str()); // behind it, which tells where the file ends
+    BUS_LOG(3, "%s", text.c_str());
+    EXPECT_EQ(count(readFile(path_), "x\n"), 1U);
 }
 
 // Guards what a disk that fails takes.
