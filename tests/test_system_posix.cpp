@@ -32,16 +32,6 @@ bool withFullDisk(std::size_t size, const Body &body) {
     return withLimit(RLIMIT_FSIZE, size, body);
 }
 
-unsigned int inChild(const Body &body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        body();
-        _exit(0);
-    }
-    waitpid(child, nullptr, 0);
-    return static_cast<unsigned int>(child);
-}
-
 bool whileKilled(int times, const Body &work, const Body &look) {
     for (int i = 0; i < times; ++i) {
         const pid_t child = fork();

@@ -13,10 +13,6 @@ bool withFullDisk(std::size_t /*size*/, const Body & /*body*/) {
     return false;
 }
 
-unsigned int inChild(const Body & /*body*/) {
-    return 0;
-}
-
 bool whileKilled(int /*times*/, const Body & /*work*/, const Body & /*look*/) {
     return false;
 }
