@@ -44,10 +44,14 @@ def surroundings():
 def counted(profile):
     """{function: instructions} of a profile that callgrind has written."""
     functions = collections.Counter()
-    function, called = "", False
+    library, function, called = "", "", False
     for line in profile.splitlines():
-        if line.startswith("fn="):
-            function = line[3:]
+        if line.startswith("ob="):
+            library = pathlib.Path(line[3:]).name
+        elif line.startswith("fn="):
+            function = line[3:].split("'")[0]  # of a recursion's depths one
+            if function.startswith("0x"):
+                function = f"{library} {function}"
         elif line.startswith("calls="):
             called = True  # the next line has what the callee took
         elif line[:1].isdigit():

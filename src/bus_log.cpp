@@ -91,13 +91,12 @@ void openFile(const char *path, int mode, float size) noexcept BUS_MK_REQUIRES(_
 
 // Others may write to the file, or cut it: its size is looked at after an eighth of what is left.
 void rotateIfFull() noexcept BUS_MK_REQUIRES(_lock) {
-    constexpr float kLongest = 1 << 30;
     if (max_size <= 0 || _unasked > 0) {
         return;
     }
     const std::int64_t length = platform::filePosition(_file);
     const float left = max_size - static_cast<float>(length);
-    _unasked = static_cast<std::int64_t>(std::min(left / 8, kLongest));
+    _unasked = static_cast<std::int64_t>(std::min(left / 8, 1e9F));
     if (left > 0) {
         return;
     }
@@ -121,16 +120,40 @@ void put(std::string_view text) noexcept BUS_MK_REQUIRES(_lock) {
 void put(std::string_view before, std::uint32_t number, int width, char fill) noexcept
     BUS_MK_REQUIRES(_lock) {
     std::array<char, 10> digits{};
-    char *first = digits.end();
+    digits.fill(fill);
+    char *const end = digits.data() + digits.size();
+    char *first = end;
     do {
         *--first = static_cast<char>('0' + number % 10);
         number /= 10;
     } while (number != 0);
-    while (digits.end() - first < width) {
-        *--first = fill;
-    }
+    first = std::min(first, end - width);
     put(before);
-    put({first, digits.end()});
+    put({first, static_cast<std::size_t>(end - first)});
+}
+
+// Adds the text of a format with no other conversions than %s and %d, the latter with a width of
+// one digit or none, as nearly all have. False: it has others, or must go the long way; a part is
+// added.
+bool putPlain(const char *fmt, std::va_list args) noexcept BUS_MK_REQUIRES(_lock) {
+    for (;; ++fmt) {
+        const std::size_t literal = std::strcspn(fmt, "%");
+        put({fmt, literal});
+        fmt += literal;
+        if (*fmt == '\0') {
+            return true;
+        }
+        const int width = *++fmt >= '1' && *fmt <= '9' ? *fmt++ - '0' : 0;
+        const char *const text = *fmt == 's' && width == 0 ? va_arg(args, const char *) : nullptr;
+        const int number = *fmt == 'd' ? va_arg(args, int) : -1;
+        if (text) {
+            put({text, strnlen(text, kBudget)}); // looked at no farther than it can be shown
+        } else if (number >= 0) {
+            put("", static_cast<std::uint32_t>(number), width, ' ');
+        } else {
+            return false;
+        }
+    }
 }
 
 // What stands between the numbers of a thread and the milliseconds, composed once for each second.
@@ -143,12 +166,10 @@ std::string_view stampOf(std::int64_t second) noexcept BUS_MK_REQUIRES(_lock) {
         const sys_seconds local{seconds{second} + hours{8}};
         const auto midnight = floor<days>(local);
         const year_month_day date{midnight};
-        const hh_mm_ss time{local - midnight};
+        const auto clock = static_cast<int>((local - midnight).count());
         std::snprintf(text.data(), text.size(), "]%02d-%02u-%02u %02d:%02d:%02d.",
                       static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-                      static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
-                      static_cast<int>(time.minutes().count()),
-                      static_cast<int>(time.seconds().count()));
+                      static_cast<unsigned>(date.day()), clock / 3600, clock / 60 % 60, clock % 60);
     }
     return text.data();
 }
@@ -182,7 +203,6 @@ bool writeLine() noexcept BUS_MK_REQUIRES(_lock) {
 void lose(int level, const char *file, int line) noexcept BUS_MK_REQUIRES(_lock) {
     constexpr int kError = 5;
     ++_loss.lines;
-    _unasked = 0;
     tellReason(_file == stdout ? "standard output" : _log_path, errno);
     if (level >= kError && (file != _loss.file || line != _loss.line)) {
         _loss.file = file;
@@ -216,15 +236,21 @@ void _bus_log(int level, const char *file, int line, const char * /*func*/, cons
     }
     _length = 0;
     putHead(level, file, line);
+    const std::size_t head = _length;
     std::va_list args;
     va_start(args, fmt);
-    std::vsnprintf(_buf.data() + _length, kBudget + 1 - _length, fmt, args);
+    const bool complete = putPlain(fmt, args);
     va_end(args);
-    _length += std::strlen(_buf.data() + _length);
+    if (!complete) {
+        va_start(args, fmt);
+        std::vsnprintf(_buf.data() + head, kBudget + 1 - head, fmt, args);
+        va_end(args);
+        _length = head + std::strlen(_buf.data() + head);
+    }
     if (_buf[_length - 1] != '\n') {
         _buf[_length++] = '\n';
-        _buf[_length] = '\0';
     }
+    _buf[_length] = '\0';
     if (_file != stdout) {
         rotateIfFull();
     }

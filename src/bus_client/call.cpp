@@ -215,7 +215,7 @@ Call exchange(client_t &client, const Question &question, char **response) noexc
     }
     *response = client.call_response.get();
     count(client.counters.calls_answered);
-    BUS_LOG(2, "  %s %s call response, %.4094s\n", TAG, client.name.get(), orNull(*response));
+    BUS_LOG(2, "  %s %s call response, %s\n", TAG, client.name.get(), orNull(*response));
     if (question.taker) {
         *question.taker = std::move(client.call_response);
     }

@@ -229,14 +229,13 @@ int _message_equal(void *key, void *stored) noexcept {
     return wanted.starts_with(message->action) ? 0 : -1;
 }
 
-// Texts are read no farther than a line can show them.
 int _busClientLogMessage(int level, const char *direction, const client_t *client,
                          const message_t *message, const char *target, int line) noexcept {
     if (message->action && std::string_view{message->action}.starts_with(action::kSetTimer)) {
         return 0;
     }
     BUS_LOG(level,
-            "  %s #%4d# %.4094s %s %s,  action: %s, topic: %.4094s,  url: %.4094s, payload: %s, "
+            "  %s #%4d# %s %s %s,  action: %s, topic: %s,  url: %s, payload: %s, "
             "payload len: %d\n",
             TAG, line, orNull(client->name.get()), direction, orNull(target),
             orNull(message->action), orNull(message->topic), orNull(message->url),

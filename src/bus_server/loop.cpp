@@ -276,8 +276,8 @@ void wakeSome(server_t &server) noexcept {
 int _busServerLogMessage(int level, const char *direction, const server_t *server,
                          const message_t *message, const char *target, int line) noexcept {
     BUS_LOG(level,
-            "  %s #%4d# %s %s %.4094s,  action: %s, topic: %.4094s,  url: %.4094s, "
-            "requestor: %.4094s, payload:%s, payload len: %d\n",
+            "  %s #%4d# %s %s %s,  action: %s, topic: %s,  url: %s, requestor: %s, payload:%s, "
+            "payload len: %d\n",
             TAG, line, orNull(server ? server->name.get() : nullptr), direction, orNull(target),
             orNull(message->action), orNull(message->topic), orNull(message->url),
             orNull(message->request_name), tracedPayload(message->payload),

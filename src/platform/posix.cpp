@@ -67,11 +67,10 @@ long futex(Word &word, int operation, std::uint32_t value,
 }
 
 // What the kernel calls a thread and its process, asked once; the child of a fork asks anew.
-struct Numbers {
+constinit thread_local struct Numbers {
     std::uint32_t thread;
     std::uint32_t process;
-};
-constinit thread_local Numbers known{0, 0};
+} known{0, 0};
 
 const Numbers &numbers() noexcept {
     static const bool forgets = pthread_atfork(nullptr, nullptr, [] { known = {}; }) == 0;
