@@ -55,8 +55,8 @@ struct server_t {
     std::uint64_t joins = 0;
     // Nodes that have gone without waiting for the server, one reference each.
     std::atomic<client_t *> departed{nullptr};
-    // Nodes that sleep and have been sent publications, first and last. They can't go away
-    // meanwhile.
+    // Nodes that sleep and have been sent messages, first and last. They can't go away meanwhile.
+    // When the loop ends, all nodes, one after the other.
     client_t *to_wake = nullptr;
     client_t *to_wake_last = nullptr;
     std::atomic<int> running{0}; // 1 while the loop is to go on
@@ -81,8 +81,8 @@ server_t *busServerNew(const char *homepath) noexcept;
 // Runs the loop in the calling thread until it takes an exit message. -1: server is null. 0: it
 // has ended, or it was running already. What is still queued stays queued.
 int busServerRun(server_t *server) noexcept;
-// Queues an exit message behind everything that waits, beyond the queue's places if need be; lost,
-// with an error in the log, only for want of memory. Always 0.
+// Queues an exit message behind everything that waits, in the places of postToServer; lost, with an
+// error in the log, when these stay taken or memory stays short. Always 0.
 int busServerExit(server_t *server) noexcept;
 // Stops a loop that still runs, waits for its end, and frees everything. Null is accepted.
 int busServerDelete(server_t *server) noexcept;

@@ -50,7 +50,7 @@ namespace {
 
 TEST(HeldThreads, call_on_its_way_to_a_node_that_is_closed_without_memory_is_answered) {
     const Deadline deadline{"a call that a close has left behind"};
-    const Bus bus{6};
+    const Bus bus;
     Node idle{bus, "idle", {}, false};
     Node caller{bus, "caller"};
     Place sending{idle.get()->message_queue};
@@ -58,8 +58,11 @@ TEST(HeldThreads, call_on_its_way_to_a_node_that_is_closed_without_memory_is_ans
     std::thread thread{[&] { EXPECT_EQ(caller.call("/idle/x"), bus::kNoHandlerAnswer); }};
     ASSERT_TRUE(sending.inside.wait()); // the bus is about to hand the request on
     memoryIsShort = true;
+    idle.publish("t");
     idle.close(); // whose wake-up of the bus is lost
     memoryIsShort = false;
+    EXPECT_EQ(count(bus.log(), "malloc error"), 3U); // with the leave request, one line each
+    EXPECT_EQ(count(bus.log(), "[E] "), 3U);
     sending.letGo.set();
     thread.join();
 }

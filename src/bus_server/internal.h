@@ -24,9 +24,11 @@ int _busServerLogMessage(int level, const char *direction, const server_t *serve
 
 // ---- waking, wake.cpp ----
 
-// Notes a node that sleeps on its queue and is to be woken.
+// Notes a node that is to be woken, mostly one that sleeps on its queue; takes the first off the
+// note, null: there is none.
 void wakeLater(server_t &server, client_t &client) noexcept;
-// Wakes the first, or all of them. False: there was none.
+client_t *takeToWake(server_t &server) noexcept;
+// Wakes the first, or all, of those that sleep on their queues. False: there was none.
 bool wakeNext(server_t &server) noexcept;
 void wakeAll(server_t &server) noexcept;
 
