@@ -27,17 +27,22 @@ make_root() {
         as_root tar -C "$clean" -x -p -f "$archive"
     fi
     as_root chmod 755 "$clean"
-    as_root cp -L /etc/resolv.conf "$clean/etc"
+    as_root cp -L /etc/resolv.conf /etc/hosts "$clean/etc"
+    as_root chmod 1777 "$clean/dev/shm"
 }
 
-# inside COMMAND...: as root in the clean root, with processes of its own, none of which outlives it.
-# A root that is no mount of its own, as that of a container can be, has no propagation to change.
+# inside COMMAND...: as root in the clean root, with processes of its own, none of which outlives it, and
+# terminals of its own where the system allows it. A root that is no mount of its own, as that of a
+# container can be, has no propagation to change.
 inside() {
     local propagation=private
     as_root unshare --mount true 2>/dev/null || propagation=unchanged
+    # shellcheck disable=SC2016 # for the shell inside
     as_root unshare --mount --propagation "$propagation" --pid --fork --kill-child \
-        --mount-proc="$clean/proc" chroot "$clean" env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-        HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"
+        --mount-proc="$clean/proc" sh -c '
+            mount -t devpts -o newinstance,ptmxmode=666 devpts "$0/dev/pts" 2>/dev/null
+            exec chroot "$0" env -i LC_ALL=C.UTF-8 HOME=/root DEBIAN_FRONTEND=noninteractive \
+                PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$clean" "$@"
 }
 
 # logged COMMAND...: inside; its output only where it fails.
