@@ -10,8 +10,9 @@ remove_root() {
 
 # make_root: the root of this Debian, once for a script; removed by remove_root.
 make_root() {
-    local archive=$root/build/clean-root.tar release
+    local archive release
     release=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+    archive=$root/build/clean-root-$release.tar
     clean=$(mktemp -d -p /var/tmp zelvo-root.XXXXXX)
     if [[ ! -e $archive ]]; then
         step "make a clean root"
