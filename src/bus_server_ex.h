@@ -4,6 +4,7 @@
 
 #include "bus_client_ex.h"
 #include "bus_server/directory.h"
+#include "platform/platform.h"
 
 #include <atomic>
 #include <cstdint>
@@ -26,18 +27,21 @@ struct node_t {
     node_t &operator=(const node_t &) = delete;
 };
 
-// What is known of keys.json.
+// What is known of keys.json. Up to kCut it must not be overwritten.
 struct KeyFile {
     enum class State {
-        kUnread,  // nothing: it has not been read, or not to its end; it must not be overwritten
-        kAbsent,  // there was none
-        kForeign, // it is no JSON object; it is set aside when the store is written
+        kUnread,   // nothing
+        kUnopened, // it can't be opened
+        kCut,      // it has not been read to its end
+        kAbsent,   // there was none
+        kForeign, // it does not begin with a JSON object; it is set aside when the store is written
         kTaken    // what it held stands in the store, or it held nothing
     };
     State state = State::kUnread;
+    platform::FileLook look;                                    // at the file of that state
+    platform::FileResult written = platform::FileResult::kDone; // the last write's
     bool flush = true;              // a write is on the disk before it is answered
     bool leftovers_removed = false; // of processes that died while they wrote
-    bool in_place_told = false;     // the log has said that the directory can't be written
 };
 
 // The router. Its loop's thread alone changes the registry, the topics and the sticky store; other

@@ -44,6 +44,11 @@ void *__real__Z15bus_mk_pool_getv();
 void *__wrap__Z15bus_mk_pool_getv() {
     return memoryIsShort ? nullptr : __real__Z15bus_mk_pool_getv();
 }
+int __real_rename(const char *, const char *);
+int __wrap_rename(const char *from, const char *to) { // the first succeeds
+    static int done = 0;
+    return done++ == 0 ? __real_rename(from, to) : -1;
+}
 }
 
 namespace {
@@ -65,6 +70,14 @@ TEST(HeldThreads, call_on_its_way_to_a_node_that_is_closed_without_memory_is_ans
     EXPECT_EQ(count(bus.log(), "[E] "), 3U);
     sending.letGo.set();
     thread.join();
+}
+
+TEST(HeldThreads, file_that_is_set_aside_outlives_the_renames_that_fail_then) {
+    const TempDir home;
+    std::ofstream{home.file("keys.json")} << "[1]";
+    const Bus bus{3, R"(,"homePath":")" + home.path() + '"'};
+    Node{bus, "n"}.call("/localKeys/a", R"({"operation":"set","data":1,"persist":"true"})");
+    EXPECT_EQ(readFile(home.file("keys.json.bad")), "[1]");
 }
 
 TEST(HeldThreads, receiver_whose_wait_is_limited_does_not_overtake_its_senders_signal) {

@@ -114,13 +114,15 @@ void _busServerKeys(server_t &server, const Request &request) noexcept;
 // What server and nodes have counted, as JSON. Throws std::bad_alloc.
 std::string statsText(server_t &server);
 
-// ---- the key store's file, key_file.cpp; both throw std::bad_alloc ----
+// ---- the key store's file, key_file.cpp; all throw std::bad_alloc ----
 
 // Reads the file, where there is one, and puts what has been set since on top of it. Nothing is
-// taken of a file that can't be read to its end, unless what could be read is a whole object.
+// taken of a file that can't be read to its end, unless what could be read begins with an object.
 void _busGetKeys(server_t &server);
-// Replaces the file by the store, unless it has not been read. A file that is no JSON object is set
-// aside first. What does not succeed leaves the file as it was, and the store in memory.
+// Whether the file is another than the one that _busGetKeys has seen.
+bool _busKeysChanged(const server_t &server);
+// Replaces the file by the store, unless it has not been read. One that begins with no JSON object
+// is set aside first. What does not succeed leaves the file as it was, and the store in memory.
 void _busSetKeys(server_t &server);
 
 // ---- deadlock.cpp ----
