@@ -34,7 +34,7 @@ as_root() {
 
 # by_administrator WHY COMMAND: fails with the line for somebody who is root.
 by_administrator() {
-    fail "$1 needs root's rights, and there is no sudo. An administrator can run this line:
+    fail "$1 needs root's rights, and sudo gives none. An administrator can run this line:
 $2"
 }
 
