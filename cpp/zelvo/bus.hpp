@@ -31,6 +31,10 @@
 #ifndef ZELVO_BUS_HPP
 #define ZELVO_BUS_HPP
 
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
+#else
+
 #include "detail/node.hpp"
 #include "types.hpp"
 
@@ -412,5 +416,7 @@ private:
 };
 
 } // namespace zelvo
+
+#endif // C++17
 
 #endif

@@ -2,6 +2,10 @@
 #ifndef ZELVO_TYPES_HPP
 #define ZELVO_TYPES_HPP
 
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
+#else
+
 #include <chrono>
 #include <cstddef>
 #include <exception>
@@ -72,5 +76,7 @@ struct Config {
 };
 
 } // namespace zelvo
+
+#endif // C++17
 
 #endif
