@@ -1,7 +1,5 @@
 #include "incoming.h"
 
-#include "link.h"
-
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
@@ -36,6 +34,8 @@ void readUserProperty(Incoming &incoming, const mosquitto_property *property) {
     const Owned<char> ownedValue{value};
     if (name && value && std::string_view{name} == kHops) {
         incoming.hops = readNumber(value);
+    } else if (name && value && std::string_view{name} == kTimeout) {
+        incoming.timeout = readNumber(value);
     }
 }
 
@@ -61,6 +61,11 @@ void readExpiry(Incoming &incoming, const mosquitto_property *property) {
                                   false);
 }
 
+void readSubscription(Incoming &incoming, const mosquitto_property *property) {
+    mosquitto_property_read_varint(property, MQTT_PROP_SUBSCRIPTION_IDENTIFIER,
+                                   &incoming.subscription, false);
+}
+
 struct Reader {
     int identifier;
     void (*read)(Incoming &, const mosquitto_property *);
@@ -68,7 +73,8 @@ struct Reader {
 constexpr Reader kReaders[] = {{MQTT_PROP_USER_PROPERTY, readUserProperty},
                                {MQTT_PROP_RESPONSE_TOPIC, readAnswerTopic},
                                {MQTT_PROP_CORRELATION_DATA, readCorrelation},
-                               {MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, readExpiry}};
+                               {MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, readExpiry},
+                               {MQTT_PROP_SUBSCRIPTION_IDENTIFIER, readSubscription}};
 
 } // namespace
 
