@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kLongestConnect{10'000};
 constexpr std::chrono::seconds kLongestAnswer{2}; // doubled with each question
-constexpr int kMostQuestions = 6;
+constexpr int kMostQuestions = 3;
 constexpr int kPublications = MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED;
 
 // Nothing: there is no time left.
@@ -123,9 +123,10 @@ void DataLink::acknowledged(int mid, int reason) {
     if (!publication) {
         return;
     }
-    prosper();
     if (reason >= 128) {
         refuse(*publication, mosquitto_reason_string(reason));
+    } else {
+        prosper();
     }
 }
 
@@ -177,19 +178,31 @@ void DataLink::greet() {
     }
     questions_ = 0;
     if (inflow_) {
-        inflow_->expectAll();
-        round_ = !retains_ ? Round::kNone : sessionKept_ ? Round::kKept : Round::kAll;
-        ask();
+        begin(!retains_ ? Round::kNone : sessionKept_ ? Round::kKept : Round::kAll);
     }
     changed_(true, "");
 }
 
+void DataLink::begin(Round round) {
+    round_ = round;
+    if (round_ == Round::kAll) {
+        inflow_->expectAll();
+    } else if (round_ == Round::kMissing && !inflow_->expectSticky()) {
+        round_ = Round::kNone;
+        unsubscribe(topics_.ownPresence());
+        return;
+    }
+    ask();
+}
+
 void DataLink::ask() {
-    const bool wantsRetained = round_ == Round::kAll || round_ == Round::kMissing;
-    for (const std::string &topic : inflow_->expected()) {
-        subscribe(topic, config_.qos,
-                  kPublications | (wantsRetained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS
-                                                 : MQTT_SUB_OPT_SEND_RETAIN_NEVER));
+    const bool retained = round_ == Round::kAll || round_ == Round::kMissing;
+    const int options = kPublications | (retained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS
+                                                  : MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    for (const auto &[topic, onBus] : inflow_->topics()) {
+        if (!retained || inflow_->expected().contains(topic)) {
+            subscribe(topic, config_.qos, options);
+        }
     }
     if (round_ != Round::kNone) {
         subscribe(topics_.ownPresence(), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS, ++question_);
@@ -197,31 +210,31 @@ void DataLink::ask() {
     }
 }
 
+// Where the presence can't be read, what is retained is asked for all the same, once.
 void DataLink::askAgain() {
-    if (questions_ == 3) {
-        log_.warning("topics that the broker has emptied stay sticky: it does not hand over " +
-                     topics_.ownPresence() + ", which is to come behind what is retained");
-        round_ = Round::kAll;
-    }
     if (questions_ < kMostQuestions) {
         ask();
-    } else {
-        round_ = Round::kNone;
+        return;
     }
+    log_.warning("topics that the broker has emptied may stay sticky: it does not hand over " +
+                 topics_.ownPresence() + ", which is to come behind what is retained");
+    if (round_ == Round::kKept) {
+        begin(Round::kAll);
+    }
+    round_ = Round::kNone;
 }
 
 void DataLink::answered() {
-    const Round before = round_;
-    if (before == Round::kMissing) {
+    switch (round_) {
+    case Round::kKept:
+        begin(Round::kAll);
+        break;
+    case Round::kAll:
+        begin(Round::kMissing);
+        break;
+    default:
         inflow_->sweep();
-    }
-    round_ = before == Round::kKept                             ? Round::kAll
-             : before == Round::kAll && inflow_->expectSticky() ? Round::kMissing
-                                                                : Round::kNone;
-    if (round_ == Round::kNone) {
-        unsubscribe(topics_.ownPresence());
-    } else {
-        ask();
+        begin(Round::kMissing); // none
     }
 }
 

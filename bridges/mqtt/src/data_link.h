@@ -39,6 +39,11 @@ public:
     Counts counts();
 
 private:
+    // What is retained is asked for in rounds, behind each of which comes the own presence:
+    // first until what the broker has kept for the session has come, then all, and then what is
+    // missing once more, since a broker may drop what it has no room for.
+    enum class Round { kNone, kKept, kAll, kMissing };
+
     Purpose purpose() const override;
     bool mayConnect() const override { return allowed_.load(); }
     void seek() override;
@@ -54,6 +59,7 @@ private:
     bool publish(Publication publication);
     void refuse(const Publication &publication, const std::string &why);
     void tellDrops();
+    void begin(Round round);
     void ask();
     void askAgain();
     void answered();
@@ -76,10 +82,6 @@ private:
     };
     std::map<std::string, Refusals> refusals_; // by topic
 
-    // What is retained is asked for in rounds, behind each of which comes the own presence:
-    // first until what the broker has kept for the session has come, then all, and then what is
-    // missing once more, since a broker may drop what it has no room for.
-    enum class Round { kNone, kKept, kAll, kMissing };
     Round round_ = Round::kNone;
     std::uint32_t question_ = 0; // number of the latest
     int questions_ = 0;          // on this connection

@@ -34,11 +34,12 @@ public:
 
     // The rest is the link's thread's. None of it blocks. Topics are the broker's.
     bool takes(const std::string &topic) const { return topics_.contains(topic); }
+    const std::map<std::string, std::string> &topics() const { return topics_; } // and the bus's
     void publish(const Incoming &incoming); // of a topic that it takes
     std::chrono::milliseconds pause();      // 0: go on reading
 
     // What is retained of the expected topics is to come now; what is sticky already is then not
-    // published again.
+    // published again. None is expected in the beginning.
     void expectAll();
     bool expectSticky(); // those that are sticky and have not come; false: there are none
     const std::set<std::string> &expected() const { return expected_; }

@@ -21,22 +21,12 @@ protected:
     Broker broker{"allow_anonymous true\npersistence true\npersistence_location DIR/\n"};
 };
 
-void publish(Bridged &from, const std::string &topic, const std::string &payload,
-             bool sticky = false) {
-    (sticky ? busClientPublishSticky : busClientPublish)(
-        from.listener.node.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
-}
-
-void hear(Bridged &at, const std::vector<std::string> &topics) {
-    busClientSubscribe(at.listener.node.get(), zelvo_mqtt::jsonArray(topics).c_str());
-}
-
 TEST_F(Bridges, publications_of_any_topic_and_content_pass) {
     std::vector<std::string> topics = {"a/b", "+",      "#",    "",         "$SYS",
                                        "%41", "\x01\n", "\xff", "t\xc3\xbc"};
     Bridged to{broker.url(), "to", "\"in\":" + zelvo_mqtt::jsonArray(topics)};
     ASSERT_TRUE(to.connects());
-    hear(to, topics);
+    hear(to, zelvo_mqtt::jsonArray(topics));
     Bridged from{broker.url(), "from", "\"out\":" + zelvo_mqtt::jsonArray(topics)};
     for (const std::string &topic : topics) {
         for (const std::string &payload : {std::string{"x\0\xff", 3}, std::string{}}) {
@@ -58,11 +48,11 @@ TEST_F(Bridges, a_retained_publication_is_sticky_until_it_is_emptied) {
     EXPECT_EQ(peer.next("zelvo/topic/kept"), "1");
     { // whose session the broker keeps
         Bridged before{broker.url(), "to", R"("in":["kept","once"])"};
-        hear(before, {"kept"});
+        hear(before, R"(["kept"])");
         EXPECT_TRUE(before.listener.hears("kept=1"));
     }
     Bridged to{broker.url(), "to", R"("in":["kept","once"])"};
-    hear(to, {"once"});
+    hear(to, R"(["once"])");
     const auto late = [&](const char *name) {
         return std::make_unique<Listener>(to.bus.get(), name, R"(["kept"])");
     };
@@ -81,7 +71,7 @@ TEST_F(Bridges, a_retained_publication_is_sticky_until_it_is_emptied) {
 TEST_F(Bridges, a_ring_of_sites_is_stopped) {
     Bridged site{broker.url(), "in", R"("in":["t"])"};
     ASSERT_TRUE(site.connects());
-    hear(site, {"t"});
+    hear(site, R"(["t"])");
     zelvo_mqtt_t *const back =
         zelvo_mqtt_open(site.bus.get(), (R"({"url":")" + broker.url() +
                                          R"(","site":"out","out":["t"],"log":"/dev/null"})")
@@ -148,41 +138,52 @@ TEST_F(Bridges, callers_by_different_names_do_not_wait_for_each_other) {
 }
 
 TEST_F(Bridges, late_and_foreign_answers_are_dropped) {
-    Bridged one{broker.url(), "one", R"("call":["two"],"callTimeout":300)"};
+    Bridged one{broker.url(), "one", R"("call":["two","three"],"callTimeout":300)"};
     ASSERT_TRUE(one.connects());
     Peer two{broker, "zelvo/call/two/#"};
-    auto answer =
-        std::async(std::launch::async, [&] { return one.listener.node.call("/two/n/x", "d", 1); });
-    EXPECT_EQ(two.next("zelvo/call/two/n/x"), "d");
-    two.publish("zelvo/answer/one/two", "foreign");
+    const auto ask = [&] {
+        return std::async(std::launch::async,
+                          [&] { return one.listener.node.call("/two/n/x", "d", 1); });
+    };
+    auto answer = ask();
+    const std::string late = two.nextMessage("zelvo/call/two/n/x").correlation;
     EXPECT_EQ(answer.get(), kRefused);
     EXPECT_TRUE(one.logs("given none within"));
+    answer = ask();
+    const std::string right = two.nextMessage("zelvo/call/two/n/x").correlation;
+    const auto give = [&](const char *topic, const std::string &correlation, const char *text) {
+        two.publish(topic, text, false, requestProperties(nullptr, correlation));
+    };
+    give("zelvo/answer/one/two", late, "late");
+    give("zelvo/answer/one/three", right, "forged by a site that was not asked");
+    give("zelvo/answer/one/two", right, "right");
+    EXPECT_EQ(answer.get(), "right");
     EXPECT_TRUE(one.logs("an answer on zelvo/answer/one/two is dropped"));
+    EXPECT_TRUE(one.logs("an answer on zelvo/answer/one/three is dropped"));
 }
 
 TEST_F(Bridges, bad_input_from_the_broker_hurts_nobody) {
     Bridged site{broker.url(), "site",
                  R"("in":["t"],"serve":["listener"],"call":["two"],"maxPacket":30000000)"};
     ASSERT_TRUE(site.connects());
-    hear(site, {"t"});
+    hear(site, R"(["t"])");
     Peer peer{broker, "zelvo/answer/#"};
-    const auto request = [](const char *topic, std::uint16_t correlation) {
-        mosquitto_property *list = nullptr;
-        mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, topic);
-        mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, "0123456789", correlation);
-        return list;
-    };
     mosquitto_property *hops = nullptr;
     mosquitto_property_add_string_pair(&hops, MQTT_PROP_USER_PROPERTY, "zelvo-hops", "-3x");
     peer.publish("zelvo/topic/t", "malformed", false, hops);
     peer.publish("zelvo/call/site/listener/x", "no answer wanted");
-    peer.publish("zelvo/call/site/%zz", "", false, request("zelvo/answer/p/site", 3));
-    peer.publish("zelvo/call/site/listener/x", "", false, request("zelvo/topic/t", 3));
+    for (const char *const topic : {"%zz", "listener/%78", "%6Cistener/x"}) {
+        peer.publish(std::string{"zelvo/call/site/"} + topic, "", false,
+                     requestProperties("zelvo/answer/p/site", "c"));
+    }
+    peer.publish("zelvo/call/site/listener/x", "", false, requestProperties("zelvo/topic/t", "c"));
+    peer.publish("zelvo/call/site/listener/x", "", false,
+                 requestProperties("zelvo/answer/p/site", "c", "1x"));
     peer.publish("zelvo/site/two", std::string(1000, '?'));
     peer.publish("zelvo/topic/t", std::string(20 << 20, 'x'));
     for (int i = 0; i < 10'000; ++i) {
         peer.publish("zelvo/call/site/listener/" + std::to_string(i), "", false,
-                     request("zelvo/answer/p/site", 10));
+                     requestProperties("zelvo/answer/p/site", "0123456789"));
     }
     peer.publish("zelvo/topic/t", "end");
     EXPECT_TRUE(site.listener.hears("t=end"));
@@ -200,7 +201,7 @@ TEST_F(Bridges, publications_wait_for_a_broker_that_is_away) {
     Bridged from{broker.url(), "from", R"("out":["t"],"buffer":{"messages":10})"};
     Bridged to{broker.url(), "to", R"("in":["t"])"};
     ASSERT_TRUE(from.connects() && to.connects());
-    hear(to, {"t"});
+    hear(to, R"(["t"])");
     publish(from, "t", "before");
     ASSERT_TRUE(to.listener.hears("t=before"));
     broker.kill(SIGTERM);
@@ -298,7 +299,7 @@ TEST_F(Secured, the_certificate_and_the_password_decide) {
     const std::string file = "{\"file\":\"" + broker.directory().file("password") + "\"}";
     Bridged right{broker.url("mqtts", "localhost"), "right", members(file) + R"(,"in":["t"])"};
     EXPECT_TRUE(right.connects()) << right.log();
-    hear(right, {"t"});
+    hear(right, R"(["t"])");
     {
         Bridged from{broker.url("mqtts", "localhost"), "from",
                      members("\"secret\"") + R"(,"out":["t"])"};
@@ -361,9 +362,8 @@ TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
     } slow;
     RunningNode node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
     ASSERT_TRUE(site.connects());
-    mosquitto_property *list = nullptr;
-    mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, "zelvo/answer/p/site");
-    Peer{broker, "x"}.publish("zelvo/call/site/slow/x", "", false, list);
+    Peer{broker, "x"}.publish("zelvo/call/site/slow/x", "", false,
+                              requestProperties("zelvo/answer/p/site", "c"));
     ASSERT_TRUE(slow.asked.wait());
     expectQuick([&] { EXPECT_EQ(zelvo_mqtt_close(site.get()), -1); });
     slow.free.set();

@@ -114,4 +114,14 @@ private:
     zelvo_mqtt_t *bridge_ = nullptr;
 };
 
+inline void publish(Bridged &from, const std::string &topic, const std::string &payload,
+                    bool sticky = false) {
+    (sticky ? busClientPublishSticky : busClientPublish)(
+        from.listener.node.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
+}
+
+inline void hear(Bridged &at, const std::string &topics) {
+    busClientSubscribe(at.listener.node.get(), topics.c_str());
+}
+
 #endif
