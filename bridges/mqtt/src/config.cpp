@@ -6,9 +6,9 @@
 #include <mosquitto.h>
 
 #include <algorithm>
-#include <charconv>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <string_view>
 
@@ -56,33 +56,18 @@ void checkSite(const Value &value, const std::string &site) {
 }
 
 Config::Broker brokerAt(const Value &value) {
-    Config::Broker broker;
+    static const std::regex form{R"((mqtts?)://(\[([^\]]+)\]|([^/@?#:\s\[\]]+))(:([0-9]{1,5}))?)"};
     const std::string text = value.text();
-    std::string_view rest = text;
-    broker.tls = rest.starts_with("mqtts://");
-    if (!broker.tls && !rest.starts_with("mqtt://")) {
-        value.refuse("has to begin with mqtt:// or mqtts://");
+    std::smatch parts;
+    if (!std::regex_match(text, parts, form)) {
+        value.refuse("has to be mqtt://HOST[:PORT] or mqtts://HOST[:PORT]");
     }
-    rest.remove_prefix(rest.find("//") + 2);
-    broker.port = broker.tls ? 8883 : 1883;
-    const bool bracket = rest.starts_with('[');
-    const std::size_t end = bracket ? rest.find(']') : rest.find(':');
-    broker.host = rest.substr(bracket ? 1 : 0, end - (bracket && end != rest.npos ? 1 : 0));
-    if (broker.host.empty() || (bracket && end == rest.npos) ||
-        broker.host.find_first_of("/@?# ") != broker.host.npos) {
-        value.refuse("names no host");
+    const bool tls = parts[1] == "mqtts";
+    const int port = parts[6].matched ? std::stoi(parts[6]) : tls ? 8883 : 1883;
+    if (port < 1 || port > 65535) {
+        value.refuse("has no valid port");
     }
-    rest.remove_prefix(std::min(rest.size(), end == rest.npos ? end : end + (bracket ? 1 : 0)));
-    if (rest.empty()) {
-        return broker;
-    }
-    const char *const last = rest.data() + rest.size();
-    const auto [stop, error] = std::from_chars(rest.data() + 1, last, broker.port);
-    if (rest.front() != ':' || error != std::errc{} || stop != last || broker.port < 1 ||
-        broker.port > 65535) {
-        value.refuse("has no valid port behind the host, and nothing may follow that");
-    }
-    return broker;
+    return {parts[3].str() + parts[4].str(), port, tls};
 }
 
 void readUrl(Config &config, const Value &value) {
@@ -281,38 +266,31 @@ Config readConfig(const char *json) {
     const auto to = [&config](void (*read)(Config &, const Value &)) {
         return [&config, read](const Value &value) { read(config, value); };
     };
-    readJson(
-        json,
-        {{"url", true, to(readUrl)},
-         {"site", true, to(readSite)},
-         {"prefix", false, to(readPrefix)},
-         {"ca", false, to(readFileName<&Config::ca>)},
-         {"cert", false, to(readFileName<&Config::certificate>)},
-         {"key", false, to(readFileName<&Config::key>)},
-         {"user", false, to(readText<&Config::user>)},
-         {"password", false, to(readPassword)},
-         {"out", false, to(readOut)},
-         {"in", false, to(readIn)},
-         {"call", false, to(readCall)},
-         {"serve", false, to(readServe)},
-         {"qos", false, [&](const Value &v) { config.qos = static_cast<int>(v.number(0, 1)); }},
-         {"callTimeout", false,
-          [&](const Value &v) {
-              config.callTimeout = std::chrono::milliseconds{v.number(1, 3'600'000)};
-          }},
-         {"buffer", false, to(readBuffer)},
-         {"sessionExpiry", false,
-          [&](const Value &v) {
-              config.sessionExpiry = static_cast<std::uint32_t>(v.number(0, UINT32_MAX));
-          }},
-         {"maxPacket", false,
-          [&](const Value &v) {
-              config.maxPacket = static_cast<std::uint32_t>(v.number(1024, 268'435'456));
-          }},
-         {"log", false, to(readText<&Config::log>)},
-         {"logLevel", false,
-          [&](const Value &v) { config.logLevel = static_cast<int>(v.number(1, 5)); }},
-         {"logSize", false, [&](const Value &v) { config.logSize = v.number(0, 1'000'000); }}});
+    const auto number = [](auto &member, std::uint64_t least, std::uint64_t most) {
+        return [&member, least, most](const Value &value) {
+            member = std::decay_t<decltype(member)>(value.number(least, most));
+        };
+    };
+    readJson(json, {{"url", true, to(readUrl)},
+                    {"site", true, to(readSite)},
+                    {"prefix", false, to(readPrefix)},
+                    {"ca", false, to(readFileName<&Config::ca>)},
+                    {"cert", false, to(readFileName<&Config::certificate>)},
+                    {"key", false, to(readFileName<&Config::key>)},
+                    {"user", false, to(readText<&Config::user>)},
+                    {"password", false, to(readPassword)},
+                    {"out", false, to(readOut)},
+                    {"in", false, to(readIn)},
+                    {"call", false, to(readCall)},
+                    {"serve", false, to(readServe)},
+                    {"qos", false, number(config.qos, 0, 1)},
+                    {"callTimeout", false, number(config.callTimeout, 1, 3'600'000)},
+                    {"buffer", false, to(readBuffer)},
+                    {"sessionExpiry", false, number(config.sessionExpiry, 0, UINT32_MAX)},
+                    {"maxPacket", false, number(config.maxPacket, 1024, 268'435'456)},
+                    {"log", false, to(readText<&Config::log>)},
+                    {"logLevel", false, number(config.logLevel, 1, 5)},
+                    {"logSize", false, number(config.logSize, 0, 1'000'000)}});
     checkTogether(config);
     return config;
 }

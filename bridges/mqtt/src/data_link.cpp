@@ -106,9 +106,11 @@ bool DataLink::publish(Publication publication) {
             underWay_.sent(mid, std::move(publication));
         }
         return true;
-    case MOSQ_ERR_NO_CONN:
-    case MOSQ_ERR_CONN_LOST:
+    case MOSQ_ERR_CONN_LOST: // perhaps at this one
     case MOSQ_ERR_ERRNO:
+        underWay_.sent(mid, std::move(publication));
+        return false;
+    case MOSQ_ERR_NO_CONN:
     case MOSQ_ERR_NOMEM:
         underWay_.back(std::move(publication));
         return false;

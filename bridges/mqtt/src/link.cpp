@@ -32,49 +32,16 @@ std::string clientId(const Config &config) {
 
 thread_local const Link *Link::own_ = nullptr;
 
-struct Link::Callbacks {
-    static Link &of(void *userdata) { return *static_cast<Link *>(userdata); }
-    // Nothing may be thrown through the library.
-    template <typename Function>
-    static void keep(void *link, Function function) noexcept {
-        try {
-            function(of(link));
-        } catch (...) {
-            of(link).thrown_ = std::current_exception();
-        }
+// Nothing may be thrown through the library.
+template <typename Function>
+void Link::keep(void *link, Function function) noexcept {
+    Link &own = *static_cast<Link *>(link);
+    try {
+        function(own);
+    } catch (...) {
+        own.thrown_ = std::current_exception();
     }
-    static void onConnect(mosquitto *, void *link, int reason, int flags,
-                          const mosquitto_property *list) {
-        keep(link, [&](Link &own) { own.onConnect(reason, (flags & 1) != 0, list); });
-    }
-    static void onDisconnect(mosquitto *, void *link, int reason, const mosquitto_property *) {
-        keep(link, [&](Link &own) { own.onDisconnect(reason); });
-    }
-    static void onPublish(mosquitto *, void *link, int mid, int reason,
-                          const mosquitto_property *) {
-        keep(link, [&](Link &own) {
-            own.sentMid_ = mid; // perhaps within the call that sends it
-            own.acknowledged(mid, reason);
-        });
-    }
-    static void onSubscribe(mosquitto *, void *link, int mid, int, const int *granted,
-                            const mosquitto_property *) {
-        keep(link, [&](Link &own) { own.onSubscribe(mid, *granted); });
-    }
-    // What can't be handled for lack of memory costs the connection, and comes again.
-    static void onMessage(mosquitto *, void *link, const mosquitto_message *message,
-                          const mosquitto_property *list) {
-        keep(link, [&](Link &own) {
-            own.prospers_ = true;
-            own.received(readIncoming(*message, list));
-        });
-    }
-    static void onLog(mosquitto *, void *link, int level, const char *text) {
-        if (level == MOSQ_LOG_ERR || level == MOSQ_LOG_WARNING) {
-            keep(link, [&](Link &own) { own.libraryError_ = text; });
-        }
-    }
-};
+}
 
 void Link::start() {
     thread_ = startThread([this] { run(); });
@@ -213,13 +180,39 @@ void Link::connect(const Target &target, milliseconds limit) {
 }
 
 void Link::callBack() {
+    using List = const mosquitto_property *;
     mosquitto *const handle = session_->get();
-    mosquitto_connect_v5_callback_set(handle, Callbacks::onConnect);
-    mosquitto_disconnect_v5_callback_set(handle, Callbacks::onDisconnect);
-    mosquitto_publish_v5_callback_set(handle, Callbacks::onPublish);
-    mosquitto_subscribe_v5_callback_set(handle, Callbacks::onSubscribe);
-    mosquitto_message_v5_callback_set(handle, Callbacks::onMessage);
-    mosquitto_log_callback_set(handle, Callbacks::onLog);
+    mosquitto_connect_v5_callback_set(
+        handle, [](mosquitto *, void *link, int reason, int flags, List properties) {
+            keep(link, [&](Link &own) { own.onConnect(reason, (flags & 1) != 0, properties); });
+        });
+    mosquitto_disconnect_v5_callback_set(handle, [](mosquitto *, void *link, int reason, List) {
+        keep(link, [&](Link &own) { own.onDisconnect(reason); });
+    });
+    mosquitto_publish_v5_callback_set(
+        handle, [](mosquitto *, void *link, int mid, int reason, List) {
+            keep(link, [&](Link &own) {
+                own.sentMid_ = mid; // perhaps within the call that sends it
+                own.acknowledged(mid, reason);
+            });
+        });
+    mosquitto_subscribe_v5_callback_set(
+        handle, [](mosquitto *, void *link, int mid, int, const int *granted, List) {
+            keep(link, [&](Link &own) { own.onSubscribe(mid, *granted); });
+        });
+    // What can't be handled for lack of memory costs the connection, and comes again.
+    mosquitto_message_v5_callback_set(
+        handle, [](mosquitto *, void *link, const mosquitto_message *message, List properties) {
+            keep(link, [&](Link &own) {
+                own.prospers_ = true;
+                own.received(readIncoming(*message, properties));
+            });
+        });
+    mosquitto_log_callback_set(handle, [](mosquitto *, void *link, int level, const char *text) {
+        if (level == MOSQ_LOG_ERR || level == MOSQ_LOG_WARNING) {
+            keep(link, [&](Link &own) { own.libraryError_ = text; });
+        }
+    });
 }
 
 // Reads what is there, and writes.

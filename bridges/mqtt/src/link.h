@@ -109,7 +109,8 @@ private:
     void callBack();
     std::string reasonOf(std::string_view failure) const;
 
-    struct Callbacks;
+    template <typename Function>
+    static void keep(void *link, Function function) noexcept;
     void onConnect(int reason, bool sessionKept, const mosquitto_property *properties);
     void onDisconnect(int reason);
     void onSubscribe(int mid, int reason);

@@ -53,20 +53,19 @@ const char *orNull(const std::string &text) {
     return text.empty() ? nullptr : text.c_str();
 }
 
-void setNumber(int file, int level, int option, int value) {
-    setsockopt(file, level, option, &value, sizeof value);
-}
-
 // No child process is to hold the connection, and the system is to notice a broker that is gone
 // also while nothing is said or read.
 void tune(int file) {
     constexpr int seconds = 15;
     fcntl(file, F_SETFD, FD_CLOEXEC);
-    setNumber(file, SOL_SOCKET, SO_KEEPALIVE, 1);
-    setNumber(file, IPPROTO_TCP, TCP_KEEPIDLE, seconds);
-    setNumber(file, IPPROTO_TCP, TCP_KEEPINTVL, seconds / 3);
-    setNumber(file, IPPROTO_TCP, TCP_KEEPCNT, 3);
-    setNumber(file, IPPROTO_TCP, TCP_USER_TIMEOUT, 2 * seconds * 1000);
+    constexpr int options[][3] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
+                                  {IPPROTO_TCP, TCP_KEEPIDLE, seconds},
+                                  {IPPROTO_TCP, TCP_KEEPINTVL, seconds / 3},
+                                  {IPPROTO_TCP, TCP_KEEPCNT, 3},
+                                  {IPPROTO_TCP, TCP_USER_TIMEOUT, 2 * seconds * 1000}};
+    for (const auto &[level, option, value] : options) {
+        setsockopt(file, level, option, &value, sizeof value);
+    }
 }
 
 } // namespace

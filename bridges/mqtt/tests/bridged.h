@@ -7,6 +7,7 @@
 #include <zelvo/mqtt.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -66,6 +67,19 @@ private:
 
 public:
     RunningNode node; // last: its thread uses the others
+};
+
+// A node that answers when it is let.
+struct Slow {
+    Signal asked, free;
+    std::atomic<int> calls{0};
+    static char *answer(void *self, client_t *, char *, char *, int) {
+        Slow &slow = *static_cast<Slow *>(self);
+        ++slow.calls;
+        slow.asked.set();
+        slow.free.wait();
+        return mallocText("done");
+    }
 };
 
 class Bridged {

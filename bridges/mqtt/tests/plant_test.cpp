@@ -6,9 +6,6 @@
 #include <gtest/gtest.h>
 #include <mqtt_protocol.h>
 
-#include <atomic>
-#include <future>
-
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -198,19 +195,6 @@ TEST(Gaps, a_topic_that_is_no_longer_configured_is_unsubscribed) {
 
 // ---- load and time ----
 
-// A node that answers when it is let.
-struct Slow {
-    Signal asked, free;
-    std::atomic<int> calls{0};
-    static char *answer(void *self, client_t *, char *, char *, int) {
-        Slow &slow = *static_cast<Slow *>(self);
-        ++slow.calls;
-        slow.asked.set();
-        slow.free.wait();
-        return mallocText("done");
-    }
-};
-
 TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     Broker broker{"allow_anonymous true\n"};
     broker.start();
@@ -246,13 +230,11 @@ TEST(Plant, calls_pass_while_a_subscriber_is_slow_and_publications_flood) {
     broker.start();
     Bridged site{broker.url(), "site", R"("in":["t"],"call":["other"],"callTimeout":60000)"};
     Bridged other{broker.url(), "other", R"("serve":["listener"])"};
-    struct Stuck {
-        Signal free;
-        static int hear(void *self, client_t *, char *, char *, int) {
-            return static_cast<Stuck *>(self)->free.wait() ? 0 : -1;
-        }
-    } stuck;
-    RunningNode node{site.bus.get(), "stuck", Stuck::hear, nullptr, &stuck};
+    Slow stuck;
+    const auto hears = [](void *self, client_t *, char *, char *, int) {
+        return static_cast<Slow *>(self)->free.wait() ? 0 : -1;
+    };
+    RunningNode node{site.bus.get(), "stuck", hears, nullptr, &stuck};
     busClientSubscribe(node.get(), R"(["t"])");
     ASSERT_TRUE(site.connects() && other.connects());
     Peer peer{broker, "x"};
