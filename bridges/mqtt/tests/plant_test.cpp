@@ -245,20 +245,6 @@ TEST(Plant, calls_pass_while_a_subscriber_is_slow_and_publications_flood) {
     stuck.free.set();
 }
 
-TEST(Plant, a_publication_expires_while_the_broker_is_away) {
-    Broker broker{"allow_anonymous true\n"};
-    Bridged from{broker.url(), "from", R"("out":[{"topic":"command","expiry":1},"t"])"};
-    publish(from, "command", "late");
-    publish(from, "t", "x");
-    const auto begun = std::chrono::steady_clock::now();
-    EXPECT_TRUE(eventually([&] {
-        return std::chrono::steady_clock::now() - begun > std::chrono::milliseconds{1100};
-    }));
-    broker.start();
-    EXPECT_TRUE(eventually([&] { return says(from.state(), R"("refused":0,"expired":1)"); }));
-    EXPECT_TRUE(from.logs("or they had expired (0 and 1 since the start)"));
-}
-
 // ---- names ----
 
 Signal nameServiceGoesOn;
