@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include <unistd.h>
+
 namespace zelvo_mqtt {
 namespace {
 
@@ -13,6 +15,7 @@ constexpr int kKeepAlive = 15; // seconds
 constexpr milliseconds kLongestLookup{10'000};
 constexpr milliseconds kLongestConnect{10'000};
 constexpr milliseconds kLongestOfSeveral{3'000}; // where there are other addresses to try
+constexpr const char *kRival = "another bridge has the name of this site: each puts the other out";
 constexpr std::size_t kMostDirect = 2048;
 constexpr std::size_t kMostDirectBytes = std::size_t{16} << 20;
 constexpr std::size_t kMostUnsentBytes = std::size_t{1} << 20; // or a single one
@@ -48,11 +51,17 @@ CallLink::CallLink(const Config &config, const Topics &topics, Log &log, Changed
       topics_{topics},
       changed_{std::move(changed)},
       received_{std::move(received)},
-      lookups_(config.brokers.size()) {}
+      lookups_(config.brokers.size()),
+      instance_{std::to_string(getpid()) + "-" +
+                std::to_string(Clock::now().time_since_epoch().count())} {}
 
 Purpose CallLink::purpose() const {
-    return {clientId(config_) + "/calls", 0,       kKeepAlive, topics_.ownPresence(),
-            std::min(1, mostQos_),        retains_};
+    return {.clientId = clientId(config_) + "/calls",
+            .keepAlive = kKeepAlive,
+            .will = topics_.ownPresence(),
+            .willQos = std::min(1, mostQos_),
+            .willRetain = retains_,
+            .instance = instance_};
 }
 
 // Address by address, and broker by broker.
@@ -97,7 +106,8 @@ void CallLink::greet() {
         subscribe(topics_.ownAnswers(), 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
     }
     subscribe(topics_.requests() + '#', 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
-    subscribe(topics_.ownPresence(), 1, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    hasRival_ = false;
+    subscribe(topics_.ownPresence(), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
     if (!retains_) {
         log_.warning("the broker retains nothing: other sites learn only of changes whether this "
                      "one is online, and topics with \"retain\" are sticky nowhere else");
@@ -109,8 +119,8 @@ void CallLink::sayOnline() {
     presenceStands_ = true;
     presenceMid_ = 0;
     int mid = 0;
-    const int result =
-        put(mid, topics_.ownPresence(), "online", std::min(1, mostQos_), retains_, nullptr);
+    const int result = put(mid, topics_.ownPresence(), "online", std::min(1, mostQos_), retains_,
+                           userProperty(kInstance, instance_));
     presenceMid_ = mid;
     if (result != MOSQ_ERR_SUCCESS) {
         log_.error({"the presence of this site can't be sent: ", errorText(result)});
@@ -126,6 +136,7 @@ void CallLink::acknowledged(int mid, int reason) {
             deny(topics_.ownPresence(), "the presence of this site on", reason);
         }
         prosper();
+        hasBeenUp_ = true;
         changed_(target_, "");
         return;
     }
@@ -143,10 +154,15 @@ void CallLink::everySecond() {
 }
 
 void CallLink::received(const Incoming &incoming) {
-    if (incoming.topic == topics_.ownPresence()) {
-        presenceStands_ = presenceStands_ && incoming.payload == "online";
-    } else {
+    if (incoming.topic != topics_.ownPresence()) {
         received_(incoming);
+        return;
+    }
+    presenceStands_ = presenceStands_ && (incoming.retain || incoming.payload == "online");
+    // What another has left before this one first came is of an earlier time.
+    if (hasBeenUp_ && !incoming.instance.empty() && incoming.instance != instance_) {
+        hasRival_ = true;
+        log_.error({kRival});
     }
 }
 
@@ -158,7 +174,7 @@ void CallLink::lost(const std::string &why, bool) {
     }
     unsent_.clear();
     unsentBytes_ = 0;
-    changed_(std::nullopt, why);
+    changed_(std::nullopt, hasRival_ ? kRival : why);
 }
 
 // A publication of "offline" would wait behind what is to be sent.

@@ -44,6 +44,7 @@ private:
     Purpose purpose() const override;
     void seek() override;
     bool hasAnother() const override { return !targets_.empty(); }
+    bool prospers() const override { return Link::prospers() && !hasRival_; }
     void greet() override;
     void flush() override;
     void received(const Incoming &incoming) override;
@@ -66,7 +67,10 @@ private:
     std::deque<Target> targets_;                // to be tried
     Target target_;
     int presenceMid_ = 0;
-    bool presenceStands_ = true;        // nobody has taken it away
+    bool presenceStands_ = true; // nobody has taken it away
+    const std::string instance_; // of this bridge
+    bool hasBeenUp_ = false;
+    bool hasRival_ = false;             // another bridge has had the name since
     std::map<int, std::size_t> unsent_; // sizes of what the socket has not taken, by mid
     std::size_t unsentBytes_ = 0;
 

@@ -6,9 +6,9 @@
 #include <mosquitto.h>
 
 #include <algorithm>
+#include <charconv>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <string_view>
 
@@ -56,18 +56,32 @@ void checkSite(const Value &value, const std::string &site) {
 }
 
 Config::Broker brokerAt(const Value &value) {
-    static const std::regex form{R"((mqtts?)://(\[([^\]]+)\]|([^/@?#:\s\[\]]+))(:([0-9]{1,5}))?)"};
     const std::string text = value.text();
-    std::smatch parts;
-    if (!std::regex_match(text, parts, form)) {
+    std::string_view rest = text;
+    const auto take = [&rest](std::string_view start) {
+        const bool there = rest.starts_with(start);
+        rest.remove_prefix(there ? start.size() : 0);
+        return there;
+    };
+    Config::Broker broker;
+    broker.tls = take("mqtts://");
+    bool valid = broker.tls || take("mqtt://");
+    const bool bracket = take("[");
+    broker.host = rest.substr(0, rest.find(bracket ? ']' : ':'));
+    rest.remove_prefix(broker.host.size());
+    valid = valid && !broker.host.empty() && (!bracket || take("]")) &&
+            broker.host.find_first_of("/@?#[] ") == std::string::npos;
+    broker.port = broker.tls ? 8883 : 1883;
+    if (take(":")) {
+        const char *const last = rest.data() + rest.size();
+        const auto [end, error] = std::from_chars(rest.data(), last, broker.port);
+        valid = valid && error == std::errc{} && broker.port > 0 && broker.port <= 65535;
+        rest.remove_prefix(static_cast<std::size_t>(end - rest.data()));
+    }
+    if (!valid || !rest.empty()) {
         value.refuse("has to be mqtt://HOST[:PORT] or mqtts://HOST[:PORT]");
     }
-    const bool tls = parts[1] == "mqtts";
-    const int port = parts[6].matched ? std::stoi(parts[6]) : tls ? 8883 : 1883;
-    if (port < 1 || port > 65535) {
-        value.refuse("has no valid port");
-    }
-    return {parts[3].str() + parts[4].str(), port, tls};
+    return broker;
 }
 
 void readUrl(Config &config, const Value &value) {

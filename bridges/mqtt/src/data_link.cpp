@@ -14,7 +14,8 @@ constexpr int kPublications = MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUB
 
 // Nothing: there is no time left.
 std::optional<Properties> propertiesOf(const Publication &publication) {
-    mosquitto_property *list = nullptr;
+    mosquitto_property *list = userProperty(kHops, std::to_string(publication.hops)).release();
+    Properties properties{list};
     if (publication.until != Clock::time_point::max()) {
         const auto left = std::chrono::ceil<std::chrono::seconds>(publication.until - Clock::now());
         if (left.count() <= 0) {
@@ -23,9 +24,7 @@ std::optional<Properties> propertiesOf(const Publication &publication) {
         mosquitto_property_add_int32(&list, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
                                      static_cast<std::uint32_t>(left.count()));
     }
-    mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, kHops,
-                                       std::to_string(publication.hops).c_str());
-    return Properties{list};
+    return properties;
 }
 
 } // namespace
@@ -49,7 +48,7 @@ void DataLink::allow(const std::optional<Target> &target) {
 }
 
 Purpose DataLink::purpose() const {
-    return {clientId(config_), config_.sessionExpiry};
+    return {.clientId = clientId(config_), .expiry = config_.sessionExpiry};
 }
 
 void DataLink::seek() {

@@ -46,6 +46,8 @@ void readUserProperties(Incoming &incoming, const mosquitto_property *properties
             incoming.hops = readNumber(value);
         } else if (std::string_view{name} == kTimeout) {
             incoming.timeout = readNumber(value);
+        } else if (std::string_view{name} == kInstance) {
+            incoming.instance = value;
         }
     }
 }

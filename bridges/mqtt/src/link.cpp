@@ -262,7 +262,7 @@ std::string Link::reasonOf(std::string_view failure) const {
 void Link::fail(std::string_view why) {
     const auto now = Clock::now();
     const bool wasUp = state_ == State::kUp;
-    const bool good = wasUp && (prospers_ || now - since_ >= kStands);
+    const bool good = wasUp && (prospers() || now - since_ >= kStands);
     retry_ = good ? kFirstPause : std::clamp(retry_ * 2, kFirstPause, kLongestPause);
     due_ = hasAnother() && !wasUp ? now : now + retry_;
     enter(State::kDown);

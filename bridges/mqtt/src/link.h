@@ -70,6 +70,8 @@ protected:
     virtual std::chrono::milliseconds pause() { return {}; } // nothing is to be read so long
     virtual std::size_t unsent() = 0;
     virtual int farewellReason() const { return 0; }
+    // Something has been achieved: the next try after a loss comes soon.
+    virtual bool prospers() const { return prospers_; }
 
     void connect(const Target &target, std::chrono::milliseconds limit);
     void fail(std::string_view why); // ends a connection, or a try
@@ -80,7 +82,6 @@ protected:
             const Properties &properties);
     // Tells that the broker does not allow what belongs to a topic.
     void deny(const std::string &topic, const char *what, int reason);
-    // Something has been achieved: the next try after a loss comes soon.
     void prosper() { prospers_ = true; }
     bool isOwnThread() const { return own_ == this; }
 

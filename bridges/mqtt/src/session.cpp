@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include "incoming.h"
 #include "node.h"
 
 #include <mqtt_protocol.h>
@@ -83,6 +84,12 @@ std::string errorText(int result) {
     }
 }
 
+Properties userProperty(const char *name, const std::string &value) {
+    mosquitto_property *list = nullptr;
+    mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, name, value.c_str());
+    return Properties{list};
+}
+
 Session::Session(const Config &config, const Target &target, const Purpose &purpose, void *userdata)
     : target_{target},
       keepAlive_{purpose.keepAlive},
@@ -102,9 +109,11 @@ Session::Session(const Config &config, const Target &target, const Purpose &purp
         setTls(config);
     }
     if (!purpose.will.empty()) {
+        Properties properties = userProperty(kInstance, purpose.instance);
         require(mosquitto_will_set_v5(handle, purpose.will.c_str(), 7, "offline", purpose.willQos,
-                                      purpose.willRetain, nullptr),
+                                      purpose.willRetain, properties.get()),
                 "the will");
+        static_cast<void>(properties.release()); // the library has them
     }
     setProperties(config, purpose.expiry);
 }

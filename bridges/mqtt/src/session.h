@@ -31,13 +31,16 @@ struct Target {
 
 // What one connection differs in from another.
 struct Purpose {
-    std::string clientId;
+    std::string clientId = {};
     std::uint32_t expiry = 0; // seconds for which the broker keeps the session; 0: it begins anew
     int keepAlive = 0;        // seconds; 0: none
     std::string will = {};    // topic, where "offline" is to stand; empty: none
     int willQos = 0;
     bool willRetain = false;
+    std::string instance = {}; // its user property kInstance
 };
+
+Properties userProperty(const char *name, const std::string &value);
 
 // Every use of the handle, the destructor included, is the caller's to keep apart.
 class Session {
@@ -55,7 +58,6 @@ private:
         void operator()(mosquitto *handle) const { mosquitto_destroy(handle); }
         void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
     };
-    void setWill(const Purpose &purpose);
     void setTls(const Config &config);
     void setProperties(const Config &config, std::uint32_t expiry);
     static void nameHost(const SSL *ssl, int where, int);

@@ -7,7 +7,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <pwd.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -61,10 +60,8 @@ void Broker::start(bool hidden) {
     for (std::size_t at = 0; (at = options.find("DIR", at)) != options.npos;) {
         options.replace(at, 3, directory_.path());
     }
-    const passwd *const account = getpwuid(getuid());
     const std::string config = directory_.file("broker.conf");
-    std::ofstream{config} << "listener " << port() << " 127.0.0.1\nuser "
-                          << (account ? account->pw_name : "root") << "\nlog_dest file "
+    std::ofstream{config} << "listener " << port() << " 127.0.0.1\nuser root\nlog_dest file "
                           << directory_.file("broker.log")
                           << "\nmax_queued_messages 0\nset_tcp_nodelay true\n"
                           << options;
@@ -98,10 +95,9 @@ void Broker::kill(int signal) {
     }
 }
 
-Peer::Peer(const Broker &broker, const std::string &subscription, const char *user,
-           const char *id) {
+Peer::Peer(const Broker &broker, const std::string &subscription, const char *user) {
     mosquitto_lib_init();
-    handle_.reset(mosquitto_new(id, true, this));
+    handle_.reset(mosquitto_new(nullptr, true, this));
     mosquitto *const handle = handle_.get();
     mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_username_pw_set(handle, user, nullptr);

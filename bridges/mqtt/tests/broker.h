@@ -49,8 +49,7 @@ public:
         bool retain;
         std::string correlation;
     };
-    Peer(const Broker &broker, const std::string &subscription, const char *user = nullptr,
-         const char *id = nullptr);
+    Peer(const Broker &broker, const std::string &subscription, const char *user = nullptr);
 
     // Returns the reason that the broker gives when it has it; without acknowledgement where there
     // are properties, which are freed.

@@ -74,7 +74,7 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
         {R"({"site":"s"})", "\"url\": is missing"},
         {R"({"site":"s","url":"http://h"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://"})", "\"url\": has to be mqtt://HOST"},
-        {R"({"site":"s","url":"mqtt://h:0"})", "\"url\": has no valid port"},
+        {R"({"site":"s","url":"mqtt://h:0"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://h:1883/x"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://[::1"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://[::1]x"})", "\"url\": has to be mqtt://HOST"},

@@ -154,7 +154,7 @@ TEST(Gaps, sticky_topics_are_right_afterwards) {
     EXPECT_EQ(std::count(heard.begin(), heard.end(), "same=1"), 1);
 }
 
-// Somebody else who takes over the session cuts the connection.
+// A second bridge of the name cuts the connections of the first.
 TEST(Gaps, commands_that_were_acknowledged_are_not_sent_again) {
     Broker broker{kPersistent};
     broker.start();
@@ -166,8 +166,9 @@ TEST(Gaps, commands_that_were_acknowledged_are_not_sent_again) {
         EXPECT_EQ(machine.next("zelvo/topic/command"), command);
     }
     EXPECT_TRUE(eventually([&] { return says(from.state(), R"("underWay":0)"); }));
-    Peer(broker, "x", nullptr, "zelvo/from");
+    EXPECT_TRUE((Bridged{broker.url(), "from"}.connects()));
     EXPECT_TRUE(from.logs("no connection: "));
+    EXPECT_TRUE(from.logs("another bridge has the name of this site"));
     publish(from, "command", "close-valve");
     EXPECT_EQ(machine.next("zelvo/topic/command"), "close-valve");
 }
