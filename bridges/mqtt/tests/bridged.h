@@ -88,6 +88,7 @@ public:
     Bridged(const std::string &url, const std::string &site, const std::string &members = "")
         : bus{R"({"level":5,"path":"/dev/null","callTimeout":20000,"stats":true})"},
           listener{bus.get(), "listener", R"(["mqtt.state"])"},
+          url_{url},
           site_{site} {
         open(url, members);
     }
@@ -104,6 +105,12 @@ public:
         while ((result = zelvo_mqtt_close(bridge_)) != 0) {}
         bridge_ = nullptr;
         return result;
+    }
+    // One more on the same bus, to be closed by whoever asks for it.
+    zelvo_mqtt_t *another(const std::string &members) {
+        return zelvo_mqtt_open(
+            bus.get(),
+            ("{\"log\":\"/dev/null\",\"url\":\"" + url_ + "\"," + members + "}").c_str());
     }
     zelvo_mqtt_t *get() const { return bridge_; }
     bool connects() {
@@ -124,7 +131,7 @@ public:
     Listener listener;
 
 private:
-    const std::string site_;
+    const std::string url_, site_;
     zelvo_mqtt_t *bridge_ = nullptr;
 };
 

@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -20,26 +19,16 @@ void require(bool met, const char *what) {
     }
 }
 
-struct Socket {
-    const int file = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ~Socket() { close(file); }
-};
-
-sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
+using Handle = std::unique_ptr<mosquitto, decltype(&mosquitto_destroy)>;
 
 int freePort() {
-    const Socket probe;
-    sockaddr_in address = loopback(0);
+    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
     socklen_t size = sizeof address;
     auto *const any = reinterpret_cast<sockaddr *>(&address);
-    require(bind(probe.file, any, size) == 0 && getsockname(probe.file, any, &size) == 0,
-            "no free port");
+    address.sin_family = AF_INET;
+    require(bind(probe, any, size) == 0 && getsockname(probe, any, &size) == 0, "no free port");
+    close(probe);
     return ntohs(address.sin_port);
 }
 
@@ -82,9 +71,8 @@ void Broker::start(bool hidden) {
 }
 
 bool Broker::accepts() const {
-    const Socket probe;
-    const sockaddr_in address = loopback(port());
-    return connect(probe.file, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    const Handle probe{mosquitto_new(nullptr, true, nullptr), mosquitto_destroy};
+    return mosquitto_connect(probe.get(), "127.0.0.1", port(), 60) == 0;
 }
 
 void Broker::kill(int signal) {
@@ -148,24 +136,18 @@ int Peer::publish(const std::string &topic, const std::string &payload, bool ret
     return published_;
 }
 
-std::vector<Peer::Message> Peer::take(std::size_t number) {
-    const auto end = std::chrono::steady_clock::now() + kLimit;
-    while (messages_.size() < number) {
-        require(std::chrono::steady_clock::now() < end, "the peer does not get what it waits for");
-        turn();
-    }
-    return std::exchange(messages_, {});
-}
-
 Peer::Message Peer::nextMessage(const std::string &topic) {
+    const auto end = std::chrono::steady_clock::now() + kLimit;
     while (true) {
-        std::vector<Message> all = take(1);
-        for (auto message = all.begin(); message != all.end(); ++message) {
-            if (message->topic == topic) {
-                messages_.insert(messages_.begin(), message + 1, all.end());
-                return *message;
+        while (!messages_.empty()) {
+            Message message = std::move(messages_.front());
+            messages_.pop_front();
+            if (message.topic == topic) {
+                return message;
             }
         }
+        require(std::chrono::steady_clock::now() < end, "the peer does not get what it waits for");
+        turn();
     }
 }
 

@@ -7,10 +7,9 @@
 
 #include <mosquitto.h>
 
-#include <functional>
+#include <deque>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <csignal>
 
@@ -55,8 +54,6 @@ public:
     // are properties, which are freed.
     int publish(const std::string &topic, const std::string &payload, bool retain = false,
                 mosquitto_property *properties = nullptr);
-    // Waits for so many messages.
-    std::vector<Message> take(std::size_t number);
     // Waits for the first of a topic; those before it are passed over.
     std::string next(const std::string &topic) { return nextMessage(topic).payload; }
     Message nextMessage(const std::string &topic);
@@ -67,7 +64,7 @@ private:
         void operator()(mosquitto *handle) const { mosquitto_destroy(handle); }
     };
     std::unique_ptr<mosquitto, Destroy> handle_;
-    std::vector<Message> messages_;
+    std::deque<Message> messages_;
     bool subscribed_ = false;
     int published_ = -1; // the reason
 };

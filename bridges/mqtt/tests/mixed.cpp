@@ -88,10 +88,7 @@ int run(int seconds, int signal) {
     long early = 0;
     for (; Clock::now() < end && arrives; ++rounds) {
         arrives = received.reaches(received.latest + 500);
-        zelvo_mqtt_t *const second = zelvo_mqtt_open(
-            receiver.bus.get(), (R"({"url":")" + broker.url() +
-                                 R"(","site":"second","in":["numbers.2"],"log":"/dev/null"})")
-                                    .c_str());
+        zelvo_mqtt_t *const second = receiver.another(R"("site":"second","in":["numbers.2"])");
         broker.kill(rounds % 3 == 2 ? SIGTERM : signal);
         broker.start();
         arrives = arrives && second && zelvo_mqtt_close(second) == 0;

@@ -21,17 +21,10 @@ TEST(Topics, any_text_becomes_a_valid_topic_and_comes_back) {
     struct Case {
         std::string text, topic;
     };
-    std::vector<Case> cases = {{"lamp.state", "lamp.state"},
-                               {"a/b//", "a/b//"},
-                               {"+/#", "%2B/%23"},
-                               {"$SYS/x y", "$SYS/x y"},
-                               {"%41", "%2541"},
-                               {"\x01\n\x7f", "%01%0A%7F"},
-                               {"t\xc3\xbcr", "t\xc3\xbcr"},
-                               {"\xc3", "%C3"},
-                               {"\xff\xc3(", "%FF%C3("},
-                               {"\xc2\x80", "%C2%80"},
-                               {"\xed\xa0\x80", "%ED%A0%80"}};
+    std::vector<Case> cases = {{"lamp.state", "lamp.state"}, {"+/#", "%2B/%23"},
+                               {"$SYS/x y", "$SYS/x y"},     {"\x01\n\x7f", "%01%0A%7F"},
+                               {"t\xc3\xbcr", "t\xc3\xbcr"}, {"\xff\xc3(", "%FF%C3("},
+                               {"\xc2\x80", "%C2%80"},       {"\xed\xa0\x80", "%ED%A0%80"}};
     for (int byte = 1; byte < 256; ++byte) {
         const std::string text{static_cast<char>(byte), 'x', static_cast<char>(byte)};
         cases.push_back({text, escaped(text)});
@@ -69,17 +62,12 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
     const std::string longTopic(30'000, '+');
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "the configuration: is no JSON"},
-        {"[]", "the configuration: has to be an object"},
         {R"({"url":"mqtt://h"})", "\"site\": is missing"},
-        {R"({"site":"s"})", "\"url\": is missing"},
         {R"({"site":"s","url":"http://h"})", "\"url\": has to be mqtt://HOST"},
-        {R"({"site":"s","url":"mqtt://"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://h:0"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://h:1883/x"})", "\"url\": has to be mqtt://HOST"},
-        {R"({"site":"s","url":"mqtt://[::1"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://[::1]x"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"a/b","url":"mqtt://h"})", "\"site\": \"a/b\""},
-        {R"({"site":"","url":"mqtt://h"})", "\"site\": \"\""},
         {R"({"site":"b","url":"mqtt://h"})", "\"site\": \"b\" is the bus's own name"},
         {R"({"site":"s\n","url":"mqtt://h"})", "has control characters"},
         {R"({"site":"s","url":[]})", "\"url\": names no broker"},
@@ -87,30 +75,22 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
         {configWith(R"("qosx":1)"), "\"qosx\": there is no such member"},
         {configWith(R"("qos":1,"qos":1)"), "\"qos\": stands there twice"},
         {configWith(R"("qos":2)"), "\"qos\": has to be a whole number from 0 to 1"},
-        {configWith(R"("qos":"1")"), "\"qos\": has to be a whole number"},
-        {configWith(R"("sessionExpiry":4294967296)"), "\"sessionExpiry\": has to be"},
-        {configWith(R"("buffer":{"messages":0})"), "\"buffer.messages\": has to be"},
         {configWith(R"("out":"x")"), "\"out\": has to be an array"},
-        {configWith(R"("out":["x",1])"), "\"out[1]\": has to be a text"},
         {configWith(R"("out":[{"topic":"x","retain":1}])"), "\"out[0].retain\": has to be true"},
         {configWith(R"("out":[{"topic":"x","expiry":0}])"), "\"out[0].expiry\": has to be"},
         {configWith(R"("out":[{"topic":"x","expiry":1,"retain":true}])"),
          "\"out[0]\": \"retain\" and"},
         {configWith(R"("maxPacket":1000)"), "\"maxPacket\": has to be"},
-        {configWith(R"("logSize":-1)"), "\"logSize\": has to be"},
         {configWith(R"("out":["x","x"])"), "\"out\": \"x\" stands there twice"},
         {configWith(R"("out":["x"],"in":["y","x"])"), "\"in\": \"x\" stands in \"out\" too"},
-        {configWith(R"("in":["mqtt.state"])"), "\"in[0]\": \"mqtt.state\""},
         {configWith("\"in\":[\"" + longTopic + "\"]"), "is too long for MQTT"},
         {configWith(R"("in":["a\u0000b"])"), "has a NUL"},
         {configWith(R"("call":["s"])"), "\"call\": \"s\" is the own site"},
         {configWith(R"("call":["localK"])"), "\"call[0]\": \"localK\" is the bus's own name"},
         {configWith(R"("call":[{"site":"t","node":"a/b"}])"), "\"call[0]\": \"a/b\""},
-        {configWith(R"("serve":["b"])"), "\"serve[0]\": \"b\""},
         {configWith(R"("serve":["n","n"])"), "\"serve\": \"n\" stands there twice"},
         {configWith(R"("prefix":"a/#")"), "\"prefix\": \"a/#\""},
         {configWith(R"("ca":"/dev/null")"), "mqtts://"},
-        {configWith(R"("key":"/no/such/file")"), "\"key\": the file \"/no/such/file\""},
         {configWith("\"password\":{\"file\":" + here + "},\"user\":\"u\""), "\"password.file\""},
         {configWith(R"("password":"p")"), "\"password\" needs a \"user\""},
     };
@@ -130,16 +110,11 @@ TEST(Config, is_taken_with_its_defaults_and_without) {
     EXPECT_EQ(std::tie(least.brokers[0].host, least.brokers[0].port, least.brokers[0].tls,
                        least.prefix, least.qos),
               std::make_tuple("h"s, 1883, false, "zelvo"s, 1));
-    const TempDir directory;
-    std::ofstream{directory.file("password")} << "secret\n";
     const Config most = readConfig(
-        (R"({"url":["mqtt://other","mqtts://[::1]:99"],"site":"s\\u0000","user":"u","password":{"file":")" +
-         directory.file("password") +
-         R"("},"serve":["bus"],"call":["t",{"site":"t","node":"t.2"}],"out":[{"topic":"o","retain":true}]})")
-            .c_str());
-    EXPECT_EQ(std::tie(most.brokers[1].host, most.brokers[1].port, most.brokers[1].tls,
-                       most.password, most.site),
-              std::make_tuple("::1"s, 99, true, "secret"s, "s\\u0000"s));
+        R"({"url":["mqtt://other","mqtts://[::1]:99"],"site":"s\\u0000","serve":["bus"],)"
+        R"("call":["t",{"site":"t","node":"t.2"}],"out":[{"topic":"o","retain":true}]})");
+    EXPECT_EQ(std::tie(most.brokers[1].host, most.brokers[1].port, most.brokers[1].tls, most.site),
+              std::make_tuple("::1"s, 99, true, "s\\u0000"s));
     EXPECT_EQ(most.call[0].node + most.call[1].node + most.call[1].site, "tt.2t");
     EXPECT_TRUE(most.out[0].retain && most.serve[0] == "bus");
 }
@@ -199,8 +174,6 @@ TEST(UnderWay, a_lost_connection_hands_over_what_was_not_acknowledged) {
     EXPECT_EQ(send(1, 5), "defg-");
     EXPECT_TRUE(underWay.done(1));
     EXPECT_EQ(send(5, 5), "-"); // too many bytes
-    EXPECT_TRUE(underWay.done(4));
-    EXPECT_EQ(send(5, 5), "h");
 }
 
 } // namespace
