@@ -85,26 +85,31 @@ public:
     // Waits for the turn to call url, which stays until pass(). False: the time is up.
     bool take(const char *url, const Deadline &deadline) {
         std::unique_lock lock{mutex_};
-        if (taken_ && !await(lock, deadline)) {
-            return false;
+        if (taken_) {
+            Waiter waiter;
+            const auto place = waiting_.insert(waiting_.end(), &waiter);
+            if (!await(lock, waiter, deadline)) {
+                waiting_.erase(place);
+                return false;
+            }
         }
         taken_ = true;
         url_ = url;
         return true;
     }
-    // Behind everybody who waits, as soon as there is nobody.
+    // The same to call nobody, once; it needs no memory.
     void takeLast() noexcept {
         std::unique_lock lock{mutex_};
-        ended_.wait(lock, [this] { return !taken_; });
+        if (taken_) {
+            waiting_.splice(waiting_.end(), last_place_);
+            await(lock, last_, std::nullopt);
+        }
         taken_ = true;
     }
     void pass() noexcept {
         const std::lock_guard lock{mutex_};
         url_ = nullptr;
         taken_ = !waiting_.empty();
-        if (!taken_) {
-            ended_.notify_one();
-        }
         if (taken_) {
             waiting_.front()->its = true;
             waiting_.front()->changed.notify_one();
@@ -122,15 +127,13 @@ private:
         std::condition_variable changed;
         bool its = false;
     };
-    bool await(std::unique_lock<std::mutex> &lock, const Deadline &deadline) {
-        Waiter waiter;
-        const auto place = waiting_.insert(waiting_.end(), &waiter);
+    static bool await(std::unique_lock<std::mutex> &lock, Waiter &waiter,
+                      const Deadline &deadline) {
         while (!waiter.its) {
             if (!deadline) {
                 waiter.changed.wait(lock);
             } else if (waiter.changed.wait_until(lock, *deadline) == std::cv_status::timeout &&
                        !waiter.its) {
-                waiting_.erase(place);
                 return false;
             }
         }
@@ -138,8 +141,9 @@ private:
     }
 
     std::mutex mutex_;
-    std::condition_variable ended_;
     std::list<Waiter *> waiting_;
+    Waiter last_;
+    std::list<Waiter *> last_place_{&last_};
     bool taken_ = false;
     const char *url_ = nullptr;
 };

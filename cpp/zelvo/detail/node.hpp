@@ -341,7 +341,7 @@ private:
     void run() noexcept {
         handlingNode() = this;
         busClientSpin(client_);
-        turns_.takeLast(); // whoever is in a call has to copy the answer
+        endCalls(); // where the loop has ended of itself
         BusPtr keep;
         {
             const std::lock_guard lock{mutex_};
@@ -381,15 +381,23 @@ private:
             }
         });
         changes.clear(); // what goes with them may be the owner of this node
-        if (leaving_) {
+        if (leaving_ && !hops_) {
             goQuietly();
         }
         return !leaving_;
     }
-    // No handler runs or will.
+    // In the node's thread, when no handler runs or will. The loop leaves the bus by a call of its
+    // own, which comes between nobody's answer and its copy.
     void goQuietly() noexcept {
         quiet_ = true;
+        endCalls();
         busClientSpinExit(client_); // another wish may have found a full queue
+    }
+    void endCalls() noexcept {
+        if (!calls_ended_) {
+            turns_.takeLast();
+            calls_ended_ = true;
+        }
     }
 
     // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
@@ -543,19 +551,19 @@ private:
     bool endLoop(bool (*giveUp)(void *node)) {
         return loop_.end([](void *node) { static_cast<NodeState *>(node)->askToLeave(); }, giveUp);
     }
-    // A look that has been asked for does it, when no handler runs any more.
     void askToLeave() noexcept {
         const std::lock_guard lock{mutex_};
-        if (!gone_ && (quiet_ || !wakes_)) {
+        if (calls_ended_ && !gone_) {
             busClientSpinExit(client_);
+        } else {
+            wake(); // to go quietly
         }
     }
     // Whether another thread's call through this node is under way, which the node's thread waits
     // for; or this thread is in a handler of a node whose answer the running handler waits for.
     static bool isHeld(void *self) {
         NodeState &node = *static_cast<NodeState *>(self);
-        const std::string callee = node.turns_.callee();
-        if (node.quiet_ && !callee.empty() && !isOfTheBus(callee)) {
+        if (node.quiet_ && !node.calls_ended_) {
             return true;
         }
         const NodeState *const here = handlingNode();
@@ -588,14 +596,15 @@ private:
     std::mutex mutex_; // of all below that is not atomic
     std::vector<Change> changes_;
     Timers timers_;
-    AsyncCalls calls_;                   // under way
-    AsyncCalls ready_;                   // answered, their completions not yet run
-    BusPtr keep_;                        // of a node that nobody waits for
-    bool wakes_ = false;                 // a look has been asked for
-    std::atomic<bool> gone_{false};      // the client must not be used; set in a turn, too
-    std::atomic<bool> leaving_{false};   // no handler begins
-    std::atomic<bool> quiet_{false};     // nor does one run
-    std::atomic<bool> attention_{false}; // settle() has something to do, or the node is leaving
+    AsyncCalls calls_;                     // under way
+    AsyncCalls ready_;                     // answered, their completions not yet run
+    BusPtr keep_;                          // of a node that nobody waits for
+    bool wakes_ = false;                   // a look has been asked for
+    std::atomic<bool> gone_{false};        // the client must not be used; set in a turn, too
+    std::atomic<bool> leaving_{false};     // no handler begins
+    std::atomic<bool> quiet_{false};       // nor does one run
+    std::atomic<bool> calls_ended_{false}; // nobody has a turn any more
+    std::atomic<bool> attention_{false};   // settle() has something to do, or the node is leaving
     Loop loop_;
 };
 
