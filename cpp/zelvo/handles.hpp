@@ -126,7 +126,7 @@ private:
         }
         Answer answer = node_->call(CText{"/localKeys/" + key}.c_str(), request);
         if (answer.outcome == Outcome::none) {
-            throw Error("zelvo: the key store does not answer");
+            throw detail::noAnswerError("/localKeys", answer.cause);
         }
         return std::move(answer.text);
     }

@@ -50,6 +50,10 @@ inline constexpr std::string_view kNoNode = R"({"data":"not implement"})";
 inline constexpr std::string_view kNoHandler = R"({"msg":"not implement"})";
 inline constexpr std::string_view kRefusedRing = R"({"data":""})";
 
+inline bool isRefusal(std::string_view text) noexcept {
+    return text == kNoNode || text == kNoHandler || text == kRefusedRing;
+}
+
 inline Answer answerFrom(std::string_view url, const char *text) {
     Answer answer{text, Outcome::answered, Cause::answered};
     if (answer.text == kNoNode || answer.text == kNoHandler) {
@@ -64,6 +68,11 @@ inline Answer answerFrom(std::string_view url, const char *text) {
 }
 inline Answer noAnswer(Cause cause) {
     return {{}, Outcome::none, cause};
+}
+
+inline Error noAnswerError(const char *url, Cause cause) {
+    return Error{std::string{"zelvo: the bus does not answer "} + url + ": " + reason(cause),
+                 cause};
 }
 
 // The client makes no other call until the answer is copied.

@@ -211,6 +211,56 @@ private:
     std::map<std::string, HandlerPtr, std::less<>> paths_; // "": of every other path
 };
 
+// What a node has subscribed to with the bus, and for which handlers.
+class Subscriptions {
+public:
+    std::vector<std::string> notIn(const std::vector<std::string> &topics) const {
+        std::vector<std::string> missing;
+        for (const std::string &topic : topics) {
+            if (handlers_.find(topic) == handlers_.end()) {
+                missing.push_back(topic);
+            }
+        }
+        return missing;
+    }
+    void add(const std::vector<std::string> &topics, const Handler &handler) {
+        for (const std::string &topic : topics) {
+            handlers_[topic].push_back(&handler);
+        }
+    }
+    void removeAll(const std::vector<std::string> &topics) {
+        for (const std::string &topic : topics) {
+            handlers_.erase(topic);
+        }
+    }
+    // Whether the handler was there. last gets the topics that have none any more.
+    bool remove(const std::vector<std::string> &topics, const Handler &handler,
+                std::vector<std::string> &last) {
+        bool was = false;
+        for (const std::string &topic : topics) {
+            const auto found = handlers_.find(topic);
+            if (found == handlers_.end()) {
+                continue;
+            }
+            auto &list = found->second;
+            const auto place = std::find(list.begin(), list.end(), &handler);
+            if (place == list.end()) {
+                continue;
+            }
+            was = true;
+            list.erase(place);
+            if (list.empty()) {
+                last.push_back(topic);
+                handlers_.erase(found);
+            }
+        }
+        return was;
+    }
+
+private:
+    std::map<std::string, std::vector<const Handler *>> handlers_;
+};
+
 } // namespace zelvo::detail
 
 #endif

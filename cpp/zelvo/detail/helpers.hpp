@@ -1,13 +1,12 @@
-// Calls that are not waited for, and the helpers that make them.
+// The helpers that make the calls which are not waited for.
 #ifndef ZELVO_DETAIL_HELPERS_HPP
 #define ZELVO_DETAIL_HELPERS_HPP
 
-#include "call.hpp"
+#include "async_call.hpp"
 #include "loop.hpp"
 
-#include <atomic>
-#include <future>
 #include <map>
+#include <thread>
 
 namespace zelvo::detail {
 
@@ -26,70 +25,6 @@ inline client_t *connectSilently(Zelvo_t *bus, const char *name, onmessage_callb
 // Behind it stand the name of the node that calls, "/" and a number. No other node can have such a
 // name: it holds a "/", which zelvo::Node refuses and no url reaches.
 inline constexpr char kHelperPrefix[] = "zelvo/helper/";
-
-class AsyncCall;
-using AsyncCallPtr = std::shared_ptr<AsyncCall>;
-using AsyncCalls = std::list<AsyncCallPtr>;
-
-// A call that somebody else makes for a node.
-class AsyncCall {
-public:
-    AsyncCall(const char *to, std::string_view bytes, bool inNode)
-        : url{to},
-          data{bytes},
-          has_data{bytes.data() != nullptr},
-          completes{inNode} {
-        static_cast<void>(lengthOf(bytes));
-    }
-    AsyncCall(const AsyncCall &) = delete;
-    AsyncCall &operator=(const AsyncCall &) = delete;
-    virtual ~AsyncCall() = default;
-
-    // The answer, for whoever waits for it. Once, and not after forget().
-    virtual void end(Answer answer) = 0;
-    // Nobody waits any more: what is the user's goes.
-    virtual void forget() noexcept = 0;
-
-    const std::string url;
-    const std::string data;
-    const bool has_data;
-    const bool completes;          // end() runs something of the user's: in the node's thread
-    std::weak_ptr<NodeState> node; // whose call it is
-    std::string node_name;
-    std::atomic<bool> over{false}; // nobody wants it (any more)
-
-    // The node's, with its mutex: where the call is, among those under way or those answered.
-    AsyncCalls::iterator place;
-    bool ready = false;
-    Answer answer;
-    // The helpers', with their mutex.
-    AsyncCalls::iterator row_place;
-    bool waits = false;
-};
-
-class FutureCall final : public AsyncCall {
-public:
-    FutureCall(const char *to, std::string_view bytes) : AsyncCall{to, bytes, false} {}
-    void end(Answer given) override { promise_.set_value(std::move(given)); }
-    void forget() noexcept override {}
-    std::future<Answer> future() { return promise_.get_future(); }
-
-private:
-    std::promise<Answer> promise_;
-};
-
-template <class Run>
-class CompletedCall final : public AsyncCall {
-public:
-    CompletedCall(const char *to, std::string_view bytes, Run &&run)
-        : AsyncCall{to, bytes, true},
-          run_{std::move(run)} {}
-    void end(Answer given) override { (*run_)(std::move(given)); }
-    void forget() noexcept override { run_.reset(); }
-
-private:
-    std::optional<Run> run_;
-};
 
 class Helpers {
 public:
@@ -116,6 +51,7 @@ public:
         close(idle_clients_);
     }
 
+    bool any() const noexcept { return most_ > 0; }
     // False: too many wait.
     bool add(const AsyncCallPtr &call) {
         const std::lock_guard lock{mutex_};
@@ -304,8 +240,9 @@ private:
     }
     void make(AsyncCall &call) noexcept try {
         Clients client = clientFor(call);
-        finish(call, answerOf(client.front().client, call));
-        giveBack(client, call);
+        Answer answer = answerOf(client.front().client, call);
+        giveBack(client, call); // before anybody can think that the call is over
+        finish(call, std::move(answer));
     } catch (const std::bad_alloc &) {
         finish(call, noAnswer(Cause::lost));
     }

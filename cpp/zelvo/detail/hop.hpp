@@ -51,14 +51,15 @@ public:
     Hops &operator=(const Hops &) = delete;
     virtual ~Hops() = default;
 
-    // In the node's thread: has the loop do it, and waits until it has or never will. Throws what
-    // the executor throws.
-    void run(Step work, void *object) {
+    // In the node's thread: has the loop do it, and waits until it has or never will (false).
+    // Throws what the executor throws.
+    bool run(Step work, void *object) {
         {
             const std::lock_guard lock{mutex_};
             if (closed_) {
-                return;
+                return false;
             }
+            done_ = false;
             ++number_;
             state_ = State::waits;
             work_ = work;
@@ -71,7 +72,7 @@ public:
             wait();
             throw;
         }
-        wait();
+        return wait();
     }
     // Nothing begins any more.
     void close() noexcept {
@@ -105,6 +106,7 @@ private:
         }
         work_(object_);
         const std::lock_guard lock{mutex_};
+        done_ = true;
         finish();
     }
     void drop(unsigned long number) noexcept {
@@ -118,15 +120,17 @@ private:
         state_ = State::over;
         changed_.notify_one();
     }
-    void wait() {
+    bool wait() {
         std::unique_lock lock{mutex_};
         changed_.wait(lock, [this] { return state_ == State::over; });
+        return done_;
     }
 
     std::mutex mutex_;
     std::condition_variable changed_;
     State state_ = State::over;
     bool closed_ = false;
+    bool done_ = false;        // the latest piece has been run
     unsigned long number_ = 0; // of the latest piece
     std::thread::id runner_;
     Step work_ = nullptr;

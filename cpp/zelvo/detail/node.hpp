@@ -2,6 +2,7 @@
 #ifndef ZELVO_DETAIL_NODE_HPP
 #define ZELVO_DETAIL_NODE_HPP
 
+#include "../codec.hpp"
 #include "bus.hpp"
 #include "handlers.hpp"
 #include "hop.hpp"
@@ -55,14 +56,14 @@ public:
             return noAnswer(Cause::timed_out);
         }
         if (deadline && *deadline - Clock::now() < bus_.timeout() * 15 / 16 &&
-            !isOfTheBus(hostOf(url))) {
+            !isOfTheBus(hostOf(url)) && bus_.helpers().any()) {
             turn.pass();
             return callUntil(*deadline, url, data);
         }
         return askInTurn(url, data, deadline);
     }
     Answer callUntil(Clock::time_point end, const char *url, std::string_view data) {
-        const auto call = std::make_shared<FutureCall>(url, data);
+        const auto call = futureCall<Answer>(url, data, asItIs);
         auto future = call->future();
         callAsync(call);
         if (future.wait_until(end) != std::future_status::ready && cancel(call)) {
@@ -82,12 +83,12 @@ public:
             abandon(*call, Cause::left);
             return;
         }
-        call->place = calls_.insert(calls_.end(), call);
+        calls_.add(call);
         bool taken = false;
         try {
             taken = bus_.helpers().add(call);
         } catch (...) {
-            calls_.pop_back();
+            calls_.takeBack();
             throw;
         }
         lock.unlock();
@@ -98,39 +99,31 @@ public:
 
     // In a helper's thread, where nothing of the user's is run or destroyed.
     void finish(AsyncCall &call, Answer answer) noexcept {
-        AsyncCalls taken;
+        AsyncCalls ended;
         {
             const std::lock_guard lock{mutex_};
-            if (call.over.exchange(true)) {
-                return;
-            }
-            call.answer = std::move(answer);
-            call.ready = call.completes;
-            auto &to = call.ready ? ready_ : taken;
-            to.splice(to.end(), calls_, call.place);
-            if (call.ready) {
+            ended = calls_.finish(call, std::move(answer));
+            if (calls_.hasReady()) {
                 wake();
             }
         }
-        if (!taken.empty()) {
+        if (!ended.empty()) {
             call.end(std::move(call.answer));
         }
     }
 
     // False: it is over, or its completion has begun.
     bool cancel(const AsyncCallPtr &call) noexcept {
-        AsyncCalls taken;
+        AsyncCalls cancelled;
         {
             const std::lock_guard lock{mutex_};
-            if (call->over.exchange(true) && !call->ready) {
-                return false;
-            }
-            taken.splice(taken.end(), call->ready ? ready_ : calls_, call->place);
-            call->ready = false;
+            cancelled = calls_.cancel(*call);
             bus_.helpers().drop(*call);
         }
-        abandon(*call, Cause::cancelled);
-        return true;
+        if (!cancelled.empty()) {
+            abandon(*call, Cause::cancelled);
+        }
+        return !cancelled.empty();
     }
 
     // ---- handlers ----
@@ -142,22 +135,19 @@ public:
         const auto keep = shared_from_this();
         const Deadline deadline = deadlineAfter(bus_.timeout());
         const Turn turn{turns_, url, deadline};
-        std::vector<std::string> fresh;
-        for (const std::string &topic : topics) {
-            if (subscribed_.find(topic) == subscribed_.end()) {
-                fresh.push_back(topic);
-            }
-        }
+        const std::vector<std::string> fresh = subscriptions_.notIn(topics);
         const std::string json = jsonArray(fresh);
         change({Change::Kind::add, topics, handler}); // it is there before the first message
-        if (!turn.owned() || gone_ || (!fresh.empty() && !tell(url, json, deadline))) {
+        const Cause cause = !turn.owned()   ? Cause::timed_out
+                            : gone_         ? Cause::left
+                            : fresh.empty() ? Cause::answered
+                                            : askInTurn(url, json, deadline).cause;
+        if (cause != Cause::answered) {
             handler->cancelled = true;
             change({Change::Kind::remove, topics, handler});
-            throw Error(std::string{"zelvo: the bus does not answer "} + url);
+            throw noAnswerError(url, cause);
         }
-        for (const std::string &topic : topics) {
-            subscribed_[topic].push_back(handler.get());
-        }
+        subscriptions_.add(topics, *handler);
     }
     void unsubscribe(const std::vector<std::string> &topics) {
         constexpr const char *url = "/bus/unsubscribe";
@@ -167,12 +157,11 @@ public:
         const Turn turn{turns_, url, deadline};
         change({Change::Kind::remove, topics, nullptr});
         if (turn.owned()) {
-            for (const std::string &topic : topics) {
-                subscribed_.erase(topic);
-            }
+            subscriptions_.removeAll(topics);
         }
-        if (!turn.owned() || !tell(url, json, deadline)) {
-            throw Error(std::string{"zelvo: the bus does not answer "} + url);
+        const Cause cause = turn.owned() ? askInTurn(url, json, deadline).cause : Cause::timed_out;
+        if (cause != Cause::answered) {
+            throw noAnswerError(url, cause);
         }
     }
     // Whether there would have been another message for the handler.
@@ -188,13 +177,10 @@ public:
         if (!turn.owned()) {
             return true;
         }
-        bool was = false;
         std::vector<std::string> last;
-        for (const std::string &topic : topics) {
-            was = forget(topic, handler.get(), last) || was;
-        }
+        const bool was = subscriptions_.remove(topics, *handler, last);
         if (!last.empty()) {
-            tell(url, jsonArray(last), deadline); // without an answer: what comes has no handler
+            askInTurn(url, jsonArray(last), deadline); // or what comes has no handler
         }
         return was && !leaving_;
     }
@@ -248,6 +234,14 @@ public:
     }
     bool leaving() const noexcept { return leaving_; }
 
+    // ---- what does not decode ----
+
+    void noteUnreadable(std::string_view name, std::size_t size, std::size_t expected) {
+        ++unreadable_;
+        bus_.report(name_, std::make_exception_ptr(Unreadable{Text{name}, size, expected}));
+    }
+    std::size_t unreadable() const noexcept { return unreadable_; }
+
 private:
     static NodeState &of(void *userdata) noexcept { return *static_cast<NodeState *>(userdata); }
     static std::string_view viewOf(const char *data, int length) noexcept {
@@ -268,7 +262,13 @@ private:
                 handlingNode() = outer;
             };
             using Hop = decltype(hop);
-            reported([&] { hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
+            bool done = false;
+            reported(
+                [&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
+            if (!done) { // what is due or ready is looked at again
+                const std::lock_guard lock{mutex_};
+                attention_ = true;
+            }
         }
         if (hops_ && leaving_) {
             goQuietly();
@@ -371,7 +371,7 @@ private:
             const std::lock_guard lock{mutex_};
             changes.swap(changes_);
             attention_ = leaving_ || !arm();
-            if (!ready_.empty()) {
+            if (calls_.hasReady()) {
                 wake();
             }
         }
@@ -427,28 +427,6 @@ private:
         }
         return ask(client_, url, data, deadline);
     }
-    bool tell(const char *url, const std::string &json, const Deadline &deadline) {
-        return askInTurn(url, json, deadline).outcome != Outcome::none;
-    }
-    // Whether the handler was there. Where it was the last one, the topic is added to those.
-    bool forget(const std::string &topic, const Handler *handler, std::vector<std::string> &last) {
-        const auto found = subscribed_.find(topic);
-        if (found == subscribed_.end()) {
-            return false;
-        }
-        auto &handlers = found->second;
-        const auto place = std::find(handlers.begin(), handlers.end(), handler);
-        if (place == handlers.end()) {
-            return false;
-        }
-        handlers.erase(place);
-        if (handlers.empty()) {
-            last.push_back(topic);
-            subscribed_.erase(found);
-        }
-        return true;
-    }
-
     // ---- timers ----
 
     // With mutex_. False: memory is short.
@@ -501,13 +479,7 @@ private:
     }
     AsyncCallPtr takeReady() noexcept {
         const std::lock_guard lock{mutex_};
-        if (ready_.empty() || leaving_) {
-            return nullptr;
-        }
-        AsyncCallPtr call = std::move(ready_.front());
-        ready_.pop_front();
-        call->ready = false;
-        return call;
+        return leaving_ ? nullptr : calls_.takeReady();
     }
     void runCompletions() noexcept {
         while (const AsyncCallPtr call = takeReady()) {
@@ -520,17 +492,10 @@ private:
         AsyncCalls calls;
         {
             const std::lock_guard lock{mutex_};
-            for (const AsyncCallPtr &call : calls_) {
-                call->over = true;
-                bus_.helpers().drop(*call);
-            }
-            for (const AsyncCallPtr &call : ready_) {
-                call->ready = false;
-            }
-            calls.splice(calls.end(), calls_);
-            calls.splice(calls.end(), ready_);
+            calls = calls_.takeAll();
         }
         for (const AsyncCallPtr &call : calls) {
+            bus_.helpers().drop(*call);
             abandon(*call, Cause::left);
         }
     }
@@ -588,18 +553,17 @@ private:
     const HopsPtr hops_;
     client_t *const client_;
     Turns turns_;
-    // By topic, of what the bus has been told; whoever has the turn looks at it.
-    std::map<std::string, std::vector<const Handler *>> subscribed_;
+    Subscriptions subscriptions_; // whoever has the turn looks at them
 
     Handlers handlers_; // the node's thread's, or the loop's
 
     std::mutex mutex_; // of all below that is not atomic
     std::vector<Change> changes_;
     Timers timers_;
-    AsyncCalls calls_;                     // under way
-    AsyncCalls ready_;                     // answered, their completions not yet run
-    BusPtr keep_;                          // of a node that nobody waits for
-    bool wakes_ = false;                   // a look has been asked for
+    OpenCalls calls_;
+    BusPtr keep_;        // of a node that nobody waits for
+    bool wakes_ = false; // a look has been asked for
+    std::atomic<std::size_t> unreadable_{0};
     std::atomic<bool> gone_{false};        // the client must not be used; set in a turn, too
     std::atomic<bool> leaving_{false};     // no handler begins
     std::atomic<bool> quiet_{false};       // nor does one run
@@ -607,6 +571,23 @@ private:
     std::atomic<bool> attention_{false};   // settle() has something to do, or the node is leaving
     Loop loop_;
 };
+
+// Answers the calls of a service.
+template <class Question, class Reply, class Run>
+HandlerPtr server(NodeState &node, Run run) {
+    return handlerOf([run = std::move(run), &node](View path, View data, char *&answer) mutable {
+        auto question = decoded<Question>(data);
+        if (!question) {
+            node.noteUnreadable(path, data.size(), SizeOf<Question>::value);
+            return;
+        }
+        if (const std::optional<Reply> reply = run(std::move(*question))) {
+            std::string space;
+            const View bytes = Codec<Reply>::encode(*reply, space);
+            answer = answerText(withoutNul(bytes, isRefusal(bytes)));
+        }
+    });
+}
 
 inline bool Helpers::hasLeft(const AsyncCall &call) noexcept {
     const auto node = call.node.lock();

@@ -2,9 +2,11 @@
 #ifndef ZELVO_DETAIL_SYSTEM_HPP
 #define ZELVO_DETAIL_SYSTEM_HPP
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <string>
+#include <system_error>
 
 #if defined(_WIN32)
 // As <windows.h> declares them, which a header must not drag into a user's program.
@@ -13,9 +15,17 @@ struct HINSTANCE__;
 __declspec(dllimport) HINSTANCE__ *__stdcall GetModuleHandleA(const char *name);
 __declspec(dllimport) long long(__stdcall *__stdcall GetProcAddress(HINSTANCE__ *module,
                                                                     const char *name))();
+struct _SECURITY_ATTRIBUTES;
+__declspec(dllimport) void *__stdcall CreateEventA(_SECURITY_ATTRIBUTES *attributes, int manual,
+                                                   int set, const char *name);
+__declspec(dllimport) int __stdcall SetEvent(void *event);
+__declspec(dllimport) int __stdcall ResetEvent(void *event);
+__declspec(dllimport) int __stdcall CloseHandle(void *handle);
 }
 #else
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 #endif
 
 namespace zelvo::detail {
@@ -43,6 +53,68 @@ inline void nameThread(const std::string &name) noexcept {
     static_cast<void>(name);
 #endif
 }
+
+// What a loop can wait for, beside other things: a file descriptor that can be read while it is
+// set, or a handle of Windows that is signalled.
+class Signal {
+public:
+#if defined(_WIN32)
+    using Native = void *;
+    Signal() : event_{CreateEventA(nullptr, 1, 0, nullptr)} {
+        require(event_ != nullptr);
+    }
+    ~Signal() {
+        CloseHandle(event_);
+    }
+    Native native() const noexcept {
+        return event_;
+    }
+    void set() noexcept {
+        SetEvent(event_);
+    }
+    void clear() noexcept {
+        ResetEvent(event_);
+    }
+#else
+    using Native = int;
+    Signal() {
+        require(pipe(ends_) == 0);
+        for (const int end : ends_) {
+            fcntl(end, F_SETFD, FD_CLOEXEC);
+        }
+    }
+    ~Signal() {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    Native native() const noexcept {
+        return ends_[0];
+    }
+    // Each once, and in turns, so that neither waits.
+    void set() noexcept {
+        while (write(ends_[1], "", 1) < 0) {} // interrupted
+    }
+    void clear() noexcept {
+        char byte = 0;
+        while (read(ends_[0], &byte, 1) < 0) {}
+    }
+#endif
+    Signal(const Signal &) = delete;
+    Signal &operator=(const Signal &) = delete;
+
+private:
+    static void require(bool made) {
+        if (!made) {
+            throw std::system_error{errno, std::generic_category(), "zelvo: no signal for a loop"};
+        }
+    }
+
+#if defined(_WIN32)
+    void *const event_;
+#else
+    int ends_[2] = {};
+#endif
+};
 
 } // namespace zelvo::detail
 
