@@ -4,24 +4,27 @@
  * Threads.  The library starts none. One thread of yours runs the bus (busClientBindServer), and
  *           one thread for each node runs that node (busClientSpin); every handler of a node runs
  *           in that thread, one at a time. Any other function may be called from any thread,
- *           handlers included, unless it says otherwise.
+ *           handlers included, unless it says otherwise. A handler returns: it is not left by
+ *           longjmp, pthread_exit, pthread_cancel or a C++ exception.
  * Memory.   Whatever you pass in is copied before the call returns. What a handler is handed is
  *           valid until the handler returns. The two texts that change hands are the answer of
  *           a call handler (from malloc; the library frees it) and the answer of busClientCall
  *           (the node's; you only read it). JSON goes through cJSON, whose memory functions are the
- *           process's: busClientNew sets malloc and free while there is no other bus. An
- *           application that gives cJSON a pair of its own does so when its first bus is made and
- *           not running yet, and not again.
+ *           process's: each busClientNew while there is no other bus sets malloc and free. An
+ *           application that gives cJSON a pair of its own does so after each of these, before that
+ *           bus runs, and at no other time; and it keeps no cJSON object of its own across one.
  * Blocking. busClientConnect, busClientSubscribe, busClientUnsubscribe and busClientCall wait for
  *           an answer, for "callTimeout" milliseconds at most where that is configured and without
  *           a limit otherwise, and need the bus to be running in another thread. Nothing else
  *           waits, except the two loops and what busClientClose and busClientDelete say of
  *           themselves.
- * Limits.   2,048 nodes, 2,048 topics for each node, 2,048 sticky topics; 2,048 messages wait for
- *           the bus and 1,024 for each node. A message that finds its queue full is dropped with
- *           a warning in the log. A node can be called when its name has 1 to 127 bytes, holds no
- *           "/" after its first byte, and is no prefix of "bus" or "localKeys" ("b" is one);
- *           busClientConnect warns in the log about any other.
+ * Limits.   2,048 nodes, 2,048 topics for each node, "bus.event" among them, 2,048 sticky topics;
+ *           2,048 messages wait for the bus and 1,024 for each node, and for the bus 2,048 more of
+ *           those that a flood of publications must not keep out: answers, leave requests, exits. A
+ *           message that finds its queue full is dropped with a warning in the log. A node can be
+ *           called when its name has 1 to 127 bytes, holds no "/" after its first byte, and is no
+ *           prefix of "bus" or "localKeys" ("b" is one); busClientConnect warns in the log about
+ *           any other.
  * Errors.   Integers: 0 for success, -1 for arguments that are refused. Pointers: null. A refusal
  *           changes nothing. Its reason stands in the log, except for arguments that are null.
  *
@@ -58,11 +61,14 @@
 #define ZELVO_API
 #endif
 
-#ifdef __cplusplus
+#if defined(__cplusplus) && (__cplusplus >= 201103L || defined(_MSC_VER))
 #define ZELVO_NOEXCEPT noexcept
-extern "C" {
 #else
 #define ZELVO_NOEXCEPT
+#endif
+
+#ifdef __cplusplus
+extern "C" {
 #endif
 
 /* A bus, and a node of a bus. */
@@ -71,7 +77,7 @@ typedef struct client_t client_t;
 
 /* Receives one published message. topic and data are valid during the call; data holds len bytes,
  * any bytes, with a NUL behind them, or is null with len 0 when the message has none. The result
- * is ignored. A handler must not let a C++ exception out. */
+ * is ignored. */
 typedef int (*onmessage_callback)(void *userdata, client_t *client, char *topic, char *data,
                                   int len);
 
@@ -116,10 +122,10 @@ ZELVO_API Zelvo_t *busClientNew(const char *jsondata) ZELVO_NOEXCEPT;
  * may be run again: what was queued behind the exit is then handled. */
 ZELVO_API int busClientBindServer(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
-/* Asks busClientBindServer to return once everything queued before this request is handled; a full
- * queue does not keep the request out. Does not wait. Always 0; when memory stays short the bus
- * goes on, with an error in the log. A call whose answer has not come by then, whenever it was
- * made, finds nobody to hand it over: stop the nodes first. */
+/* Asks busClientBindServer to return once everything queued before this request is handled; there
+ * are places for it beyond a full queue. Does not wait. Always 0; when these are taken too, or
+ * memory stays short, the bus goes on, with an error in the log. A call whose answer has not come
+ * by then, whenever it was made, finds nobody to hand it over: stop the nodes first. */
 ZELVO_API int busClientServerExit(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 
 /* Destroys the bus and closes the log, also for any other bus. A bus that still runs is stopped
@@ -138,7 +144,8 @@ ZELVO_API int busClientDelete(Zelvo_t *busManager) ZELVO_NOEXCEPT;
  * Returns null, with nothing left behind: bus or name missing, the name taken, 2,048 nodes on the
  * bus, memory short, no answer in time. When the bus's queue was full the join is lost: the node is
  * returned and is not on the bus. It receives nothing and makes no call but "/bus/join", which
- * joins it and subscribes it to "bus.event"; all else works. A node that has joined is returned
+ * joins it; all else works. A node that joins by such a call of its own has no topics: it
+ * subscribes to "bus.event" itself if it wants the notices. A node that has joined is returned
  * also when the answer to its subscription to "bus.event" did not come in time (it takes effect
  * when the bus gets to it) or the bus's queue had no place for it (it is lost); the log says so. */
 ZELVO_API client_t *busClientConnect(Zelvo_t *busManager, const char *name,
@@ -217,11 +224,13 @@ ZELVO_API int busClientRemoveSticky(client_t *client, const char *jsondata) ZELV
  * stays valid until the node's next call has been posted (subscribing and leaving are calls too),
  * or until the node is closed.
  * Answers made by the bus: {"data":"not implement"} when there is no such node, its queue is full,
- * or url is no address; {"data":""} at once when the call would close a ring of nodes that wait
+ * memory is short for handing the call on, url is no address, or it is one of the bus's own that
+ * there is not; {"data":""} at once when the call would close a ring of nodes that wait
  * for each other (also a node calling itself), with a notice to the topic "bus.error".
  * Blocks the calling thread, also a handler's: the node handles nothing meanwhile. A call to a node
- * whose thread does not run waits until it does, or the node is closed. Calls of one node are made
- * one after the other, a second thread waits for its turn. After a time-out the node can call again
+ * whose thread does not run waits until it does, or the node is closed. One thread at a time calls
+ * through a node: a second one waits for its turn, but its call, subscription or leave ends the
+ * life of the answer that the first still reads. After a time-out the node can call again
  * at once; the called node may still handle the request, and its answer is dropped.
  * Null: client or url null, len negative, the node is not on the bus (any more), the bus's queue
  * is full, memory is short, or "callTimeout" has passed (a warning in the log). */
@@ -244,18 +253,20 @@ ZELVO_API int busClientSpinExit(client_t *client) ZELVO_NOEXCEPT;
 /* Sets a timer: the node's thread calls timer_func(userdata, client, type) once, mstimeout
  * milliseconds from now (0 or less: at the next look), on a clock that does not follow the
  * wall clock. A node looks after each message, and every 3 milliseconds while it has nothing to
- * do (on Windows every tick). Timers that are due together run in the order in which they were set;
- * one that is set by a timer's handler waits for the next look, so a handler may set its own timer
- * again. Does not block. A node whose thread does not run calls nothing; the timers go with the
- * node. Returns the timer's id, 2 to 32767 and then 2 again; -1: client is null or memory is short.
- * At most 1,024 timers wait: one more is dropped with a warning in the log, and its id returned all
- * the same. Without timer_func a warning is logged when the timer is due. */
+ * do (on Windows every tick). A look runs what is due in the order in which it was set, also what
+ * falls due while another timer's handler runs; one that is set by a timer's handler waits for the
+ * next look, so a handler may set its own timer again. Does not block. A node whose thread does not
+ * run calls nothing; the timers go with the node. Returns the timer's id, 2 to 32767 and then 2
+ * again; -1: client is null or memory is short. At most 1,024 timers wait: one more is dropped with
+ * a warning in the log, and its id returned all the same. Without timer_func a warning is logged
+ * when the timer is due. */
 ZELVO_API int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeout,
                                 int type, void *userdata) ZELVO_NOEXCEPT;
 
 /* Asks the node's thread to remove the timer id. It does so when it reaches the request; a timer
- * that is due before runs. An id that does not wait (any more) has no effect. Does not block.
- * Always 0; when the node's queue is full the request is dropped with a warning in the log. */
+ * that is due at a look before that runs. An id that does not wait (any more) has no effect. Does
+ * not block. Always 0; when the node's queue is full the request is dropped with a warning in the
+ * log. */
 ZELVO_API int busClientKilltimer(client_t *client, int id) ZELVO_NOEXCEPT;
 
 #ifdef __cplusplus

@@ -93,7 +93,6 @@ struct timer_t {
     double timeout; // due time, milliseconds of clock_gettimestamp
     void *userdata;
     timer_callback timer_func;
-    timer_t *next_due; // of the timers that one pass has found due
 };
 
 // A timer of client with its next id, due mstimeout milliseconds from now. Ids run from 2 to
@@ -145,10 +144,6 @@ struct client_t {
     bool turn_offered BUS_MK_GUARDED_BY(oncall_mutex) = false; // to those of them there were then
     std::uint32_t turn_offers BUS_MK_GUARDED_BY(oncall_mutex) = 0; // how often it has been
     bus_mk_thread_cond_t turn_cond;                                // signalled with each offer
-    // Whether a call of the application's is to join the node, and the node has not subscribed to
-    // the notices since. Only the thread whose turn it is touches it.
-    bool wants_notices = false;
-
     // Whether the caller sleeps, or is about to: no signal is left over for a later call.
     bool caller_sleeps BUS_MK_GUARDED_BY(oncall_mutex) = false;
     // The number of the call that waits for its answer, or 0. Written under oncall_mutex; the
@@ -158,12 +153,14 @@ struct client_t {
     std::atomic<double> earliest_due{std::numeric_limits<double>::infinity()};
     // Whether the server knows the node. Written by the server's thread only.
     std::atomic<bool> registered{false};
-    // Whether the node has gone without the server's answer to its leave request; the server takes
-    // it off the bus when it meets the record in its list of such nodes.
+    // Whether the node has gone for good without an answer of the server's to its leave request, or
+    // to its join; the server takes it off the bus, if it is on it, when it meets the record in its
+    // list of such nodes.
     std::atomic<bool> departed{false};
     client_t *next_departed = nullptr;
     client_t *next_to_wake = nullptr; // in the server's list of nodes that it has yet to wake
     std::atomic<int> references{1};
+    std::atomic<int> joins_under_way{0}; // requests to join that hold one of them
     bus::NodeCounters counters;
 
     client_t() noexcept;

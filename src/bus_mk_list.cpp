@@ -207,17 +207,6 @@ int bus_mk_list_remove_node(bus_mk_list *list, bus_mk_list_node *node) noexcept 
     return 0;
 }
 
-void bus_mk_list_del_if(bus_mk_list *list, bus_mk_list_equal wanted, void *key) noexcept {
-    check(list);
-    for (bus_mk_list_node *node = list->head; node;) {
-        bus_mk_list_node *const next = node->next;
-        if (wanted(key, node->data) == 0) {
-            _del_node(list, node);
-        }
-        node = next;
-    }
-}
-
 void *bus_mk_list_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept {
     check(list);
     return _del_node(list, node);

@@ -54,9 +54,6 @@ void *bus_mk_list_get_tail_data(const bus_mk_list *list) noexcept;
 bus_mk_list_node *bus_mk_list_get_node_from_tail(bus_mk_list *list) noexcept;
 int bus_mk_list_push_node_to_tail(bus_mk_list *list, bus_mk_list_node *node) noexcept;
 int bus_mk_list_remove_node(bus_mk_list *list, bus_mk_list_node *node) noexcept;
-// Removes, in one walk from the head, every item for which wanted(key, item) gives 0; what it stood
-// for is for wanted to keep.
-void bus_mk_list_del_if(bus_mk_list *list, bus_mk_list_equal wanted, void *key) noexcept;
 // Takes a node of this list out, frees it and returns what it stored.
 void *bus_mk_list_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept;
 // Frees a node that stands in no list.

@@ -1,6 +1,5 @@
 #include "bus_mk_queue.h"
 
-#include "bus_mk_assert.h"
 #include "bus_mk_pool.h"
 #include "bus_mk_row.h"
 #include "bus_mk_thread.h"
@@ -319,7 +318,6 @@ bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept {
         q->looks = kMostLooks;
         q->eq = eq_func;
         q->list = list.release();
-        BUS_MK_ASSERT(q->list, "q->list != NULL");
     }
     return q;
 }
@@ -401,14 +399,6 @@ void *bus_mk_q_delete(bus_mk_q_t *q, void *data) noexcept {
 void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept {
     const Whole lock{q};
     return itemAt(q, pos, true);
-}
-
-void bus_mk_q_delete_if(bus_mk_q_t *q, bus_mk_list_equal wanted, void *key) noexcept {
-    const Whole lock{q};
-    bus_mk_list_del_if(q->list, wanted, key);
-    for (bus_mk_row *const row : {&q->out, &q->in}) {
-        row->removeIf([&](void *item) { return wanted(key, item) == 0; });
-    }
 }
 
 void *bus_mk_q_find(bus_mk_q_t *q, void *data, int *dinx) noexcept {

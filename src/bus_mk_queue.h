@@ -59,10 +59,6 @@ void *bus_mk_q_find(bus_mk_q_t *q, void *data, int *dinx) noexcept;
 // Removes the item at position pos, counted from 1. Null when there is none.
 void *bus_mk_q_delete_index(bus_mk_q_t *q, int pos) noexcept;
 
-// Removes, in one walk from the head, every item for which wanted(key, item) gives 0. They are
-// yours; wanted notes them.
-void bus_mk_q_delete_if(bus_mk_q_t *q, bus_mk_list_equal wanted, void *key) noexcept;
-
 bool bus_mk_q_full(bus_mk_q_t *q) noexcept;
 // Whether it holds nothing, without a lock. An item that was there before the call, and is not
 // taken during it, is seen.
@@ -81,8 +77,8 @@ void *bus_mk_q_take_out(bus_mk_q_t *q, bus_mk_list_node *place) noexcept;
 // result, or 0. The queue stands still meanwhile.
 int bus_mk_q_visit(bus_mk_q_t *q, bus_mk_q_visitor visit, void *arg) noexcept;
 
-// Removes every item, head first, after calling delete_f on it (null: nothing is called). flag 0
-// then destroys the queue; with any other value it stays, empty. Always 0.
+// Removes every item, head first, and calls delete_f on it (null: nothing is called). flag 0 then
+// destroys the queue; with any other value it stays, empty. Always 0.
 int bus_mk_q_clear(bus_mk_q_t *q, bus_mk_q_delete_callback delete_f, int flag) noexcept;
 
 #endif

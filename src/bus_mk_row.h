@@ -48,12 +48,6 @@ public:
         }
         return item;
     }
-    // In order.
-    template <typename Wanted>
-    void removeIf(Wanted wanted) noexcept {
-        end_ = static_cast<std::int32_t>(std::remove_if(items_ + first_, items_ + end_, wanted) -
-                                         items_);
-    }
     // Gives back the memory of an empty row, unless it is little.
     void trim() noexcept {
         if (count() == 0 && places_ > kFewPlaces) {

@@ -53,17 +53,18 @@ struct bus_mk_str_result {
 //
 // Finds nothing: a pattern that ends in a single %, leaves a set open, closes more captures than
 // it opened, has %b without two characters, %f without a set, or %0 to %9 for a capture that is
-// not complete there; one with more than 32 captures or 1,024 repeat signs; a text or a pattern of
-// more than 2,147,483,647 bytes; a null argument.
+// not complete there; one with more than 32 captures; one with more than 64 repeat signs while
+// memory is short; a text or a pattern of more than 2,147,483,647 bytes; a null argument.
 //
-// Cost:    No heap, and at most 32 KiB of stack, whatever the pattern: nothing recurses. Plain
-//          text costs one strstr. Any other pattern costs about one step for each of its bytes
-//          that is tried against a character, of 1 to 6 ns: with a text of n bytes and a pattern
-//          of m some n * m steps, also where its repeats overlap and where there is no match.
-//          Balances, and what stands before a back-reference, may take n * n. The search gives up,
-//          and finds nothing, after 1,048,576 + 8 n m + 4 n n steps, with at most 65,536 for m and,
-//          in n n, 8,192 for n: a few milliseconds for a line of text, one or two seconds for 64
-//          KiB.
+// Cost:    Plain text costs one strstr. Any other pattern costs at most about one step, of 1 to 10
+//          ns, for each of its bytes with each of the text's, also where its repeats overlap and
+//          where there is no match. Only what stands between a capture and a back-reference to it
+//          is tried anew from each place: n bytes of text with k repeats there may take n^(k+1).
+// Memory:  At most 8 KiB of stack: nothing recurses. Heap: 48 bytes for each repeat sign where
+// there
+//          are more than 64; in a search that takes long, a bit for each byte of text and repeat
+//          sign, and 4 bytes for each of the text where balances are searched. What takes long
+//          finds the same without, but not within those steps.
 // Threads: any; nothing is shared.
 int bus_mk_str_find(const char *src, const char *pattern, bus_mk_str_result *result) noexcept;
 

@@ -83,9 +83,9 @@ void useHeapForJson() noexcept {
     cJSON_InitHooks(&hooks);
 }
 
-JsonPtr parseJson(const char *text, bool toTheEnd) {
+JsonPtr parseJson(const char *text) {
     heapWasShort = false;
-    JsonPtr json{cJSON_ParseWithOpts(text, nullptr, toTheEnd ? 1 : 0)};
+    JsonPtr json{cJSON_Parse(text)};
     if (!json && heapWasShort) {
         throw std::bad_alloc{};
     }

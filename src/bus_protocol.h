@@ -116,9 +116,9 @@ using JsonText = std::unique_ptr<char, JsonTextFree>;
 // Makes the JSON library use the C runtime's heap, and parseJson able to see that it is short. For
 // the whole process, so not while another bus may be using it.
 void useHeapForJson() noexcept;
-// The text as JSON, null when it is none; toTheEnd: also when anything follows. Throws
-// std::bad_alloc when memory is short, which cJSON_Parse does not tell from a text that is no JSON.
-JsonPtr parseJson(const char *text, bool toTheEnd = false);
+// The text's beginning as JSON, null when it is none. Throws std::bad_alloc when memory is short,
+// which cJSON_Parse does not tell from a text that is no JSON.
+JsonPtr parseJson(const char *text);
 
 // Whether text parses as a JSON array.
 bool isJsonArray(const char *text) noexcept;

@@ -4,6 +4,7 @@
 
 #include "bus_client_ex.h"
 #include "bus_server/directory.h"
+#include "platform/platform.h"
 
 #include <atomic>
 #include <cstdint>
@@ -26,18 +27,21 @@ struct node_t {
     node_t &operator=(const node_t &) = delete;
 };
 
-// What is known of keys.json.
+// What is known of keys.json. Up to kCut it must not be overwritten.
 struct KeyFile {
     enum class State {
-        kUnread,  // nothing: it has not been read, or not to its end; it must not be overwritten
-        kAbsent,  // there was none
-        kForeign, // it is no JSON object; it is set aside when the store is written
+        kUnread,   // nothing
+        kUnopened, // it can't be opened
+        kCut,      // it has not been read to its end
+        kAbsent,   // there was none
+        kForeign, // it does not begin with a JSON object; it is set aside when the store is written
         kTaken    // what it held stands in the store, or it held nothing
     };
     State state = State::kUnread;
+    platform::FileLook look;                                    // at the file of that state
+    platform::FileResult written = platform::FileResult::kDone; // the last write's
     bool flush = true;              // a write is on the disk before it is answered
     bool leftovers_removed = false; // of processes that died while they wrote
-    bool in_place_told = false;     // the log has said that the directory can't be written
 };
 
 // The router. Its loop's thread alone changes the registry, the topics and the sticky store; other
@@ -55,8 +59,8 @@ struct server_t {
     std::uint64_t joins = 0;
     // Nodes that have gone without waiting for the server, one reference each.
     std::atomic<client_t *> departed{nullptr};
-    // Nodes that sleep and have been sent publications, first and last. They can't go away
-    // meanwhile.
+    // Nodes that sleep and have been sent messages, first and last. They can't go away meanwhile.
+    // When the loop ends, all nodes, one after the other.
     client_t *to_wake = nullptr;
     client_t *to_wake_last = nullptr;
     std::atomic<int> running{0}; // 1 while the loop is to go on
@@ -81,8 +85,8 @@ server_t *busServerNew(const char *homepath) noexcept;
 // Runs the loop in the calling thread until it takes an exit message. -1: server is null. 0: it
 // has ended, or it was running already. What is still queued stays queued.
 int busServerRun(server_t *server) noexcept;
-// Queues an exit message behind everything that waits, beyond the queue's places if need be; lost,
-// with an error in the log, only for want of memory. Always 0.
+// Queues an exit message behind everything that waits, in the places of postToServer; lost, with an
+// error in the log, when these stay taken or memory stays short. Always 0.
 int busServerExit(server_t *server) noexcept;
 // Stops a loop that still runs, waits for its end, and frees everything. Null is accepted.
 int busServerDelete(server_t *server) noexcept;

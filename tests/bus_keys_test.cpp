@@ -108,18 +108,16 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
         {"", none, fresh}, // holds nothing to keep
         {"[1]", none, fresh, ".bad"},
         {"{\"cut\":", none, fresh, ".bad.1"},
-        {"{} more", none, fresh, ".bad.2"},
-        {std::string("{}\0{}", 5), none, fresh, ".bad.3"},
-        {old, disk, both, "", true, "write localKeys error, file: ", 2},
-        {old, withoutFiles, both, "", true, "fopen failed, file: ", 3},
-        {old, linked("."), both, "", true, "fopen failed, file: ", 3},
-        {old, linked("keys.json"), both, "", true, "fopen failed, file: ", 3},
+        {old + std::string(" more\0{}", 8), none, both},
+        {old, disk, both, "", true, "write localKeys error, file: ", 1},
+        {old, withoutFiles, both, "", true, "fopen failed, file: ", 2},
+        {old, linked("."), both, "", true, "is not read, and left as it is", 1},
         // Has more bytes than can be read.
-        {old, linked("/sys/kernel/uevent_seqnum"), both, "", true, "read localKeys error", 3},
+        {old, linked("/sys/kernel/uevent_seqnum"), both, "", true, "read localKeys error", 1},
         {old, nobody(0755), both, "", false, "can't be replaced as a whole", 1},
         {old, nobody(01777), both, "", false, "can't be replaced as a whole", 1},
-        {"[1]", nobody(0755), fresh, ".bad.4", true, "can't be set aside", 2},
-        {"[1]", nobody(01777), fresh, ".bad.5", true, "is not written", 2}};
+        {"[1]", nobody(0755), fresh, ".bad.2", true, "can't be set aside", 1},
+        {"[1]", nobody(01777), fresh, ".bad.3", true, "is not written", 1}};
     std::ptrdiff_t known = 1;
     for (const auto &c : kCases) {
         write(c.text);
@@ -157,6 +155,15 @@ TEST_F(Keys, mode_link_and_name_of_the_file_stay) {
     const auto mode = [&] { return std::filesystem::status(target).permissions(); };
     EXPECT_EQ(mode(), std::filesystem::perms{0600});
     std::filesystem::permissions(target, std::filesystem::perms{0646});
+    write("[2,3,4]");
+    restart();
+    const auto time = std::filesystem::last_write_time(target);
+    EXPECT_EQ(get("a"), kNothing);
+    write(R"({"a":7})"); // which is not seen
+    std::filesystem::last_write_time(target, time);
+    EXPECT_EQ(get("a"), kNothing);
+    write(R"({"a":17})");
+    EXPECT_EQ(get("a"), "17");
     write("[1]");
     restart();
     persist("a", "3");

@@ -65,10 +65,6 @@ struct Sequence {
         expect(bus_mk_q_find(q, item, &index), take(pos, false));
         EXPECT_EQ(index, pos);
         expect(bus_mk_q_delete(q, item), take(pos));
-        if (random() % 2 == 0) {
-            bus_mk_q_delete_if(q, sameValue, item);
-            std::erase_if(held, same);
-        }
     }
     void appendAndTakeOut(int *item) {
         bus_mk_list_node *const place = bus_mk_q_append(q, item);

@@ -27,7 +27,7 @@ std::string find(const std::string &pattern, const std::string &text) {
         const auto at = std::to_string(result.p[i] - text.c_str());
         told += ' ' + at + '+' + std::to_string(result.len[i]);
     }
-    return found == 0 || told != "0..0" ? told : "none";
+    return found != -1 || told != "0..0" ? told : "none";
 }
 
 using Case = std::tuple<std::string, std::string, std::string>; // pattern, text, what is found
@@ -43,7 +43,7 @@ const std::vector<Case> kShort = {
     {"%b''", "x'a'b'", "1..3"}, {"%b()", "((a", "none"},     {"%f[%z]", "abc", "3..2"},
     {"%f[a]", "ba", "1..0"},    {"%f[a]a$", "xaba", "3..3"}, {"a.", "a", "none"},
     {"[a]", "[", "none"},       {"%p", "a", "none"},         {"[]]", "a]b", "1..1"},
-    {"[a-]", "x-y", "1..1"},    {"[^%d]", "12a", "2..2"},    {"[^]]", "]a", "1..1"},
+    {"[a-]", "x-y", "1..1"},    {"[^%d]", "12d", "2..2"},    {"[^]]", "]a", "1..1"},
     {"[%]b]+", "a]b", "1..2"},  {"[%D1]+", "0a1b", "1..3"},  {"[^a]", "a", "none"},
     {"%%%g.", "50%g%", "2..4"}, {"%z", "abc", "none"},       {"%U%U", "aXb", "none"},
     {"%a", "\xe9", "none"},     {"%d%w%u", "1aB", "0..2"},   {"%c%l%U", "\tb1", "0..2"},
@@ -51,28 +51,28 @@ const std::vector<Case> kShort = {
     {"%S%p%s", "a. ", "0..2"},  {"%x%X", "gfz", "1..2"},     {"[a-\xff]", "\xc3", "0..0"}};
 // On a small stack, which no pattern overruns; a search without end ends the program.
 void findAll(void *) {
-    const std::string tags = repeated("<b>lorem_ipsum ", 1000);
     const std::string words = repeated("key_1, value.x ", 4400);
     const std::string run(66000, 'a');
-    const std::string few(2000, 'a');
     std::vector<Case> cases = {
-        {"(x(y)z)", "xyz", "0..2 0+3 1+1"},
-        {"(a*)(a)b", "aaab", "0..3 0+2 2+1"},
-        {"(o)(.-)%1", "hello world", "4..7 4+1 5+2"},
+        {"((a*)(a)b)(.-)%3", "aaabca", "0..5 0+4 0+2 2+1 4+1"},
         {repeated("()", 31) + "(a)", "a", "0..0 0+1"},
         {repeated("()", 32) + "(a)", "a", "none"},
-        {repeated("(a?", 32) + repeated(")a?", 32) + repeated("a?", 192) + "b", few, "none"},
-        {repeated("a?", 1025), few, "none"},
-        {std::string(1000000, '('), "a", "none"},
-        {"<(%a+)>.-</%1>", tags + "<i>x</i>", "15000..15007 15001+1"},
-        {"[a-zA-Z0-9_]+=", run + ",k=", "66001..66002"},
-        {"%a-%d", run + ",d1", "66001..66002"},
+        {repeated("(a?", 32) + repeated(")a?", 32) + "b", run.substr(60000), "none"},
+        {repeated("a?", 100000), "aa", "0..1"},
+        {"<(%a+)>.-</%1>", "<b>" + run + "<i>x</i>", "66003..66010 66004+1"},
+        {"%a-(x+)%1y", run + ",xxy", "66001..66003 66001+1"},
+        {"%b().", repeated("(", 1000000) + "(())x", "1000000..1000004"},
         {"[%w_.]+@[%w.]+", words + run + ",me@host", "132001..132007"},
-        {"v.-, v.-;", words + "v;", "7..66001"},
-        {"(.*),(.*);%d", words + ";1", "0..66001 0+65990 65991+9"},
-        {repeated("a?", 257) + "b", run + "cb", "66001..66001"},
-        {repeated("(a-)", 32) + "b", run + "c", "none"}};
+        {"(.*),(.*);%d", words + ";1", "0..66001 0+65990 65991+9"}};
     cases.insert(cases.end(), kShort.begin(), kShort.end());
+    // In front of each stands what would already match, or never does: neither makes it sound.
+    for (const char *end : {"%",    "[",    "[^",   "[a",   "[]",    "[^]", "[%]",  "[a-",  "[a%",
+                            "%)a)", "())",  "%b",   "%bx",  "%f",    "%fa", "%f[",  "%f[a", "%0",
+                            "%1",   "(%1)", "()%2", "(a%1", "(a)%2", "a*)", "(a))", "%9"}) {
+        for (const char *front : {"", "a-", "^", "q"}) {
+            cases.push_back({std::string{front} + end, "aa", "none"});
+        }
+    }
     for (const auto &[pattern, text, found] : cases) {
         EXPECT_EQ(find(pattern, text), found) << pattern.substr(0, 80) << ' ' << text.substr(0, 80);
     }
@@ -85,17 +85,6 @@ TEST(Str, patterns_find_what_they_describe_and_have_an_end) {
     bus_mk_str_result result;
     EXPECT_EQ(bus_mk_str_find(nullptr, "a", &result) + bus_mk_str_find("a", nullptr, &result), -2);
     EXPECT_EQ(bus_mk_str_find("a", "a", nullptr), -1);
-}
-
-// In front of each stands what would already match, or never does: neither makes it sound.
-TEST(Str, malformed_pattern_finds_nothing_however_far_it_would_match) {
-    for (const char *end : {"%",    "[",    "[^",   "[a",   "[]",    "[^]", "[%]",  "[a-",  "[a%",
-                            "%)a)", "())",  "%b",   "%bx",  "%f",    "%fa", "%f[",  "%f[a", "%0",
-                            "%1",   "(%1)", "()%2", "(a%1", "(a)%2", "a*)", "(a))", "%9"}) {
-        for (const char *front : {"", "a-", "^", "q"}) {
-            EXPECT_EQ(find(std::string{front} + end, "aa"), "none") << front << end;
-        }
-    }
 }
 
 } // namespace

@@ -45,6 +45,14 @@ TEST(Server, broken_messages_and_those_of_another_record_of_a_name_change_nothin
     EXPECT_EQ(::count(bus.log(), "  Vek-server not implement\n"), 1U);
 }
 
+TEST(Server, node_whose_leave_was_answered_asks_for_no_more) {
+    const Bus bus;
+    Node a{bus, "a"};
+    const ClientPtr held{retain(*a.get())}; // as the bus may still, when the leaver wakes
+    a.close();
+    EXPECT_FALSE(held->departed);
+}
+
 TEST(Server, chain_of_calls_is_followed_to_its_end) {
     const struct {
         std::vector<std::pair<std::string, std::string>> calls; // under way, and the one made now

@@ -37,15 +37,35 @@ TEST(Timers, due_timers_fire_once_in_the_order_they_were_set_and_killed_ones_nev
     EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds{19});
     bus.waitForLog("7 timer delete\n");
     EXPECT_TRUE(says(node.call("/bus/stats"), "\"timers\":\t1"));
-    set(node, 0, 0, [](void *of, client_t *, int) { // so that one pass finds both
-        set(*static_cast<Node *>(of), 0, 7, [](void *first, client_t *, int) {
-            set(*static_cast<Node *>(first), 20, 9); // stays behind the one that waits
-            std::this_thread::sleep_for(std::chrono::milliseconds{50}); // until both are due
-            return 0;
-        });
-        return set(*static_cast<Node *>(of), 20, 8);
-    });
-    EXPECT_EQ(node.heard(5).at(4), "fired 9");
+}
+
+int note(void *ran, client_t *, int type) {
+    static_cast<std::vector<int> *>(ran)->push_back(type);
+    return 0;
+}
+int makeAllDue(void *ran, client_t *client, int type) {
+    const auto makeDue = [](void *timer, void *) {
+        static_cast<bus::timer_t *>(timer)->timeout = 0;
+        return 0;
+    };
+    bus_mk_q_visit(client->timer_queue, makeDue, nullptr);
+    busClientSettimer(client, note, 0, 5, ran);
+    return note(ran, client, type);
+}
+
+TEST(Timers, what_falls_due_during_a_pass_runs_in_it_and_what_a_handler_sets_in_the_next) {
+    const Bus bus{6};
+    Node idle{bus, "n", {}, false};
+    std::vector<int> ran;
+    const std::pair<long, timer_callback> kTimers[] = {
+        {60000, note}, {0, makeAllDue}, {60000, note}, {0, note}};
+    for (int type = 0; const auto &[delay, func] : kTimers) {
+        busClientSettimer(idle.get(), func, delay, ++type, &ran);
+    }
+    bus::timerPass(*idle.get());
+    EXPECT_EQ(ran, (std::vector<int>{2, 3, 4, 1}));
+    bus::timerPass(*idle.get());
+    EXPECT_EQ(ran.back(), 5);
 }
 
 // Guards the counter of the ids against threads.

@@ -44,13 +44,18 @@ void *__real__Z15bus_mk_pool_getv();
 void *__wrap__Z15bus_mk_pool_getv() {
     return memoryIsShort ? nullptr : __real__Z15bus_mk_pool_getv();
 }
+int __real_rename(const char *, const char *);
+int __wrap_rename(const char *from, const char *to) { // the first succeeds
+    static int done = 0;
+    return done++ == 0 ? __real_rename(from, to) : -1;
+}
 }
 
 namespace {
 
 TEST(HeldThreads, call_on_its_way_to_a_node_that_is_closed_without_memory_is_answered) {
     const Deadline deadline{"a call that a close has left behind"};
-    const Bus bus{6};
+    const Bus bus;
     Node idle{bus, "idle", {}, false};
     Node caller{bus, "caller"};
     Place sending{idle.get()->message_queue};
@@ -58,10 +63,21 @@ TEST(HeldThreads, call_on_its_way_to_a_node_that_is_closed_without_memory_is_ans
     std::thread thread{[&] { EXPECT_EQ(caller.call("/idle/x"), bus::kNoHandlerAnswer); }};
     ASSERT_TRUE(sending.inside.wait()); // the bus is about to hand the request on
     memoryIsShort = true;
+    idle.publish("t");
     idle.close(); // whose wake-up of the bus is lost
     memoryIsShort = false;
+    EXPECT_EQ(count(bus.log(), "malloc error"), 3U); // with the leave request, one line each
+    EXPECT_EQ(count(bus.log(), "[E] "), 3U);
     sending.letGo.set();
     thread.join();
+}
+
+TEST(HeldThreads, file_that_is_set_aside_outlives_the_renames_that_fail_then) {
+    const TempDir home;
+    std::ofstream{home.file("keys.json")} << "[1]";
+    const Bus bus{3, R"(,"homePath":")" + home.path() + '"'};
+    Node{bus, "n"}.call("/localKeys/a", R"({"operation":"set","data":1,"persist":"true"})");
+    EXPECT_EQ(readFile(home.file("keys.json.bad")), "[1]");
 }
 
 TEST(HeldThreads, receiver_whose_wait_is_limited_does_not_overtake_its_senders_signal) {

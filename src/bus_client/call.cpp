@@ -243,26 +243,6 @@ void countRefusal(client_t &client, Call result) noexcept {
     }
 }
 
-// A node that joins by a call of its own gets the bus's notices too, as busClientConnect sees to.
-// The answer to its call stays the node's.
-void followNotices(client_t &client, const Deadline &deadline, char **response) noexcept {
-    bus_mk_text answer;
-    {
-        const bus_mk_guard lock{client.oncall_mutex};
-        answer = std::move(client.call_response);
-    }
-    bus_mk_text ignored;
-    count(client.counters.calls_made);
-    countRefusal(client,
-                 exchange(client,
-                          {kSubscribeUrl, kEventSubscription,
-                           static_cast<int>(std::strlen(kEventSubscription)), deadline, &ignored},
-                          response));
-    const bus_mk_guard lock{client.oncall_mutex};
-    client.call_response = std::move(answer);
-    *response = client.call_response.get();
-}
-
 Call callInTurn(client_t &client, const Question &question, char **response) noexcept {
     count(client.counters.calls_made);
     const Turn turn{client, question.deadline};
@@ -270,9 +250,6 @@ Call callInTurn(client_t &client, const Question &question, char **response) noe
         return timeOut(client, question);
     }
     Call result = Call::kRefused;
-    if (!question.taker && !client.registered.load(std::memory_order_acquire)) {
-        client.wants_notices = true;
-    }
     // Looked at now: the node may have left during another call.
     if (mayCall(client, question.url)) {
         result = exchange(client, question, response);
@@ -280,11 +257,6 @@ Call callInTurn(client_t &client, const Question &question, char **response) noe
         logExited(client.name.get(), question.url);
     }
     countRefusal(client, result);
-    if (client.wants_notices && !question.taker &&
-        client.registered.load(std::memory_order_acquire)) {
-        client.wants_notices = false;
-        followNotices(client, question.deadline, response);
-    }
     return result;
 }
 

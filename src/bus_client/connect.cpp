@@ -105,8 +105,9 @@ bool isTaken(const server_t &server, const char *name) noexcept {
 // Takes a node that makes no call any more out of everybody's reach. What calls it has still waits:
 // for good where it never ran, or where the bus looked away while the last of them came.
 void abandon(client_t &client) noexcept {
-    // Whatever else holds the record: it may be on the bus, or a join of it may still be queued.
-    if (client.references.load(std::memory_order_acquire) > 1) {
+    // A join that is handled meanwhile registers the node before it counts as done.
+    if (client.joins_under_way.load(std::memory_order_acquire) > 0 ||
+        client.registered.load(std::memory_order_acquire)) {
         depart(client);
     }
     while (const MessagePtr request = takeRequest(client)) {

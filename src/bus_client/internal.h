@@ -60,8 +60,9 @@ MessagePtr takeRequest(client_t &client) noexcept;
 void answerRequest(client_t &client, const message_t &request, oncall_callback handler) noexcept;
 
 // The spin loop's timer steps, in the node's thread: remove the timer that a "killtimer" names; run
-// the handler of each timer that is due, of those that wait when the pass begins; and, while timers
-// wait and no message does, pause for at most 3 ms, until the next message or look.
+// the handler of each timer that is due before the pass ends, of those that wait when it begins;
+// and, while timers wait and no message does, pause for at most 3 ms, until the next message or
+// look.
 void _killTimer(client_t &client, const message_t &message) noexcept;
 void timerPass(client_t &client) noexcept;
 void timerPause(client_t &client) noexcept;

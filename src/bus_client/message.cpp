@@ -81,14 +81,10 @@ static_assert(alignof(message_t) >= alignof(payload_t) &&
               sizeof(message_t) % alignof(payload_t) == 0);
 
 // Most messages are small, and made in one thread and freed in another.
-// What cannot be had is a name, and where the message has one, a topic.
-void *newBlock(std::size_t size, const char *name, const char *topic) noexcept {
+void *newBlock(std::size_t size, const char *name) noexcept {
     void *const block = size <= bus_mk_pool_block ? bus_mk_pool_get() : std::malloc(size);
-    if (!block) {
-        BUS_LOG(5, "  %s name malloc error %s\n", TAG, orNull(name));
-    }
-    if (!block && topic) {
-        BUS_LOG(4, "  %s topic malloc error %s\n", TAG, orNull(name));
+    if (!block && name) {
+        BUS_LOG(5, "  %s name malloc error %s\n", TAG, name);
     }
     return block;
 }
@@ -113,7 +109,7 @@ Pointer *moved(Pointer *pointer, const void *from, void *to) noexcept {
 
 // Copies the block as a whole: what is inside keeps its place.
 message_t *copyWhole(const message_t &message) noexcept {
-    void *const block = newBlock(message.size, message.name, message.topic);
+    void *const block = newBlock(message.size, message.name);
     if (!block) {
         return nullptr;
     }
@@ -137,7 +133,7 @@ message_t *make(const Fields &from) noexcept {
     const std::size_t size = sizeof(message_t) + (from.hasPayload ? sizeof(payload_t) : 0) +
                              from.name.size() + from.topic.size() + from.url.size() +
                              from.action.size() + from.request_name.size() + dataSize;
-    void *const block = newBlock(size, from.name.get(), from.topic.get());
+    void *const block = newBlock(size, from.name.get());
     if (!block) {
         return nullptr;
     }
@@ -191,7 +187,9 @@ int busClientExMessageDelete(void *message) noexcept {
         return 0;
     }
     if (record->holds_node) {
-        release(static_cast<client_t *>(record->node));
+        auto *const client = static_cast<client_t *>(record->node);
+        client->joins_under_way.fetch_sub(1, std::memory_order_acq_rel);
+        release(client);
     }
     freeBlock(record);
     return 0;
@@ -200,6 +198,7 @@ int busClientExMessageDelete(void *message) noexcept {
 void holdNode(message_t &message, client_t &client) noexcept {
     message.node = retain(client);
     message.holds_node = true;
+    client.joins_under_way.fetch_add(1, std::memory_order_relaxed);
 }
 
 bus_mk_sent handOver(bus_mk_q_t *q, MessagePtr &message, int pos, int extra) noexcept {

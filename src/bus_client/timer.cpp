@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstdio>
 #include <limits>
 #include <memory>
@@ -35,8 +34,8 @@ int nextTimerId(client_t &client) noexcept {
     }
 }
 
-// A pass sets earliest_due aside before it counts the queue, and a timer is noted after it has been
-// queued: so whatever order the two meet in, one of them notes the timer.
+// A walk sets earliest_due aside before it begins, and a timer is noted after it has been queued:
+// so whatever order the two meet in, one of them notes the timer.
 void noteDue(client_t &client, double due) noexcept {
     double earliest = client.earliest_due.load();
     while (due < earliest && !client.earliest_due.compare_exchange_weak(earliest, due)) {}
@@ -52,24 +51,32 @@ void fire(client_t &client, const timer_t &timer) noexcept {
     BUS_LOG(1, "  %s %d timer func end\n", TAG, timer.type);
 }
 
-// One walk over the timers, and those it has taken out, in their order.
-struct Pass {
+// A walk over the timers for the next one that may run: due at time, at a position from first to
+// last.
+struct Look {
     client_t &client;
     double time;
-    timer_t *first;
-    timer_t **end;
+    int first;
+    int last;
+    int at = 0;
 };
 
-int takeDue(void *pass, void *item) noexcept {
-    auto &[client, time, first, end] = *static_cast<Pass *>(pass);
-    auto *const timer = static_cast<timer_t *>(item);
-    if (time < timer->timeout) {
-        noteDue(client, timer->timeout);
-        return -1;
+int isNext(void *item, void *look) noexcept {
+    auto &[client, time, first, last, at] = *static_cast<Look *>(look);
+    const double due = static_cast<const timer_t *>(item)->timeout;
+    ++at;
+    if (at >= first && at <= last && time >= due) {
+        return at;
     }
-    *end = timer;
-    end = &timer->next_due;
+    noteDue(client, due);
     return 0;
+}
+
+// Its position; 0: there is none, and all that wait have been noted.
+int findNext(client_t &client, int first, int last) noexcept {
+    client.earliest_due.store(std::numeric_limits<double>::infinity());
+    Look look{client, now(), first, last};
+    return bus_mk_q_visit(client.timer_queue, isNext, &look);
 }
 
 // In whole milliseconds, as the log shows a time; one that is far off as far as a number goes.
@@ -143,19 +150,24 @@ void _killTimer(client_t &client, const message_t &message) noexcept try {
 }
 
 void timerPass(client_t &client) noexcept {
-    const double earliest = client.earliest_due.load();
-    if (std::isinf(earliest) || now() < earliest) {
+    if (now() < client.earliest_due.load()) {
         return;
     }
-    client.earliest_due.store(std::numeric_limits<double>::infinity());
-    // All out of the queue first: their handlers may set timers, which want a place and stand
-    // behind those that wait.
-    Pass pass{client, now(), nullptr, &pass.first};
-    bus_mk_q_delete_if(client.timer_queue, takeDue, &pass);
-    while (timer_t *const timer = pass.first) {
-        pass.first = timer->next_due;
-        fire(client, *timer);
-        busClientExTimerDelete(timer);
+    // What handlers set stands behind these, and waits for the next look.
+    int waiting = bus_mk_q_count(client.timer_queue);
+    for (int from = 1;;) {
+        if (const int at = findNext(client, from, waiting)) {
+            auto *const timer =
+                static_cast<timer_t *>(bus_mk_q_delete_index(client.timer_queue, at));
+            fire(client, *timer);
+            busClientExTimerDelete(timer);
+            --waiting;
+            from = at;
+        } else if (from > 1) {
+            from = 1; // what was passed over may be due by now
+        } else {
+            return;
+        }
     }
 }
 
@@ -163,9 +175,12 @@ void timerPause(client_t &client) noexcept {
     bool woken = client.running.load(std::memory_order_relaxed) == 0;
     while (!woken && !bus_mk_q_empty(client.timer_queue)) {
         bus_mk_q_wait(client.message_queue, kPause);
-        woken = !bus_mk_q_empty(client.message_queue) || postWakeUp(client);
-        if (!woken) {
-            timerPass(client); // memory is short, and without a message the loop does not look
+        const bool comes = !bus_mk_q_empty(client.message_queue);
+        woken = comes || postWakeUp(client);
+        // What is due precedes what has come; and where memory is short for a wake-up, nothing else
+        // lets the loop look.
+        if (comes || !woken) {
+            timerPass(client);
         }
     }
 }

@@ -24,9 +24,11 @@ int _busServerLogMessage(int level, const char *direction, const server_t *serve
 
 // ---- waking, wake.cpp ----
 
-// Notes a node that sleeps on its queue and is to be woken.
+// Notes a node that is to be woken, mostly one that sleeps on its queue; takes the first off the
+// note, null: there is none.
 void wakeLater(server_t &server, client_t &client) noexcept;
-// Wakes the first, or all of them. False: there was none.
+client_t *takeToWake(server_t &server) noexcept;
+// Wakes the first, or all, of those that sleep on their queues. False: there was none.
 bool wakeNext(server_t &server) noexcept;
 void wakeAll(server_t &server) noexcept;
 
@@ -112,13 +114,15 @@ void _busServerKeys(server_t &server, const Request &request) noexcept;
 // What server and nodes have counted, as JSON. Throws std::bad_alloc.
 std::string statsText(server_t &server);
 
-// ---- the key store's file, key_file.cpp; both throw std::bad_alloc ----
+// ---- the key store's file, key_file.cpp; all throw std::bad_alloc ----
 
 // Reads the file, where there is one, and puts what has been set since on top of it. Nothing is
-// taken of a file that can't be read to its end, unless what could be read is a whole object.
+// taken of a file that can't be read to its end, unless what could be read begins with an object.
 void _busGetKeys(server_t &server);
-// Replaces the file by the store, unless it has not been read. A file that is no JSON object is set
-// aside first. What does not succeed leaves the file as it was, and the store in memory.
+// Whether the file is another than the one that _busGetKeys has seen.
+bool _busKeysChanged(const server_t &server);
+// Replaces the file by the store, unless it has not been read. One that begins with no JSON object
+// is set aside first. What does not succeed leaves the file as it was, and the store in memory.
 void _busSetKeys(server_t &server);
 
 // ---- deadlock.cpp ----

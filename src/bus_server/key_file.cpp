@@ -30,8 +30,8 @@ void logReason(const std::string &name, const char *consequence, const std::erro
 
 // ---- reading ----
 
-platform::FileKind _busGetAccess(const std::string &name, std::error_code &error) noexcept {
-    return platform::fileKind(name.c_str(), error);
+platform::FileLook _busGetAccess(const std::string &name, std::error_code &error) noexcept {
+    return platform::lookAtFile(name.c_str(), error);
 }
 
 // Null: error says why.
@@ -73,10 +73,9 @@ Reading readAll(std::FILE *file) {
     return {std::move(text), std::min(got, size), got == size};
 }
 
-// The whole text as a JSON object, or null.
+// The JSON object with which the text begins, or null.
 JsonPtr parseStore(const Reading &reading) {
-    const char *const text = reading.text.get();
-    JsonPtr json = text && std::strlen(text) == reading.size ? parseJson(text, true) : nullptr;
+    JsonPtr json = reading.text ? parseJson(reading.text.get()) : nullptr;
     return cJSON_IsObject(json.get()) ? std::move(json) : nullptr;
 }
 
@@ -114,38 +113,30 @@ void take(server_t &server, JsonPtr json, JsonText text) {
 std::string reserveAside(const std::string &file, std::error_code &error) {
     constexpr int kMost = 1000;
     std::string aside = file + ".bad";
-    for (int i = 1; i <= kMost; ++i) {
-        error = platform::makeFile(aside.c_str());
-        if (!error) {
-            return aside;
-        }
-        if (error != std::errc::file_exists) {
-            break;
-        }
+    error = platform::makeFile(aside.c_str());
+    for (int i = 1; i < kMost && error == std::errc::file_exists; ++i) {
         aside = file + ".bad." + std::to_string(i);
+        error = platform::makeFile(aside.c_str());
     }
-    return {};
+    return error ? std::string{} : aside;
 }
 
+// A failure that goes on is told of once, but for a file that can't be opened.
 void logWritten(server_t &server, const std::string &name, platform::FileResult result,
                 const std::error_code &error) {
-    switch (result) {
-    case platform::FileResult::kDone:
-        return;
-    case platform::FileResult::kDoneInPlace:
-        if (!std::exchange(server.key_file.in_place_told, true)) {
-            BUS_LOG(4, "  %s %s can't be replaced as a whole here, it is written in place\n", TAG,
-                    name.c_str());
-        }
-        return;
-    case platform::FileResult::kNotOpened:
+    using platform::FileResult;
+    const bool news = std::exchange(server.key_file.written, result) != result;
+    if (result == FileResult::kNotOpened) {
         BUS_LOG(5, "  %s fopen failed, file: %s\n", TAG, name.c_str());
-        break;
-    case platform::FileResult::kNotWritten:
+    } else if (news && result == FileResult::kNotWritten) {
         BUS_LOG(5, "  %s write localKeys error, file: %s\n", TAG, name.c_str());
-        break;
+    } else if (news && result == FileResult::kDoneInPlace) {
+        BUS_LOG(4, "  %s %s can't be replaced as a whole here, it is written in place\n", TAG,
+                name.c_str());
     }
-    logReason(name, "is not written", error);
+    if (news && error) {
+        logReason(name, "is not written", error);
+    }
 }
 
 // As platform::replaceFile, with a file that is no store set aside, which error concerns too.
@@ -158,14 +149,18 @@ platform::FileResult replaceStore(const server_t &server, const std::string &fil
     }
     const std::string aside = reserveAside(file, error);
     if (aside.empty()) {
-        BUS_LOG(5, "  %s %s can't be set aside\n", TAG, file.c_str());
+        if (server.key_file.written != platform::FileResult::kNotWritten) {
+            BUS_LOG(5, "  %s %s can't be set aside\n", TAG, file.c_str());
+        }
         return platform::FileResult::kNotWritten;
     }
     with.aside = aside.c_str();
     const platform::FileResult result = platform::replaceFile(file.c_str(), with, error);
-    if (result == platform::FileResult::kDone) {
+    std::error_code unseen;
+    const platform::FileLook kept = platform::lookAtFile(aside.c_str(), unseen);
+    if (kept.size > 0) {
         BUS_LOG(5, "  %s %s is no key store, kept as %s\n", TAG, file.c_str(), aside.c_str());
-    } else {
+    } else if (kept.kind == platform::FileKind::kRegular) { // nothing has taken its place
         platform::removeFile(aside.c_str());
     }
     return result;
@@ -176,21 +171,25 @@ platform::FileResult replaceStore(const server_t &server, const std::string &fil
 void _busGetKeys(server_t &server) {
     using State = KeyFile::State;
     State &state = server.key_file.state;
-    state = State::kUnread;
+    const State before = std::exchange(state, State::kUnread);
     const std::string name = fileName(server);
     std::error_code error;
-    const platform::FileKind kind = _busGetAccess(name, error);
-    if (kind == platform::FileKind::kNone) {
+    const platform::FileLook look = _busGetAccess(name, error);
+    if (look.kind == platform::FileKind::kNone) {
         if (!server.keys) {
             BUS_LOG(3, "  %s not exist, file: %s\n", TAG, name.c_str());
         }
         state = State::kAbsent;
         return;
     }
-    const FilePtr file = openStore(name, kind, error);
+    const FilePtr file = openStore(name, look.kind, error);
     if (!file) {
         BUS_LOG(5, "  %s fopen failed, file: %s\n", TAG, name.c_str());
-        logReason(name, "is not read, and left as it is", error);
+        server.key_file.look = look;
+        state = State::kUnopened;
+        if (state != before) {
+            logReason(name, "is not read, and left as it is", error);
+        }
         return;
     }
     errno = 0;
@@ -201,20 +200,24 @@ void _busGetKeys(server_t &server) {
     if (json) {
         take(server, std::move(json), std::move(reading.text));
     }
-    if (!reading.whole) {
+    server.key_file.look = look;
+    state = !reading.whole ? State::kCut : isStore ? State::kTaken : State::kForeign;
+    if (state == State::kCut && state != before) {
         BUS_LOG(5, "  %s read localKeys error\n", TAG);
         logReason(name, "is not read to its end, and left as it is", error);
-    } else if (!isStore) {
+    } else if (state == State::kForeign && state != before) {
         BUS_LOG(5, "  %s %s is no key store, and counts as empty\n", TAG, name.c_str());
-        state = State::kForeign;
-    } else {
-        state = State::kTaken;
     }
 }
 
+bool _busKeysChanged(const server_t &server) {
+    std::error_code unseen;
+    return _busGetAccess(fileName(server), unseen) != server.key_file.look;
+}
+
 void _busSetKeys(server_t &server) {
-    if (server.key_file.state == KeyFile::State::kUnread) {
-        return; // the look at it just before has said why
+    if (server.key_file.state <= KeyFile::State::kCut) {
+        return; // a look at it has said why
     }
     const std::string name = fileName(server);
     const std::string file = platform::followLinks(name);

@@ -64,12 +64,14 @@ std::string_view textOf(const cJSON *object, const char *member) noexcept {
     return text ? text : "";
 }
 
-// Whether the file has to be looked at: it is until a store exists and it has been read, and again
-// before it is written where it has not been taken over, since somebody may have mended or made it.
-bool needsFile(const server_t &server, bool persist) noexcept {
-    const KeyFile::State state = server.key_file.state;
-    return !server.keys || state == KeyFile::State::kUnread ||
-           (persist && state != KeyFile::State::kTaken);
+// Whether the file has to be read: until there is a store, and before it is written until it has
+// been taken over. What was there and could not be used may be large: once it has changed.
+bool needsFile(const server_t &server, bool persist) {
+    using State = KeyFile::State;
+    const State state = server.key_file.state;
+    return (!server.keys && state != State::kCut && state != State::kForeign) ||
+           (state != State::kTaken && persist) ||
+           (state != State::kTaken && state != State::kAbsent && _busKeysChanged(server));
 }
 
 std::string serve(server_t &server, const char *payload, const char *key) {

@@ -237,15 +237,18 @@ bool enterLoop(server_t &server) noexcept {
     return true;
 }
 
-// Nodes that wait for the answer to their leave request wait in vain now.
+// Nodes that wait for the answer to their leave request wait in vain now. Noted first: no node's
+// mutex is taken under the registry's.
 void wakeLeaving(server_t &server) noexcept {
-    const auto wake = [](void *item, void * /*arg*/) {
-        client_t &client = *static_cast<node_t *>(item)->node;
-        const bus_mk_guard lock{client.oncall_mutex};
-        bus_mk_thread_cond_signal(&client.oncall_cond);
+    const auto noteNode = [](void *item, void *arg) {
+        wakeLater(*static_cast<server_t *>(arg), *static_cast<node_t *>(item)->node);
         return 0;
     };
-    bus_mk_q_visit(server.nodes_queue, wake, nullptr);
+    bus_mk_q_visit(server.nodes_queue, noteNode, &server);
+    while (client_t *const client = takeToWake(server)) {
+        const bus_mk_guard lock{client->oncall_mutex};
+        bus_mk_thread_cond_signal(&client->oncall_cond);
+    }
 }
 
 void leaveLoop(server_t &server) noexcept {

@@ -32,8 +32,6 @@ void keepSticky(server_t &server, MessagePtr message) noexcept {
     server.directory.prune(message->topic);
     if (bus_mk_q_full(server.sticky_queue)) {
         countAlone(server.counters.sticky_full);
-        BUS_LOG(2, "  %s %s sticky topic %s not kept, store is full\n", TAG, message->name,
-                message->topic);
     } else {
         count(server.counters.no_memory);
         BUS_LOG(5, "  %s %s sticky topic %s not kept\n", TAG, message->name, message->topic);

@@ -1,6 +1,6 @@
-// Nodes that sleep while publications come for them. Waking a thread costs more than several
-// messages; so the server handles what waits for it first, and what comes for a node meanwhile
-// needs no waking of its own.
+// Nodes that sleep while publications and calls come for them. Waking a thread costs more than
+// several messages; so the server handles what waits for it first, and what comes for a node
+// meanwhile needs no waking of its own.
 #include "bus_server/internal.h"
 
 namespace bus {
@@ -11,14 +11,20 @@ void wakeLater(server_t &server, client_t &client) noexcept {
     server.to_wake_last = &client;
 }
 
-bool wakeNext(server_t &server) noexcept {
+client_t *takeToWake(server_t &server) noexcept {
     client_t *const client = server.to_wake;
-    if (!client) {
-        return false;
+    if (client) {
+        server.to_wake = client->next_to_wake;
     }
-    server.to_wake = client->next_to_wake;
-    bus_mk_q_wake(client->message_queue); // after which the node may be closed at any time
-    return true;
+    return client;
+}
+
+bool wakeNext(server_t &server) noexcept {
+    client_t *const client = takeToWake(server);
+    if (client) {
+        bus_mk_q_wake(client->message_queue); // after which the node may be closed at any time
+    }
+    return client != nullptr;
 }
 
 void wakeAll(server_t &server) noexcept {

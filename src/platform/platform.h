@@ -79,8 +79,16 @@ std::int64_t seekEnd(std::FILE *file) noexcept;
 
 enum class FileKind { kNone, kRegular, kOther, kUnknown };
 
+// What can be seen of a file without opening it.
+struct FileLook {
+    FileKind kind = FileKind::kUnknown;
+    std::int64_t size = 0; // in bytes
+    std::int64_t time = 0; // when its content was last changed, in units of the system
+    bool operator==(const FileLook &) const = default;
+};
+
 // What path names, through symbolic links. kNone is certain; kUnknown: error says why nothing is.
-FileKind fileKind(const char *path, std::error_code &error) noexcept;
+FileLook lookAtFile(const char *path, std::error_code &error) noexcept;
 
 // What path names once symbolic links are followed, which need not exist; path where they lead
 // nowhere for another reason (on Windows for any). Throws std::bad_alloc.
@@ -107,7 +115,8 @@ struct Replacement {
 // is its owner's alone. A file that may not be written is not replaced. kDoneInPlace: the directory
 // lets nobody make or replace files, or the owner can't be kept, and so the file was written where
 // it is; a death or a full disk in its midst tears it. Not with aside. kNotOpened, kNotWritten:
-// error says why; path is as it was unless it was torn as said.
+// error says why; path is as it was unless it was torn as said, or with aside, if the system does
+// not let it have its name again: then aside is the old file.
 FileResult replaceFile(const char *path, const Replacement &with, std::error_code &error) noexcept;
 
 // Removes what calls of replaceFile for path left beside it whose processes, on this machine or on

@@ -144,7 +144,7 @@ bool forbidsReplacing(const std::error_code &error) noexcept {
 
 enum class Step { kDone, kAgain, kInPlace, kNotOpened, kNotWritten };
 
-// Gives the old file its other name, and the new one the old name, or leaves both as they were.
+// Gives the old file its other name, and the new one the old name, or takes back what it can.
 Step swapIn(Beside &beside, const char *path, const char *aside, std::error_code &error) noexcept {
     if (aside && std::rename(path, aside) != 0) {
         error = lastError();
@@ -224,14 +224,15 @@ std::int64_t seekEnd(std::FILE *file) noexcept {
     return fseeko(file, 0, SEEK_END) == 0 ? filePosition(file) : -1;
 }
 
-FileKind fileKind(const char *path, std::error_code &error) noexcept {
+FileLook lookAtFile(const char *path, std::error_code &error) noexcept {
     struct stat status {};
     if (stat(path, &status) != 0) {
         error = lastError();
-        return errno == ENOENT || errno == ENOTDIR ? FileKind::kNone : FileKind::kUnknown;
+        return {errno == ENOENT || errno == ENOTDIR ? FileKind::kNone : FileKind::kUnknown};
     }
     error.clear();
-    return S_ISREG(status.st_mode) ? FileKind::kRegular : FileKind::kOther;
+    return {S_ISREG(status.st_mode) ? FileKind::kRegular : FileKind::kOther, status.st_size,
+            std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec};
 }
 
 std::string followLinks(const std::string &path) {

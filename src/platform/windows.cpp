@@ -123,7 +123,7 @@ FileResult writeInPlace(const std::wstring &name, const Replacement &with,
 
 enum class Step { kDone, kAgain, kInPlace, kNotOpened, kNotWritten };
 
-// Gives the old file its other name, and the new one the old name, or leaves both as they were.
+// Gives the old file its other name, and the new one the old name, or takes back what it can.
 // Written through: a new name is on the disk too when the call returns.
 Step swapIn(const std::wstring &beside, const std::wstring &name, const Replacement &with,
             std::error_code &error) {
@@ -246,21 +246,24 @@ std::int64_t seekEnd(std::FILE *file) noexcept {
     return _fseeki64(file, 0, SEEK_END) == 0 ? filePosition(file) : -1;
 }
 
-FileKind fileKind(const char *path, std::error_code &error) noexcept try {
+FileLook lookAtFile(const char *path, std::error_code &error) noexcept try {
     const Handle file = openToLook(path);
     BY_HANDLE_FILE_INFORMATION information{};
     if (!file || !GetFileInformationByHandle(file.get(), &information)) {
         error = lastError();
         const bool missing = !file && (failedWith(error, ERROR_FILE_NOT_FOUND) ||
                                        failedWith(error, ERROR_PATH_NOT_FOUND));
-        return missing ? FileKind::kNone : FileKind::kUnknown;
+        return {missing ? FileKind::kNone : FileKind::kUnknown};
     }
     error.clear();
-    return (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 ? FileKind::kRegular
-                                                                          : FileKind::kOther;
+    const bool directory = (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    const FILETIME time = information.ftLastWriteTime;
+    return {directory ? FileKind::kOther : FileKind::kRegular,
+            std::int64_t{information.nFileSizeHigh} << 32 | information.nFileSizeLow,
+            std::int64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime};
 } catch (const std::bad_alloc &) {
     error = std::make_error_code(std::errc::not_enough_memory);
-    return FileKind::kUnknown;
+    return {};
 }
 
 std::string followLinks(const std::string &path) {

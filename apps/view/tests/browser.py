@@ -57,6 +57,10 @@ class Browser:
     def open(self, path):
         self._send('/url', {'url': 'file://' + os.path.abspath(path)})
 
+    def resize(self, width, height):
+        self._send('/goog/cdp/execute', {'cmd': 'Emulation.setDeviceMetricsOverride', 'params': {
+            'width': width, 'height': height, 'deviceScaleFactor': 1, 'mobile': False}})
+
     def run(self, script, *arguments):
         """The result of a script in the page."""
         return self._send('/execute/sync', {'script': script, 'args': list(arguments)})

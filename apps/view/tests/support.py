@@ -18,13 +18,12 @@ folder = tempfile.mkdtemp(prefix='zelvo-view-')
 atexit.register(shutil.rmtree, folder, True)
 
 
-def needs(program):
+def needs(program, script='script/setup view'):
     """The path of a program; without it the test is skipped, or fails where all must be there."""
     found = shutil.which(program)
     if found is None:
-        if os.environ.get('ZELVO_VIEW_ALL'):
-            raise AssertionError(program + ' is not installed')
-        raise unittest.SkipTest(program + ' is not installed: script/setup view')
+        missing = '{} is not installed: {}'.format(program, script)
+        raise (AssertionError if os.environ.get('ZELVO_VIEW_ALL') else unittest.SkipTest)(missing)
     return found
 
 
@@ -66,10 +65,11 @@ class Log:
     def __init__(self):
         self.lines = []
         self.ms = 0
+        self.second = '2026-11-25 16:00:00'
 
     def line(self, tid, text, unit='client/message', level='D'):
-        self.lines.append('[00042:{:05d}]2026-11-25 16:00:00.{:03d} [{}] src/bus_{}.cpp# 230#  {}'
-                          .format(tid, self.ms, level, unit, text).encode() + b'\n')
+        self.lines.append('[00042:{:05d}]{}.{:03d} [{}] src/bus_{}.cpp# 230#  {}'
+                          .format(tid, self.second, self.ms, level, unit, text).encode() + b'\n')
         return self
 
     def trace(self, tid, name, arrow, action, topic='NULL', url='NULL', payload='x'):

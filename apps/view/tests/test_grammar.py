@@ -2,6 +2,8 @@
 
 import os
 import re
+import stat
+import threading
 import unittest
 
 import support
@@ -76,6 +78,22 @@ class Matching(unittest.TestCase):
         self.assertEqual([(m['from'], m['kind']) for m in messages(data=log.bytes())],
                          [('a', 'call'), ('a', 'unanswered')])
 
+    def test_a_helper_is_the_node_that_it_calls_for_and_no_fault(self):
+        for helper, shown in (('zelvo/helper/pump/3', 'pump'), ('zelvo/helper/3', 'zelvo/helper/3')):
+            log = Log().join(1, helper, 'bus.event').trace(1, helper, '==>', 'request', url='/c/x')
+            log.line(9, 'Vek-server {0} call c, target: {0}'.format(helper), 'server/deadlock')
+            log.line(9, 'Vek-server server ==> {} pusblish topic bus.event failed, queue is full'
+                     .format(helper), 'server/publish', 'W')
+            for text in 'already exist', 'cannot be called by this name':
+                log.line(1, 'Vek-client {} {}'.format(helper, text), 'client/connect', 'W')
+            log.line(1, 'Vek-client {} call response, y'.format(helper), 'client/call')
+            found = messages(data=log.bytes())[-2:]
+            self.assertEqual([(m['kind'], m['from'], m['to']) for m in found],
+                             [('call', shown, 'c'), ('answer', 'c', shown)])
+            summary = view(data=log.bytes())
+            self.assertIn('Nothing went wrong', summary)
+            self.assertEqual(shown == helper, helper in summary)
+
     def test_a_missing_beginning_leaves_messages_without_origin(self):
         log = Log().deliver(3, 's', 't', 'before').trace(3, 's', '<==', 'request', url='/s/x')
         log.trace(3, 's', '==>', 'response', url='/s/x')
@@ -146,6 +164,46 @@ class Reading(unittest.TestCase):
         found = messages('--from', '16:00', '--to', '+1', data=data)
         self.assertEqual((found[0]['kind'], found[0]['time']), ('lost', found[1]['time']))
 
+    def test_a_line_of_many_marks_takes_no_longer_than_others(self):
+        marks = ' ==> busServer,  action: a, topic: ,  url: , requestor: , payload:, payload len: '
+        for side in 'client', 'server':
+            log = Log().line(1, 'Vek-{} # 1# busServer{}'.format(side, marks * 800)).publish(2, 'a', 't')
+            self.assertEqual(len(log.kinds('publish', '--node', 'a')), 1)  # not in hours
+
+    def test_times_may_lie_on_several_days(self):
+        log = Log()
+        for log.second in ('2026-11-25 22:00:00', '2026-11-26 01:00:00', '2026-11-26 23:00:00'):
+            log.publish(1, 'a', 't')
+        path = os.path.join(support.folder, 'days.log')
+        with open(path, 'wb') as file:
+            file.write(log.bytes())
+        times = [m['time'] for m in messages(path)]
+        for arguments, wanted in (
+                (('--from', '01:00'), [1, 2]), (('--to', '01:00'), [0, 1]), (('--to', '22:30'), [0]),
+                (('--from', '21:59'), [2]), (('--from', '23:00'), [1, 2]), (('--to', '+10800'), [0, 1]),
+                (('--from', '2026-11-26'), [1, 2]), (('--to', '2026-11-25'), [0]),
+                (('--from', '2026-11-26 02:00', '--to', '23:30'), [2])):
+            with self.subTest(arguments):
+                found = [m['time'] for m in messages(path, *arguments)]
+                self.assertEqual(found, [times[i] for i in wanted])
+        self.assertRegex(view(path), r'a +before 2026-11-25 22:00:00.000 +after 2026-11-26 23')
+        self.assertEqual([line[:13] for line in view(path, '--messages').splitlines()],
+                         ['22:00:00.000 ', '2026-11-26 01', '2026-11-26 23'])
+
+    def test_what_is_no_plain_file_is_written_to(self):
+        link, goal, pipe = (os.path.join(support.folder, name) for name in ('link', 'goal', 'pipe'))
+        os.symlink(goal, link)
+        os.mkfifo(pipe)
+        read = []
+        reader = threading.Thread(target=lambda: read.extend(open(pipe, 'rb')))
+        reader.start()
+        for path in link, pipe:
+            view('--perfetto', path, data=Log().publish(1, 'a', 't').bytes())
+        reader.join(support.LIMIT)
+        self.assertTrue(os.path.islink(link) and stat.S_ISFIFO(os.stat(pipe).st_mode))
+        with open(goal, 'rb') as file:
+            self.assertEqual(file.readlines(), read)
+
     def test_other_inputs_are_refused_with_the_place_and_the_reason(self):
         other = os.path.join(support.folder, 'other.log')
         head = b'[00042:00001]2026-11-25 16:00:00.000 [W] src/other.cpp#  83#  a ==> busServer\n'
@@ -154,11 +212,16 @@ class Reading(unittest.TestCase):
                 file.write(data)
             self.assertEqual(view(other, code=2), '')
             self.assertRegex(support.view.errors, r'^zelvo-view: \S+other.log:1: not a log of .*\n$')
-        for arguments in (('/no/such/file',), ('--frobnicate',), ('--from', 'noon'),
+        for arguments in (('/no/such/\x1b\u061cfile',), ('--frobnicate',), ('--from', 'noon'),
                           ('--dot', '--mermaid'), ('--limit', '0')):
             view(*arguments, data=b'', code=2)
-            self.assertRegex(support.view.errors, r'^zelvo-view: .+\n$')
-        view(data=b'', code=1)
+            self.assertRegex(support.view.errors, r'^zelvo-view: [ -~]+\n$')
+        started = Log().line(1, 'Vek-client, VERSION ZELVO 1.0.8, busManager new', 'client/manager', 'I')
+        for data, arguments, reason in (
+                (b'', (), 'the input is empty'), (started.bytes(), (), 'log at level 2 (`level`)'),
+                (Log().publish(1, 'a', 't').bytes(), ('--node', 'b'), 'nothing found')):
+            view(*arguments, data=data, code=1)
+            self.assertIn(reason, support.view.errors)
 
     def test_the_manual_stands_in_help_and_in_the_man_page(self):
         manual = os.path.join(os.path.dirname(support.HERE), 'zelvo_view', 'manual.py')

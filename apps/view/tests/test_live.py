@@ -1,5 +1,6 @@
 """--follow: on a pipe, on a file that grows, across a file that is begun anew; memory; colours."""
 
+import json
 import os
 import pty
 import queue
@@ -86,6 +87,22 @@ class Live(unittest.TestCase):
             self.assertIn('outgrown', follower.next()[1])
         self.assertEqual(follower.end(signal.SIGINT), 0)
 
+    def test_an_answer_of_several_lines_waits_for_its_end(self):
+        follower = Follower('--follow', '--json', stdin=subprocess.PIPE)
+        log = Log().trace(1, 'a', '==>', 'request', url='/bus/nodes')
+        log.line(1, 'Vek-client a call response, {\n"data": [1,\n2]}', 'client/call')
+        for piece in log.bytes().partition(b'{\n'):
+            os.write(follower.process.stdin.fileno(), piece)
+            time.sleep(0.2)
+        answer = [json.loads(follower.next()[1]) for _ in range(2)][1]
+        self.assertEqual(answer['payload'], '{\n"data": [1,\n2]}')
+        # Where nothing more comes, it is shown as it stands.
+        log = Log().line(1, 'Vek-client b call response, plain', 'client/call')
+        os.write(follower.process.stdin.fileno(), log.bytes())
+        self.assertIn('plain', follower.next()[1])
+        follower.process.stdin.close()
+        self.assertEqual(follower.end(), 0)
+
     def test_a_reader_that_goes_away_is_no_error(self):
         path, _ = support.scenario(2)
         with subprocess.Popen(VIEW + [path, '--messages'], stdout=subprocess.PIPE,
@@ -120,7 +137,10 @@ class Live(unittest.TestCase):
     def test_colours_are_for_terminals(self):
         shown = {}
         for no_color in '', '1':
-            mine, its = pty.openpty()
+            try:
+                mine, its = pty.openpty()
+            except OSError as error:
+                self.skipTest('no terminal to be had: {}'.format(error))
             variables = dict(os.environ, TERM='xterm', COLUMNS='100', NO_COLOR=no_color)
             subprocess.run(VIEW + ['--messages'], stdout=its, check=True, timeout=LIMIT,
                            input=Log().publish(1, 'a', 't', 'x' * 190).bytes(), env=variables)

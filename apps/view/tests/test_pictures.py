@@ -48,7 +48,7 @@ class Mermaid(unittest.TestCase):
         """What Mermaid's own parser says of them."""
         tools = os.environ.get('ZELVO_VIEW_TOOLS', '')
         if not os.path.isdir(os.path.join(tools, 'node_modules', 'mermaid')):
-            needs('mermaid, which script/setup_view')
+            needs('mermaid', 'script/check view')
         script = os.path.join(tools, 'parse.mjs')
         shutil.copy(os.path.join(support.HERE, 'parse.mjs'), script)
         done = subprocess.run([needs('node'), script], input=json.dumps(diagrams).encode(),

@@ -79,6 +79,10 @@ class EachLevel:
                 self.assertRegex(wrong, r'\b{} x .*{}'.format(number, re.escape(text)))
                 total += number
         self.assertEqual(sum(m['fault'] for m in self.messages), total)
+        self.assertEqual({(m['cause'], m['queue']) for m in self.messages if m['kind'] == 'drop'}, {
+            ('copy', 'slow'), ('request', 'slow'), ('sticky', 'slow'), ('exit', 'slow'),
+            ('settimer', 'slow'), ('killtimer', 'slow'), ('publish', 'bus'),
+            ('removeSticky', 'bus'), ('call', 'bus')})
         rings = [m['ring'] for m in self.messages if m['kind'] == 'ring']
         self.assertEqual(rings, [['shelf', 'desk', 'shelf'], ['shelf', 'desk', 'lamp', 'shelf']])
 
@@ -87,7 +91,7 @@ class EachLevel:
         self.assertLess(summary.index('What went wrong'), summary.index('Nodes'))
         for row in (r'lamp +\S+ +after \S+ +1 +2 +1\n', r'later +\d\S+ +\d\S+ +1 +0 +0\n',
                     r'same +lamp 50 +{} 50 +50 +200 B +50\n'.format(re.escape(PANEL)),
-                    r'desk +/lamp/state +1 +1 '):
+                    r'desk +/lamp/state +1 +1 ', r'shelf +/desk/any +2 +0 +2 +- +- +- +ring 2\n'):
             self.assertRegex(summary, row)
 
     def test_filters(self):

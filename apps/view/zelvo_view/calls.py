@@ -4,7 +4,7 @@ A thread that calls waits for its answer, so the two are lines of one thread. Th
 call it hands on, by its walk along the callers, and each node takes what is handed to it in order.
 """
 
-from .model import BUS, UNKNOWN, Message
+from .model import BUS, REFUSED, UNKNOWN, Message
 from .publications import topics_of
 
 
@@ -139,7 +139,7 @@ class Calls:
                             size=call.reply[1], ref=call, note='nobody waits for it any more')
         made.src, made.dst, made.subject = call.dst, call.src, call.subject
 
-    def end_call(self, call, record, kind, payload=None, size=None, note=''):
+    def end_call(self, call, record, kind, payload=None, size=None, note='', **more):
         """How a call has ended for its caller."""
         if call.text is not None:
             self.waiting.pop(call.text, None)
@@ -147,10 +147,10 @@ class Calls:
             call.done = kind
         call.end, call.exact_end = self.now, True
         made = self.message(kind, record, None, None, None, payload=payload, size=size, ref=call,
-                            note=note)
+                            note=note, **more)
         made.src, made.dst, made.subject = call.src, call.dst, call.subject
         if kind == 'answer':
-            made.src = BUS if call.done in ('ring', 'nobody', 'drop') else call.dst
+            made.src = BUS if call.done in REFUSED else call.dst
             made.dst = call.src
             if call.reply is not None:
                 made.size = call.reply[1]

@@ -2,13 +2,14 @@
 
 import argparse
 import datetime
+import functools
 import gc
 import os
 import re
 import signal
 import sys
 
-from . import lines, manual
+from . import lines, manual, texts
 from .matcher import Matcher
 from .sources import InputError, Inputs
 from .stats import Filter, Stats, by_name
@@ -32,34 +33,45 @@ def _parser():
     parser.add_argument('--node', action='append', default=[])
     parser.add_argument('--topic', action='append', default=[])
     parser.add_argument('--from', dest='begin', type=_time, metavar='TIME')
-    parser.add_argument('--to', dest='end', type=_time, metavar='TIME')
+    parser.add_argument('--to', dest='end', type=functools.partial(_time, is_end=True),
+                        metavar='TIME')
     parser.add_argument('--limit', type=int)
     return parser
 
 
-_TIME = re.compile(r'(?:(\d{4}-\d\d-\d\d)[T ])?(\d\d?):(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?$')
+_TIME = re.compile(r'(?:(\d{4}-\d\d-\d\d)(?:[T ]|$))?'
+                   r'(?:(\d\d?):(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?)?$')
+_DAY = 86400000
 
 
-def _time(text):
-    """Takes the first time of the log, gives milliseconds."""
+def _time(text, is_end=False):
+    """Takes the first and the last time of the log, gives milliseconds."""
     if re.fullmatch(r'\+\d+(\.\d+)?', text):
-        return lambda first: first + round(float(text[1:]) * 1000)
-    m = _TIME.match(text)
+        return lambda first, last, since: first + round(float(text[1:]) * 1000)
+    m = _TIME.match(text) if text else None
     if not m:
         raise argparse.ArgumentTypeError('not a time: {!a}'.format(text))
     day, hours, minutes, seconds, millis = m.groups()
     try:
         date = datetime.date.fromisoformat(day) if day else None
-        of_day = datetime.timedelta(hours=int(hours), minutes=int(minutes),
+        of_day = datetime.timedelta(hours=int(hours or 0), minutes=int(minutes or 0),
                                     seconds=int(seconds or 0),
                                     milliseconds=int((millis or '0').ljust(3, '0')))
     except ValueError as error:
         raise argparse.ArgumentTypeError('not a time: {!a}'.format(text)) from error
     within = int(of_day.total_seconds() * 1000 + 0.5)
+    if is_end and hours is None:
+        within = _DAY - 1
 
-    def resolve(first):
-        start = first // 86400000 if date is None else (date - datetime.date(1970, 1, 1)).days
-        return start * 86400000 + within
+    def resolve(first, last, since):
+        if date is not None:
+            return (date - datetime.date(1970, 1, 1)).days * _DAY + within
+        begin = first if since is None else since
+        found = begin // _DAY * _DAY + within
+        # Of a time that the log does not hold, the nearer one is meant.
+        if found < begin and (found + _DAY <= (last or 0) or begin - found > _DAY // 2):
+            return found + _DAY
+        return found
     return resolve
 
 
@@ -71,6 +83,7 @@ class View:
         self.inputs = Inputs(arguments.files)
         self.matcher = Matcher()
         self._filter = None
+        self._last = None
 
     def wanted(self, messages):
         """Those that pass the filter. Its times are known when the log has begun."""
@@ -82,13 +95,15 @@ class View:
 
     def _make_filter(self):
         arguments, first = self.arguments, self.matcher.first_ms
-        self._filter = Filter(arguments.node, arguments.topic,
-                              arguments.begin and arguments.begin(first),
-                              arguments.end and arguments.end(first))
+        begin = arguments.begin and arguments.begin(first, self._last, None)
+        end = arguments.end and arguments.end(first, self._last, begin)
+        self._filter = Filter(arguments.node, arguments.topic, begin, end)
 
     def messages(self):
         """All messages of the input."""
         matcher, out = self.matcher, self.matcher.out
+        if self.arguments.begin or self.arguments.end:
+            self._last = self.inputs.last_ms()
         feed = matcher.feed
         for count, record in enumerate(self.inputs.records()):
             feed(record)
@@ -96,10 +111,16 @@ class View:
                 yield from self.wanted(matcher.ready(matcher.last_ms))
         yield from self.wanted(matcher.finish())
 
-    def live(self):
+    def why_nothing(self):
+        """What to say where there was nothing to show."""
+        if self.inputs.is_empty:
+            return 'the input is empty'
+        return 'nothing found' if self._filter else 'no messages: log at level 2 (`level`)'
+
+    def live(self, skips=False):
         """The messages as they come; None whenever what has come is to be seen."""
         matcher = self.matcher
-        for records in self.inputs.follow():
+        for records in self.inputs.follow(skips):
             for record in records:
                 matcher.feed(record)
             if matcher.out:
@@ -176,9 +197,10 @@ def _run(argv):
             ' and '.join('--' + name for name, _ in given)))
     if arguments.limit is not None and arguments.limit < 1:
         raise InputError('--limit: at least 1')
-    shown = (given[0][1] if given else _summarise)(View(arguments), arguments)
+    view = View(arguments)
+    shown = (given[0][1] if given else _summarise)(view, arguments)
     if not shown:
-        print('zelvo-view: nothing found', file=sys.stderr)
+        print('zelvo-view: ' + view.why_nothing(), file=sys.stderr)
     return FOUND if shown else NOTHING
 
 
@@ -191,7 +213,7 @@ def main(argv=None):
         sys.stdout.flush()
         return code
     except InputError as error:
-        print('zelvo-view: {}'.format(error), file=sys.stderr)
+        print('zelvo-view: ' + texts.safe(str(error)), file=sys.stderr)
         return WRONG
     except BrokenPipeError:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())

@@ -14,7 +14,8 @@ _ARROWS = {'publish': '-->', 'sticky': '-->', 'deliver': '-->', 'call': '==>', '
 _COLOURS = {'publish': '36', 'sticky': '36', 'unstick': '36', 'deliver': '32', 'call': '34',
             'answer': '35'}
 _FAULT_COLOUR = '31'
-_TO_ADDRESSES = ('call', 'answer', 'late', 'timeout', 'unanswered', 'ring', 'nobody')
+_TO_ADDRESSES = ('call', 'answer', 'late', 'timeout', 'unanswered', 'ring', 'nobody', 'refused')
+_OF_CALLS = ('call', 'request', 'answer')  # causes of drops
 _NAME_COLUMNS, _SUBJECT_COLUMNS = 14, 22
 
 
@@ -30,6 +31,7 @@ class Lines:
         self._columns = shutil.get_terminal_size().columns if stream.isatty() else None
         self._names = _NAME_COLUMNS
         self._subjects = _SUBJECT_COLUMNS
+        self._day = None  # of the first line: behind it the date is shown
 
     def line(self, message):
         kind = message.kind
@@ -42,8 +44,11 @@ class Lines:
         subject = texts.safe(message.subject or '')
         self._names = min(max(self._names, len(left), len(right)), 24)
         self._subjects = min(max(self._subjects, len(subject)), 32)
+        day = message.ms // 86400000
+        if self._day is None:
+            self._day = day
         text = '{} {} {} {} {} {}'.format(
-            texts.clock(message.ms), texts.padded(left, self._names), _ARROWS.get(kind, '-x-'),
+            (texts.clock if day == self._day else texts.day_time)(message.ms), texts.padded(left, self._names), _ARROWS.get(kind, '-x-'),
             texts.padded(right, self._names), texts.padded(subject, self._subjects),
             ' '.join(self._rest(message))).rstrip()
         if self._columns:
@@ -77,8 +82,7 @@ class JsonLines:
         self._dumps = json.JSONEncoder(ensure_ascii=True, check_circular=False).encode
 
     def line(self, message):
-        is_address = message.kind in _TO_ADDRESSES or message.note.startswith('call') or (
-            message.kind == 'refused')
+        is_address = message.kind in _TO_ADDRESSES or message.cause in _OF_CALLS
         found = {
             'number': message.number,
             'time': texts.iso(message.ms),
@@ -102,6 +106,8 @@ class JsonLines:
             found['ms'] = message.took
         if message.kind == 'ring' and message.ref is not None:
             found['ring'] = message.note.split(' -> ')
+        if message.cause:
+            found['cause'], found['queue'] = message.cause, message.queue
         if message.note:
             found['note'] = message.note
         return self._dumps(found)

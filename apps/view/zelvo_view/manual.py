@@ -31,10 +31,10 @@ OPTIONS = (
     ('--node NAME', 'Only messages from or to this node. May be repeated.'),
     ('--topic TOPIC', 'Only messages of this topic or address; * stands for any text. May be '
      'repeated.'),
-    ('--from TIME', 'Only from this time on: hh:mm:ss, with .mmm, with a date before it '
-     '(2026-11-25T16:55:20), or +SECONDS from the beginning of the log. Times are those of the log, '
-     'which are in UTC+8 anywhere.'),
-    ('--to TIME', 'Only up to this time.'),
+    ('--from TIME', 'Only from this time on: a date, a clock time (hh:mm, with :ss and .mmm), which '
+     'means the first such moment in the log, both (2026-11-25T16:55:20), or +SECONDS from the '
+     'beginning of the log. Times are those of the log, which are in UTC+8 anywhere.'),
+    ('--to TIME', 'Only up to this time; with a date alone, to the end of that day.'),
     ('--version', 'Prints the version.'),
     ('--help', 'Prints this text.'),
 )

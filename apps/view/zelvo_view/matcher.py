@@ -9,7 +9,7 @@ import re
 from collections import OrderedDict, deque
 
 from .calls import Calls
-from .model import Message, Node, Thread
+from .model import Message, Node, Thread, helper_of
 from .patterns import PATTERNS
 from .publications import SKEW, Publications
 from .records import notice
@@ -23,10 +23,11 @@ WAITING = 4096  # messages that wait for what may still change them
 class Process(Publications, Calls):
     """The buses of one process. emit: takes each Message, in the order of the log."""
 
-    def __init__(self, pid, emit, text):
+    def __init__(self, pid, emit, text, who):
         self.pid = pid
         self.emit = emit
         self.text = text  # from bytes to the text that is shown
+        self.who = who  # the same for a node
         self.nodes = {}
         self.threads = {}
         self.alike = {}  # (topic, size, payload): Alike
@@ -80,9 +81,9 @@ class Process(Publications, Calls):
         return found
 
     def message(self, kind, record, src, dst, subject=None, **more):
-        name = self.text
-        made = Message(self.line, self.now, record.ms, self.pid, record.tid, kind, name(src),
-                       name(dst), name(subject), **more)
+        who = self.who
+        made = Message(self.line, self.now, record.ms, self.pid, record.tid, kind, who(src),
+                       who(dst), self.text(subject), **more)
         self.emit(made)
         return made
 
@@ -156,6 +157,7 @@ class Matcher:
         self.last_ms = None
         self.levels = set()
         self._texts = {}
+        self._whos = {}
         self.out = deque()
         self._number = 0
         self._doubling = self._was_doubled = False
@@ -175,6 +177,17 @@ class Matcher:
             if len(self._texts) > 20000:
                 self._texts.clear()
             found = self._texts[name] = name.decode('utf-8', 'backslashreplace')
+        return found
+
+    def who(self, name):
+        """A node as it is shown: a helper as the node that it calls for."""
+        if name is None or isinstance(name, str):
+            return name
+        found = self._whos.get(name)
+        if found is None:
+            if len(self._whos) > 20000:
+                self._whos.clear()
+            found = self._whos[name] = self.text(helper_of(name) or name)
         return found
 
     def feed(self, record):
@@ -208,7 +221,7 @@ class Matcher:
                 break
             oldest.forget()
             latest.remove(oldest)
-        made = self.processes[pid] = Process(pid, self.out.append, self.text)
+        made = self.processes[pid] = Process(pid, self.out.append, self.text, self.who)
         latest.append(made)
         return made
 
@@ -236,7 +249,7 @@ class Matcher:
         yield from self.ready()
 
     def _notice(self, record):
-        lost, anew = notice(record)
+        lost, skipped, anew = notice(record)
         self.anew += anew
         self.lost_lines += lost
         if self.first_ms is None:
@@ -244,7 +257,8 @@ class Matcher:
             self.now = record.ms * 1000
         if lost:
             self.out.append(Message(self.line, self.now, self.last_ms, b'', b'', 'lost', None, None,
-                                    None, note='the log has lost {} lines here'.format(lost)))
+                                    None, note=('{} lines here were not read in time' if skipped else
+                                          'the log has lost {} lines here').format(lost)))
         for process in self.processes.values():  # nothing is certain to be in step any more
             for node in process.nodes.values():
                 if lost:

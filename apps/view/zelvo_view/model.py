@@ -1,5 +1,6 @@
 """What the matcher keeps of a log: messages, nodes, threads."""
 
+import re
 from collections import deque
 
 UNKNOWN = '?'
@@ -25,17 +26,29 @@ KINDS = {
     'error': True,
 }
 
+REFUSED = ('ring', 'nobody', 'drop')  # of a call that reaches nobody
+
 ENDS = ('answer', 'timeout', 'unanswered', 'late')  # of a call
+
+
+_HELPER = re.compile(rb'zelvo/helper/(?:(.+)/)?\d+')
+
+
+def helper_of(name):
+    """Of a node that the C++ face calls with: the name of the node that it calls for, or its own
+    where that cannot be known. None: it is another node."""
+    m = _HELPER.fullmatch(name)
+    return m and (m[1] or name)
 
 
 class Message:
     """One line of the picture."""
     __slots__ = ('number', 'line', 'at', 'ms', 'pid', 'tid', 'kind', 'src', 'dst', 'subject',
                  'payload', 'size', 'ref', 'note', 'end', 'exact_end', 'sent', 'done', 'reply',
-                 'host', 'key', 'name', 'text', 'routed', 'handler')
+                 'host', 'key', 'name', 'text', 'routed', 'handler', 'cause', 'queue')
 
     def __init__(self, line, at, ms, pid, tid, kind, src, dst, subject=None, payload=None,
-                 size=None, ref=None, note=''):
+                 size=None, ref=None, note='', cause=None, queue=None):
         self.number = 0  # in the order shown, from 1
         self.line = line  # number of its record
         self.at = at  # microseconds that keep the order of the lines of one millisecond
@@ -50,6 +63,8 @@ class Message:
         self.size = size
         self.ref = ref  # the publication of a delivery, the call of an answer
         self.note = note
+        self.cause = cause  # of a drop: what has been lost, ...
+        self.queue = queue  # ... and whose queue was full
         self.end = None  # when its handler, or the call, has ended, at the earliest; as at
         self.exact_end = False  # whether then exactly
         self.sent = None  # of a publication: the record by which it was on its way

@@ -7,7 +7,7 @@ that is not listed here is shown as it stands.
 
 import re
 
-from .model import BUS
+from .model import BUS, helper_of
 from .publications import topics_of
 
 
@@ -36,13 +36,34 @@ def _connected(process, record, thread, m):
 
 def _name_taken(process, record, thread, m):
     thread.connecting = None
-    process.message('refused', record, m[1], BUS, note='a node of this name is on the bus')
+    if not helper_of(m[1]):
+        process.message('refused', record, m[1], BUS, note='a node of this name is on the bus')
+
+
+def _not_callable(process, record, thread, m):
+    if not helper_of(m[1]):  # nobody wants to
+        process.message('warning', record, None, None, note=process.text(record.text[11:]))
 
 
 def _connect_failed(process, record, thread, m):
     name, thread.connecting = thread.connecting, None
-    if name is not None:
+    if name is not None and not helper_of(name):
         process.message('refused', record, name, BUS, note='the bus has not taken it')
+
+
+# What a full queue has not taken, where the note says it in other words.
+_LOSSES = {'call': 'call refused', 'request': 'call', 'sticky': 'sticky message'}
+
+
+def _of_drop(cause, queue, own=False):
+    whose = 'own queue' if own else 'queue of ' + ('the bus' if queue == BUS else queue)
+    return {'cause': cause, 'queue': queue, 'note': '{}: {}'.format(_LOSSES.get(cause, cause), whose)}
+
+
+def _drop(process, record, src, dst, subject=None, *, cause, **more):
+    """A message that the queue of dst has not taken."""
+    more.update(_of_drop(cause, process.who(dst), src == dst))
+    return process.message('drop', record, src, dst, subject, **more)
 
 
 def _changes_topics(process, record, thread, m):
@@ -84,13 +105,13 @@ def _timed_out(process, record, thread, m):
 def _not_posted(process, record, thread, m):
     call, thread.call = thread.call, None
     if call is None:
-        process.message('drop', record, m[1], BUS, m[2], note='call refused: queue of the bus')
+        _drop(process, record, m[1], BUS, m[2], cause='call')
         return
-    process.end_call(call, record, 'drop', note='call refused: queue of the bus')
+    process.end_call(call, record, 'drop', **_of_drop('call', BUS))
 
 
 def _publication_refused(process, record, thread, m):
-    process.message('drop', record, m[1], BUS, m[3], note=m[2].decode() + ': queue of the bus')
+    _drop(process, record, m[1], BUS, m[3], cause=m[2].decode())
     published = thread.published
     if published is not None:
         published.done = 'drop'
@@ -98,8 +119,7 @@ def _publication_refused(process, record, thread, m):
 
 
 def _removal_refused(process, record, thread, m):
-    process.message('drop', record, m[1], BUS, None, payload=m[2], size=len(m[2]),
-                    note='removeSticky: queue of the bus')
+    _drop(process, record, m[1], BUS, cause='removeSticky', payload=m[2], size=len(m[2]))
 
 
 def _not_on_bus(process, record, thread, m):
@@ -108,12 +128,12 @@ def _not_on_bus(process, record, thread, m):
 
 
 def _answer_lost(process, record, thread, m):
-    process.message('drop', record, m[1], BUS, None, note='answer: queue of the bus')
+    _drop(process, record, m[1], BUS, cause='answer')
 
 
 def _own_queue_full(what):
     def handle(process, record, thread, m):
-        process.message('drop', record, m[1], m[1], None, note=what)
+        _drop(process, record, m[1], m[1], cause=what)
     return handle
 
 
@@ -140,16 +160,15 @@ def _copy_lost(process, record, thread, m):
     if len(node.lost) > 8192:
         node.lost.clear()
     node.lost[m[2]] = process.line
-    made = process.message('drop', record, None, m[1], m[2],
-                           note='copy: queue of ' + process.text(m[1]))
-    made.src = BUS
+    if helper_of(m[1]):  # it takes no messages, and nobody misses them
+        return
+    made = _drop(process, record, BUS, m[1], m[2], cause='copy')
     if process.verbose and node.posts:
         made.ref, made.src = node.posts[-1][1], node.posts.pop()[2]
 
 
 def _replay_lost(process, record, thread, m):
-    process.message('drop', record, BUS, m[1], None,
-                    note='sticky message: queue of ' + process.text(m[1]))
+    _drop(process, record, BUS, m[1], cause='sticky')
     node = process.nodes.get(m[1])
     if node is not None and node.posts:
         node.posts.pop()
@@ -167,7 +186,7 @@ def _walks(process, record, thread, m):
         end = b', target: ' + call.name
         if record.text.startswith(begin) and record.text.endswith(end):
             following = record.text[len(begin):len(record.text) - len(end)]
-            chain.append(process.text(following))
+            chain.append(process.who(following))
             process.walk = (call, chain, following)
 
 
@@ -197,8 +216,7 @@ def _walk_ends(process, record, thread, m):
 
 
 def _request_lost(process, record, thread, m):
-    made = process.message('drop', record, None, m[1], None,
-                           note='call: queue of ' + process.text(m[1]))
+    made = _drop(process, record, None, m[1], cause='request')
     inbox = process.node(m[1]).inbox
     walk = process.walk
     if walk is not None and inbox and inbox[-1] is walk[0]:
@@ -229,6 +247,7 @@ PATTERNS = {
         (rb'Vek-client (.*) connect end, payload: .*', _connected),
         (rb'Vek-client (.*) already exist', _name_taken),
         (rb'Vek-client connect failed', _connect_failed),
+        (rb'Vek-client (.*) cannot be called by this name', _not_callable),
         (rb'Vek-client .* (?:un)?subscribe begin, (.*)', _changes_topics)),
     b'call': _compile(
         (rb'Vek-client (.*?) call response, (.*)', _answered),
@@ -250,15 +269,15 @@ PATTERNS = {
     b'spin': _compile(
         (rb'Vek-client .* onmessage func begin', _handler_begins),
         (rb'Vek-client .* onmessage func end', _handler_ends),
-        (rb'Vek-client (.*) message queue is full', _own_queue_full('exit: own queue'))),
+        (rb'Vek-client (.*) message queue is full', _own_queue_full('exit'))),
     b'timer': _compile(
         (rb'Vek-client (.*) set timer \d+', _timer_set),
         (rb'Vek-client (.*) kill timer: -?\d+', _timer_killed),
         (rb'Vek-client timerId overstep the boundary 32767', None),
         (rb'Vek-client (.*) settimer failed, queue is full',
-         _own_queue_full('settimer: own queue')),
+         _own_queue_full('settimer')),
         (rb'Vek-client (.*) killtimer failed, queue is full',
-         _own_queue_full('killtimer: own queue'))),
+         _own_queue_full('killtimer'))),
     b'deadlock': _compile(
         (rb'Vek-server .* call .*, target: .*', _walks),
         (rb'bus server exist deadlock', _ring),

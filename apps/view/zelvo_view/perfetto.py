@@ -8,7 +8,7 @@ place of microseconds.
 import json
 
 from . import texts
-from .model import BUS, KINDS
+from .model import BUS, KINDS, REFUSED
 
 
 def _args(message):
@@ -104,7 +104,7 @@ class Trace:
             self._slice(callee, message.subject, 'handler', begin, handled or self._last,
                         {'from': message.src})
             points.append((callee, begin))
-        if message.done in ('answer', 'ring', 'nobody', 'drop') and message.end is not None:
+        if message.done in ('answer', *REFUSED) and message.end is not None:
             self._slice(track, 'answer', 'answer', end - 1, end, {})
             points.append((track, end - 1))
         if len(points) > 1:

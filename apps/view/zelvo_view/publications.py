@@ -84,7 +84,7 @@ class Publications:
         node.alive = True
         key = (trace.topic, trace.size, trace.payload, trace.absent)
         made = Message(self.line, self.now, record.ms, self.pid, record.tid, 'deliver', None,
-                       self.text(trace.name), self.text(trace.topic), trace.payload, trace.size)
+                       self.who(trace.name), self.text(trace.topic), trace.payload, trace.size)
         made.key = key
         if self._by_post(node, made, key) or self._by_content(node, made, key):
             pass
@@ -227,5 +227,5 @@ class Publications:
             notice_of_bus = trace.topic in (b'bus.event', b'bus.error') and published is None
             src = published.src if published else BUS if notice_of_bus else UNKNOWN
         else:
-            src = self.text(name)
+            src = self.who(name)
         self.node(trace.name).posts.append((key, published, src))

@@ -19,21 +19,15 @@ STRANGE_LINES, STRANGE_BYTES = 1000, 1 << 20  # so much before the first record:
 _HEAD = (rb'\[(\d{5,10}):(\d{5,10})\](\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)\.(\d{3}) \[([-VDIWE])\] '
          rb'[^\n#]*?bus_(?:client|server)[/\\](\w+)\.cpp# *\d+#  ')
 _HEAD_ANYWHERE = re.compile(rb'(?m)^' + _HEAD)
-_RECORD = re.compile(
-    _HEAD + rb'(?:'
-    rb'Vek-client # *\d+# ([^\n]*?) (==>|<==) busServer,  action: (\w+), topic: ([^\n]*?),'
-    rb'  url: ([^\n]*?), payload: ([^\n]*), payload len: (\d+)\n|'
-    rb'Vek-server # *\d+# busServer (==>|<==) ([^\n]*?),  action: (\w+), topic: ([^\n]*?),'
-    rb'  url: ([^\n]*?), requestor: ([^\n]*?), payload:([^\n]*), payload len: (\d+)\n|'
-    rb'([^\n]*)\n)')
+_RECORD = re.compile(_HEAD + rb'([^\n]*)\n')
 _CLIENT_TRACE = re.compile(
     rb'(?s)Vek-client # *\d+# (.*?) (==>|<==) busServer,  action: (\w+), topic: ')
 _SERVER_TRACE = re.compile(
     rb'(?s)Vek-server # *\d+# busServer (==>|<==) (.*?),  action: (\w+), topic: ')
-_LENGTH = re.compile(rb', payload len: (\d+)\n')
+_LENGTH = re.compile(rb', payload len: (\d{1,10})\n')
 _LENGTH_MARK = b', payload len: '
 _RESPONSE, _TOPICS = b' call response, ', b'subscribe begin, '
-_LOST = re.compile(rb'log lines lost: (\d+)$')
+_LOST = re.compile(rb'log lines lost: (\d{1,10})(, not read in time)?$')
 _BEGUN_ANEW = re.compile(rb'log file size: (\d+), remove file:  ')
 
 NO_PAYLOAD, HIDDEN = b'NULL', b'BinaryData...'
@@ -100,6 +94,7 @@ class Reader:
         self.live = live
         self.strange = 0  # lines that belong to no record
         self.count = 0
+        self.is_empty = True
         self._buf = b''
         self._first = None  # the first strange line
         self._read = 0  # bytes before the first record
@@ -108,10 +103,12 @@ class Reader:
         self._last = b''
         self._held = []  # notices before the first record, whose time they get
         self._lengths = deque(maxlen=64)  # of the latest answers
+        self._settled = not live  # whether what the input ends with is not waited for any longer
 
     def feed(self, data, final=False):
         """Yields the records that data completes. final: nothing follows."""
         buf = self._buf + data if self._buf else data
+        self.is_empty = self.is_empty and not data
         pos = 0
         wanted = 1 if final or self.live else LONGEST + 2 + SHOWN
         match = _RECORD.match
@@ -138,6 +135,13 @@ class Reader:
         if final and not self.count and self._first is not None:
             raise NotALog(*self._first)
 
+    def settle(self):
+        """The records that have waited for more, which has not come for long enough."""
+        self._settled = True
+        found = list(self.feed(b'')) if self._buf else []
+        self._settled = not self.live
+        return found
+
     def begin_anew(self):
         """Yields what has waited for more: what comes next is the beginning of another file."""
         if self._second[0]:
@@ -153,26 +157,22 @@ class Reader:
             ms = self._time(group[2]) + int(group[3])
         except ValueError:
             return end, self._count_strange(buf[pos:end])
-        text, trace = b'', None
-        if group[6] is not None:
-            trace = self._client_trace(buf, m, group)
-        elif group[13] is not None:
-            trace = self._server_trace(buf, m, group)
+        text, begin, trace = group[6], m.start(7), None  # of the first line
+        if text.startswith((b'Vek-client #', b'Vek-server #')):
+            trace = self._plain_trace(buf, text, pos, end)
+            if trace is None:
+                end, trace = self._long_trace(buf, pos, begin, final)
+        elif _RESPONSE in text:
+            end = self._answer_end(buf, begin, end, pos, final)
+        elif _TOPICS in text:
+            topics = buf.find(_TOPICS, begin) + len(_TOPICS)
+            if buf[topics:topics + 1] == b'[':
+                end = self._text_end(buf, topics, pos + LONGEST + 1, end, pos, final)
+        if end is None:
+            return None, None
+        text = b''
         if trace is None:
-            text = group[21]
-            begin = m.end(6) + buf[m.end(6):m.end(6) + 24].index(b'#  ') + 3
-            if text is None or text.startswith((b'Vek-client #', b'Vek-server #')):
-                end, trace, text = self._long_trace(buf, pos, begin, final)
-            elif _RESPONSE in text:
-                end = self._answer_end(buf, begin, m.end(), pos)
-                text = buf[begin:end - 1]
-            elif _TOPICS in text:
-                topics = buf.find(_TOPICS, begin) + len(_TOPICS)
-                if buf[topics:topics + 1] == b'[':
-                    end = self._json_end(buf, topics, pos + LONGEST + 1, m.end())
-                    text = buf[begin:end - 1]
-            if end is None:
-                return None, None
+            text = buf[begin:min(end, pos + LONGEST)].removesuffix(b'\n')
         elif trace.action == b'response' and trace.out and trace.size:
             self._lengths.append(trace.size)
         raw = buf[pos:end]
@@ -182,9 +182,7 @@ class Reader:
 
     def _time(self, stamp):
         if stamp != self._second[0]:
-            at = datetime.datetime.strptime(stamp.decode(), '%Y-%m-%d %H:%M:%S')
-            seconds = at.replace(tzinfo=datetime.timezone.utc).timestamp()
-            self._second = (stamp, int(seconds) * 1000)
+            self._second = (stamp, _ms(stamp))
         return self._second[1]
 
     @staticmethod
@@ -198,26 +196,30 @@ class Reader:
             mark = buf.find(_LENGTH_MARK, mark + 1, begin + SHOWN + len(_LENGTH_MARK))
         return False
 
-    def _client_trace(self, buf, m, group):
-        size = int(group[12])
-        payload = _payload(group[11], size)
-        if payload is None or m.end() - m.start() > LONGEST or self._goes_on(
-                buf, m.start(12), m.end()):
+    def _plain_trace(self, buf, text, pos, end):
+        """A trace that is one line, or None. Each mark is looked for once: a line that holds many
+        takes no longer than another."""
+        server = text.startswith(b'Vek-server')
+        head = (_SERVER_TRACE if server else _CLIENT_TRACE).match(text)
+        if head is None or end - pos > LONGEST:
             return None
-        return Trace(False, group[6], group[7] == b'==>', group[8], group[9], group[10], b'',
-                     payload[0], size, payload[1])
-
-    def _server_trace(self, buf, m, group):
-        size = int(group[20])
-        payload = _payload(group[19], size)
-        if payload is None or m.end() - m.start() > LONGEST or self._goes_on(
-                buf, m.start(20), m.end()):
+        topic, _, rest = text[head.end():].partition(b',  url: ')
+        requestor = b''
+        if server:
+            url, _, rest = rest.partition(b', requestor: ')
+            requestor, mark, rest = rest.partition(b', payload:')
+        else:
+            url, mark, rest = rest.partition(b', payload: ')
+        shown, _, digits = rest.rpartition(_LENGTH_MARK)
+        payload = _payload(shown, int(digits)) if mark and digits.isdigit() else None
+        if payload is None or self._goes_on(buf, end - 1 - len(rest), end):
             return None
-        return Trace(True, group[14], group[13] == b'==>', group[15], group[16], group[17],
-                     group[18], payload[0], size, payload[1])
+        name, way, action = head.group(2, 1, 3) if server else head.group(1, 2, 3)
+        return Trace(server, name, way == b'==>', action, topic, url, requestor, payload[0],
+                     int(digits), payload[1])
 
     def _long_trace(self, buf, pos, begin, final):
-        """A trace that is more than one plain line: (end or None, trace, text)."""
+        """A trace that is more than one plain line: (end or None, trace or None)."""
         server = buf.startswith(b'Vek-server', begin)
         limit = pos + LONGEST + 1
         head = (_SERVER_TRACE if server else _CLIENT_TRACE).match(buf, begin, limit)
@@ -230,7 +232,7 @@ class Reader:
                     end, trace = found
                     if trace.action == b'response' and trace.out:
                         self._lengths.append(trace.size)
-                    return end, trace, b''
+                    return end, trace
         return self._cut_record(buf, pos, begin, head, server, final or bool(following))
 
     @staticmethod
@@ -264,26 +266,27 @@ class Reader:
         """A trace without its end: the log has cut it, or more of it is still to come."""
         end = pos + LONGEST
         if len(buf) <= end and not whole:
-            return None, None, b''
+            return None, None
         if buf[end - 1:end] != b'\n' and buf[end:end + 1] == b'\n':
             end += 1
         if buf[end - 1:end] != b'\n' or not head:
             end = buf.find(b'\n', begin) + 1 or len(buf)
-            return end, None, buf[begin:end].rstrip(b'\n')
+            return end, None
         topic, _, rest = buf[head.end():end - 1].partition(b',  url: ')
         url = rest.partition(b', payload:')[0]
         name = head.group(2) if server else head.group(1)
         out = head.group(1 if server else 2) == b'==>'
         return end, Trace(server, name, out, head.group(3), topic, url, b'', None, None,
-                          False), b''
+                          False)
 
-    def _answer_end(self, buf, begin, line_end, pos):
+    def _answer_end(self, buf, begin, line_end, pos, final):
         """Where the record of an answer ends. Its length is that of an answer which a node has just
-        given, or its text is JSON that the bus has printed."""
+        given, or its text is JSON that the bus has printed. None: more of it may be to come."""
         text = buf.find(_RESPONSE, begin) + len(_RESPONSE)
         best = line_end
         next_is_head = _HEAD_ANYWHERE.match(buf, line_end)
-        if next_is_head and line_end - 1 - text in self._lengths:
+        is_known = line_end - 1 - text in self._lengths or buf[text:line_end] == b'NULL\n'
+        if is_known and (next_is_head or line_end == len(buf) and self.live):
             return line_end
         for length in self._lengths:
             end = min(text + length, pos + LONGEST)
@@ -293,7 +296,16 @@ class Reader:
                 best = end + 1
         if best > line_end or next_is_head:
             return best
-        return self._json_end(buf, text, self._stop(buf, line_end, pos), line_end)
+        return self._text_end(buf, text, self._stop(buf, line_end, pos), line_end, pos, final)
+
+    def _text_end(self, buf, text, stop, line_end, pos, final):
+        """Where the line with the end of the JSON text that begins at text ends: line_end where it
+        is none, None where more of it may be to come."""
+        end = self._json_end(buf, text, stop)
+        if end is None and not final and not self._settled and len(buf) - pos <= LONGEST and (
+                _HEAD_ANYWHERE.search(buf, line_end) is None):
+            return None
+        return max(end or 0, line_end)
 
     @staticmethod
     def _stop(buf, line_end, pos):
@@ -302,16 +314,16 @@ class Reader:
         return min(following.start() if following else len(buf), pos + LONGEST + 1)
 
     @staticmethod
-    def _json_end(buf, text, stop, line_end):
-        """Where the line with the end of the JSON text that begins at text ends."""
-        if stop <= line_end:
-            return line_end
+    def _json_end(buf, text, stop):
+        """Where the line with the end of the JSON text that begins at text ends, or None."""
+        if buf[text:text + 1] not in (b'{', b'[', b'"'):
+            return None
         try:
             piece = buf[text:stop].decode('latin-1')
             end = text + json.JSONDecoder(strict=False).raw_decode(piece)[1]
-        except ValueError:
-            return line_end
-        return end + 1 if buf[end:end + 1] == b'\n' else line_end
+        except (ValueError, RecursionError):
+            return None
+        return end + 1 if buf[end:end + 1] == b'\n' else None
 
     # ---- everything else ----
 
@@ -351,7 +363,23 @@ class Reader:
                 raise NotALog(*self._first)
 
 
+def _ms(stamp):
+    at = datetime.datetime.strptime(stamp.decode(), '%Y-%m-%d %H:%M:%S')
+    return int(at.replace(tzinfo=datetime.timezone.utc).timestamp()) * 1000
+
+
+def last_time(data):
+    """The time of the last record that begins in data; None: none does."""
+    stamps = [m.group(3) for m in _HEAD_ANYWHERE.finditer(data)]
+    try:
+        return _ms(stamps[-1]) + 999 if stamps else None
+    except ValueError:
+        return None
+
+
 def notice(record):
-    """Of a notice of the log itself: (lines that it has lost, whether it has been begun anew)."""
+    """Of a notice of the log itself: (lines that it has lost, whether only for us because they were
+    not read in time, whether it has been begun anew)."""
     lost = _LOST.match(record.text)
-    return (int(lost.group(1)) if lost else 0), bool(_BEGUN_ANEW.match(record.text))
+    return (int(lost.group(1)) if lost else 0, bool(lost and lost.group(2)),
+            bool(_BEGUN_ANEW.match(record.text)))

@@ -1,15 +1,15 @@
 'use strict';
-// The page of a report. Names and payloads are whatever the log holds: they become text nodes, never
-// markup. Of the messages only those in sight are elements.
-(() => {
+// The page of a report, and of a running bus (live.js). Names and payloads are whatever the log
+// holds: they become text nodes, never markup. Of the messages only those in sight are elements.
+const page = (() => {
   const data = JSON.parse(document.getElementById('data').textContent);
   const { kinds, names, subjects, payloads, notes, columns } = data;
-  const total = columns.time.length;
   const ROW = 22;
+  const MOST = 1e6; // pixels of the rows' height; a browser ends an element at 33 million
+  const WIDE = 780;
   const el = (id) => document.getElementById(id);
+  const count = () => columns.time.length;
   const name = (index) => (index < 0 ? '' : names[index]);
-  const isFault = (i) => kinds[columns.kind[i]].fault;
-  const kindOf = (i) => kinds[columns.kind[i]].name;
 
   const make = (tag, className, text) => {
     const made = document.createElement(tag);
@@ -23,14 +23,29 @@
     if (text !== undefined) made.textContent = text;
     return made;
   };
-  const time = (i) => new Date(data.begin + columns.time[i]).toISOString().slice(11, 23);
-  const payloadOf = (i) => (columns.payload[i] < 0 ? '' : payloads[columns.payload[i]]);
-  const noteOf = (i) => (columns.note[i] < 0 ? '' : notes[columns.note[i]]);
+  const button = (text, className, onClick) => {
+    const made = make('button', className, text);
+    made.addEventListener('click', onClick);
+    return made;
+  };
+  // The date is shown where there is more than one day.
+  const clock = (ms, isLong) => new Date(ms).toISOString().slice(isLong ? 0 : 11, 23);
+  const hasDays = () => count() > 0 && Math.floor((data.begin + columns.time[0]) / 86400000) !==
+    Math.floor((data.begin + columns.time[count() - 1]) / 86400000);
   const oneLine = (text) => (text.length > 300 ? text.slice(0, 300) + '\u2026' : text)
-    .replace(/[\0-\x1f\x7f-\x9f\u2028\u2029\u202a-\u202e\u2066-\u2069]/g, (c) => {
+    .replace(/[\0-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u206f\ufeff]/g, (c) => {
       const known = { '\n': '\\n', '\t': '\\t', '\r': '\\r' }[c];
       return known || '\\x' + c.charCodeAt(0).toString(16).padStart(2, '0');
     });
+
+  // What is known of a message.
+  const at = (i) => ({
+    row: i, ms: data.begin + columns.time[i], kind: kinds[columns.kind[i]].name,
+    isFault: kinds[columns.kind[i]].fault, src: name(columns.src[i]), dst: name(columns.dst[i]),
+    subject: columns.subject[i] < 0 ? '' : subjects[columns.subject[i]],
+    payload: columns.payload[i] < 0 ? null : payloads[columns.payload[i]], size: columns.size[i],
+    note: columns.note[i] < 0 ? '' : notes[columns.note[i]], took: columns.took[i],
+  });
 
   // ---- overview ----
 
@@ -39,7 +54,8 @@
     const head = made.createTHead().insertRow();
     const isNumber = part.header.map((title) => title.startsWith('>'));
     part.header.forEach((title, i) => {
-      head.append(make('th', isNumber[i] ? 'number' : '', title.replace(/^>/, '')));
+      const cell = head.appendChild(make('th', isNumber[i] ? 'number' : '', title.replace(/^>/, '')));
+      cell.scope = 'col';
     });
     const body = made.createTBody();
     for (const cells of part.rows) {
@@ -50,20 +66,19 @@
   }
 
   function showOverview() {
-    document.querySelector('h1').textContent = data.title;
     el('span').textContent = data.head.join(' \u00b7 ');
     const wrong = make('div', data.wrong.length ? 'wrong' : '');
     wrong.append(make('h2', '', data.wrong.length ? 'What went wrong' : 'Nothing went wrong'));
     for (const group of data.wrong) {
       wrong.append(make('strong', '', `${group.title}: ${group.number}`));
       const list = wrong.appendChild(make('ul'));
-      for (const [what, count, when] of group.rows) {
-        const item = list.appendChild(make('li', '', `${count} \u00d7 ${what} (${when})`));
-        item.addEventListener('click', () => {
-          el('filter').reset();
-          el('faults').checked = true;
+      for (const [what, times, when, row] of group.rows) {
+        list.appendChild(make('li')).append(button(`${times} \u00d7 ${what} (${when})`, 'link', () => {
           show('messages');
-        });
+          clearFilter(true);
+          reveal(row);
+          el('list').focus();
+        }));
       }
     }
     el('overview').append(wrong);
@@ -71,63 +86,95 @@
       if (part.rows.length) el('overview').append(make('h2', '', part.title), table(part));
     }
     for (const remark of data.remarks) el('overview').append(make('p', '', remark));
-    if (!el('graph').firstElementChild) {
-      el('graph').append(make('p', '', 'As a table: Graphviz is not installed, or this is too much for it.'), table(data.graph));
+    if (!el('drawing').firstElementChild) {
+      el('zoom').hidden = true;
+      el('drawing').append(make('p', '', 'As a table: Graphviz is not installed, or this is too much for it.'), table(data.graph));
     }
+  }
+
+  let size = 1;
+
+  function zoom(by) {
+    size = by ? Math.min(Math.max(size * by, 0.2), 20) : 1;
+    const drawn = el('drawing').querySelector('svg');
+    if (!drawn) return;
+    drawn.style.width = size === 1 ? '' : `${size * 100}%`;
+    drawn.style.maxWidth = size === 1 ? '' : 'none';
   }
 
   // ---- which messages ----
 
-  let shown = new Uint32Array(total); // numbers of the messages that pass the filter
+  let shown = new Uint32Array(0); // rows of the messages that pass the filter
   let stretch = null; // [from, to] in milliseconds, or all
   let mode = 'messages';
   let chosen = -1;
   let lives = []; // in the chart: indexes of the nodes, in order
+  let positions = new Map(); // and where each stands
 
   function fillSelect(select, texts, title) {
-    select.append(new Option(title, ''));
-    texts.map((text, i) => [text, i]).sort((a, b) => (a[0] < b[0] ? -1 : 1))
-      .forEach(([text, i]) => select.append(new Option(oneLine(text).slice(0, 80), String(i))));
+    const { value } = select;
+    select.replaceChildren(new Option(title, ''), ...texts.map((text, i) => [text, i])
+      .sort((a, b) => (a[0] < b[0] ? -1 : 1))
+      .map(([text, i]) => new Option(oneLine(text).slice(0, 80), String(i))));
+    select.value = value;
   }
 
-  // Whether each of the texts holds the wanted one.
-  const holding = (texts, wanted) => texts.map((text) => text.toLowerCase().includes(wanted));
+  // Tells of each text whether it holds the wanted one, in any case.
+  function searchable(texts) {
+    const lower = texts.map((text) => text.toLowerCase());
+    return (wanted) => lower.map((text) => text.includes(wanted));
+  }
+  let searches = null; // of names, subjects, payloads and notes
 
-  function applyFilter() {
-    const node = el('node').value === '' ? null : Number(el('node').value);
-    const subject = el('subject').value === '' ? null : Number(el('subject').value);
+  function filter() {
+    const number = (id) => (el(id).value === '' ? null : Number(el(id).value));
+    const node = number('node'), subject = number('subject');
     const wanted = el('text').value.toLowerCase();
-    const inName = wanted && holding(names, wanted);
-    const inSubject = wanted && holding(subjects, wanted);
-    const inPayload = wanted && holding(payloads, wanted);
-    const inNote = wanted && holding(notes, wanted);
-    const faults = el('faults').checked;
-    const { src, dst, subject: topic, payload, note, time: at } = columns;
-    const found = new Uint32Array(total);
-    let count = 0;
+    if (wanted) searches = searches || [names, subjects, payloads, notes].map(searchable);
+    const [inName, inSubject, inPayload, inNote] = wanted ? searches.map((s) => s(wanted)) : [];
+    const faults = el('onlyfaults').checked;
+    const { src, dst, kind, subject: topic, payload, note, time: when } = columns;
+    const total = count(), found = new Uint32Array(total);
+    let passed = 0;
     for (let i = 0; i < total; ++i) {
-      if (stretch && (at[i] < stretch[0] || at[i] > stretch[1])) continue;
+      if (stretch && (when[i] < stretch[0] || when[i] > stretch[1])) continue;
       if (node !== null && src[i] !== node && dst[i] !== node) continue;
       if (subject !== null && topic[i] !== subject) continue;
-      if (faults && !isFault(i)) continue;
+      if (faults && !kinds[kind[i]].fault) continue;
       if (wanted && !(inName[src[i]] || inName[dst[i]] || inSubject[topic[i]] ||
           inPayload[payload[i]] || inNote[note[i]])) continue;
-      found[count++] = i;
+      found[passed++] = i;
     }
-    shown = found.subarray(0, count);
-    el('count').textContent = `${count.toLocaleString('en')} of ${total.toLocaleString('en')} messages`;
-    lives = livesOf();
-    el('list').scrollTop = 0;
-    drawDensity();
-    draw();
+    shown = found.subarray(0, passed);
+    el('count').textContent = `${passed.toLocaleString('en')} of ${total.toLocaleString('en')} messages`;
+    findLives();
   }
 
-  function livesOf() {
-    const seen = new Set();
-    for (let i = 0; i < shown.length && seen.size < names.length; ++i) {
-      for (const index of endsOf(shown[i])) seen.add(index);
+  function applyFilter() {
+    filter();
+    goTo(0);
+  }
+
+  function setStretch(wanted) {
+    stretch = wanted;
+    applyFilter();
+    drawDensity();
+  }
+
+  function clearFilter(faults) {
+    for (const id of ['node', 'subject', 'text', 'from', 'to']) el(id).value = '';
+    el('onlyfaults').checked = faults === true;
+    setStretch(null);
+  }
+
+  function findLives() {
+    const seen = new Uint8Array(names.length);
+    for (let r = 0; r < shown.length && mode === 'chart'; ++r) {
+      const [src, dst] = endsOf(shown[r]);
+      seen[src] = seen[dst] = 1;
     }
-    return [...seen].sort((a, b) => a - b);
+    lives = [...names.keys()].filter((index) => seen[index]);
+    positions = new Map(lives.map((index, position) => [index, position]));
   }
 
   // Where a message begins and ends in the chart; a publication goes to the bus.
@@ -137,39 +184,85 @@
     return [src >= 0 ? src : to, to];
   }
 
-  // ---- drawing what is in sight ----
-
-  function draw() {
-    const list = el('list'), rows = el('rows');
-    const isChart = mode === 'chart';
-    el('lifelines').hidden = !isChart;
-    rows.style.height = `${shown.length * ROW}px`;
-    rows.style.minWidth = isChart ? `${x(lives.length)}px` : '';
-    const first = Math.max(0, Math.floor(list.scrollTop / ROW) - 10);
-    const last = Math.min(shown.length, first + Math.ceil(list.clientHeight / ROW) + 20);
-    rows.replaceChildren(...(isChart ? [drawChart(first, last)] : drawRows(first, last)));
+  // The place of a row among those shown, or -1.
+  function placeOf(row) {
+    let low = 0, high = shown.length;
+    while (low < high) {
+      const middle = (low + high) >> 1;
+      if (shown[middle] < row) low = middle + 1; else high = middle;
+    }
+    return shown[low] === row ? low : -1;
   }
 
-  const classOf = (i) => {
-    const kind = kindOf(i);
-    const colour = isFault(i) ? 'fault' : kind === 'answer' || kind === 'call' ? 'call' : 'publish';
-    return colour + (i === chosen ? ' chosen' : '');
+  // ---- what is in sight ----
+
+  // Where the rows are higher than an element can be, the bar stands for a share of them: it jumps
+  // to a place, and from there small steps are as long as they look.
+  let top = 0; // pixels of the rows that are above
+  let bar = 0; // the list's own scroll position
+  const room = () => Math.max(el('list').clientHeight - (mode === 'chart' ? 26 : 0), ROW);
+  const limit = () => Math.max(0, shown.length * ROW - room());
+  const range = () => Math.max(0, Math.min(shown.length * ROW, MOST) - room());
+
+  function goTo(wanted) {
+    top = Math.min(Math.max(wanted, 0), limit());
+    layOut();
+    el('list').scrollTop = limit() ? top / limit() * range() : 0;
+    bar = el('list').scrollTop;
+    draw();
+  }
+
+  function scroll() {
+    const moved = el('list').scrollTop - bar;
+    bar += moved;
+    if (limit() <= range()) top = bar;
+    else if (Math.abs(moved) < 2 * room()) top = Math.min(Math.max(top + moved, 0), limit());
+    else top = bar / range() * limit();
+    const isAtEnd = bar <= 0 || bar >= range() - 1;
+    if (limit() > range() && isAtEnd && top > 0 && top < limit()) goTo(top);
+    else draw();
+  }
+
+  function layOut() {
+    const isChart = mode === 'chart';
+    el('lifelines').hidden = !isChart;
+    el('rows').style.height = `${Math.min(shown.length * ROW, MOST)}px`;
+    el('rows').style.minWidth = `${isChart ? x(lives.length) : WIDE}px`;
+  }
+
+  function draw() {
+    const list = el('list');
+    const first = Math.max(0, Math.floor(top / ROW) - 10);
+    const last = Math.min(shown.length, first + Math.ceil(list.clientHeight / ROW) + 20);
+    el('rows').replaceChildren(...(mode === 'chart' ? [drawChart(first, last)] : drawRows(first, last)));
+    const active = el(`message${chosen}`);
+    if (active) list.setAttribute('aria-activedescendant', active.id);
+    else list.removeAttribute('aria-activedescendant');
+  }
+
+  const classOf = (m) => {
+    const colour = m.isFault ? 'fault' : m.kind === 'answer' || m.kind === 'call' ? 'call' : 'publish';
+    return colour + (m.row === chosen ? ' chosen' : '');
   };
+  const option = (m, place) => ({
+    id: `message${m.row}`, role: 'option', 'aria-selected': m.row === chosen,
+    'aria-posinset': place + 1, 'aria-setsize': shown.length, 'data-message': m.row,
+  });
 
   function drawRows(first, last) {
-    const made = [];
+    const made = [], isLong = hasDays();
     for (let r = first; r < last; ++r) {
-      const i = shown[r];
-      const row = make('div', `row ${classOf(i)}`);
-      row.style.top = `${r * ROW}px`;
-      row.dataset.message = i;
-      const what = isFault(i) ? `${kindOf(i).toUpperCase()} ${noteOf(i)} ` : '';
-      const arrow = isFault(i) ? '\u2717' : kindOf(i) === 'answer' ? '\u21e0' : kindOf(i) === 'call' ? '\u21d2' : '\u2192';
-      const goal = columns.dst[i] < 0 && kindOf(i) !== 'unstick' ? '*' : name(columns.dst[i]);
-      row.append(make('span', 'time', time(i)), make('span', 'from', oneLine(name(columns.src[i]))),
+      const m = at(shown[r]);
+      const row = make('div', `row ${classOf(m)}`);
+      row.style.top = `${bar + r * ROW - top}px`;
+      for (const [key, value] of Object.entries(option(m, r))) row.setAttribute(key, value);
+      const what = m.isFault ? `${m.kind.toUpperCase()} ${m.note} ` : '';
+      const arrow = m.isFault ? '\u2717' : { answer: '\u21e0', call: '\u21d2' }[m.kind] || '\u2192';
+      const goal = columns.dst[m.row] < 0 && m.kind !== 'unstick' ? '*' : m.dst;
+      row.append(make('span', 'time', clock(m.ms, isLong)), make('span', 'from', oneLine(m.src)),
         make('span', 'arrow', arrow), make('span', 'to', oneLine(goal)),
-        make('span', 'subject', oneLine(columns.subject[i] < 0 ? '' : subjects[columns.subject[i]])),
-        make('span', 'payload', what + oneLine(payloadOf(i))));
+        make('span', 'subject', oneLine(m.subject)),
+        make('span', 'payload', oneLine(what + (m.payload || ''))));
       made.push(row);
     }
     return made;
@@ -178,115 +271,130 @@
   const x = (position) => 160 + position * 170;
 
   function drawChart(first, last) {
-    const top = first * ROW, height = (last - first) * ROW;
-    el('lifelines').replaceChildren(...lives.map((index, position) => {
+    const { scrollLeft, clientWidth } = el('list');
+    const height = (last - first) * ROW;
+    const begin = Math.max(0, Math.floor((scrollLeft - 160) / 170));
+    const inSight = lives.slice(begin, begin + Math.ceil(clientWidth / 170) + 2);
+    const svg = makeSvg('svg', { width: clientWidth, height, role: 'presentation',
+      viewBox: `${scrollLeft} 0 ${clientWidth} ${height}` });
+    svg.style.left = `${scrollLeft}px`;
+    svg.style.top = `${bar + first * ROW - top}px`;
+    el('lifelines').replaceChildren(...inSight.map((index, i) => {
       const made = make('span', '', oneLine(names[index]));
+      const left = x(begin + i);
       made.title = names[index];
-      made.style.left = `${x(position)}px`;
+      made.style.left = `${left}px`;
+      svg.append(makeSvg('line', { class: 'life', x1: left, x2: left, y1: 0, y2: height }));
       return made;
     }));
-    const svg = makeSvg('svg', { width: x(lives.length), height });
-    svg.style.top = `${top}px`;
-    lives.forEach((_, position) => {
-      svg.append(makeSvg('line', { class: 'life', x1: x(position), x2: x(position), y1: 0, y2: height }));
-    });
-    const positions = new Map(lives.map((index, position) => [index, position]));
-    for (let r = first; r < last; ++r) svg.append(drawArrow(shown[r], (r - first) * ROW, positions));
+    for (let r = first; r < last; ++r) svg.append(drawArrow(r, (r - first) * ROW, scrollLeft));
     return svg;
   }
 
-  function drawArrow(i, y, positions) {
-    const [src, dst] = endsOf(i).map((index) => x(positions.get(index)));
-    const group = makeSvg('g', { class: classOf(i), 'data-message': i });
+  function drawArrow(r, y, left) {
+    const m = at(shown[r]);
+    const [src, dst] = endsOf(m.row).map((index) => x(positions.get(index)));
+    const group = makeSvg('g', { class: classOf(m), ...option(m, r) });
     const line = y + ROW - 5;
     const head = src <= dst ? -6 : 6;
-    const dashes = kindOf(i) === 'answer' || kindOf(i) === 'deliver' ? '5 3' : 'none';
+    const dashes = m.kind === 'answer' || m.kind === 'deliver' ? '5 3' : 'none';
     const path = src === dst
       ? `M${src} ${line - 6}h22v6h-22m6 -4l-6 4l6 4`
       : `M${src} ${line}H${dst}m${head} -4l${-head} 4l${head} 4`;
-    const label = (isFault(i) ? `${kindOf(i).toUpperCase()} ` : '') +
-      (columns.subject[i] < 0 ? noteOf(i) : subjects[columns.subject[i]]) + ' ' + payloadOf(i);
-    const room = Math.max(Math.abs(dst - src), 150) / 6.2;
-    const text = oneLine(label);
-    group.append(makeSvg('rect', { x: 0, y, width: x(positions.size), height: ROW }),
-      makeSvg('text', { class: 'time', x: 6, y: y + 14 }, time(i)),
+    const text = oneLine(`${m.isFault ? m.kind.toUpperCase() + ' ' : ''}${m.subject || m.note} ${m.payload || ''}`);
+    const length = Math.max(Math.abs(dst - src), 150) / 6.2;
+    group.append(makeSvg('rect', { x: 0, y, width: Math.max(x(lives.length), left + 4000), height: ROW }),
+      makeSvg('text', { class: 'time', x: 6, y: y + 14 }, clock(m.ms)),
       makeSvg('path', { d: path, 'stroke-dasharray': dashes }),
-      makeSvg('text', { x: Math.min(src, dst) + 6, y: y + 13 },
-        text.length > room ? text.slice(0, room) + '\u2026' : text));
+      makeSvg('text', { x: Math.max(Math.min(src, dst), Math.min(left, Math.max(src, dst))) + 6, y: y + 13 },
+        text.length > length ? text.slice(0, length) + '\u2026' : text));
     return group;
   }
 
   // ---- one message ----
 
+  let opener = null; // what has the focus again when the detail is closed
+
+  function detail(m, title, related) {
+    const rows = [['From', m.src || '\u2014'],
+      ['To', m.dst || (m.kind === 'publish' || m.kind === 'sticky' ? 'every subscriber' : '\u2014')],
+      ['Topic or address', m.subject || '\u2014'], ['Time', clock(m.ms, hasDays())],
+      ['Size', m.size < 0 ? 'not in the log' : `${m.size} bytes`]];
+    if (m.took >= 0) rows.push(['Took', m.took ? `${m.took} ms` : 'less than 1 ms']);
+    if (m.note) rows.push(['Note', m.note]);
+    const panel = el('detail');
+    if (panel.hidden) opener = document.activeElement;
+    panel.hidden = false;
+    panel.scrollTop = 0;
+    panel.querySelector('h2').textContent = m.kind;
+    panel.querySelector('h3').textContent = related.length ? title : '';
+    panel.querySelector('dl').replaceChildren(
+      ...rows.flatMap(([key, value]) => [make('dt', '', key), make('dd', '', value)]));
+    el('payload').hidden = m.payload === null;
+    el('payload').textContent = m.payload;
+    el('related').replaceChildren(...related.map(([other, go]) => button(
+      `${clock(other.ms)} ${other.kind}: ${other.dst || other.src} ${oneLine(other.subject)}`,
+      `link${other.isFault ? ' fault' : ''}`, go)));
+  }
+
+  function close() {
+    el('detail').hidden = true;
+    chosen = -1;
+    draw();
+    if (opener && opener.isConnected) opener.focus();
+  }
+
   function choose(i) {
     chosen = i;
-    const rows = [['From', name(columns.src[i]) || '\u2014'],
-      ['To', name(columns.dst[i]) || (kindOf(i) === 'publish' || kindOf(i) === 'sticky' ? 'every subscriber' : '\u2014')],
-      ['Topic or address', columns.subject[i] < 0 ? '\u2014' : subjects[columns.subject[i]]],
-      ['Time', time(i)], ['Size', columns.size[i] < 0 ? 'not in the log' : `${columns.size[i]} bytes`]];
-    if (columns.took[i] >= 0) rows.push(['Took', columns.took[i] ? `${columns.took[i]} ms` : 'less than 1 ms']);
-    if (noteOf(i)) rows.push(['Note', noteOf(i)]);
-    const detail = el('detail');
-    detail.hidden = false;
-    detail.querySelector('h2').textContent = kindOf(i);
-    detail.querySelector('dl').replaceChildren(
-      ...rows.flatMap(([key, value]) => [make('dt', '', key), make('dd', '', value)]));
-    el('payload').hidden = columns.payload[i] < 0;
-    el('payload').textContent = payloadOf(i);
-    showRelated(i);
+    const origin = columns.ref[i];
+    const related = origin >= 0 ? [origin] : [];
+    for (let j = i + 1; j < count() && related.length < 50; ++j) {
+      if (columns.ref[j] === i) related.push(j);
+    }
+    detail(at(i), 'What belongs to it', related.map((j) => [at(j), () => reveal(j)]));
     draw();
   }
 
-  function showRelated(i) {
-    const origin = columns.ref[i];
-    const related = origin >= 0 ? [origin] : [];
-    for (let j = i + 1; j < total && related.length < 50; ++j) {
-      if (columns.ref[j] === i) related.push(j);
-    }
-    el('related').replaceChildren(...related.map((j) => {
-      const other = name(columns.dst[j]) || name(columns.src[j]);
-      const made = make('button', '', `${time(j)} ${kindOf(j)}: ${other}`);
-      made.addEventListener('click', () => reveal(j));
-      return made;
-    }));
-  }
-
-  function reveal(i) {
-    const row = shown.indexOf(i);
-    if (row < 0) {
-      el('filter').reset();
-      setTimeout(() => reveal(i)); // when the filter has been applied, which scrolls to the top
-      return;
-    }
-    el('list').scrollTop = row * ROW - el('list').clientHeight / 2;
-    choose(i);
+  function reveal(row) {
+    if (placeOf(row) < 0) clearFilter();
+    choose(row); // before the place is found: the detail takes room
+    goTo(placeOf(row) * ROW - room() / 2);
   }
 
   // ---- the stretch of time ----
 
-  const span = total ? Math.max(1, columns.time[total - 1] - columns.time[0]) : 1;
+  let bars = null; // [width, messages, how many at each place, whether there is a fault]
+  const start = () => (count() ? columns.time[0] : 0);
+  const span = () => (count() ? Math.max(1, columns.time[count() - 1] - columns.time[0]) : 1);
+
+  function countBars(width) {
+    const found = new Float64Array(width), wrong = new Uint8Array(width);
+    const from = start(), scale = (width - 1) / span();
+    for (let i = 0; i < count(); ++i) {
+      const place = Math.min(width - 1, Math.max(0, Math.floor((columns.time[i] - from) * scale)));
+      ++found[place];
+      if (kinds[columns.kind[i]].fault) wrong[place] = 1;
+    }
+    return [width, count(), found, wrong];
+  }
 
   function drawDensity(drag) {
     const canvas = el('density');
     const width = canvas.width = canvas.clientWidth || 1;
     const height = canvas.height;
-    const bars = new Float64Array(width), wrong = new Uint8Array(width);
-    const start = total ? columns.time[0] : 0;
-    for (let i = 0; i < total; ++i) {
-      const bar = Math.min(width - 1, Math.max(0, Math.floor((columns.time[i] - start) / span * (width - 1))));
-      ++bars[bar];
-      if (isFault(i)) wrong[bar] = 1;
-    }
-    const most = bars.reduce((a, b) => Math.max(a, b), 1);
+    if (!bars || bars[0] !== width) bars = countBars(width);
+    const [, , found, wrong] = bars;
+    const most = found.reduce((a, b) => Math.max(a, b), 1);
     const style = getComputedStyle(document.documentElement);
+    const colours = [style.getPropertyValue('--call'), style.getPropertyValue('--fault')];
     const context = canvas.getContext('2d');
-    for (let bar = 0; bar < width; ++bar) {
-      if (!bars[bar]) continue;
-      context.fillStyle = style.getPropertyValue(wrong[bar] ? '--fault' : '--call');
-      const tall = Math.max(2, Math.log1p(bars[bar]) / Math.log1p(most) * height);
-      context.fillRect(bar, height - tall, 1, tall);
+    for (let place = 0; place < width; ++place) {
+      if (!found[place]) continue;
+      context.fillStyle = colours[wrong[place]];
+      const tall = Math.max(2, Math.log1p(found[place]) / Math.log1p(most) * height);
+      context.fillRect(place, height - tall, 1, tall);
     }
-    const marked = drag || (stretch && stretch.map((ms) => (ms - start) / span * (width - 1)));
+    const marked = drag || (stretch && stretch.map((ms) => (ms - start()) / span() * (width - 1)));
     if (marked) {
       context.fillStyle = 'rgba(240, 180, 0, 0.3)';
       context.fillRect(Math.min(...marked), 0, Math.max(2, Math.abs(marked[1] - marked[0])), height);
@@ -306,85 +414,138 @@
     canvas.addEventListener('pointerup', (event) => {
       const ends = [from, event.offsetX].sort((a, b) => a - b);
       from = null;
-      const ms = (offset) => columns.time[0] + offset / Math.max(1, canvas.clientWidth - 1) * span;
-      stretch = ends[1] - ends[0] < 3 ? null : [ms(ends[0]), ms(ends[1])];
+      const ms = (offset) => start() + offset / Math.max(1, canvas.clientWidth - 1) * span();
+      setStretch(ends[1] - ends[0] < 3 ? null : [ms(ends[0]), ms(ends[1])]);
       showStretch();
-      applyFilter();
     });
   }
 
-  // The two fields hold the stretch as times of day.
+  // The two fields hold the stretch as times of day, with the date where there are several.
   function showStretch() {
-    const day = (offset) => new Date(data.begin + Math.round(offset)).toISOString().slice(11, 23);
-    el('from').value = stretch ? day(stretch[0]) : '';
-    el('to').value = stretch ? day(stretch[1]) : '';
+    const text = (offset) => clock(data.begin + Math.round(offset), hasDays());
+    el('from').value = stretch ? text(stretch[0]) : '';
+    el('to').value = stretch ? text(stretch[1]) : '';
   }
 
   function readStretch() {
-    const midnight = data.begin - data.begin % 86400000;
-    const offset = (text, otherwise) => text
-      ? Date.parse(`1970-01-01T${text.padEnd(8, ':00')}Z`) + midnight - data.begin : otherwise;
+    const day = clock(data.begin + start(), true).slice(0, 11);
+    const offset = (text, otherwise) => (text
+      ? Date.parse(`${text.includes('T') ? '' : day}${text}Z`) - data.begin : otherwise);
     const ends = [offset(el('from').value, -Infinity), offset(el('to').value, Infinity)];
-    stretch = ends[0] === -Infinity && ends[1] === Infinity ? null
-      : ends.map((end) => Math.min(Math.max(end, columns.time[0]), columns.time[0] + span));
-    applyFilter();
+    setStretch(ends[0] === -Infinity && ends[1] === Infinity ? null
+      : ends.map((end) => Math.min(Math.max(end, start()), start() + span())));
   }
 
-  // Up and down go from message to message.
+  // ---- the keyboard ----
+
   function step(event) {
-    const by = { ArrowDown: 1, ArrowUp: -1 }[event.key];
-    const row = shown.indexOf(chosen) + by;
-    if (!by || row < 0 || row >= shown.length) return;
+    const screen = Math.max(1, Math.floor(room() / ROW) - 1);
+    const by = { ArrowDown: 1, ArrowUp: -1, PageDown: screen, PageUp: -screen,
+      Home: -shown.length, End: shown.length }[event.key];
+    if (!by || !shown.length || event.altKey || event.ctrlKey || event.metaKey) return;
     event.preventDefault();
-    const list = el('list');
-    if (row * ROW < list.scrollTop) list.scrollTop = row * ROW;
-    const bottom = (row + 3) * ROW - list.clientHeight;
-    if (bottom > list.scrollTop) list.scrollTop = bottom;
-    choose(shown[row]);
+    const place = Math.min(Math.max((chosen < 0 ? -1 : placeOf(chosen)) + by, 0), shown.length - 1);
+    choose(shown[place]);
+    if (place * ROW < top) goTo(place * ROW);
+    else if ((place + 1) * ROW > top + room()) goTo((place + 1) * ROW - room());
+  }
+
+  function stepTabs(event) {
+    const tabs = [...document.querySelectorAll('[role=tab]')];
+    const by = { ArrowRight: 1, ArrowLeft: -1 }[event.key];
+    const end = { Home: 0, End: tabs.length - 1 }[event.key];
+    const now = tabs.indexOf(document.activeElement);
+    if (now < 0 || (!by && end === undefined)) return;
+    event.preventDefault();
+    const next = tabs[by ? (now + by + tabs.length) % tabs.length : end];
+    show(next.dataset.view);
+    next.focus();
   }
 
   // ---- the page ----
 
-  function show(view) {
-    const isTraffic = view === 'messages' || view === 'chart';
-    el('overview').hidden = view !== 'overview';
-    el('graph').hidden = view !== 'graph';
-    el('traffic').hidden = !isTraffic;
-    for (const tab of document.querySelectorAll('nav button')) {
+  const sectionOf = (view) => el({ messages: 'traffic', chart: 'traffic' }[view] || view);
+  const shows = []; // called with each view that is shown
+
+  function show(wanted) {
+    const tabs = [...document.querySelectorAll('[role=tab]')];
+    const view = tabs.some((tab) => tab.dataset.view === wanted) ? wanted : tabs[0].dataset.view;
+    for (const section of document.querySelectorAll('section')) section.hidden = section !== sectionOf(view);
+    for (const tab of tabs) {
       tab.setAttribute('aria-selected', String(tab.dataset.view === view));
+      tab.tabIndex = tab.dataset.view === view ? 0 : -1;
+      if (tab.dataset.view === view) {
+        sectionOf(view).setAttribute('aria-labelledby', tab.id);
+        tab.scrollIntoView({ block: 'nearest', inline: 'nearest' });
+      }
     }
-    if (isTraffic) {
+    if (sectionOf(view) === el('traffic')) {
       mode = view;
       applyFilter();
+      drawDensity();
+      if (chosen >= 0 && placeOf(chosen) >= 0) goTo(placeOf(chosen) * ROW - room() / 2);
     }
+    for (const call of shows) call(view);
   }
 
-  showOverview();
-  fillSelect(el('node'), names, 'all');
-  fillSelect(el('subject'), subjects, 'all');
-  followDrag();
-  for (const tab of document.querySelectorAll('nav button')) {
-    tab.addEventListener('click', () => show(tab.dataset.view));
+  function prepareTabs() {
+    const other = data.live ? 'report' : 'live';
+    for (const part of document.querySelectorAll(`[data-in=${other}]`)) part.remove();
+    for (const tab of document.querySelectorAll('[role=tab]')) {
+      const section = sectionOf(tab.dataset.view);
+      tab.id = `tab-${tab.dataset.view}`;
+      tab.setAttribute('aria-controls', section.id);
+      section.setAttribute('role', 'tabpanel');
+      if (section.id !== 'traffic') section.tabIndex = 0;
+      tab.addEventListener('click', () => show(tab.dataset.view));
+    }
+    document.querySelector('nav').addEventListener('keydown', stepTabs);
   }
-  for (const id of ['node', 'subject', 'text', 'faults']) el(id).addEventListener('input', applyFilter);
-  for (const id of ['from', 'to']) el(id).addEventListener('change', readStretch);
-  el('filter').addEventListener('submit', (event) => event.preventDefault());
-  el('filter').addEventListener('reset', () => {
-    stretch = null;
-    setTimeout(applyFilter);
-  });
-  el('list').addEventListener('scroll', draw);
-  el('list').addEventListener('keydown', step);
-  window.addEventListener('resize', () => { if (!el('traffic').hidden) applyFilter(); });
-  el('rows').addEventListener('click', (event) => {
-    const row = event.target.closest('[data-message]');
-    if (row) choose(Number(row.dataset.message));
-  });
-  el('close').addEventListener('click', () => {
-    el('detail').hidden = true;
-    chosen = -1;
-    draw();
-  });
-  show(location.hash.slice(1) || 'overview');
+
+  function fillSelects() {
+    fillSelect(el('node'), names, 'all');
+    fillSelect(el('subject'), subjects, 'all');
+  }
+
+  function listen() {
+    for (const id of ['node', 'subject', 'text', 'onlyfaults']) el(id).addEventListener('input', applyFilter);
+    for (const id of ['from', 'to']) {
+      if (hasDays()) el(id).type = 'datetime-local';
+      el(id).addEventListener('change', readStretch);
+    }
+    el('filter').addEventListener('submit', (event) => event.preventDefault());
+    el('filter').addEventListener('reset', (event) => {
+      event.preventDefault();
+      clearFilter();
+    });
+    el('list').addEventListener('scroll', scroll);
+    el('list').addEventListener('keydown', step);
+    el('rows').addEventListener('click', (event) => {
+      const row = event.target.closest('[data-message]');
+      if (row) choose(Number(row.dataset.message));
+    });
+    el('zoom').addEventListener('click', (event) => {
+      if (event.target.dataset.by) zoom(Number(event.target.dataset.by));
+    });
+    el('close').addEventListener('click', close);
+    document.addEventListener('keydown', (event) => {
+      if (event.key === 'Escape' && !el('detail').hidden) close();
+    });
+    window.addEventListener('resize', () => {
+      drawDensity();
+      goTo(top);
+    });
+    window.addEventListener('hashchange', () => show(location.hash.slice(1)));
+  }
+
+  document.querySelector('h1').textContent = data.title;
+  prepareTabs();
+  if (!data.live) showOverview();
+  fillSelects();
+  followDrag();
+  listen();
+  if (count() < 1e6) searches = [names, subjects, payloads, notes].map(searchable);
+  show(location.hash.slice(1));
   document.body.dataset.ready = 'yes';
+  return { data, el, make, makeSvg, button, table, clock, oneLine, detail, show, shows };
 })();

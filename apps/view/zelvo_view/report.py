@@ -49,7 +49,7 @@ class Messages:
         ref = message.ref
         origin = -1
         if ref is not None and ref.number >= self.first:
-            origin = self._row_of(ref.number)
+            origin = self.row_of(ref.number)
         took = message.took
         values = (message.ms - self._begin, self.kinds[message.kind], self.names.of(message.src),
                   self.names.of(message.dst), self.subjects.of(message.subject),
@@ -58,7 +58,7 @@ class Messages:
         for column, value in zip(self.columns, values):
             column.append(value)
 
-    def _row_of(self, number):
+    def row_of(self, number):
         if number in self._rows:
             return self._rows[number]
         row = number - self.first
@@ -67,7 +67,6 @@ class Messages:
 
     def write(self, file):
         """The members of a JSON object."""
-        dumps = _dumps
         kinds = [{'name': kind, 'fault': KINDS[kind]} for kind in self.kinds]
         file.write('"begin":{},"bus":0,"kinds":{}'.format(self._begin, dumps(kinds)))
         for title, found in (('names', self.names), ('subjects', self.subjects),
@@ -87,7 +86,7 @@ class Messages:
         file.write('}')
 
 
-def _dumps(value):
+def dumps(value):
     """JSON that may stand in an element of HTML."""
     return json.dumps(value, separators=(',', ':')).replace('<', '\\u003c')
 
@@ -111,11 +110,12 @@ def _graph_table(graph):
     return {'title': '', 'header': ['what', 'from', 'to', '>times'], 'rows': rows}
 
 
-def _overview(summary):
+def _overview(summary, row_of):
     """What the summary in the terminal tells, for the page."""
     wrong = []
     for _, title, number, found in summary.fault_groups():
-        rows = [(what, fault.count, texts.clock(fault.first)) for what, fault in found[:200]]
+        rows = [(what, fault.count, summary.clock(fault.first), row_of(fault.number))
+                for what, fault in found[:200]]
         wrong.append({'title': title, 'number': number, 'rows': rows})
     tables = [{'title': title, 'header': header, 'rows': list(rows)[:2000]}
               for title, header, rows in summary.tables()]
@@ -124,6 +124,7 @@ def _overview(summary):
 
 
 def _hash(text):
+    """A source of the page's policy: this text and no other."""
     digest = hashlib.sha256(text.encode()).digest()
     return "'sha256-{}'".format(base64.b64encode(digest).decode())
 
@@ -133,17 +134,21 @@ def _part(name):
         return file.read()
 
 
-def _page(title, graph):
-    """The page up to its data, and what follows."""
-    style, script = _part('report.css'), _part('report.js')
-    page = _part('report.html')
-    for mark, text in (('@STYLE_HASH@', _hash(style)), ('@SCRIPT_HASH@', _hash(script)),
-                       ('@STYLE@', style)):
-        page = page.replace(mark, text)
-    before, _, rest = page.partition('@TITLE@')
+def page(title, graph='', names=('report',), policy=''):
+    """The page up to its data, what follows, and its policy. names: of its styles and scripts."""
+    style, script = (''.join(_part(name + ending) for name in names) for ending in ('.css', '.js'))
+    policy = "default-src 'none'; img-src data:; style-src {}; script-src {}; base-uri 'none'; " \
+        "form-action 'none'{}".format(_hash(style), _hash(script), policy)
+    text = _part('report.html').replace('@POLICY@', policy).replace('@STYLE@', style)
+    before, _, rest = text.partition('@TITLE@')
     between, _, rest = rest.partition('@GRAPH@')
     until, _, after = rest.partition('@DATA@')
-    return before + html.escape(title) + between + graph + until, after.replace('@SCRIPT@', script)
+    return (before + html.escape(title) + between + graph + until,
+            after.replace('@SCRIPT@', script), policy)
+
+
+def title_of(inputs):
+    return 'Traffic of ' + ', '.join('standard input' if p == '-' else p for p in inputs.paths)
 
 
 def write(view, path):
@@ -156,12 +161,11 @@ def write(view, path):
     if not stats.messages:
         return 0
     summary = Summary(view.matcher, stats, view.inputs, by_name(view.matcher))
-    title = ', '.join('standard input' if p == '-' else p for p in view.inputs.paths)
-    overview = _overview(summary)
-    overview.update(title='Traffic of ' + title, graph=_graph_table(graph))
-    before, after = _page(overview['title'], _svg(graph))
+    overview = _overview(summary, found.row_of)
+    overview.update(title=title_of(view.inputs), graph=_graph_table(graph))
+    before, after, _ = page(overview['title'], _svg(graph))
     with writing(path) as file:
-        file.write(before + _dumps(overview)[:-1] + ',')
+        file.write(before + dumps(overview)[:-1] + ',')
         found.write(file)
         file.write('}' + after)
     return stats.messages

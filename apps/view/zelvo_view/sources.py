@@ -1,18 +1,22 @@
 """Where records come from: files, several at once, standard input, and what still grows."""
 
 import contextlib
+import math
 import os
-import select
+import stat
 import sys
+import threading
 import time
 from collections import Counter
 
-from .records import NotALog, Reader
+from .records import NotALog, Reader, last_time
 
 CHUNK = 1 << 20
 LOOK = 0.01  # seconds between two looks at a growing file
 QUIET = 0.003  # seconds without anything new, after which nothing is held back
+SETTLED = 1.0  # seconds after which nothing more of a text is waited for
 HEAD = 64  # bytes that a file begins with, a time among them
+ROOM = 8 << 20  # bytes of standard input that may wait to be read
 
 
 class InputError(Exception):
@@ -50,10 +54,26 @@ class Inputs:
         self.paths = _distinct(paths) or ['-']
         self.readers = []
         self.doubled = 0  # records that stood in two files
+        self.pipe = None
+        self.tails = []
 
     @property
     def strange(self):
         return sum(reader.strange for reader in self.readers)
+
+    @property
+    def is_empty(self):
+        return all(reader.is_empty for reader in self.readers)
+
+    def last_ms(self):
+        """The latest time at the end of the files, None where that is not known."""
+        ends = []
+        for path in self.paths:
+            if os.path.isfile(path):
+                with _open(path) as file:
+                    file.seek(max(os.path.getsize(path) - (1 << 16), 0))
+                    ends.append(last_time(file.read(1 << 16)))
+        return max((end for end in ends if end is not None), default=None)
 
     def records(self):
         """All records, those of several files in the order of their times."""
@@ -102,15 +122,15 @@ class Inputs:
 
     # ---- what grows ----
 
-    def follow(self):
+    def follow(self, skips=False):
         """Yields lists of records as they come, and an empty one whenever nothing has come for a
-        moment; ends with standard input, or never."""
+        moment; ends with standard input, or never. skips: see Pipe."""
         if self.paths == ['-']:
-            yield from self._follow_pipe()
+            yield from self._follow_pipe(skips)
             return
         if '-' in self.paths:
             raise InputError('--follow: standard input (-) only by itself')
-        tails = [Tail(path) for path in self.paths]
+        tails = self.tails = [Tail(path) for path in self.paths]
         self.readers = [tail.reader for tail in tails]
         while True:
             news = [records for records in (tail.read() for tail in tails) if records]
@@ -119,21 +139,76 @@ class Inputs:
                 yield []
                 time.sleep(LOOK)
 
-    def _follow_pipe(self):
+    def _follow_pipe(self, skips):
         reader = Reader(live=True)
         self.readers = [reader]
-        fd = sys.stdin.fileno()
-        can_wait = os.name != 'nt'
+        pipe = self.pipe = Pipe(sys.stdin.fileno(), skips)
+        pipe.start()
+        waits = 0
         try:
             while True:
-                data = os.read(fd, CHUNK)
+                data = pipe.take((QUIET, SETTLED)[min(waits, 1)])
+                if data is None:
+                    waits += 1
+                    if waits <= 2:
+                        yield reader.settle() if waits == 2 else []
+                        yield []
+                    continue
+                waits = 0
                 yield list(reader.feed(data, not data))
                 if not data:
                     return
-                if not can_wait or not select.select([fd], [], [], QUIET)[0]:
-                    yield []
         except NotALog as error:
             raise _not_a_log('<standard input>', error) from error
+
+
+class Pipe(threading.Thread):
+    """Reads from fd ahead of who takes it. skips: where too much waits, what comes is skipped, and
+    a line of the log tells how many lines; else its writer waits."""
+
+    def __init__(self, fd, skips):
+        super().__init__(daemon=True)
+        self._fd, self._skips = fd, skips
+        self._changed = threading.Condition()
+        self._held, self._ended = bytearray(), False
+        self.skipped = 0  # lines
+
+    def run(self):
+        data, skipping = b' ', 0
+        while data:
+            try:
+                data = os.read(self._fd, CHUNK)
+            except OSError:
+                data = b''
+            with self._changed:
+                if len(self._held) > ROOM and not self._skips:
+                    self._changed.wait_for(lambda: len(self._held) < ROOM)
+                if data and len(self._held) > (ROOM // 2 if skipping else ROOM):
+                    if not skipping:  # what is taken ends with a whole line
+                        del self._held[self._held.rfind(b'\n') + 1:]
+                        skipping = 1
+                    skipping += data.count(b'\n')
+                    continue
+                if skipping:
+                    partial, _, data = data.partition(b'\n')
+                    self.skipped += skipping
+                    data = b'\nlog lines lost: %d, not read in time\n\n' % skipping + data
+                    skipping = 0
+                self._held += data
+                self._changed.notify()
+        with self._changed:
+            self._ended = True
+            self._changed.notify()
+
+    def take(self, seconds):
+        """What has come, b'' at the end, None where nothing has come for so long."""
+        with self._changed:
+            if not self._changed.wait_for(lambda: self._held or self._ended, seconds):
+                return None
+            data = bytes(self._held[:CHUNK])
+            del self._held[:CHUNK]
+            self._changed.notify()
+            return data
 
 
 class Tail:
@@ -144,10 +219,17 @@ class Tail:
         self.reader = Reader(live=True)
         self._file = _open(path)
         self._head = b''  # what it begins with, as far as it is known
+        self._came = 0.0  # when, at the latest
+        self.anew = 0  # how often it was begun anew
+
+    @property
+    def behind(self):
+        """Bytes that are there and have not been read."""
+        return max(os.fstat(self._file.fileno()).st_size - self._file.tell(), 0)
 
     def read(self):
         """What has come since."""
-        found = list(self.reader.begin_anew()) if self._is_emptied() else []
+        found = self._begin_anew() if self._is_emptied() else []
         data = self._file.read(CHUNK)
         if not data and self._is_replaced():
             data = self._file.read(CHUNK)  # written before it was removed
@@ -155,12 +237,23 @@ class Tail:
             if fresh is not None:
                 self._file.close()
                 self._file, self._head = fresh, b''
-                found += self.reader.begin_anew()
+                found += self._begin_anew()
                 data = self._file.read(CHUNK)
+        now = time.monotonic()
         try:
-            return found + list(self.reader.feed(data)) if data else found
+            if data:
+                self._came = now
+                found += self.reader.feed(data)
+            elif now - self._came > SETTLED:
+                self._came = math.inf
+                found += self.reader.settle()
+            return found
         except NotALog as error:
             raise _not_a_log(self.path, error) from error
+
+    def _begin_anew(self):
+        self.anew += 1
+        return list(self.reader.begin_anew())
 
     def _reopen(self):
         try:
@@ -191,14 +284,23 @@ class Tail:
 
 @contextlib.contextmanager
 def writing(path):
-    """A text file at path, which is there whole or not at all."""
-    made = '{}.{}.tmp'.format(path, os.getpid())
+    """A text file at path. Where there is none, or a plain file, it is there whole or not at all;
+    anything else, as a link, a pipe or a device, stays what it is and is written to."""
+    in_place = os.path.lexists(path) and not stat.S_ISREG(os.lstat(path).st_mode)
+    made = path if in_place else '{}.{}.tmp'.format(path, os.getpid())
+    begun = False
     try:
-        with open(made, 'w', encoding='utf-8', errors='backslashreplace', newline='\n') as file:
+        with open(made, 'w' if in_place else 'x', encoding='utf-8', errors='backslashreplace',
+                  newline='\n') as file:
+            begun = not in_place
             yield file
-        os.replace(made, path)
+        if begun:
+            os.replace(made, path)
+            begun = False
+    except BrokenPipeError:
+        raise
     except OSError as error:
         raise InputError('{}: {}'.format(path, error.strerror)) from error
     finally:
-        if os.path.exists(made):
+        if begun:
             os.unlink(made)

@@ -2,7 +2,7 @@
 
 from collections import Counter
 
-from .model import KINDS
+from .model import KINDS, REFUSED, helper_of
 
 
 class Filter:
@@ -64,6 +64,10 @@ class Calls:
         self.faults = Counter()
         self.took = Counter()  # milliseconds: how many
 
+    @property
+    def refused(self):
+        return sum(self.faults[kind] for kind in REFUSED)
+
     def percentile(self, share):
         """The time within which that share of the answers came; None: there was none."""
         rank = share * self.answered
@@ -78,8 +82,9 @@ class Calls:
 class Fault:
     """Faults of one kind that are alike."""
 
-    def __init__(self, ms):
-        self.first = self.last = ms
+    def __init__(self, message):
+        self.first = self.last = message.ms
+        self.number = message.number  # of the first
         self.count = 0
 
 
@@ -92,6 +97,7 @@ class Stats:
         self.faults = {}  # (kind, what): Fault
         self.seen = {}  # node: [first, last]
         self.unmatched = Counter()
+        self.refusals = 0  # answers by which the bus has refused a call
         self.first = self.last = None
 
     def add(self, message):
@@ -137,7 +143,7 @@ class Stats:
             topic.publishers['bus'] += 0
 
     def _drop(self, message):
-        if message.note.startswith(('copy', 'publish')):
+        if message.cause in ('copy', 'publish', 'publishSticky'):
             self._topic(message.subject).drops += 1
 
     def _calls(self, caller, callee, address):
@@ -152,6 +158,9 @@ class Stats:
 
     def _answer(self, message):
         call = message.ref
+        if call is not None and call.done in REFUSED:
+            self.refusals += 1
+            return
         if message.took is None:
             return
         calls = self._calls(call.src, call.dst, call.subject)
@@ -163,7 +172,7 @@ class Stats:
         what = self._what(message)
         fault = self.faults.get((kind, what))
         if fault is None:
-            fault = self.faults[(kind, what)] = Fault(message.ms)
+            fault = self.faults[(kind, what)] = Fault(message)
         fault.count += 1
         fault.last = message.ms
         if message.ref is not None and message.ref.kind == 'call':
@@ -190,5 +199,6 @@ def by_name(matcher):
     found = {}
     for process in matcher.processes.values():
         for name, node in process.nodes.items():
-            found.setdefault(matcher.text(name), []).append(node)
+            if helper_of(name) in (None, name):
+                found.setdefault(matcher.text(name), []).append(node)
     return sorted(found.items(), key=lambda e: min(n.first for n in e[1]))

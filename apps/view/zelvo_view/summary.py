@@ -1,7 +1,7 @@
 """The summary in the terminal: first what went wrong."""
 
 from . import texts
-from .texts import amount, clock, day_time, duration, safe
+from .texts import amount, day_time, duration, safe
 
 TITLES = (
     ('lost', 'Lines that the log has lost'),
@@ -46,6 +46,8 @@ class Summary:
         self.nodes = nodes
         self.colour = colour
         self.rows = rows  # of a table, at most; None: all
+        days = [ms // 86400000 for ms in (stats.first, stats.last) if ms is not None]
+        self.clock = texts.clock if len(set(days)) < 2 else day_time
 
     def text(self):
         yield from self.head()
@@ -62,8 +64,8 @@ class Summary:
         yield 'Nodes', ('name', 'from', 'to', '>joined', '>timers', '>killed'), self.node_rows()
         yield ('Topics', ('topic', 'publishers', 'subscribers', '>messages', '>size', '>delivered',
                           '>dropped'), self.topic_rows())
-        yield ('Calls', ('caller', 'address', '>calls', '>answers', '>p50', '>p99', '>longest',
-                         'faults'), self.call_rows())
+        yield ('Calls', ('caller', 'address', '>calls', '>answers', '>refused', '>p50', '>p99',
+                         '>longest', 'faults'), self.call_rows())
 
     def _title(self, text):
         yield ''
@@ -71,11 +73,13 @@ class Summary:
 
     def head(self):
         stats = self.stats
-        yield '{} to {}, {}'.format(day_time(stats.first), clock(stats.last),
+        yield '{} to {}, {}'.format(day_time(stats.first), self.clock(stats.last),
                                     duration(stats.last - stats.first))
         kinds = stats.kinds
+        refused = sum(calls.refused for calls in stats.calls.values())
         yield '{} published, {} delivered, {} calls, {} answers'.format(
-            kinds['publish'] + kinds['sticky'], kinds['deliver'], kinds['call'], kinds['answer'])
+            kinds['publish'] + kinds['sticky'], kinds['deliver'], kinds['call'],
+            kinds['answer'] - stats.refusals) + (', {} refused'.format(refused) if refused else '')
         if len(self.matcher.processes) > 1:
             yield '{} processes: {}'.format(
                 len(self.matcher.processes),
@@ -102,9 +106,9 @@ class Summary:
             line = '  {}: {}'.format(title, number)
             yield '\x1b[31m{}\x1b[0m'.format(line) if self.colour else line
             for what, fault in found[:self.rows]:
-                when = clock(fault.first)
+                when = self.clock(fault.first)
                 if fault.count > 1:
-                    when += ' to ' + clock(fault.last)
+                    when += ' to ' + self.clock(fault.last)
                 yield '    {:>6} x  {}  ({})'.format(fault.count, safe(what), when)
             if self.rows and len(found) > self.rows:
                 yield '    and {} more'.format(len(found) - self.rows)
@@ -114,7 +118,7 @@ class Summary:
         for name, nodes in self.nodes:
             if name not in self.stats.seen or not any(n.joins or n.alive for n in nodes):
                 continue
-            first, last = self.stats.seen[name]
+            clock, (first, last) = self.clock, self.stats.seen[name]
             joined = [n.joined for n in nodes if n.joined is not None]
             left = [n.left for n in nodes if n.joins][-1:] or [None]
             yield (name, clock(joined[0]) if joined else 'before ' + clock(first),
@@ -132,7 +136,7 @@ class Summary:
                                                        key=lambda e: -e[1].made):
             times = [calls.percentile(share) for share in (0.5, 0.99, 1)]
             faults = ', '.join('{} {}'.format(kind, n) for kind, n in calls.faults.items())
-            yield (caller, address, calls.made, calls.answered,
+            yield (caller, address, calls.made, calls.answered, calls.refused or '',
                    *('-' if ms is None else duration(ms) for ms in times), faults)
 
     def _shortened(self, header, rows):

@@ -4,9 +4,10 @@ import datetime
 import unicodedata
 
 # What a terminal might obey, and what would turn the direction of a line, as an escape.
-_UNSAFE = list(range(0x20)) + list(range(0x7f, 0xa0)) + [0x2028, 0x2029, 0xfeff] + list(
-    range(0x200e, 0x2010)) + list(range(0x202a, 0x202f)) + list(range(0x2066, 0x206a)) + list(
-        range(0xd800, 0xe000))
+_UNSAFE = [c for begin, end in (
+    (0, 0x20), (0x7f, 0xa0), (0x61c, 0x61d), (0x200e, 0x2010), (0x2028, 0x202f), (0x2066, 0x2070),
+    (0xd800, 0xe000), (0xfeff, 0xff00), (0xfff9, 0xfffc), (0xe0000, 0xe0080))
+           for c in range(begin, end)]
 _ESCAPES = {c: '\\x{:02x}'.format(c) if c < 256 else '\\u{:04x}'.format(c) for c in _UNSAFE}
 _ESCAPES.update({0x09: '\\t', 0x0a: '\\n', 0x0d: '\\r', 0: '\\0'})
 
