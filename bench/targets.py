@@ -2,6 +2,7 @@
 
 OURS = "Zelvo"
 FACE = "Zelvo C++"
+TYPED = "Zelvo C++ typed"
 HAND, BROKER, DIRECT = "hand-written", "ZeroMQ broker", "ZeroMQ direct"
 ROUTED = [HAND, "GLib queues", BROKER]
 PEERS = [HAND, "GLib queues", BROKER, DIRECT, "nng direct"]
@@ -48,6 +49,10 @@ FACE_TARGETS = [
     ("call through the C++ header", "time", "call-2", [(OURS, "call-2")], 1.05),
     ("publish through the C++ header", "time", "publish-64", [(OURS, "publish-64")], 1.05),
 ]
+# What a typed topic adds to the C++ header.
+TYPED_TARGETS = [
+    ("publish a struct of 64 bytes", "time", "publish-64", [(FACE, "publish-64")], 1.02),
+]
 # What is compared with nothing: what, system, cell, metric, factor from it to the figure, limit.
 # Wake-ups count by the worst round, all else by the median.
 ABSOLUTE = [
@@ -63,6 +68,7 @@ def judged(results):
     """(what, compared with, limit, ratio or None, reached or None) of every target."""
     targets = [(OURS, *target) for target in TARGETS]
     targets += [(FACE, *target) for target in FACE_TARGETS]
+    targets += [(TYPED, *target) for target in TYPED_TARGETS]
     for ours, what, metric, cell, references, limit in targets:
         measured = [(results.median(of, system, metric), system, of) for system, of in references]
         measured = [entry for entry in measured if entry[0]]

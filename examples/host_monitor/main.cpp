@@ -7,13 +7,13 @@
 #include "archive.h"
 #include "console.h"
 #include "sampler.h"
+#include "topics.h"
 
 #include <zelvo/bus.hpp>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <fstream>
@@ -53,10 +53,11 @@ void showSticky(Console &console, Clock::time_point joining) {
 // The key store still has what the last run has set. Returns the interval in milliseconds.
 long showInterval(Console &console) {
     const std::string kept = console.node().keys().get("interval").value_or("");
-    const std::string interval = console.call("/sampler/interval").text;
+    const long interval = console.node().call(kSamplerInterval, "").value();
+    const std::string shown = std::to_string(interval) + " ms";
     show("interval",
-         kept == interval ? interval + " ms, from the last run" : "default " + interval + " ms");
-    return std::strtol(interval.c_str(), nullptr, 10);
+         kept == std::to_string(interval) ? shown + ", from the last run" : "default " + shown);
+    return interval;
 }
 
 void showLive(Console &console, Clock::time_point start) {
