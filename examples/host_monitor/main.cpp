@@ -28,6 +28,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+bool goesOn = false; // until it is interrupted
+
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
@@ -164,6 +166,12 @@ void monitor(const std::string &home, const std::string &log) {
               "waits.\n"
               "   The bus refuses the inner call and tells of it on bus.error; nobody hangs");
     showRing(console);
+    while (goesOn) {
+        showLive(console, start);
+        showPeaks(console);
+        showCall(console, "/archive/last", "\"cpu\"");
+        showRing(console);
+    }
 }
 
 // What the bus must have written meanwhile, in this order.
@@ -188,8 +196,10 @@ int main(int argc, char **argv) {
     std::string home = "."; // for the log and the key store
     if (argc == 3 && std::strcmp(argv[1], "--home") == 0) {
         home = argv[2];
+    } else if (argc == 2 && std::strcmp(argv[1], "--go-on") == 0) {
+        goesOn = true;
     } else if (argc != 1) {
-        std::fprintf(stderr, "usage: %s [--home DIRECTORY]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s [--home DIRECTORY | --go-on]\n", argv[0]);
         return 2;
     }
     const std::string log = home + "/host_monitor.log";
