@@ -4,7 +4,11 @@
 #include <zelvo/bus.hpp>
 
 #include <array>
+#include <atomic>
 #include <deque>
+#include <thread>
+
+#include <poll.h>
 
 namespace {
 
@@ -71,6 +75,55 @@ std::unique_ptr<Publisher> publisher(const Shape &shape, Sink &sink) {
     return std::make_unique<FacePublisher>(shape, sink);
 }
 
+// As FacePublisher, but what travels is a struct.
+class TypedPublisher final : public Publisher {
+public:
+    TypedPublisher(const Shape & /*shape*/, Sink &sink) {
+        subscriber_.subscribe(kTopic, [&sink](const Payload &payload) {
+            sink.receive(0, payload.data, sizeof payload.data);
+        });
+    }
+    void publish(int /*publisher*/, std::string_view payload) override {
+        Payload value; // all of it is written
+        payload.copy(value.data, sizeof value.data);
+        publisher_.publish(kTopic, value);
+    }
+
+private:
+    struct Payload {
+        char data[64];
+    };
+    static constexpr zelvo::Topic<Payload> kTopic{"measured0"};
+
+    zelvo::Bus bus_{config()};
+    zelvo::Node publisher_{bus_, "publisher-0"};
+    zelvo::Node subscriber_{bus_, "subscriber-0"};
+};
+std::unique_ptr<Publisher> typedPublisher(const Shape &shape, Sink &sink) {
+    return std::make_unique<TypedPublisher>(shape, sink);
+}
+
+// Calls to a node whose handlers run in another thread's loop.
+Result callHop(int milliseconds) {
+    const zelvo::Bus bus{config()};
+    zelvo::PolledNode called{bus, "called"};
+    called.on_call("/answer", [] { return kAnswer; });
+    const zelvo::Node caller{bus, "caller"};
+    std::atomic<bool> over{false};
+    std::thread loop{[&] {
+        pollfd wait{called.fd(), POLLIN, 0};
+        while (!over) {
+            poll(&wait, 1, 100);
+            called.dispatch();
+        }
+    }};
+    const Result result =
+        repeat(milliseconds, [&] { requireAnswer(caller.call("/called/answer").text.size()); });
+    over = true;
+    loop.join();
+    return result;
+}
+
 // Calls from one node to 16 others at once, each of which takes a millisecond.
 Result async16(int milliseconds) {
     constexpr std::size_t count = 16;
@@ -100,10 +153,12 @@ Result async16(int milliseconds) {
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::array systems{System{"Zelvo C++",
-                                    caller,
-                                    publisher,
-                                    {"call-2", "publish-64", "publish-4-to-1", "publish-4-pairs"},
-                                    {{"async-16", async16}}}};
+    const std::array systems{
+        System{"Zelvo C++",
+               caller,
+               publisher,
+               {"call-2", "publish-64", "publish-4-to-1", "publish-4-pairs"},
+               {{"async-16", async16}, {"call-hop", callHop}}},
+        System{"Zelvo C++ typed", nullptr, typedPublisher, {"publish-64"}, {}}};
     return bench::run(argc, argv, systems);
 }

@@ -2,6 +2,7 @@
 
 OURS = "Zelvo"
 FACE = "Zelvo C++"
+TYPED = "Zelvo C++ typed"
 HAND, BROKER, DIRECT = "hand-written", "ZeroMQ broker", "ZeroMQ direct"
 ROUTED = [HAND, "GLib queues", BROKER]
 PEERS = [HAND, "GLib queues", BROKER, DIRECT, "nng direct"]
@@ -35,6 +36,8 @@ TARGETS = [
     ("call to a node with 1 timer", "time", "call-timers-1", [(OURS, "call-timers-0")], 1.1),
     ("call to a node with 1,000 timers", "time", "call-timers-1000", [(OURS, "call-timers-0")],
      1.1),
+    ("a line of the log into a file", "processor", "log-line", [("spdlog", "log-line")], 0.8),
+    ("a line of the log into a file", "processor", "log-line", [("write(2)", "log-line")], 1.6),
     ("call over MQTT", "time", "mqtt-call", [("libmosquitto", "mqtt-call")], 1.15),
     ("publish over MQTT", "time", "mqtt-publish", [("libmosquitto", "mqtt-publish")], 1.15),
     ("peak memory of 2,000 nodes", "peak", "memory-2000", [(HAND, "memory-2000")], 1.0),
@@ -45,6 +48,10 @@ TARGETS = [
 FACE_TARGETS = [
     ("call through the C++ header", "time", "call-2", [(OURS, "call-2")], 1.05),
     ("publish through the C++ header", "time", "publish-64", [(OURS, "publish-64")], 1.05),
+]
+# What a typed topic adds to the C++ header.
+TYPED_TARGETS = [
+    ("publish a struct of 64 bytes", "time", "publish-64", [(FACE, "publish-64")], 1.02),
 ]
 # What is compared with nothing: what, system, cell, metric, factor from it to the figure, limit.
 # Wake-ups count by the worst round, all else by the median.
@@ -61,6 +68,7 @@ def judged(results):
     """(what, compared with, limit, ratio or None, reached or None) of every target."""
     targets = [(OURS, *target) for target in TARGETS]
     targets += [(FACE, *target) for target in FACE_TARGETS]
+    targets += [(TYPED, *target) for target in TYPED_TARGETS]
     for ours, what, metric, cell, references, limit in targets:
         measured = [(results.median(of, system, metric), system, of) for system, of in references]
         measured = [entry for entry in measured if entry[0]]

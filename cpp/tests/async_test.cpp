@@ -1,12 +1,9 @@
 #include "support.h"
 
-#include <atomic>
-#include <optional>
-
 using namespace zelvo;
 using Clock = std::chrono::steady_clock;
 
-TEST(Async, many_calls_are_under_way_at_once_and_more_wait) {
+TEST(Async, as_many_calls_are_under_way_as_there_are_helpers_and_more_wait) {
     Config config = quiet();
     config.helpers = 4;
     const Bus bus{config};
@@ -14,13 +11,17 @@ TEST(Async, many_calls_are_under_way_at_once_and_more_wait) {
     std::vector<Node> called;
     std::atomic<int> inside{0};
     std::atomic<int> most{0};
+    Gate together; // when four are inside at once
     for (int i = 0; i < 8; ++i) {
         called.emplace_back(bus, "n" + std::to_string(i));
-        called.back().on_call("/x", [&](std::string_view data) {
+        called.back().on_call("/x", [&](std::string data) {
             most = std::max(most.load(), ++inside);
-            std::this_thread::sleep_for(2ms);
+            if (inside == 4) {
+                together.open();
+            }
+            together.wait();
             --inside;
-            return std::string{data};
+            return data;
         });
     }
     std::vector<std::future<Answer>> futures;
@@ -39,8 +40,47 @@ TEST(Async, many_calls_are_under_way_at_once_and_more_wait) {
         EXPECT_EQ(futures[i].get().text, std::to_string(i));
     }
     EXPECT_TRUE(done.wait());
-    EXPECT_LE(most, 4);
+    EXPECT_EQ(most, 4);
     EXPECT_EQ(caller.nodes().size(), 9U); // without the helpers
+}
+
+TEST(Async, a_node_that_never_answers_stops_no_call_to_another_and_what_waits_is_limited) {
+    Config config = quiet();
+    config.helpers = 4;
+    config.waiting_calls = 2;
+    const Bus bus{config};
+    Gate answer;
+    Node hung{bus, "hung"};
+    hung.on_call("/x", [&] { answer.wait(); });
+    Node lamp{bus, "lamp"};
+    lamp.on_call("/state", [] { return "on"; });
+    const Node panel{bus, "panel"};
+    std::optional<Node> other{std::in_place, bus, "other"};
+    auto under_way = panel.call_async("/hung/x");
+    auto waits = panel.call_async("/hung/x");
+    auto gone = other->call_async("/hung/x");
+    auto refused = panel.call_async("/hung/x");
+    ASSERT_EQ(refused.wait_for(0s), std::future_status::ready);
+    EXPECT_EQ(refused.get().cause, Cause::too_many);
+    EXPECT_EQ(panel.call_async("/lamp/state").get().text, "on");
+    EXPECT_EQ(panel.call_for(1ms, "/hung/x").cause, Cause::too_many);
+    EXPECT_EQ(other->call_async("/lamp/state").get().text, "on");
+    const std::string names = panel.call("/bus/nodes").text;
+    EXPECT_NE(names.find("zelvo/helper/panel/1\""), names.npos) << names;
+    EXPECT_NE(names.find("zelvo/helper/other/"), names.npos) << names;
+    other.reset(); // and leaves the row
+    EXPECT_EQ(gone.get().cause, Cause::left);
+    EXPECT_EQ(panel.call("/bus/nodes").text.find("zelvo/helper/other/"), names.npos);
+    EXPECT_EQ(panel.call_for(1ms, "/hung/x").cause, Cause::timed_out);
+    EXPECT_TRUE(waits.cancel());
+    EXPECT_FALSE(waits.cancel());
+    EXPECT_EQ(waits.get().cause, Cause::cancelled);
+    EXPECT_TRUE(under_way.cancel());
+    const auto token = std::make_shared<int>(0);
+    const PendingCall call = panel.call_async("/hung/x", [token](const Answer &) {});
+    EXPECT_TRUE(call.cancel());
+    EXPECT_EQ(token.use_count(), 1);
+    answer.open();
 }
 
 TEST(Async, a_node_that_goes_leaves_no_call_open_and_runs_no_completion) {
@@ -118,13 +158,63 @@ TEST(Timers, thousands_wait_and_cancelled_ones_are_forgotten) {
                 done.open();
             }
         }));
-    }
-    for (std::size_t i = 1; i < timers.size(); i += 2) {
-        EXPECT_TRUE(timers[i].cancel());
+        EXPECT_TRUE(i % 2 == 0 || timers.back().cancel());
     }
     EXPECT_EQ(token.use_count(), 1 + count / 2);
     set.open();
     ASSERT_TRUE(done.wait());
-    EXPECT_FALSE(timers[0].cancel());
     EXPECT_THROW(node.every(0ms, [] {}), std::invalid_argument);
+}
+
+TEST(Timers, the_bus_has_few_timers_however_many_wait) {
+    detail::Timers timers;
+    std::map<int, long> armed;
+    const auto arm = [&] {
+        EXPECT_TRUE(timers.arm([&](long wait, int number) {
+            armed[number] = wait;
+            return true;
+        }));
+    };
+    const auto add = [&](Clock::duration wait) {
+        const auto run = [](const detail::TimerPtr &) {};
+        timers.add(std::make_shared<detail::TimerEntryOf<decltype(run)>>(0ns, decltype(run){run}),
+                   Clock::now() + wait);
+        arm();
+    };
+    add(24h);
+    for (int i = 400; i > 0; --i) {
+        add(i * 1s);
+    }
+    EXPECT_LT(armed.size(), 120U); // of 1,024
+    while (armed.size() > 1) {     // they come; the earliest is always waited for
+        EXPECT_LE(armed.rbegin()->second, 400'000);
+        timers.note(armed.rbegin()->first);
+        armed.erase(std::prev(armed.end()));
+        timers.takeDue(Clock::now() + 401s); // one of the short ones
+        arm();
+    }
+    for (int i = 0; i < 400; ++i) {
+        timers.takeDue(Clock::now() + 401s);
+    }
+    arm(); // there is still the one of the day
+    EXPECT_EQ(armed.size(), 1U);
+    EXPECT_NEAR(static_cast<double>(armed.begin()->second), 86'400'000, 60'000);
+}
+
+TEST(Timers, any_duration_is_a_time_to_wait_for) {
+    const Bus bus{quiet()};
+    Node node{bus, "node"};
+    Gate done;
+    std::atomic<int> early{0};
+    const Timer timers[] = {node.after(std::chrono::hours::max(), [&] { ++early; }),
+                            node.after(std::chrono::duration<double>{1e300}, [&] { ++early; }),
+                            node.every(std::chrono::hours::max(), [&] { ++early; })};
+    node.after(std::chrono::hours::min(), [&, only = std::make_unique<int>(0)] {
+        node.after(std::chrono::duration<double>{0.001}, [&] { done.open(); });
+    });
+    ASSERT_TRUE(done.wait());
+    EXPECT_EQ(early, 0);
+    for (const Timer &timer : timers) {
+        EXPECT_TRUE(timer.cancel());
+    }
 }

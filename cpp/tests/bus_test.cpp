@@ -47,7 +47,25 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
           std::string(128, 'n'), std::string("a\0b", 3)}) {
         EXPECT_THROW(Node(bus, name), std::invalid_argument) << name;
     }
+    try {
+        const Node b{bus, "b"};
+        ADD_FAILURE() << "it could not be called";
+    } catch (const std::invalid_argument &error) {
+        EXPECT_NE(std::string{error.what()}.find("localKeys"), std::string::npos) << error.what();
+    }
     const Node longest{bus, std::string(127, 'n')};
     EXPECT_EQ(node.nodes().size(), 2U);
     EXPECT_EQ(node.stats(), std::nullopt); // not configured
+}
+
+TEST(FaceBusDeathTest, a_handler_may_end_the_process) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto end = [] {
+        static Bus bus{quiet()};
+        static Node other{bus, "other"};
+        static Node node{bus, "node"};
+        node.after(0ms, [] { std::exit(3); });
+        Gate{}.wait();
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(3), "");
 }

@@ -1,8 +1,17 @@
 // Runs each piece of code of docs/cpp.md, with the bus and the nodes that the guide speaks of.
+// Built twice: with the pieces that need other libraries, and with the rest.
 #include "support.h"
 
 #include <array>
 #include <iostream>
+
+#if defined(GUIDE_LIBRARIES)
+#include <zelvo/json.hpp>
+
+#include <asio.hpp>
+#include <glib.h>
+#include <poll.h>
+#endif
 
 namespace {
 
@@ -15,7 +24,7 @@ using Piece = void (*)(zelvo::Bus &, zelvo::Node &, zelvo::Node &);
 } // namespace
 
 TEST(Guide, every_piece_runs) {
-    ASSERT_GT(std::size(kPieces), 10U);
+    ASSERT_GT(std::size(kPieces), 2U);
     for (const Piece piece : kPieces) {
         zelvo::Config config = quiet();
         config.stats = true;

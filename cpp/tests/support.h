@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 
 using namespace std::chrono_literals;
@@ -37,6 +39,12 @@ inline zelvo::Config quiet() {
     zelvo::Config config;
     config.level = zelvo::Level::errors;
     return config;
+}
+
+// Whether there is something to dispatch, at once or within the limit.
+bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit = 0ms);
+inline void awaitReadable(const zelvo::PolledNode &node) {
+    ASSERT_TRUE(isReadable(node, kLimit));
 }
 
 // Waits until the node has handled what had reached it by now.

@@ -13,11 +13,14 @@
 //             completions run there, one at a time. Any thread may use any function, handlers
 //             included, except that nobody may use an object while it is moved, assigned or
 //             destroyed.
-// Blocking.   Making a node, call, subscribe, unsubscribe, Keys, nodes and stats wait for an
-//             answer, Config::call_timeout at most where that is set. It counts from a call's turn
-//             where several threads use one node, and for each of the two or three answers that
-//             making a node takes. The end of a node or a bus waits as they say. Nothing else
-//             waits.
+//             Threads bear the names of their nodes. A process that forks has none of them in the
+//             child: there nothing of a bus that was made before may be used or destroyed, so the
+//             child has to go on to exec or _exit. A handler may call std::exit.
+// Blocking.   Making a node, call, subscribe, unsubscribe, a Subscription's cancel, Keys, nodes and
+//             stats wait for an answer, Config::call_timeout at most where that is set, and for
+//             each of the two or three answers that making a node takes. Threads that wait through
+//             one node have their turns in the order in which they came. call_for waits as long as
+//             it says. The end of a node or a bus waits as they say. Nothing else waits.
 // Views.      A std::string_view that a handler gets is good until the handler returns. What is
 //             passed in is copied before the call returns.
 // Texts.      Topics, names and addresses are any bytes but NUL and match exactly; a text outside
@@ -31,11 +34,14 @@
 #ifndef ZELVO_BUS_HPP
 #define ZELVO_BUS_HPP
 
-#include "detail/node.hpp"
-#include "types.hpp"
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
+#else
+
+#include "codec.hpp"
+#include "handles.hpp"
 
 #include <initializer_list>
-#include <type_traits>
 
 namespace zelvo {
 
@@ -55,8 +61,8 @@ public:
     Bus &operator=(const Bus &) = delete;
     Bus(Bus &&) noexcept = default;
     Bus &operator=(Bus &&other) noexcept {
-        close();
-        state_ = std::move(other.state_);
+        Bus former{std::move(other)};
+        std::swap(state_, former.state_);
         return *this;
     }
     // The last to hold the bus waits until it has ended, also for calls of call_async that are
@@ -84,69 +90,6 @@ private:
     detail::BusPtr state_;
 };
 
-// What after() and every() give: a way to stop them. Copies stop the same timer; a timer whose
-// handles are gone runs all the same. Any thread may use it, also when its node has gone.
-class Timer {
-public:
-    Timer() noexcept = default; // of nothing
-    // No run begins after this, except one that is about to in another thread; the function goes as
-    // soon as it does not run. May be called from within it. True: there would have been another
-    // run.
-    bool cancel() {
-        const auto node = node_.lock();
-        const auto entry = entry_.lock();
-        return node && entry && node->cancel(entry);
-    }
-
-private:
-    friend class Node;
-    Timer(std::weak_ptr<detail::NodeState> node, const detail::TimerPtr &entry) noexcept
-        : node_{std::move(node)},
-          entry_{entry} {}
-
-    std::weak_ptr<detail::NodeState> node_;
-    std::weak_ptr<detail::TimerEntry> entry_;
-};
-
-// The key store of the bus, through one of its nodes. Keys match without regard to ASCII case.
-// Functions throw Error when there is no answer, as when the node has gone, and
-// std::invalid_argument for an empty key.
-class Keys {
-public:
-    // The value as JSON text, as the store prints it; nothing: there is none.
-    std::optional<std::string> get(const std::string &key) const {
-        std::string text = ask(key, R"({"operation":"get"})");
-        // A value that is this object would be printed with blanks.
-        return text == R"({"data":""})" ? std::nullopt : std::optional{std::move(text)};
-    }
-    // Stores a JSON value, with persist also in the file: it is on the disk when this returns, and
-    // where it can't be written the log says so. Throws std::invalid_argument for what is no JSON.
-    void set(const std::string &key, std::string_view json, bool persist = false) const {
-        if (!detail::JsonReader{json}.isValue()) {
-            throw std::invalid_argument("zelvo: a value for the key store is not JSON");
-        }
-        std::string request = R"({"operation":"set",)";
-        request += persist ? R"("persist":"true","data":)" : R"("data":)";
-        ask(key, request.append(json) + '}');
-    }
-
-private:
-    friend class Node;
-    explicit Keys(std::shared_ptr<detail::NodeState> node) noexcept : node_{std::move(node)} {}
-    std::string ask(const std::string &key, const std::string &request) const {
-        if (key.empty()) {
-            throw std::invalid_argument("zelvo: an empty key");
-        }
-        Answer answer = node_->call(CText{"/localKeys/" + key}.c_str(), request);
-        if (answer.outcome == Outcome::none) {
-            throw Error("zelvo: the key store does not answer");
-        }
-        return std::move(answer.text);
-    }
-
-    std::shared_ptr<detail::NodeState> node_;
-};
-
 // A node of a bus, on it from its constructor to its destructor.
 // An object that has a Node as a member, and handlers that use its other members, has the node as
 // its last member: then the handlers have ended before the rest goes. A handler that captures a
@@ -157,27 +100,38 @@ public:
     // beginning of "bus" or "localKeys"; otherwise std::invalid_argument. Throws Error when the
     // name is taken, the bus is full (2,048 nodes), its queue is, or there is no answer in time;
     // std::system_error when there is no thread for it.
-    Node(const Bus &bus, const std::string &name)
-        : bus_{bus.state_},
-          state_{std::make_shared<detail::NodeState>(bus.state(), checked(name))} {
-        state_->start();
-    }
+    Node(const Bus &bus, const std::string &name) : Node{bus, name, detail::HopsPtr{}} {}
+    // The same, but all that is said here to run in the node's thread, handlers, timers and
+    // completions, runs where executor has it run: a callable that takes a zelvo::Task, which is a
+    // function of no arguments that can be moved only, and runs it later, one after the other in
+    // the order in which they came; or destroys it. It is called in the node's thread, which waits
+    // until that has happened: a loop that does not come round makes the node a slow one, whose
+    // queue fills. A node that is destroyed while work of it waits in the loop runs none of it.
+    // What handlers have captured goes in the loop too, or in the thread that destroys the node.
+    // A handler that waits, in a loop, for another node of the same loop waits for good.
+    template <class Executor, class = std::enable_if_t<std::is_invocable_v<Executor &, Task>>>
+    Node(const Bus &bus, const std::string &name, Executor executor)
+        : Node{bus, name,
+               detail::HopsPtr{std::make_shared<detail::HopsOf<Executor>>(std::move(executor))}} {}
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
     Node(Node &&) noexcept = default;
     Node &operator=(Node &&other) noexcept {
-        close();
-        bus_ = std::move(other.bus_);
-        state_ = std::move(other.state_);
+        Node former{std::move(other)};
+        std::swap(bus_, former.bus_);
+        std::swap(state_, former.state_);
         return *this;
     }
     // Leaves the bus, however full the node's queue is. No handler, timer or completion begins any
     // more; messages that wait are dropped, calls that wait are answered as not implemented.
     // Calls of call_async that are under way count no more: their futures become ready with
-    // Outcome::none, and completions are destroyed without having run.
-    // Waits for a handler that is running. In a handler of the node itself it can't: there it
-    // returns at once, the handler goes on to its end, and the node leaves then. What it has
-    // captured lives as long.
+    // Cause::left, and completions are destroyed without having run. So do calls end that a handler
+    // which still runs makes through the node.
+    // Waits for a handler that is running. Where it can't, it returns at once, the handler goes on
+    // to its end, and the node leaves then; what the handler has captured lives as long. That is so
+    // in a handler of the node itself, and in one of another node whose answer the running handler
+    // waits for. A call that another thread has begun through the node goes on as well, and is not
+    // waited for; the bus waits for it when it ends.
     ~Node() { close(); }
 
     // The name it has joined by.
@@ -194,6 +148,12 @@ public:
     void publish(const CText &topic, const Bytes &bytes) const {
         publish(topic, detail::viewOf(bytes));
     }
+    // A value of the topic's type, as its zelvo::Codec makes it bytes.
+    template <class Value>
+    void publish(const Topic<Value> &topic, const detail::Same<Value> &value) const {
+        std::string space;
+        publish(topic.name(), Codec<Value>::encode(value, space));
+    }
     // The bus keeps the message too, the latest of each topic: who subscribes later gets it at
     // once.
     void publish_sticky(const CText &topic, std::string_view data = {}) const {
@@ -204,71 +164,104 @@ public:
     void publish_sticky(const CText &topic, const Bytes &bytes) const {
         publish_sticky(topic, detail::viewOf(bytes));
     }
+    template <class Value>
+    void publish_sticky(const Topic<Value> &topic, const detail::Same<Value> &value) const {
+        std::string space;
+        publish_sticky(topic.name(), Codec<Value>::encode(value, space));
+    }
     // Drops what the bus has kept of the topic.
     void remove_sticky(const CText &topic) const {
         busClientRemoveSticky(state().client(), detail::jsonArray({topic.c_str()}).c_str());
     }
 
     // ---- subscribing ----
-    // Each topic has one handler: another subscription replaces it, and does not fetch the sticky
-    // message again. A change holds from the next message on; it may be made in the handler that
-    // it replaces or removes, which runs to its end. What that has captured goes before the node
-    // next handles something, or when some further changes have been made, in the node's thread,
-    // and at the latest when the node leaves. Messages of a topic without a handler are dropped.
-    // Error: the bus has not answered, or its queue is full. Then the handlers are changed, but
-    // not certainly what the bus sends: do it again. At most 2,048 topics for each node; further
-    // ones are left out, with a warning in the log.
+    // Handlers of one topic add up and run in the order in which they have subscribed. The first
+    // one fetches the topic's sticky message; those that come later get the next publication.
+    // A change holds from the next message on; it may be made in a handler that it removes, which
+    // runs to its end. What that has captured goes before the node next handles something, or when
+    // some further changes have been made, in the node's thread, and at the latest when the node
+    // leaves. Error: the bus has not answered, or its queue is full. Then nothing is subscribed;
+    // unsubscribe has removed the handlers, but not certainly told the bus: do it again.
+    // At most 2,048 topics for each node; further ones are left out, with a warning in the log.
 
-    // handler(std::string_view data). The bus's own topics are "bus.event" (nodes that join) and
-    // "bus.error" (calls refused as a ring).
-    template <class Handler,
-              class = std::enable_if_t<std::is_invocable_v<Handler &, std::string_view>>>
-    void subscribe(const CText &topic, Handler handler) {
-        subscribeTo({topic.c_str()}, detail::handlerOf([handler = std::move(handler)](
-                                                           std::string_view, std::string_view data,
-                                                           char *&) mutable { handler(data); }));
+    // handler(std::string_view topic, std::string_view data) or handler(std::string_view data); it
+    // may take std::string instead, and be moved only. The bus's own topics are "bus.event" (nodes
+    // that join) and "bus.error" (calls refused as a ring).
+    template <class Handler>
+    Subscription subscribe(const CText &topic, Handler handler) {
+        return subscribeTo({topic.c_str()}, std::move(handler));
     }
-    // handler(std::string_view topic, std::string_view data), one for all of them.
-    template <class Handler, class = std::enable_if_t<std::is_invocable_v<
-                                 Handler &, std::string_view, std::string_view>>>
-    void subscribe(const std::vector<std::string> &topics, Handler handler) {
-        subscribeTo(topics, detail::handlerOf([handler = std::move(handler)](
-                                                  std::string_view topic, std::string_view data,
-                                                  char *&) mutable { handler(topic, data); }));
+    template <class Handler>
+    Subscription subscribe(const std::vector<std::string> &topics, Handler handler) {
+        return subscribeTo(topics, std::move(handler));
     }
-    void unsubscribe(const std::vector<std::string> &topics) {
-        const std::string json = detail::jsonArray(topics);
-        state().change({&detail::Handlers::topics, topics, nullptr});
-        tellBus("/bus/unsubscribe", json);
+    template <class Handler>
+    Subscription subscribe(const CText &first, const CText &second, Handler handler) {
+        return subscribeTo({first.c_str(), second.c_str()}, std::move(handler));
     }
-    void unsubscribe(const CText &topic) { unsubscribe(std::vector<std::string>{topic.c_str()}); }
+    // handler(const Value &value). What does not decode reaches no handler: it is counted, and
+    // Config::on_error gets Unreadable.
+    template <class Value, class Handler>
+    Subscription subscribe(const Topic<Value> &topic, Handler handler) {
+        static_assert(std::is_invocable_v<Handler &, Value>,
+                      "zelvo: a handler of this topic takes (const Value &), of the topic's type");
+        if constexpr (std::is_invocable_v<Handler &, Value>) {
+            detail::require(handler);
+            auto &node = state();
+            return subscribeTo(
+                {topic.name()}, [run = std::move(handler), &node](std::string_view name,
+                                                                  std::string_view data) mutable {
+                    if (auto value = detail::decoded<Value>(data)) {
+                        run(std::move(*value));
+                    } else {
+                        node.noteUnreadable(name, data.size(), detail::SizeOf<Value>::value);
+                    }
+                });
+        }
+    }
+    // How many messages and questions have not decoded.
+    std::size_t unreadable() const { return state().unreadable(); }
+    // All handlers of the topics.
+    void unsubscribe(const std::vector<std::string> &topics) { state().unsubscribe(topics); }
+    void unsubscribe(std::initializer_list<std::string> topics) {
+        state().unsubscribe(std::vector<std::string>(topics));
+    }
+    void unsubscribe(const CText &topic) { unsubscribe({topic.c_str()}); }
 
     // ---- being called ----
 
-    // Answers calls of "/name" + path. handler(std::string_view data) gives the answer, a
-    // std::string or what becomes one, or a std::optional of it: nothing, and what it throws, is
-    // answered as not implemented. An answer with a NUL in it counts as thrown. Replaces a former
-    // handler of the path, which may be the one that calls this: it runs to its end. nullptr
-    // removes. Throws std::invalid_argument for a path without "/" at its beginning.
-    template <class Handler, class = detail::IfAnswers<Handler, std::string_view>>
+    // Answers calls of "/name" + path. handler(std::string_view data) gives the answer: a text, a
+    // number, nothing at all for an empty one, or a std::optional of these; where that is empty,
+    // and where the handler throws, the call is answered as not implemented. An answer with a NUL
+    // in it counts as thrown. The handler may take the path before the data, std::string instead
+    // of views, or nothing. Replaces a former handler of the path, which may be the one that calls
+    // this: it runs to its end. nullptr removes. Throws std::invalid_argument for a path without
+    // "/" at its beginning.
+    template <class Handler>
     void on_call(const CText &path, Handler handler) {
-        setCall(checkedPath(path), detail::handlerOf([handler = std::move(handler)](
-                                                         std::string_view, std::string_view data,
-                                                         char *&answer) mutable {
-                    answer = detail::answerText(handler(data));
-                }));
+        setCall(checkedPath(path), std::move(handler));
     }
-    void on_call(const CText &path, std::nullptr_t) { setCall(checkedPath(path), nullptr); }
-    // handler(std::string_view path, std::string_view data), for every path without its own.
-    template <class Handler, class = detail::IfAnswers<Handler, std::string_view, std::string_view>>
+    void on_call(const CText &path, std::nullptr_t) { state().setPath(checkedPath(path), nullptr); }
+    // The same for every path without its own.
+    template <class Handler>
     void on_call(Handler handler) {
-        setCall("", detail::handlerOf([handler = std::move(handler)](std::string_view path,
-                                                                     std::string_view data,
-                                                                     char *&answer) mutable {
-                    answer = detail::answerText(handler(path, data));
-                }));
+        setCall("", std::move(handler));
     }
-    void on_call(std::nullptr_t) { setCall("", nullptr); }
+    void on_call(std::nullptr_t) { state().setPath("", nullptr); }
+    // Answers calls of a service. handler(const Question &question) gives a Reply, or a
+    // std::optional of one. A question that does not decode is answered as not implemented, and
+    // told as a message is. Throws std::invalid_argument for a service of another node.
+    template <class Question, class Reply, class Handler>
+    void on_call(const Service<Question, Reply> &service, Handler handler) {
+        constexpr bool fits = std::is_invocable_r_v<std::optional<Reply>, Handler &, Question>;
+        static_assert(fits, "zelvo: a handler of this service takes (const Question &) and gives a "
+                            "Reply, of the service's types");
+        if constexpr (fits) {
+            detail::require(handler);
+            state().setPath(ownPath(service.url()),
+                            detail::server<Question, Reply>(state(), std::move(handler)));
+        }
+    }
 
     // ---- calling ----
 
@@ -280,24 +273,73 @@ public:
     Answer call(const CText &url, std::string_view data = {}) const {
         return state().call(url.c_str(), data);
     }
-    // The same without waiting, by one of the bus's helpers (Config::helpers): many can be under
-    // way at once, in no order. The future always becomes ready, with Outcome::none when the node
-    // leaves before the answer, and need not be waited for.
-    // The wait for a future is not known to the bus: a handler that waits for a node which waits
-    // for it, or for itself, is not refused as a ring, but waits for good. In handlers, take the
-    // form with a completion. Calls that wait behind Config::helpers others that are never answered
-    // are not answered either. Throws Error when Config::helpers is 0, std::system_error when there
-    // is no thread for the first of them.
-    std::future<Answer> call_async(const CText &url, std::string_view data = {}) const {
-        return state().callAsync(url.c_str(), data, nullptr);
+    template <class Question, class Reply>
+    Result<Reply> call(const Service<Question, Reply> &service,
+                       const detail::Same<Question> &question) const {
+        std::string space;
+        return detail::resultFrom<Reply>(
+            call(service.url(), Codec<Question>::encode(question, space)));
+    }
+    // The same, but it ends after that time, whatever the other node does: then with
+    // Cause::timed_out. As it is made by a helper, it is not refused as a ring.
+    template <class Rep, class Period>
+    Answer call_for(std::chrono::duration<Rep, Period> limit, const CText &url,
+                    std::string_view data = {}) const {
+        const auto end = detail::later(detail::Clock::now(), detail::saturated(limit));
+        return state().callUntil(end, url.c_str(), data);
+    }
+    template <class Rep, class Period, class Question, class Reply>
+    Result<Reply> call_for(std::chrono::duration<Rep, Period> limit,
+                           const Service<Question, Reply> &service,
+                           const detail::Same<Question> &question) const {
+        std::string space;
+        return detail::resultFrom<Reply>(
+            call_for(limit, service.url(), Codec<Question>::encode(question, space)));
+    }
+    // A call that is not waited for, made by one of the bus's helpers (Config::helpers): many can
+    // be under way at once, in no order. The future always becomes ready, with Outcome::none when
+    // the node leaves before the answer, and need not be waited for. The wait for a future is not
+    // known to the bus: a handler that waits for a node which waits for it, or for itself, is not
+    // refused as a ring, but waits for good. In handlers, take the form with a completion. A node
+    // that never answers keeps the helpers that call it, a quarter of them at most, and what waits
+    // behind them for the same node. Throws Error when Config::helpers is 0, std::system_error when
+    // there is no thread for the first of them.
+    Future<Answer> call_async(const CText &url, std::string_view data = {}) const {
+        return beginFuture<Answer>(url.c_str(), data, detail::asItIs);
+    }
+    template <class Question, class Reply>
+    Future<Result<Reply>> call_async(const Service<Question, Reply> &service,
+                                     const detail::Same<Question> &question) const {
+        std::string space;
+        return beginFuture<Result<Reply>>(
+            service.url(), Codec<Question>::encode(question, space),
+            [](const Answer &answer) { return detail::resultFrom<Reply>(answer); });
     }
     // completion(Answer) runs in this node's thread, unless the node leaves before.
-    void call_async(const CText &url, std::string_view data,
-                    std::function<void(Answer)> completion) const {
-        if (!completion) {
-            throw std::invalid_argument("zelvo: a completion is missing");
+    template <class Completion, class = std::enable_if_t<std::is_invocable_v<Completion &, Answer>>>
+    PendingCall call_async(const CText &url, std::string_view data, Completion completion) const {
+        detail::require(completion);
+        return begin(std::make_shared<detail::CompletedCall<Completion>>(url.c_str(), data,
+                                                                         std::move(completion)));
+    }
+    template <class Completion, class = std::enable_if_t<std::is_invocable_v<Completion &, Answer>>>
+    PendingCall call_async(const CText &url, Completion completion) const {
+        return call_async(url, {}, std::move(completion));
+    }
+    // completion(Result<Reply>)
+    template <class Question, class Reply, class Completion>
+    PendingCall call_async(const Service<Question, Reply> &service,
+                           const detail::Same<Question> &question, Completion completion) const {
+        static_assert(std::is_invocable_v<Completion &, Result<Reply>>,
+                      "zelvo: a completion of this service takes (zelvo::Result<Reply>)");
+        if constexpr (std::is_invocable_v<Completion &, Result<Reply>>) {
+            detail::require(completion);
+            std::string space;
+            return call_async(service.url(), Codec<Question>::encode(question, space),
+                              [run = std::move(completion)](const Answer &answer) mutable {
+                                  run(detail::resultFrom<Reply>(answer));
+                              });
         }
-        state().callAsync(url.c_str(), data, std::move(completion));
     }
 
     // ---- timers ----
@@ -306,20 +348,22 @@ public:
 
     // run() or run(Timer), which gets its own handle: the way to cancel from within.
 
-    // Once, so much later. A time that is over: as soon as possible.
-    template <class Run>
-    Timer after(std::chrono::nanoseconds wait, Run run) {
-        return addTimer(wait, std::chrono::nanoseconds{0}, std::move(run));
+    // Once, so much later. A time that is over: as soon as possible; one that is longer than the
+    // clock can tell: never.
+    template <class Rep, class Period, class Run>
+    Timer after(std::chrono::duration<Rep, Period> wait, Run run) {
+        return addTimer(detail::saturated(wait), {}, std::move(run));
     }
     // Again and again, at whole periods from now however long run takes; beats that have been
     // missed meanwhile are left out. Throws std::invalid_argument for a period that is not
-    // positive.
-    template <class Run>
-    Timer every(std::chrono::nanoseconds period, Run run) {
-        if (period.count() <= 0) {
+    // positive, or less than a tick of the clock.
+    template <class Rep, class Period, class Run>
+    Timer every(std::chrono::duration<Rep, Period> period, Run run) {
+        const auto ticks = detail::saturated(period);
+        if (ticks.count() <= 0) {
             throw std::invalid_argument("zelvo: a period that is not positive");
         }
-        return addTimer(period, period, std::move(run));
+        return addTimer(ticks, ticks, std::move(run));
     }
 
     // ---- the bus ----
@@ -330,7 +374,7 @@ public:
     }
     // The names of the nodes on the bus, in the order in which they joined, without the helpers.
     // Throws Error when there is no answer.
-    std::vector<std::string> nodes() const {
+    [[nodiscard]] std::vector<std::string> nodes() const {
         std::vector<std::string> names;
         const std::string text = tellBus("/bus/nodes");
         detail::JsonReader{text}.texts(names, detail::kHelperPrefix);
@@ -338,11 +382,9 @@ public:
     }
     // What the bus has counted, JSON text as bus_client.h describes under /bus/stats; helpers are
     // among the nodes. Nothing: Config::stats is not set. Throws Error when there is no answer.
-    std::optional<std::string> stats() const {
+    [[nodiscard]] std::optional<std::string> stats() const {
         std::string text = tellBus("/bus/stats");
-        return detail::outcomeOf("/bus/stats", text) == Outcome::answered
-                   ? std::optional{std::move(text)}
-                   : std::nullopt;
+        return text == detail::kNoNode ? std::nullopt : std::optional{std::move(text)};
     }
 
 private:
@@ -352,12 +394,24 @@ private:
         }
         return *state_;
     }
+    Node(const Bus &bus, const std::string &name, detail::HopsPtr hops)
+        : bus_{bus.state_},
+          state_{std::make_shared<detail::NodeState>(bus.state(), checked(name), std::move(hops))} {
+        state_->start();
+    }
     static const std::string &checked(const std::string &name) {
-        const std::string url = '/' + name + '/';
-        if (name.empty() || name.size() > 127 || name.find('/') != name.npos ||
-            std::strlen(name.c_str()) != name.size() || detail::isOfTheBus(url)) {
+        const char *why = nullptr;
+        if (name.empty() || name.size() > 127) {
+            why = "it has to have 1 to 127 bytes";
+        } else if (name.find('/') != name.npos || name.find('\0') != name.npos) {
+            why = "there is a slash or a NUL in it";
+        } else if (detail::isOfTheBus(name)) {
+            why = "the bus answers for it itself, as for \"bus\", \"localKeys\" and all that these "
+                  "begin with";
+        }
+        if (why) {
             throw std::invalid_argument("zelvo: a node cannot be called by the name \"" + name +
-                                        '"');
+                                        "\": " + why);
         }
         return name;
     }
@@ -368,18 +422,26 @@ private:
         }
     }
     // The text of the bus's own answer.
-    std::string tellBus(const char *url, std::string_view data = {}) const {
-        Answer answer = state().call(url, data);
+    std::string tellBus(const char *url) const {
+        Answer answer = state().call(url, {});
         if (answer.outcome == Outcome::none) {
-            throw Error(std::string{"zelvo: the bus does not answer "} + url);
+            throw detail::noAnswerError(url, answer.cause);
         }
         return std::move(answer.text);
     }
-    // The handler is there before the first message can be.
-    void subscribeTo(const std::vector<std::string> &topics, detail::HandlerPtr handler) {
-        const std::string json = detail::jsonArray(topics);
-        state().change({&detail::Handlers::topics, topics, std::move(handler)});
-        tellBus("/bus/subscribe", json);
+    template <class Handler>
+    Subscription subscribeTo(std::vector<std::string> topics, Handler handler) {
+        static_assert(detail::kIsHandler<Handler>,
+                      "zelvo: a handler of a topic takes (std::string_view data), or "
+                      "(std::string_view topic, std::string_view data)");
+        if constexpr (detail::kIsHandler<Handler>) {
+            std::sort(topics.begin(), topics.end());
+            topics.erase(std::unique(topics.begin(), topics.end()), topics.end());
+            detail::require(handler);
+            const auto entry = detail::subscriber(std::move(handler));
+            state().subscribe(topics, entry);
+            return {state_, entry, std::move(topics)};
+        }
     }
     static std::string checkedPath(const CText &path) {
         if (path.c_str()[0] != '/') {
@@ -387,21 +449,47 @@ private:
         }
         return path.c_str();
     }
-    void setCall(const std::string &path, detail::HandlerPtr handler) {
-        state().change({&detail::Handlers::paths, {path}, std::move(handler)});
+    template <class Handler>
+    void setCall(const std::string &path, Handler handler) {
+        static_assert(detail::answers<Handler>(),
+                      "zelvo: a handler of a call takes (std::string_view data), or "
+                      "(std::string_view path, std::string_view data), and gives a text, a number, "
+                      "nothing, or a std::optional of these");
+        if constexpr (detail::answers<Handler>()) {
+            detail::require(handler);
+            state().setPath(path, detail::answerer(std::move(handler)));
+        }
+    }
+    std::string ownPath(std::string_view url) const {
+        if (detail::hostOf(url) != name() || url.size() < name().size() + 2) {
+            throw std::invalid_argument("zelvo: the service \"" + std::string{url} +
+                                        "\" is none of node " + name());
+        }
+        return std::string{url.substr(1 + name().size())};
+    }
+    template <class Value, class Read>
+    Future<Value> beginFuture(const char *url, std::string_view data, Read read) const {
+        const auto call = detail::futureCall<Value>(url, data, read);
+        auto future = call->future();
+        return {std::move(future), begin(call)};
+    }
+    PendingCall begin(const detail::AsyncCallPtr &call) const {
+        state().callAsync(call);
+        return {state_, call};
     }
     template <class Run>
-    Timer addTimer(std::chrono::nanoseconds wait, std::chrono::nanoseconds period, Run run) {
-        state();
+    Timer addTimer(detail::Clock::duration wait, detail::Clock::duration period, Run run) {
+        static_assert(std::is_invocable_v<Run &, Timer> || std::is_invocable_v<Run &>,
+                      "zelvo: a timer's function takes nothing, or (zelvo::Timer)");
         if constexpr (std::is_invocable_v<Run &, Timer>) {
             const std::weak_ptr<detail::NodeState> node = state_;
-            return {state_, state_->addTimer(wait, period,
+            return {state_, state().addTimer(wait, period,
                                              [run = std::move(run),
                                               node](const detail::TimerPtr &timer) mutable {
                                                  run(Timer{node, timer});
                                              })};
-        } else {
-            return {state_, state_->addTimer(wait, period,
+        } else if constexpr (std::is_invocable_v<Run &>) {
+            return {state_, state().addTimer(wait, period,
                                              [run = std::move(run)](
                                                  const detail::TimerPtr &) mutable { run(); })};
         }
@@ -412,5 +500,9 @@ private:
 };
 
 } // namespace zelvo
+
+#include "polled_node.hpp"
+
+#endif // C++17
 
 #endif

@@ -6,6 +6,7 @@
 #define HOST_MONITOR_ARCHIVE_H
 
 #include "format.h"
+#include "topics.h"
 
 #include <zelvo/bus.hpp>
 
@@ -20,10 +21,10 @@
 class Archive {
 public:
     explicit Archive(const zelvo::Bus &bus) : node_{bus, "archive"} {
-        node_.subscribe({"host.cpu", "host.memory", "host.load"},
-                        [this](std::string_view topic, std::string_view data) {
-                            keep(std::string{topic.substr(5)}, std::stod(std::string{data}));
-                        });
+        node_.subscribe(kHostCpu, [this](double share) { keep("cpu", share); });
+        node_.subscribe(kHostMemory, [this](double mebibytes) { keep("memory", mebibytes); });
+        node_.subscribe(kHostLoad,
+                        [this](const std::string &loads) { keep("load", std::stod(loads)); });
         node_.on_call("/last", [this](std::string_view) { return last(); });
         node_.on_call("/ring", [this](std::string_view) { return callBack(); });
         node_.on_call([this](std::string_view path, std::string_view) { return peakAt(path); });

@@ -1,34 +1,30 @@
 // Node "sampler": reads the machine's figures several times a second and publishes them.
-//   host.info    sticky, once: name, system, processors, memory
-//   host.cpu     busy share in per cent: "12.5"
-//   host.memory  MiB in use: "812.0"
-//   host.load    sticky: "0.31 0.22 0.08"
-//   host.error   sticky: why there will be no more figures
-// Its setting is the key "interval", in milliseconds. Who changes it there says so by a call:
-//   /sampler/interval   reads the key again and answers the interval that now holds: 250
+// The topics are those of topics.h: the description once and sticky, the load and an error sticky
+// too. Its setting is the key "interval", in milliseconds. Who changes it there says so by a call
+// of kSamplerInterval.
 #ifndef HOST_MONITOR_SAMPLER_H
 #define HOST_MONITOR_SAMPLER_H
 
-#include "format.h"
 #include "host.h"
+#include "topics.h"
 
 #include <zelvo/bus.hpp>
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <exception>
 #include <string>
-#include <string_view>
 
 class Sampler {
 public:
     // The timer is due at once, and moves the rest of the start into the node's thread.
     explicit Sampler(const zelvo::Bus &bus) : previous_(readCpuTime()), node_{bus, "sampler"} {
-        node_.publish_sticky("host.info", describeHost());
-        node_.on_call("/interval", [this](std::string_view) {
+        node_.publish_sticky(kHostInfo, describeHost());
+        node_.on_call(kSamplerInterval, [this](const std::string &) {
             restart();
-            return std::to_string(interval_.count());
+            return static_cast<long>(interval_.count());
         });
         node_.after(std::chrono::milliseconds{0}, [this] { restart(); });
     }
@@ -53,7 +49,7 @@ private:
             publishFigures();
         } catch (const std::exception &error) {
             beat_.cancel();
-            node_.publish_sticky("host.error", error.what());
+            node_.publish_sticky(kHostError, error.what());
         }
     }
 
@@ -63,10 +59,12 @@ private:
         const auto busy = static_cast<double>(now.busy - previous_.busy);
         const auto total = static_cast<double>(std::max(1LL, now.total - previous_.total));
         previous_ = now;
-        node_.publish("host.cpu", oneDecimal(std::clamp(100 * busy / total, 0.0, 100.0)));
-        node_.publish("host.memory", oneDecimal(readMemory().used));
-        node_.publish_sticky("host.load", readLoad());
+        node_.publish(kHostCpu, inTenths(std::clamp(100 * busy / total, 0.0, 100.0)));
+        node_.publish(kHostMemory, inTenths(readMemory().used));
+        node_.publish_sticky(kHostLoad, readLoad());
     }
+
+    static double inTenths(double value) { return std::round(10 * value) / 10; }
 
     static constexpr long kDefaultInterval = 250;
 

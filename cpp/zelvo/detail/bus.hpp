@@ -2,8 +2,7 @@
 #ifndef ZELVO_DETAIL_BUS_HPP
 #define ZELVO_DETAIL_BUS_HPP
 
-#include "call.hpp"
-#include "loop.hpp"
+#include "helpers.hpp"
 
 #include <cstdio>
 
@@ -39,15 +38,16 @@ inline std::string jsonOf(const Config &config) {
 class BusState {
 public:
     explicit BusState(const Config &config)
-        : bus_{busClientNew(jsonOf(config).c_str())},
-          helpers_{bus_, config.helpers},
-          on_error_{config.on_error} {
+        : on_error_{config.on_error},
+          timeout_{config.call_timeout},
+          helpers_{config.helpers, config.waiting_calls, config.call_timeout},
+          bus_{busClientNew(jsonOf(config).c_str())} {
         if (!bus_) {
             throw Error("zelvo: no memory for a bus");
         }
+        helpers_.begin(bus_);
         try {
-            loop_.start([](void *bus) { busClientBindServer(static_cast<Zelvo_t *>(bus)); }, bus_,
-                        nullptr);
+            loop_.start("zelvo bus", serve, bus_, nullptr);
         } catch (...) {
             busClientDelete(bus_);
             throw;
@@ -57,15 +57,43 @@ public:
     BusState &operator=(const BusState &) = delete;
     ~BusState() {
         helpers_.end();
-        loop_.end([](void *bus) { busClientServerExit(static_cast<Zelvo_t *>(bus)); });
+        loop_.end([](void *bus) { busClientServerExit(static_cast<Zelvo_t *>(bus)); }, nullptr);
         busClientDelete(bus_);
     }
 
     Zelvo_t *native() const noexcept { return bus_; }
     Helpers &helpers() noexcept { return helpers_; }
+    std::chrono::milliseconds timeout() const noexcept { return timeout_; }
     // Whether zelvo::Bus has gone, and the last node is to end the bus.
     bool isLeftToNodes() const noexcept { return left_; }
     void leaveToNodes() noexcept { left_ = true; }
+
+    // ---- who waits for whom ----
+
+    // A node whose calls are looked at, from now on until it is taken out.
+    void enter(const std::string &name, Turns &turns) {
+        const std::lock_guard lock{nodes_mutex_};
+        nodes_[name] = &turns;
+    }
+    void takeOut(const std::string &name, const Turns &turns) noexcept {
+        const std::lock_guard lock{nodes_mutex_};
+        const auto found = nodes_.find(name);
+        if (found != nodes_.end() && found->second == &turns) {
+            nodes_.erase(found);
+        }
+    }
+    // Whether the node waits for the answer of the other, or of one that waits for it.
+    bool waitsFor(std::string node, const std::string &other) {
+        const std::lock_guard lock{nodes_mutex_};
+        for (std::size_t step = 0; step <= nodes_.size(); ++step) {
+            const auto found = nodes_.find(node);
+            node = found == nodes_.end() ? std::string{} : found->second->callee();
+            if (node == other) {
+                return true;
+            }
+        }
+        return false;
+    }
 
     // What a handler has thrown.
     void report(const std::string &node, const std::exception_ptr &error) const noexcept {
@@ -82,6 +110,7 @@ public:
     }
 
 private:
+    static void serve(void *bus) { busClientBindServer(static_cast<Zelvo_t *>(bus)); }
     static void print(const std::string &node, const std::exception_ptr &error) noexcept {
         try {
             std::rethrow_exception(error);
@@ -93,10 +122,13 @@ private:
         }
     }
 
-    Zelvo_t *const bus_;
-    Helpers helpers_;
     const std::function<void(std::string_view, std::exception_ptr)> on_error_;
+    const std::chrono::milliseconds timeout_;
+    Helpers helpers_;
+    Zelvo_t *const bus_;
     std::atomic<bool> left_{false};
+    std::mutex nodes_mutex_;
+    std::map<std::string, Turns *> nodes_;
     Loop loop_;
 };
 using BusPtr = std::shared_ptr<BusState>;

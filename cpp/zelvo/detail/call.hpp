@@ -1,176 +1,181 @@
-// Calls, waited for and not.
+// Calls that are waited for: the turn to make one, and what came of it.
 #ifndef ZELVO_DETAIL_CALL_HPP
 #define ZELVO_DETAIL_CALL_HPP
 
 #include "../types.hpp"
-#include "loop.hpp"
 #include "text.hpp"
 
 #include <zelvo/bus_client.h>
 
-#include <atomic>
 #include <condition_variable>
-#include <future>
-#include <memory>
+#include <list>
 #include <mutex>
-#include <thread>
+#include <optional>
 
 namespace zelvo::detail {
 
-// Whether the bus answers for this host itself; so it does for the first letters of its names.
-inline bool isOfTheBus(std::string_view url) noexcept {
-    if (url.size() < 2) {
-        return false;
+using Clock = std::chrono::steady_clock;
+using Deadline = std::optional<Clock::time_point>; // nothing: no limit
+
+// Whatever the duration: one that is too long for nanoseconds is as long as they go.
+template <class Rep, class Period>
+Clock::duration saturated(std::chrono::duration<Rep, Period> wait) {
+    using Exact = std::chrono::duration<long double, Clock::period>;
+    const auto exact = std::chrono::duration_cast<Exact>(wait);
+    if (exact >= Exact{Clock::duration::max()}) {
+        return Clock::duration::max();
     }
-    const std::string_view host = url.substr(1, url.find('/', 2) - 1);
-    return std::string_view{"bus"}.substr(0, host.size()) == host ||
-           std::string_view{"localKeys"}.substr(0, host.size()) == host;
+    return exact > Exact{Clock::duration::min()} ? std::chrono::duration_cast<Clock::duration>(wait)
+                                                 : Clock::duration::min();
+}
+inline Clock::time_point later(Clock::time_point now, Clock::duration wait) noexcept {
+    return now + std::clamp(wait, Clock::duration{0}, Clock::time_point::max() - now);
+}
+inline Deadline deadlineAfter(std::chrono::milliseconds timeout) {
+    return timeout.count() > 0 ? Deadline{later(Clock::now(), saturated(timeout))} : std::nullopt;
 }
 
-inline Outcome outcomeOf(std::string_view url, std::string_view text) noexcept {
-    if (text == R"({"data":"not implement"})" || text == R"({"msg":"not implement"})") {
-        return Outcome::not_implemented;
+// ---- addresses and answers ----
+
+inline std::string_view hostOf(std::string_view url) noexcept {
+    return url.size() < 2 ? std::string_view{} : url.substr(1, url.find('/', 2) - 1);
+}
+// Whether the bus answers for this host itself; so it does for the first letters of its names.
+inline bool isOfTheBus(std::string_view host) noexcept {
+    return !host.empty() && (std::string_view{"bus"}.substr(0, host.size()) == host ||
+                             std::string_view{"localKeys"}.substr(0, host.size()) == host);
+}
+
+inline constexpr std::string_view kNoNode = R"({"data":"not implement"})";
+inline constexpr std::string_view kNoHandler = R"({"msg":"not implement"})";
+inline constexpr std::string_view kRefusedRing = R"({"data":""})";
+
+inline bool isRefusal(std::string_view text) noexcept {
+    return text == kNoNode || text == kNoHandler || text == kRefusedRing;
+}
+
+inline Answer answerFrom(std::string_view url, const char *text) {
+    Answer answer{text, Outcome::answered, Cause::answered};
+    if (answer.text == kNoNode || answer.text == kNoHandler) {
+        answer.outcome = Outcome::not_implemented;
+        answer.cause = answer.text == kNoNode ? Cause::no_node : Cause::no_handler;
+    } else if (answer.text == kRefusedRing && !isOfTheBus(hostOf(url))) {
+        // What the bus answers for itself is never a ring: there it is the plain "done".
+        answer.outcome = Outcome::ring;
+        answer.cause = Cause::ring;
     }
-    // What the bus answers for itself is never a ring: there it is the plain "done".
-    return text == R"({"data":""})" && !isOfTheBus(url) ? Outcome::ring : Outcome::answered;
+    return answer;
+}
+inline Answer noAnswer(Cause cause) {
+    return {{}, Outcome::none, cause};
+}
+
+inline Error noAnswerError(const char *url, Cause cause) {
+    return Error{std::string{"zelvo: the bus does not answer "} + url + ": " + reason(cause),
+                 cause};
 }
 
 // The client makes no other call until the answer is copied.
-inline Answer ask(client_t *client, const char *url, std::string_view data) {
+inline Answer ask(client_t *client, const char *url, std::string_view data,
+                  const Deadline &deadline) {
     const char *const text = busClientCall(client, url, data.data(), lengthOf(data));
-    return text ? Answer{text, outcomeOf(url, text)} : Answer{};
-}
-
-// A node that makes calls for others, or null. It hears nothing: it has no loop.
-inline client_t *connectSilently(Zelvo_t *bus, const char *name, onmessage_callback onMessage,
-                                 oncall_callback onCall, void *userdata) {
-    client_t *const client = busClientConnect(bus, name, onMessage, onCall, userdata);
-    // A join that found the bus's queue full shows only here.
-    if (client && !busClientCall(client, "/bus/unsubscribe", R"(["bus.event"])", 13)) {
-        busClientClose(client);
-        return nullptr;
+    if (text) {
+        return answerFrom(url, text);
     }
-    return client;
+    return noAnswer(deadline && Clock::now() >= *deadline ? Cause::timed_out : Cause::lost);
 }
 
-// No other node can have such a name: it holds a "/", which zelvo::Node refuses and no url reaches.
-inline constexpr char kHelperPrefix[] = "zelvo/helper/";
+// ---- turns ----
 
-class NodeState;
-
-// A call that somebody else makes for a node.
-struct AsyncCall {
-    std::string url;
-    std::string data;
-    bool has_data = false;
-    std::weak_ptr<NodeState> caller;
-    std::atomic<bool> over{false}; // nobody wants it (any more)
-    // The caller's own.
-    std::size_t place = 0;
-    std::promise<Answer> promise;
-    std::function<void(Answer)> completion;
-    Answer answer;
-    std::shared_ptr<AsyncCall> next; // whose completion runs after this one's
-};
-using AsyncCallPtr = std::shared_ptr<AsyncCall>;
-
-class Helpers {
+// Threads that call through one node do so one after the other, in the order in which they came.
+// The library has such an order too, but an answer must be copied before the next call is made.
+class Turns {
 public:
-    Helpers(Zelvo_t *bus, std::size_t most) noexcept : bus_{bus}, most_{most} {}
-    Helpers(const Helpers &) = delete;
-    Helpers &operator=(const Helpers &) = delete;
-    ~Helpers() = default;
-    // To be called while the bus runs, and when no node is left that somebody could call.
-    void end() {
-        {
-            const std::lock_guard lock{mutex_};
-            ending_ = true;
+    // Waits for the turn to call url, which stays until pass(). False: the time is up.
+    bool take(const char *url, const Deadline &deadline) {
+        std::unique_lock lock{mutex_};
+        if (taken_) {
+            Waiter waiter;
+            const auto place = waiting_.insert(waiting_.end(), &waiter);
+            if (!await(lock, waiter, deadline)) {
+                waiting_.erase(place);
+                return false;
+            }
         }
-        changed_.notify_all();
-        for (std::thread &thread : threads_) {
-            thread.join();
+        taken_ = true;
+        url_ = url;
+        return true;
+    }
+    // The same to call nobody, once; it needs no memory.
+    void takeLast() noexcept {
+        std::unique_lock lock{mutex_};
+        if (taken_) {
+            waiting_.splice(waiting_.end(), last_place_);
+            await(lock, last_, std::nullopt);
+        }
+        taken_ = true;
+    }
+    void pass() noexcept {
+        const std::lock_guard lock{mutex_};
+        url_ = nullptr;
+        taken_ = !waiting_.empty();
+        if (taken_) {
+            waiting_.front()->its = true;
+            waiting_.front()->changed.notify_one();
+            waiting_.pop_front();
         }
     }
-    void add(AsyncCallPtr call) {
+    // The host that is being called, or nothing.
+    std::string callee() {
         const std::lock_guard lock{mutex_};
-        if (idle_ <= waiting_.size() + turn_.size() && threads_.size() < most_) {
-            grow();
-        }
-        if (threads_.empty()) {
-            throw Error("zelvo: there are no helpers for asynchronous calls");
-        }
-        waiting_.push_back(std::move(call));
-        changed_.notify_one();
+        return url_ ? std::string{hostOf(url_)} : std::string{};
     }
 
 private:
-    // A thread that cannot be had is no misfortune while there is another.
-    void grow() {
-        try {
-            threads_.emplace_back(static_cast<Step>(serve), this);
-            ++idle_;
-        } catch (const std::exception &) {
-            if (threads_.empty()) {
-                throw;
+    struct Waiter {
+        std::condition_variable changed;
+        bool its = false;
+    };
+    static bool await(std::unique_lock<std::mutex> &lock, Waiter &waiter,
+                      const Deadline &deadline) {
+        while (!waiter.its) {
+            if (!deadline) {
+                waiter.changed.wait(lock);
+            } else if (waiter.changed.wait_until(lock, *deadline) == std::cv_status::timeout &&
+                       !waiter.its) {
+                return false;
             }
         }
-    }
-    AsyncCallPtr next() {
-        std::unique_lock lock{mutex_};
-        while (!ending_ && waiting_.empty() && turn_.empty()) {
-            changed_.wait(lock);
-        }
-        if (ending_) {
-            return nullptr;
-        }
-        if (turn_.empty()) {
-            turn_.swap(waiting_);
-            for (std::size_t i = 0, last = turn_.size() - 1; i < last; ++i, --last) {
-                turn_[i].swap(turn_[last]);
-            }
-        }
-        AsyncCallPtr call = std::move(turn_.back());
-        turn_.pop_back();
-        --idle_;
-        return call;
-    }
-    static void finish(AsyncCall &call, Answer answer) noexcept;
-    static Answer answerOf(client_t *client, const AsyncCall &call) noexcept {
-        try {
-            const std::string_view data{call.data};
-            return client ? ask(client, call.url.c_str(), call.has_data ? data : std::string_view{})
-                          : Answer{};
-        } catch (const std::bad_alloc &) {
-            return {};
-        }
-    }
-    static void serve(void *self) { static_cast<Helpers *>(self)->serve(); }
-    void serve() {
-        const std::string name = kHelperPrefix + std::to_string(++names_);
-        client_t *client = nullptr;
-        while (const AsyncCallPtr call = next()) {
-            if (!client) {
-                client = connectSilently(bus_, name.c_str(), nullptr, nullptr, nullptr);
-            }
-            if (!call->over) {
-                finish(*call, answerOf(client, *call));
-            }
-            const std::lock_guard lock{mutex_};
-            ++idle_;
-        }
-        busClientClose(client);
+        return true;
     }
 
-    Zelvo_t *const bus_;
-    const std::size_t most_;
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<AsyncCallPtr> turn_;    // whose turn it is, the first one last
-    std::vector<AsyncCallPtr> waiting_; // behind those, in order
-    std::vector<std::thread> threads_;
-    std::atomic<int> names_{0};
-    std::size_t idle_ = 0; // helpers that no call keeps busy; some are about to be woken
-    bool ending_ = false;
+    std::list<Waiter *> waiting_;
+    Waiter last_;
+    std::list<Waiter *> last_place_{&last_};
+    bool taken_ = false;
+    const char *url_ = nullptr;
+};
+
+// A turn for a scope.
+class Turn {
+public:
+    Turn(Turns &turns, const char *url, const Deadline &deadline)
+        : turns_{turns},
+          owned_{turns.take(url, deadline)} {}
+    ~Turn() { pass(); }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+    bool owned() const noexcept { return owned_; }
+    void pass() noexcept {
+        if (std::exchange(owned_, false)) {
+            turns_.pass();
+        }
+    }
+
+private:
+    Turns &turns_;
+    bool owned_;
 };
 
 } // namespace zelvo::detail

@@ -2,11 +2,15 @@
 #ifndef ZELVO_DETAIL_LOOP_HPP
 #define ZELVO_DETAIL_LOOP_HPP
 
+#include "system.hpp"
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <list>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -21,7 +25,8 @@ using Step = void (*)(void *object);
 class Loop {
 public:
     // keep lives as long as the thread. Throws std::system_error when there is no thread.
-    void start(Step body, void *object, std::shared_ptr<void> keep) {
+    void start(const std::string &name, Step body, void *object, std::shared_ptr<void> keep) {
+        name_ = name;
         body_ = body;
         object_ = object;
         keep_ = std::move(keep);
@@ -35,19 +40,23 @@ public:
     bool isThisThread() const noexcept { return thread_.get_id() == std::this_thread::get_id(); }
 
     // Asks until the loop has ended, less and less often: a full queue or a shortage of memory may
-    // have lost a request.
-    void end(Step ask) {
+    // have lost a request. False: giveUp has said that it can't be waited for.
+    bool end(Step ask, bool (*giveUp)(void *object)) {
         std::chrono::milliseconds pause{20};
         ask(object_);
         std::unique_lock lock{mutex_};
         while (!changed_.wait_for(lock, pause, [this] { return ended_; })) {
             lock.unlock();
+            if (giveUp && giveUp(object_)) {
+                return false;
+            }
             ask(object_);
             lock.lock();
             pause = std::min(2 * pause, std::chrono::milliseconds{1000});
         }
         lock.unlock();
         thread_.join();
+        return true;
     }
     // The thread, for somebody else to join.
     std::thread release() noexcept { return std::move(thread_); }
@@ -55,6 +64,7 @@ public:
 private:
     static void run(void *self) {
         Loop &loop = *static_cast<Loop *>(self);
+        nameThread(loop.name_);
         const std::shared_ptr<void> keep = std::move(loop.keep_);
         loop.body_(loop.object_);
         const std::lock_guard lock{loop.mutex_};
@@ -62,6 +72,7 @@ private:
         loop.changed_.notify_all();
     }
 
+    std::string name_;
     Step body_ = nullptr;
     void *object_ = nullptr;
     std::shared_ptr<void> keep_;
@@ -71,46 +82,60 @@ private:
     std::thread thread_;
 };
 
-// Whether this thread is a node's: it must not wait for threads of nodes that have left.
-inline bool &insideNode() noexcept {
-    thread_local bool inside = false;
-    return inside;
+class NodeState;
+
+// The node whose handlers this thread runs, or null. Such a thread must not wait for threads of
+// nodes that have left.
+inline const NodeState *&handlingNode() noexcept {
+    thread_local const NodeState *node = nullptr;
+    return node;
+}
+inline bool insideNode() noexcept {
+    return handlingNode() != nullptr;
 }
 
-// The threads of nodes that have been destroyed in one of their own handlers, where they can't be
-// waited for. Whoever lets go of the bus does, and the end of the process at the latest.
+// The threads of nodes that could not be waited for where they were destroyed, as in one of their
+// own handlers. Whoever lets go of the bus does, and the end of the process at the latest: unless
+// that comes in a handler.
 class Retired {
 public:
     static Retired &instance() {
-        static Retired retired;
+        static Retired &retired = *new Retired; // for threads that outlive the static objects
+        static const struct AtExit {
+            AtExit() = default;
+            AtExit(const AtExit &) = delete;
+            AtExit &operator=(const AtExit &) = delete;
+            ~AtExit() {
+                if (!insideNode()) {
+                    instance().join(nullptr);
+                }
+            }
+        } atExit;
         return retired;
     }
-    ~Retired() { join(nullptr); }
     Retired() = default;
+    ~Retired() = default;
     Retired(const Retired &) = delete;
     Retired &operator=(const Retired &) = delete;
 
     void add(const void *bus, std::thread thread) {
-        auto *const entry = new Entry{bus, std::move(thread), nullptr};
         const std::lock_guard lock{mutex_};
-        entry->next = first_;
-        first_ = entry;
+        entries_.push_back({bus, std::move(thread)});
     }
     // The calling thread has nothing left to do.
     void finish() {
         join(&done_);
         const std::lock_guard lock{mutex_};
-        for (Entry *entry = first_; entry; entry = entry->next) {
-            if (entry->thread.get_id() == std::this_thread::get_id()) {
-                entry->bus = &done_;
+        for (Entry &entry : entries_) {
+            if (entry.thread.get_id() == std::this_thread::get_id()) {
+                entry.bus = &done_;
             }
         }
     }
     // Those of the bus, or of every bus.
     void join(const void *bus) {
-        while (Entry *const entry = take(bus)) {
-            entry->thread.join();
-            delete entry;
+        for (std::thread thread = take(bus); thread.joinable(); thread = take(bus)) {
+            thread.join();
         }
     }
 
@@ -118,20 +143,21 @@ private:
     struct Entry {
         const void *bus; // &done_: the thread has ended, or is about to
         std::thread thread;
-        Entry *next;
     };
-    Entry *take(const void *bus) {
+    std::thread take(const void *bus) {
         const std::lock_guard lock{mutex_};
-        for (Entry **link = &first_; *link; link = &(*link)->next) {
-            if (!bus || (*link)->bus == bus) {
-                return std::exchange(*link, (*link)->next);
+        for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+            if (!bus || entry->bus == bus) {
+                std::thread thread = std::move(entry->thread);
+                entries_.erase(entry);
+                return thread;
             }
         }
-        return nullptr;
+        return {};
     }
 
     std::mutex mutex_;
-    Entry *first_ = nullptr;
+    std::list<Entry> entries_;
     const char done_ = 0;
 };
 

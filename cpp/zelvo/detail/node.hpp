@@ -1,97 +1,24 @@
-// A node that runs: its handlers, its timers, and the calls that it does not wait for.
+// A node that runs.
 #ifndef ZELVO_DETAIL_NODE_HPP
 #define ZELVO_DETAIL_NODE_HPP
 
+#include "../codec.hpp"
 #include "bus.hpp"
-
-#include <atomic>
-#include <future>
+#include "handlers.hpp"
+#include "hop.hpp"
+#include "timers.hpp"
 
 namespace zelvo::detail {
 
-using Clock = std::chrono::steady_clock;
-// A user's handler: of a topic, or of a path, for which it sets the answer.
-using Handler = std::function<void(std::string_view name, std::string_view data, char *&answer)>;
-using HandlerPtr = std::shared_ptr<const Handler>;
-template <class Run>
-HandlerPtr handlerOf(Run run) {
-    return std::make_shared<const Handler>(std::move(run));
-}
-
-// Handlers by topic or by path, in order.
-class Table {
-public:
-    // Null: there is none.
-    const Handler *find(std::string_view name) const {
-        const auto [place, held] = placeOf(name);
-        return held ? entries_[place].handler.get() : nullptr;
-    }
-    // Null removes.
-    void set(const std::string &name, HandlerPtr handler) {
-        auto [place, held] = placeOf(name);
-        if (held && handler) {
-            entries_[place].handler.swap(handler);
-        } else if (held) {
-            for (; place + 1 < entries_.size(); ++place) {
-                std::swap(entries_[place], entries_[place + 1]);
-            }
-            entries_.pop_back();
-        } else if (handler) {
-            entries_.push_back({name, std::move(handler)});
-            for (std::size_t last = entries_.size() - 1; last > place; --last) {
-                std::swap(entries_[last], entries_[last - 1]);
-            }
-        }
-    }
-
-private:
-    struct Entry {
-        std::string name;
-        HandlerPtr handler;
-    };
-    // Where the name is or belongs, and whether it is there.
-    std::pair<std::size_t, bool> placeOf(std::string_view name) const {
-        std::size_t low = 0;
-        for (std::size_t high = entries_.size(); low < high;) {
-            const std::size_t middle = low + (high - low) / 2;
-            const int order = name.compare(entries_[middle].name);
-            if (order == 0) {
-                return {middle, true};
-            }
-            (order < 0 ? high : low) = order < 0 ? middle : middle + 1;
-        }
-        return {low, false};
-    }
-    std::vector<Entry> entries_;
-};
-
-// Only the node's own thread looks at them, and changes them between two handlers: so a handler
-// that runs stays whole, and finding one takes no lock.
-struct Handlers {
-    Table topics;
-    Table paths; // "": of every other path
-};
-struct Change {
-    Table Handlers::*table;
-    std::vector<std::string> names;
-    HandlerPtr handler; // null: none any more
-};
-
-struct TimerEntry {
-    Clock::time_point due;
-    Clock::duration period{0}; // 0: once
-    std::function<void(const std::shared_ptr<TimerEntry> &self)> run;
-    bool cancelled = false;
-};
-using TimerPtr = std::shared_ptr<TimerEntry>;
-
-// Shared by zelvo::Node and the node's thread, so that it outlives a node which is destroyed in its
-// own handler.
+// Shared by zelvo::Node, the node's thread, and whoever is in a call through it, so that it
+// outlives a node which is destroyed meanwhile.
 class NodeState : public std::enable_shared_from_this<NodeState> {
 public:
-    NodeState(BusState &bus, const std::string &name)
+    // hops: null for a node whose thread does its work itself.
+    NodeState(BusState &bus, const std::string &name, HopsPtr hops)
         : bus_{bus},
           name_{name},
+          hops_{std::move(hops)},
           client_{connectSilently(bus.native(), name.c_str(), onMessage, onCall, this)} {
         if (!client_) {
             throw Error("zelvo: node " + name + " could not join the bus");
@@ -103,106 +30,181 @@ public:
 
     void start() {
         try {
-            loop_.start([](void *node) { static_cast<NodeState *>(node)->run(); }, this,
-                        shared_from_this());
+            bus_.enter(name_, turns_);
+            loop_.start(
+                name_, [](void *node) { static_cast<NodeState *>(node)->run(); }, this,
+                shared_from_this());
         } catch (...) {
+            bus_.takeOut(name_, turns_);
             busClientClose(client_);
             throw;
         }
     }
     const std::string &name() const noexcept { return name_; }
     client_t *client() const noexcept { return client_; }
+    BusState &bus() const noexcept { return bus_; }
 
     // ---- calls ----
 
-    // A second thread waits for the first one's answer to be copied.
+    // The bus counts the time from when it gets the call. So one that has waited for its turn for
+    // some of it is made by a helper, which can be left alone with it.
     Answer call(const char *url, std::string_view data) {
-        const std::lock_guard lock{call_mutex_};
-        return gone_ ? Answer{} : ask(client_, url, data);
+        const auto keep = shared_from_this();
+        const Deadline deadline = deadlineAfter(bus_.timeout());
+        Turn turn{turns_, url, deadline};
+        if (!turn.owned()) {
+            return noAnswer(Cause::timed_out);
+        }
+        if (deadline && *deadline - Clock::now() < bus_.timeout() * 15 / 16 &&
+            !isOfTheBus(hostOf(url)) && bus_.helpers().any()) {
+            turn.pass();
+            return callUntil(*deadline, url, data);
+        }
+        return askInTurn(url, data, deadline);
+    }
+    Answer callUntil(Clock::time_point end, const char *url, std::string_view data) {
+        const auto call = futureCall<Answer>(url, data, asItIs);
+        auto future = call->future();
+        callAsync(call);
+        if (future.wait_until(end) != std::future_status::ready && cancel(call)) {
+            return noAnswer(Cause::timed_out);
+        }
+        return future.get();
     }
 
-    std::future<Answer> callAsync(const char *url, std::string_view data,
-                                  std::function<void(Answer)> completion) {
-        const auto call = std::make_shared<AsyncCall>();
-        call->url = url;
-        static_cast<void>(lengthOf(data));
-        call->data = data;
-        call->has_data = data.data() != nullptr;
-        call->completion = std::move(completion);
-        call->caller = weak_from_this();
-        auto future = call->promise.get_future();
-        const std::lock_guard lock{mutex_};
+    // A call whose end() or forget() is run in any case.
+    void callAsync(const AsyncCallPtr &call) {
+        call->node = weak_from_this();
+        call->node_name = name_;
+        std::unique_lock lock{mutex_};
         if (leaving_) {
-            call->promise.set_value({});
-            return future;
+            lock.unlock();
+            call->over = true;
+            abandon(*call, Cause::left);
+            return;
         }
-        call->place = calls_.size();
-        calls_.push_back(call);
+        calls_.add(call);
+        bool taken = false;
         try {
-            bus_.helpers().add(call);
+            taken = bus_.helpers().add(call);
         } catch (...) {
-            calls_.pop_back();
+            calls_.takeBack();
             throw;
         }
-        return future;
+        lock.unlock();
+        if (!taken) {
+            finish(*call, noAnswer(Cause::too_many));
+        }
     }
 
     // In a helper's thread, where nothing of the user's is run or destroyed.
     void finish(AsyncCall &call, Answer answer) noexcept {
-        std::unique_lock lock{mutex_};
-        if (call.over) {
-            return;
+        AsyncCalls ended;
+        {
+            const std::lock_guard lock{mutex_};
+            ended = calls_.finish(call, std::move(answer));
+            if (calls_.hasReady()) {
+                wake();
+            }
         }
-        call.over = true;
-        call.answer = std::move(answer);
-        calls_.back()->place = call.place;
-        std::swap(calls_[call.place], calls_.back());
-        const AsyncCallPtr taken = std::move(calls_.back());
-        calls_.pop_back();
-        if (taken->completion) {
-            *ready_end_ = taken;
-            ready_end_ = &taken->next;
-            wake();
-            return;
-        }
-        lock.unlock();
-        taken->promise.set_value(std::move(taken->answer));
-    }
-
-    // ---- handlers and timers ----
-
-    // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
-    // node that hears nothing looks when many wait, so that it does not keep ever more.
-    void change(Change change) {
-        constexpr std::size_t kMany = 16;
-        const std::lock_guard lock{mutex_};
-        changes_.push_back(std::move(change));
-        attention_ = true;
-        if (changes_.size() >= kMany) {
-            wake();
+        if (!ended.empty()) {
+            call.end(std::move(call.answer));
         }
     }
 
-    TimerPtr addTimer(Clock::duration wait, Clock::duration period,
-                      std::function<void(const TimerPtr &)> run) {
-        const auto now = Clock::now();
-        auto timer = std::make_shared<TimerEntry>();
-        timer->due = now + std::clamp(wait, Clock::duration{0}, Clock::time_point::max() - now);
-        timer->period = period;
-        timer->run = std::move(run);
+    // False: it is over, or its completion has begun.
+    bool cancel(const AsyncCallPtr &call) noexcept {
+        AsyncCalls cancelled;
+        {
+            const std::lock_guard lock{mutex_};
+            cancelled = calls_.cancel(*call);
+            bus_.helpers().drop(*call);
+        }
+        if (!cancelled.empty()) {
+            abandon(*call, Cause::cancelled);
+        }
+        return !cancelled.empty();
+    }
+
+    // ---- handlers ----
+    // What the node does and what the bus does change in one turn, so that they do not come apart
+    // where several threads make changes.
+
+    void subscribe(const std::vector<std::string> &topics, const HandlerPtr &handler) {
+        constexpr const char *url = "/bus/subscribe";
+        const auto keep = shared_from_this();
+        const Deadline deadline = deadlineAfter(bus_.timeout());
+        const Turn turn{turns_, url, deadline};
+        const std::vector<std::string> fresh = subscriptions_.notIn(topics);
+        const std::string json = jsonArray(fresh);
+        change({Change::Kind::add, topics, handler}); // it is there before the first message
+        const Cause cause = !turn.owned()   ? Cause::timed_out
+                            : gone_         ? Cause::left
+                            : fresh.empty() ? Cause::answered
+                                            : askInTurn(url, json, deadline).cause;
+        if (cause != Cause::answered) {
+            handler->cancelled = true;
+            change({Change::Kind::remove, topics, handler});
+            throw noAnswerError(url, cause);
+        }
+        subscriptions_.add(topics, *handler);
+    }
+    void unsubscribe(const std::vector<std::string> &topics) {
+        constexpr const char *url = "/bus/unsubscribe";
+        const std::string json = jsonArray(topics);
+        const auto keep = shared_from_this();
+        const Deadline deadline = deadlineAfter(bus_.timeout());
+        const Turn turn{turns_, url, deadline};
+        change({Change::Kind::remove, topics, nullptr});
+        if (turn.owned()) {
+            subscriptions_.removeAll(topics);
+        }
+        const Cause cause = turn.owned() ? askInTurn(url, json, deadline).cause : Cause::timed_out;
+        if (cause != Cause::answered) {
+            throw noAnswerError(url, cause);
+        }
+    }
+    // Whether there would have been another message for the handler.
+    bool cancel(const HandlerPtr &handler, const std::vector<std::string> &topics) {
+        if (handler->cancelled.exchange(true)) {
+            return false;
+        }
+        constexpr const char *url = "/bus/unsubscribe";
+        const auto keep = shared_from_this();
+        const Deadline deadline = deadlineAfter(bus_.timeout());
+        const Turn turn{turns_, url, deadline};
+        change({Change::Kind::remove, topics, handler});
+        if (!turn.owned()) {
+            return true;
+        }
+        std::vector<std::string> last;
+        const bool was = subscriptions_.remove(topics, *handler, last);
+        if (!last.empty()) {
+            askInTurn(url, jsonArray(last), deadline); // or what comes has no handler
+        }
+        return was && !leaving_;
+    }
+    void setPath(const std::string &path, HandlerPtr handler) {
+        change({Change::Kind::set, {path}, std::move(handler)});
+    }
+
+    // ---- timers ----
+
+    // run(timer)
+    template <class Run>
+    TimerPtr addTimer(Clock::duration wait, Clock::duration period, Run run) {
+        const TimerPtr timer = std::make_shared<TimerEntryOf<Run>>(period, std::move(run));
         const std::lock_guard lock{mutex_};
-        timers_.resize(timers_.size() + 2); // the other place is for one that runs and comes again
-        timers_.resize(timers_.size() - 2);
-        insert(timer);
+        timers_.add(timer, later(Clock::now(), wait));
         if (!arm()) {
-            forget(timer);
+            timers_.remove(*timer);
             throw std::bad_alloc{};
         }
         return timer;
     }
     bool cancel(const TimerPtr &timer) {
         const std::lock_guard lock{mutex_};
-        const bool waits = forget(timer) || (timer->period.count() > 0 && !leaving_);
+        const bool waits = timers_.remove(*timer) || (timer->period.count() > 0 && !leaving_);
         return waits && !std::exchange(timer->cancelled, true);
     }
 
@@ -214,38 +216,68 @@ public:
             const std::lock_guard lock{mutex_};
             leaving_ = true;
             attention_ = true;
+            wake();
         }
         forgetCalls();
-        if (loop_.isThisThread()) {
-            busClientSpinExit(client_);
-            Retired::instance().add(bus.get(), loop_.release());
-            keep_ = std::move(bus);
+        bus_.helpers().leave(name_);
+        if (hops_) {
+            hops_->close();
+        }
+        const bool own = loop_.isThisThread() || (hops_ && hops_->runsHere());
+        if ((own || !endLoop(isHeld)) && retire(bus)) {
             return;
         }
-        loop_.end([](void *node) { static_cast<NodeState *>(node)->askToLeave(); });
+        forgetHandlers();
         if (bus->isLeftToNodes()) {
             release(bus);
         }
     }
+    bool leaving() const noexcept { return leaving_; }
+
+    // ---- what does not decode ----
+
+    void noteUnreadable(std::string_view name, std::size_t size, std::size_t expected) {
+        ++unreadable_;
+        bus_.report(name_, std::make_exception_ptr(Unreadable{Text{name}, size, expected}));
+    }
+    std::size_t unreadable() const noexcept { return unreadable_; }
 
 private:
-    void askToLeave() noexcept {
-        const std::lock_guard lock{mutex_};
-        if (!gone_) {
-            busClientSpinExit(client_);
-        }
-    }
-
     static NodeState &of(void *userdata) noexcept { return *static_cast<NodeState *>(userdata); }
     static std::string_view viewOf(const char *data, int length) noexcept {
         return data ? std::string_view{data, static_cast<std::size_t>(length)} : std::string_view{};
     }
 
-    // Runs a handler, unless the node is leaving.
-    template <class Run>
-    void guarded(Run run) noexcept {
+    // ---- what the bus has the node's thread do ----
+
+    // Does work, unless the node is leaving; here, or in the loop.
+    template <class Work>
+    void guarded(Work work) noexcept {
+        if (!hops_) {
+            settled(work);
+        } else if (!leaving_) {
+            auto hop = [&] {
+                const auto outer = std::exchange(handlingNode(), this);
+                settled(work);
+                handlingNode() = outer;
+            };
+            using Hop = decltype(hop);
+            bool done = false;
+            reported(
+                [&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
+            if (!done) { // what is due or ready is looked at again
+                const std::lock_guard lock{mutex_};
+                attention_ = true;
+            }
+        }
+        if (hops_ && leaving_) {
+            goQuietly();
+        }
+    }
+    template <class Work>
+    void settled(Work &work) noexcept {
         if (!attention_.load(std::memory_order_acquire) || settle()) {
-            reported(run);
+            work();
         }
         if (attention_.load(std::memory_order_acquire)) {
             settle();
@@ -264,13 +296,22 @@ private:
     static int onMessage(void *userdata, client_t * /*client*/, char *topic, char *data,
                          int length) noexcept {
         NodeState &node = of(userdata);
-        node.guarded([&] {
-            char *none = nullptr;
-            if (const Handler *const handler = node.handlers_.topics.find(topic)) {
-                (*handler)(topic, viewOf(data, length), none);
-            }
-        });
+        node.guarded([&] { node.hear(topic, viewOf(data, length)); });
         return 0;
+    }
+    void hear(std::string_view topic, std::string_view data) noexcept {
+        const auto *const handlers = handlers_.ofTopic(topic);
+        if (!handlers) {
+            return;
+        }
+        for (const HandlerPtr &handler : *handlers) {
+            if (!handler->cancelled.load(std::memory_order_relaxed) && !leaving_) {
+                reported([&] {
+                    char *none = nullptr;
+                    handler->run(topic, data, none);
+                });
+            }
+        }
     }
 
     static char *onCall(void *userdata, client_t * /*client*/, char *url, char *data,
@@ -279,10 +320,8 @@ private:
         char *answer = nullptr;
         node.guarded([&] {
             const std::string_view path = std::string_view{url}.substr(1 + node.name_.size());
-            const Handler *handler = node.handlers_.paths.find(path);
-            handler = handler ? handler : node.handlers_.paths.find("");
-            if (handler) {
-                (*handler)(path, viewOf(data, length), answer);
+            if (Handler *const handler = node.handlers_.ofPath(path)) {
+                node.reported([&] { handler->run(path, viewOf(data, length), answer); });
             }
         });
         return answer;
@@ -300,32 +339,28 @@ private:
     }
 
     void run() noexcept {
-        insideNode() = true;
+        handlingNode() = this;
         busClientSpin(client_);
+        endCalls(); // where the loop has ended of itself
+        BusPtr keep;
         {
-            const std::lock_guard calls{call_mutex_}; // zelvo::Keys may outlive the node
             const std::lock_guard lock{mutex_};
             leaving_ = true;
             gone_ = true;
+            keep = std::move(keep_);
         }
+        turns_.pass();
         forgetCalls();
-        forgetHandlers();
+        if (keep || !hops_) {
+            forgetHandlers();
+        }
+        bus_.takeOut(name_, turns_);
         busClientClose(client_);
-        // A node that was destroyed in its own handler may be the last to let go of the bus.
-        if (keep_) {
-            BusPtr{std::move(keep_)}.reset();
+        // A node that could not be waited for may be the last to let go of the bus.
+        if (keep) {
+            keep.reset();
             Retired::instance().finish();
         }
-    }
-
-    // What users have left goes in the node's thread, and under no lock.
-    void forgetHandlers() {
-        std::vector<TimerPtr> timers;
-        std::vector<Change> changes;
-        const Handlers handlers = std::move(handlers_);
-        const std::lock_guard lock{mutex_};
-        timers.swap(timers_);
-        changes.swap(changes_);
     }
 
     // Makes the changes that wait, and asks for the looks that there was no memory for. False: the
@@ -336,24 +371,46 @@ private:
             const std::lock_guard lock{mutex_};
             changes.swap(changes_);
             attention_ = leaving_ || !arm();
-            if (ready_) {
+            if (calls_.hasReady()) {
                 wake();
             }
         }
         reported([&] {
             for (const Change &change : changes) {
-                for (const std::string &name : change.names) {
-                    (handlers_.*change.table).set(name, change.handler);
-                }
+                handlers_.make(change);
             }
         });
         changes.clear(); // what goes with them may be the owner of this node
-        if (leaving_) {
-            busClientSpinExit(client_); // the first wish may have found a full queue
+        if (leaving_ && !hops_) {
+            goQuietly();
         }
         return !leaving_;
     }
+    // In the node's thread, when no handler runs or will. The loop leaves the bus by a call of its
+    // own, which comes between nobody's answer and its copy.
+    void goQuietly() noexcept {
+        quiet_ = true;
+        endCalls();
+        busClientSpinExit(client_); // another wish may have found a full queue
+    }
+    void endCalls() noexcept {
+        if (!calls_ended_) {
+            turns_.takeLast();
+            calls_ended_ = true;
+        }
+    }
 
+    // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
+    // node that hears nothing looks when many wait, so that it does not keep ever more.
+    void change(Change change) {
+        constexpr std::size_t kMany = 16;
+        const std::lock_guard lock{mutex_};
+        changes_.push_back(std::move(change));
+        attention_ = true;
+        if (changes_.size() >= kMany) {
+            wake();
+        }
+    }
     // With mutex_: has the node's thread look at what has been left for it.
     void wake() noexcept {
         if (!wakes_ && !gone_) {
@@ -362,157 +419,182 @@ private:
         }
     }
 
+    // ---- in a turn ----
+
+    Answer askInTurn(const char *url, std::string_view data, const Deadline &deadline) {
+        if (gone_ || (leaving_ && !isOfTheBus(hostOf(url)))) {
+            return noAnswer(Cause::left);
+        }
+        return ask(client_, url, data, deadline);
+    }
     // ---- timers ----
 
-    // With mutex_. The earliest is the last; of those that are due together, the one set first.
-    void insert(const TimerPtr &timer) {
-        timers_.push_back(timer);
-        for (auto at = timers_.size() - 1; at > 0 && timers_[at - 1]->due <= timer->due; --at) {
-            timers_[at].swap(timers_[at - 1]);
-        }
-    }
-    // With mutex_. Whether it was there.
-    bool forget(const TimerPtr &timer) noexcept {
-        std::size_t at = 0;
-        while (at < timers_.size() && timers_[at] != timer) {
-            ++at;
-        }
-        if (at == timers_.size()) {
-            return false;
-        }
-        for (; at + 1 < timers_.size(); ++at) {
-            timers_[at].swap(timers_[at + 1]);
-        }
-        timers_.pop_back();
-        return true;
-    }
-    // With mutex_. Sees to it that one of the bus's timers is due when the earliest of ours is.
-    // Those that an earlier one has overtaken run out in vain; where they are many, one that comes
-    // at the node's next look serves all, again and again. False: memory is short.
-    bool arm() noexcept {
-        if (timers_.empty() || gone_ || (armed_ != 0 && armed_due_ <= timers_.back()->due)) {
-            return true;
-        }
-        const bool many = pending_ >= 256; // the bus loses those beyond 1,024
-        const auto wait =
-            std::chrono::ceil<std::chrono::milliseconds>(timers_.back()->due - Clock::now());
-        const auto longest = std::min<long long>(wait.count(), INT_MAX);
-        last_ = last_ == INT_MAX ? 1 : last_ + 1;
-        const long time = many ? 0 : static_cast<long>(longest);
-        if (busClientSettimer(client_, onTimer, time, last_, this) == -1) {
-            return false;
-        }
-        armed_ = last_;
-        armed_due_ = many ? Clock::time_point::min() : timers_.back()->due;
-        ++pending_;
-        return true;
+    // With mutex_. False: memory is short.
+    bool arm() noexcept try {
+        return gone_ || timers_.arm([this](long milliseconds, int number) {
+            return busClientSettimer(client_, onTimer, milliseconds, number, this) != -1;
+        });
+    } catch (const std::bad_alloc &) {
+        return false;
     }
     void noteTimer(int type) noexcept {
         const std::lock_guard lock{mutex_};
-        wakes_ = wakes_ && type != 0;
-        pending_ -= type != 0 ? 1 : 0;
-        armed_ = armed_ == type ? 0 : armed_;
-    }
-    // Null: none is due.
-    TimerPtr takeDue(Clock::time_point now) {
-        const std::lock_guard lock{mutex_};
-        if (leaving_ || timers_.empty() || timers_.back()->due > now) {
-            return nullptr;
-        }
-        TimerPtr timer = std::move(timers_.back());
-        timers_.pop_back();
-        return timer;
-    }
-    // Missed beats are left out. Its place is still there, whatever has been set meanwhile.
-    void repeat(const TimerPtr &timer) {
-        const std::lock_guard lock{mutex_};
-        if (timer->period.count() > 0 && !timer->cancelled) {
-            const auto late = std::max(Clock::now() - timer->due, Clock::duration{0});
-            timer->due += timer->period * (late / timer->period + 1);
-            insert(timer);
+        if (type == 0) {
+            wakes_ = false;
+        } else {
+            timers_.note(type);
         }
     }
-    void runTimers() {
+    TimerQueue::node_type takeDue(Clock::time_point now) noexcept {
+        const std::lock_guard lock{mutex_};
+        return leaving_ ? TimerQueue::node_type{} : timers_.takeDue(now);
+    }
+    void runTimers() noexcept {
         const auto now = Clock::now();
-        while (const TimerPtr timer = takeDue(now)) {
+        while (auto taken = takeDue(now)) {
+            const TimerPtr timer = taken.mapped();
             reported([&] { timer->run(timer); });
-            repeat(timer);
+            const std::lock_guard lock{mutex_};
+            if (timer->period.count() > 0 && !timer->cancelled) {
+                timers_.repeat(std::move(taken));
+            }
         }
-        const std::lock_guard lock{mutex_};
-        if (!arm()) {
-            attention_ = true; // tried again whenever the node handles something
-            throw std::bad_alloc{};
-        }
+        reported([&] {
+            const std::lock_guard lock{mutex_};
+            if (!arm()) {
+                attention_ = true; // tried again whenever the node handles something
+                throw std::bad_alloc{};
+            }
+        });
     }
 
     // ---- calls that are not waited for ----
 
-    // With mutex_.
-    AsyncCallPtr takeReady() noexcept {
-        ready_end_ = &ready_;
-        return std::exchange(ready_, nullptr);
-    }
-    void runCompletions() {
-        AsyncCallPtr call;
-        {
-            const std::lock_guard lock{mutex_};
-            call = takeReady();
+    static void abandon(AsyncCall &call, Cause cause) noexcept {
+        if (call.completes) {
+            call.forget();
+        } else {
+            call.end(noAnswer(cause));
         }
-        for (; call; call = std::move(call->next)) {
-            const auto completion = std::exchange(call->completion, nullptr);
-            if (!leaving_) {
-                reported([&] { completion(std::move(call->answer)); });
-            }
+    }
+    AsyncCallPtr takeReady() noexcept {
+        const std::lock_guard lock{mutex_};
+        return leaving_ ? nullptr : calls_.takeReady();
+    }
+    void runCompletions() noexcept {
+        while (const AsyncCallPtr call = takeReady()) {
+            reported([&] { call->end(std::move(call->answer)); });
+            call->forget();
         }
     }
     // Futures become ready without an answer, completions never run.
-    void forgetCalls() {
-        std::vector<AsyncCallPtr> calls;
-        AsyncCallPtr ready;
+    void forgetCalls() noexcept {
+        AsyncCalls calls;
         {
             const std::lock_guard lock{mutex_};
-            calls.swap(calls_);
-            ready = takeReady();
-            for (const AsyncCallPtr &call : calls) {
-                call->over = true;
-            }
+            calls = calls_.takeAll();
         }
         for (const AsyncCallPtr &call : calls) {
-            call->promise.set_value({});
-            std::exchange(call->completion, nullptr);
+            bus_.helpers().drop(*call);
+            abandon(*call, Cause::left);
         }
-        for (; ready; ready = std::move(ready->next)) {
-            std::exchange(ready->completion, nullptr);
+    }
+
+    // ---- the end ----
+
+    // What users have left goes in the node's thread or the one that destroys the node, and under
+    // no lock.
+    void forgetHandlers() {
+        TimerQueue timers;
+        std::vector<Change> changes;
+        const Handlers handlers = std::move(handlers_);
+        const std::lock_guard lock{mutex_};
+        timers = timers_.takeAll();
+        changes.swap(changes_);
+    }
+    // False: the node's thread can't be waited for here.
+    bool endLoop(bool (*giveUp)(void *node)) {
+        return loop_.end([](void *node) { static_cast<NodeState *>(node)->askToLeave(); }, giveUp);
+    }
+    void askToLeave() noexcept {
+        const std::lock_guard lock{mutex_};
+        if (calls_ended_ && !gone_) {
+            busClientSpinExit(client_);
+        } else {
+            wake(); // to go quietly
         }
+    }
+    // Whether another thread's call through this node is under way, which the node's thread waits
+    // for; or this thread is in a handler of a node whose answer the running handler waits for.
+    static bool isHeld(void *self) {
+        NodeState &node = *static_cast<NodeState *>(self);
+        if (node.quiet_ && !node.calls_ended_) {
+            return true;
+        }
+        const NodeState *const here = handlingNode();
+        return here && &here->bus_ == &node.bus_ && node.bus_.waitsFor(node.name_, here->name_);
+    }
+    // The node's thread goes on alone, and the bus waits for it. False: it has ended.
+    bool retire(BusPtr &bus) {
+        bool alone = false;
+        {
+            const std::lock_guard lock{mutex_};
+            if (!gone_) {
+                Retired::instance().add(bus.get(), loop_.release());
+                keep_ = std::move(bus);
+                alone = true;
+            }
+        }
+        return alone || !endLoop(nullptr);
     }
 
     BusState &bus_;
     const std::string name_;
+    const HopsPtr hops_;
     client_t *const client_;
-    std::mutex call_mutex_; // from a call until its answer is copied
+    Turns turns_;
+    Subscriptions subscriptions_; // whoever has the turn looks at them
 
-    Handlers handlers_; // the node's thread's
-    BusPtr keep_;       // likewise
+    Handlers handlers_; // the node's thread's, or the loop's
 
     std::mutex mutex_; // of all below that is not atomic
     std::vector<Change> changes_;
-    std::vector<TimerPtr> timers_;      // the earliest last
-    std::vector<AsyncCallPtr> calls_;   // under way
-    AsyncCallPtr ready_;                // answered, their completions not yet run: a list
-    AsyncCallPtr *ready_end_ = &ready_; // where the next one goes
-    bool wakes_ = false;                // a look has been asked for
-    int pending_ = 0;                   // timers of the bus that will come
-    int last_ = 0;                      // number of the latest of them
-    int armed_ = 0;                     // number of the one that counts; 0: none
-    Clock::time_point armed_due_;       // and when it comes
-    bool gone_ = false;                 // the client must not be used; set with call_mutex_, too
-    std::atomic<bool> leaving_{false};
-    std::atomic<bool> attention_{false}; // settle() has something to do, or the node is leaving
+    Timers timers_;
+    OpenCalls calls_;
+    BusPtr keep_;        // of a node that nobody waits for
+    bool wakes_ = false; // a look has been asked for
+    std::atomic<std::size_t> unreadable_{0};
+    std::atomic<bool> gone_{false};        // the client must not be used; set in a turn, too
+    std::atomic<bool> leaving_{false};     // no handler begins
+    std::atomic<bool> quiet_{false};       // nor does one run
+    std::atomic<bool> calls_ended_{false}; // nobody has a turn any more
+    std::atomic<bool> attention_{false};   // settle() has something to do, or the node is leaving
     Loop loop_;
 };
 
+// Answers the calls of a service.
+template <class Question, class Reply, class Run>
+HandlerPtr server(NodeState &node, Run run) {
+    return handlerOf([run = std::move(run), &node](View path, View data, char *&answer) mutable {
+        auto question = decoded<Question>(data);
+        if (!question) {
+            node.noteUnreadable(path, data.size(), SizeOf<Question>::value);
+            return;
+        }
+        if (const std::optional<Reply> reply = run(std::move(*question))) {
+            std::string space;
+            const View bytes = Codec<Reply>::encode(*reply, space);
+            answer = answerText(withoutNul(bytes, isRefusal(bytes)));
+        }
+    });
+}
+
+inline bool Helpers::hasLeft(const AsyncCall &call) noexcept {
+    const auto node = call.node.lock();
+    return !node || node->leaving();
+}
 inline void Helpers::finish(AsyncCall &call, Answer answer) noexcept {
-    if (const auto node = call.caller.lock()) {
+    if (const auto node = call.node.lock()) {
         node->finish(call, std::move(answer));
     }
 }

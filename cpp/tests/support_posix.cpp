@@ -1,0 +1,8 @@
+#include "support.h"
+
+#include <poll.h>
+
+bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit) {
+    pollfd wait{node.fd(), POLLIN, 0};
+    return poll(&wait, 1, static_cast<int>(limit.count())) == 1;
+}

@@ -1,0 +1,166 @@
+// How what a node does is run in a loop of the application's own instead of the node's thread.
+#ifndef ZELVO_DETAIL_HOP_HPP
+#define ZELVO_DETAIL_HOP_HPP
+
+#include "loop.hpp"
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace zelvo {
+
+namespace detail {
+class Hops;
+} // namespace detail
+
+// A piece of a node's work, for an executor: to be run once, or destroyed. It does not throw, and
+// it may outlive the node: then it does nothing.
+class Task {
+public:
+    Task(Task &&) noexcept = default;
+    Task &operator=(Task &&other) noexcept {
+        std::swap(hops_, other.hops_);
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    Task(const Task &) = delete;
+    Task &operator=(const Task &) = delete;
+    ~Task();
+    void operator()() noexcept;
+
+private:
+    friend class detail::Hops;
+    Task(std::shared_ptr<detail::Hops> hops, unsigned long number) noexcept
+        : hops_{std::move(hops)},
+          number_{number} {}
+
+    std::shared_ptr<detail::Hops> hops_;
+    unsigned long number_;
+};
+
+namespace detail {
+
+// The node's thread waits here while the loop does its work: so there is one piece at a time, and
+// what the loop does not come round to stays in the node's queue.
+class Hops : public std::enable_shared_from_this<Hops> {
+public:
+    Hops() = default;
+    Hops(const Hops &) = delete;
+    Hops &operator=(const Hops &) = delete;
+    virtual ~Hops() = default;
+
+    // In the node's thread: has the loop do it, and waits until it has or never will (false).
+    // Throws what the executor throws.
+    bool run(Step work, void *object) {
+        {
+            const std::lock_guard lock{mutex_};
+            if (closed_) {
+                return false;
+            }
+            done_ = false;
+            ++number_;
+            state_ = State::waits;
+            work_ = work;
+            object_ = object;
+        }
+        try {
+            post(Task{shared_from_this(), number_});
+        } catch (...) {
+            drop(number_);
+            wait();
+            throw;
+        }
+        return wait();
+    }
+    // Nothing begins any more.
+    void close() noexcept {
+        const std::lock_guard lock{mutex_};
+        closed_ = true;
+        if (state_ == State::waits) {
+            finish();
+        }
+    }
+    // Whether the calling thread is in the midst of it.
+    bool runsHere() noexcept {
+        const std::lock_guard lock{mutex_};
+        return state_ == State::runs && runner_ == std::this_thread::get_id();
+    }
+
+private:
+    friend class zelvo::Task;
+    enum class State { over, waits, runs };
+
+    virtual void post(Task task) = 0;
+
+    // In the loop.
+    void perform(unsigned long number) noexcept {
+        {
+            const std::lock_guard lock{mutex_};
+            if (number != number_ || state_ != State::waits) {
+                return;
+            }
+            state_ = State::runs;
+            runner_ = std::this_thread::get_id();
+        }
+        work_(object_);
+        const std::lock_guard lock{mutex_};
+        done_ = true;
+        finish();
+    }
+    void drop(unsigned long number) noexcept {
+        const std::lock_guard lock{mutex_};
+        if (number == number_ && state_ == State::waits) {
+            finish();
+        }
+    }
+    // With mutex_.
+    void finish() noexcept {
+        state_ = State::over;
+        changed_.notify_one();
+    }
+    bool wait() {
+        std::unique_lock lock{mutex_};
+        changed_.wait(lock, [this] { return state_ == State::over; });
+        return done_;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    State state_ = State::over;
+    bool closed_ = false;
+    bool done_ = false;        // the latest piece has been run
+    unsigned long number_ = 0; // of the latest piece
+    std::thread::id runner_;
+    Step work_ = nullptr;
+    void *object_ = nullptr;
+};
+using HopsPtr = std::shared_ptr<Hops>;
+
+template <class Executor>
+class HopsOf final : public Hops {
+public:
+    explicit HopsOf(Executor &&executor) : executor_{std::move(executor)} {}
+
+private:
+    void post(Task task) override { executor_(std::move(task)); }
+    Executor executor_;
+};
+
+} // namespace detail
+
+inline Task::~Task() {
+    if (hops_) {
+        hops_->drop(number_);
+    }
+}
+inline void Task::operator()() noexcept {
+    if (const auto hops = std::move(hops_)) {
+        hops->perform(number_);
+    }
+}
+
+} // namespace zelvo
+
+#endif

@@ -1,0 +1,128 @@
+// The timers of a node, and which of the bus's own timers they need.
+#ifndef ZELVO_DETAIL_TIMERS_HPP
+#define ZELVO_DETAIL_TIMERS_HPP
+
+#include "call.hpp"
+
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace zelvo::detail {
+
+class TimerEntry;
+using TimerPtr = std::shared_ptr<TimerEntry>;
+using TimerQueue =
+    std::multimap<Clock::time_point, TimerPtr>; // in the order in which they were set
+
+class TimerEntry {
+public:
+    explicit TimerEntry(Clock::duration beat) : period{beat} {}
+    TimerEntry(const TimerEntry &) = delete;
+    TimerEntry &operator=(const TimerEntry &) = delete;
+    virtual ~TimerEntry() = default;
+    virtual void run(const TimerPtr &self) = 0;
+
+    const Clock::duration period; // 0: once
+    // The rest is guarded as the timers are.
+    TimerQueue::iterator place;
+    bool waits = false; // and stands at place
+    bool cancelled = false;
+};
+
+template <class Run>
+class TimerEntryOf final : public TimerEntry {
+public:
+    TimerEntryOf(Clock::duration beat, Run &&run) : TimerEntry{beat}, run_{std::move(run)} {}
+    void run(const TimerPtr &self) override { run_(self); }
+
+private:
+    Run run_;
+};
+
+// All under the node's mutex.
+class Timers {
+public:
+    void add(const TimerPtr &timer, Clock::time_point due) {
+        timer->place = queue_.emplace(due, timer);
+        timer->waits = true;
+    }
+    // Whether it waited.
+    bool remove(TimerEntry &timer) noexcept {
+        if (timer.waits) {
+            timer.waits = false;
+            queue_.erase(timer.place);
+            return true;
+        }
+        return false;
+    }
+    // One that is due, to be put back with repeat(), or nothing.
+    TimerQueue::node_type takeDue(Clock::time_point now) noexcept {
+        if (queue_.empty() || queue_.begin()->first > now) {
+            return {};
+        }
+        auto taken = queue_.extract(queue_.begin());
+        taken.mapped()->waits = false;
+        return taken;
+    }
+    // At the next of its whole periods; those that have been missed are left out.
+    void repeat(TimerQueue::node_type taken) noexcept {
+        TimerEntry &timer = *taken.mapped();
+        const auto late = std::max(Clock::now() - taken.key(), Clock::duration{0});
+        taken.key() = later(taken.key(), late / timer.period * timer.period);
+        taken.key() = later(taken.key(), timer.period);
+        timer.place = queue_.insert(std::move(taken));
+        timer.waits = true;
+    }
+    TimerQueue takeAll() noexcept {
+        for (auto &[due, timer] : queue_) {
+            timer->waits = false;
+        }
+        return std::exchange(queue_, {});
+    }
+
+    // Sees to it that one of the bus's timers, made by set(milliseconds, number), is due when the
+    // earliest of ours is. One that is earlier than those which are still to come is the next of
+    // them, so they are a stack. Where it is high, each comes at half of the wait that is meant:
+    // so it is never higher than kExact and the number of times that the longest wait can be
+    // halved. The bus has place for 1,024. False: memory is short.
+    template <class Set>
+    bool arm(Set set) {
+        if (queue_.empty() || (!armed_.empty() && armed_.back().due <= queue_.begin()->first)) {
+            return true;
+        }
+        const auto now = Clock::now();
+        const auto wait = std::chrono::ceil<std::chrono::milliseconds>(
+            std::clamp(queue_.begin()->first - now, Clock::duration{0}, Clock::duration{kLongest}));
+        const auto armed = armed_.size() < kExact ? wait : wait / 2;
+        last_ = last_ == INT_MAX ? 1 : last_ + 1;
+        armed_.push_back({std::min(queue_.begin()->first, now + armed), last_});
+        if (!set(static_cast<long>(armed.count()), last_)) {
+            armed_.pop_back();
+            return false;
+        }
+        return true;
+    }
+    // One of the bus's timers has come.
+    void note(int number) noexcept {
+        const auto is = [number](const Armed &armed) { return armed.number == number; };
+        armed_.erase(std::remove_if(armed_.begin(), armed_.end(), is), armed_.end());
+    }
+
+private:
+    static constexpr std::size_t kExact = 64;
+    static constexpr std::chrono::milliseconds kLongest{INT_MAX};
+    struct Armed {
+        Clock::time_point due;
+        int number;
+    };
+
+    TimerQueue queue_;
+    std::vector<Armed> armed_; // the earliest last
+    int last_ = 0;
+};
+
+} // namespace zelvo::detail
+
+#endif

@@ -1,0 +1,139 @@
+// What a node gives: to stop its timers, to end its subscriptions, to let go of its calls, and the
+// key store. Included by zelvo/bus.hpp.
+#ifndef ZELVO_HANDLES_HPP
+#define ZELVO_HANDLES_HPP
+
+#include "detail/json_reader.hpp"
+#include "detail/node.hpp"
+
+namespace zelvo {
+
+class Node;
+
+// What after() and every() give: a way to stop them. Copies stop the same timer; a timer whose
+// handles are gone runs all the same. Any thread may use it, also when its node has gone.
+class Timer {
+public:
+    Timer() noexcept = default; // of nothing
+    // No run begins after this, except one that is about to in another thread; the function goes as
+    // soon as it does not run. May be called from within it. True: there would have been another
+    // run.
+    bool cancel() const {
+        const auto node = node_.lock();
+        const auto entry = entry_.lock();
+        return node && entry && node->cancel(entry);
+    }
+
+private:
+    friend class Node;
+    Timer(std::weak_ptr<detail::NodeState> node, const detail::TimerPtr &entry) noexcept
+        : node_{std::move(node)},
+          entry_{entry} {}
+
+    std::weak_ptr<detail::NodeState> node_;
+    std::weak_ptr<detail::TimerEntry> entry_;
+};
+
+// What subscribe() gives: a way to end it. Copies end the same one; a subscription whose handles
+// are gone goes on. Any thread may use it, also when its node has gone.
+class Subscription {
+public:
+    Subscription() noexcept = default; // to nothing
+    // No run of the handler begins after this, except one that is about to in another thread; it
+    // goes as the handlers do that are removed. May be called from within it. Waits for the bus,
+    // where the node has no other handler for a topic of this one; the handler is over also where
+    // the bus does not answer. True: it would have got further messages.
+    bool cancel() const {
+        const auto node = node_.lock();
+        const auto handler = handler_.lock();
+        return node && handler && node->cancel(handler, topics_);
+    }
+
+private:
+    friend class Node;
+    Subscription(std::weak_ptr<detail::NodeState> node, const detail::HandlerPtr &handler,
+                 std::vector<std::string> topics) noexcept
+        : node_{std::move(node)},
+          handler_{handler},
+          topics_{std::move(topics)} {}
+
+    std::weak_ptr<detail::NodeState> node_;
+    std::weak_ptr<detail::Handler> handler_;
+    std::vector<std::string> topics_;
+};
+
+// What call_async() gives: a way to let go of the call. Copies let go of the same one; a call whose
+// handles are gone goes on.
+class PendingCall {
+public:
+    PendingCall() noexcept = default; // of nothing
+    // Its future is ready at once, with Cause::cancelled; its completion does not run. The node
+    // that is called may handle it all the same. True: it was not over yet.
+    bool cancel() const {
+        const auto node = node_.lock();
+        const auto call = call_.lock();
+        return node && call && node->cancel(call);
+    }
+
+private:
+    friend class Node;
+    PendingCall(std::weak_ptr<detail::NodeState> node, const detail::AsyncCallPtr &call) noexcept
+        : node_{std::move(node)},
+          call_{call} {}
+
+    std::weak_ptr<detail::NodeState> node_;
+    std::weak_ptr<detail::AsyncCall> call_;
+};
+
+// The same with a future; a std::future, where only that is wanted.
+template <class Value>
+class Future : public std::future<Value>, public PendingCall {
+public:
+    Future() noexcept = default;
+    Future(std::future<Value> value, PendingCall call) noexcept
+        : std::future<Value>{std::move(value)},
+          PendingCall{std::move(call)} {}
+};
+
+// The key store of the bus, through one of its nodes. Keys match without regard to ASCII case.
+// Functions throw Error when there is no answer, as when the node has gone, and
+// std::invalid_argument for an empty key.
+class Keys {
+public:
+    // The value as JSON text, as the store prints it; nothing: there is none.
+    [[nodiscard]] std::optional<std::string> get(const std::string &key) const {
+        std::string text = ask(key, R"({"operation":"get"})");
+        // A value that is this object would be printed with blanks.
+        return text == R"({"data":""})" ? std::nullopt : std::optional{std::move(text)};
+    }
+    // Stores a JSON value, with persist also in the file: it is on the disk when this returns, and
+    // where it can't be written the log says so. Throws std::invalid_argument for what is no JSON.
+    void set(const std::string &key, std::string_view json, bool persist = false) const {
+        if (!detail::JsonReader{json}.isValue()) {
+            throw std::invalid_argument("zelvo: a value for the key store is not JSON");
+        }
+        std::string request = R"({"operation":"set",)";
+        request += persist ? R"("persist":"true","data":)" : R"("data":)";
+        ask(key, request.append(json) + '}');
+    }
+
+private:
+    friend class Node;
+    explicit Keys(std::shared_ptr<detail::NodeState> node) noexcept : node_{std::move(node)} {}
+    std::string ask(const std::string &key, const std::string &request) const {
+        if (key.empty()) {
+            throw std::invalid_argument("zelvo: an empty key");
+        }
+        Answer answer = node_->call(CText{"/localKeys/" + key}.c_str(), request);
+        if (answer.outcome == Outcome::none) {
+            throw detail::noAnswerError("/localKeys", answer.cause);
+        }
+        return std::move(answer.text);
+    }
+
+    std::shared_ptr<detail::NodeState> node_;
+};
+
+} // namespace zelvo
+
+#endif

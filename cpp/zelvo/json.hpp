@@ -1,0 +1,46 @@
+// Topics and services whose values travel as JSON: a codec for every type that nlohmann-json
+// converts to and from JSON and that has none of zelvo/codec.hpp. To be included wherever such a
+// value is published, heard, asked or answered; it needs nlohmann-json's headers. A trivially
+// copyable type travels as JSON where that is said:
+//     template <> struct zelvo::Codec<Reading> : zelvo::JsonCodec<Reading> {};
+#ifndef ZELVO_JSON_HPP
+#define ZELVO_JSON_HPP
+
+#include "codec.hpp"
+
+#include <nlohmann/json.hpp>
+
+namespace zelvo {
+
+// What does not parse, or is JSON of another shape, does not decode. Encoding throws nlohmann's
+// type_error for a text that is not UTF-8.
+template <class Value>
+struct JsonCodec {
+    static std::string_view encode(const Value &value, std::string &space) {
+        space = nlohmann::json(value).dump();
+        return space;
+    }
+    static std::optional<Value> decode(std::string_view bytes) {
+        const auto json = nlohmann::json::parse(bytes, nullptr, false);
+        return json.is_discarded() ? std::nullopt : std::optional{json.template get<Value>()};
+    }
+};
+
+namespace detail {
+
+template <class Value, class = void>
+struct IsJson : std::false_type {};
+template <class Value>
+struct IsJson<Value,
+              std::void_t<decltype(nlohmann::json(std::declval<const Value &>())),
+                          decltype(std::declval<const nlohmann::json &>().template get<Value>())>>
+    : std::bool_constant<!IsBuiltIn<Value>::value> {};
+
+} // namespace detail
+
+template <class Value>
+struct Codec<Value, std::enable_if_t<detail::IsJson<Value>::value>> : JsonCodec<Value> {};
+
+} // namespace zelvo
+
+#endif

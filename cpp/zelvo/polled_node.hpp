@@ -1,0 +1,81 @@
+// A node for loops that poll. Included by zelvo/bus.hpp.
+#ifndef ZELVO_POLLED_NODE_HPP
+#define ZELVO_POLLED_NODE_HPP
+
+#include "bus.hpp"
+
+namespace zelvo {
+
+namespace detail {
+
+// What waits to be dispatched: a node has one piece of work at a time.
+class Inbox {
+public:
+    void put(Task task) {
+        const std::lock_guard lock{mutex_};
+        if (!task_) {
+            signal_.set();
+        }
+        task_ = std::move(task);
+    }
+    std::optional<Task> take() noexcept {
+        const std::lock_guard lock{mutex_};
+        if (task_) {
+            signal_.clear();
+        }
+        return std::exchange(task_, std::nullopt);
+    }
+    Signal::Native native() const noexcept { return signal_.native(); }
+
+private:
+    std::mutex mutex_;
+    std::optional<Task> task_;
+    Signal signal_;
+};
+
+} // namespace detail
+
+// A node whose handlers, timers and completions run where dispatch() is called, in a loop of the
+// application's own:
+//     pollfd waits[] = {{panel.fd(), POLLIN, 0}, ...};
+//     poll(waits, ...);
+//     panel.dispatch();
+// What holds for a node with an executor holds here.
+class PolledNode : public Node {
+public:
+    PolledNode(const Bus &bus, const std::string &name)
+        : PolledNode{bus, name, std::make_shared<detail::Inbox>()} {}
+
+    // Can be read while there is something to dispatch; not to be read or closed. On Windows it is
+    // a handle to wait for. Good as long as the node.
+    detail::Signal::Native fd() const noexcept { return inbox_->native(); }
+
+    // Does what there is to do, at most so much, and tells how much that was: a message, a call, or
+    // all timers and completions that are due count as one. Does not wait; what comes behind is
+    // told by fd(). By one thread at a time; not in a handler of the node itself, where there is
+    // nothing to do.
+    std::size_t dispatch(std::size_t at_most = static_cast<std::size_t>(-1)) {
+        const auto inbox = inbox_; // a handler may destroy the node
+        std::size_t done = 0;
+        while (done < at_most) {
+            auto task = inbox->take();
+            if (!task) {
+                break;
+            }
+            (*task)();
+            ++done;
+        }
+        return done;
+    }
+
+private:
+    PolledNode(const Bus &bus, const std::string &name, std::shared_ptr<detail::Inbox> inbox)
+        : Node{bus, name, [inbox](Task task) { inbox->put(std::move(task)); }},
+          inbox_{std::move(inbox)} {}
+
+    std::shared_ptr<detail::Inbox> inbox_;
+};
+
+} // namespace zelvo
+
+#endif
