@@ -57,9 +57,12 @@ class Browser:
     def open(self, path):
         self._send('/url', {'url': path if '://' in path else 'file://' + os.path.abspath(path)})
 
+    def command(self, name, **parameters):
+        return self._send('/goog/cdp/execute', {'cmd': name, 'params': parameters})
+
     def resize(self, width, height):
-        self._send('/goog/cdp/execute', {'cmd': 'Emulation.setDeviceMetricsOverride', 'params': {
-            'width': width, 'height': height, 'deviceScaleFactor': 1, 'mobile': False}})
+        self.command('Emulation.setDeviceMetricsOverride', width=width, height=height,
+                     deviceScaleFactor=1, mobile=False)
 
     def show(self, view):
         self.run('document.querySelector(`[data-view=${arguments[0]}]`).click()', view)
