@@ -84,7 +84,7 @@ public:
         });
     }
     void publish(int /*publisher*/, std::string_view payload) override {
-        Payload value; // all of it is written
+        Payload value; // as big as a payload is
         payload.copy(value.data, sizeof value.data);
         publisher_.publish(kTopic, value);
     }

@@ -343,7 +343,7 @@ inline std::string withoutNul(std::string_view bytes, bool looksLikeRefusal) {
     std::string text;
     text.reserve(bytes.size());
     if (looksLikeRefusal) {
-        (text += kEscape) += 3;
+        text += "\1\3";
     }
     for (const char c : bytes) {
         if (c == 0 || c == kEscape) {

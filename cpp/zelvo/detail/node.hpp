@@ -193,7 +193,7 @@ public:
     // run(timer)
     template <class Run>
     TimerPtr addTimer(Clock::duration wait, Clock::duration period, Run run) {
-        const TimerPtr timer = std::make_shared<TimerEntryOf<Run>>(period, std::move(run));
+        TimerPtr timer = std::make_shared<TimerEntryOf<Run>>(period, std::move(run));
         const std::lock_guard lock{mutex_};
         timers_.add(timer, later(Clock::now(), wait));
         if (!arm()) {
@@ -257,7 +257,7 @@ private:
             settled(work);
         } else if (!leaving_) {
             auto hop = [&] {
-                const auto outer = std::exchange(handlingNode(), this);
+                const auto *const outer = std::exchange(handlingNode(), this);
                 settled(work);
                 handlingNode() = outer;
             };
