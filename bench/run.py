@@ -19,7 +19,7 @@ import time
 
 FIELDS = ["operations", "seconds", "p50_ns", "p99_ns", "p999_ns", "lost", "processor_s",
           "switches", "peak_kb"]
-PROGRAMS = ["limit", "zelvo", "face", "handwritten", "zeromq", "nng", "tbb", "glib", "mqtt"]
+PROGRAMS = ["limit", "zelvo", "face", "handwritten", "zeromq", "nng", "tbb", "glib", "mqtt", "log"]
 # Cells that take long to set up, or stall: each third round is enough.
 RARE = {("memory-2000", None), ("publish-64", "ZeroMQ broker HWM 1024")}
 NOT_IN_QUICK = {"growth-100", "growth-1000", "fanout-64", "keys-get-1000", "keys-set-1000",
@@ -126,6 +126,7 @@ def machine():
         "library": text_of("git", "describe", "--always", "--dirty"),
         "peers": {"ZeroMQ": version_of("libzmq3-dev"), "nng": version_of("libnng-dev"),
                   "GLib": version_of("libglib2.0-dev"), "oneTBB": version_of("libtbb-dev"),
+                  "spdlog": version_of("libspdlog-dev"),
                   "libmosquitto": version_of("libmosquitto-dev"),
                   "glibc": version_of("libc6")},
     }

@@ -36,6 +36,8 @@ TARGETS = [
     ("call to a node with 1 timer", "time", "call-timers-1", [(OURS, "call-timers-0")], 1.1),
     ("call to a node with 1,000 timers", "time", "call-timers-1000", [(OURS, "call-timers-0")],
      1.1),
+    ("a line of the log into a file", "processor", "log-line", [("spdlog", "log-line")], 0.8),
+    ("a line of the log into a file", "processor", "log-line", [("write(2)", "log-line")], 1.6),
     ("call over MQTT", "time", "mqtt-call", [("libmosquitto", "mqtt-call")], 1.15),
     ("publish over MQTT", "time", "mqtt-publish", [("libmosquitto", "mqtt-publish")], 1.15),
     ("peak memory of 2,000 nodes", "peak", "memory-2000", [(HAND, "memory-2000")], 1.0),

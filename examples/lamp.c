@@ -1,4 +1,6 @@
-/* The C interface: a bus, two nodes and their threads. The README has it too. */
+/* The C interface: a bus, two nodes and their threads. With the library installed:
+ *     cc lamp.c $(pkg-config --cflags --libs zelvo) -pthread -o lamp && ./lamp
+ * Level 2 logs every message; zelvo-view lamp.log shows them. */
 #include <zelvo/bus_client.h>
 
 #include <pthread.h>
@@ -34,7 +36,7 @@ static char *on_call(void *userdata, client_t *self, char *url, char *data, int 
 int main(void) {
     char lamp_state[16] = "on", panel_state[16] = "unknown";
     pthread_t threads[3];
-    Zelvo_t *bus = busClientNew("{\"level\": 4}");
+    Zelvo_t *bus = busClientNew("{\"level\": 2, \"path\": \"lamp.log\"}");
     pthread_create(&threads[0], NULL, run_bus, bus);
     client_t *lamp = busClientConnect(bus, "lamp", NULL, on_call, lamp_state);
     client_t *panel = busClientConnect(bus, "panel", on_message, on_call, panel_state);

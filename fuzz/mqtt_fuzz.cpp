@@ -1,7 +1,7 @@
 // An input is a list of messages from a broker, one a line: letters, a tab, a topic, a tab, a
 // payload. A letter makes the message retained, or gives it a property (kProperties). They go to
-// the bridge's message handler, which has a bus to publish to and a node to call, and no
-// connection.
+// the bridge's message handlers, which have a bus to publish to and a node to call, and no
+// connection. A line "!" is the end of what is retained.
 #include "fuzz_support.h"
 
 #include "bridge.h"
@@ -32,18 +32,12 @@ struct World {
     const zelvo_mqtt::Config config = zelvo_mqtt::readConfig(kConfig);
     const zelvo_mqtt::Topics topics{config.prefix, config.site};
     zelvo_mqtt::Passing passing{bus.get(), "s"};
-    zelvo_mqtt::Buffer buffer{10, 1000};
-    struct Silence final : zelvo_mqtt::LinkEvents {
-        void connected() override {}
-        void disconnected(const std::string &) override {}
-        void received(const mosquitto_message &, const mosquitto_property *) override {}
-        std::chrono::milliseconds pause() override { return std::chrono::milliseconds{0}; }
-    } silence;
-    zelvo_mqtt::Link link{config, topics, buffer, log, silence};
+    zelvo_mqtt::CallLink link{config, topics, log, [](const auto &, const auto &) {},
+                              [](const auto &) {}};
     std::optional<zelvo_mqtt::Inflow> inflow;
     zelvo_mqtt::Calls calls{bus.get(), config, topics, link, log};
     zelvo_mqtt::Serving serving{bus.get(), config, topics, "mqtt.s", link, log};
-    zelvo_mqtt::Receiver receiver{topics, inflow, calls, serving, log};
+    zelvo_mqtt::Receiver receiver{topics, calls, serving, log};
 
     World() {
         REQUIRE(log.open("/dev/null", zelvo_mqtt::Level::kWarning));
@@ -55,7 +49,6 @@ struct World {
     ~World() {
         calls.close();
         serving.close();
-        inflow->close();
     }
     static char *reply(void *, client_t *, char *, char *data, int) {
         return data ? strdup(data) : nullptr;
@@ -83,6 +76,11 @@ struct PropertyKind {
     void (*add)(mosquitto_property *&, const std::string &);
 };
 constexpr PropertyKind kProperties[] = {
+    {'t',
+     [](mosquitto_property *&list, const std::string &value) {
+         mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, "zelvo-timeout",
+                                            value.c_str());
+     }},
     {'h',
      [](mosquitto_property *&list, const std::string &value) {
          mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, "zelvo-hops",
@@ -103,6 +101,11 @@ constexpr PropertyKind kProperties[] = {
      }}};
 
 void receive(std::string_view line) {
+    if (line == "!") {
+        world->inflow->sweep();
+        world->inflow->expectAll();
+        return;
+    }
     std::string_view letters = cut(line, '\t');
     const std::string topic{cut(line, '\t')};
     std::string payload{line};
@@ -122,7 +125,12 @@ void receive(std::string_view line) {
         }
     }
     const zelvo_mqtt::Properties owned{list};
-    world->receiver.receive(zelvo_mqtt::readIncoming(message, owned.get()));
+    const zelvo_mqtt::Incoming incoming = zelvo_mqtt::readIncoming(message, owned.get());
+    if (world->inflow->takes(topic)) {
+        world->inflow->publish(incoming);
+    } else {
+        world->receiver.receive(incoming);
+    }
     REQUIRE(!zelvo_mqtt::unescaped(zelvo_mqtt::escaped(topic)) ||
             *zelvo_mqtt::unescaped(zelvo_mqtt::escaped(topic)) == topic);
 }

@@ -29,8 +29,8 @@
  *           changes nothing. Its reason stands in the log, except for arguments that are null.
  *
  * Windows.  The C library whose malloc is meant is msvcrt.dll, whatever the application itself uses
- *           (README). Waits end at a tick of the system, 16 ms where no program asks for finer
- *           ones. A log file or key store that another program has open may be impossible to
+ *           (docs/windows.md). Waits end at a tick of the system, 16 ms where no program asks for
+ *           finer ones. A log file or key store that another program has open may be impossible to
  *           replace: lines then go to standard output, and a change stays in memory.
  *
  * Start: busClientNew, busClientBindServer in its thread; for each node busClientConnect, then

@@ -35,9 +35,10 @@ extern std::atomic<int> _level;
 
 // Opens the log. output_path: the file (null or empty, or one that cannot be opened: standard
 // output); mode 0 empties it, any other value appends; size: megabytes at which the file is
-// deleted and begun anew (0 or less: never). A log that is open keeps all of these: only the
-// threshold changes. A file that cannot be begun anew: lines go to standard output from then on.
-// Standard error is told why a file is not opened.
+// deleted and begun anew (0 or less: never); what others write to it and cut of it counts at the
+// latest when an eighth of what was left is written. A log that is open keeps all of these: only
+// the threshold changes. A file that cannot be begun anew: lines go to standard output from then
+// on. Standard error is told why a file is not opened.
 void bus_log_init(int level, const char *output_path, int mode, float size) noexcept;
 // Closes the log; a later bus_log_init opens it afresh.
 void bus_log_exit() noexcept;

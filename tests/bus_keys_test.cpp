@@ -77,11 +77,12 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
             std::error_code error;
             std::filesystem::rename(file(), file() + ".away");
             std::filesystem::create_symlink(target, file(), error);
-            if (!error) {
+            const bool can = !error && (target[0] != '/' || std::filesystem::exists(target));
+            if (can) {
                 body();
             }
             std::filesystem::rename(file() + ".away", file());
-            return !error;
+            return can;
         };
     };
     // In root's directory, with root's file.

@@ -46,14 +46,14 @@ TEST_F(Log, line_carries_ids_time_and_source) {
     inThreads(1, [&](int) { // whose id is not the process's
         thread = platform::threadId();
         time = floor<milliseconds>(system_clock::now());
-        bus::_bus_log(5, "src/a.cpp", 75, "f", "  %s, %s\n", "Tag", "1");
+        bus::_bus_log(5, "src/a.cpp", 75, "f", "  %s, %3d\n", "Tag", 1);
     });
     char line[128] = "";
     for (; line != readFile(path_) && time <= system_clock::now(); time += 1ms) {
         const std::time_t local = system_clock::to_time_t(time + 8h);
         char stamp[32];
         std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", std::gmtime(&local));
-        std::snprintf(line, sizeof line, "[%05u:%05u]%s.%03d [E] src/a.cpp#  75#  Tag, 1\n",
+        std::snprintf(line, sizeof line, "[%05u:%05u]%s.%03d [E] src/a.cpp#  75#  Tag,   1\n",
                       platform::processId(), thread, stamp,
                       static_cast<int>(time.time_since_epoch() / 1ms % 1000));
     }
@@ -61,19 +61,27 @@ TEST_F(Log, line_carries_ids_time_and_source) {
     EXPECT_EQ(bus::toTimeval(sys_days{year{2040} / 1 / 1}).tv_sec, 2208988800);
 }
 
+// Guards the numbers that a thread remembers.
+TEST_F(Log, child_of_a_fork_has_numbers_of_its_own) {
+    bus::bus_log_init(0, path_.c_str(), 0, 20);
+    BUS_LOG(3, "parent");
+    EXPECT_DEATH((bus::_bus_log(3, "", 1, "", "child"), std::abort()), "");
+    EXPECT_EQ(count(readFile(path_), std::to_string(platform::processId()) + ":"), 1U);
+}
+
 TEST_F(Log, threshold_drops_lines_and_evaluates_nothing) {
     BUS_LOG(5, "before the log is open");
     bus::bus_log_init(1, path_.c_str(), 0, 20);
     int evaluated = 0;
     for (int level = 0; level <= 6; ++level) {
-        BUS_LOG(level, "%d", ++evaluated);
+        BUS_LOG(level, "%02d", ++evaluated);
     }
     bus::bus_log_init(5, "", 1, 0.00001F); // open: only the level changes
     BUS_LOG(4, "dropped");
     BUS_LOG(5, "kept");
     bus::bus_log_exit();
     BUS_LOG(5, "after it is closed");
-    EXPECT_EQ(text(), "V 1\nD 2\nI 3\nW 4\nE 5\n- 6\nE kept\n");
+    EXPECT_EQ(text(), "V 01\nD 02\nI 03\nW 04\nE 05\n- 06\nE kept\n");
 }
 
 TEST_F(Log, text_is_cut_and_file_is_emptied_appended_to_or_begun_anew) {
@@ -92,6 +100,22 @@ TEST_F(Log, text_is_cut_and_file_is_emptied_appended_to_or_begun_anew) {
     }
     std::ofstream{utf8Path(path_)}.seekp(std::int64_t{3} << 30).put('x'); // beyond 32 bits
     EXPECT_EQ(written({"next"}, 1, 2500), notice + "3221225473" + anew);
+}
+
+// Guards the size that is not asked for each time.
+TEST_F(Log, what_others_write_and_cut_counts) {
+    bus::bus_log_init(0, path_.c_str(), 1, 10.0F / 1024);
+    const std::string text(4000, 'x');
+    BUS_LOG(3, "%s", text.c_str());
+    BUS_LOG(3, "%s", text.c_str());
+    std::filesystem::resize_file(utf8Path(path_), 0);
+    BUS_LOG(3, "%s", text.c_str());
+    BUS_LOG(3, "%s", text.c_str());
+    EXPECT_EQ(count(readFile(path_), "x\n"), 2U);
+    std::ofstream{utf8Path(path_), std::ios::app} << text;
+    BUS_LOG(3, "%s", text.c_str()); // behind it, which tells where the file ends
+    BUS_LOG(3, "%s", text.c_str());
+    EXPECT_EQ(count(readFile(path_), "x\n"), 1U);
 }
 
 // Guards what a disk that fails takes.

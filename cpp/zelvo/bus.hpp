@@ -33,8 +33,9 @@
 //             a warning in the log.
 #ifndef ZELVO_BUS_HPP
 #define ZELVO_BUS_HPP
-#if __cplusplus < 201703L && !(defined(_MSVC_LANG) && _MSVC_LANG >= 201703L)
-#error "zelvo/bus.hpp needs C++17: -std=c++17"
+
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
 #else
 
 #include "codec.hpp"
@@ -502,5 +503,6 @@ private:
 
 #include "polled_node.hpp"
 
-#endif
+#endif // C++17
+
 #endif

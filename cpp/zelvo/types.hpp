@@ -1,8 +1,8 @@
 // What a bus is made with, and what calls on it give. Included by zelvo/bus.hpp.
 #ifndef ZELVO_TYPES_HPP
 #define ZELVO_TYPES_HPP
-#if __cplusplus < 201703L && !(defined(_MSVC_LANG) && _MSVC_LANG >= 201703L)
-#error "the C++ headers of Zelvo need C++17: -std=c++17"
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
 #else
 
 #include <chrono>
@@ -150,5 +150,6 @@ struct Config {
 
 } // namespace zelvo
 
-#endif
+#endif // C++17
+
 #endif

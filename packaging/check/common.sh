@@ -5,18 +5,13 @@ source "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# block LANGUAGE: the README's first block of it.
-block() {
-    awk -v fence="\`\`\`$1" '$0 == fence { inside = 1; next } inside && /^```$/ { exit } inside' README.md
-}
-
-# write_examples FOLDER: the README's first example in C as example.c and example.cpp, and the one in
-# C++ as face.cpp.
+# write_examples FOLDER: the program in C as example.c and example.cpp, and the README's first in C++ as
+# face.cpp.
 write_examples() {
-    block c >"$1/example.c"
-    block cpp >"$1/face.cpp"
-    [[ -s $1/example.c && -s $1/face.cpp ]] || fail "README.md has no block of C or of C++"
-    cp "$1/example.c" "$1/example.cpp"
+    cp examples/lamp.c "$1/example.c"
+    cp examples/lamp.c "$1/example.cpp"
+    awk '/^```cpp$/ { inside = 1; next } inside && /^```$/ { exit } inside' README.md >"$1/face.cpp"
+    [[ -s $1/face.cpp ]] || fail "README.md has no program in C++"
 }
 
 # compare_output SOURCE OUTPUT: the program of a source has printed what it should.
@@ -28,6 +23,6 @@ compare_output() {
 
 # check_output PROGRAM SOURCE [LIBRARY-FOLDER]: runs a program.
 check_output() {
-    LD_LIBRARY_PATH=${3:-} timeout 60 "$1" >"$work/output" || fail "$1 failed: $?"
+    (cd "$work" && LD_LIBRARY_PATH=${3:-} timeout 60 "$1") >"$work/output" || fail "$1 failed: $?"
     compare_output "$2" "$work/output"
 }

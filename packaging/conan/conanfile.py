@@ -44,7 +44,8 @@ class ZelvoConan(ConanFile):
         toolchain = CMakeToolchain(self)
         for part in ("TESTS", "EXAMPLES"):
             toolchain.cache_variables[f"ZELVO_BUILD_{part}"] = False
-        toolchain.cache_variables["ZELVO_LTO"] = False
+        for option in ("ZELVO_LTO", "ZELVO_INSTALL_DOCS"):
+            toolchain.cache_variables[option] = False
         toolchain.generate()
         PkgConfigDeps(self).generate()
 

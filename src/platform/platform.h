@@ -53,7 +53,8 @@ inline void relax() noexcept {
 #endif
 }
 
-// The kernel's numbers of the calling thread and of the process; they are never 0.
+// The kernel's numbers of the calling thread and of the process; they are never 0. A thread asks
+// for them once, and after a fork the child's once more; a bare clone of the process must not ask.
 std::uint32_t threadId() noexcept;
 std::uint32_t processId() noexcept;
 

@@ -66,6 +66,21 @@ long futex(Word &word, int operation, std::uint32_t value,
                    nullptr, 0);
 }
 
+// What the kernel calls a thread and its process, asked once; the child of a fork asks anew.
+constinit thread_local struct Numbers {
+    std::uint32_t thread;
+    std::uint32_t process;
+} known{0, 0};
+
+const Numbers &numbers() noexcept {
+    static const bool forgets = pthread_atfork(nullptr, nullptr, [] { known = {}; }) == 0;
+    if (known.thread == 0 || !forgets) {
+        known = {static_cast<std::uint32_t>(syscall(SYS_gettid)),
+                 static_cast<std::uint32_t>(getpid())};
+    }
+    return known;
+}
+
 bool isProcess(const std::filesystem::path &entry) {
     const std::string name = entry.filename().string();
     return name.find_first_not_of("0123456789") == std::string::npos;
@@ -128,11 +143,11 @@ void yieldThread() noexcept {
 }
 
 std::uint32_t threadId() noexcept {
-    return static_cast<std::uint32_t>(syscall(SYS_gettid));
+    return numbers().thread;
 }
 
 std::uint32_t processId() noexcept {
-    return static_cast<std::uint32_t>(getpid());
+    return numbers().process;
 }
 
 void *threadStart(ThreadBody body, void *arg, std::size_t stack) noexcept {

@@ -15,7 +15,7 @@ _ARGUMENTS = ('--headless=new', '--no-sandbox', '--disable-gpu', '--disable-dev-
 
 
 class Browser:
-    """A context: the browser, with one page."""
+    # A context: the browser, with one page.
 
     def __enter__(self):
         self._home = tempfile.TemporaryDirectory(prefix='zelvo-view-browser-')
@@ -55,16 +55,19 @@ class Browser:
             return json.load(answer)['value']
 
     def open(self, path):
-        self._send('/url', {'url': 'file://' + os.path.abspath(path)})
+        self._send('/url', {'url': path if '://' in path else 'file://' + os.path.abspath(path)})
 
     def resize(self, width, height):
         self._send('/goog/cdp/execute', {'cmd': 'Emulation.setDeviceMetricsOverride', 'params': {
             'width': width, 'height': height, 'deviceScaleFactor': 1, 'mobile': False}})
 
+    def show(self, view):
+        self.run('document.querySelector(`[data-view=${arguments[0]}]`).click()', view)
+
     def run(self, script, *arguments):
-        """The result of a script in the page."""
+        # The result of a script in the page.
         return self._send('/execute/sync', {'script': script, 'args': list(arguments)})
 
     def errors(self):
-        """What the browser has complained about since the last time, also refused requests."""
+        # What the browser has complained about since the last time, also refused requests.
         return [entry['message'] for entry in self._send('/se/log', {'type': 'browser'})]

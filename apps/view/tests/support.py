@@ -19,7 +19,7 @@ atexit.register(shutil.rmtree, folder, True)
 
 
 def needs(program, script='script/setup view'):
-    """The path of a program; without it the test is skipped, or fails where all must be there."""
+    # The path of a program; without it the test is skipped, or fails where all must be there.
     found = shutil.which(program)
     if found is None:
         missing = '{} is not installed: {}'.format(program, script)
@@ -28,7 +28,7 @@ def needs(program, script='script/setup view'):
 
 
 def view(*arguments, data=None, code=0, **more):
-    """Runs zelvo-view; its standard output, and that its exit code is code."""
+    # Runs zelvo-view; its standard output, and that its exit code is code.
     done = subprocess.run(VIEW + list(arguments), input=data, stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, timeout=LIMIT, check=False, **more)
     assert done.returncode == code, (done.returncode, done.stderr)
@@ -44,7 +44,7 @@ _made = {}
 
 
 def scenario(level):
-    """(path of the log, truth) of one run of the scenario."""
+    # (path of the log, truth) of one run of the scenario.
     if level not in _made:
         log, truth = (os.path.join(folder, name + str(level)) for name in ('log', 'truth'))
         subprocess.run([os.environ['ZELVO_VIEW_SCENARIO'], log, truth, str(level)], check=True,
@@ -60,7 +60,7 @@ def scenario(level):
 
 
 class Log:
-    """A log written by hand, line by line, for what the library writes too rarely."""
+    # A log written by hand, line by line, for what the library writes too rarely.
 
     def __init__(self):
         self.lines = []
@@ -78,7 +78,7 @@ class Log:
                                                                payload, len(payload)))
 
     def join(self, tid, name, topic):
-        """The node joins, and has subscribed to the topic."""
+        # The node joins, and has subscribed to the topic.
         self.line(tid, 'Vek-server {} node joined'.format(name), 'server/service')
         self.trace(tid, name, '==>', 'request', url='/bus/subscribe', payload='["%s"]' % topic)
         return self.line(tid, 'Vek-client {} call response, {{"data":""}}'.format(name),
@@ -95,5 +95,5 @@ class Log:
         return b''.join(self.lines)
 
     def kinds(self, kind, *arguments):
-        """The messages of one kind that zelvo-view finds in it."""
+        # The messages of one kind that zelvo-view finds in it.
         return [m for m in messages(*arguments, data=self.bytes()) if m['kind'] == kind]

@@ -3,7 +3,6 @@
 import os
 import re
 import stat
-import threading
 import unittest
 
 import support
@@ -11,7 +10,7 @@ from support import Log, messages, scenario, view
 
 
 def pairs(found):
-    """Publisher and publication of each delivery."""
+    # Publisher and publication of each delivery.
     return [(m['from'], m['of']) for m in found]
 
 
@@ -108,7 +107,7 @@ class Matching(unittest.TestCase):
 
 class Reading(unittest.TestCase):
     def test_every_piece_of_a_log_can_be_read(self):
-        """Cut anywhere, it shows no message that the whole does not show."""
+        # Cut anywhere, it shows no message that the whole does not show.
         path, _ = scenario(2)
         with open(path, 'rb') as file:
             data = file.read()[:60000]
@@ -194,15 +193,12 @@ class Reading(unittest.TestCase):
         link, goal, pipe = (os.path.join(support.folder, name) for name in ('link', 'goal', 'pipe'))
         os.symlink(goal, link)
         os.mkfifo(pipe)
-        read = []
-        reader = threading.Thread(target=lambda: read.extend(open(pipe, 'rb')))
-        reader.start()
-        for path in link, pipe:
-            view('--perfetto', path, data=Log().publish(1, 'a', 't').bytes())
-        reader.join(support.LIMIT)
-        self.assertTrue(os.path.islink(link) and stat.S_ISFIFO(os.stat(pipe).st_mode))
-        with open(goal, 'rb') as file:
-            self.assertEqual(file.readlines(), read)
+        with support.subprocess.Popen(['cat', pipe], stdout=support.subprocess.PIPE) as reader:
+            for path in link, pipe:
+                view('--perfetto', path, data=Log().publish(1, 'a', 't').bytes())
+            self.assertTrue(os.path.islink(link) and stat.S_ISFIFO(os.stat(pipe).st_mode))
+            with open(goal, 'rb') as file:
+                self.assertEqual(file.read(), reader.stdout.read())
 
     def test_other_inputs_are_refused_with_the_place_and_the_reason(self):
         other = os.path.join(support.folder, 'other.log')

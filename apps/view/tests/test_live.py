@@ -17,7 +17,7 @@ SHOWN_WITHIN = 0.05  # seconds, of the quicker lines: others may be at work on t
 
 
 class Follower:
-    """zelvo-view --follow, and its lines with the time of each."""
+    # zelvo-view --follow, and its lines with the time of each.
 
     def __init__(self, *arguments, stdin=None):
         self.process = subprocess.Popen(VIEW + list(arguments), stdin=stdin, stdout=subprocess.PIPE)

@@ -45,7 +45,7 @@ class Graphviz(unittest.TestCase):
 
 class Mermaid(unittest.TestCase):
     def parsed(self, *diagrams):
-        """What Mermaid's own parser says of them."""
+        # What Mermaid's own parser says of them.
         tools = os.environ.get('ZELVO_VIEW_TOOLS', '')
         if not os.path.isdir(os.path.join(tools, 'node_modules', 'mermaid')):
             needs('mermaid', 'script/check view')
@@ -71,7 +71,7 @@ class Mermaid(unittest.TestCase):
 
 
 class Perfetto(unittest.TestCase):
-    """Against Chrome's trace event format: what each phase needs, nesting, and where arrows bind."""
+    # Against Chrome's trace event format: what each phase needs, nesting, and where arrows bind.
     NEEDS = {'X': {'name', 'cat', 'ts', 'dur'}, 'M': {'name', 'args'}, 'i': {'name', 'ts', 's'},
              's': {'id', 'ts', 'cat'}, 't': {'id', 'ts', 'cat'}, 'f': {'id', 'ts', 'cat', 'bp'}}
 

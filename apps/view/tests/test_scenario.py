@@ -8,7 +8,7 @@ from support import PANEL, messages, scenario, view
 
 
 def logged(data):
-    """What the log shows of a payload: (payload, size)."""
+    # What the log shows of a payload: (payload, size).
     if data is None or not 0 < len(data) < 200:
         return None, len(data or b'')
     return data.partition(b'\0')[0] + b'\0' * (b'\0' in data), len(data)
@@ -22,7 +22,7 @@ def seen(message):
 
 
 class EachLevel:
-    """Level 2, and level 1 with the bus's own lines between."""
+    # Level 2, and level 1 with the bus's own lines between.
     level = 0
 
     def setUp(self):

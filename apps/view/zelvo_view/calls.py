@@ -1,8 +1,7 @@
-"""Calls and their answers.
+"""Calls and their answers."""
 
-A thread that calls waits for its answer, so the two are lines of one thread. The bus tells which
-call it hands on, by its walk along the callers, and each node takes what is handed to it in order.
-"""
+# A thread that calls waits for its answer, so the two are lines of one thread. The bus tells which
+# call it hands on, by its walk along the callers, and each node takes what is handed to it in order.
 
 from .model import BUS, REFUSED, UNKNOWN, Message
 from .publications import topics_of

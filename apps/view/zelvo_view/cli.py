@@ -4,6 +4,7 @@ import argparse
 import datetime
 import functools
 import gc
+import importlib
 import os
 import re
 import signal
@@ -30,6 +31,8 @@ def _parser():
         parser.add_argument('--' + flag, action='store_true')
     parser.add_argument('--perfetto', metavar='OUT')
     parser.add_argument('--html', metavar='OUT')
+    parser.add_argument('--serve', nargs='?', type=int, const=8377, metavar='PORT')
+    parser.add_argument('--listen', metavar='ADDRESS')
     parser.add_argument('--node', action='append', default=[])
     parser.add_argument('--topic', action='append', default=[])
     parser.add_argument('--from', dest='begin', type=_time, metavar='TIME')
@@ -90,7 +93,7 @@ class View:
         for message in messages:
             if self._filter is None:
                 self._make_filter()
-            if not self._filter.narrows or self._filter.passes(message):
+            if self.passes(message):
                 yield message
 
     def _make_filter(self):
@@ -111,9 +114,12 @@ class View:
                 yield from self.wanted(matcher.ready(matcher.last_ms))
         yield from self.wanted(matcher.finish())
 
+    def passes(self, message):
+        return self._filter is None or not self._filter.narrows or self._filter.passes(message)
+
     def why_nothing(self):
         """What to say where there was nothing to show."""
-        if self.inputs.is_empty:
+        if not any(reader.count or reader.strange for reader in self.inputs.readers):
             return 'the input is empty'
         return 'nothing found' if self._filter else 'no messages: log at level 2 (`level`)'
 
@@ -160,29 +166,18 @@ def _summarise(view, arguments):
     return stats.messages
 
 
-def _mermaid(view, arguments):
-    from . import mermaid
-    return mermaid.write(view, sys.stdout, arguments.limit)
-
-
-def _dot(view, _arguments):
-    from . import dot
-    return dot.write(view, sys.stdout)
-
-
-def _perfetto(view, arguments):
-    from . import perfetto
-    return perfetto.write(view, arguments.perfetto)
-
-
-def _html(view, arguments):
-    from . import report
-    return report.write(view, arguments.html)
+def _by(module, *names):
+    """A module that is loaded when it is needed, and the options that it takes."""
+    def run(view, arguments):
+        found = importlib.import_module('.' + module, __package__)
+        return found.run(view, *(getattr(arguments, name) for name in names))
+    return run
 
 
 # What is done for the first of these options that is given.
-_MODES = (('follow', _follow), ('html', _html), ('perfetto', _perfetto), ('mermaid', _mermaid),
-          ('dot', _dot), ('json', _show_lines), ('messages', _show_lines))
+_MODES = (('serve', _by('serve', 'serve', 'listen')), ('follow', _follow), ('html', _by('report', 'html')),
+          ('perfetto', _by('perfetto', 'perfetto')), ('mermaid', _by('mermaid', 'limit')),
+          ('dot', _by('dot')), ('json', _show_lines), ('messages', _show_lines))
 
 
 def _run(argv):
@@ -191,10 +186,13 @@ def _run(argv):
         print(manual.help_text() if arguments.help else 'zelvo-view {}\n'.format(manual.version()),
               end='')
         return FOUND
-    given = [(name, run) for name, run in _MODES if getattr(arguments, name)]
+    given = [(name, run) for name, run in _MODES
+             if getattr(arguments, name) or name == 'serve' and arguments.serve is not None]
     if len(given) - (arguments.json and (arguments.messages or arguments.follow)) > 1:
         raise InputError('of {} only one at a time'.format(
             ' and '.join('--' + name for name, _ in given)))
+    if arguments.listen and arguments.serve is None:
+        raise InputError('--listen: only with --serve')
     if arguments.limit is not None and arguments.limit < 1:
         raise InputError('--limit: at least 1')
     view = View(arguments)

@@ -3,7 +3,7 @@
 from collections import Counter
 
 from . import texts
-from .model import KINDS
+from .model import BUS, KINDS
 
 
 def quoted(text):
@@ -12,12 +12,23 @@ def quoted(text):
     return '"{}"'.format(text)
 
 
+def edges_of(message):
+    """(kind, from, to) of each edge that a message goes along."""
+    kind, src, dst, subject = message.kind, message.src, message.dst, message.subject
+    if kind in ('publish', 'sticky'):
+        return (('publish', src, subject),)
+    if kind == 'deliver':
+        delivered = ('deliver', subject, dst)
+        return (delivered, ('publish', src, subject)) if src == BUS else (delivered,)
+    return (('call', src, dst),) if kind == 'call' else ()
+
+
 class Graph:
     """Nodes, topics, and counts between them."""
 
     def __init__(self):
         self.nodes = {}  # in the order of their first message
-        self.topics = Counter()
+        self.topics = {}
         self.edges = Counter()  # (kind, from, to): how often
         self.addresses = {}  # (caller, callee): Counter of addresses
 
@@ -26,18 +37,13 @@ class Graph:
         for name in (src, dst):
             if name is not None:
                 self.nodes.setdefault(name, None)
-        if kind in ('publish', 'sticky'):
-            self.topics[subject] += 1
-            self.edges[('publish', src, subject)] += 1
-        elif kind == 'deliver':
-            self.topics[subject] += 0
-            self.edges[('deliver', subject, dst)] += 1
-            if src == 'bus':
-                self.edges[('publish', src, subject)] += 1
-        elif kind == 'call':
-            self.edges[('call', src, dst)] += 1
-            self.addresses.setdefault((src, dst), Counter())[subject] += 1
-        elif KINDS[kind] and src is not None and dst is not None:
+        for edge in edges_of(message):
+            self.edges[edge] += 1
+            if edge[0] == 'call':
+                self.addresses.setdefault((src, dst), Counter())[subject] += 1
+            else:
+                self.topics.setdefault(subject, None)
+        if KINDS[kind] and src is not None and dst is not None:
             self.edges[('fault ' + kind, src, dst)] += 1
 
     def text(self):
@@ -72,7 +78,7 @@ class Graph:
             kind[len('fault '):], count)
 
 
-def write(view, stream):
+def run(view):
     graph = Graph()
     count = 0
     for message in view.messages():
@@ -80,5 +86,5 @@ def write(view, stream):
         count += 1
     if count:
         for line in graph.text():
-            stream.write(line + '\n')
+            print(line)
     return count

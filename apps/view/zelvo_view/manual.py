@@ -6,8 +6,8 @@ import sys
 import textwrap
 
 SYNOPSIS = ('zelvo-view [FILE...] [--messages | --follow | --json | --mermaid | --dot |\n'
-            '           --perfetto OUT | --html OUT] [--node NAME] [--topic TOPIC]\n'
-            '           [--from TIME] [--to TIME]')
+            '           --perfetto OUT | --html OUT | --serve [PORT]] [--node NAME]\n'
+            '           [--topic TOPIC] [--from TIME] [--to TIME]')
 
 INTRODUCTION = '''\
 Shows the traffic of a Zelvo bus: who talks to whom, what was lost, and what hangs. It reads logs as
@@ -26,6 +26,11 @@ OPTIONS = (
     ('--perfetto OUT', 'Writes a trace that Perfetto and chrome://tracing open: a track for each '
      'thread of a node, a slice for each handler and call, arrows between what belongs together.'),
     ('--html OUT', 'Writes a report in one file that a browser opens without a network.'),
+    ('--serve [PORT]', 'Shows the running bus in a browser, at the address that it prints (port 8377 '
+     'if not given, 0: any), until Ctrl-C. What standard input holds beyond what can be read in time '
+     'is skipped and counted, so that the program that writes it never waits.'),
+    ('--listen ADDRESS', 'With --serve: listens there instead of on 127.0.0.1. Whoever reaches it and '
+     'knows the key in the address sees all messages, unencrypted.'),
     ('--all', 'With the summary: all rows of its tables, not only the first 20.'),
     ('--limit N', 'With --mermaid: at most so many messages, 400 if not given.'),
     ('--node NAME', 'Only messages from or to this node. May be repeated.'),
@@ -54,6 +59,7 @@ NO_COLOR: where it is set and not empty, no colours. Colours are for terminals a
     ('Examples', '''\
 zelvo-view run.log
 app | zelvo-view --follow
+app | zelvo-view --serve
 zelvo-view run.log --dot | dot -Tsvg > run.svg
 zelvo-view run.log --html run.html --from +2 --to +3'''),
 )
@@ -65,8 +71,7 @@ def help_text(width=80):
              '', textwrap.fill(INTRODUCTION, width), '', 'Options:']
     for option, text in OPTIONS:
         lines.append('  ' + option)
-        lines.append(textwrap.fill(text, width, initial_indent=' ' * 6,
-                                   subsequent_indent=' ' * 6))
+        lines.append(textwrap.fill(text, width, initial_indent=' ' * 6, subsequent_indent=' ' * 6))
     for title, text in SECTIONS:
         lines += ['', title + ':']
         if title == 'Examples':

@@ -1,9 +1,7 @@
-"""From records to messages: which delivery belongs to which publication, and which answer to which
-call.
+"""From records to messages: which publication is delivered, and which call is answered."""
 
-Only what the log tells decides (publications.py, calls.py). Tables are bounded: what is no longer
-remembered is not matched, and shown so.
-"""
+# Only what the log tells decides (publications.py, calls.py). Tables are bounded: what is no longer
+# remembered is not matched, and shown so.
 
 import re
 from collections import OrderedDict, deque
@@ -273,8 +271,8 @@ class Matcher:
         return not self._ONCE.search(record.text)
 
     def _is_doubled(self, record):
-        """Whether a record is the one before once more. One of which there can be two is, where the
-        lines about it are doubled too."""
+        """Whether a record is the one before once more."""
+        # One of which there can be two is, where the lines about it are doubled too.
         self._in_a_row = self._in_a_row + 1 if record.again else 0
         if not self._repeats(record):
             if record.again:

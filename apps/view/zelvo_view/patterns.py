@@ -1,9 +1,8 @@
-"""What the log's lines that are no traces mean, by the source that writes them.
+"""What the log's lines that are no traces mean, by the source that writes them."""
 
-A handler gets the process, the record, its thread and the match. A pattern without one is a line
-that says nothing about the traffic, or nothing that the traces do not say; a warning or an error
-that is not listed here is shown as it stands.
-"""
+# A handler gets the process, the record, its thread and the match. A pattern without one is a line
+# that says nothing about the traffic, or nothing that the traces do not say; a warning or an error
+# that is not listed here is shown as it stands.
 
 import re
 
@@ -240,8 +239,7 @@ def _compile(*rows):
 
 
 PATTERNS = {
-    b'manager': _compile(
-        (rb'Vek-client busManager delete', _deleted)),
+    b'manager': _compile((rb'Vek-client busManager delete', _deleted)),
     b'connect': _compile(
         (rb'Vek-client (.*) connect begin, busManager: .*', _connect_begins),
         (rb'Vek-client (.*) connect end, payload: .*', _connected),
@@ -274,8 +272,7 @@ PATTERNS = {
         (rb'Vek-client (.*) set timer \d+', _timer_set),
         (rb'Vek-client (.*) kill timer: -?\d+', _timer_killed),
         (rb'Vek-client timerId overstep the boundary 32767', None),
-        (rb'Vek-client (.*) settimer failed, queue is full',
-         _own_queue_full('settimer')),
+        (rb'Vek-client (.*) settimer failed, queue is full', _own_queue_full('settimer')),
         (rb'Vek-client (.*) killtimer failed, queue is full',
          _own_queue_full('killtimer'))),
     b'deadlock': _compile(
@@ -289,8 +286,6 @@ PATTERNS = {
         (rb'Vek-server server ==> (.*) request failed, queue is full', _request_lost),
         (rb'Vek-server (.*) disjoin', _left),
         (rb'Vek-server (.*) late response dropped, url: (.*)', _late)),
-    b'departed': _compile(
-        (rb'Vek-server (.*) disjoin', _left)),
-    b'keys': _compile(
-        (rb'Vek-server server pusblish  (.*) failed, queue is full', _answer_lost)),
+    b'departed': _compile((rb'Vek-server (.*) disjoin', _left)),
+    b'keys': _compile((rb'Vek-server server pusblish  (.*) failed, queue is full', _answer_lost)),
 }

@@ -1,9 +1,8 @@
-"""A trace in Chrome's event format, for Perfetto and chrome://tracing.
+"""A trace in Chrome's event format, for Perfetto and chrome://tracing."""
 
-A node is a process of the trace, and its threads are the node's tracks: what one thread does nests,
-what several do may overlap. Times are the log's milliseconds; within one, the log's order takes the
-place of microseconds.
-"""
+# A node is a process of the trace, and its threads are the node's tracks: what one thread does nests,
+# what several do may overlap. Times are the log's milliseconds; within one, the log's order takes the
+# place of microseconds.
 
 import json
 
@@ -114,7 +113,7 @@ class Trace:
                  'call': _called}
 
 
-def write(view, path):
+def run(view, path):
     """Writes the trace to the file path; tells how many messages there were."""
     from .sources import writing
     messages = list(view.messages())

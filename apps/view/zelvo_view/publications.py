@@ -1,11 +1,10 @@
-"""Publications and their deliveries.
+"""Publications and their deliveries."""
 
-A delivery does not name its publisher. At level 1 the bus tells which publication it puts into
-whose queue. At level 2 a delivery belongs to a publication with the same topic, length and payload
-that the node has not received yet; of several such ones it is the first, as long as that one was
-certainly sent first and nothing has been lost; otherwise the delivery keeps the publisher that they
-have in common, or none.
-"""
+# A delivery does not name its publisher. At level 1 the bus tells which publication it puts into
+# whose queue. At level 2 a delivery belongs to a publication with the same topic, length and payload
+# that the node has not received yet; of several such ones it is the first, as long as that one was
+# certainly sent first and nothing has been lost; otherwise the delivery keeps the publisher that they
+# have in common, or none.
 
 import json
 from collections import deque

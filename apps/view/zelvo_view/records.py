@@ -1,10 +1,9 @@
-"""The log's grammar: from bytes to records.
+"""The log's grammar: from bytes to records."""
 
-A record is one entry of the log. It begins at the beginning of a line with its head,
-"[pid:tid]YYYY-MM-DD hh:mm:ss.mmm [L] file#line#", and may take up several lines, because a payload
-may hold line breaks. A payload may also hold text that looks like a head; so where the log tells
-how long a text is, as it does of every message, the record ends there and not at the next head.
-"""
+# A record is one entry of the log. It begins at the beginning of a line with its head,
+# "[pid:tid]YYYY-MM-DD hh:mm:ss.mmm [L] file#line#", and may take up several lines, because a payload
+# may hold line breaks. A payload may also hold text that looks like a head; so where the log tells
+# how long a text is, as it does of every message, the record ends there and not at the next head.
 
 import datetime
 import json
@@ -84,17 +83,14 @@ def _cut_payload(text, size):
 
 
 class Reader:
-    """Takes bytes as they come, gives records.
-
-    live: whether each piece ends where its writer has paused, so that what it ends with need not
-    wait for more.
-    """
+    """Takes bytes as they come, gives records."""
+    # live: whether each piece ends where its writer has paused, so that what it ends with need not
+    # wait for more.
 
     def __init__(self, live=False):
         self.live = live
         self.strange = 0  # lines that belong to no record
         self.count = 0
-        self.is_empty = True
         self._buf = b''
         self._first = None  # the first strange line
         self._read = 0  # bytes before the first record
@@ -108,7 +104,6 @@ class Reader:
     def feed(self, data, final=False):
         """Yields the records that data completes. final: nothing follows."""
         buf = self._buf + data if self._buf else data
-        self.is_empty = self.is_empty and not data
         pos = 0
         wanted = 1 if final or self.live else LONGEST + 2 + SHOWN
         match = _RECORD.match
@@ -197,8 +192,8 @@ class Reader:
         return False
 
     def _plain_trace(self, buf, text, pos, end):
-        """A trace that is one line, or None. Each mark is looked for once: a line that holds many
-        takes no longer than another."""
+        """A trace that is one line, or None."""
+        # Each mark is looked for once: a line that holds many takes no longer than another.
         server = text.startswith(b'Vek-server')
         head = (_SERVER_TRACE if server else _CLIENT_TRACE).match(text)
         if head is None or end - pos > LONGEST:
@@ -237,8 +232,8 @@ class Reader:
 
     @staticmethod
     def _find_fields(buf, head, server, fits, near, stop):
-        """Tries every place where topic and url (before near) and payload (before stop) may end; of
-        the payloads that fit, the longest is the one that the log has written."""
+        """Tries every place where topic and url (before near) and payload (before stop) may end."""
+        # Of the payloads that fit, the longest is the one that the log has written.
         mark = b', payload:' if server else b', payload: '
         start = buf.find(mark, head.end(), near)
         while start >= 0:
@@ -276,12 +271,12 @@ class Reader:
         url = rest.partition(b', payload:')[0]
         name = head.group(2) if server else head.group(1)
         out = head.group(1 if server else 2) == b'==>'
-        return end, Trace(server, name, out, head.group(3), topic, url, b'', None, None,
-                          False)
+        return end, Trace(server, name, out, head.group(3), topic, url, b'', None, None, False)
 
     def _answer_end(self, buf, begin, line_end, pos, final):
-        """Where the record of an answer ends. Its length is that of an answer which a node has just
-        given, or its text is JSON that the bus has printed. None: more of it may be to come."""
+        """Where the record of an answer ends; None: more of it may be to come."""
+        # Its length is that of an answer which a node has just given, or its text is JSON that the
+        # bus has printed.
         text = buf.find(_RESPONSE, begin) + len(_RESPONSE)
         best = line_end
         next_is_head = _HEAD_ANYWHERE.match(buf, line_end)

@@ -6,28 +6,19 @@ const page = (() => {
   const { kinds, names, subjects, payloads, notes, columns } = data;
   const ROW = 22;
   const MOST = 1e6; // pixels of the rows' height; a browser ends an element at 33 million
-  const WIDE = 780;
   const el = (id) => document.getElementById(id);
   const count = () => columns.time.length;
   const name = (index) => (index < 0 ? '' : names[index]);
 
-  const make = (tag, className, text) => {
-    const made = document.createElement(tag);
-    if (className) made.className = className;
-    if (text !== undefined) made.textContent = text;
-    return made;
+  const set = (element, attributes) => {
+    for (const [key, value] of Object.entries(attributes)) element.setAttribute(key, value);
+    return element;
   };
-  const makeSvg = (tag, attributes, text) => {
-    const made = document.createElementNS('http://www.w3.org/2000/svg', tag);
-    for (const key of Object.keys(attributes)) made.setAttribute(key, attributes[key]);
-    if (text !== undefined) made.textContent = text;
-    return made;
-  };
-  const button = (text, className, onClick) => {
-    const made = make('button', className, text);
-    made.addEventListener('click', onClick);
-    return made;
-  };
+  const make = (tag, className = '', textContent = '') =>
+    Object.assign(document.createElement(tag), { className, textContent });
+  const makeSvg = (tag, attributes, textContent = '') =>
+    Object.assign(set(document.createElementNS('http://www.w3.org/2000/svg', tag), attributes), { textContent });
+  const button = (text, className, onclick) => Object.assign(make('button', className, text), { onclick });
   // The date is shown where there is more than one day.
   const clock = (ms, isLong) => new Date(ms).toISOString().slice(isLong ? 0 : 11, 23);
   const hasDays = () => count() > 0 && Math.floor((data.begin + columns.time[0]) / 86400000) !==
@@ -49,31 +40,28 @@ const page = (() => {
 
   // ---- overview ----
 
-  function table(part) {
+  // A column whose title begins with ">" is one of numbers.
+  function table({ header, rows }) {
     const made = make('table');
-    const head = made.createTHead().insertRow();
-    const isNumber = part.header.map((title) => title.startsWith('>'));
-    part.header.forEach((title, i) => {
-      const cell = head.appendChild(make('th', isNumber[i] ? 'number' : '', title.replace(/^>/, '')));
-      cell.scope = 'col';
-    });
+    const className = header.map((title) => (title.startsWith('>') ? 'number' : ''));
+    made.createTHead().insertRow().append(...header.map((title, i) =>
+      set(make('th', className[i], title.replace(/^>/, '')), { scope: 'col' })));
     const body = made.createTBody();
-    for (const cells of part.rows) {
-      const row = body.insertRow();
-      cells.forEach((cell, i) => row.append(make('td', isNumber[i] ? 'number' : '', String(cell))));
+    for (const cells of rows) {
+      body.insertRow().append(...cells.map((cell, i) => make('td', className[i], cell)));
     }
     return made;
   }
 
   function showOverview() {
     el('span').textContent = data.head.join(' \u00b7 ');
-    const wrong = make('div', data.wrong.length ? 'wrong' : '');
+    const wrong = el('overview').appendChild(make('div', 'wrong'));
     wrong.append(make('h2', '', data.wrong.length ? 'What went wrong' : 'Nothing went wrong'));
     for (const group of data.wrong) {
       wrong.append(make('strong', '', `${group.title}: ${group.number}`));
       const list = wrong.appendChild(make('ul'));
       for (const [what, times, when, row] of group.rows) {
-        list.appendChild(make('li')).append(button(`${times} \u00d7 ${what} (${when})`, 'link', () => {
+        list.appendChild(make('li')).append(button(oneLine(`${times} \u00d7 ${what} (${when})`), 'link', () => {
           show('messages');
           clearFilter(true);
           reveal(row);
@@ -81,13 +69,12 @@ const page = (() => {
         }));
       }
     }
-    el('overview').append(wrong);
     for (const part of data.tables) {
       if (part.rows.length) el('overview').append(make('h2', '', part.title), table(part));
     }
-    for (const remark of data.remarks) el('overview').append(make('p', '', remark));
-    if (!el('drawing').firstElementChild) {
-      el('zoom').hidden = true;
+    el('overview').append(...data.remarks.map((remark) => make('p', '', remark)));
+    el('zoom').hidden = !el('drawing').firstElementChild;
+    if (el('zoom').hidden) {
       el('drawing').append(make('p', '', 'As a table: Graphviz is not installed, or this is too much for it.'), table(data.graph));
     }
   }
@@ -96,10 +83,8 @@ const page = (() => {
 
   function zoom(by) {
     size = by ? Math.min(Math.max(size * by, 0.2), 20) : 1;
-    const drawn = el('drawing').querySelector('svg');
-    if (!drawn) return;
-    drawn.style.width = size === 1 ? '' : `${size * 100}%`;
-    drawn.style.maxWidth = size === 1 ? '' : 'none';
+    const { style } = el('drawing').querySelector('svg');
+    [style.width, style.maxWidth] = size === 1 ? ['', ''] : [`${size * 100}%`, 'none'];
   }
 
   // ---- which messages ----
@@ -108,15 +93,19 @@ const page = (() => {
   let stretch = null; // [from, to] in milliseconds, or all
   let mode = 'messages';
   let chosen = -1;
+  let dropped = 0; // rows that have gone
   let lives = []; // in the chart: indexes of the nodes, in order
   let positions = new Map(); // and where each stands
 
-  function fillSelect(select, texts, title) {
-    const { value } = select;
-    select.replaceChildren(new Option(title, ''), ...texts.map((text, i) => [text, i])
-      .sort((a, b) => (a[0] < b[0] ? -1 : 1))
-      .map(([text, i]) => new Option(oneLine(text).slice(0, 80), String(i))));
-    select.value = value;
+  function fillSelects() {
+    for (const [select, texts] of [[el('node'), names], [el('subject'), subjects]]) {
+      if (data.live && select === document.activeElement) continue; // it may be open
+      const { value } = select;
+      select.replaceChildren(new Option('all', ''), ...texts.map((text, i) => [text, i])
+        .sort((a, b) => (a[0] < b[0] ? -1 : 1))
+        .map(([text, i]) => new Option(oneLine(text).slice(0, 80), i)));
+      select.value = value;
+    }
   }
 
   // Tells of each text whether it holds the wanted one, in any case.
@@ -147,12 +136,12 @@ const page = (() => {
     }
     shown = found.subarray(0, passed);
     el('count').textContent = `${passed.toLocaleString('en')} of ${total.toLocaleString('en')} messages`;
-    findLives();
+    if (mode === 'chart') findLives();
   }
 
   function applyFilter() {
     filter();
-    goTo(0);
+    goTo(data.live ? Infinity : 0);
   }
 
   function setStretch(wanted) {
@@ -169,10 +158,7 @@ const page = (() => {
 
   function findLives() {
     const seen = new Uint8Array(names.length);
-    for (let r = 0; r < shown.length && mode === 'chart'; ++r) {
-      const [src, dst] = endsOf(shown[r]);
-      seen[src] = seen[dst] = 1;
-    }
+    shown.forEach((row) => endsOf(row).forEach((index) => { seen[index] = 1; }));
     lives = [...names.keys()].filter((index) => seen[index]);
     positions = new Map(lives.map((index, position) => [index, position]));
   }
@@ -184,14 +170,30 @@ const page = (() => {
     return [src >= 0 ? src : to, to];
   }
 
-  // The place of a row among those shown, or -1.
-  function placeOf(row) {
+  // The place of a row among those shown, or where it would be.
+  function nearPlaceOf(row) {
     let low = 0, high = shown.length;
     while (low < high) {
       const middle = (low + high) >> 1;
       if (shown[middle] < row) low = middle + 1; else high = middle;
     }
-    return shown[low] === row ? low : -1;
+    return low;
+  }
+  const placeOf = (row) => (shown[nearPlaceOf(row)] === row ? nearPlaceOf(row) : -1);
+
+  // There are other messages: so many of the first have gone, and others come. Who looks at the last
+  // one looks at the last one again, and everybody else at what he has looked at.
+  function changed(gone, hasNames) {
+    dropped += gone;
+    const isAtEnd = top >= limit() - ROW;
+    const anchor = (shown[Math.floor(top / ROW)] || 0) - gone;
+    chosen = Math.max(chosen - gone, -1);
+    searches = null;
+    filter();
+    if (hasNames) fillSelects();
+    if (el('traffic').hidden) return;
+    drawDensity();
+    goTo(isAtEnd ? limit() : nearPlaceOf(Math.max(anchor, 0)) * ROW + top % ROW);
   }
 
   // ---- what is in sight ----
@@ -206,7 +208,9 @@ const page = (() => {
 
   function goTo(wanted) {
     top = Math.min(Math.max(wanted, 0), limit());
-    layOut();
+    el('lifelines').hidden = mode !== 'chart';
+    el('rows').style.height = `${Math.min(shown.length * ROW, MOST)}px`;
+    el('rows').style.minWidth = `${mode === 'chart' ? x(lives.length) : 780}px`;
     el('list').scrollTop = limit() ? top / limit() * range() : 0;
     bar = el('list').scrollTop;
     draw();
@@ -223,21 +227,12 @@ const page = (() => {
     else draw();
   }
 
-  function layOut() {
-    const isChart = mode === 'chart';
-    el('lifelines').hidden = !isChart;
-    el('rows').style.height = `${Math.min(shown.length * ROW, MOST)}px`;
-    el('rows').style.minWidth = `${isChart ? x(lives.length) : WIDE}px`;
-  }
-
   function draw() {
     const list = el('list');
     const first = Math.max(0, Math.floor(top / ROW) - 10);
     const last = Math.min(shown.length, first + Math.ceil(list.clientHeight / ROW) + 20);
     el('rows').replaceChildren(...(mode === 'chart' ? [drawChart(first, last)] : drawRows(first, last)));
-    const active = el(`message${chosen}`);
-    if (active) list.setAttribute('aria-activedescendant', active.id);
-    else list.removeAttribute('aria-activedescendant');
+    set(list, { 'aria-activedescendant': el(`message${chosen}`) ? `message${chosen}` : '' });
   }
 
   const classOf = (m) => {
@@ -253,9 +248,8 @@ const page = (() => {
     const made = [], isLong = hasDays();
     for (let r = first; r < last; ++r) {
       const m = at(shown[r]);
-      const row = make('div', `row ${classOf(m)}`);
+      const row = set(make('div', `row ${classOf(m)}`), option(m, r));
       row.style.top = `${bar + r * ROW - top}px`;
-      for (const [key, value] of Object.entries(option(m, r))) row.setAttribute(key, value);
       const what = m.isFault ? `${m.kind.toUpperCase()} ${m.note} ` : '';
       const arrow = m.isFault ? '\u2717' : { answer: '\u21e0', call: '\u21d2' }[m.kind] || '\u2192';
       const goal = columns.dst[m.row] < 0 && m.kind !== 'unstick' ? '*' : m.dst;
@@ -324,8 +318,7 @@ const page = (() => {
     if (m.note) rows.push(['Note', m.note]);
     const panel = el('detail');
     if (panel.hidden) opener = document.activeElement;
-    panel.hidden = false;
-    panel.scrollTop = 0;
+    Object.assign(panel, { hidden: false, scrollTop: 0 });
     panel.querySelector('h2').textContent = m.kind;
     panel.querySelector('h3').textContent = related.length ? title : '';
     panel.querySelector('dl').replaceChildren(
@@ -351,11 +344,13 @@ const page = (() => {
     for (let j = i + 1; j < count() && related.length < 50; ++j) {
       if (columns.ref[j] === i) related.push(j);
     }
-    detail(at(i), 'What belongs to it', related.map((j) => [at(j), () => reveal(j)]));
+    const was = dropped;
+    detail(at(i), 'What belongs to it', related.map((j) => [at(j), () => reveal(j + was - dropped)]));
     draw();
   }
 
   function reveal(row) {
+    if (row < 0) return;
     if (placeOf(row) < 0) clearFilter();
     choose(row); // before the place is found: the detail takes room
     goTo(placeOf(row) * ROW - room() / 2);
@@ -363,11 +358,13 @@ const page = (() => {
 
   // ---- the stretch of time ----
 
-  let bars = null; // [width, messages, how many at each place, whether there is a fault]
   const start = () => (count() ? columns.time[0] : 0);
   const span = () => (count() ? Math.max(1, columns.time[count() - 1] - columns.time[0]) : 1);
 
-  function countBars(width) {
+  function drawDensity(drag) {
+    const canvas = el('density');
+    const width = canvas.width = canvas.clientWidth || 1;
+    const height = canvas.height;
     const found = new Float64Array(width), wrong = new Uint8Array(width);
     const from = start(), scale = (width - 1) / span();
     for (let i = 0; i < count(); ++i) {
@@ -375,15 +372,6 @@ const page = (() => {
       ++found[place];
       if (kinds[columns.kind[i]].fault) wrong[place] = 1;
     }
-    return [width, count(), found, wrong];
-  }
-
-  function drawDensity(drag) {
-    const canvas = el('density');
-    const width = canvas.width = canvas.clientWidth || 1;
-    const height = canvas.height;
-    if (!bars || bars[0] !== width) bars = countBars(width);
-    const [, , found, wrong] = bars;
     const most = found.reduce((a, b) => Math.max(a, b), 1);
     const style = getComputedStyle(document.documentElement);
     const colours = [style.getPropertyValue('--call'), style.getPropertyValue('--fault')];
@@ -408,23 +396,17 @@ const page = (() => {
       from = event.offsetX;
       canvas.setPointerCapture(event.pointerId);
     });
-    canvas.addEventListener('pointermove', (event) => {
-      if (from !== null) drawDensity([from, event.offsetX]);
-    });
+    canvas.onpointermove = ({ offsetX }) => { if (from !== null) drawDensity([from, offsetX]); };
     canvas.addEventListener('pointerup', (event) => {
       const ends = [from, event.offsetX].sort((a, b) => a - b);
       from = null;
       const ms = (offset) => start() + offset / Math.max(1, canvas.clientWidth - 1) * span();
       setStretch(ends[1] - ends[0] < 3 ? null : [ms(ends[0]), ms(ends[1])]);
-      showStretch();
+      // The two fields hold it as times of day, with the date where there are several.
+      ['from', 'to'].forEach((id, end) => {
+        el(id).value = stretch ? clock(data.begin + Math.round(stretch[end]), hasDays()) : '';
+      });
     });
-  }
-
-  // The two fields hold the stretch as times of day, with the date where there are several.
-  function showStretch() {
-    const text = (offset) => clock(data.begin + Math.round(offset), hasDays());
-    el('from').value = stretch ? text(stretch[0]) : '';
-    el('to').value = stretch ? text(stretch[1]) : '';
   }
 
   function readStretch() {
@@ -472,13 +454,11 @@ const page = (() => {
     const view = tabs.some((tab) => tab.dataset.view === wanted) ? wanted : tabs[0].dataset.view;
     for (const section of document.querySelectorAll('section')) section.hidden = section !== sectionOf(view);
     for (const tab of tabs) {
-      tab.setAttribute('aria-selected', String(tab.dataset.view === view));
-      tab.tabIndex = tab.dataset.view === view ? 0 : -1;
-      if (tab.dataset.view === view) {
-        sectionOf(view).setAttribute('aria-labelledby', tab.id);
-        tab.scrollIntoView({ block: 'nearest', inline: 'nearest' });
-      }
+      const isShown = tab.dataset.view === view;
+      set(tab, { 'aria-selected': isShown, tabindex: isShown ? 0 : -1 });
+      if (isShown) tab.scrollIntoView({ block: 'nearest', inline: 'nearest' });
     }
+    set(sectionOf(view), { 'aria-labelledby': `tab-${view}` });
     if (sectionOf(view) === el('traffic')) {
       mode = view;
       applyFilter();
@@ -489,53 +469,35 @@ const page = (() => {
   }
 
   function prepareTabs() {
-    const other = data.live ? 'report' : 'live';
-    for (const part of document.querySelectorAll(`[data-in=${other}]`)) part.remove();
+    for (const part of document.querySelectorAll(`[data-in=${data.live ? 'report' : 'live'}]`)) part.remove();
     for (const tab of document.querySelectorAll('[role=tab]')) {
-      const section = sectionOf(tab.dataset.view);
-      tab.id = `tab-${tab.dataset.view}`;
-      tab.setAttribute('aria-controls', section.id);
-      section.setAttribute('role', 'tabpanel');
+      const section = set(sectionOf(tab.dataset.view), { role: 'tabpanel' });
+      set(tab, { id: `tab-${tab.dataset.view}`, 'aria-controls': section.id });
       if (section.id !== 'traffic') section.tabIndex = 0;
-      tab.addEventListener('click', () => show(tab.dataset.view));
+      tab.onclick = () => show(tab.dataset.view);
     }
-    document.querySelector('nav').addEventListener('keydown', stepTabs);
-  }
-
-  function fillSelects() {
-    fillSelect(el('node'), names, 'all');
-    fillSelect(el('subject'), subjects, 'all');
+    document.querySelector('nav').onkeydown = stepTabs;
   }
 
   function listen() {
     for (const id of ['node', 'subject', 'text', 'onlyfaults']) el(id).addEventListener('input', applyFilter);
     for (const id of ['from', 'to']) {
       if (hasDays()) el(id).type = 'datetime-local';
-      el(id).addEventListener('change', readStretch);
+      el(id).onchange = readStretch;
     }
-    el('filter').addEventListener('submit', (event) => event.preventDefault());
-    el('filter').addEventListener('reset', (event) => {
-      event.preventDefault();
-      clearFilter();
-    });
-    el('list').addEventListener('scroll', scroll);
-    el('list').addEventListener('keydown', step);
-    el('rows').addEventListener('click', (event) => {
+    el('filter').onsubmit = () => false;
+    el('filter').onreset = () => { clearFilter(); return false; };
+    el('list').onscroll = scroll;
+    el('list').onkeydown = step;
+    el('rows').onclick = (event) => {
       const row = event.target.closest('[data-message]');
       if (row) choose(Number(row.dataset.message));
-    });
-    el('zoom').addEventListener('click', (event) => {
-      if (event.target.dataset.by) zoom(Number(event.target.dataset.by));
-    });
-    el('close').addEventListener('click', close);
-    document.addEventListener('keydown', (event) => {
-      if (event.key === 'Escape' && !el('detail').hidden) close();
-    });
-    window.addEventListener('resize', () => {
-      drawDensity();
-      goTo(top);
-    });
-    window.addEventListener('hashchange', () => show(location.hash.slice(1)));
+    };
+    el('zoom').onclick = ({ target: { dataset: { by } } }) => by && zoom(Number(by));
+    el('close').onclick = close;
+    document.onkeydown = ({ key }) => { if (key === 'Escape' && !el('detail').hidden) close(); };
+    window.onresize = () => { drawDensity(); goTo(top); };
+    window.onhashchange = () => show(location.hash.slice(1));
   }
 
   document.querySelector('h1').textContent = data.title;
@@ -547,5 +509,5 @@ const page = (() => {
   if (count() < 1e6) searches = [names, subjects, payloads, notes].map(searchable);
   show(location.hash.slice(1));
   document.body.dataset.ready = 'yes';
-  return { data, el, make, makeSvg, button, table, clock, oneLine, detail, show, shows };
+  return { data, el, set, make, makeSvg, button, table, clock, oneLine, detail, show, shows, changed };
 })();

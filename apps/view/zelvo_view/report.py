@@ -151,7 +151,7 @@ def title_of(inputs):
     return 'Traffic of ' + ', '.join('standard input' if p == '-' else p for p in inputs.paths)
 
 
-def write(view, path):
+def run(view, path):
     """Writes the report to the file path; tells how many messages there were."""
     stats, found, graph = Stats(), Messages(), Graph()
     for message in view.messages():

@@ -61,10 +61,6 @@ class Inputs:
     def strange(self):
         return sum(reader.strange for reader in self.readers)
 
-    @property
-    def is_empty(self):
-        return all(reader.is_empty for reader in self.readers)
-
     def last_ms(self):
         """The latest time at the end of the files, None where that is not known."""
         ends = []
@@ -97,8 +93,8 @@ class Inputs:
             raise InputError('{}: {}'.format(name, error.strerror)) from error
 
     def _merged(self, streams):
-        """Millisecond by millisecond. A record that two files have is the same one: a process
-        writes one log, so the files overlap."""
+        """Millisecond by millisecond."""
+        # A record that two files have is the same one: a process writes one log, so they overlap.
         heads = [[next(stream, None), stream] for stream in streams]
         heads = [head for head in heads if head[0] is not None]
         while heads:
@@ -147,12 +143,12 @@ class Inputs:
         waits = 0
         try:
             while True:
-                data = pipe.take((QUIET, SETTLED)[min(waits, 1)])
+                data = pipe.take(SETTLED / 10 if waits else QUIET)
                 if data is None:
                     waits += 1
-                    if waits <= 2:
-                        yield reader.settle() if waits == 2 else []
-                        yield []
+                    if waits == 11:
+                        yield reader.settle()
+                    yield []
                     continue
                 waits = 0
                 yield list(reader.feed(data, not data))
@@ -163,8 +159,9 @@ class Inputs:
 
 
 class Pipe(threading.Thread):
-    """Reads from fd ahead of who takes it. skips: where too much waits, what comes is skipped, and
-    a line of the log tells how many lines; else its writer waits."""
+    """Reads from fd ahead of who takes it."""
+    # skips: where too much waits, what comes is skipped, and a line of the log tells how many lines;
+    # else its writer waits.
 
     def __init__(self, fd, skips):
         super().__init__(daemon=True)
@@ -190,7 +187,8 @@ class Pipe(threading.Thread):
                     skipping += data.count(b'\n')
                     continue
                 if skipping:
-                    partial, _, data = data.partition(b'\n')
+                    skipping -= not data
+                    data = data.partition(b'\n')[2]
                     self.skipped += skipping
                     data = b'\nlog lines lost: %d, not read in time\n\n' % skipping + data
                     skipping = 0
@@ -262,8 +260,8 @@ class Tail:
             return None  # between being removed and begun anew
 
     def _is_emptied(self):
-        """Whether a program has begun it anew in place, since when it may have outgrown the old
-        one; then what follows is read from its beginning."""
+        """Whether a program has begun it anew in place; then it is read from its beginning."""
+        # Since then it may have outgrown the old one.
         if not self._file.seekable():
             return False
         at = self._file.tell()
@@ -284,8 +282,8 @@ class Tail:
 
 @contextlib.contextmanager
 def writing(path):
-    """A text file at path. Where there is none, or a plain file, it is there whole or not at all;
-    anything else, as a link, a pipe or a device, stays what it is and is written to."""
+    """A text file at path, which is there whole or not at all."""
+    # Anything but a plain file, as a link, a pipe or a device, stays what it is and is written to.
     in_place = os.path.lexists(path) and not stat.S_ISREG(os.lstat(path).st_mode)
     made = path if in_place else '{}.{}.tmp'.format(path, os.getpid())
     begun = False

@@ -169,7 +169,7 @@ class Stats:
 
     def _add_fault(self, message):
         kind = message.kind
-        what = self._what(message)
+        what = self.what(message)
         fault = self.faults.get((kind, what))
         if fault is None:
             fault = self.faults[(kind, what)] = Fault(message)
@@ -180,7 +180,7 @@ class Stats:
             self._calls(call.src, call.dst, call.subject).faults[kind] += 1
 
     @staticmethod
-    def _what(message):
+    def what(message):
         kind, subject = message.kind, message.subject or ''
         if kind == 'drop':
             return message.note + (', ' + subject if subject else '')

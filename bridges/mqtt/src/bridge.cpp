@@ -28,7 +28,12 @@ Bridge::Bridge(Zelvo_t *bus, const Config &config, Log &log)
       passing_{bus, config_.site},
       name_{nodeName(config_.site)},
       buffer_{config_.bufferMessages, config_.bufferBytes},
-      link_{config_, topics_, buffer_, log_, *this},
+      callLink_{config_, topics_, log_,
+                [this](const auto &target, const auto &why) { callsChanged(target, why); },
+                [this](const Incoming &incoming) { receiver_.receive(incoming); }},
+      dataLink_{config_, topics_,
+                buffer_, inflow_,
+                log_,    [this](bool connected, const auto &why) { dataChanged(connected, why); }},
       outflow_{bus,
                config_,
                topics_,
@@ -36,14 +41,14 @@ Bridge::Bridge(Zelvo_t *bus, const Config &config, Log &log)
                passing_,
                buffer_,
                log_,
-               [this] { link_.kick(); },
+               [this] { dataLink_.kick(); },
                [this] { return state(); }},
-      calls_{bus, config_, topics_, link_, log_},
-      serving_{bus, config_, topics_, name_, link_, log_},
-      receiver_{topics_, inflow_, calls_, serving_, log_} {
+      calls_{bus, config_, topics_, callLink_, log_},
+      serving_{bus, config_, topics_, name_, callLink_, log_},
+      receiver_{topics_, calls_, serving_, log_} {
     if (!config_.in.empty()) {
         inflow_.emplace(bus, config_, topics_, name_ + ".in", passing_, log_,
-                        [this] { link_.wake(); });
+                        [this] { dataLink_.wake(); });
     }
 }
 
@@ -70,21 +75,23 @@ void Bridge::start() {
         inflow_->node().start();
     }
     outflow_.start();
-    link_.start();
+    dataLink_.start();
+    callLink_.start();
 }
 
 bool Bridge::close() {
     const auto begun = Clock::now();
     if (!closing_) {
-        closing_ = true;
+        {
+            const std::lock_guard lock{stateMutex_};
+            closing_ = true;
+        }
         calls_.close();
         serving_.close();
         outflow_.finish(begun + kTakeTime);
-        link_.stop();
+        dataLink_.stop();
+        callLink_.stop();
         withdrawState();
-    }
-    if (inflow_) {
-        inflow_->close();
     }
     eachNode([](Node &node) { node.askToLeave(); });
     bool done = true;
@@ -95,10 +102,9 @@ bool Bridge::close() {
 Bridge::~Bridge() {
     calls_.close();
     serving_.close();
-    if (inflow_) {
-        inflow_->close();
-    }
-    link_.stop();
+    dataLink_.stop();
+    callLink_.stop();
+    inflow_.reset(); // whose thread wakes a link
     if (!closing_) { // start() has failed
         try {
             withdrawState();
@@ -108,41 +114,38 @@ Bridge::~Bridge() {
     }
 }
 
-// ---- what the link tells, in its thread ----
+// ---- what the links tell, in their threads ----
 
-void Bridge::connected() {
-    log_.info("connected to " + config_.host + ":" + std::to_string(config_.port));
-    announce(true, "");
+void Bridge::callsChanged(const std::optional<Target> &target, const std::string &why) {
+    dataLink_.allow(target);
+    if (!target) {
+        calls_.disconnected();
+        announce(false, why);
+    }
 }
 
-void Bridge::disconnected(const std::string &why) {
-    calls_.disconnected();
-    announce(false, why);
-}
-
-void Bridge::received(const mosquitto_message &message, const mosquitto_property *properties) {
-    receiver_.receive(readIncoming(message, properties));
-}
-
-std::chrono::milliseconds Bridge::pause() {
-    return inflow_ ? inflow_->pause() : std::chrono::milliseconds{0};
+// Where the other connection is lost, it knows why.
+void Bridge::dataChanged(bool connected, const std::string &why) {
+    if (connected || callLink_.isConnected()) {
+        announce(connected, why);
+    }
 }
 
 // ---- "mqtt.state" ----
 
 // Where a connection fails again and again for one reason, it is told once.
 void Bridge::announce(bool connected, const std::string &why) {
-    {
-        const std::lock_guard lock{stateMutex_};
-        if (connected == connected_ && why == why_ && why != "connecting") {
-            return;
-        }
-        connected_ = connected;
-        why_ = why;
+    const std::lock_guard lock{stateMutex_};
+    const bool starts = why == "connecting";
+    if (closing_ || (connected == connected_ && why == why_ && !starts)) {
+        return;
     }
-    if (!connected && why != "connecting") {
-        log_.warning("no connection to " + config_.host + ":" + std::to_string(config_.port) +
-                     ": " + why);
+    connected_ = connected;
+    why_ = why;
+    if (connected) {
+        log_.info("connected");
+    } else if (!starts) {
+        log_.warning("no connection: " + why);
     }
     const std::string text = printed(stateObject(name_, connected, why).get());
     busClientPublishSticky(outflow_.node().get(), kStateTopic, text.data(),
@@ -160,13 +163,25 @@ void Bridge::withdrawState() {
 
 std::string Bridge::state() {
     const Buffer::Fill fill = buffer_.fill();
-    const auto number = [](auto value) { return static_cast<double>(value); };
+    const DataLink::Counts counts = dataLink_.counts();
+    const Json denied{cJSON_CreateArray()};
+    for (Link *const link : {static_cast<Link *>(&callLink_), static_cast<Link *>(&dataLink_)}) {
+        for (const std::string &topic : link->denied()) {
+            cJSON_AddItemToArray(denied.get(), cJSON_CreateString(topic.c_str()));
+        }
+    }
     const std::lock_guard lock{stateMutex_};
     const Json object = stateObject(name_, connected_, why_);
-    cJSON_AddNumberToObject(object.get(), "waiting", number(fill.messages));
-    cJSON_AddNumberToObject(object.get(), "bytes", number(fill.bytes));
-    cJSON_AddNumberToObject(object.get(), "underWay", number(link_.underWay()));
-    cJSON_AddNumberToObject(object.get(), "dropped", number(fill.dropped));
+    const auto add = [&](const char *name, auto value) {
+        cJSON_AddNumberToObject(object.get(), name, static_cast<double>(value));
+    };
+    add("waiting", fill.messages);
+    add("bytes", fill.bytes);
+    add("underWay", counts.underWay);
+    add("dropped", fill.dropped);
+    add("refused", counts.refused);
+    add("expired", counts.expired);
+    cJSON_AddItemReferenceToObject(object.get(), "denied", denied.get());
     return printed(object.get());
 }
 

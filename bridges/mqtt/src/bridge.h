@@ -3,10 +3,11 @@
 #define ZELVO_MQTT_BRIDGE_H
 
 #include "buffer.h"
+#include "call_link.h"
 #include "calls.h"
 #include "config.h"
+#include "data_link.h"
 #include "inflow.h"
-#include "link.h"
 #include "log.h"
 #include "outflow.h"
 #include "passing.h"
@@ -20,25 +21,22 @@
 
 namespace zelvo_mqtt {
 
-class Bridge final : private LinkEvents {
+class Bridge {
 public:
     // Joins the bus, without a thread yet. Throws OpenError, std::bad_alloc, std::system_error.
     Bridge(Zelvo_t *bus, const Config &config, Log &log);
     Bridge(const Bridge &) = delete;
     Bridge &operator=(const Bridge &) = delete;
     // Waits for calls that have not been answered: close() comes first.
-    ~Bridge() override;
+    ~Bridge();
 
     void start();
     // False: a call into the bus has not been answered; to be called again.
     bool close();
 
 private:
-    void connected() override;
-    void disconnected(const std::string &why) override;
-    void received(const mosquitto_message &message, const mosquitto_property *properties) override;
-    std::chrono::milliseconds pause() override;
-
+    void callsChanged(const std::optional<Target> &target, const std::string &why);
+    void dataChanged(bool connected, const std::string &why);
     void announce(bool connected, const std::string &why);
     void withdrawState();
     std::string state();
@@ -52,15 +50,16 @@ private:
     Passing passing_;
     const std::string name_;
     Buffer buffer_;
-    Link link_;
-    Outflow outflow_;
     std::optional<Inflow> inflow_;
+    CallLink callLink_;
+    DataLink dataLink_;
+    Outflow outflow_;
     Calls calls_;
     Serving serving_;
-    Receiver receiver_;
+    const Receiver receiver_;
     bool closing_ = false;
 
-    std::mutex stateMutex_; // of the next two
+    std::mutex stateMutex_; // of the next two, and of telling them
     bool connected_ = false;
     std::string why_ = "connecting";
 };

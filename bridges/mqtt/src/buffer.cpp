@@ -3,14 +3,14 @@
 namespace zelvo_mqtt {
 
 void Buffer::push(Publication publication) {
-    const std::size_t size = sizeOf(publication);
+    const std::size_t size = publication.size();
     const std::lock_guard lock{mutex_};
     if (size > mostBytes_) {
         ++dropped_;
         return;
     }
     while (!queue_.empty() && (queue_.size() >= mostMessages_ || bytes_ + size > mostBytes_)) {
-        bytes_ -= sizeOf(queue_.front());
+        bytes_ -= queue_.front().size();
         queue_.pop_front();
         ++dropped_;
     }
@@ -25,13 +25,13 @@ std::optional<Publication> Buffer::pop() {
     }
     Publication publication = std::move(queue_.front());
     queue_.pop_front();
-    bytes_ -= sizeOf(publication);
+    bytes_ -= publication.size();
     return publication;
 }
 
-void Buffer::countDrop(std::uint64_t number) {
+void Buffer::countDrop() {
     const std::lock_guard lock{mutex_};
-    dropped_ += number;
+    ++dropped_;
 }
 
 Buffer::Fill Buffer::fill() const {

@@ -2,6 +2,7 @@
 #ifndef ZELVO_MQTT_BUFFER_H
 #define ZELVO_MQTT_BUFFER_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -16,6 +17,10 @@ struct Publication {
     std::string payload;
     bool retain = false;
     int hops = 1;
+    std::chrono::steady_clock::time_point until = std::chrono::steady_clock::time_point::max();
+    int tries = 0; // connections that the broker has ended at it
+
+    std::size_t size() const { return topic.size() + payload.size(); }
 };
 
 // Bounded by messages and by bytes of topic and payload. Any thread; nothing blocks.
@@ -28,7 +33,7 @@ public:
     void push(Publication publication);
     std::optional<Publication> pop();
     // A publication that is lost elsewhere.
-    void countDrop(std::uint64_t number = 1);
+    void countDrop();
 
     struct Fill {
         std::size_t messages, bytes;
@@ -37,8 +42,6 @@ public:
     Fill fill() const;
 
 private:
-    static std::size_t sizeOf(const Publication &p) { return p.topic.size() + p.payload.size(); }
-
     const std::size_t mostMessages_, mostBytes_;
     mutable std::mutex mutex_; // of everything below
     std::deque<Publication> queue_;

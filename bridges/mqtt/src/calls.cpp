@@ -25,7 +25,7 @@ Calls::Site::Site(Calls &its, Zelvo_t *bus, const Config::Call &call)
       name{call.node},
       node{bus, call.node, nullptr, onCall, this} {}
 
-Calls::Calls(Zelvo_t *bus, const Config &config, const Topics &topics, Link &link, Log &log)
+Calls::Calls(Zelvo_t *bus, const Config &config, const Topics &topics, CallLink &link, Log &log)
     : config_{config},
       topics_{topics},
       link_{link},
@@ -52,6 +52,7 @@ char *Calls::onCall(void *self, client_t *, char *url, char *data, int len) {
 std::string Calls::ask(const Site &site, std::string_view path, std::string_view data) {
     Waiting waiting;
     waiting.site = site.site;
+    waiting.answerTopic = topics_.answers(config_.site, site.site);
     const std::string topic = topics_.call(site.site, path);
     std::string_view failure;
     if (path.size() < 2 || path[1] == '/') {
@@ -72,9 +73,7 @@ std::string Calls::ask(const Site &site, std::string_view path, std::string_view
 // Why there is no answer.
 std::string_view Calls::request(Waiting &waiting, const std::string &topic, std::string_view data) {
     const std::string correlation = randomCorrelation();
-    const auto seconds = std::chrono::ceil<std::chrono::seconds>(config_.callTimeout);
-    Direct message{topic, std::string{data}, topics_.answers(), correlation,
-                   static_cast<std::uint32_t>(seconds.count())};
+    Direct message{topic, std::string{data}, waiting.answerTopic, correlation, config_.callTimeout};
     std::unique_lock lock{mutex_};
     const auto online = online_.find(waiting.site);
     if (closing_) {
@@ -122,22 +121,29 @@ void Calls::end(Waiting &waiting, std::string_view failure) {
     }
 }
 
-void Calls::answer(const std::string &correlation, std::string_view payload) {
+// Only the site that was asked may write to the topic of its answers.
+void Calls::answer(const Incoming &incoming) {
     {
         const std::lock_guard lock{mutex_};
-        const auto found = waiting_.find(correlation);
-        if (found != waiting_.end() && !found->second->done) {
-            found->second->answer = payload;
+        const auto found = waiting_.find(incoming.correlation);
+        if (found != waiting_.end() && !found->second->done &&
+            found->second->answerTopic == incoming.topic) {
+            found->second->answer = incoming.payload;
             end(*found->second, {});
             return;
         }
     }
-    log_.warning("an answer is dropped: no call waits for it, or no more");
+    log_.warning("an answer on " + incoming.topic +
+                 " is dropped: no call of that site waits for it, or no more");
 }
 
 void Calls::presence(std::string_view site, std::string_view state) {
     const std::lock_guard lock{mutex_};
     const bool online = state == "online";
+    if (state.empty()) { // somebody has taken it away; the site will say it again
+        online_.erase(std::string{site});
+        return;
+    }
     online_.insert_or_assign(std::string{site}, online);
     for (const auto &[correlation, waiting] : waiting_) {
         if (!online && waiting->site == site) {

@@ -2,8 +2,8 @@
 #ifndef ZELVO_MQTT_CALLS_H
 #define ZELVO_MQTT_CALLS_H
 
+#include "call_link.h"
 #include "config.h"
-#include "link.h"
 #include "log.h"
 #include "node.h"
 #include "topics.h"
@@ -20,10 +20,10 @@ namespace zelvo_mqtt {
 class Calls {
 public:
     // Joins the bus with every node; throws OpenError.
-    Calls(Zelvo_t *bus, const Config &config, const Topics &topics, Link &link, Log &log);
+    Calls(Zelvo_t *bus, const Config &config, const Topics &topics, CallLink &link, Log &log);
 
     // The link's thread's; none blocks.
-    void answer(const std::string &correlation, std::string_view payload);
+    void answer(const Incoming &incoming);
     void presence(std::string_view site, std::string_view state);
     void disconnected(); // calls that wait end, nothing is known of any site
 
@@ -46,7 +46,7 @@ private:
     // A call that waits; one of each node at most.
     struct Waiting {
         std::condition_variable ended;
-        std::string site;
+        std::string site, answerTopic;
         bool done = false;
         std::string answer;
         std::string_view failure; // why there is none, a literal; empty: there is
@@ -61,11 +61,11 @@ private:
 
     const Config &config_;
     const Topics &topics_;
-    Link &link_;
+    CallLink &link_;
     Log &log_;
     std::mutex mutex_;                                // of everything below but the nodes
     std::map<std::string, Waiting *> waiting_;        // by correlation data
-    std::map<std::string, bool, std::less<>> online_; // by site; a site that is not there: unknown
+    std::map<std::string, bool, std::less<>> online_; // by site; others are unknown
     bool closing_ = false;
     std::deque<Site> sites_; // last: their threads use the others
 };

@@ -18,6 +18,7 @@ namespace {
 constexpr std::size_t kLongestSite = 32;
 constexpr std::size_t kLongestNode = 71; // whose join notice the bus can send
 constexpr std::size_t kLongestPrefix = 200;
+constexpr std::uint64_t kLongestExpiry = 366 * 24 * 3600;
 
 bool isUtf8(const std::string &text) {
     return text.size() < kLongestTopic &&
@@ -30,45 +31,67 @@ bool isReserved(std::string_view name) {
            std::string_view{"localKeys"}.starts_with(name);
 }
 
-void checkNode(const Value &value, const std::string &name) {
-    if (name.empty() || name.size() > kLongestNode || name.find('/') != name.npos ||
-        isReserved(name)) {
-        value.refuse("\"" + name + "\" is no name of a node that can be called");
+// A site's name is also a node's, unless another is given for it.
+void checkName(const Value &value, const std::string &name, std::size_t longest) {
+    if (name.empty() || name.size() > longest || name.find('/') != name.npos) {
+        value.refuse("\"" + name + "\" is no name: 1 to " + std::to_string(longest) +
+                     " bytes, without \"/\"");
     }
+    if (isReserved(name)) {
+        value.refuse("\"" + name +
+                     "\" is the bus's own name, as every beginning of \"bus\" and "
+                     "\"localKeys\" is: take another, a longer one for example");
+    }
+}
+
+void checkNode(const Value &value, const std::string &name) {
+    checkName(value, name, kLongestNode);
 }
 
 void checkSite(const Value &value, const std::string &site) {
-    if (site.empty() || site.size() > kLongestSite || site.find('/') != site.npos ||
-        isReserved(site) || !isUtf8(site)) {
-        value.refuse("\"" + site + "\" is no name of a site");
+    checkName(value, site, kLongestSite);
+    if (!isUtf8(site)) {
+        value.refuse("\"" + site + "\" has control characters or is no UTF-8");
     }
 }
 
-void readUrl(Config &config, const Value &value) {
+Config::Broker brokerAt(const Value &value) {
     const std::string text = value.text();
     std::string_view rest = text;
-    config.tls = rest.starts_with("mqtts://");
-    if (!config.tls && !rest.starts_with("mqtt://")) {
-        value.refuse("has to begin with mqtt:// or mqtts://");
+    const auto take = [&rest](std::string_view start) {
+        const bool there = rest.starts_with(start);
+        rest.remove_prefix(there ? start.size() : 0);
+        return there;
+    };
+    Config::Broker broker;
+    broker.tls = take("mqtts://");
+    bool valid = broker.tls || take("mqtt://");
+    const bool bracket = take("[");
+    broker.host = rest.substr(0, rest.find(bracket ? ']' : ':'));
+    rest.remove_prefix(broker.host.size());
+    valid = valid && !broker.host.empty() && (!bracket || take("]")) &&
+            broker.host.find_first_of("/@?#[] ") == std::string::npos;
+    broker.port = broker.tls ? 8883 : 1883;
+    if (take(":")) {
+        const char *const last = rest.data() + rest.size();
+        const auto [end, error] = std::from_chars(rest.data(), last, broker.port);
+        valid = valid && error == std::errc{} && broker.port > 0 && broker.port <= 65535;
+        rest.remove_prefix(static_cast<std::size_t>(end - rest.data()));
     }
-    rest.remove_prefix(rest.find("//") + 2);
-    config.port = config.tls ? 8883 : 1883;
-    const bool bracket = rest.starts_with('[');
-    const std::size_t end = bracket ? rest.find(']') : rest.find(':');
-    config.host = rest.substr(bracket ? 1 : 0, end - (bracket && end != rest.npos ? 1 : 0));
-    if (config.host.empty() || (bracket && end == rest.npos) ||
-        config.host.find_first_of("/@?# ") != config.host.npos) {
-        value.refuse("names no host");
+    if (!valid || !rest.empty()) {
+        value.refuse("has to be mqtt://HOST[:PORT] or mqtts://HOST[:PORT]");
     }
-    rest.remove_prefix(std::min(rest.size(), end == rest.npos ? end : end + (bracket ? 1 : 0)));
-    if (rest.empty()) {
+    return broker;
+}
+
+void readUrl(Config &config, const Value &value) {
+    if (!value.isArray()) {
+        config.brokers = {brokerAt(value)};
         return;
     }
-    const char *const last = rest.data() + rest.size();
-    const auto [stop, error] = std::from_chars(rest.data() + 1, last, config.port);
-    if (rest.front() != ':' || error != std::errc{} || stop != last || config.port < 1 ||
-        config.port > 65535) {
-        value.refuse("has no valid port behind the host, and nothing may follow that");
+    value.elements([&](const Value &each) { config.brokers.push_back(brokerAt(each)); });
+    if (config.brokers.empty()) {
+        value.refuse("names no broker");
     }
 }
 
@@ -131,7 +154,14 @@ void readOut(Config &config, const Value &value) {
         Config::Out out;
         if (element.isObject()) {
             element.members({{"topic", true, [&](const Value &v) { out.topic = v.text(); }},
-                             {"retain", false, [&](const Value &v) { out.retain = v.boolean(); }}});
+                             {"retain", false, [&](const Value &v) { out.retain = v.boolean(); }},
+                             {"expiry", false, [&](const Value &v) {
+                                  out.expiry = std::chrono::seconds{v.number(1, kLongestExpiry)};
+                              }}});
+            if (out.retain && out.expiry.count() > 0) {
+                element.refuse("\"retain\" and \"expiry\" exclude each other: what is sticky on a "
+                               "bus does not expire");
+            }
         } else {
             out.topic = element.text();
         }
@@ -229,7 +259,9 @@ void checkTogether(const Config &config) {
             throw ConfigError{"\"call\": \"" + call.site + "\" is the own site"};
         }
     }
-    if (!config.tls && !(config.ca + config.certificate + config.key).empty()) {
+    const bool tls = std::any_of(config.brokers.begin(), config.brokers.end(),
+                                 [](const Config::Broker &broker) { return broker.tls; });
+    if (!tls && !(config.ca + config.certificate + config.key).empty()) {
         throw ConfigError{"\"ca\", \"cert\" and \"key\" are for a \"url\" with mqtts://"};
     }
     if (config.certificate.empty() != config.key.empty() ||
@@ -248,6 +280,11 @@ Config readConfig(const char *json) {
     const auto to = [&config](void (*read)(Config &, const Value &)) {
         return [&config, read](const Value &value) { read(config, value); };
     };
+    const auto number = [](auto &member, std::uint64_t least, std::uint64_t most) {
+        return [&member, least, most](const Value &value) {
+            member = std::decay_t<decltype(member)>(value.number(least, most));
+        };
+    };
     readJson(json, {{"url", true, to(readUrl)},
                     {"site", true, to(readSite)},
                     {"prefix", false, to(readPrefix)},
@@ -260,20 +297,14 @@ Config readConfig(const char *json) {
                     {"in", false, to(readIn)},
                     {"call", false, to(readCall)},
                     {"serve", false, to(readServe)},
-                    {"qos", false,
-                     [&](const Value &v) { config.qos = static_cast<int>(v.number(0, 1)); }},
-                    {"callTimeout", false,
-                     [&](const Value &v) {
-                         config.callTimeout = std::chrono::milliseconds{v.number(1, 3'600'000)};
-                     }},
+                    {"qos", false, number(config.qos, 0, 1)},
+                    {"callTimeout", false, number(config.callTimeout, 1, 3'600'000)},
                     {"buffer", false, to(readBuffer)},
-                    {"sessionExpiry", false,
-                     [&](const Value &v) {
-                         config.sessionExpiry = static_cast<std::uint32_t>(v.number(0, UINT32_MAX));
-                     }},
+                    {"sessionExpiry", false, number(config.sessionExpiry, 0, UINT32_MAX)},
+                    {"maxPacket", false, number(config.maxPacket, 1024, 268'435'456)},
                     {"log", false, to(readText<&Config::log>)},
-                    {"logLevel", false,
-                     [&](const Value &v) { config.logLevel = static_cast<int>(v.number(1, 5)); }}});
+                    {"logLevel", false, number(config.logLevel, 1, 5)},
+                    {"logSize", false, number(config.logSize, 0, 1'000'000)}});
     checkTogether(config);
     return config;
 }

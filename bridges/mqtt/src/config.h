@@ -12,18 +12,22 @@
 namespace zelvo_mqtt {
 
 struct Config {
+    struct Broker {
+        std::string host;
+        int port = 0;
+        bool tls = false;
+    };
     struct Out {
         std::string topic;
         bool retain = false;
+        std::chrono::seconds expiry{0}; // 0: none
     };
     struct Call {
         std::string site;
         std::string node; // its name on the bus
     };
 
-    std::string host;
-    int port = 0;
-    bool tls = false;
+    std::vector<Broker> brokers; // in the order in which they are tried
     std::string ca, certificate, key;
     std::string user, password;
     std::string site;
@@ -37,8 +41,10 @@ struct Config {
     std::size_t bufferMessages = 10'000;
     std::size_t bufferBytes = std::size_t{16} << 20;
     std::uint32_t sessionExpiry = 3600;
+    std::uint32_t maxPacket = std::uint32_t{1} << 20U;
     std::string log;
     int logLevel = 3;
+    std::size_t logSize = 20; // megabytes; 0: no limit
 };
 
 // Says which member is refused, and why.

@@ -27,6 +27,7 @@ public:
     Value(const cJSON *json, std::string way) : json_{json}, way_{std::move(way)} {}
 
     bool isObject() const { return cJSON_IsObject(json_) != 0; }
+    bool isArray() const { return cJSON_IsArray(json_) != 0; }
     std::string text() const;
     bool boolean() const;
     std::uint64_t number(std::uint64_t least, std::uint64_t most) const; // a whole one

@@ -1,7 +1,5 @@
 #include "incoming.h"
 
-#include "link.h"
-
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
@@ -28,47 +26,31 @@ std::optional<int> readNumber(std::string_view text) {
     return number;
 }
 
-void readUserProperty(Incoming &incoming, const mosquitto_property *property) {
-    char *name = nullptr;
-    char *value = nullptr;
-    mosquitto_property_read_string_pair(property, MQTT_PROP_USER_PROPERTY, &name, &value, false);
-    const Owned<char> ownedName{name};
-    const Owned<char> ownedValue{value};
-    if (name && value && std::string_view{name} == kHops) {
-        incoming.hops = readNumber(value);
-    }
-}
-
-void readAnswerTopic(Incoming &incoming, const mosquitto_property *property) {
-    char *text = nullptr;
-    mosquitto_property_read_string(property, MQTT_PROP_RESPONSE_TOPIC, &text, false);
-    const Owned<char> owned{text};
-    incoming.answerTopic = text ? text : "";
-}
-
-void readCorrelation(Incoming &incoming, const mosquitto_property *property) {
+std::string correlationIn(const mosquitto_property *properties) {
     void *data = nullptr;
     std::uint16_t length = 0;
-    mosquitto_property_read_binary(property, MQTT_PROP_CORRELATION_DATA, &data, &length, false);
+    mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &data, &length, false);
     const Owned<void> owned{data};
-    if (data) {
-        incoming.correlation.assign(static_cast<const char *>(data), length);
+    return data ? std::string{static_cast<const char *>(data), length} : std::string{};
+}
+
+void readUserProperties(Incoming &incoming, const mosquitto_property *properties) {
+    char *name = nullptr;
+    char *value = nullptr;
+    for (bool again = false; (properties = mosquitto_property_read_string_pair(
+                                  properties, MQTT_PROP_USER_PROPERTY, &name, &value, again));
+         again = true) {
+        const Owned<char> ownedName{name};
+        const Owned<char> ownedValue{value};
+        if (std::string_view{name} == kHops) {
+            incoming.hops = readNumber(value);
+        } else if (std::string_view{name} == kTimeout) {
+            incoming.timeout = readNumber(value);
+        } else if (std::string_view{name} == kInstance) {
+            incoming.instance = value;
+        }
     }
 }
-
-void readExpiry(Incoming &incoming, const mosquitto_property *property) {
-    mosquitto_property_read_int32(property, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &incoming.expiry,
-                                  false);
-}
-
-struct Reader {
-    int identifier;
-    void (*read)(Incoming &, const mosquitto_property *);
-};
-constexpr Reader kReaders[] = {{MQTT_PROP_USER_PROPERTY, readUserProperty},
-                               {MQTT_PROP_RESPONSE_TOPIC, readAnswerTopic},
-                               {MQTT_PROP_CORRELATION_DATA, readCorrelation},
-                               {MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, readExpiry}};
 
 } // namespace
 
@@ -80,14 +62,16 @@ Incoming readIncoming(const mosquitto_message &message, const mosquitto_property
         incoming.payload = {static_cast<const char *>(message.payload),
                             static_cast<std::size_t>(message.payloadlen)};
     }
-    for (; properties; properties = mosquitto_property_next(properties)) {
-        const int identifier = mosquitto_property_identifier(properties);
-        for (const Reader &reader : kReaders) {
-            if (reader.identifier == identifier) {
-                reader.read(incoming, properties);
-            }
-        }
-    }
+    char *answerTopic = nullptr;
+    mosquitto_property_read_string(properties, MQTT_PROP_RESPONSE_TOPIC, &answerTopic, false);
+    const Owned<char> owned{answerTopic};
+    incoming.answerTopic = answerTopic ? answerTopic : "";
+    incoming.correlation = correlationIn(properties);
+    mosquitto_property_read_int32(properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &incoming.expiry,
+                                  false);
+    mosquitto_property_read_varint(properties, MQTT_PROP_SUBSCRIPTION_IDENTIFIER,
+                                   &incoming.subscription, false);
+    readUserProperties(incoming, properties);
     return incoming;
 }
 

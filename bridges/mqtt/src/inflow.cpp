@@ -5,13 +5,6 @@
 #include <charconv>
 
 namespace zelvo_mqtt {
-namespace {
-
-constexpr std::chrono::milliseconds kLook{2};          // between two looks at the others
-constexpr std::chrono::milliseconds kLongestStand{50}; // of nodes that take nothing
-constexpr std::chrono::milliseconds kLongestWait{500}; // for those that catch up
-
-} // namespace
 
 Inflow::Inflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
                Passing &passing, Log &log, std::function<void()> wake)
@@ -37,42 +30,46 @@ void Inflow::publish(const Incoming &incoming) {
                           : std::string{"its number of hops is none"}));
         return;
     }
-    passing_.publishes(topic, incoming.payload, hops);
+    if (incoming.retain && isUnchanged(incoming)) {
+        return;
+    }
+    passing_.publishes(topic, hops);
     const char *const data = incoming.payload.empty() ? nullptr : incoming.payload.data();
     const int length = static_cast<int>(incoming.payload.size());
-    if (incoming.retain && data) {
-        busClientPublishSticky(node_.get(), topic.c_str(), data, length);
+    if (incoming.retain) {
+        retain(incoming, topic);
     } else {
         busClientPublish(node_.get(), topic.c_str(), data, length);
     }
-    if (incoming.retain && !data) {
-        busClientRemoveSticky(node_.get(), jsonArray({topic}).c_str());
-    }
     if (++unmarked_ >= kChunk) {
+        unmarked_ = 0;
+        ++marks_;
         mark();
     }
 }
 
 void Inflow::mark() {
-    unmarked_ = 0;
     marked_ = Clock::now();
-    const std::string number = std::to_string(++marks_);
+    const std::string number = std::to_string(marks_);
     busClientPublish(node_.get(), name_.c_str(), number.data(), static_cast<int>(number.size()));
 }
 
 std::chrono::milliseconds Inflow::pause() {
     using std::chrono::milliseconds;
+    const auto now = Clock::now();
     if (marks_ - returned_.load() < 2) {
+        since_ = now;
+        told_ = false;
         return milliseconds{0};
     }
-    const auto left = std::chrono::ceil<milliseconds>(marked_ + kLongestPause - Clock::now());
-    if (left.count() > 0) {
-        return left;
+    if (now - marked_ >= kMarkAgain) {
+        mark();
     }
-    log_.warning(
-        "the bus has not taken publications for a second; what it has no room for is lost");
-    returned_ = marks_;
-    return milliseconds{0};
+    if (!told_ && now - since_ >= std::chrono::seconds{1}) {
+        told_ = true;
+        log_.warning("the bus takes no publications; until it does, none is taken from the broker");
+    }
+    return kMarkAgain;
 }
 
 int Inflow::onMessage(void *self, client_t *, char *topic, char *data, int len) {
@@ -80,48 +77,61 @@ int Inflow::onMessage(void *self, client_t *, char *topic, char *data, int len) 
     std::uint32_t mark = 0;
     if (data && inflow.name_ == topic &&
         std::from_chars(data, data + len, mark).ec == std::errc{}) {
-        try {
-            inflow.awaitOthers();
-        } catch (const std::exception &failure) {
-            inflow.log_.error({"nodes that are behind are not waited for: ", failure.what()});
-        }
         inflow.returned_ = mark;
         inflow.wake_();
     }
     return 0;
 }
 
-void Inflow::awaitOthers() {
-    const auto begun = Clock::now();
-    auto moved = begun;
-    while (true) {
-        const Backlog::Look look = backlog_.look(node_.get());
-        const auto now = Clock::now();
-        if (look == Backlog::Look::kNone || now - begun >= kLongestWait) {
-            return;
-        }
-        if (look == Backlog::Look::kShrinks) {
-            moved = now;
-        } else if (now - moved >= kLongestStand) {
-            backlog_.pass();
-            return;
-        }
-        if (!sleep(kLook)) {
-            return;
-        }
+// ---- what is retained at the broker, and sticky on the bus ----
+
+bool Inflow::isUnchanged(const Incoming &incoming) {
+    const bool isExpected = expected_.erase(incoming.topic) > 0;
+    const auto kept = sticky_.find(incoming.topic);
+    return isExpected && kept != sticky_.end() && kept->second == incoming.payload;
+}
+
+void Inflow::retain(const Incoming &incoming, const std::string &topic) {
+    if (incoming.payload.empty()) {
+        sticky_.erase(incoming.topic);
+        removeSticky(topic);
+        return;
+    }
+    sticky_.insert_or_assign(incoming.topic, std::string{incoming.payload});
+    busClientPublishSticky(node_.get(), topic.c_str(), incoming.payload.data(),
+                           static_cast<int>(incoming.payload.size()));
+}
+
+void Inflow::removeSticky(const std::string &topic) {
+    busClientPublish(node_.get(), topic.c_str(), nullptr, 0);
+    busClientRemoveSticky(node_.get(), jsonArray({topic}).c_str());
+}
+
+void Inflow::expectAll() {
+    expected_.clear();
+    for (const auto &[topic, onBus] : topics_) {
+        expected_.insert(topic);
     }
 }
 
-// False: closing.
-bool Inflow::sleep(std::chrono::milliseconds time) {
-    std::unique_lock lock{mutex_};
-    return !changed_.wait_for(lock, time, [this] { return closing_; });
+bool Inflow::expectSticky() {
+    std::set<std::string> missing;
+    for (const auto &[topic, payload] : sticky_) {
+        if (expected_.contains(topic)) {
+            missing.insert(topic);
+        }
+    }
+    expected_ = std::move(missing);
+    return !expected_.empty();
 }
 
-void Inflow::close() {
-    const std::lock_guard lock{mutex_};
-    closing_ = true;
-    changed_.notify_all();
+void Inflow::sweep() {
+    for (const std::string &topic : expected_) {
+        log_.info(topics_.at(topic) + " is sticky no more: the broker does not retain it");
+        sticky_.erase(topic);
+        removeSticky(topics_.at(topic));
+    }
+    expected_.clear();
 }
 
 } // namespace zelvo_mqtt

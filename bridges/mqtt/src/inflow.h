@@ -2,7 +2,6 @@
 #ifndef ZELVO_MQTT_INFLOW_H
 #define ZELVO_MQTT_INFLOW_H
 
-#include "backlog.h"
 #include "config.h"
 #include "incoming.h"
 #include "log.h"
@@ -12,11 +11,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -24,8 +22,8 @@ namespace zelvo_mqtt {
 
 // The bus drops what it has no room for, and the broker sends faster than it can take. So a mark
 // goes along behind every kChunk publications, to a node of the inflow's own: as long as two of
-// them have not come back, nothing more is to be read from the broker. Before the node gives a mark
-// back it waits for nodes that are far behind, as long as they catch up.
+// them have not come back, nothing more is to be read from the broker. One that is lost is sent
+// again.
 class Inflow {
 public:
     static constexpr int kChunk = 128;
@@ -34,38 +32,44 @@ public:
     Inflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
            Passing &passing, Log &log, std::function<void()> wake);
 
-    // The rest, except close(), is the link's thread's. None of it blocks.
+    // The rest is the link's thread's. None of it blocks. Topics are the broker's.
     bool takes(const std::string &topic) const { return topics_.contains(topic); }
+    const std::map<std::string, std::string> &topics() const { return topics_; } // and the bus's
     void publish(const Incoming &incoming); // of a topic that it takes
     std::chrono::milliseconds pause();      // 0: go on reading
 
-    void close(); // the node waits for nobody any more
+    // What is retained of the expected topics is to come now; what is sticky already is then not
+    // published again. None is expected in the beginning.
+    void expectAll();
+    bool expectSticky(); // those that are sticky and have not come; false: there are none
+    const std::set<std::string> &expected() const { return expected_; }
+    void sweep(); // what has not come is sticky no more
+
     Node &node() { return node_; }
 
 private:
-    static constexpr std::chrono::milliseconds kLongestPause{1000};
+    static constexpr std::chrono::milliseconds kMarkAgain{250};
 
     static int onMessage(void *self, client_t *, char *topic, char *data, int len);
     void mark();
-    void awaitOthers();
-    bool sleep(std::chrono::milliseconds time);
+    bool isUnchanged(const Incoming &incoming);
+    void retain(const Incoming &incoming, const std::string &topic);
+    void removeSticky(const std::string &topic);
 
     Passing &passing_;
     Log &log_;
     const std::function<void()> wake_;
     const std::string name_;
     std::map<std::string, std::string> topics_; // the bus's by the broker's
+    std::map<std::string, std::string> sticky_; // payloads, by the broker's topic
+    std::set<std::string> expected_;
 
     int unmarked_ = 0;
     std::uint32_t marks_ = 0;
-    Clock::time_point marked_{};
+    Clock::time_point marked_{}, since_{};
+    bool told_ = false;
     std::atomic<std::uint32_t> returned_{0};
-
-    Backlog backlog_; // the node's thread's
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool closing_ = false; // guarded by mutex_
-    Node node_;            // last: its thread uses the others
+    Node node_; // last: its thread uses the others
 };
 
 } // namespace zelvo_mqtt

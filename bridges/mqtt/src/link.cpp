@@ -1,5 +1,7 @@
 #include "link.h"
 
+#include "topics.h"
+
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
@@ -12,80 +14,33 @@
 namespace zelvo_mqtt {
 namespace {
 
-constexpr int kKeepAlive = 15; // seconds
-constexpr std::chrono::milliseconds kFirstPause{100};
-constexpr std::chrono::milliseconds kLongestPause{10'000};
-constexpr std::chrono::milliseconds kLongestConnect{10'000};
-constexpr std::size_t kMostUnderWay = 64; // the broker may allow fewer, mosquitto 20
-constexpr int kMostReads = 64;            // packets between two looks at what is to be sent
+using std::chrono::milliseconds;
+
+constexpr milliseconds kFirstPause{100};
+constexpr milliseconds kLongestPause{10'000};
+constexpr milliseconds kFarewell{300};
+constexpr std::chrono::seconds kStands{10}; // a connection that has is a good one
+constexpr std::size_t kMostUnderWay = 64;   // the broker may allow fewer, mosquitto 20
+constexpr int kMostReads = 64;              // packets between two looks at what is to be sent
 
 } // namespace
 
-thread_local const Link *Link::own_ = nullptr;
-
-struct Link::Callbacks {
-    static Link &of(void *userdata) { return *static_cast<Link *>(userdata); }
-    // Nothing may be thrown through the library.
-    template <typename Function>
-    static void keep(void *link, Function function) noexcept {
-        try {
-            function(of(link));
-        } catch (...) {
-            of(link).thrown_ = std::current_exception();
-        }
-    }
-    static void onConnect(mosquitto *, void *link, int reason, int,
-                          const mosquitto_property *list) {
-        keep(link, [&](Link &own) { own.onConnect(reason, list); });
-    }
-    static void onDisconnect(mosquitto *, void *link, int reason, const mosquitto_property *) {
-        keep(link, [&](Link &own) {
-            own.down(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
-        });
-    }
-    static void onPublish(mosquitto *, void *link, int mid, int, const mosquitto_property *) {
-        keep(link, [&](Link &own) { own.onPublish(mid); });
-    }
-    static void onSubscribe(mosquitto *, void *link, int mid, int, const int *granted,
-                            const mosquitto_property *) {
-        keep(link, [&](Link &own) { own.onSubscribe(mid, *granted); });
-    }
-    static void onMessage(mosquitto *, void *link, const mosquitto_message *message,
-                          const mosquitto_property *list) {
-        try {
-            of(link).events_.received(*message, list);
-        } catch (const std::exception &failure) {
-            of(link).log_.error({"a message from the broker is dropped: ", failure.what()});
-        }
-    }
-    static void onLog(mosquitto *, void *link, int level, const char *text) {
-        if (level == MOSQ_LOG_ERR || level == MOSQ_LOG_WARNING) {
-            keep(link, [&](Link &own) { own.libraryError_ = text; });
-        }
-    }
-};
-
-Link::Link(const Config &config, const Topics &topics, Buffer &buffer, Log &log, LinkEvents &events)
-    : config_{config},
-      topics_{topics},
-      buffer_{buffer},
-      log_{log},
-      events_{events},
-      underWay_{buffer} {
-    makeSession();
+// "/" stands in neither part, escaped.
+std::string clientId(const Config &config) {
+    return escapedLevel(config.prefix) + '/' + escapedLevel(config.site);
 }
 
-// A new one for every connection: what the broker has not acknowledged is handed over again from
-// here, and would be so by the library too, in another order.
-void Link::makeSession() {
-    session_.emplace(config_, topics_, this);
-    mosquitto *const handle = session_->get();
-    mosquitto_connect_v5_callback_set(handle, Callbacks::onConnect);
-    mosquitto_disconnect_v5_callback_set(handle, Callbacks::onDisconnect);
-    mosquitto_publish_v5_callback_set(handle, Callbacks::onPublish);
-    mosquitto_subscribe_v5_callback_set(handle, Callbacks::onSubscribe);
-    mosquitto_message_v5_callback_set(handle, Callbacks::onMessage);
-    mosquitto_log_callback_set(handle, Callbacks::onLog);
+thread_local const Link *Link::own_ = nullptr;
+
+// Nothing may be thrown through the library.
+template <typename Function>
+void Link::keep(void *link, Function function) noexcept {
+    Link &own = *static_cast<Link *>(link);
+    try {
+        function(own);
+    } catch (...) {
+        own.thrown_ = std::current_exception();
+    }
 }
 
 void Link::start() {
@@ -98,6 +53,23 @@ void Link::stop() {
     if (thread_.joinable()) {
         thread_.join();
     }
+}
+
+void Link::kick() {
+    if (isOwnThread()) {
+        return; // it looks by itself
+    }
+    const std::unique_lock lock{mutex_, std::try_to_lock};
+    if (lock.owns_lock()) {
+        if (!connected_) {
+            return;
+        }
+        flush();
+        if (!mosquitto_want_write(session_->get())) {
+            return;
+        }
+    }
+    wake_.set();
 }
 
 // ---- the thread ----
@@ -119,9 +91,9 @@ void Link::run() {
 // What is thrown, where memory or a thread is not to be had, costs the connection; the next one is
 // tried after a pause, as ever.
 void Link::giveUp(const char *why) {
-    log_.error({"the connection to the broker is given up: ", why});
+    log_.error({"a connection to the broker is given up: ", why});
     try {
-        down(why);
+        fail(why);
     } catch (const std::exception &failure) {
         log_.error({"the bus is not told of it: ", failure.what()});
     }
@@ -129,20 +101,21 @@ void Link::giveUp(const char *why) {
 
 // Waits for the broker, for senders, or for the time of what comes next, and does it.
 void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
-    using std::chrono::milliseconds;
     advance();
-    flush();
+    if (connected_) {
+        flush();
+    }
     pollfd files[2] = {{wake_.descriptor(), POLLIN, 0}, {-1, 0, 0}};
     auto timeout = std::clamp(std::chrono::ceil<milliseconds>(until - Clock::now()),
                               milliseconds{0}, patience());
-    if (state_ == State::kConnecting || state_ == State::kUp) {
-        const auto pause = events_.pause();
+    if (state_ != State::kDown) {
+        const auto paused = pause();
         files[1].fd = mosquitto_socket(session_->get());
-        files[1].events = pause.count() > 0 ? 0 : POLLIN;
+        files[1].events = paused.count() > 0 ? 0 : POLLIN;
         if (!open_ || mosquitto_want_write(session_->get())) {
             files[1].events |= POLLOUT;
         }
-        timeout = pause.count() > 0 ? std::min(timeout, pause) : timeout;
+        timeout = paused.count() > 0 ? std::min(timeout, paused) : timeout;
     }
     lock.unlock();
     const int ready = poll(files, 2, static_cast<int>(timeout.count()));
@@ -150,24 +123,17 @@ void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
     if (files[0].revents != 0) {
         wake_.clear();
     }
-    if (ready > 0 && files[1].revents != 0) {
+    if (ready > 0 && files[1].revents != 0 && state_ != State::kDown) {
         open_ = true;
         work((files[1].revents & ~POLLOUT) != 0);
     }
 }
 
-std::chrono::milliseconds Link::patience() const {
-    using std::chrono::milliseconds;
-    switch (state_) {
-    case State::kDown: {
-        const auto left = since_ + retry_ - Clock::now();
-        return std::max(milliseconds{1}, std::chrono::ceil<milliseconds>(left));
-    }
-    case State::kLooking:
-        return milliseconds{10};
-    default:
+milliseconds Link::patience() const {
+    if (state_ != State::kDown || !mayConnect()) {
         return milliseconds{500};
     }
+    return std::max(milliseconds{1}, std::chrono::ceil<milliseconds>(due_ - Clock::now()));
 }
 
 // What is due by the clock or has come to its end.
@@ -175,17 +141,16 @@ void Link::advance() {
     const auto now = Clock::now();
     if (now - second_ >= std::chrono::seconds{1}) {
         second_ = now;
-        tellDrops();
+        everySecond();
     }
-    if (state_ == State::kDown && now - since_ >= retry_) {
-        enter(State::kLooking);
-        lookup_.begin(config_.host);
-    }
-    if (state_ == State::kLooking && lookup_.done()) {
-        lookup_.failure().empty() ? connect() : down(config_.host + ": " + lookup_.failure());
-    } else if (state_ == State::kConnecting && now - since_ >= kLongestConnect) {
-        down("the broker does not answer");
-    } else if (state_ == State::kUp) {
+    if (state_ == State::kDown && mayConnect() && now >= due_) {
+        due_ = now + milliseconds{10};
+        seek();
+    } else if (state_ == State::kConnecting && now - since_ >= limit_) {
+        fail("the broker does not answer");
+    } else if (state_ != State::kDown && !mayConnect()) {
+        fail("the other connection to the broker is lost");
+    } else if (state_ == State::kUp && pause().count() == 0) {
         end(mosquitto_loop_misc(session_->get()));
     }
 }
@@ -195,20 +160,59 @@ void Link::enter(State state) {
     since_ = Clock::now();
 }
 
-void Link::connect() {
+// A new handle for every connection: what the broker has not acknowledged is handed over again from
+// here, and would be so by the library too, in another order.
+void Link::connect(const Target &target, milliseconds limit) {
     enter(State::kConnecting);
-    open_ = false;
+    limit_ = limit;
+    open_ = byBroker_ = prospers_ = false;
     libraryError_.clear();
     refusal_.clear();
     thrown_ = nullptr;
-    underWay_.connectionLost(); // again, where memory was short then
     try {
-        makeSession(); // files may have changed since the last one
+        session_.emplace(config_, target, purpose(), this); // files may have changed
     } catch (const OpenError &refused) {
-        down(refused.what());
+        fail(refused.what());
         return;
     }
-    end(mosquitto_connect_async(session_->get(), config_.host.c_str(), config_.port, kKeepAlive));
+    callBack();
+    end(session_->connect());
+}
+
+void Link::callBack() {
+    using List = const mosquitto_property *;
+    mosquitto *const handle = session_->get();
+    mosquitto_connect_v5_callback_set(
+        handle, [](mosquitto *, void *link, int reason, int flags, List properties) {
+            keep(link, [&](Link &own) { own.onConnect(reason, (flags & 1) != 0, properties); });
+        });
+    mosquitto_disconnect_v5_callback_set(handle, [](mosquitto *, void *link, int reason, List) {
+        keep(link, [&](Link &own) { own.onDisconnect(reason); });
+    });
+    mosquitto_publish_v5_callback_set(
+        handle, [](mosquitto *, void *link, int mid, int reason, List) {
+            keep(link, [&](Link &own) {
+                own.sentMid_ = mid; // perhaps within the call that sends it
+                own.acknowledged(mid, reason);
+            });
+        });
+    mosquitto_subscribe_v5_callback_set(
+        handle, [](mosquitto *, void *link, int mid, int, const int *granted, List) {
+            keep(link, [&](Link &own) { own.onSubscribe(mid, *granted); });
+        });
+    // What can't be handled for lack of memory costs the connection, and comes again.
+    mosquitto_message_v5_callback_set(
+        handle, [](mosquitto *, void *link, const mosquitto_message *message, List properties) {
+            keep(link, [&](Link &own) {
+                own.prospers_ = true;
+                own.received(readIncoming(*message, properties));
+            });
+        });
+    mosquitto_log_callback_set(handle, [](mosquitto *, void *link, int level, const char *text) {
+        if (level == MOSQ_LOG_ERR || level == MOSQ_LOG_WARNING) {
+            keep(link, [&](Link &own) { own.libraryError_ = text; });
+        }
+    });
 }
 
 // Reads what is there, and writes.
@@ -216,7 +220,7 @@ void Link::work(bool readable) {
     for (int i = 0; readable && i < kMostReads && state_ != State::kDown; ++i) {
         errno = 0;
         end(mosquitto_loop_read(session_->get(), 1));
-        if (errno == EAGAIN || events_.pause().count() > 0) { // read empty
+        if (errno == EAGAIN || pause().count() > 0) { // read empty
             break;
         }
     }
@@ -226,7 +230,9 @@ void Link::work(bool readable) {
     if (state_ != State::kDown && mosquitto_want_write(session_->get())) {
         end(mosquitto_loop_write(session_->get(), 1));
     }
-    if (state_ == State::kUp && !connected_) {
+    if (state_ == State::kUp && !connected_) { // not in the callback, where the library only queues
+        connected_ = true;
+        denied_.clear();
         greet();
     }
 }
@@ -238,115 +244,138 @@ void Link::end(int result) {
         std::rethrow_exception(std::exchange(thrown_, nullptr));
     }
     if (result != MOSQ_ERR_SUCCESS && state_ != State::kDown) {
-        down(errorText(result));
+        onDisconnect(result);
     }
+}
+
+std::string Link::reasonOf(std::string_view failure) const {
+    const std::string fault = session_ ? session_->certificateFault() : "";
+    if (!fault.empty()) {
+        return "the broker's certificate is refused: " + fault;
+    }
+    return !refusal_.empty()        ? refusal_
+           : !libraryError_.empty() ? std::string{failure} + " " + libraryError_
+                                    : std::string{failure};
 }
 
 // What needs memory comes last.
-void Link::down(std::string_view failure) {
-    if (state_ == State::kDown) {
-        return;
-    }
+void Link::fail(std::string_view why) {
+    const auto now = Clock::now();
+    const bool wasUp = state_ == State::kUp;
+    const bool good = wasUp && (prospers() || now - since_ >= kStands);
+    retry_ = good ? kFirstPause : std::clamp(retry_ * 2, kFirstPause, kLongestPause);
+    due_ = hasAnother() && !wasUp ? now : now + retry_;
     enter(State::kDown);
-    retry_ = std::clamp(retry_ * 2, kFirstPause, kLongestPause);
     connected_ = false;
-    unsent_.clear();
-    subscriptions_.clear();
-    {
-        const std::lock_guard lock{directMutex_};
-        direct_.clear();
-    }
-    underWay_.connectionLost();
-    underWayCount_ = underWay_.unfinished();
-    if (!stopping_) {
-        const std::string text{failure};
-        events_.disconnected(!refusal_.empty()        ? refusal_
-                             : !libraryError_.empty() ? text + " " + libraryError_
-                                                      : text);
-    }
+    asked_.clear();
+    lost(reasonOf(why), wasUp && byBroker_);
 }
 
-// ---- at the begin and the end of a connection ----
+// ---- what the library tells ----
 
-void Link::onConnect(int reason, const mosquitto_property *properties) {
+void Link::onConnect(int reason, bool sessionKept, const mosquitto_property *properties) {
     if (reason != MQTT_RC_SUCCESS) {
         refusal_ = std::string{"the broker refuses: "} + mosquitto_reason_string(reason);
+        mostQos_ = reason == MQTT_RC_QOS_NOT_SUPPORTED ? 0 : mostQos_;
+        retains_ = retains_ && reason != MQTT_RC_RETAIN_NOT_SUPPORTED;
         return;
     }
     std::uint16_t window = kMostUnderWay;
     std::uint8_t qos = 2;
+    std::uint8_t retains = 1;
     mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &window, false);
     mosquitto_property_read_byte(properties, MQTT_PROP_MAXIMUM_QOS, &qos, false);
+    mosquitto_property_read_byte(properties, MQTT_PROP_RETAIN_AVAILABLE, &retains, false);
     window_ = std::min<std::size_t>(window, kMostUnderWay);
-    qos_ = std::min<int>(config_.qos, qos);
+    mostQos_ = qos;
+    retains_ = retains != 0;
+    sessionKept_ = sessionKept;
     enter(State::kUp);
 }
 
-// Not in the callback, in which the library only queues.
-void Link::greet() {
-    mosquitto *const handle = session_->get();
-    const auto subscribe = [&](const std::string &topic, int qos, int options) {
-        int mid = 0;
-        if (mosquitto_subscribe_v5(handle, &mid, topic.c_str(), qos, options, nullptr) == 0) {
-            subscriptions_.emplace_back(mid, topic);
-        }
-    };
-    // The broker may know the subscriptions of a bridge before this one, whose bus had what is
-    // retained; this one's bus has not.
-    const int retained =
-        subscribed_ ? MQTT_SUB_OPT_SEND_RETAIN_NEW : MQTT_SUB_OPT_SEND_RETAIN_ALWAYS;
-    for (const std::string &topic : config_.in) {
-        subscribe(topics_.publication(topic), config_.qos,
-                  MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED | retained);
+void Link::onDisconnect(int reason) {
+    if (state_ == State::kDown) {
+        return;
     }
-    for (const Config::Call &call : config_.call) {
-        subscribe(topics_.presence(call.site), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+    byBroker_ = reason >= 128 || reason == MOSQ_ERR_CONN_LOST ||
+                (reason == MOSQ_ERR_ERRNO && errno == EPIPE);
+    if (reason == MQTT_RC_SESSION_TAKEN_OVER) { // the two would go on putting each other out
+        prospers_ = byBroker_ = false;
     }
-    if (!config_.call.empty()) {
-        subscribe(topics_.answers(), 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
-    }
-    subscribe(topics_.requests() + '#', 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
-    mosquitto_publish_v5(handle, nullptr, topics_.presence(config_.site).c_str(), 6, "online", 1,
-                         true, nullptr);
-    retry_ = {};
-    connected_ = true;
-    if (qos_ < config_.qos) {
-        log_.warning("the broker knows publications of \"qos\" " + std::to_string(qos_) +
-                     " at most");
-    }
-    events_.connected();
+    fail(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
 }
 
 void Link::onSubscribe(int mid, int reason) {
-    const auto found = std::find_if(subscriptions_.begin(), subscriptions_.end(),
-                                    [mid](const auto &each) { return each.first == mid; });
-    if (found == subscriptions_.end()) {
+    const auto found = asked_.find(mid);
+    if (found == asked_.end()) {
         return;
     }
     if (reason >= 128) {
-        log_.error({"the broker refuses the subscription to ", found->second, ": ",
-                    mosquitto_reason_string(reason)});
+        deny(found->second, "the subscription to", reason);
     }
-    subscriptions_.erase(found);
-    subscribed_ = subscribed_ || subscriptions_.empty();
+    asked_.erase(found);
+}
+
+// ---- what it is told ----
+
+void Link::deny(const std::string &topic, const char *what, int reason) {
+    log_.error({"the broker refuses ", what, " ", topic, ": ", mosquitto_reason_string(reason)});
+    denied_.insert(topic);
+}
+
+// The number comes back with what the subscription brings.
+void Link::subscribe(const std::string &topic, int qos, int options, std::uint32_t number) {
+    mosquitto_property *list = nullptr;
+    if (number > 0) {
+        mosquitto_property_add_varint(&list, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, number);
+    }
+    const Properties properties{list};
+    int mid = 0;
+    const int result = mosquitto_subscribe_v5(session_->get(), &mid, topic.c_str(),
+                                              std::min(qos, mostQos_), options, list);
+    if (result == MOSQ_ERR_SUCCESS) {
+        asked_.emplace(mid, topic);
+        return;
+    }
+    log_.error({"the subscription to ", topic, " can't be sent: ", errorText(result)});
+    denied_.insert(topic);
+}
+
+void Link::unsubscribe(const std::string &topic) {
+    const int result = mosquitto_unsubscribe(session_->get(), nullptr, topic.c_str());
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_.warning(topic + " can't be unsubscribed: " + errorText(result));
+    }
+}
+
+int Link::put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
+              const Properties &properties) {
+    sentMid_ = 0;
+    return mosquitto_publish_v5(session_->get(), &mid, topic.c_str(),
+                                static_cast<int>(payload.size()), payload.data(), qos, retain,
+                                properties.get());
+}
+
+std::vector<std::string> Link::denied() {
+    const std::lock_guard lock{mutex_};
+    return {denied_.begin(), denied_.end()};
 }
 
 void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
     const auto end = Clock::now() + kFarewell;
     const auto last = end + kFarewell / 3;
-    const auto unsent = [&] { return buffer_.fill().messages + underWay_.unfinished(); };
     while (connected_ && unsent() > 0 && Clock::now() < end) {
         turn(lock, end);
     }
-    if (connected_) { // a publication of "offline" would wait behind those under way
-        mosquitto_disconnect_v5(session_->get(), MQTT_RC_DISCONNECT_WITH_WILL_MSG, nullptr);
+    if (connected_) {
+        mosquitto_disconnect_v5(session_->get(), farewellReason(), nullptr);
         while (state_ != State::kDown && Clock::now() < last) {
             turn(lock, last);
         }
     }
     if (const std::size_t lost = unsent(); lost > 0) {
-        log_.warning(std::to_string(lost) + " publications are lost: the bridge is closed before "
-                                            "the broker has taken them");
+        log_.warning(std::to_string(lost) +
+                     " messages are lost: the bridge closes before the broker has taken them");
     }
 }
 

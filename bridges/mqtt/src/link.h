@@ -1,27 +1,24 @@
-// The connection to the broker and the thread that keeps it.
+// A connection to the broker and the thread that keeps it. A bridge has two, each with a broker's
+// session of its own: what holds up publications holds up no call, and the other way round.
 #ifndef ZELVO_MQTT_LINK_H
 #define ZELVO_MQTT_LINK_H
 
-#include "buffer.h"
 #include "config.h"
+#include "incoming.h"
 #include "log.h"
-#include "lookup.h"
 #include "node.h"
 #include "session.h"
-#include "topics.h"
-#include "under_way.h"
 #include "wake.h"
-
-#include <mosquitto.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <exception>
+#include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -30,60 +27,75 @@
 
 namespace zelvo_mqtt {
 
-inline constexpr const char *kHops = "zelvo-hops"; // the user property of a publication
+// Of a site, so that the broker knows it again after a restart; of no other, whatever the prefixes.
+std::string clientId(const Config &config);
 
-// A message that is sent at once or not at all.
-struct Direct {
-    std::string topic;
-    std::string payload;
-    std::string answerTopic = {}; // of a request
-    std::string correlation = {}; // none: there is no such property
-    std::uint32_t expiry = 0;     // seconds; 0: none
-};
-
-// What the connection hands on. Every function is called with the link's mutex held, by the link's
-// thread, except that received() alone may be called by nobody else; none may block or call the
-// link, send() and kick() apart.
-class LinkEvents {
-public:
-    LinkEvents() = default;
-    LinkEvents(const LinkEvents &) = delete;
-    LinkEvents &operator=(const LinkEvents &) = delete;
-    virtual ~LinkEvents() = default;
-    virtual void connected() = 0;
-    virtual void disconnected(const std::string &why) = 0;
-    virtual void received(const mosquitto_message &message,
-                          const mosquitto_property *properties) = 0;
-    // How long nothing is to be read from the broker, since the bus is behind.
-    virtual std::chrono::milliseconds pause() = 0;
-};
-
-// Threads: any may call anything, except start() and stop(). Nothing waits for the network but
-// stop(). All use of the library's handle is under one mutex; senders try it, and where the thread
-// has it leave the sending to the thread.
+// Threads: any may call what is public, except start() and stop(). Nothing waits for the network
+// but stop(). All use of the library's handle is under one mutex; senders try it, and where the
+// thread has it leave the sending to the thread.
 class Link {
 public:
-    Link(const Config &config, const Topics &topics, Buffer &buffer, Log &log, LinkEvents &events);
     Link(const Link &) = delete;
     Link &operator=(const Link &) = delete;
-    ~Link() { stop(); }
+    virtual ~Link() = default; // stop() comes first: the thread uses what a derived class has
 
     void start(); // throws std::system_error
-    // Gives the buffer kFarewell to empty, then disconnects and ends the thread.
+    // Gives what is to be sent kFarewell to go out, then disconnects and ends the thread.
     void stop();
 
-    // Sends what is to be sent at once. False: not connected, or too much waits to be sent.
-    bool send(Direct message);
-    // The buffer holds something.
-    void kick();
-    // pause() may have ended.
-    void wake() { wake_.set(); }
     bool isConnected() const { return connected_.load(std::memory_order_relaxed); }
-    std::size_t underWay() const { return underWayCount_.load(std::memory_order_relaxed); }
+    // Something is to be sent.
+    void kick();
+    // Something that the thread waits for may have come.
+    void wake() { wake_.set(); }
+    // The topics that the broker does not allow on this connection.
+    std::vector<std::string> denied();
+
+protected:
+    Link(const Config &config, Log &log) : config_{config}, log_{log} {}
+
+    // What a connection is for. The thread calls these, with the mutex held, flush() also a
+    // sender; none may block or call another link, unless it says so.
+    virtual Purpose purpose() const = 0;
+    virtual bool mayConnect() const { return true; }
+    virtual bool hasAnother() const { return false; } // to be tried at once
+    virtual void seek() = 0;  // connect(), or fail(), or wait for being asked again
+    virtual void greet() = 0; // what begins a connection
+    virtual void flush() = 0; // hands over what is to be sent, as far as it goes
+    virtual void received(const Incoming &incoming) = 0;
+    virtual void acknowledged(int mid, int reason) = 0; // or, without QoS, sent
+    // A connection, or the try, has ended. byBroker: it was up, and the broker has ended it.
+    virtual void lost(const std::string &why, bool byBroker) = 0;
+    virtual void everySecond() {}
+    virtual std::chrono::milliseconds pause() { return {}; } // nothing is to be read so long
+    virtual std::size_t unsent() = 0;
+    virtual int farewellReason() const { return 0; }
+    // Something has been achieved: the next try after a loss comes soon.
+    virtual bool prospers() const { return prospers_; }
+
+    void connect(const Target &target, std::chrono::milliseconds limit);
+    void fail(std::string_view why); // ends a connection, or a try
+    void subscribe(const std::string &topic, int qos, int options, std::uint32_t number = 0);
+    void unsubscribe(const std::string &topic);
+    // A result of the library, which is MOSQ_ERR_SUCCESS where it has taken the message.
+    int put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
+            const Properties &properties);
+    // Tells that the broker does not allow what belongs to a topic.
+    void deny(const std::string &topic, const char *what, int reason);
+    void prosper() { prospers_ = true; }
+    bool isOwnThread() const { return own_ == this; }
+
+    const Config &config_;
+    Log &log_;
+    std::mutex mutex_;       // of everything below
+    int sentMid_ = 0;        // what put() has sent at once
+    std::size_t window_ = 0; // messages with QoS that the broker takes at a time
+    int mostQos_ = 2;        // that the broker knows
+    bool retains_ = true;    // the broker does
+    bool sessionKept_ = false;
 
 private:
-    static constexpr std::chrono::milliseconds kFarewell{300};
-    enum class State { kDown, kLooking, kConnecting, kUp };
+    enum class State { kDown, kConnecting, kUp };
 
     void run();
     void turn(std::unique_lock<std::mutex> &lock,
@@ -92,60 +104,39 @@ private:
     std::chrono::milliseconds patience() const;
     void advance();
     void enter(State state);
-    void makeSession();
-    void connect();
     void work(bool readable);
     void end(int result);
-    void down(std::string_view failure);
     void giveUp(const char *why);
-    void greet();
-    void flush();
-    void flushDirect();
-    bool publish(Publication publication);
-    int put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
-            const Properties &properties);
-    void tellDrops();
+    void callBack();
+    std::string reasonOf(std::string_view failure) const;
 
-    struct Callbacks;
-    void onConnect(int reason, const mosquitto_property *properties);
-    void onPublish(int mid);
+    template <typename Function>
+    static void keep(void *link, Function function) noexcept;
+    void onConnect(int reason, bool sessionKept, const mosquitto_property *properties);
+    void onDisconnect(int reason);
     void onSubscribe(int mid, int reason);
 
     // The link whose thread this is: it holds the mutex while it is called back.
     static thread_local const Link *own_;
 
-    const Config &config_;
-    const Topics &topics_;
-    Buffer &buffer_;
-    Log &log_;
-    LinkEvents &events_;
     Wake wake_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> connected_{false};
-    std::atomic<std::size_t> underWayCount_{0};
     std::thread thread_;
 
-    std::mutex directMutex_; // of direct_; taken after mutex_
-    std::deque<Direct> direct_;
-
-    std::mutex mutex_; // of everything below
-    std::optional<Session> session_;
-    Lookup lookup_;
+    std::optional<Session> session_; // guarded by mutex_, as the others
     State state_ = State::kDown;
     bool open_ = false;                  // the socket has been ready since it was made
     std::string libraryError_, refusal_; // of this connection
     std::exception_ptr thrown_;          // by a callback of it
-    std::chrono::milliseconds retry_{0};
-    Clock::time_point since_{};  // of the state
-    Clock::time_point second_{}; // when it was last looked after what comes now and then
-    UnderWay underWay_;
-    std::vector<int> unsent_; // direct messages that the socket has not taken
-    int sentMid_ = 0;         // the latest of neither
-    std::size_t window_ = 0;
-    int qos_ = 0;
-    std::vector<std::pair<int, std::string>> subscriptions_; // that have not been answered
-    bool subscribed_ = false; // all of a connection have been, since the start
-    std::uint64_t told_ = 0;  // drops
+    bool byBroker_ = false;              // it has ended so
+    bool prospers_ = false;
+    std::chrono::milliseconds retry_{0}, limit_{0};
+    Clock::time_point since_{};        // of the state
+    Clock::time_point due_{};          // the next try
+    Clock::time_point second_{};       // when it was last looked after what comes now and then
+    std::map<int, std::string> asked_; // subscriptions that have not been answered
+    std::set<std::string> denied_;
 };
 
 } // namespace zelvo_mqtt

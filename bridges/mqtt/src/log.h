@@ -37,9 +37,10 @@ public:
     Log &operator=(const Log &) = delete;
     ~Log();
 
-    // Begins to append to a file; an empty path stays with standard error. False: it can't be
-    // opened, and nothing has changed. Before other threads write.
-    bool open(const std::string &path, Level least);
+    // Begins to append to a file, which is deleted and begun anew when it has got so many bytes (0:
+    // never); an empty path stays with standard error. False: it can't be opened, and nothing has
+    // changed. Before other threads write.
+    bool open(const std::string &path, Level least, std::size_t most = 0);
     // Stands behind the tag of every line: the site.
     void setName(std::string name) { name_ = std::move(name); }
 
@@ -60,12 +61,15 @@ private:
     };
     bool admits();
     void tellLeftOut();
+    bool begin(bool anew);
     void print(Level level, Parts parts, Place place);
 
     Level least_ = Level::kInfo;
     std::string name_ = "-";
     std::mutex mutex_; // of everything below
     std::unique_ptr<std::FILE, Close> file_;
+    std::string path_;
+    std::size_t most_ = 0;
     std::chrono::steady_clock::time_point second_;
     int lines_ = 0;
     unsigned long leftOut_ = 0;

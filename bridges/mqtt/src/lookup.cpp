@@ -2,37 +2,22 @@
 
 #include "node.h"
 
-#include <arpa/inet.h>
 #include <netdb.h>
 
 namespace zelvo_mqtt {
-namespace {
-
-bool isAddress(const std::string &host) {
-    in6_addr address{};
-    return inet_pton(AF_INET, host.c_str(), &address) == 1 ||
-           inet_pton(AF_INET6, host.c_str(), &address) == 1;
-}
-
-} // namespace
 
 void Lookup::begin(const std::string &host) {
     if (!done()) {
         return;
     }
-    state_->error = 0;
-    if (isAddress(host)) {
-        return;
-    }
+    state_ = std::make_shared<State>();
     state_->done = false;
     try {
         startThread([state = state_, host] {
-            addrinfo hints{};
-            hints.ai_socktype = SOCK_STREAM;
-            addrinfo *found = nullptr;
-            state->error = getaddrinfo(host.c_str(), nullptr, &hints, &found);
-            if (state->error == 0) {
-                freeaddrinfo(found);
+            try {
+                state->ask(host);
+            } catch (const std::exception &) {
+                state->error = EAI_MEMORY;
             }
             state->done = true;
         }).detach();
@@ -42,9 +27,25 @@ void Lookup::begin(const std::string &host) {
     }
 }
 
+void Lookup::State::ask(const std::string &host) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    error = getaddrinfo(host.c_str(), nullptr, &hints, &found);
+    for (const addrinfo *each = error == 0 ? found : nullptr; each; each = each->ai_next) {
+        char text[NI_MAXHOST] = "";
+        if (getnameinfo(each->ai_addr, each->ai_addrlen, text, sizeof text, nullptr, 0,
+                        NI_NUMERICHOST) == 0) {
+            addresses.emplace_back(text);
+        }
+    }
+    if (error == 0) {
+        freeaddrinfo(found);
+    }
+}
+
 std::string Lookup::failure() const {
-    const int error = state_->error.load();
-    return error == 0 ? std::string{} : gai_strerror(error);
+    return state_->error == 0 ? "it has no address" : gai_strerror(state_->error);
 }
 
 } // namespace zelvo_mqtt

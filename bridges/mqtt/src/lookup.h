@@ -6,21 +6,26 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace zelvo_mqtt {
 
 class Lookup {
 public:
-    // Begins, unless the one before still runs. An address needs none. Throws std::system_error.
+    // Begins, unless the one before still runs. Throws std::system_error.
     void begin(const std::string &host);
     bool done() const { return state_->done.load(); }
-    // Of the last that is done: why the host is unknown; empty, it is known.
+    // Of the last, which is done: the addresses in figures, in the order in which they are to be
+    // tried, and where there are none, why.
+    const std::vector<std::string> &addresses() const { return state_->addresses; }
     std::string failure() const;
 
 private:
     struct State {
         std::atomic<bool> done{true};
-        std::atomic<int> error{0};
+        std::vector<std::string> addresses; // the next two: the thread's until it is done
+        int error = 0;
+        void ask(const std::string &host);
     };
     std::shared_ptr<State> state_ = std::make_shared<State>();
 };

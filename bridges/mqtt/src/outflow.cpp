@@ -17,7 +17,7 @@ Outflow::Outflow(Zelvo_t *bus, const Config &config, const Topics &topics, const
       name_{name},
       node_{bus, name, onMessage, onCall, this} {
     for (const Config::Out &out : config.out) {
-        ways_[out.topic] = {topics.publication(out.topic), out.retain};
+        ways_[out.topic] = {topics.publication(out.topic), out.retain, out.expiry};
     }
 }
 
@@ -27,7 +27,6 @@ void Outflow::start() {
     for (const auto &[topic, way] : ways_) {
         subscribed.push_back(topic);
     }
-    passing_.setTopics(subscribed);
     node_.start();
     node_.subscribe(jsonArray(subscribed));
 }
@@ -54,14 +53,18 @@ void Outflow::take(const char *topic, std::string payload) {
         }
         return;
     }
-    const int hops = passing_.hopsOf(topic, payload);
+    const int hops = passing_.hopsOf(topic);
     if (hops > kMostHops) {
         log_.warning(std::string{"a publication of "} + topic +
                      " is not passed on: it has gone over a broker " + std::to_string(kMostHops) +
                      " times, so sites that pass it on stand in a ring");
         return;
     }
-    buffer_.push({way->second.topic, std::move(payload), way->second.retain, hops});
+    Publication publication{way->second.topic, std::move(payload), way->second.retain, hops};
+    if (way->second.expiry.count() > 0) {
+        publication.until = Clock::now() + way->second.expiry;
+    }
+    buffer_.push(std::move(publication));
     kick_();
 }
 

@@ -34,6 +34,7 @@ private:
     struct Way {
         std::string topic; // the broker's
         bool retain = false;
+        std::chrono::seconds expiry{0}; // 0: none
     };
     static int onMessage(void *self, client_t *, char *topic, char *data, int len);
     static char *onCall(void *self, client_t *, char *url, char *, int);

@@ -23,7 +23,7 @@ Serving::Caller::Caller(Serving &its, Zelvo_t *bus, const std::string &name, std
       node{bus, name, nullptr, nullptr, nullptr} {}
 
 Serving::Serving(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-                 Link &link, Log &log)
+                 CallLink &link, Log &log)
     : config_{config},
       topics_{topics},
       link_{link},
@@ -46,37 +46,64 @@ Serving::Caller *Serving::callerOf(std::string_view url) {
 
 void Serving::request(const Incoming &incoming) {
     const auto path = unescaped(std::string_view{incoming.topic}.substr(topics_.requests().size()));
-    if (!path || !topics_.isForAnswers(incoming.answerTopic)) {
-        log_.warning("a request to " + incoming.topic + " is dropped: " +
-                     (path ? "its answer has no topic of this prefix" : "its topic is malformed"));
+    const char *const fault = !path ? "its topic is not in the form that a bridge gives it"
+                              : !topics_.isForOwnAnswers(incoming.answerTopic)
+                                  ? "its answer's topic is none of this site"
+                              : !incoming.timeout ? "its number of milliseconds is none"
+                                                  : nullptr;
+    if (fault) {
+        log_.warning("a request to " + incoming.topic + " is dropped: " + fault);
         return;
     }
-    auto time = config_.callTimeout;
-    if (incoming.expiry > 0) {
-        const std::chrono::milliseconds expiry = std::chrono::seconds{incoming.expiry};
-        time = std::min(time, expiry);
-    }
     Request request{"/" + *path, std::string{incoming.payload}, incoming.answerTopic,
-                    incoming.correlation, Clock::now() + time};
+                    incoming.correlation, Clock::now() + timeFor(incoming)};
     Caller *const caller = callerOf(request.url);
-    if (!caller) {
-        refuse(request, "that node is not served");
-    } else if (isAboutCaller(request.url)) {
-        refuse(request, "of the bus, only \"/nodes\" and \"/stats\" are served");
-    } else if (!append(*caller, request)) {
-        refuse(request, "too many calls wait for that node");
+    const char *const refusal = refusalOf(request, caller);
+    if (refusal) {
+        refuse(request, refusal);
+    } else if (!append(*caller, std::move(request))) {
+        log_.warning("the call " + *path + " from outside is dropped: the bus takes none");
     }
+}
+
+// What is left to the caller, by its milliseconds less what the broker says it has kept the
+// request, in whole seconds. The clocks of two machines are not compared.
+std::chrono::milliseconds Serving::timeFor(const Incoming &incoming) const {
+    using std::chrono::milliseconds;
+    using std::chrono::seconds;
+    const milliseconds left = seconds{incoming.expiry};
+    if (*incoming.timeout == 0) {
+        return incoming.expiry == 0 ? config_.callTimeout : std::min(config_.callTimeout, left);
+    }
+    const milliseconds whole{*incoming.timeout};
+    const milliseconds kept = std::chrono::ceil<seconds>(whole) - left;
+    return whole - (incoming.expiry == 0 ? milliseconds{0} : std::max(kept, milliseconds{0}));
+}
+
+const char *Serving::refusalOf(const Request &request, Caller *caller) {
+    if (!caller) {
+        return "that node is not served";
+    }
+    if (isAboutCaller(request.url)) {
+        return "of the bus, only \"/nodes\" and \"/stats\" are served";
+    }
+    const std::lock_guard lock{caller->mutex};
+    if (caller->requests.size() >= kMostWaiting || bytes_ + request.size() > kMostBytes) {
+        return "too many calls wait";
+    }
+    return nullptr;
 }
 
 bool Serving::append(Caller &caller, Request request) {
     const std::lock_guard lock{caller.mutex};
-    if (caller.closing || caller.requests.size() >= kMostWaiting) {
+    if (caller.closing) {
         return false;
     }
     if (!caller.scheduled && busClientSettimer(caller.node.get(), onTimer, 0, 0, &caller) < 0) {
         return false;
     }
     caller.scheduled = true;
+    bytes_ += request.size();
     caller.requests.push_back(std::move(request));
     return true;
 }
@@ -84,7 +111,7 @@ bool Serving::append(Caller &caller, Request request) {
 int Serving::onTimer(void *self, client_t *, int) {
     Caller &caller = *static_cast<Caller *>(self);
     Serving &serving = caller.serving;
-    while (const std::optional<Request> request = next(caller)) {
+    while (const std::optional<Request> request = serving.next(caller)) {
         try {
             serving.call(caller, *request);
         } catch (const std::exception &failure) {
@@ -103,6 +130,7 @@ std::optional<Serving::Request> Serving::next(Caller &caller) {
     }
     Request request = std::move(caller.requests.front());
     caller.requests.pop_front();
+    bytes_ -= request.size();
     return request;
 }
 
@@ -123,7 +151,7 @@ void Serving::call(Caller &caller, const Request &request) {
 }
 
 void Serving::answer(const Request &request, const char *text) {
-    if (!link_.send({request.answerTopic, text, {}, request.correlation, 0})) {
+    if (!link_.send({request.answerTopic, text, {}, request.correlation})) {
         log_.warning("the answer of " + request.url + " is dropped: the broker does not take it");
     }
 }

@@ -2,13 +2,15 @@
 #ifndef ZELVO_MQTT_SERVING_H
 #define ZELVO_MQTT_SERVING_H
 
+#include "call_link.h"
 #include "config.h"
 #include "incoming.h"
-#include "link.h"
 #include "log.h"
 #include "node.h"
 #include "topics.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -21,11 +23,12 @@ namespace zelvo_mqtt {
 // and one that is slow, or hangs, holds up no other.
 class Serving {
 public:
-    static constexpr std::size_t kMostWaiting = 1000; // for one node
+    static constexpr std::size_t kMostWaiting = 1000;                // for one node
+    static constexpr std::size_t kMostBytes = std::size_t{16} << 20; // for all together
 
     // Joins the bus with every calling node, NAME.serve.1 and so on; throws OpenError.
     Serving(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-            Link &link, Log &log);
+            CallLink &link, Log &log);
 
     // A message to the topic of requests. The link's thread's; does not block.
     void request(const Incoming &incoming);
@@ -44,6 +47,8 @@ private:
         std::string answerTopic;
         std::string correlation;
         Clock::time_point until; // then nobody waits for the answer any more
+
+        std::size_t size() const { return url.size() + data.size() + answerTopic.size(); }
     };
     struct Caller {
         Caller(Serving &its, Zelvo_t *bus, const std::string &name, std::string served);
@@ -57,8 +62,10 @@ private:
     };
 
     static int onTimer(void *self, client_t *, int);
-    static std::optional<Request> next(Caller &caller);
+    std::optional<Request> next(Caller &caller);
     bool append(Caller &caller, Request request);
+    std::chrono::milliseconds timeFor(const Incoming &incoming) const;
+    const char *refusalOf(const Request &request, Caller *caller);
     void call(Caller &caller, const Request &request);
     Caller *callerOf(std::string_view url);
     void answer(const Request &request, const char *text);
@@ -66,9 +73,10 @@ private:
 
     const Config &config_;
     const Topics &topics_;
-    Link &link_;
+    CallLink &link_;
     Log &log_;
-    std::deque<Caller> callers_;
+    std::atomic<std::size_t> bytes_{0}; // of the requests that wait
+    std::deque<Caller> callers_;        // last: their threads use the others
 };
 
 } // namespace zelvo_mqtt

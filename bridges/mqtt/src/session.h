@@ -1,12 +1,13 @@
-// The MQTT library's handle of one client, set up for the broker of a configuration.
+// The MQTT library's handle of one connection, set up for a broker of a configuration.
 #ifndef ZELVO_MQTT_SESSION_H
 #define ZELVO_MQTT_SESSION_H
 
 #include "config.h"
-#include "topics.h"
 
 #include <mosquitto.h>
+#include <openssl/ssl.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -16,33 +17,55 @@ namespace zelvo_mqtt {
 std::string errorText(int result);
 
 struct PropertiesDelete {
-    void operator()(mosquitto_property *properties) const;
+    void operator()(mosquitto_property *properties) const {
+        mosquitto_property_free_all(&properties);
+    }
 };
 using Properties = std::unique_ptr<mosquitto_property, PropertiesDelete>;
+
+// One address of a broker.
+struct Target {
+    Config::Broker broker;
+    std::string address; // in figures
+};
+
+// What one connection differs in from another.
+struct Purpose {
+    std::string clientId = {};
+    std::uint32_t expiry = 0; // seconds for which the broker keeps the session; 0: it begins anew
+    int keepAlive = 0;        // seconds; 0: none
+    std::string will = {};    // topic, where "offline" is to stand; empty: none
+    int willQos = 0;
+    bool willRetain = false;
+    std::string instance = {}; // its user property kInstance
+};
+
+Properties userProperty(const char *name, const std::string &value);
 
 // Every use of the handle, the destructor included, is the caller's to keep apart.
 class Session {
 public:
     // userdata goes to the callbacks. Throws OpenError, naming what is refused.
-    Session(const Config &config, const Topics &topics, void *userdata);
+    Session(const Config &config, const Target &target, const Purpose &purpose, void *userdata);
+
     mosquitto *get() const { return handle_.get(); }
+    int connect(); // begins; a result of the library
+    // Why the broker's certificate is refused; empty: it is not.
+    std::string certificateFault() const;
 
 private:
-    // The library's own state is one for the process.
-    struct Library {
-        Library();
-        Library(const Library &) = delete;
-        Library &operator=(const Library &) = delete;
-        ~Library();
-    };
     struct Destroy {
-        void operator()(mosquitto *handle) const;
+        void operator()(mosquitto *handle) const { mosquitto_destroy(handle); }
+        void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
     };
     void setTls(const Config &config);
-    void setExpiry(const Config &config);
+    void setProperties(const Config &config, std::uint32_t expiry);
+    static void nameHost(const SSL *ssl, int where, int);
 
-    Library library_;
-    std::unique_ptr<mosquitto, Destroy> handle_;
+    const Target target_;
+    const int keepAlive_;
+    std::unique_ptr<SSL_CTX, Destroy> tls_;
+    std::unique_ptr<mosquitto, Destroy> handle_; // last: it ends before what it uses
 };
 
 } // namespace zelvo_mqtt

@@ -2,6 +2,7 @@
 
 #include <mosquitto.h>
 
+#include <algorithm>
 #include <charconv>
 
 namespace zelvo_mqtt {
@@ -36,17 +37,8 @@ std::string escapedExcept(std::string_view text, std::string_view special) {
     return topic;
 }
 
-} // namespace
-
-std::string escaped(std::string_view text) {
-    return escapedExcept(text, "%+#");
-}
-
-std::string escapedLevel(std::string_view text) {
-    return escapedExcept(text, "%+#/");
-}
-
-std::optional<std::string> unescaped(std::string_view topic) {
+// Any text that could have become this one.
+std::optional<std::string> decoded(std::string_view topic) {
     std::string text;
     for (std::size_t i = 0; i < topic.size(); ++i) {
         if (topic[i] != '%') {
@@ -66,19 +58,56 @@ std::optional<std::string> unescaped(std::string_view topic) {
     return text;
 }
 
+std::optional<std::string> decodedBy(std::string (*escape)(std::string_view),
+                                     std::string_view topic) {
+    std::optional<std::string> text = decoded(topic);
+    return text && escape(*text) == topic ? text : std::nullopt;
+}
+
+} // namespace
+
+std::string escaped(std::string_view text) {
+    return escapedExcept(text, "%+#");
+}
+
+std::string escapedLevel(std::string_view text) {
+    return escapedExcept(text, "%+#/");
+}
+
+std::optional<std::string> unescaped(std::string_view topic) {
+    return decodedBy(escaped, topic);
+}
+
+std::optional<std::string> unescapedLevel(std::string_view topic) {
+    return decodedBy(escapedLevel, topic);
+}
+
 Topics::Topics(const std::string &prefix, std::string_view site)
     : root_{prefix + '/'},
+      level_{escapedLevel(site)},
+      publications_{root_ + "topic/"},
       presences_{root_ + "site/"},
       allAnswers_{root_ + "answer/"},
-      requests_{root_ + "call/" + escapedLevel(site) + '/'},
-      answers_{allAnswers_ + escapedLevel(site)} {}
+      requests_{root_ + "call/" + level_ + '/'},
+      ownPresence_{presences_ + level_} {}
 
 std::string Topics::call(std::string_view site, std::string_view path) const {
     return root_ + "call/" + escapedLevel(site) + escaped(path);
 }
 
-bool Topics::isForAnswers(std::string_view topic) const {
-    return topic.size() > allAnswers_.size() && topic.starts_with(allAnswers_);
+bool Topics::isForOwnAnswers(std::string_view topic) const {
+    if (!isAnswer(topic) || !topic.ends_with('/' + level_)) {
+        return false;
+    }
+    const std::size_t end = topic.size() - level_.size() - 1;
+    const std::string_view caller =
+        topic.substr(allAnswers_.size(), end - std::min(end, allAnswers_.size()));
+    return !caller.empty() && unescapedLevel(caller).has_value();
+}
+
+std::optional<std::string> Topics::siteOf(std::string_view topic) const {
+    return topic.starts_with(presences_) ? unescapedLevel(topic.substr(presences_.size()))
+                                         : std::nullopt;
 }
 
 } // namespace zelvo_mqtt

@@ -4,7 +4,11 @@
 
 namespace zelvo_mqtt {
 
-std::optional<Publication> UnderWay::next() {
+std::optional<Publication> UnderWay::next(std::size_t window) {
+    const bool suspect = !sent_.empty() && sent_.front().publication.tries > 0;
+    if (suspect || sent_.size() >= window || bytes_ >= kMostBytes) {
+        return std::nullopt;
+    }
     if (again_.empty()) {
         return buffer_.pop();
     }
@@ -14,37 +18,32 @@ std::optional<Publication> UnderWay::next() {
 }
 
 void UnderWay::sent(int mid, Publication publication) {
+    bytes_ += publication.size();
     sent_.push_back({mid, std::move(publication)});
 }
 
-bool UnderWay::done(int mid, bool kept) {
+std::optional<Publication> UnderWay::done(int mid) {
     const auto found = std::find_if(sent_.begin(), sent_.end(),
                                     [mid](const Sent &each) { return each.mid == mid; });
     if (found == sent_.end()) {
-        return false;
+        return std::nullopt;
     }
-    if (kept && found->publication.payload.size() <= kLargestKept) {
-        kept_.push_back({std::chrono::steady_clock::now(), std::move(found->publication)});
-        if (kept_.size() > kMostKept) {
-            kept_.pop_front();
-        }
-    }
+    Publication publication = std::move(found->publication);
+    bytes_ -= publication.size();
     sent_.erase(found);
-    return true;
+    return publication;
 }
 
-void UnderWay::connectionLost() {
-    const auto oldest = std::chrono::steady_clock::now() - kLongestKept;
-    while (!sent_.empty()) {
+std::optional<Publication> UnderWay::connectionLost(bool blamed) {
+    std::optional<Publication> givenUp;
+    if (blamed && !sent_.empty() && ++sent_.front().publication.tries >= kMostTries) {
+        givenUp = done(sent_.front().mid);
+    }
+    for (; !sent_.empty(); sent_.pop_back()) {
         again_.push_front(std::move(sent_.back().publication));
-        sent_.pop_back();
     }
-    while (!kept_.empty()) {
-        if (kept_.back().when >= oldest) {
-            again_.push_front(std::move(kept_.back().publication));
-        }
-        kept_.pop_back();
-    }
+    bytes_ = 0;
+    return givenUp;
 }
 
 } // namespace zelvo_mqtt

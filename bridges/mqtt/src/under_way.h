@@ -4,50 +4,45 @@
 
 #include "buffer.h"
 
-#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <optional>
 
 namespace zelvo_mqtt {
 
-// What is handed over, in order: first what a lost connection has left, then what the buffer holds.
-// A broker that dies may have acknowledged publications that it had not yet stored: so the latest
-// of those are handed over again too, before the others. Not for several threads.
+// What is handed over, in order: first what a lost connection has left without acknowledgement,
+// then what the buffer holds. Not for several threads.
 class UnderWay {
 public:
     explicit UnderWay(Buffer &buffer) : buffer_{buffer} {}
 
-    // The next one to be handed over. Afterwards it is either underway() or back().
-    std::optional<Publication> next();
+    // The next one to be handed over, where the broker takes so many at a time. Afterwards it is
+    // either sent() or back(), or done with.
+    std::optional<Publication> next(std::size_t window);
     void sent(int mid, Publication publication);
     void back(Publication publication) { again_.push_front(std::move(publication)); }
 
-    // False: it is none of these. kept: it has been acknowledged, and may be needed again.
-    bool done(int mid, bool kept);
-    void connectionLost(); // where memory is short for it: to be called again
+    // Acknowledged, one way or the other. Nothing: it is none of these.
+    std::optional<Publication> done(int mid);
+    // All are handed over again. blamed: it was the broker that ended the connection, and the
+    // first of them may be why. It is then tried alone, and returned in the end to be given up.
+    std::optional<Publication> connectionLost(bool blamed);
 
-    std::size_t size() const { return sent_.size(); } // without acknowledgement
     std::size_t unfinished() const { return sent_.size() + again_.size(); }
 
 private:
-    static constexpr std::size_t kMostKept = 20;
-    static constexpr std::size_t kLargestKept = std::size_t{64} << 10; // bytes
-    static constexpr std::chrono::seconds kLongestKept{5};
+    static constexpr std::size_t kMostBytes = std::size_t{4} << 20; // or a single one
+    static constexpr int kMostTries = 3;
 
     struct Sent {
         int mid = 0;
-        Publication publication;
-    };
-    struct Kept {
-        std::chrono::steady_clock::time_point when;
         Publication publication;
     };
 
     Buffer &buffer_;
     std::deque<Publication> again_;
     std::deque<Sent> sent_;
-    std::deque<Kept> kept_;
+    std::size_t bytes_ = 0; // sent
 };
 
 } // namespace zelvo_mqtt

@@ -7,6 +7,7 @@
 #include <zelvo/mqtt.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -68,12 +69,26 @@ public:
     RunningNode node; // last: its thread uses the others
 };
 
+// A node that answers when it is let.
+struct Slow {
+    Signal asked, free;
+    std::atomic<int> calls{0};
+    static char *answer(void *self, client_t *, char *, char *, int) {
+        Slow &slow = *static_cast<Slow *>(self);
+        ++slow.calls;
+        slow.asked.set();
+        slow.free.wait();
+        return mallocText("done");
+    }
+};
+
 class Bridged {
 public:
     // members: the configuration without "url", "site" and "log".
     Bridged(const std::string &url, const std::string &site, const std::string &members = "")
         : bus{R"({"level":5,"path":"/dev/null","callTimeout":20000,"stats":true})"},
           listener{bus.get(), "listener", R"(["mqtt.state"])"},
+          url_{url},
           site_{site} {
         open(url, members);
     }
@@ -90,6 +105,12 @@ public:
         while ((result = zelvo_mqtt_close(bridge_)) != 0) {}
         bridge_ = nullptr;
         return result;
+    }
+    // One more on the same bus, to be closed by whoever asks for it.
+    zelvo_mqtt_t *another(const std::string &members) {
+        return zelvo_mqtt_open(
+            bus.get(),
+            ("{\"log\":\"/dev/null\",\"url\":\"" + url_ + "\"," + members + "}").c_str());
     }
     zelvo_mqtt_t *get() const { return bridge_; }
     bool connects() {
@@ -110,8 +131,18 @@ public:
     Listener listener;
 
 private:
-    const std::string site_;
+    const std::string url_, site_;
     zelvo_mqtt_t *bridge_ = nullptr;
 };
+
+inline void publish(Bridged &from, const std::string &topic, const std::string &payload,
+                    bool sticky = false) {
+    (sticky ? busClientPublishSticky : busClientPublish)(
+        from.listener.node.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
+}
+
+inline void hear(Bridged &at, const std::string &topics) {
+    busClientSubscribe(at.listener.node.get(), topics.c_str());
+}
 
 #endif

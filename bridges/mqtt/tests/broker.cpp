@@ -5,9 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
-#include <pwd.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -21,50 +19,41 @@ void require(bool met, const char *what) {
     }
 }
 
-struct Socket {
-    const int file = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ~Socket() { close(file); }
-};
-
-sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
+using Handle = std::unique_ptr<mosquitto, decltype(&mosquitto_destroy)>;
 
 int freePort() {
-    const Socket probe;
-    sockaddr_in address = loopback(0);
+    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
     socklen_t size = sizeof address;
     auto *const any = reinterpret_cast<sockaddr *>(&address);
-    require(bind(probe.file, any, size) == 0 && getsockname(probe.file, any, &size) == 0,
-            "no free port");
+    address.sin_family = AF_INET;
+    require(bind(probe, any, size) == 0 && getsockname(probe, any, &size) == 0, "no free port");
+    close(probe);
     return ntohs(address.sin_port);
 }
 
 } // namespace
 
-Broker::Broker(const std::string &options) : port_{freePort()} {
-    std::string text = options;
-    for (std::size_t at = 0; (at = text.find("DIR", at)) != text.npos;) {
-        text.replace(at, 3, directory_.path());
-    }
-    const passwd *const user = getpwuid(getuid());
-    std::ofstream{directory_.file("broker.conf")}
-        << "listener " << port_ << " 127.0.0.1\nuser " << (user ? user->pw_name : "root")
-        << "\nlog_dest file " << directory_.file("broker.log")
-        << "\nmax_queued_messages 0\nset_tcp_nodelay true\n"
-        << text;
-}
+Broker::Broker(const std::string &options)
+    : options_{options},
+      port_{freePort()},
+      hiddenPort_{freePort()} {}
 
 std::string Broker::url(const char *scheme, const char *host) const {
     return std::string{scheme} + "://" + host + ":" + std::to_string(port_);
 }
 
-void Broker::start() {
+void Broker::start(bool hidden) {
+    hidden_ = hidden;
+    std::string options = options_;
+    for (std::size_t at = 0; (at = options.find("DIR", at)) != options.npos;) {
+        options.replace(at, 3, directory_.path());
+    }
     const std::string config = directory_.file("broker.conf");
+    std::ofstream{config} << "listener " << port() << " 127.0.0.1\nuser root\nlog_dest file "
+                          << directory_.file("broker.log")
+                          << "\nmax_queued_messages 0\nset_tcp_nodelay true\n"
+                          << options;
     const char *const arguments[] = {"mosquitto", "-c", config.c_str(), nullptr};
     char *const environment[] = {nullptr};
     const char *const program =
@@ -82,9 +71,8 @@ void Broker::start() {
 }
 
 bool Broker::accepts() const {
-    const Socket probe;
-    const sockaddr_in address = loopback(port_);
-    return connect(probe.file, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    const Handle probe{mosquitto_new(nullptr, true, nullptr), mosquitto_destroy};
+    return mosquitto_connect(probe.get(), "127.0.0.1", port(), 60) == 0;
 }
 
 void Broker::kill(int signal) {
@@ -95,24 +83,34 @@ void Broker::kill(int signal) {
     }
 }
 
-Peer::Peer(const Broker &broker, const std::string &subscription) {
+Peer::Peer(const Broker &broker, const std::string &subscription, const char *user) {
     mosquitto_lib_init();
     handle_.reset(mosquitto_new(nullptr, true, this));
     mosquitto *const handle = handle_.get();
     mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-    mosquitto_message_callback_set(
-        handle, [](mosquitto *, void *self, const mosquitto_message *message) {
-            const char *const bytes = static_cast<const char *>(message->payload);
-            static_cast<Peer *>(self)->messages_.push_back(
-                {message->topic,
-                 {bytes ? bytes : "", static_cast<std::size_t>(message->payloadlen)},
-                 message->retain});
-        });
+    mosquitto_username_pw_set(handle, user, nullptr);
+    mosquitto_message_v5_callback_set(handle, [](mosquitto *, void *self,
+                                                 const mosquitto_message *message,
+                                                 const mosquitto_property *properties) {
+        const char *const bytes = static_cast<const char *>(message->payload);
+        void *correlation = nullptr;
+        std::uint16_t length = 0;
+        mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &correlation,
+                                       &length, false);
+        static_cast<Peer *>(self)->messages_.push_back(
+            {message->topic,
+             {bytes ? bytes : "", static_cast<std::size_t>(message->payloadlen)},
+             message->retain,
+             {correlation ? static_cast<char *>(correlation) : "", length}});
+        std::free(correlation);
+    });
     mosquitto_subscribe_callback_set(handle, [](mosquitto *, void *self, int, int, const int *) {
         static_cast<Peer *>(self)->subscribed_ = true;
     });
-    mosquitto_publish_callback_set(
-        handle, [](mosquitto *, void *self, int) { static_cast<Peer *>(self)->published_ = true; });
+    mosquitto_publish_v5_callback_set(
+        handle, [](mosquitto *, void *self, int, int reason, const mosquitto_property *) {
+            static_cast<Peer *>(self)->published_ = reason;
+        });
     require(mosquitto_connect(handle, "127.0.0.1", broker.port(), 60) == 0, "the peer connects");
     require(mosquitto_subscribe(handle, nullptr, subscription.c_str(), 1) == 0, "it subscribes");
     while (!subscribed_) {
@@ -124,36 +122,46 @@ void Peer::turn() {
     require(mosquitto_loop(handle_.get(), 100, 1) == 0, "the peer has lost its connection");
 }
 
-void Peer::publish(const std::string &topic, const std::string &payload, bool retain,
-                   mosquitto_property *properties) {
-    published_ = false;
+int Peer::publish(const std::string &topic, const std::string &payload, bool retain,
+                  mosquitto_property *properties) {
+    published_ = -1;
     const int result = mosquitto_publish_v5(handle_.get(), nullptr, topic.c_str(),
                                             static_cast<int>(payload.size()), payload.data(),
                                             properties ? 0 : 1, retain, properties);
     mosquitto_property_free_all(&properties);
     require(result == 0, "the peer can't publish");
-    while (!published_) {
+    while (published_ < 0) {
         turn();
     }
+    return published_;
 }
 
-std::vector<Peer::Message> Peer::take(std::size_t number) {
+Peer::Message Peer::nextMessage(const std::string &topic) {
     const auto end = std::chrono::steady_clock::now() + kLimit;
-    while (messages_.size() < number) {
+    while (true) {
+        while (!messages_.empty()) {
+            Message message = std::move(messages_.front());
+            messages_.pop_front();
+            if (message.topic == topic) {
+                return message;
+            }
+        }
         require(std::chrono::steady_clock::now() < end, "the peer does not get what it waits for");
         turn();
     }
-    return std::exchange(messages_, {});
 }
 
-std::string Peer::next(const std::string &topic) {
-    while (true) {
-        std::vector<Message> all = take(1);
-        for (auto message = all.begin(); message != all.end(); ++message) {
-            if (message->topic == topic) {
-                messages_.insert(messages_.begin(), message + 1, all.end());
-                return message->payload;
-            }
-        }
+mosquitto_property *requestProperties(const char *answerTopic, const std::string &correlation,
+                                      const char *timeout) {
+    mosquitto_property *list = nullptr;
+    if (answerTopic) {
+        mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, answerTopic);
     }
+    mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, correlation.data(),
+                                  static_cast<std::uint16_t>(correlation.size()));
+    if (timeout) {
+        mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, "zelvo-timeout",
+                                           timeout);
+    }
+    return list;
 }

@@ -7,10 +7,9 @@
 
 #include <mosquitto.h>
 
-#include <functional>
+#include <deque>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <csignal>
 
@@ -22,11 +21,12 @@ public:
     explicit Broker(const std::string &options = "allow_anonymous true\n");
     ~Broker() { kill(SIGKILL); }
 
-    void start(); // returns when it takes connections
+    // Returns when it takes connections. hidden: at another port, where no bridge finds it.
+    void start(bool hidden = false);
     void kill(int signal);
     void pause() { ::kill(process_, SIGSTOP); }
     void resume() { ::kill(process_, SIGCONT); }
-    int port() const { return port_; }
+    int port() const { return hidden_ ? hiddenPort_ : port_; }
     std::string url(const char *scheme = "mqtt", const char *host = "127.0.0.1") const;
     const TempDir &directory() const { return directory_; }
 
@@ -34,7 +34,9 @@ private:
     bool accepts() const;
 
     TempDir directory_;
-    int port_;
+    const std::string options_;
+    const int port_, hiddenPort_;
+    bool hidden_ = false;
     pid_t process_ = -1;
 };
 
@@ -44,17 +46,17 @@ public:
     struct Message {
         std::string topic, payload;
         bool retain;
+        std::string correlation;
     };
-    Peer(const Broker &broker, const std::string &subscription);
+    Peer(const Broker &broker, const std::string &subscription, const char *user = nullptr);
 
-    // Returns when the broker has it; without acknowledgement where there are properties, which are
-    // freed.
-    void publish(const std::string &topic, const std::string &payload, bool retain = false,
-                 mosquitto_property *properties = nullptr);
-    // Waits for so many messages.
-    std::vector<Message> take(std::size_t number);
+    // Returns the reason that the broker gives when it has it; without acknowledgement where there
+    // are properties, which are freed.
+    int publish(const std::string &topic, const std::string &payload, bool retain = false,
+                mosquitto_property *properties = nullptr);
     // Waits for the first of a topic; those before it are passed over.
-    std::string next(const std::string &topic);
+    std::string next(const std::string &topic) { return nextMessage(topic).payload; }
+    Message nextMessage(const std::string &topic);
 
 private:
     void turn();
@@ -62,8 +64,13 @@ private:
         void operator()(mosquitto *handle) const { mosquitto_destroy(handle); }
     };
     std::unique_ptr<mosquitto, Destroy> handle_;
-    std::vector<Message> messages_;
-    bool subscribed_ = false, published_ = false;
+    std::deque<Message> messages_;
+    bool subscribed_ = false;
+    int published_ = -1; // the reason
 };
+
+// Properties of a request, and of its answer without a topic.
+mosquitto_property *requestProperties(const char *answerTopic, const std::string &correlation,
+                                      const char *timeout = nullptr);
 
 #endif

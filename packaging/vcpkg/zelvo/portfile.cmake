@@ -13,6 +13,7 @@ vcpkg_cmake_configure(
         "-DPKG_CONFIG_EXECUTABLE=${PKGCONFIG}"
         -DZELVO_BUILD_TESTS=OFF
         -DZELVO_BUILD_EXAMPLES=OFF
+        -DZELVO_INSTALL_DOCS=OFF
         -DZELVO_LTO=OFF)
 vcpkg_cmake_install()
 vcpkg_cmake_config_fixup(PACKAGE_NAME Zelvo CONFIG_PATH lib/cmake/Zelvo)

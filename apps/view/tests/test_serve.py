@@ -1,0 +1,202 @@
+"""--serve: the page of a running bus, in a browser and by hand."""
+
+import http.client
+import json
+import signal
+import subprocess
+import threading
+import time
+import unittest
+
+from browser import Browser
+from support import LIMIT, VIEW, Log
+
+TAG = '<img src=x onerror=alert(1)>'
+
+
+class Bus:
+    # zelvo-view --serve, and a program that publishes on beat, and while halts is true on halt.
+
+    def __init__(self):
+        self.server = subprocess.Popen(VIEW + ['--serve', '0'], stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE)
+        self.url = self.server.stdout.readline().decode().strip()
+        self.port = int(self.url.split(':')[2].split('/')[0])
+        self._lock, self._ended = threading.Lock(), threading.Event()
+        self.count, self.halts = 0, True
+        self._thread = threading.Thread(target=self._beat)
+
+    def run(self):
+        self.tell(lambda log: log.join(1, TAG, 'halt').join(2, 'ear', 'beat'))
+        self._thread.start()
+        return self
+
+    def close(self):
+        self._ended.set()
+        if self._thread.ident:
+            self._thread.join()
+        self.server.stdin.close()
+        self.server.kill()
+        self.server.wait()
+        self.server.stdout.close()
+
+    def tell(self, say):
+        # Writes lines as of now.
+        log, now = Log(), time.time()
+        log.second = time.strftime('%Y-%m-%d %H:%M:%S', time.gmtime(now + 8 * 3600))
+        log.ms = int(now * 1000) % 1000
+        say(log)
+        with self._lock:
+            self.server.stdin.write(log.bytes())
+            self.server.stdin.flush()
+
+    def _beat(self):
+        while not self._ended.wait(0.02):
+            self.count += 1
+            self.tell(lambda log: log.publish(3, 'heart', 'beat', str(self.count)).deliver(
+                2, 'ear', 'beat', str(self.count)))
+            if self.halts:
+                self.tell(lambda log: log.publish(1, TAG, 'halt', TAG))
+
+    def ask(self, path, method='GET', key=None, view='', headers=None):
+        # The answer to a request.
+        connection = http.client.HTTPConnection('127.0.0.1', self.port, timeout=LIMIT)
+        key = self.url.split('key=')[1] if key is None else key
+        connection.request(method, '{}?key={}&view={}'.format(path, key, view), headers=headers or {})
+        return connection.getresponse()
+
+
+def events(answer):
+    # (name, data) of each event of a feed.
+    name = None
+    for line in answer:
+        kind, _, text = line.decode().rstrip('\n').partition(': ')
+        name = text if kind == 'event' else name
+        if kind == 'data':
+            yield name, json.loads(text)
+
+
+class Serve(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.browser = Browser().__enter__()
+        cls.addClassCleanup(cls.browser.__exit__)
+        cls.bus = Bus().run()
+        cls.addClassCleanup(cls.bus.close)
+
+    def setUp(self):
+        self.browser.open(self.bus.url)
+
+    def tearDown(self):
+        self.assertEqual(self.browser.errors(), [])
+
+    def wait(self, script, *arguments):
+        # Until the script's result is true: that.
+        for _ in range(LIMIT * 20):
+            found = self.browser.run(script, *arguments)
+            if found:
+                return found
+            time.sleep(0.05)
+        return self.fail(script)
+
+    def test_a_topic_that_stops_is_shown_as_stopped(self):
+        self.browser.show('topics')
+        stopped = '''return [...document.querySelectorAll('#topics tbody tr')].filter((row) =>
+            row.className === 'stopped').map((row) => row.cells[0].textContent).join()'''
+        self.wait('return document.querySelectorAll("#topics td path").length === 2')
+        self.assertEqual(self.browser.run(stopped), '')
+        self.bus.halts = False
+        self.assertEqual(self.wait(stopped), 'halt')
+        self.bus.halts = True
+        self.wait(stopped.replace('return', 'return !') + ' || null')
+
+    def test_faults_come_with_what_led_to_them(self):
+        def ring(log):
+            for tid, caller, called in ((4, 'shelf', 'desk'), (5, 'desk', 'shelf')):
+                log.trace(tid, caller, '==>', 'request', url='/{}/x'.format(called))
+                log.line(9, 'Vek-server {0} call {1}, target: {0}'.format(caller, called),
+                         'server/deadlock', 'V')
+            log.line(9, 'Vek-server shelf call desk, target: desk', 'server/deadlock', 'V')
+            log.line(9, 'bus server exist deadlock', 'server/deadlock', 'E')
+            log.line(9, 'Vek-server server ==> ear pusblish topic beat failed, queue is full',
+                     'server/publish', 'W')
+
+        self.browser.show('faults')
+        self.bus.tell(ring)
+        self.wait('return document.querySelectorAll("#faults button").length > 1')
+        found = self.browser.run('''return [...document.querySelectorAll('#faults button')].map((b) => {
+            b.click();
+            return b.textContent + ' | ' + document.getElementById('detail').textContent;
+        })''')
+        self.assertRegex(found[0], r'(?s)drop: copy: queue of ear, beat \|.*What led.*publish: heart beat')
+        self.assertRegex(found[1], r'(?s)ring: desk -> shelf -> desk \|.*What led.*call: desk /desk/x')
+        self.browser.show('graph')
+        self.assertEqual(self.wait('''return [...document.querySelectorAll('#live path.lost')]
+            .map((p) => p.textContent.split('; ')[1]).sort().join()'''), '1 drop,1 ring')
+        self.browser.show('calls')
+        self.assertIn('/desk/x', self.wait('return document.querySelector("#calls tbody")?.textContent'))
+
+    def test_filter_and_pause_hold_what_they_should(self):
+        self.browser.show('messages')
+        self.wait('''const field = document.getElementById('subject');
+            const option = [...field.options].find((o) => o.textContent === 'beat');
+            field.value = option?.value || '';
+            field.dispatchEvent(new Event('input'));
+            return option;''')
+        topics = '''return [...new Set([...document.querySelectorAll('.row .subject')]
+            .map((e) => e.textContent))].join()'''
+        last = 'return Number([...document.querySelectorAll(".row .payload")].pop().textContent)'
+        self.assertEqual(self.browser.run(topics), 'beat')
+        self.browser.run('document.getElementById("pause").click()')
+        self.wait('return document.getElementById("span").textContent.includes("paused")')
+        held, count = self.browser.run(last), self.bus.count
+        while self.bus.count < count + 50:
+            time.sleep(0.02)
+        self.assertEqual(self.browser.run(last), held)
+        self.browser.run('document.getElementById("pause").click()')
+        self.wait(last + ' > arguments[0]', count + 50)
+        self.assertEqual(self.browser.run(topics), 'beat')
+
+    def test_names_stay_text_and_a_second_browser_sees_the_same(self):
+        text = 'return document.getElementById(arguments[0]).textContent.includes(arguments[1])'
+        self.wait(text, 'live', TAG)
+        self.browser.show('messages')
+        self.wait(text, 'rows', TAG)
+        self.assertEqual(self.browser.run('return document.images.length'), 0)
+        feeds = [events(self.bus.ask('/feed', view='messages')) for _ in range(2)]
+        self.assertEqual(*(next(feed)[1][:20] for feed in feeds))
+
+    def test_only_who_knows_the_key_is_answered(self):
+        host = '127.0.0.1:{}'.format(self.bus.port)
+        for path, key, headers, code in (
+                ('/', None, {'Host': host.replace('127.0.0.1', 'localhost')}, 200),
+                ('/', None, {'Origin': 'http://' + host}, 200), ('/', '', {}, 403), ('/feed', 'x', {}, 403),
+                ('/', None, {'Host': 'evil.example'}, 403), ('/', None, {'Host': host + '.evil'}, 403),
+                ('/', None, {'Origin': 'http://evil.example'}, 403), ('/', None, {'Origin': 'null'}, 403),
+                ('/report.py', None, {}, 404), ('/../live.py', None, {}, 404)):
+            with self.subTest((path, key, headers)):
+                answer = self.bus.ask(path, key=key, headers=headers)
+                self.assertEqual(answer.status, code)
+                self.assertIn("default-src 'none'", answer.getheader('Content-Security-Policy'))
+                self.assertEqual(b'<script' in answer.read(), code == 200)
+        self.assertEqual(self.bus.ask('/', 'POST').status, 501)
+
+    def test_what_is_not_read_in_time_is_counted(self):
+        lines = [Log().trace(1, 'a', '==>', 'publish', 't', payload=text * 90).bytes() for text in 'xy']
+        bus = Bus()
+        self.addCleanup(bus.close)
+        bus.server.stdin.write(b''.join(lines) * 150000)
+        bus.server.stdin.close()
+        number, head = 0, {'': ''}
+        feed = events(bus.ask('/feed', view='messages'))
+        while not head[''].startswith('ended'):
+            name, data = next(feed)
+            if name == 'messages':
+                number = data[-1][0]
+            else:
+                head = {title: text.replace(',', '') for title, text, _ in data['head']}
+        skipped = int(head['lines not read in time'])
+        self.assertGreater(skipped, 0)
+        self.assertEqual(number - int(head['faults']) + skipped, 300000)
+        bus.server.send_signal(signal.SIGINT)  # with a browser connected
+        self.assertEqual(bus.server.wait(LIMIT), 0)

@@ -1,0 +1,238 @@
+#include "call_link.h"
+
+#include <mqtt_protocol.h>
+
+#include <algorithm>
+
+#include <unistd.h>
+
+namespace zelvo_mqtt {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int kKeepAlive = 15; // seconds
+constexpr milliseconds kLongestLookup{10'000};
+constexpr milliseconds kLongestConnect{10'000};
+constexpr milliseconds kLongestOfSeveral{3'000}; // where there are other addresses to try
+constexpr const char *kRival = "another bridge has the name of this site: each puts the other out";
+constexpr std::size_t kMostDirect = 2048;
+constexpr std::size_t kMostDirectBytes = std::size_t{16} << 20;
+constexpr std::size_t kMostUnsentBytes = std::size_t{1} << 20; // or a single one
+
+Properties propertiesOf(const Direct &message) {
+    mosquitto_property *list = nullptr;
+    if (!message.answerTopic.empty()) {
+        mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, message.answerTopic.c_str());
+    }
+    if (!message.correlation.empty()) {
+        mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, message.correlation.data(),
+                                      static_cast<std::uint16_t>(message.correlation.size()));
+    }
+    if (message.timeout.count() > 0) {
+        const auto seconds = std::chrono::ceil<std::chrono::seconds>(message.timeout);
+        mosquitto_property_add_int32(&list, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
+                                     static_cast<std::uint32_t>(seconds.count()));
+        mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, kTimeout,
+                                           std::to_string(message.timeout.count()).c_str());
+    }
+    return Properties{list};
+}
+
+std::size_t sizeOf(const Direct &message) {
+    return message.topic.size() + message.payload.size();
+}
+
+} // namespace
+
+CallLink::CallLink(const Config &config, const Topics &topics, Log &log, Changed changed,
+                   Received received)
+    : Link{config, log},
+      topics_{topics},
+      changed_{std::move(changed)},
+      received_{std::move(received)},
+      lookups_(config.brokers.size()),
+      instance_{std::to_string(getpid()) + "-" +
+                std::to_string(Clock::now().time_since_epoch().count())} {}
+
+Purpose CallLink::purpose() const {
+    return {.clientId = clientId(config_) + "/calls",
+            .keepAlive = kKeepAlive,
+            .will = topics_.ownPresence(),
+            .willQos = std::min(1, mostQos_),
+            .willRetain = retains_,
+            .instance = instance_};
+}
+
+// Address by address, and broker by broker.
+void CallLink::seek() {
+    if (!targets_.empty()) {
+        target_ = std::move(targets_.front());
+        targets_.pop_front();
+        connect(target_, targets_.empty() ? kLongestConnect : kLongestOfSeveral);
+        return;
+    }
+    const Config::Broker &broker = config_.brokers[broker_];
+    Lookup &lookup = lookups_[broker_];
+    const auto now = Clock::now();
+    if (!lookedUp_) {
+        lookup.begin(broker.host);
+        lookedUp_ = now;
+    }
+    if (!lookup.done() && now - *lookedUp_ < kLongestLookup) {
+        return;
+    }
+    lookedUp_.reset();
+    broker_ = (broker_ + 1) % config_.brokers.size();
+    if (!lookup.done()) {
+        fail(broker.host + ": the name service does not answer");
+    } else if (lookup.addresses().empty()) {
+        fail(broker.host + ": " + lookup.failure());
+    } else {
+        for (const std::string &address : lookup.addresses()) {
+            targets_.push_back({broker, address});
+        }
+        seek();
+    }
+}
+
+void CallLink::greet() {
+    targets_.clear();
+    broker_ = 0;
+    for (const Config::Call &call : config_.call) {
+        subscribe(topics_.presence(call.site), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+    }
+    if (!config_.call.empty()) {
+        subscribe(topics_.ownAnswers(), 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    }
+    subscribe(topics_.requests() + '#', 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    hasRival_ = false;
+    subscribe(topics_.ownPresence(), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+    if (!retains_) {
+        log_.warning("the broker retains nothing: other sites learn only of changes whether this "
+                     "one is online, and topics with \"retain\" are sticky nowhere else");
+    }
+    sayOnline();
+}
+
+void CallLink::sayOnline() {
+    presenceStands_ = true;
+    presenceMid_ = 0;
+    int mid = 0;
+    const int result = put(mid, topics_.ownPresence(), "online", std::min(1, mostQos_), retains_,
+                           userProperty(kInstance, instance_));
+    presenceMid_ = mid;
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_.error({"the presence of this site can't be sent: ", errorText(result)});
+    } else if (sentMid_ == mid) {
+        acknowledged(mid, 0);
+    }
+}
+
+// The broker has the presence, or will not have it: all else can begin.
+void CallLink::acknowledged(int mid, int reason) {
+    if (mid == presenceMid_) {
+        if (reason >= 128) {
+            deny(topics_.ownPresence(), "the presence of this site on", reason);
+        }
+        prosper();
+        hasBeenUp_ = true;
+        changed_(target_, "");
+        return;
+    }
+    const auto found = unsent_.find(mid);
+    if (found != unsent_.end()) {
+        unsentBytes_ -= found->second;
+        unsent_.erase(found);
+    }
+}
+
+void CallLink::everySecond() {
+    if (isConnected() && !presenceStands_) {
+        sayOnline();
+    }
+}
+
+void CallLink::received(const Incoming &incoming) {
+    if (incoming.topic != topics_.ownPresence()) {
+        received_(incoming);
+        return;
+    }
+    presenceStands_ = presenceStands_ && (incoming.retain || incoming.payload == "online");
+    // What another has left before this one first came is of an earlier time.
+    if (hasBeenUp_ && !incoming.instance.empty() && incoming.instance != instance_) {
+        hasRival_ = true;
+        log_.error({kRival});
+    }
+}
+
+void CallLink::lost(const std::string &why, bool) {
+    {
+        const std::lock_guard lock{directMutex_};
+        direct_.clear();
+        directBytes_ = 0;
+    }
+    unsent_.clear();
+    unsentBytes_ = 0;
+    changed_(std::nullopt, hasRival_ ? kRival : why);
+}
+
+// A publication of "offline" would wait behind what is to be sent.
+int CallLink::farewellReason() const {
+    return MQTT_RC_DISCONNECT_WITH_WILL_MSG;
+}
+
+// ---- sending ----
+
+bool CallLink::send(Direct message) {
+    {
+        const std::lock_guard lock{directMutex_};
+        const std::size_t size = sizeOf(message);
+        if (!isConnected() || direct_.size() >= kMostDirect ||
+            directBytes_ + size > kMostDirectBytes) {
+            return false;
+        }
+        direct_.push_back(std::move(message));
+        directBytes_ += size;
+    }
+    kick();
+    return true;
+}
+
+std::optional<Direct> CallLink::next() {
+    const std::lock_guard lock{directMutex_};
+    if (direct_.empty()) {
+        return std::nullopt;
+    }
+    Direct message = std::move(direct_.front());
+    direct_.pop_front();
+    directBytes_ -= sizeOf(message);
+    return message;
+}
+
+void CallLink::flush() {
+    while (unsentBytes_ < kMostUnsentBytes) {
+        const std::optional<Direct> message = next();
+        if (!message) {
+            return;
+        }
+        hand(*message);
+    }
+}
+
+void CallLink::hand(const Direct &message) {
+    int mid = 0;
+    const int result = put(mid, message.topic, message.payload, 0, false, propertiesOf(message));
+    if (result != MOSQ_ERR_SUCCESS) {
+        log_.warning("the message to " + message.topic + " can't be sent: " + errorText(result));
+    } else if (mid != sentMid_) {
+        unsentBytes_ += unsent_[mid] = sizeOf(message);
+    }
+}
+
+std::size_t CallLink::unsent() {
+    const std::lock_guard lock{directMutex_};
+    return direct_.size() + unsent_.size();
+}
+
+} // namespace zelvo_mqtt

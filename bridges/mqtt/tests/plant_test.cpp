@@ -1,0 +1,299 @@
+// What a plant asks of bridges: that refusals are told, gaps leave nothing wrong, a login does what
+// its rules say, time and names are kept.
+#include "bridged.h"
+#include "broker.h"
+
+#include <gtest/gtest.h>
+#include <mqtt_protocol.h>
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *kRefused = "{\"data\":\"not implement\"}";
+constexpr const char *kPersistent =
+    "allow_anonymous true\npersistence true\npersistence_location DIR/\n";
+
+// ---- what the broker refuses ----
+
+TEST(Plant, a_login_does_what_its_rules_say) {
+    Broker broker{std::string{"allow_anonymous true\nacl_file "} + ZELVO_SOURCE
+                  "/docs/plant.acl\nmax_queued_messages 1000\n"};
+    broker.start();
+    Bridged north{broker.url(), "north",
+                  R"("user":"north","out":["north.level","south.level"],"in":["plant.mode"],)"
+                  R"("serve":["pump"])"};
+    Bridged console{broker.url(), "console",
+                    R"("user":"console","out":["plant.mode"],"in":["north.level"],)"
+                    R"("call":["north"],"callTimeout":2000)"};
+    struct Pump {
+        static char *answer(void *, client_t *, char *url, char *, int) { return mallocText(url); }
+    };
+    RunningNode pump{north.bus.get(), "pump", nullptr, Pump::answer};
+    ASSERT_TRUE(north.connects() && console.connects());
+    hear(north, R"(["plant.mode"])");
+    hear(console, R"(["north.level"])");
+    publish(north, "north.level", "1");
+    publish(console, "plant.mode", "auto");
+    EXPECT_TRUE(console.listener.hears("north.level=1"));
+    EXPECT_TRUE(north.listener.hears("plant.mode=auto"));
+    EXPECT_EQ(console.listener.node.call("/north/pump/start"), "/pump/start");
+    EXPECT_EQ(console.listener.node.call("/north/pump/stop"), kRefused);
+    for (int i = 0; i < 20; ++i) {
+        publish(north, "south.level", "9");
+    }
+    EXPECT_TRUE(eventually([&] { return says(north.state(), R"("refused":20)"); }))
+        << north.state();
+    EXPECT_TRUE(says(north.log(),
+                     "a publication to zelvo/topic/south.level of 1 bytes is lost, the "
+                     "broker does not take it: Not authorized"));
+    Peer south{broker, "zelvo/#", "south"}; // a login that has got into the wrong hands
+    EXPECT_EQ(south.publish("zelvo/answer/console/south", "own"), 0);
+    for (const char *const topic : {"zelvo/answer/console/north", "zelvo/topic/north.level",
+                                    "zelvo/call/north/pump/start", "zelvo/site/north"}) {
+        EXPECT_EQ(south.publish(topic, "x"), MQTT_RC_NOT_AUTHORIZED) << topic;
+    }
+}
+
+TEST(Plant, a_subscription_that_is_refused_is_named) {
+    std::string path; // a part of mosquitto
+    for (const auto &entry : std::filesystem::directory_iterator{"/usr/lib"}) {
+        const auto plugin = entry.path() / "mosquitto_dynamic_security.so";
+        path = std::filesystem::exists(plugin) ? plugin.string() : path;
+    }
+    Broker broker{"allow_anonymous true\nplugin " + path + "\nplugin_opt_config_file DIR/rules\n"};
+    std::ofstream{broker.directory().file("rules")}
+        << R"({"defaultACLAccess":{"publishClientSend":true,"publishClientReceive":true,)"
+           R"("subscribe":true,"unsubscribe":true},"roles":[{"rolename":"r","acls":[)"
+           R"({"acltype":"subscribeLiteral","topic":"zelvo/topic/secret","allow":false},)"
+           R"({"acltype":"publishClientSend","topic":"zelvo/site/site","allow":false}]}],)"
+           R"("groups":[{"groupname":"g","roles":[{"rolename":"r"}]}],"anonymousGroup":"g"})";
+    broker.start();
+    Bridged site{broker.url(), "site", R"("in":["secret","open"])"};
+    ASSERT_TRUE(site.connects()) << site.log();
+    EXPECT_TRUE(eventually([&] {
+        return says(site.state(), R"("denied":["zelvo/site/site","zelvo/topic/secret"])");
+    })) << site.state()
+        << site.log();
+    EXPECT_TRUE(says(site.log(), "the subscription to zelvo/topic/secret: Not authorized"));
+    EXPECT_TRUE(says(site.log(), "the presence of this site on zelvo/site/site: Not authorized"));
+}
+
+TEST(Plant, a_publication_at_which_the_broker_disconnects_is_given_up) {
+    Broker broker{"allow_anonymous true\nmemory_limit 6000000\n"};
+    broker.start();
+    Bridged from{broker.url(), "from", R"("out":["t"])"};
+    ASSERT_TRUE(from.connects());
+    publish(from, "t", std::string(9'000'000, 'x'));
+    publish(from, "t", "after");
+    Peer peer{broker, "zelvo/topic/t"};
+    EXPECT_EQ(peer.next("zelvo/topic/t"), "after");
+    EXPECT_TRUE(eventually([&] { return says(from.state(), R"("underWay":0)"); }));
+    EXPECT_TRUE(says(from.state(), R"("refused":1)")) << from.state();
+    EXPECT_TRUE(says(from.log(), "of 9000000 bytes is lost"));
+}
+
+TEST(Plant, a_broker_that_knows_less_is_used_for_what_is_left) {
+    Broker broker{"max_qos 0\nallow_anonymous true\nretain_available false\n"};
+    broker.start();
+    Bridged from{broker.url(), "from", R"("out":[{"topic":"t","retain":true}],"call":["to"])"};
+    Bridged to{broker.url(), "to", R"("in":["t"],"serve":["listener"])"};
+    ASSERT_TRUE(from.connects() && to.connects()) << from.log();
+    hear(to, R"(["t"])");
+    publish(from, "t", "x");
+    EXPECT_TRUE(to.listener.hears("t=x"));
+    EXPECT_EQ(from.listener.node.call("/to/listener/x"), "/listener/x<");
+    EXPECT_TRUE(says(from.log(), "\"qos\" 0 at most") && says(from.log(), "retains nothing"));
+}
+
+// ---- gaps ----
+
+TEST(Gaps, sticky_topics_are_right_afterwards) {
+    Broker broker{std::string{kPersistent} + "max_queued_messages 10\n"};
+    broker.start();
+    Bridged to{broker.url(), "to", R"("in":["same","changed","emptied","flood","live"])"};
+    ASSERT_TRUE(to.connects());
+    hear(to, R"(["same","changed","emptied","flood","live"])");
+    for (const char *const topic : {"same", "changed", "emptied", "flood"}) {
+        Peer{broker, "x"}.publish(std::string{"zelvo/topic/"} + topic, "1", true);
+        EXPECT_TRUE(to.listener.hears(std::string{topic} + "=1"));
+    }
+    broker.kill(SIGTERM);
+    broker.start(true); // whom the bridge does not reach
+    {
+        Peer peer{broker, "x"};
+        const auto change = [&](const char *topic, const char *payload) { // not kept for anybody
+            peer.publish(topic, payload, true, requestProperties(nullptr, "-"));
+        };
+        change("zelvo/topic/changed", "2");
+        change("zelvo/topic/emptied", "");
+        for (int i = 2; i <= 60; ++i) { // more than is kept
+            peer.publish("zelvo/topic/flood", std::to_string(i), true);
+        }
+    }
+    broker.kill(SIGTERM);
+    broker.start();
+    EXPECT_TRUE(to.listener.hears("changed=2"));
+    EXPECT_TRUE(to.listener.hears("flood=60"));
+    EXPECT_TRUE(to.listener.hears("emptied="));
+    Peer{broker, "x"}.publish("zelvo/topic/live", "on");
+    EXPECT_TRUE(to.listener.hears("live=on"));
+    Listener late{to.bus.get(), "late", R"(["same","changed","emptied","flood"])"};
+    late.node.call("/bus/nodes"); // behind the subscription
+    EXPECT_TRUE(late.hears("same=1") && late.hears("changed=2") && late.hears("flood=60"));
+    EXPECT_EQ(late.heard().size(), 3U);
+    const auto heard = to.listener.heard();
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), "same=1"), 1);
+}
+
+// A second bridge of the name cuts the connections of the first.
+TEST(Gaps, commands_that_were_acknowledged_are_not_sent_again) {
+    Broker broker{kPersistent};
+    broker.start();
+    Bridged from{broker.url(), "from", R"("out":["command"])"};
+    ASSERT_TRUE(from.connects());
+    Peer machine{broker, "zelvo/topic/command"};
+    for (const char *const command : {"open-valve", "start-pump", "stop-pump"}) {
+        publish(from, "command", command);
+        EXPECT_EQ(machine.next("zelvo/topic/command"), command);
+    }
+    EXPECT_TRUE(eventually([&] { return says(from.state(), R"("underWay":0)"); }));
+    EXPECT_TRUE((Bridged{broker.url(), "from"}.connects()));
+    EXPECT_TRUE(from.logs("no connection: "));
+    EXPECT_TRUE(from.logs("another bridge has the name of this site"));
+    publish(from, "command", "close-valve");
+    EXPECT_EQ(machine.next("zelvo/topic/command"), "close-valve");
+}
+
+TEST(Gaps, a_topic_that_is_no_longer_configured_is_unsubscribed) {
+    Broker broker{kPersistent};
+    broker.start();
+    Peer peer{broker, "zelvo/site/site"};
+    { ASSERT_TRUE((Bridged{broker.url(), "site", R"("in":["kept","old"])"}.connects())); }
+    Bridged site{broker.url(), "site", R"("in":["kept"])"};
+    ASSERT_TRUE(site.connects());
+    hear(site, R"(["kept"])");
+    peer.publish("zelvo/topic/old", "x");
+    EXPECT_TRUE(site.logs("a message to zelvo/topic/old is dropped: a bridge before"));
+    EXPECT_TRUE(eventually(
+        [&] { return peer.publish("zelvo/topic/old", "x") == MQTT_RC_NO_MATCHING_SUBSCRIBERS; }));
+    peer.publish("zelvo/topic/kept", "x");
+    EXPECT_TRUE(site.listener.hears("kept=x"));
+    while (peer.next("zelvo/site/site") != "online" || peer.next("zelvo/site/site") != "offline") {}
+    EXPECT_EQ(peer.next("zelvo/site/site"), "online");
+    peer.publish("zelvo/site/site", "", true); // it is there all the same
+    while (peer.next("zelvo/site/site") != "") {}
+    EXPECT_EQ(peer.next("zelvo/site/site"), "online");
+}
+
+// ---- load and time ----
+
+TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
+    Broker broker{"allow_anonymous true\n"};
+    broker.start();
+    Bridged site{broker.url(), "site", R"("serve":["slow","listener"])"};
+    Slow slow;
+    RunningNode node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
+    ASSERT_TRUE(site.connects());
+    Peer peer{broker, "zelvo/answer/p/site"};
+    const auto request = [&](const std::string &payload, const char *timeout) {
+        peer.publish("zelvo/call/site/slow/x", payload, false,
+                     requestProperties("zelvo/answer/p/site", "c", timeout));
+    };
+    request("", "60000");
+    ASSERT_TRUE(slow.asked.wait());
+    request("", "1");
+    const std::string large(1'000'000, 'x');
+    for (int i = 0; i < 40; ++i) {
+        request(large, "60000");
+    }
+    for (int i = 0; i < 40 - 16; ++i) { // 16 MiB may wait
+        EXPECT_EQ(peer.next("zelvo/answer/p/site"), kRefused);
+    }
+    slow.free.set();
+    for (int i = 0; i < 1 + 16; ++i) {
+        EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
+    }
+    EXPECT_EQ(slow.calls, 1 + 16);
+    EXPECT_TRUE(site.logs("/slow/x from outside is dropped: it has waited too long"));
+}
+
+TEST(Plant, calls_pass_while_a_subscriber_is_slow_and_publications_flood) {
+    Broker broker{"allow_anonymous true\n"};
+    broker.start();
+    Bridged site{broker.url(), "site", R"("in":["t"],"call":["other"],"callTimeout":60000)"};
+    Bridged other{broker.url(), "other", R"("serve":["listener"])"};
+    Slow stuck;
+    const auto hears = [](void *self, client_t *, char *, char *, int) {
+        return static_cast<Slow *>(self)->free.wait() ? 0 : -1;
+    };
+    RunningNode node{site.bus.get(), "stuck", hears, nullptr, &stuck};
+    busClientSubscribe(node.get(), R"(["t"])");
+    ASSERT_TRUE(site.connects() && other.connects());
+    Peer peer{broker, "x"};
+    for (int i = 0; i < 5'000; ++i) {
+        peer.publish("zelvo/topic/t", "x", false, requestProperties(nullptr, "-"));
+    }
+    EXPECT_EQ(site.listener.node.call("/other/listener/x"), "/listener/x<");
+    stuck.free.set();
+}
+
+// ---- names ----
+
+Signal nameServiceGoesOn;
+
+TEST(Names, a_name_service_that_hangs_holds_up_no_close) {
+    Bridged site{"mqtt://hangs.invalid", "site", R"("out":["t"])"};
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_TRUE(says(site.state(), R"("why":"connecting")"));
+    site.close();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds{5});
+    nameServiceGoesOn.set();
+}
+
+TEST(Names, a_host_is_tried_address_by_address_and_its_sockets_are_its_own) {
+    Broker broker{"allow_anonymous true\n"};
+    broker.start();
+    const int silent = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); // takes connections
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(broker.port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(silent, 8), 0);
+    Bridged site{broker.url("mqtt", "several.invalid"), "site"};
+    EXPECT_TRUE(site.connects());
+    close(silent);
+    for (int file = 3; file < 1024; ++file) {
+        sockaddr_in peer{};
+        socklen_t size = sizeof peer;
+        if (getpeername(file, reinterpret_cast<sockaddr *>(&peer), &size) == 0 &&
+            peer.sin_port == address.sin_port) {
+            EXPECT_TRUE((fcntl(file, F_GETFD) & FD_CLOEXEC) != 0);
+        }
+    }
+}
+
+} // namespace
+
+// The name service of this program.
+extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo *hints,
+                           addrinfo **result) {
+    static const auto real =
+        reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    const std::string name = node ? node : "";
+    if (name == "hangs.invalid") {
+        nameServiceGoesOn.wait();
+        return EAI_AGAIN;
+    }
+    if (name != "several.invalid") {
+        return real(node, service, hints, result);
+    }
+    const int error = real("127.0.0.2", service, hints, result);
+    return error != 0 ? error : real("127.0.0.1", service, hints, &(*result)->ai_next);
+}
