@@ -135,11 +135,13 @@ public:
         const auto keep = shared_from_this();
         const Deadline deadline = deadlineAfter(bus_.timeout());
         const Turn turn{turns_, url, deadline};
+        if (!turn.owned()) {
+            throw noAnswerError(url, Cause::timed_out);
+        }
         const std::vector<std::string> fresh = subscriptions_.notIn(topics);
         const std::string json = jsonArray(fresh);
         change({Change::Kind::add, topics, handler}); // it is there before the first message
-        const Cause cause = !turn.owned()   ? Cause::timed_out
-                            : gone_         ? Cause::left
+        const Cause cause = gone_           ? Cause::left
                             : fresh.empty() ? Cause::answered
                                             : askInTurn(url, json, deadline).cause;
         if (cause != Cause::answered) {
