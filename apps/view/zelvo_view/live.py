@@ -90,10 +90,12 @@ def _duration(ms):
     return '\u2013' if ms is None else texts.duration(ms)
 
 
-def _table(title, header, rows):
-    """rows: (key, class, cells)"""
-    more = [('', '', ('and {} more'.format(len(rows) - LISTED),))] if len(rows) > LISTED else []
-    return title, header, rows[:LISTED] + more
+def _table(title, header, items, row_of):
+    """The rows of the first items: (key, class, cells)"""
+    rows = [row_of(item) for item in items[:LISTED]]
+    if len(items) > LISTED:
+        rows.append(('', '', ('and {:,} more'.format(len(items) - LISTED),)))
+    return title, header, rows
 
 
 class Live:
@@ -257,27 +259,33 @@ class Live:
         return list(names.items()), edges, 'and {} more'.format(more) if more else ''
 
     def _topics(self, now):
-        rows = []
-        for name, flow in ((key[1], flow) for key, flow in self._flows.items() if key[0] == 'topic'):
+        def row_of(item):
+            (_, name), flow = item
             stats, line = self.stats.topics.get(name), flow.line(now // 1000 - 1)
             state = 'stopped' if flow.has_stopped(now) else 'last'
-            ago = (now - flow.latest.ms) // 100 * 100
-            rows.append((name, state, (
+            ago = _duration((now - flow.latest.ms) // 100 * 100)
+            return name, state, (
                 name, _number(flow.rate(now // 1000)), texts.amount(flow.latest.size or 0),
-                len(stats.subscribers) if stats else 0, '{} {} ago'.format(state, _duration(ago)),
-                [sum(line[i:i + 2]) for i in range(0, LINE, 2)], texts.payload_text(flow.latest))))
+                len(stats.subscribers) if stats else 0, '{} {} ago'.format(state, ago),
+                [sum(line[i:i + 2]) for i in range(0, LINE, 2)], texts.payload_text(flow.latest))
+
+        topics = [item for item in self._flows.items() if item[0][0] == 'topic']
         yield _table('', ('topic', '>a second', '>size', '>subscribers', 'state',
-                          'the last two minutes', 'last payload'), rows)
+                          'the last two minutes', 'last payload'), topics, row_of)
 
     def _calls(self, now):
+        def row_of(item):
+            (caller, callee, address), calls = item
+            times = [_duration(calls.percentile(share)) for share in (0.5, 0.99)]
+            return '{} {} {}'.format(caller, callee, address), '', (
+                caller, address, calls.made, calls.answered, *times, calls.refused or '',
+                calls.faults['timeout'] or '')
+
         waits = [thread.call for process in self.matcher.processes.values()
                  for thread in process.threads.values() if thread.call is not None]
         waits = sorted((call for call in waits if self.view.passes(call)), key=lambda call: call.ms)
-        yield _table('Under way', ('caller', 'address', '>for'), [
-            (call.line, '', (call.src, call.subject, _duration(now - call.ms))) for call in waits])
+        yield _table('Under way', ('caller', 'address', '>for'), waits, lambda call: (
+            call.line, '', (call.src, call.subject, _duration(now - call.ms))))
         yield _table('By caller and address', (
-            'caller', 'address', '>calls', '>answers', '>p50', '>p99', '>refused', '>timed out'), [
-                (' '.join(map(str, key)), '', (
-                    key[0], key[2], calls.made, calls.answered, _duration(calls.percentile(0.5)),
-                    _duration(calls.percentile(0.99)), calls.refused or '',
-                    calls.faults['timeout'] or '')) for key, calls in self.stats.calls.items()])
+            'caller', 'address', '>calls', '>answers', '>p50', '>p99', '>refused', '>timed out'),
+            list(self.stats.calls.items()), row_of)

@@ -47,7 +47,7 @@ class Handler(BaseHTTPRequestHandler):
     def _is_ours(self):
         hosts, origin = self.headers.get_all('Host', []), self.headers.get('Origin')
         mine = self.connection.getsockname()
-        names = {self.server.server_address[0], mine[0], socket.gethostname()}
+        names = {self.server.server_address[0], mine[0].replace('::ffff:', ''), socket.gethostname()}
         names |= {'localhost'} if mine[0] in (ADDRESS, '::1') else set()
         return len(hosts) == 1 and hosts[0] in {_address(name, mine[1]) for name in names} and (
             origin in (None, 'http://' + hosts[0]))
@@ -120,7 +120,8 @@ def run(view, port, listen):
     try:
         server = Server(address, port, live)
     except (OSError, OverflowError) as error:
-        raise InputError('{}: {}'.format(_address(address, port), error)) from error
+        reason = getattr(error, 'strerror', None) or error
+        raise InputError('{}: {}'.format(_address(address, port), reason)) from error
     if listen:
         print('zelvo-view: warning: who reaches {} and knows the key sees all messages, and so does '
               'who listens on the way'.format(address), file=sys.stderr)

@@ -193,10 +193,8 @@ class Pipe(threading.Thread):
                     data = b'\nlog lines lost: %d, not read in time\n\n' % skipping + data
                     skipping = 0
                 self._held += data
+                self._ended = not data
                 self._changed.notify()
-        with self._changed:
-            self._ended = True
-            self._changed.notify()
 
     def take(self, seconds):
         """What has come, b'' at the end, None where nothing has come for so long."""
@@ -223,7 +221,8 @@ class Tail:
     @property
     def behind(self):
         """Bytes that are there and have not been read."""
-        return max(os.fstat(self._file.fileno()).st_size - self._file.tell(), 0)
+        size = os.fstat(self._file.fileno()).st_size
+        return max(size - self._file.tell(), 0) if self._file.seekable() else 0
 
     def read(self):
         """What has come since."""
