@@ -211,9 +211,7 @@ public:
             return subscribeTo(
                 {topic.name()}, [run = std::move(handler), &node](std::string_view name,
                                                                   std::string_view data) mutable {
-                    if (auto value = detail::decoded<Value>(data)) {
-                        run(std::move(*value));
-                    } else {
+                    if (!detail::runDecoded<Value>(data, run)) {
                         node.noteUnreadable(name, data.size(), detail::SizeOf<Value>::value);
                     }
                 });

@@ -335,6 +335,23 @@ std::optional<Value> decoded(std::string_view bytes) {
     }
 }
 
+// Runs what takes the value; false: they are no such value. One that lies plain is copied once.
+template <class Value, class Run>
+bool runDecoded(std::string_view bytes, Run &run) {
+    if constexpr (std::is_base_of_v<PlainCodec<Value>, Codec<Value>>) {
+        alignas(Value) unsigned char copy[sizeof(Value)];
+        if (bytes.size() != sizeof copy) {
+            return false;
+        }
+        std::memcpy(copy, bytes.data(), sizeof copy);
+        run(std::move(*std::launder(reinterpret_cast<Value *>(copy))));
+        return true;
+    } else {
+        auto value = decoded<Value>(bytes);
+        return value && (static_cast<void>(run(std::move(*value))), true);
+    }
+}
+
 // ---- answers without a NUL ----
 
 constexpr char kEscape = 1;
@@ -343,7 +360,7 @@ inline std::string withoutNul(std::string_view bytes, bool looksLikeRefusal) {
     std::string text;
     text.reserve(bytes.size());
     if (looksLikeRefusal) {
-        (text += kEscape) += 3;
+        text += "\1\3";
     }
     for (const char c : bytes) {
         if (c == 0 || c == kEscape) {

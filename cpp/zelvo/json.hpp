@@ -6,6 +6,10 @@
 #ifndef ZELVO_JSON_HPP
 #define ZELVO_JSON_HPP
 
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
+#else
+
 #include "codec.hpp"
 
 #include <nlohmann/json.hpp>
@@ -42,5 +46,7 @@ template <class Value>
 struct Codec<Value, std::enable_if_t<detail::IsJson<Value>::value>> : JsonCodec<Value> {};
 
 } // namespace zelvo
+
+#endif // C++17
 
 #endif

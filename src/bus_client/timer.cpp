@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <limits>
 #include <memory>
@@ -150,7 +151,8 @@ void _killTimer(client_t &client, const message_t &message) noexcept try {
 }
 
 void timerPass(client_t &client) noexcept {
-    if (now() < client.earliest_due.load()) {
+    const double earliest = client.earliest_due.load();
+    if (std::isinf(earliest) || now() < earliest) { // without a timer the clock is not read either
         return;
     }
     // What handlers set stands behind these, and waits for the next look.

@@ -2,6 +2,8 @@
 
 #include "json.h"
 
+#include <algorithm>
+
 namespace zelvo_mqtt {
 namespace {
 
@@ -10,6 +12,7 @@ constexpr const char *kStateTopic = "mqtt.state";
 // Of a close, which is to end within a second.
 constexpr std::chrono::milliseconds kTakeTime{150};  // for what has been published
 constexpr std::chrono::milliseconds kCloseTime{850}; // for all of it
+constexpr std::chrono::milliseconds kLeaveTime{100}; // for the nodes at least
 
 Json stateObject(const std::string &name, bool connected, const std::string &why) {
     Json object{cJSON_CreateObject()};
@@ -94,8 +97,9 @@ bool Bridge::close() {
         withdrawState();
     }
     eachNode([](Node &node) { node.askToLeave(); });
+    const auto until = std::max(begun + kCloseTime, Clock::now() + kLeaveTime);
     bool done = true;
-    eachNode([&](Node &node) { done = node.leave(begun + kCloseTime) && done; });
+    eachNode([&](Node &node) { done = node.leave(until) && done; });
     return done;
 }
 

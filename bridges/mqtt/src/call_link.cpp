@@ -40,7 +40,8 @@ Properties propertiesOf(const Direct &message) {
 }
 
 std::size_t sizeOf(const Direct &message) {
-    return message.topic.size() + message.payload.size();
+    return message.topic.size() + message.payload.size() + message.answerTopic.size() +
+           message.correlation.size();
 }
 
 } // namespace
@@ -66,12 +67,16 @@ Purpose CallLink::purpose() const {
 
 // Address by address, and broker by broker.
 void CallLink::seek() {
-    if (!targets_.empty()) {
-        target_ = std::move(targets_.front());
-        targets_.pop_front();
-        connect(target_, targets_.empty() ? kLongestConnect : kLongestOfSeveral);
+    if (targets_.empty() && !lookUp()) {
         return;
     }
+    target_ = std::move(targets_.front());
+    targets_.pop_front();
+    connect(target_, targets_.empty() ? kLongestConnect : kLongestOfSeveral);
+}
+
+// False: there is no address yet, or none.
+bool CallLink::lookUp() {
     const Config::Broker &broker = config_.brokers[broker_];
     Lookup &lookup = lookups_[broker_];
     const auto now = Clock::now();
@@ -80,20 +85,21 @@ void CallLink::seek() {
         lookedUp_ = now;
     }
     if (!lookup.done() && now - *lookedUp_ < kLongestLookup) {
-        return;
+        return false;
     }
     lookedUp_.reset();
     broker_ = (broker_ + 1) % config_.brokers.size();
     if (!lookup.done()) {
         fail(broker.host + ": the name service does not answer");
-    } else if (lookup.addresses().empty()) {
-        fail(broker.host + ": " + lookup.failure());
-    } else {
-        for (const std::string &address : lookup.addresses()) {
-            targets_.push_back({broker, address});
-        }
-        seek();
+        return false;
     }
+    for (const std::string &address : lookup.addresses()) {
+        targets_.push_back({broker, address});
+    }
+    if (targets_.empty()) {
+        fail(broker.host + ": " + lookup.failure());
+    }
+    return !targets_.empty();
 }
 
 void CallLink::greet() {
@@ -228,11 +234,6 @@ void CallLink::hand(const Direct &message) {
     } else if (mid != sentMid_) {
         unsentBytes_ += unsent_[mid] = sizeOf(message);
     }
-}
-
-std::size_t CallLink::unsent() {
-    const std::lock_guard lock{directMutex_};
-    return direct_.size() + unsent_.size();
 }
 
 } // namespace zelvo_mqtt

@@ -35,6 +35,8 @@ public:
     using Received = std::function<void(const Incoming &)>;
     CallLink(const Config &config, const Topics &topics, Log &log, Changed changed,
              Received received);
+    CallLink(const CallLink &) = delete;
+    CallLink &operator=(const CallLink &) = delete;
     ~CallLink() override { stop(); }
 
     // Any thread; does not block. False: not connected, or too much waits to be sent.
@@ -43,6 +45,7 @@ public:
 private:
     Purpose purpose() const override;
     void seek() override;
+    bool lookUp();
     bool hasAnother() const override { return !targets_.empty(); }
     bool prospers() const override { return Link::prospers() && !hasRival_; }
     void greet() override;
@@ -51,7 +54,6 @@ private:
     void acknowledged(int mid, int reason) override;
     void lost(const std::string &why, bool byBroker) override;
     void everySecond() override;
-    std::size_t unsent() override;
     int farewellReason() const override;
     void sayOnline();
     std::optional<Direct> next();

@@ -140,11 +140,11 @@ void DataLink::refuse(const Publication &publication, const std::string &why) {
         ++refusals.since;
         return;
     }
-    log_.error({"a publication to ", publication.topic, " of ",
-                std::to_string(publication.payload.size()),
-                " bytes is lost, the broker does not "
-                "take it: ",
-                why, "; before it ", std::to_string(refusals.since), " more"});
+    const std::string size = std::to_string(publication.payload.size());
+    const std::string others = std::to_string(refusals.since);
+    log_.error({"a publication to ", publication.topic, " of ", size,
+                " bytes is lost, the broker does not take it: ", why, "; before it ", others,
+                " more"});
     refusals = {now, 0};
 }
 
@@ -179,6 +179,7 @@ void DataLink::greet() {
     }
     questions_ = 0;
     if (inflow_) {
+        inflow_->expectNone();
         begin(!retains_ ? Round::kNone : sessionKept_ ? Round::kKept : Round::kAll);
     }
     changed_(true, "");

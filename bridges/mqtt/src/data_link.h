@@ -27,6 +27,8 @@ public:
     // inflow may be emplaced until the link starts.
     DataLink(const Config &config, const Topics &topics, Buffer &buffer,
              std::optional<Inflow> &inflow, Log &log, Changed changed);
+    DataLink(const DataLink &) = delete;
+    DataLink &operator=(const DataLink &) = delete;
     ~DataLink() override { stop(); }
 
     // Where it is to connect to, or that it is not to be connected. Any thread.

@@ -39,7 +39,8 @@ public:
     std::chrono::milliseconds pause();      // 0: go on reading
 
     // What is retained of the expected topics is to come now; what is sticky already is then not
-    // published again. None is expected in the beginning.
+    // published again.
+    void expectNone() { expected_.clear(); }
     void expectAll();
     bool expectSticky(); // those that are sticky and have not come; false: there are none
     const std::set<std::string> &expected() const { return expected_; }

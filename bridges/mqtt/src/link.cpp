@@ -363,10 +363,10 @@ std::vector<std::string> Link::denied() {
 
 void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
     const auto end = Clock::now() + kFarewell;
-    const auto last = end + kFarewell / 3;
     while (connected_ && unsent() > 0 && Clock::now() < end) {
         turn(lock, end);
     }
+    const auto last = Clock::now() + kFarewell / 3;
     if (connected_) {
         mosquitto_disconnect_v5(session_->get(), farewellReason(), nullptr);
         while (state_ != State::kDown && Clock::now() < last) {
@@ -374,8 +374,8 @@ void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
         }
     }
     if (const std::size_t lost = unsent(); lost > 0) {
-        log_.warning(std::to_string(lost) +
-                     " messages are lost: the bridge closes before the broker has taken them");
+        log_.warning(std::to_string(lost) + " publications are lost: the bridge closes before the "
+                                            "broker has taken them");
     }
 }
 

@@ -68,7 +68,7 @@ protected:
     virtual void lost(const std::string &why, bool byBroker) = 0;
     virtual void everySecond() {}
     virtual std::chrono::milliseconds pause() { return {}; } // nothing is to be read so long
-    virtual std::size_t unsent() = 0;
+    virtual std::size_t unsent() { return 0; } // publications, that a farewell waits for
     virtual int farewellReason() const { return 0; }
     // Something has been achieved: the next try after a loss comes soon.
     virtual bool prospers() const { return prospers_; }

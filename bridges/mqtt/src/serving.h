@@ -48,7 +48,9 @@ private:
         std::string correlation;
         Clock::time_point until; // then nobody waits for the answer any more
 
-        std::size_t size() const { return url.size() + data.size() + answerTopic.size(); }
+        std::size_t size() const {
+            return url.size() + data.size() + answerTopic.size() + correlation.size();
+        }
     };
     struct Caller {
         Caller(Serving &its, Zelvo_t *bus, const std::string &name, std::string served);

@@ -289,7 +289,7 @@ TEST(Closing, ends_without_a_broker) {
         publish(site, "t", "x");
         EXPECT_EQ(site.listener.node.call("/two/n/x"), kRefused);
         expectQuick([&] { site.close(); });
-        EXPECT_TRUE(says(site.log(), "1 messages are lost")) << url << site.log();
+        EXPECT_TRUE(says(site.log(), "1 publications are lost")) << url << site.log();
     }
 }
 

@@ -1,7 +1,7 @@
 // zelvo_mqtt_mixed [SECONDS [TERM|KILL]]: numbered publications and calls from one bus to another,
 // while the broker is killed, started and stopped, and a second bridge comes and goes. Prints what
-// has arrived, and how large the process is; fails where a number is missing or out of order.
-// Repetitions are counted.
+// has arrived, and how large the process is; fails where a number is missing or comes late. What a
+// broker that is killed has acknowledged and not stored is lost with it, and only counted.
 #include "bridged.h"
 #include "broker.h"
 
@@ -36,9 +36,10 @@ struct Received {
             changed.notify_all();
         }
     }
-    bool reaches(int number) {
+    bool advances(int by) {
         std::unique_lock lock{mutex};
-        return changed.wait_for(lock, kLimit, [&] { return latest >= number; });
+        const int goal = latest + by;
+        return changed.wait_for(lock, kLimit, [&] { return latest >= goal; });
     }
 };
 
@@ -75,8 +76,7 @@ int run(int seconds, int signal) {
     RunningNode caller{sender.bus.get(), "caller"};
     bool arrives = receiver.connects() && sender.connects();
     std::atomic<bool> ends{false};
-    int sent = 0;
-    int answered = 0, refused = 0;
+    int sent = 0, answered = 0, refused = 0;
     std::thread publisher{[&] { sent = send(sender, ends); }};
     std::thread calls{[&] {
         while (!ends) {
@@ -87,7 +87,7 @@ int run(int seconds, int signal) {
     int rounds = 0;
     long early = 0;
     for (; Clock::now() < end && arrives; ++rounds) {
-        arrives = received.reaches(received.latest + 500);
+        arrives = received.advances(500);
         zelvo_mqtt_t *const second = receiver.another(R"("site":"second","in":["numbers.2"])");
         broker.kill(rounds % 3 == 2 ? SIGTERM : signal);
         broker.start();
@@ -97,12 +97,15 @@ int run(int seconds, int signal) {
     ends = true;
     publisher.join();
     calls.join();
-    arrives = arrives && received.reaches(sent);
+    arrives = arrives && eventually([&] {
+                  const std::lock_guard lock{received.mutex};
+                  return received.latest >= sent;
+              });
     std::printf("%d of %d numbers, %d rounds: %d missing, %d repeated; %d calls answered, %d "
                 "refused; %ld kB, in the beginning %ld\n%s\n",
                 received.latest, sent, rounds, received.missing, received.repeated, answered,
                 refused, kilobytes(), early, sender.state().c_str());
-    return arrives && received.missing == 0 && answered > 0 &&
+    return arrives && (received.missing == 0 || signal == SIGKILL) && answered > 0 &&
                    says(sender.state(), R"("dropped":0,"refused":0)")
                ? 0
                : 1;

@@ -159,6 +159,7 @@ struct Change {
 class Handlers {
 public:
     void make(const Change &change) {
+        latest_ = nullptr;
         for (const std::string &name : change.names) {
             switch (change.kind) {
             case Change::Kind::add:
@@ -174,10 +175,17 @@ public:
         }
     }
 
-    // In the order in which they have been added; null: there is none.
-    const std::vector<HandlerPtr> *ofTopic(View topic) const {
-        const auto found = topics_.find(topic);
-        return found == topics_.end() ? nullptr : &found->second;
+    // In the order in which they have been added; null: there is none. Mostly the topic is that of
+    // the message before.
+    const std::vector<HandlerPtr> *ofTopic(View topic) {
+        if (!latest_ || latest_->first != topic) {
+            const auto found = topics_.find(topic);
+            if (found == topics_.end()) {
+                return nullptr;
+            }
+            latest_ = &*found;
+        }
+        return &latest_->second;
     }
     // Null: there is none.
     Handler *ofPath(View path) const {
@@ -207,7 +215,9 @@ private:
         }
     }
 
-    std::map<std::string, std::vector<HandlerPtr>, std::less<>> topics_;
+    using Topics = std::map<std::string, std::vector<HandlerPtr>, std::less<>>;
+    Topics topics_;
+    const Topics::value_type *latest_ = nullptr;           // that has been asked for
     std::map<std::string, HandlerPtr, std::less<>> paths_; // "": of every other path
 };
 

@@ -135,11 +135,13 @@ public:
         const auto keep = shared_from_this();
         const Deadline deadline = deadlineAfter(bus_.timeout());
         const Turn turn{turns_, url, deadline};
+        if (!turn.owned()) {
+            throw noAnswerError(url, Cause::timed_out);
+        }
         const std::vector<std::string> fresh = subscriptions_.notIn(topics);
         const std::string json = jsonArray(fresh);
         change({Change::Kind::add, topics, handler}); // it is there before the first message
-        const Cause cause = !turn.owned()   ? Cause::timed_out
-                            : gone_         ? Cause::left
+        const Cause cause = gone_           ? Cause::left
                             : fresh.empty() ? Cause::answered
                                             : askInTurn(url, json, deadline).cause;
         if (cause != Cause::answered) {
@@ -193,7 +195,7 @@ public:
     // run(timer)
     template <class Run>
     TimerPtr addTimer(Clock::duration wait, Clock::duration period, Run run) {
-        const TimerPtr timer = std::make_shared<TimerEntryOf<Run>>(period, std::move(run));
+        TimerPtr timer = std::make_shared<TimerEntryOf<Run>>(period, std::move(run));
         const std::lock_guard lock{mutex_};
         timers_.add(timer, later(Clock::now(), wait));
         if (!arm()) {
@@ -257,7 +259,7 @@ private:
             settled(work);
         } else if (!leaving_) {
             auto hop = [&] {
-                const auto outer = std::exchange(handlingNode(), this);
+                const auto *const outer = std::exchange(handlingNode(), this);
                 settled(work);
                 handlingNode() = outer;
             };

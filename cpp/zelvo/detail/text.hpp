@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -32,7 +33,11 @@ public:
         }
     }
     CText(const std::string &text) : text_{text.c_str()} { check(text.size()); }
-    CText(std::string_view text) : copy_{text}, text_{copy_.c_str()} { check(text.size()); }
+    CText(std::string_view text) : copy_{new char[text.size() + 1]}, text_{copy_.get()} {
+        text.copy(copy_.get(), text.size());
+        copy_[text.size()] = '\0';
+        check(text.size());
+    }
     CText(const CText &) = delete;
     CText &operator=(const CText &) = delete;
     ~CText() = default;
@@ -45,7 +50,7 @@ private:
         }
     }
 
-    std::string copy_;
+    std::unique_ptr<char[]> copy_;
     const char *text_;
 };
 
