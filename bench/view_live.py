@@ -88,8 +88,8 @@ def main():
         for view, found in clicks.items():
             print('click on {}: {:.1f} ms of processor, {:.1f} ms at most as it seems'.format(
                 view, max(f[0] for f in found), max(f[1] for f in found)))
-    viewer.kill()
     writer.join()
+    viewer.kill()
 
 
 if __name__ == '__main__':
