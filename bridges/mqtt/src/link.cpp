@@ -7,9 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include <poll.h>
+#include <sys/socket.h>
 
 namespace zelvo_mqtt {
 namespace {
@@ -124,8 +125,25 @@ void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
         wake_.clear();
     }
     if (ready > 0 && files[1].revents != 0 && state_ != State::kDown) {
-        open_ = true;
-        work((files[1].revents & ~POLLOUT) != 0);
+        attend(files[1].fd, files[1].revents);
+    }
+}
+
+// In a handshake of TLS the library takes a connection that has failed for one that goes on.
+void Link::attend(int file, int events) {
+    open_ = true;
+    if (state_ == State::kConnecting && (events & POLLERR) != 0) {
+        int error = 0;
+        socklen_t size = sizeof error;
+        getsockopt(file, SOL_SOCKET, SO_ERROR, &error, &size);
+        if (error != 0) {
+            fail(std::generic_category().message(error));
+            return;
+        }
+    }
+    work((events & ~POLLOUT) != 0);
+    if (state_ == State::kConnecting && (events & POLLHUP) != 0) {
+        fail(errorText(MOSQ_ERR_CONN_LOST));
     }
 }
 

@@ -104,6 +104,7 @@ private:
     std::chrono::milliseconds patience() const;
     void advance();
     void enter(State state);
+    void attend(int file, int events);
     void work(bool readable);
     void end(int result);
     void giveUp(const char *why);

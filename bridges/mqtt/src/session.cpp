@@ -145,12 +145,16 @@ void Session::setTls(const Config &config) {
     need(X509_VERIFY_PARAM_set1_ip_asc(expected, host.c_str()) == 1 ||
              X509_VERIFY_PARAM_set1_host(expected, host.c_str(), host.size()) == 1,
          "the host's name");
-    SSL_CTX_set_verify(tls, SSL_VERIFY_PEER, nullptr);
-    SSL_CTX_set_ex_data(tls, 0, const_cast<char *>(host.c_str()));
+    SSL_CTX_set_verify(tls, SSL_VERIFY_PEER, noteFault);
+    SSL_CTX_set_ex_data(tls, 0, this);
     SSL_CTX_set_info_callback(tls, nameHost);
     mosquitto *const handle = handle_.get();
     require(mosquitto_void_option(handle, MOSQ_OPT_SSL_CTX, tls), "TLS");
     require(mosquitto_int_option(handle, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0), "TLS");
+}
+
+Session &Session::of(const SSL *ssl) {
+    return *static_cast<Session *>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(ssl), 0));
 }
 
 // At the begin of the handshake, which is to name the host, where the library has named the
@@ -158,8 +162,18 @@ void Session::setTls(const Config &config) {
 void Session::nameHost(const SSL *ssl, int where, int) {
     if ((where & SSL_CB_HANDSHAKE_START) != 0) {
         SSL_ctrl(const_cast<SSL *>(ssl), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
-                 SSL_CTX_get_ex_data(SSL_get_SSL_CTX(ssl), 0));
+                 of(ssl).target_.broker.host.data());
     }
+}
+
+int Session::noteFault(int valid, X509_STORE_CTX *certificate) {
+    if (valid == 0) {
+        const void *const ssl =
+            X509_STORE_CTX_get_ex_data(certificate, SSL_get_ex_data_X509_STORE_CTX_idx());
+        of(static_cast<const SSL *>(ssl)).fault_ =
+            X509_verify_cert_error_string(X509_STORE_CTX_get_error(certificate));
+    }
+    return valid;
 }
 
 // The library keeps the properties of a connection for every later one, but has no function that
@@ -179,14 +193,10 @@ void Session::setProperties(const Config &config, std::uint32_t expiry) {
 int Session::connect() {
     const int result = mosquitto_connect_async(handle_.get(), target_.address.c_str(),
                                                target_.broker.port, keepAlive_);
-    tune(mosquitto_socket(handle_.get()));
+    if (result == MOSQ_ERR_SUCCESS) { // errno belongs to some of the others
+        tune(mosquitto_socket(handle_.get()));
+    }
     return result;
-}
-
-std::string Session::certificateFault() const {
-    const SSL *const ssl = static_cast<const SSL *>(mosquitto_ssl_get(handle_.get()));
-    const long fault = ssl ? SSL_get_verify_result(ssl) : X509_V_OK;
-    return fault == X509_V_OK ? "" : X509_verify_cert_error_string(fault);
 }
 
 } // namespace zelvo_mqtt

@@ -47,11 +47,14 @@ class Session {
 public:
     // userdata goes to the callbacks. Throws OpenError, naming what is refused.
     Session(const Config &config, const Target &target, const Purpose &purpose, void *userdata);
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+    ~Session() = default;
 
     mosquitto *get() const { return handle_.get(); }
     int connect(); // begins; a result of the library
     // Why the broker's certificate is refused; empty: it is not.
-    std::string certificateFault() const;
+    const std::string &certificateFault() const { return fault_; }
 
 private:
     struct Destroy {
@@ -60,10 +63,13 @@ private:
     };
     void setTls(const Config &config);
     void setProperties(const Config &config, std::uint32_t expiry);
+    static Session &of(const SSL *ssl);
     static void nameHost(const SSL *ssl, int where, int);
+    static int noteFault(int valid, X509_STORE_CTX *certificate);
 
-    const Target target_;
+    Target target_; // its host is given to the TLS library
     const int keepAlive_;
+    std::string fault_;
     std::unique_ptr<SSL_CTX, Destroy> tls_;
     std::unique_ptr<mosquitto, Destroy> handle_; // last: it ends before what it uses
 };

@@ -270,6 +270,10 @@ TEST_F(Secured, the_certificate_and_the_password_decide) {
     EXPECT_TRUE(
         named.logs("no connection: the broker's certificate is refused: IP address mismatch"))
         << named.log();
+    for (const char *const scheme : {"mqtt", "mqtts"}) {
+        Bridged refused{std::string{scheme} + "://127.0.0.1:1", "refused"};
+        EXPECT_TRUE(refused.logs("no connection: ")) << refused.log();
+    }
     EXPECT_FALSE(says(wrong.log() + right.log(), "secret"));
 }
 
