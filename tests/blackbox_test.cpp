@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <list>
-#include <memory>
 
 namespace {
 
@@ -232,33 +231,6 @@ TEST(Zelvo, call_ends_at_its_time_limit_and_its_late_answer_disturbs_none) {
     goOn.set(); // both are answered, the first too late
     again.join();
     EXPECT_TRUE(says(a.call("/bus/stats"), "\"timedOut\":\t3"));
-}
-
-TEST(Zelvo, connect_has_one_time_limit_for_both_of_its_steps_and_one_of_two_gets_a_name) {
-    Bus bus{2, R"(,"stats":true,"callTimeout":2000)"};
-    bus.stop();
-    EXPECT_EQ(Node(bus, "none").get(), nullptr);
-    std::unique_ptr<Node> both[2];
-    const auto begun = std::chrono::steady_clock::now();
-    inThreads(3, [&](int i) {
-        if (i < 2) {
-            both[i] = std::make_unique<Node>(bus, "late", Node::OnCall{}, false);
-            return;
-        }
-        bus.waitForLog("late ==> busServer,  action: request");
-        std::this_thread::sleep_for(std::chrono::milliseconds{1100});
-        for (int run = 0; run < 2; ++run) { // an exit behind the joins, one behind an answer
-            bus.exit();
-            bus.start();
-            bus.join();
-        }
-    });
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds{3100});
-    ASSERT_NE(!both[0]->get(), !both[1]->get());
-    bus.start();
-    Node &late = *both[both[0]->get() ? 0 : 1];
-    EXPECT_TRUE(says(late.call("/bus/stats"), "\"timedOut\":\t1")); // its subscription found nobody
-    EXPECT_TRUE(says(late.call("/bus/nodes"), R"(["late"])"));
 }
 
 // Guards a leave that meets the end of the loop, and the destruction of a bus that runs.

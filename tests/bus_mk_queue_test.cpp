@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <random>
 #include <thread>
 #include <vector>
@@ -125,26 +124,6 @@ TEST(Row, needs_no_more_memory_where_one_item_goes_for_each_that_comes) {
         row.take(1);
         EXPECT_TRUE(row.begin() >= memory && row.begin() < memory + 8);
     }
-}
-
-TEST(QueueThreads, receiver_sleeps_until_the_sender_that_found_it_asleep_wakes_it) {
-    const Deadline deadline{"a receiver that is to be woken"};
-    int item = 0;
-    int last = 1;
-    bus_mk_q_t *const q = bus_mk_q_new(5000, nullptr);
-    std::thread receiver{[&] {
-        while (bus_mk_q_recv(q, 0, 0, 1) != &last) {}
-    }};
-    for (bool wake = false; !wake;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds{1});
-        bus_mk_q_post(q, &item, wake);
-    }
-    bus_mk_q_send(q, &last, -1);
-    std::this_thread::sleep_for(std::chrono::milliseconds{5});
-    EXPECT_EQ(bus_mk_q_count(q), 2);
-    bus_mk_q_wake(q);
-    receiver.join();
-    bus_mk_q_clear(q, nullptr, 0);
 }
 
 // Guards what no single thread shows: an item or a wake-up that is lost between two. One item lets
