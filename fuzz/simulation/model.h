@@ -1,0 +1,62 @@
+// What the bus promises, beside the bus itself. The model is told what the application does and is
+// handed. In an exact world (no shortage, no time limit, no stop) it also reads the log, and
+// follows the bus message by message: what it takes, and what it must say and send then, to whom
+// and in which order. Whatever differs ends the world.
+#ifndef ZELVO_SIMULATION_MODEL_H
+#define ZELVO_SIMULATION_MODEL_H
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+
+namespace simulation {
+
+// What a trace in the log tells of a message, from its action to the length of its payload.
+struct Message {
+    std::string name, requestor, trace;
+
+    std::string field(const char *name) const;
+};
+
+struct Timer {
+    std::uint64_t begun; // when the call that sets it began; it is due after that
+    unsigned delay;
+    bool hasFunction;
+    int id = 0;                        // once that call has returned
+    std::uint64_t set = UINT64_MAX;    // when it had
+    bool killed = false, gone = false; // somebody has asked for it; it has run, or can't any more
+
+    bool waits() const { return !gone && !killed && hasFunction; }
+    std::uint64_t due(std::uint64_t after) const { return (after / 1'000'000 + delay) * 1'000'000; }
+};
+
+// From its connect to its close.
+struct Node {
+    std::string name;
+    bool leaves = false, drains = false; // it has been told to; it has heard of that
+    std::deque<Message> inbox{};         // what the bus has sent it
+    Message taken{};                     // by it, last
+    std::string answer{};                // to its latest call, as the bus has handed it over
+    std::deque<Timer> timers{};
+    std::uint64_t lookBegan = 0;   // at timers, the latest; not before then
+    std::uint64_t lookedUntil = 0; // timers due by then have had their turn
+    std::map<int, long> last{};    // of each publisher, the number of what it has heard
+    long heard = 0;
+};
+
+struct Model {
+    bool exact = true; // else only what the application sees is compared
+
+    void readLine(const std::string &line); // of the log, from the current thread
+    void workFor(Node *node);               // the current thread does now; null: for the bus
+    void getsAnswer(const Node &node, const char *text, const std::string &asked);
+    void isHanded(Node &node, const std::string &about, const char *data, int length);
+    void runsTimer(Node &node, Timer &timer);
+    void expectNothingOnItsWay();
+};
+inline Model model;
+
+} // namespace simulation
+
+#endif

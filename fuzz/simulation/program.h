@@ -1,0 +1,38 @@
+// What the application of a simulated world does: operations over the public header, which follow
+// from the world's number, and the threads and handlers that carry them out.
+#ifndef ZELVO_SIMULATION_PROGRAM_H
+#define ZELVO_SIMULATION_PROGRAM_H
+
+#include "memory.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace simulation {
+
+// Who carries an operation out: the thread that has made the node, a handler of the node, or a
+// second thread that uses it.
+enum Place { kOwner, kHandler, kSecond, kPlaces };
+
+struct Operation {
+    unsigned actor, place, kind;
+    unsigned a, b; // which topic, node, key, timer; how long, how large, how
+};
+
+struct Program {
+    unsigned actors = 2;
+    int level = 1;          // of the log; at 1 the world is exact
+    unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
+    Shortage shortage{};
+    std::uint64_t powerFailsAt = 0; // step of a write; 0: it does not
+    std::vector<Operation> operations{};
+
+    bool loses() const { return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0; }
+};
+
+Program makeProgram(std::uint64_t seed);
+void play(const Program &program); // the body of a world's first thread
+
+} // namespace simulation
+
+#endif

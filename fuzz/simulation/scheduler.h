@@ -1,0 +1,131 @@
+// The threads of a simulated world. One of them runs at a time, until it comes to a place where
+// another might go on: each atomic operation of the library is one. The world's number decides who
+// goes on, so the same number gives the same run each time.
+//
+// They are contexts in one thread of the system. What is thread_local in this program, the library
+// included, is kept for each of them.
+#ifndef ZELVO_SIMULATION_SCHEDULER_H
+#define ZELVO_SIMULATION_SCHEDULER_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace simulation {
+
+class Random {
+public:
+    explicit Random(std::uint64_t seed) : state_{(seed + 1) * 0x9E3779B97F4A7C15U} {}
+    unsigned below(unsigned n) {
+        state_ ^= state_ << 13U;
+        state_ ^= state_ >> 7U;
+        state_ ^= state_ << 17U;
+        return static_cast<unsigned>((state_ * 0x2545F4914F6CDD1DU >> 32U) % n);
+    }
+    bool oneIn(unsigned n) { return n > 0 && below(n) == 0; } // of 0: never
+
+private:
+    std::uint64_t state_;
+};
+
+inline constexpr std::uint64_t kMillisecond = 1'000'000; // of the world's clock
+inline constexpr std::uint64_t kNever = UINT64_MAX;
+
+struct Thread {
+    enum State { kReady, kAsleep, kEnded };
+    struct Kept;
+
+    std::string name;
+    std::function<void()> body;
+    int number = 0;
+    State state = kReady;
+    const void *word = nullptr; // that it sleeps on
+    std::uint64_t until = kNever;
+    bool slow = false;         // chosen more seldom than others
+    std::int64_t priority = 0; // where the first in an order goes on
+    bool inLibrary = false;
+    std::string doing{}; // for who asks why it does not go on
+    std::shared_ptr<Kept> kept{};
+
+    bool ended() const { return state == kEnded; }
+};
+
+class World {
+public:
+    // Runs body as the first thread, until that and all that it has started have ended.
+    void run(std::uint64_t seed, std::function<void()> body);
+    Thread *spawn(const std::string &name, std::function<void()> body);
+    void join(const Thread *thread);
+    // A place where another thread may go on.
+    void point() { ++step >= nextChange_ ? change() : void(); }
+    // Sleeps until what stands at address is woken, or the time has come.
+    void sleepOn(const void *address, std::uint64_t until);
+    void wake(const void *address, bool all);
+    void yield();
+    void pause(unsigned milliseconds) { sleepOn(nullptr, now() + milliseconds * kMillisecond); }
+    // The clock, in nanoseconds. It goes on a little with each step, and jumps to the next time-out
+    // when nobody can run.
+    std::uint64_t now() const { return jumped_ + step * 20; }
+    // Whether no thread is kept from going on for long.
+    bool isPrompt() const { return !held_ && yieldTime_ < kMillisecond; }
+
+    Random chance{0}; // for whatever happens by chance
+    Thread *current = nullptr;
+    std::uint64_t step = 0;
+
+private:
+    void chooseStyle();
+    void change();
+    void handOn();
+    void runCurrent();
+    Thread *next();
+    Thread *choose();
+
+    std::vector<std::unique_ptr<Thread>> threads_{};
+    std::vector<Thread *> alive_{}, ready_{};
+    std::uint64_t nextChange_ = kNever;
+    std::uint64_t jumped_ = 0;
+    unsigned rarity_ = 1;                // of changes of the thread, in steps
+    std::uint64_t yieldTime_ = 0;        // that a yield takes
+    bool byPriority_ = false;            // the first in an order goes on
+    std::vector<std::uint64_t> turns_{}; // steps at which it becomes the last; the last turn first
+    std::int64_t lowest_ = 0;
+    Thread *held_ = nullptr; // stays where it is, as long as others can go on
+    std::uint64_t heldFrom_ = 0, heldUntil_ = 0;
+};
+inline World world;
+
+// Whether the current thread is in the library, for a scope: not while it is in a handler.
+class InLibrary {
+public:
+    explicit InLibrary(bool is) : before_{std::exchange(world.current->inLibrary, is)} {}
+    ~InLibrary() { world.current->inLibrary = before_; }
+    InLibrary(const InLibrary &) = delete;
+    InLibrary &operator=(const InLibrary &) = delete;
+
+private:
+    bool before_;
+};
+inline bool inLibrary() {
+    return world.current && world.current->inLibrary;
+}
+
+// Where fail leaves its text for the process that has made this one, and whether there is an
+// account.
+struct Report {
+    char *failure = nullptr;
+    std::size_t size = 0;
+    bool account = false;
+};
+inline Report report;
+
+void note(std::string_view text);              // in the world's account
+[[noreturn]] void fail(std::string_view text); // ends the process: the world has shown a fault
+
+} // namespace simulation
+
+#endif
