@@ -56,9 +56,9 @@ void fire(client_t &client, const timer_t &timer) noexcept {
 // last.
 struct Look {
     client_t &client;
-    double time;
-    int first;
-    int last;
+    double time = 0;
+    int first = 1;
+    int last = 0;
     int at = 0;
 };
 

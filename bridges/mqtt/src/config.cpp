@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t kLongestSite = 32;
 constexpr std::size_t kLongestNode = 71; // whose join notice the bus can send
 constexpr std::size_t kLongestPrefix = 200;
-constexpr std::uint64_t kLongestExpiry = 366 * 24 * 3600;
+constexpr std::uint64_t kLongestExpiry = std::uint64_t{366} * 24 * 3600;
 
 bool isUtf8(const std::string &text) {
     return text.size() < kLongestTopic &&
