@@ -60,8 +60,7 @@ struct bus_mk_str_result {
 //          ns, for each of its bytes with each of the text's, also where its repeats overlap and
 //          where there is no match. Only what stands between a capture and a back-reference to it
 //          is tried anew from each place: n bytes of text with k repeats there may take n^(k+1).
-// Memory:  At most 8 KiB of stack: nothing recurses. Heap: 48 bytes for each repeat sign where
-// there
+// Memory:  At most 8 KiB of stack: nothing recurses. Heap: 48 bytes for each repeat sign where they
 //          are more than 64; in a search that takes long, a bit for each byte of text and repeat
 //          sign, and 4 bytes for each of the text where balances are searched. What takes long
 //          finds the same without, but not within those steps.
