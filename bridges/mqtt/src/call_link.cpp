@@ -140,8 +140,9 @@ void CallLink::acknowledged(int mid, int reason) {
     if (mid == presenceMid_) {
         if (reason >= 128) {
             deny(topics_.ownPresence(), "the presence of this site on", reason);
+        } else {
+            prosper();
         }
-        prosper();
         hasBeenUp_ = true;
         changed_(target_, "");
         return;
