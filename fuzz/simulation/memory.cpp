@@ -3,7 +3,6 @@
 #include "scheduler.h"
 
 #include <cstring>
-#include <new>
 
 #include <sys/mman.h>
 
@@ -14,14 +13,14 @@ namespace simulation {
 namespace {
 
 constexpr std::size_t kUnit = 16;
-constexpr std::size_t kSize = std::size_t{256} * 1024 * 1024; // of address space
+constexpr std::size_t kUnits = std::size_t{16} * 1024 * 1024; // of address space
 
 char *reserve(std::size_t size) {
     return static_cast<char *>(mmap(nullptr, size, PROT_READ | PROT_WRITE,
                                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
 }
-char *const memory = reserve(kSize);
-char *const live = reserve(kSize / kUnit); // for each unit, whether it is part of a block
+char *const memory = reserve(kUnits * kUnit);
+char *const live = reserve(kUnits); // for each unit, whether it is part of a block
 std::size_t used = 0, blocks = 0;
 std::uint64_t asked = 0;
 
@@ -38,29 +37,6 @@ void setLive(void *block, int is) {
     std::memset(live + unitOf(block), is, (sizeOf(block) + kUnit - 1) / kUnit);
 }
 
-void *allocateFor(std::size_t size, std::size_t alignment = kUnit) {
-    if (!inLibrary()) {
-        return __real_malloc(size);
-    }
-    const bool refused = ++asked == shortage.nth || world.chance.oneIn(shortage.oneIn);
-    refused ? note("is refused memory") : void();
-    return refused ? nullptr : allocate(size, alignment);
-}
-
-void *orThrow(void *block) {
-    return block ? block : throw std::bad_alloc{};
-}
-
-void release(void *block) {
-    if (!block || unitOf(block) >= kSize / kUnit) {
-        return __real_free(block);
-    }
-    expectLive(block);
-    setLive(block, 0);
-    std::memset(block, 0xDD, sizeOf(block));
-    --blocks;
-}
-
 } // namespace
 
 void *allocate(std::size_t size, std::size_t alignment) {
@@ -68,48 +44,47 @@ void *allocate(std::size_t size, std::size_t alignment) {
     void *const block = memory + used;
     sizeOf(block) = size;
     setLive(block, 1);
-    used += (size + kUnit - 1) / kUnit * kUnit;
+    used += size;
     ++blocks;
     return block;
 }
 
 void expectLive(const volatile void *address) {
     const std::size_t unit = unitOf(address);
-    unit >= kSize / kUnit || live[unit] != 0 ? void() : fail("uses memory that is free");
+    expect(unit >= kUnits || live[unit] != 0, "uses memory that is free");
 }
 
 void expectNothingLeft() {
-    blocks == 0 ? void() : fail("leaves " + std::to_string(blocks) + " blocks of memory");
+    expect(blocks == 0, "leaves " + std::to_string(blocks) + " blocks of memory");
 }
 
 } // namespace simulation
 
 using namespace simulation;
 
+extern "C" void *__wrap_aligned_alloc(std::size_t alignment, std::size_t size) {
+    if (!inLibrary()) {
+        return __real_malloc(size);
+    }
+    unsigned &refusals = world.current->refusals;
+    if (++asked == shortage.nth || world.chance.oneIn(shortage.oneIn) || refusals > 0) {
+        refusals -= refusals > 0 ? 1 : 0;
+        note("is refused memory");
+        return nullptr;
+    }
+    return allocate(size, alignment);
+}
+
 extern "C" void *__wrap_malloc(std::size_t size) {
-    return allocateFor(size);
+    return __wrap_aligned_alloc(kUnit, size);
 }
+
 extern "C" void __wrap_free(void *block) {
-    release(block);
-}
-void *operator new(std::size_t size) {
-    return orThrow(allocateFor(size));
-}
-void *operator new(std::size_t size, const std::nothrow_t & /*no*/) noexcept {
-    return allocateFor(size);
-}
-void *operator new(std::size_t size, std::align_val_t to, const std::nothrow_t & /*no*/) noexcept {
-    return allocateFor(size, static_cast<std::size_t>(to));
-}
-void operator delete(void *block) noexcept {
-    release(block);
-}
-void operator delete(void *block, std::size_t /*size*/) noexcept {
-    release(block);
-}
-void operator delete(void *block, std::align_val_t /*to*/) noexcept {
-    release(block);
-}
-void operator delete(void *block, std::size_t /*size*/, std::align_val_t /*to*/) noexcept {
-    release(block);
+    if (!block || unitOf(block) >= kUnits) {
+        return __real_free(block);
+    }
+    expectLive(block);
+    setLive(block, 0);
+    std::memset(block, 0xDD, sizeOf(block));
+    --blocks;
 }

@@ -16,19 +16,24 @@ namespace simulation {
 struct Message {
     std::string name, requestor, trace;
 
-    std::string field(const char *name) const;
+    std::string field(const std::string &which) const;
 };
 
 struct Timer {
     std::uint64_t begun; // when the call that sets it began; it is due after that
     unsigned delay;
     bool hasFunction;
-    int id = 0;                        // once that call has returned
-    std::uint64_t set = UINT64_MAX;    // when it had
-    bool killed = false, gone = false; // somebody has asked for it; it has run, or can't any more
+    int id = 0;                     // once that call has returned
+    std::uint64_t set = UINT64_MAX; // when it had
+    bool killed = false;            // somebody has asked for it
+    bool gone = false;              // it has run, or can't any more
 
-    bool waits() const { return !gone && !killed && hasFunction; }
     std::uint64_t due(std::uint64_t after) const { return (after / 1'000'000 + delay) * 1'000'000; }
+    // Whether it must have run before a message is taken or another timer runs, where a look at the
+    // timers that were there has found it due.
+    bool isMissed(std::uint64_t there, std::uint64_t look) const {
+        return !gone && !killed && hasFunction && set <= there && due(set) <= look;
+    }
 };
 
 // From its connect to its close.
@@ -42,11 +47,12 @@ struct Node {
     std::uint64_t lookBegan = 0;   // at timers, the latest; not before then
     std::uint64_t lookedUntil = 0; // timers due by then have had their turn
     std::map<int, long> last{};    // of each publisher, the number of what it has heard
-    long heard = 0;
 };
 
 struct Model {
-    bool exact = true; // else only what the application sees is compared
+    bool exact = true;       // else only what the application sees is compared
+    bool loses = false;      // calls end early, or memory is short
+    bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 
     void readLine(const std::string &line); // of the log, from the current thread
     void workFor(Node *node);               // the current thread does now; null: for the bus

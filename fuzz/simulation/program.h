@@ -5,7 +5,6 @@
 
 #include "memory.h"
 
-#include <cstdint>
 #include <vector>
 
 namespace simulation {
@@ -15,7 +14,8 @@ namespace simulation {
 enum Place { kOwner, kHandler, kSecond, kPlaces };
 
 struct Operation {
-    unsigned actor, place, kind;
+    void (*act)(struct Actor &, const Operation &);
+    unsigned actor, place;
     unsigned a, b; // which topic, node, key, timer; how long, how large, how
 };
 
@@ -24,10 +24,12 @@ struct Program {
     int level = 1;          // of the log; at 1 the world is exact
     unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
     Shortage shortage{};
-    std::uint64_t powerFailsAt = 0; // step of a write; 0: it does not
+    bool closesShort = false; // of memory for the leave of the node
     std::vector<Operation> operations{};
 
-    bool loses() const { return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0; }
+    bool loses() const {
+        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || closesShort;
+    }
 };
 
 Program makeProgram(std::uint64_t seed);

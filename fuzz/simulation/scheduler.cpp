@@ -1,26 +1,12 @@
 #include "scheduler.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
-#include <cstring>
 
-#include <cxxabi.h>
 #include <link.h>
-#include <ucontext.h>
 #include <unistd.h>
 
 namespace simulation {
-
-// What the compiler and the C library keep for a thread of the system, and each of ours needs.
-struct Thread::Kept {
-    std::array<char, 256> objects{}; // the program's thread_local ones
-    std::array<char, 16> exceptions{};
-    std::vector<std::pair<void (*)(void *), void *>> destructors{};
-    std::unique_ptr<char[]> stack{};
-    ucontext_t place{};
-};
-
 namespace {
 
 constexpr std::size_t kStack = std::size_t{256} * 1024;
@@ -30,14 +16,15 @@ constexpr std::uint64_t kLastTime = kFirstTime + 3'600'000 * kMillisecond;
 
 ucontext_t worldsEnd;
 
-using Bytes = std::pair<char *, std::size_t>;
-const Bytes objects = [] {
-    Bytes found{};
+// The thread_local objects of this program, which the C++ library is a part of.
+const std::pair<char *, std::size_t> objects = [] {
+    std::pair<char *, std::size_t> found;
     const auto visit = [](dl_phdr_info *program, std::size_t, void *arg) { // the first is this one
-        for (int i = 0; i < program->dlpi_phnum; ++i) {
-            if (program->dlpi_phdr[i].p_type == PT_TLS) {
-                *static_cast<Bytes *>(arg) = {static_cast<char *>(program->dlpi_tls_data),
-                                              program->dlpi_phdr[i].p_memsz};
+        for (const auto *part = program->dlpi_phdr;
+             part != program->dlpi_phdr + program->dlpi_phnum; ++part) {
+            if (part->p_type == PT_TLS) {
+                *static_cast<decltype(found) *>(arg) = {static_cast<char *>(program->dlpi_tls_data),
+                                                        part->p_memsz};
             }
         }
         return 1;
@@ -45,20 +32,14 @@ const Bytes objects = [] {
     dl_iterate_phdr(visit, &found);
     return found;
 }();
+const std::vector<char> untouched(objects.first, objects.first + objects.second);
 
-void keep(Thread::Kept &kept) {
-    std::memcpy(kept.objects.data(), objects.first, objects.second);
-    std::memcpy(kept.exceptions.data(), abi::__cxa_get_globals(), kept.exceptions.size());
-}
-
-void putBack(const Thread::Kept &kept) {
-    void *const exceptions = abi::__cxa_get_globals();
-    std::memcpy(objects.first, kept.objects.data(), objects.second);
-    std::memcpy(exceptions, kept.exceptions.data(), kept.exceptions.size());
+void putBack(const Thread &thread) {
+    std::copy(thread.objects.begin(), thread.objects.end(), objects.first);
 }
 
 void arouse(Thread &thread) {
-    thread.state = Thread::kReady;
+    thread.asleep = false;
     thread.word = nullptr;
     thread.until = kNever;
 }
@@ -85,22 +66,21 @@ Thread *World::choose() {
         std::erase(ready_, held_);
     }
     if (byPriority_) {
-        const auto lower = [](const Thread *a, const Thread *b) {
-            return a->priority < b->priority;
-        };
-        return *std::max_element(ready_.begin(), ready_.end(), lower);
+        return *std::ranges::max_element(ready_, {}, &Thread::priority);
     }
-    const auto number = static_cast<unsigned>(ready_.size());
-    Thread *const chosen = ready_[chance.below(number)];
-    return chosen->slow && !chance.oneIn(6) ? ready_[chance.below(number)] : chosen;
+    return ready_[chance.below(static_cast<unsigned>(ready_.size()))];
 }
 
 Thread *World::next() {
     for (ready_.clear();; ready_.clear()) {
         std::uint64_t soonest = kNever;
         for (Thread *thread : alive_) {
-            thread->until <= now() ? arouse(*thread) : void();
-            thread->state == Thread::kReady ? ready_.push_back(thread) : void();
+            if (thread->until <= now()) {
+                arouse(*thread);
+            }
+            if (!thread->asleep) {
+                ready_.push_back(thread);
+            }
             soonest = std::min(soonest, thread->until);
         }
         if (!ready_.empty()) {
@@ -109,8 +89,9 @@ Thread *World::next() {
         if (soonest == kNever) {
             const InLibrary no{false};
             std::string who = "hangs:";
-            std::for_each(alive_.begin(), alive_.end(),
-                          [&](auto *t) { who += "\n  " + t->name + " " + t->doing; });
+            for (const Thread *thread : alive_) {
+                who += "\n  " + thread->name + " " + thread->doing;
+            }
             fail(who);
         }
         jumped_ += soonest - now();
@@ -120,18 +101,18 @@ Thread *World::next() {
 void World::handOn() {
     const std::uint64_t turn = turns_.empty() ? kMostSteps : turns_.back();
     nextChange_ = byPriority_ ? turn : step + 1 + (rarity_ > 1 ? chance.below(2 * rarity_) : 0);
-    if (++step >= kMostSteps || now() > kLastTime) {
-        fail("has no end");
-    }
+    expect(++step < kMostSteps && now() <= kLastTime, "has no end");
     Thread &me = *current;
     current = next();
-    if (current != &me && me.ended()) {
-        setcontext(&current->kept->place);
-    } else if (current != &me) {
-        keep(*me.kept);
-        swapcontext(&me.kept->place, &current->kept->place);
-        putBack(*me.kept);
+    if (current == &me) {
+        return;
     }
+    if (me.ended) {
+        setcontext(&current->place);
+    }
+    std::copy_n(objects.first, objects.second, me.objects.begin());
+    swapcontext(&me.place, &current->place);
+    putBack(me);
 }
 
 void World::change() {
@@ -148,37 +129,37 @@ void World::change() {
 
 // The destructors of a thread's objects run in it, and may meet other threads.
 void World::runCurrent() {
-    putBack(*current->kept);
+    putBack(*current);
     current->body();
-    for (auto &destructors = current->kept->destructors; !destructors.empty();) {
-        const auto [run, object] = destructors.back();
-        destructors.pop_back();
+    while (!current->destructors.empty()) {
+        const auto [run, object] = current->destructors.back();
+        current->destructors.pop_back();
         run(object);
     }
-    current->state = Thread::kEnded;
+    current->asleep = current->ended = true;
     std::erase(alive_, current);
     wake(current, true);
-    alive_.empty() ? static_cast<void>(setcontext(&worldsEnd)) : handOn();
+    if (alive_.empty()) {
+        setcontext(&worldsEnd);
+    }
+    handOn();
 }
 
 Thread *World::spawn(const std::string &name, std::function<void()> body) {
-    static Thread::Kept untouched;
-    threads_.empty() ? keep(untouched) : void();
     Thread &thread =
         *threads_.emplace_back(std::make_unique<Thread>(Thread{name, std::move(body)}));
     thread.number = static_cast<int>(threads_.size());
-    thread.slow = chance.oneIn(4);
     thread.priority = 1 + chance.below(1000);
-    thread.kept = std::make_shared<Thread::Kept>();
-    thread.kept->objects = untouched.objects;
-    thread.kept->stack.reset(new char[kStack]);
-    ucontext_t &place = thread.kept->place;
-    getcontext(&place);
-    place.uc_stack.ss_sp = thread.kept->stack.get();
-    place.uc_stack.ss_size = kStack;
+    thread.objects = untouched;
+    thread.stack.reset(new char[kStack]);
+    getcontext(&thread.place);
+    thread.place.uc_stack.ss_sp = thread.stack.get();
+    thread.place.uc_stack.ss_size = kStack;
     makecontext(
-        &place, [] { world.runCurrent(); }, 0);
-    held_ = !held_ && chance.oneIn(3) ? &thread : held_;
+        &thread.place, [] { world.runCurrent(); }, 0);
+    if (!held_ && chance.oneIn(3)) {
+        held_ = &thread;
+    }
     alive_.push_back(&thread);
     ready_.reserve(alive_.size());
     return &thread;
@@ -190,20 +171,20 @@ void World::run(std::uint64_t seed, std::function<void()> body) {
     chooseStyle();
     current = spawn("main", std::move(body));
     nextChange_ = 0;
-    swapcontext(&worldsEnd, &current->kept->place);
+    swapcontext(&worldsEnd, &current->place);
     current = nullptr;
     nextChange_ = kNever;
 }
 
 void World::join(const Thread *thread) {
-    while (!thread->ended()) {
+    while (!thread->ended) {
         current->doing = "joins " + thread->name;
         sleepOn(thread, kNever);
     }
 }
 
 void World::sleepOn(const void *address, std::uint64_t until) {
-    current->state = Thread::kAsleep;
+    current->asleep = true;
     current->word = address;
     current->until = until;
     handOn();
@@ -229,7 +210,7 @@ void World::yield() {
 }
 
 void note(std::string_view text) {
-    if (report.account) {
+    if (hasAccount) {
         std::printf("%8llu %9.3f ms  %-6s %.*s\n", static_cast<unsigned long long>(world.step),
                     static_cast<double>(world.now()) / kMillisecond - 1e9,
                     world.current->name.c_str(), static_cast<int>(text.size()), text.data());
@@ -239,7 +220,7 @@ void note(std::string_view text) {
 void fail(std::string_view text) {
     const InLibrary no{false};
     note("FAILS: " + std::string{text});
-    text.copy(report.failure, report.size - 1);
+    text.copy(failure, kFailure - 1);
     std::fflush(stdout);
     _exit(1);
 }
@@ -250,7 +231,7 @@ void fail(std::string_view text) {
 extern "C" int __cxa_thread_atexit(void (*run)(void *), void *object, void * /*library*/) noexcept {
     if (simulation::world.current) {
         const simulation::InLibrary no{false};
-        simulation::world.current->kept->destructors.emplace_back(run, object);
+        simulation::world.current->destructors.emplace_back(run, object);
     }
     return 0;
 }

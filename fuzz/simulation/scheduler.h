@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include <ucontext.h>
+
 namespace simulation {
 
 class Random {
@@ -36,22 +38,20 @@ inline constexpr std::uint64_t kMillisecond = 1'000'000; // of the world's clock
 inline constexpr std::uint64_t kNever = UINT64_MAX;
 
 struct Thread {
-    enum State { kReady, kAsleep, kEnded };
-    struct Kept;
-
     std::string name;
     std::function<void()> body;
     int number = 0;
-    State state = kReady;
+    std::int64_t priority = 0; // where the first in an order goes on
+    bool asleep = false, ended = false;
     const void *word = nullptr; // that it sleeps on
     std::uint64_t until = kNever;
-    bool slow = false;         // chosen more seldom than others
-    std::int64_t priority = 0; // where the first in an order goes on
-    bool inLibrary = false;
-    std::string doing{}; // for who asks why it does not go on
-    std::shared_ptr<Kept> kept{};
-
-    bool ended() const { return state == kEnded; }
+    bool inLibrary = false;      // not while it is in a handler
+    unsigned refusals = 0;       // of memory, that are to come next
+    std::string doing{};         // for who asks why it does not go on
+    std::vector<char> objects{}; // its thread_local ones
+    std::vector<std::pair<void (*)(void *), void *>> destructors{};
+    std::unique_ptr<char[]> stack{};
+    ucontext_t place{};
 };
 
 class World {
@@ -61,7 +61,11 @@ public:
     Thread *spawn(const std::string &name, std::function<void()> body);
     void join(const Thread *thread);
     // A place where another thread may go on.
-    void point() { ++step >= nextChange_ ? change() : void(); }
+    void point() {
+        if (++step >= nextChange_) {
+            change();
+        }
+    }
     // Sleeps until what stands at address is woken, or the time has come.
     void sleepOn(const void *address, std::uint64_t until);
     void wake(const void *address, bool all);
@@ -87,8 +91,7 @@ private:
 
     std::vector<std::unique_ptr<Thread>> threads_{};
     std::vector<Thread *> alive_{}, ready_{};
-    std::uint64_t nextChange_ = kNever;
-    std::uint64_t jumped_ = 0;
+    std::uint64_t nextChange_ = kNever, jumped_ = 0;
     unsigned rarity_ = 1;                // of changes of the thread, in steps
     std::uint64_t yieldTime_ = 0;        // that a yield takes
     bool byPriority_ = false;            // the first in an order goes on
@@ -99,7 +102,7 @@ private:
 };
 inline World world;
 
-// Whether the current thread is in the library, for a scope: not while it is in a handler.
+// Whether the current thread is in the library, for a scope.
 class InLibrary {
 public:
     explicit InLibrary(bool is) : before_{std::exchange(world.current->inLibrary, is)} {}
@@ -114,17 +117,17 @@ inline bool inLibrary() {
     return world.current && world.current->inLibrary;
 }
 
-// Where fail leaves its text for the process that has made this one, and whether there is an
-// account.
-struct Report {
-    char *failure = nullptr;
-    std::size_t size = 0;
-    bool account = false;
-};
-inline Report report;
+inline constexpr std::size_t kFailure = 4096;
+inline char *failure = nullptr; // where the process that has made this one reads what is wrong
+inline bool hasAccount = false;
 
 void note(std::string_view text);              // in the world's account
 [[noreturn]] void fail(std::string_view text); // ends the process: the world has shown a fault
+inline void expect(bool holds, std::string_view otherwise) {
+    if (!holds) {
+        fail(otherwise);
+    }
+}
 
 } // namespace simulation
 
