@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t kStack = std::size_t{256} * 1024;
 constexpr std::uint64_t kMostSteps = 20'000'000; // more are no end
 constexpr std::uint64_t kFirstTime = 1'000'000'000 * kMillisecond;
-constexpr std::uint64_t kLastTime = kFirstTime + 3'600'000 * kMillisecond;
+constexpr std::uint64_t kLastTime = kFirstTime + 36'000'000 * kMillisecond;
 
 ucontext_t worldsEnd;
 

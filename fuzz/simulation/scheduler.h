@@ -7,6 +7,7 @@
 #ifndef ZELVO_SIMULATION_SCHEDULER_H
 #define ZELVO_SIMULATION_SCHEDULER_H
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -74,6 +75,10 @@ public:
     // The clock, in nanoseconds. It goes on a little with each step, and jumps to the next time-out
     // when nobody can run.
     std::uint64_t now() const { return jumped_ + step * 20; }
+    // Whether somebody does what begins so.
+    bool isDone(std::string_view what) const {
+        return std::ranges::any_of(alive_, [&](auto *t) { return t->doing.starts_with(what); });
+    }
     // Whether no thread is kept from going on for long.
     bool isPrompt() const { return !held_ && yieldTime_ < kMillisecond; }
 
