@@ -364,8 +364,12 @@ constexpr const char *kUsual[] = {" already ",          " remove old ",
                                   " is exit",           "exist deadlock",
                                   "not url path",       "params format error",
                                   "func not implement", "timerId overstep the boundary 32767"};
-constexpr const char *kOfLoss[] = {"failed", "timeout", "full",        "malloc",
-                                   "memory", "error",   "sticky topic"};
+constexpr const char *kOfLoss[] = {"failed",         "timeout",
+                                   "full",           "malloc",
+                                   "memory",         "error",
+                                   "sticky topic",   "is not read, and",
+                                   "is not written", "can't be set aside",
+                                   "is no key store"};
 
 } // namespace
 

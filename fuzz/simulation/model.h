@@ -51,7 +51,8 @@ struct Node {
 
 struct Model {
     bool exact = true;       // else only what the application sees is compared
-    bool loses = false;      // calls end early, or memory is short
+    bool loses = false;      // calls end early, memory is short, or the disk fails
+    unsigned diskFails = 0;  // once in so many steps; 0: never
     bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 
     void readLine(const std::string &line); // of the log, from the current thread

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <list>
 
 namespace simulation {
@@ -47,7 +49,8 @@ namespace {
 Zelvo_t *bus = nullptr;
 const Program *program = nullptr;
 constexpr unsigned kLong = 50'000; // milliseconds; nothing but time-outs takes as long
-std::list<Node> nodes;             // all that there have been
+constexpr char kForeign[] = "[1]";
+std::list<Node> nodes; // all that there have been
 
 // Calls into the library.
 template <typename Function, typename... Arguments>
@@ -331,6 +334,18 @@ void expectBalance(const string &stats) {
            "calls have no end: " + stats);
 }
 
+// Whatever the disk did, the file is whole, and what it was has been kept.
+void expectFiles() {
+    bool kept = !program->foreign;
+    for (const auto &entry : std::filesystem::directory_iterator{"."}) {
+        std::ifstream file{entry.path()};
+        const string text{std::istreambuf_iterator<char>{file}, {}};
+        kept |= text == kForeign;
+        expect(text == kForeign || (text[0] == '{' && text.back() == '}'), "a torn file: " + text);
+    }
+    expect(kept, "a file that is no key store is gone");
+}
+
 // A last node finds the bus empty, and may leave while it stops for good.
 void lookAround(bool &over) {
     Actor last{99};
@@ -359,6 +374,10 @@ void play(const Program &played) {
     program = &played;
     model.exact = played.level <= 1;
     model.loses = played.loses();
+    model.diskFails = played.diskFails;
+    if (played.foreign) {
+        std::ofstream{"keys.json"} << kForeign;
+    }
     const string configuration = "{\"level\":" + to_string(played.level) +
                                  R"(,"path":"log","size":0,"stats":true,"callTimeout":)" +
                                  to_string(played.timeLimit) + "}";
@@ -391,6 +410,7 @@ void play(const Program &played) {
     enter("deletes the bus", busClientDelete, bus);
     model.expectNothingOnItsWay();
     expectNothingLeft();
+    expectFiles();
 }
 
 Program makeProgram(std::uint64_t seed) {
@@ -399,12 +419,17 @@ Program makeProgram(std::uint64_t seed) {
     Program made;
     made.actors = 2 + random.below(3);
     const unsigned kind = random.below(10); // most worlds are exact, and lack nothing
-    made.level = kind > 5 ? 1 : static_cast<int>(random.below(4)) + 2;
+    made.level = kind > 6 ? 1 : static_cast<int>(random.below(4)) + 2;
     made.timeLimit = kind < 3 ? 5 + random.below(40) : 0;
     made.shortage = {kind == 2 || kind == 3 ? kRates[random.below(4)] : 0,
                      kind == 4 ? 1 + random.below(400) : 0};
     made.closesShort = kind == 5;
-    const unsigned likely = made.timeLimit > 0 ? 1 : made.shortage.oneIn > 0 ? 2 : random.below(6);
+    made.diskFails = kind == 6 ? 2 + random.below(4) : 0;
+    made.foreign = kind == 6 && random.oneIn(2);
+    const unsigned likely = made.timeLimit > 0        ? 1
+                            : made.shortage.oneIn > 0 ? 2
+                            : made.diskFails > 0      ? 3
+                                                      : random.below(6);
     const auto &theme = kThemes[random.oneIn(2) ? likely : random.below(6)];
     // Else only odd actors have handlers that do something.
     const bool mixed = made.timeLimit == 0 && random.oneIn(2);

@@ -25,10 +25,13 @@ struct Program {
     unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
     Shortage shortage{};
     bool closesShort = false; // of memory for the leave of the node
+    unsigned diskFails = 0;   // once in so many steps; 0: never
+    bool foreign = false;     // there is a file of another's in the key file's place
     std::vector<Operation> operations{};
 
     bool loses() const {
-        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || closesShort;
+        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || closesShort ||
+               diskFails > 0;
     }
 };
 

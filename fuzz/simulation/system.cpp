@@ -4,6 +4,7 @@
 #include "model.h"
 #include "scheduler.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -22,6 +23,15 @@ constexpr std::uint64_t kSecond = 1000 * kMillisecond;
 // By a loss of power: not all of what was written is on the disk. The key store writes one file at
 // a time.
 bool fileIsLost = false;
+
+bool diskFails() {
+    const bool does = inLibrary() && world.chance.oneIn(model.diskFails);
+    if (does) {
+        note("the disk fails");
+        errno = ENOSPC;
+    }
+    return does;
+}
 
 } // namespace
 
@@ -64,7 +74,7 @@ int __wrap_clock_gettime(clockid_t clock, timespec *time) {
 std::FILE *__real_fopen(const char *path, const char *mode);
 std::FILE *__wrap_fopen(const char *path, const char *mode) {
     if (std::strcmp(path, "log") != 0) {
-        return __real_fopen(path, mode);
+        return diskFails() ? nullptr : __real_fopen(path, mode);
     }
     cookie_io_functions_t functions{};
     functions.write = [](void * /*cookie*/, const char *line, std::size_t size) {
@@ -78,7 +88,7 @@ std::FILE *__wrap_fopen(const char *path, const char *mode) {
 ssize_t __real_write(int file, const void *data, std::size_t size);
 ssize_t __wrap_write(int file, const void *data, std::size_t size) {
     fileIsLost = true;
-    return __real_write(file, data, size);
+    return diskFails() ? -1 : __real_write(file, data, size);
 }
 
 int __wrap_fsync(int file) {
@@ -97,6 +107,6 @@ int __wrap_rename(const char *from, const char *to) {
     world.point();
     expect(!fileIsLost, "gives its name to a file that a loss of power would tear");
     model.nameIsLost = true;
-    return __real_rename(from, to);
+    return diskFails() ? -1 : __real_rename(from, to);
 }
 }
