@@ -276,7 +276,7 @@ void busSends(const string &to, const string &trace) {
         find(to)->node->answer = trace;
         find(to)->calls.clear();
     } else {
-        find(to)->node->inbox.push_back({"", current.name, trace});
+        find(to)->node->inbox.push_back({"", current.name, trace, world.now()});
     }
 }
 
@@ -319,15 +319,14 @@ void nodeSends(Node &node, Message message) {
 
 // A look has to do with the timers that were there when it began, and ends when none of them is
 // due. So they have run before the node takes the next message.
-void expectLooked(const Node &node) {
+void expectLooked(const Node &node, std::uint64_t began, std::uint64_t until) {
     for (const Timer &timer : node.timers) {
-        expect(!timer.isMissed(node.lookBegan, node.lookedUntil),
-               "a timer is due, and a message is taken first");
+        expect(!timer.isMissed(began, until), "a timer is due, and a message is taken first");
     }
 }
 
 void nodeTakes(Node &node, const Message &message) {
-    expectLooked(node);
+    expectLooked(node, node.lookBegan, node.lookedUntil);
     const string action = message.field("action");
     node.drains = node.drains || action == "exit";
     for (Timer &timer : node.timers) {
@@ -340,6 +339,9 @@ void nodeTakes(Node &node, const Message &message) {
     const auto next = std::ranges::find_if(node.inbox, mayBe);
     expect(next != node.inbox.end() && next->trace == message.trace,
            "the bus has not sent it this next");
+    if (world.isPrompt()) { // it has looked since the message came, or not long before
+        expectLooked(node, next->sent - kMillisecond, next->sent - kMillisecond);
+    }
     node.taken = *next;
     node.inbox.erase(next);
 }
@@ -416,7 +418,7 @@ void Model::getsAnswer(const Node &node, const char *text, const string &asked) 
 
 void Model::isHanded(Node &node, const string &about, const char *data, int length) {
     note("is handed " + about + " " + (data ? data : "null"));
-    expectLooked(node);
+    expectLooked(node, node.lookBegan, node.lookedUntil);
     const bool isCall = about[0] == '/';
     const string trace = traceOf(isCall ? "request" : "publish", isCall ? "NULL" : about,
                                  isCall ? about : "NULL", data, static_cast<std::size_t>(length));

@@ -15,6 +15,7 @@ namespace simulation {
 // What a trace in the log tells of a message, from its action to the length of its payload.
 struct Message {
     std::string name, requestor, trace;
+    std::uint64_t sent = 0; // when the bus sent it
 
     std::string field(const std::string &which) const;
 };

@@ -236,8 +236,11 @@ void setTimer(Actor &actor, const Operation &o) {
     timer.gone |= timer.id < 0;
 }
 
-void killTimer(Actor &actor, const Operation & /*o*/) {
+void killTimer(Actor &actor, const Operation &o) {
     std::deque<Timer> &timers = actor.node->timers;
+    if (o.b % 2 == 0) { // one that is far off
+        setTimer(actor, o);
+    }
     if (!timers.empty() && timers.back().id > 0) {
         timers.back().killed = true;
         enter("kills a timer", busClientKilltimer, actor.client, timers.back().id);
