@@ -46,6 +46,7 @@
 namespace zelvo {
 
 class Node;
+class PolledNode;
 
 // A running bus. It lives as long as this object or a node of it does, in whatever order they go:
 // its thread ends with the last of them. Nodes that C functions have made on native() must be
@@ -386,6 +387,7 @@ public:
     }
 
 private:
+    friend class PolledNode;
     detail::NodeState &state() const {
         if (!state_) {
             throw std::logic_error("zelvo: the node has been moved from");
