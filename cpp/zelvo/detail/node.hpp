@@ -35,7 +35,7 @@ public:
                 name_, [](void *node) { static_cast<NodeState *>(node)->run(); }, this,
                 shared_from_this());
         } catch (...) {
-            bus_.takeOut(name_, turns_);
+            bus_.takeOut(turns_);
             busClientClose(client_);
             throw;
         }
@@ -302,15 +302,13 @@ private:
         return 0;
     }
     void hear(std::string_view topic, std::string_view data) noexcept {
-        const auto *const handlers = handlers_.ofTopic(topic);
-        if (!handlers) {
-            return;
-        }
-        for (const HandlerPtr &handler : *handlers) {
-            if (!handler->cancelled.load(std::memory_order_relaxed) && !leaving_) {
+        const auto [first, last] = handlers_.ofTopic(topic);
+        for (auto entry = first; entry != last; ++entry) {
+            Handler &handler = *entry->second;
+            if (!handler.cancelled.load(std::memory_order_relaxed) && !leaving_) {
                 reported([&] {
                     char *none = nullptr;
-                    handler->run(topic, data, none);
+                    handler.run(topic, data, none);
                 });
             }
         }
@@ -356,7 +354,7 @@ private:
         if (keep || !hops_) {
             forgetHandlers();
         }
-        bus_.takeOut(name_, turns_);
+        bus_.takeOut(turns_);
         busClientClose(client_);
         // A node that could not be waited for may be the last to let go of the bus.
         if (keep) {
@@ -509,7 +507,7 @@ private:
     void forgetHandlers() {
         TimerQueue timers;
         std::vector<Change> changes;
-        const Handlers handlers = std::move(handlers_);
+        const auto handlers = handlers_.takeAll();
         const std::lock_guard lock{mutex_};
         timers = timers_.takeAll();
         changes.swap(changes_);
