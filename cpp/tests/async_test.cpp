@@ -176,9 +176,7 @@ TEST(Timers, the_bus_has_few_timers_however_many_wait) {
         }));
     };
     const auto add = [&](Clock::duration wait) {
-        const auto run = [](const detail::TimerPtr &) {};
-        timers.add(std::make_shared<detail::TimerEntryOf<decltype(run)>>(0ns, decltype(run){run}),
-                   Clock::now() + wait);
+        timers.add(detail::timerOf(0ns, [](const detail::TimerPtr &) {}), Clock::now() + wait);
         arm();
     };
     add(24h);

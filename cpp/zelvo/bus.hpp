@@ -483,16 +483,19 @@ private:
                       "zelvo: a timer's function takes nothing, or (zelvo::Timer)");
         if constexpr (std::is_invocable_v<Run &, Timer>) {
             const std::weak_ptr<detail::NodeState> node = state_;
-            return {state_, state().addTimer(wait, period,
-                                             [run = std::move(run),
-                                              node](const detail::TimerPtr &timer) mutable {
-                                                 run(Timer{node, timer});
-                                             })};
+            return set(wait, detail::timerOf(period, [run = std::move(run),
+                                                      node](const detail::TimerPtr &timer) mutable {
+                           run(Timer{node, timer});
+                       }));
         } else if constexpr (std::is_invocable_v<Run &>) {
-            return {state_, state().addTimer(wait, period,
-                                             [run = std::move(run)](
-                                                 const detail::TimerPtr &) mutable { run(); })};
+            return set(wait,
+                       detail::timerOf(period, [run = std::move(run)](
+                                                   const detail::TimerPtr &) mutable { run(); }));
         }
+    }
+    Timer set(detail::Clock::duration wait, const detail::TimerPtr &timer) {
+        state().addTimer(timer, wait);
+        return {state_, timer};
     }
 
     detail::BusPtr bus_;

@@ -2,6 +2,10 @@
 #ifndef ZELVO_POLLED_NODE_HPP
 #define ZELVO_POLLED_NODE_HPP
 
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
+#else
+
 #include "bus.hpp"
 
 namespace zelvo {
@@ -81,5 +85,7 @@ private:
 };
 
 } // namespace zelvo
+
+#endif // C++17
 
 #endif
