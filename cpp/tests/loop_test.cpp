@@ -68,6 +68,10 @@ TEST(Loops, everything_of_a_node_runs_in_the_loop_in_order) {
         loop.runOne();
     }
     EXPECT_TRUE(completed);
+    const PendingCall pending = gui.call_async("/bus/nodes", [](const Answer &) { ADD_FAILURE(); });
+    loop.waitForOne(); // it is answered
+    EXPECT_TRUE(pending.cancel());
+    EXPECT_FALSE(pending.cancel());
     EXPECT_EQ(heard, "123c");
     EXPECT_EQ(answer.get().text, "123c");
 }
@@ -161,4 +165,6 @@ TEST(Loops, a_polled_node_tells_by_its_descriptor_what_there_is_to_do) {
         panel.dispatch();
     }
     EXPECT_FALSE(isReadable(panel));
+    lamp.publish("t"); // and nobody comes for it
+    awaitReadable(panel);
 }

@@ -193,6 +193,7 @@ TEST_F(Face, a_handler_answers_with_whatever_can_be_a_text) {
     lamp.on_call("/int", [] { return 42; });
     lamp.on_call("/double", [](std::string_view) { return 0.1; });
     lamp.on_call("/bool", [] { return true; });
+    lamp.on_call("/char", [] { return 'c'; });
     lamp.on_call("/nothing", [only = std::make_unique<int>(0)] {});
     lamp.on_call("/none", [] { return std::optional<int>{}; });
     lamp.on_call("/some", [](std::string_view path, std::string_view) {
@@ -215,6 +216,10 @@ TEST_F(Face, a_handler_answers_with_whatever_can_be_a_text) {
         EXPECT_TRUE(!answer || answer.text == entry.text) << answer.text;
     }
     EXPECT_THROW(lamp.on_call("/x", std::function<int()>{}), std::invalid_argument);
+    EXPECT_THROW(lamp.subscribe("t", std::function<void()>{}), std::invalid_argument);
+    EXPECT_THROW(lamp.after(0ms, std::function<void()>{}), std::invalid_argument);
+    void (*const none)(const Answer &) = nullptr;
+    EXPECT_THROW(lamp.call_async("/x", none), std::invalid_argument);
 }
 
 TEST_F(Face, threads_that_call_through_one_node_take_turns_and_get_their_own_answers) {
@@ -362,6 +367,7 @@ TEST(FaceEnd, nodes_and_their_bus_go_in_any_order) {
     moved = std::move(same);
     EXPECT_EQ(panel.call("/lamp/state").text, "on");
     EXPECT_THROW(lamp.publish("t"), std::logic_error); // NOLINT(bugprone-use-after-move)
+    EXPECT_THROW(static_cast<void>(lamp.keys()), std::logic_error);
     const Keys keys = panel.keys();
     panel = std::move(moved);
     EXPECT_THROW(static_cast<void>(keys.get("of a node that has gone")), Error);
@@ -373,17 +379,32 @@ TEST(FaceEnd, a_node_goes_while_others_wait_for_an_answer_of_its_calls) {
     Gate called;
     Gate answer;
     Node lamp{bus, "lamp"};
-    lamp.on_call("/x", [&] {
+    const std::string large(1 << 26, 'x'); // takes a while to be copied
+    lamp.on_call("/x", [&]() -> const std::string & {
         called.open();
         answer.wait();
-        return "on";
+        return large;
     });
     std::optional<Node> panel{std::in_place, bus, "panel"};
-    std::thread caller{[&node = *panel] { EXPECT_EQ(node.call("/lamp/x").text, "on"); }};
+    std::thread caller{
+        [&node = *panel, &large] { EXPECT_TRUE(node.call("/lamp/x").text == large); }};
     ASSERT_TRUE(called.wait());
     panel.reset();
     answer.open();
     caller.join();
+}
+
+TEST(FaceEnd, what_goes_with_a_node_finds_its_timers_over) {
+    struct Owner {
+        ~Owner() { EXPECT_FALSE(timer.cancel()); }
+        Timer timer;
+    };
+    const Bus bus{quiet()};
+    Node panel{bus, "panel"};
+    const Timer timer = panel.after(90min, [] {});
+    for (const auto wait : {1h, 2h}) { // one of them goes before the timer
+        panel.after(wait, [owner = std::shared_ptr<Owner>{new Owner{timer}}] {});
+    }
 }
 
 TEST(FaceEnd, a_handler_destroys_a_node_that_waits_for_it) {

@@ -61,7 +61,7 @@ public:
 
     // Can be read while there is something to dispatch; not to be read or closed. On Windows it is
     // a handle to wait for. Good as long as the node.
-    detail::Signal::Native fd() const noexcept { return inbox_->native(); }
+    [[nodiscard]] detail::Signal::Native fd() const noexcept { return inbox_->native(); }
 
     // Does what there is to do, at most so much, and tells how much that was: a message, a call, or
     // all timers and completions that are due count as one. Does not wait; what comes behind is

@@ -2,21 +2,47 @@
 #ifndef ZELVO_DETAIL_NODE_HPP
 #define ZELVO_DETAIL_NODE_HPP
 
+#include "json_reader.hpp"
 #include "node_calls.hpp"
 #include "node_handlers.hpp"
 #include "node_timers.hpp"
 
 namespace zelvo::detail {
 
+// Why no node of that name could join. C functions don't tell; another client sees whether it can.
+inline Cause refusalOf(BusState &bus, const std::string &name, const Deadline &deadline) {
+    if (deadline && Clock::now() >= *deadline) {
+        return Cause::timed_out;
+    }
+    const std::string probe = bus.helpers().nameFor(name);
+    const std::unique_ptr<client_t, int (*)(client_t *)> client{
+        busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr), busClientClose};
+    if (!client) {
+        return Cause::bus_full;
+    }
+    std::vector<std::string> names;
+    if (const char *const text = busClientCall(client.get(), "/bus/nodes", nullptr, 0)) {
+        JsonReader{text}.texts(names, kHelperPrefix);
+    }
+    const bool taken = std::find(names.begin(), names.end(), name) != names.end();
+    return taken ? Cause::name_taken : Cause::lost;
+}
+inline client_t *joined(BusState &bus, const std::string &name, onmessage_callback onMessage,
+                        oncall_callback onCall, void *node) {
+    const Deadline deadline = deadlineAfter(bus.timeout());
+    client_t *const client = connectSilently(bus.native(), name.c_str(), onMessage, onCall, node);
+    if (!client) {
+        const Cause cause = refusalOf(bus, name, deadline);
+        throw Error("zelvo: node " + name + " could not join the bus: " + reason(cause), cause);
+    }
+    return client;
+}
+
 inline NodeState::NodeState(BusState &bus, const std::string &name, HopsPtr hops)
     : bus_{bus},
       name_{name},
       hops_{std::move(hops)},
-      client_{connectSilently(bus.native(), name.c_str(), onMessage, onCall, this)} {
-    if (!client_) {
-        throw Error("zelvo: node " + name + " could not join the bus");
-    }
-}
+      client_{joined(bus, name, onMessage, onCall, this)} {}
 
 inline void NodeState::start() {
     try {
