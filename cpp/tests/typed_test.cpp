@@ -136,6 +136,8 @@ TEST(Typed, a_service_answers_by_value_and_says_why_there_is_none) {
         done.open();
     });
     EXPECT_TRUE(done.wait());
+    lamp.on_call("/nul", [] { return std::string(2, '\0'); });
+    EXPECT_EQ(panel.call("/lamp/nul").cause, Cause::no_handler);
     lamp.on_call("/readings", [] { return "\1\1"; }); // a NUL is no number of readings
     EXPECT_EQ(panel.call(kReadings, "x").cause(), Cause::unreadable);
     EXPECT_THROW(lamp.on_call(Service<int, int>{"/lamp"}, [](int) { return 1; }),

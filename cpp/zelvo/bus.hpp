@@ -410,8 +410,8 @@ private:
                   "begin with";
         }
         if (why) {
-            throw std::invalid_argument("zelvo: a node cannot be called by the name \"" + name +
-                                        "\": " + why);
+            throw std::invalid_argument(std::string{"zelvo: no name for a node, "} + why + ": \"" +
+                                        name + '"');
         }
         return name;
     }
