@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <system_error>
 
-#include <poll.h>
 #include <sys/socket.h>
 
 namespace zelvo_mqtt {
@@ -50,7 +49,7 @@ void Link::start() {
 
 void Link::stop() {
     stopping_ = true;
-    wake_.set();
+    waiter_.wake();
     if (thread_.joinable()) {
         thread_.join();
     }
@@ -70,7 +69,7 @@ void Link::kick() {
             return;
         }
     }
-    wake_.set();
+    waiter_.wake();
 }
 
 // ---- the thread ----
@@ -80,17 +79,21 @@ void Link::run() {
     std::unique_lock lock{mutex_};
     for (bool ends = false; !ends;) {
         ends = stopping_;
-        try {
-            ends ? sayFarewell(lock) : turn(lock);
-        } catch (const std::exception &failure) {
-            giveUp(failure.what());
-        }
+        attempt([&] { ends ? sayFarewell(lock) : turn(lock); });
     }
     connected_ = false;
 }
 
 // What is thrown, where memory or a thread is not to be had, costs the connection; the next one is
 // tried after a pause, as ever.
+void Link::attempt(const std::function<void()> &step) {
+    try {
+        step();
+    } catch (const std::exception &failure) {
+        giveUp(failure.what());
+    }
+}
+
 void Link::giveUp(const char *why) {
     log_.error({"a connection to the broker is given up: ", why});
     try {
@@ -106,43 +109,81 @@ void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
     if (connected_) {
         flush();
     }
-    pollfd files[2] = {{wake_.descriptor(), POLLIN, 0}, {-1, 0, 0}};
+    const auto paused = state_ == State::kDown ? milliseconds{0} : pause();
     auto timeout = std::clamp(std::chrono::ceil<milliseconds>(until - Clock::now()),
                               milliseconds{0}, patience());
-    if (state_ != State::kDown) {
-        const auto paused = pause();
-        files[1].fd = mosquitto_socket(session_->get());
-        files[1].events = paused.count() > 0 ? 0 : POLLIN;
-        if (!open_ || mosquitto_want_write(session_->get())) {
-            files[1].events |= POLLOUT;
-        }
-        timeout = paused.count() > 0 ? std::min(timeout, paused) : timeout;
-    }
+    timeout = paused.count() > 0 ? std::min(timeout, paused) : timeout;
+    watch(paused.count() == 0);
     lock.unlock();
-    const int ready = poll(files, 2, static_cast<int>(timeout.count()));
+    const std::uint32_t events = waiter_.wait(timeout);
     lock.lock();
-    if (files[0].revents != 0) {
-        wake_.clear();
+    if (events != 0 && state_ != State::kDown) {
+        attend(events);
     }
-    if (ready > 0 && files[1].revents != 0 && state_ != State::kDown) {
-        attend(files[1].fd, files[1].revents);
+}
+
+void Link::watch(bool reads) {
+    if (state_ == State::kDown) {
+        waiter_.watch(-1, 0);
+        return;
+    }
+    const bool writes = !open_ || mosquitto_want_write(session_->get());
+    waiter_.watch(mosquitto_socket(session_->get()),
+                  (reads && !guest_ ? std::uint32_t{EPOLLIN} : 0U) |
+                      (writes ? std::uint32_t{EPOLLOUT} : 0U));
+}
+
+void Link::readUntil(Clock::time_point until, const std::function<bool()> &done) {
+    std::unique_lock lock{mutex_, std::try_to_lock};
+    if (!lock.owns_lock() || guest_ || !connected_) {
+        return;
+    }
+    guest_ = true;
+    own_ = this;
+    watch(true);
+    guestWaiter_.watch(mosquitto_socket(session_->get()), EPOLLIN);
+    for (auto now = Clock::now(); connected_ && !done() && now < until; now = Clock::now()) {
+        lock.unlock();
+        const auto events = guestWaiter_.wait(std::chrono::ceil<milliseconds>(until - now));
+        lock.lock();
+        if (events != 0 && connected_) {
+            attempt([this] {
+                work(1); // then it may be done
+                flush();
+            });
+        }
+    }
+    own_ = nullptr;
+    guest_ = false;
+    if (connected_ && !mosquitto_want_write(session_->get())) {
+        watch(true);
+    } else {
+        waiter_.wake();
+    }
+}
+
+void Link::wakeGuest() {
+    if (guest_ && !isOwnThread()) {
+        guestWaiter_.wake();
     }
 }
 
 // In a handshake of TLS the library takes a connection that has failed for one that goes on.
-void Link::attend(int file, int events) {
+void Link::attend(std::uint32_t events) {
     open_ = true;
-    if (state_ == State::kConnecting && (events & POLLERR) != 0) {
+    if (state_ == State::kConnecting && (events & EPOLLERR) != 0) {
         int error = 0;
         socklen_t size = sizeof error;
-        getsockopt(file, SOL_SOCKET, SO_ERROR, &error, &size);
+        getsockopt(mosquitto_socket(session_->get()), SOL_SOCKET, SO_ERROR, &error, &size);
         if (error != 0) {
             fail(std::generic_category().message(error));
             return;
         }
     }
-    work((events & ~POLLOUT) != 0);
-    if (state_ == State::kConnecting && (events & POLLHUP) != 0) {
+    // A handshake goes on by reading.
+    const bool reads = (events & ~std::uint32_t{EPOLLOUT}) != 0;
+    work(reads ? kMostReads : state_ == State::kConnecting ? 1 : 0);
+    if (state_ == State::kConnecting && (events & EPOLLHUP) != 0) {
         fail(errorText(MOSQ_ERR_CONN_LOST));
     }
 }
@@ -187,6 +228,8 @@ void Link::connect(const Target &target, milliseconds limit) {
     libraryError_.clear();
     refusal_.clear();
     thrown_ = nullptr;
+    waiter_.watch(-1, 0); // the next socket may have the same number
+    guestWaiter_.watch(-1, 0);
     try {
         session_.emplace(config_, target, purpose(), this); // files may have changed
     } catch (const OpenError &refused) {
@@ -234,16 +277,13 @@ void Link::callBack() {
 }
 
 // Reads what is there, and writes.
-void Link::work(bool readable) {
-    for (int i = 0; readable && i < kMostReads && state_ != State::kDown; ++i) {
+void Link::work(int packets) {
+    for (; packets > 0 && state_ != State::kDown; --packets) {
         errno = 0;
         end(mosquitto_loop_read(session_->get(), 1));
         if (errno == EAGAIN || pause().count() > 0) { // read empty
             break;
         }
-    }
-    if (!readable && state_ == State::kConnecting) { // a handshake goes on by reading
-        end(mosquitto_loop_read(session_->get(), 1));
     }
     if (state_ != State::kDown && mosquitto_want_write(session_->get())) {
         end(mosquitto_loop_write(session_->get(), 1));
@@ -285,6 +325,7 @@ void Link::fail(std::string_view why) {
     due_ = hasAnother() && !wasUp ? now : now + retry_;
     enter(State::kDown);
     connected_ = false;
+    wakeGuest();
     asked_.clear();
     lost(reasonOf(why), wasUp && byBroker_);
 }

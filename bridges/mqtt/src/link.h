@@ -8,13 +8,14 @@
 #include "log.h"
 #include "node.h"
 #include "session.h"
-#include "wake.h"
+#include "waiter.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -47,7 +48,13 @@ public:
     // Something is to be sent.
     void kick();
     // Something that the thread waits for may have come.
-    void wake() { wake_.set(); }
+    void wake() { waiter_.wake(); }
+    // Reads in place of the thread, until done() or until then: whoever waits for a message is so
+    // woken by the broker, and not by a thread that the broker has woken. Returns sooner where
+    // another does that already, or there is no connection. done() is called with the mutex held,
+    // and again after wakeGuest().
+    void readUntil(Clock::time_point until, const std::function<bool()> &done);
+    void wakeGuest();
     // The topics that the broker does not allow on this connection.
     std::vector<std::string> denied();
 
@@ -104,8 +111,10 @@ private:
     std::chrono::milliseconds patience() const;
     void advance();
     void enter(State state);
-    void attend(int file, int events);
-    void work(bool readable);
+    void watch(bool reads);
+    void attempt(const std::function<void()> &step);
+    void attend(std::uint32_t events);
+    void work(int packets);
     void end(int result);
     void giveUp(const char *why);
     void callBack();
@@ -117,10 +126,11 @@ private:
     void onDisconnect(int reason);
     void onSubscribe(int mid, int reason);
 
-    // The link whose thread this is: it holds the mutex while it is called back.
+    // The link that this thread reads: it holds the mutex while it is called back.
     static thread_local const Link *own_;
 
-    Wake wake_;
+    Waiter waiter_, guestWaiter_; // guarded by mutex_ but for waiting and waking
+    std::atomic<bool> guest_{false};
     std::atomic<bool> stopping_{false};
     std::atomic<bool> connected_{false};
     std::thread thread_;
