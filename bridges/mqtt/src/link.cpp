@@ -21,7 +21,8 @@ constexpr milliseconds kLongestPause{10'000};
 constexpr milliseconds kFarewell{300};
 constexpr std::chrono::seconds kStands{10}; // a connection that has is a good one
 constexpr std::size_t kMostUnderWay = 64;   // the broker may allow fewer, mosquitto 20
-constexpr int kMostReads = 64;              // packets between two looks at what is to be sent
+constexpr const char *kSubscription = "the subscription to";
+constexpr int kMostReads = 64; // packets between two looks at what is to be sent
 
 } // namespace
 
@@ -370,16 +371,29 @@ void Link::onSubscribe(int mid, int reason) {
         return;
     }
     if (reason >= 128) {
-        deny(found->second, "the subscription to", reason);
+        deny(found->second, kSubscription, mosquitto_reason_string(reason));
     }
     asked_.erase(found);
 }
 
 // ---- what it is told ----
 
-void Link::deny(const std::string &topic, const char *what, int reason) {
-    log_.error({"the broker refuses ", what, " ", topic, ": ", mosquitto_reason_string(reason)});
+void Link::tellRefusal(const std::string &topic, std::string_view what, std::string_view why) {
+    Refusals &refusals = refusals_[topic];
+    const auto now = Clock::now();
+    if (now - refusals.told < std::chrono::seconds{1}) {
+        ++refusals.since;
+        return;
+    }
+    const std::string more =
+        refusals.since > 0 ? "; before it " + std::to_string(refusals.since) + " more" : "";
+    log_.error({what, " ", topic, " is refused: ", why, more});
+    refusals = {now, 0};
+}
+
+void Link::deny(const std::string &topic, std::string_view what, std::string_view why) {
     denied_.insert(topic);
+    tellRefusal(topic, what, why);
 }
 
 // The number comes back with what the subscription brings.
@@ -394,10 +408,9 @@ void Link::subscribe(const std::string &topic, int qos, int options, std::uint32
                                               std::min(qos, mostQos_), options, list);
     if (result == MOSQ_ERR_SUCCESS) {
         asked_.emplace(mid, topic);
-        return;
+    } else {
+        deny(topic, kSubscription, errorText(result));
     }
-    log_.error({"the subscription to ", topic, " can't be sent: ", errorText(result)});
-    denied_.insert(topic);
 }
 
 void Link::unsubscribe(const std::string &topic) {

@@ -87,8 +87,10 @@ protected:
     // A result of the library, which is MOSQ_ERR_SUCCESS where it has taken the message.
     int put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
             const Properties &properties);
-    // Tells that the broker does not allow what belongs to a topic.
-    void deny(const std::string &topic, const char *what, int reason);
+    // Tells what is refused that belongs to a topic, once a second for each topic.
+    void tellRefusal(const std::string &topic, std::string_view what, std::string_view why);
+    // The same of what the broker does not allow on this connection.
+    void deny(const std::string &topic, std::string_view what, std::string_view why);
     void prosper() { prospers_ = true; }
     bool isOwnThread() const { return own_ == this; }
 
@@ -148,6 +150,11 @@ private:
     Clock::time_point second_{};       // when it was last looked after what comes now and then
     std::map<int, std::string> asked_; // subscriptions that have not been answered
     std::set<std::string> denied_;
+    struct Refusals {
+        Clock::time_point told{};
+        int since = 0;
+    };
+    std::map<std::string, Refusals> refusals_; // by topic
 };
 
 } // namespace zelvo_mqtt
