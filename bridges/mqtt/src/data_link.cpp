@@ -40,10 +40,14 @@ DataLink::DataLink(const Config &config, const Topics &topics, Outbox &outbox,
 void DataLink::allow(const std::optional<Target> &target) {
     {
         const std::lock_guard lock{targetMutex_};
-        target_ = target.value_or(Target{});
+        target_ = target;
     }
-    allowed_ = target.has_value();
     wake();
+}
+
+std::optional<Target> DataLink::target() {
+    const std::lock_guard lock{targetMutex_};
+    return target_;
 }
 
 Purpose DataLink::purpose() const {
@@ -51,11 +55,10 @@ Purpose DataLink::purpose() const {
 }
 
 void DataLink::seek() {
-    std::unique_lock lock{targetMutex_};
-    const Target target = target_;
-    lock.unlock();
     outbox_.connectionLost(false); // again, where memory was short then
-    connect(target, kLongestConnect);
+    if (const std::optional<Target> to = target()) {
+        connect(*to, kLongestConnect);
+    }
 }
 
 void DataLink::lost(const std::string &why, bool byBroker) {

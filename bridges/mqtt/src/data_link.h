@@ -9,7 +9,6 @@
 #include "outbox.h"
 #include "topics.h"
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -40,7 +39,7 @@ private:
     enum class Round { kNone, kKept, kAll, kMissing };
 
     Purpose purpose() const override;
-    bool mayConnect() const override { return allowed_.load(); }
+    bool mayConnect() override { return target().has_value(); }
     void seek() override;
     void greet() override;
     void flush() override;
@@ -51,6 +50,7 @@ private:
     std::chrono::milliseconds pause() override;
     std::size_t unsent() override;
 
+    std::optional<Target> target();
     bool publish(Publication publication);
     void refuse(const Publication &publication, const std::string &why);
     void tellDrops();
@@ -63,9 +63,8 @@ private:
     Outbox &outbox_;
     std::optional<Inflow> &inflow_;
     const Changed changed_;
-    std::atomic<bool> allowed_{false};
-    std::mutex targetMutex_; // taken after the link's
-    Target target_;          // guarded by it
+    std::mutex targetMutex_;       // taken after the link's
+    std::optional<Target> target_; // guarded by it; nothing: it is not to be connected
 
     // The link's mutex guards the rest.
     std::uint64_t told_ = 0; // of what has been dropped

@@ -62,7 +62,7 @@ void Link::kick() {
     }
     const std::unique_lock lock{mutex_, std::try_to_lock};
     if (lock.owns_lock()) {
-        if (!connected_) {
+        if (!isConnected()) {
             return;
         }
         flush();
@@ -82,7 +82,7 @@ void Link::run() {
         ends = stopping_;
         attempt([&] { ends ? sayFarewell(lock) : turn(lock); });
     }
-    connected_ = false;
+    state_ = State::kDown;
 }
 
 // What is thrown, where memory or a thread is not to be had, costs the connection; the next one is
@@ -107,7 +107,7 @@ void Link::giveUp(const char *why) {
 // Waits for the broker, for senders, or for the time of what comes next, and does it.
 void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
     advance();
-    if (connected_) {
+    if (isConnected()) {
         flush();
     }
     const auto paused = state_ == State::kDown ? milliseconds{0} : pause();
@@ -136,18 +136,18 @@ void Link::watch(bool reads) {
 
 void Link::readUntil(Clock::time_point until, const std::function<bool()> &done) {
     std::unique_lock lock{mutex_, std::try_to_lock};
-    if (!lock.owns_lock() || guest_ || !connected_) {
+    if (!lock.owns_lock() || guest_ || !isConnected()) {
         return;
     }
     guest_ = true;
     own_ = this;
     watch(true);
     guestWaiter_.watch(mosquitto_socket(session_->get()), EPOLLIN);
-    for (auto now = Clock::now(); connected_ && !done() && now < until; now = Clock::now()) {
+    for (auto now = Clock::now(); isConnected() && !done() && now < until; now = Clock::now()) {
         lock.unlock();
         const auto events = guestWaiter_.wait(std::chrono::ceil<milliseconds>(until - now));
         lock.lock();
-        if (events != 0 && connected_) {
+        if (events != 0 && isConnected()) {
             attempt([this] {
                 work(1); // then it may be done
                 flush();
@@ -156,7 +156,7 @@ void Link::readUntil(Clock::time_point until, const std::function<bool()> &done)
     }
     own_ = nullptr;
     guest_ = false;
-    if (connected_ && !mosquitto_want_write(session_->get())) {
+    if (isConnected() && !mosquitto_want_write(session_->get())) {
         watch(true);
     } else {
         waiter_.wake();
@@ -189,7 +189,7 @@ void Link::attend(std::uint32_t events) {
     }
 }
 
-milliseconds Link::patience() const {
+milliseconds Link::patience() {
     if (state_ != State::kDown || !mayConnect()) {
         return milliseconds{500};
     }
@@ -289,8 +289,8 @@ void Link::work(int packets) {
     if (state_ != State::kDown && mosquitto_want_write(session_->get())) {
         end(mosquitto_loop_write(session_->get(), 1));
     }
-    if (state_ == State::kUp && !connected_) { // not in the callback, where the library only queues
-        connected_ = true;
+    if (state_ == State::kAccepted) { // not in the callback, where the library only queues
+        enter(State::kUp);
         denied_.clear();
         greet();
     }
@@ -325,7 +325,6 @@ void Link::fail(std::string_view why) {
     retry_ = good ? kFirstPause : std::clamp(retry_ * 2, kFirstPause, kLongestPause);
     due_ = hasAnother() && !wasUp ? now : now + retry_;
     enter(State::kDown);
-    connected_ = false;
     wakeGuest();
     asked_.clear();
     lost(reasonOf(why), wasUp && byBroker_);
@@ -350,7 +349,7 @@ void Link::onConnect(int reason, bool sessionKept, const mosquitto_property *pro
     mostQos_ = qos;
     retains_ = retains != 0;
     sessionKept_ = sessionKept;
-    enter(State::kUp);
+    enter(State::kAccepted);
 }
 
 void Link::onDisconnect(int reason) {
@@ -435,11 +434,11 @@ std::vector<std::string> Link::denied() {
 
 void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
     const auto end = Clock::now() + kFarewell;
-    while (connected_ && unsent() > 0 && Clock::now() < end) {
+    while (isConnected() && unsent() > 0 && Clock::now() < end) {
         turn(lock, end);
     }
     const auto last = Clock::now() + kFarewell / 3;
-    if (connected_) {
+    if (isConnected()) {
         mosquitto_disconnect_v5(session_->get(), farewellReason(), nullptr);
         while (state_ != State::kDown && Clock::now() < last) {
             turn(lock, last);

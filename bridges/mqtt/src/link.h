@@ -44,7 +44,7 @@ public:
     // Gives what is to be sent kFarewell to go out, then disconnects and ends the thread.
     void stop();
 
-    bool isConnected() const { return connected_.load(std::memory_order_relaxed); }
+    bool isConnected() const { return state_ == State::kUp; }
     // Something is to be sent.
     void kick();
     // Something that the thread waits for may have come.
@@ -64,7 +64,7 @@ protected:
     // What a connection is for. The thread calls these, with the mutex held, flush() also a
     // sender; none may block or call another link, unless it says so.
     virtual Purpose purpose() const = 0;
-    virtual bool mayConnect() const { return true; }
+    virtual bool mayConnect() { return true; }
     virtual bool hasAnother() const { return false; } // to be tried at once
     virtual void seek() = 0;  // connect(), or fail(), or wait for being asked again
     virtual void greet() = 0; // what begins a connection
@@ -104,13 +104,13 @@ protected:
     bool sessionKept_ = false;
 
 private:
-    enum class State { kDown, kConnecting, kUp };
+    enum class State { kDown, kConnecting, kAccepted, kUp };
 
     void run();
     void turn(std::unique_lock<std::mutex> &lock,
               Clock::time_point until = Clock::time_point::max());
     void sayFarewell(std::unique_lock<std::mutex> &lock);
-    std::chrono::milliseconds patience() const;
+    std::chrono::milliseconds patience();
     void advance();
     void enter(State state);
     void watch(bool reads);
@@ -134,11 +134,10 @@ private:
     Waiter waiter_, guestWaiter_; // guarded by mutex_ but for waiting and waking
     std::atomic<bool> guest_{false};
     std::atomic<bool> stopping_{false};
-    std::atomic<bool> connected_{false};
+    std::atomic<State> state_{State::kDown}; // written with mutex_ held
     std::thread thread_;
 
-    std::optional<Session> session_; // guarded by mutex_, as the others
-    State state_ = State::kDown;
+    std::optional<Session> session_;     // guarded by mutex_, as the others
     bool open_ = false;                  // the socket has been ready since it was made
     std::string libraryError_, refusal_; // of this connection
     std::exception_ptr thrown_;          // by a callback of it

@@ -239,7 +239,10 @@ protected:
             key + "-subj /CN=ca -keyout " + at + "ca.key -out " + at + "ca.pem && " + key +
             "-subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout " + at +
             "server.key -CA " + at + "ca.pem -CAkey " + at + "ca.key -out " + at +
-            "server.pem && mosquitto_passwd -b -c " + at + "users user secret";
+            "server.pem && openssl req -new -key " + at + "server.key -subj /CN=localhost | " +
+            "openssl x509 -req -CAcreateserial -days -1 -CA " + at + "ca.pem -CAkey " + at +
+            "ca.key -out " + at + "expired.pem && mosquitto_passwd -b -c " + at +
+            "users user secret";
         ASSERT_EQ(std::system(("(" + commands + ") >" + at + "log 2>&1").c_str()), 0)
             << readFile(at + "log");
         std::ofstream{at + "password"} << "secret\n";
@@ -270,6 +273,14 @@ TEST_F(Secured, the_certificate_and_the_password_decide) {
     EXPECT_TRUE(
         named.logs("no connection: the broker's certificate is refused: IP address mismatch"))
         << named.log();
+    Bridged unknown{broker.url("mqtts", "localhost"), "unknown"}; // the system does not trust it
+    EXPECT_TRUE(unknown.logs("is refused: self-signed certificate in certificate chain"))
+        << unknown.log();
+    broker.kill(SIGTERM);
+    std::filesystem::rename(broker.directory().file("expired.pem"),
+                            broker.directory().file("server.pem"));
+    broker.start();
+    EXPECT_TRUE(right.logs("certificate is refused: certificate has expired")) << right.log();
     for (const char *const scheme : {"mqtt", "mqtts"}) {
         Bridged refused{std::string{scheme} + "://127.0.0.1:1", "refused"};
         EXPECT_TRUE(refused.logs("no connection: ")) << refused.log();

@@ -95,8 +95,9 @@ public:
     ~Bridged() { close(); }
 
     void open(const std::string &url, const std::string &members) {
-        bridge_ = zelvo_mqtt_open(bus.get(), (R"({"url":")" + url + R"(","site":")" + site_ +
-                                              R"(","log":")" + log_.file("log") + '"' +
+        const char *const quote = url.front() == '[' ? "" : "\""; // an array has its own
+        bridge_ = zelvo_mqtt_open(bus.get(), ("{\"url\":" + (quote + url + quote) + R"(,"site":")" +
+                                              site_ + R"(","log":")" + log_.file("log") + '"' +
                                               (members.empty() ? "" : "," + members) + "}")
                                                  .c_str());
     }

@@ -1,6 +1,7 @@
 // The parts that need no broker.
 #include "config.h"
 #include "json.h"
+#include "log.h"
 #include "outbox.h"
 #include "test_support.h"
 #include "topics.h"
@@ -116,6 +117,19 @@ TEST(Config, is_taken_with_its_defaults_and_without) {
               std::make_tuple("::1"s, 99, true, "s\\u0000"s));
     EXPECT_EQ(most.call[0].node + most.call[1].node + most.call[1].site, "tt.2t");
     EXPECT_TRUE(most.out[0].retain && most.serve[0] == "bus");
+}
+
+TEST(Log, a_file_that_has_got_too_large_is_begun_anew) {
+    const TempDir directory;
+    const std::string path = directory.file("log");
+    Log log;
+    ASSERT_TRUE(log.open(path, Level::kInfo, 2000));
+    for (int i = 0; i < 60; ++i) {
+        log.info("line " + std::to_string(i) + std::string(100, '.'));
+    }
+    EXPECT_LT(std::filesystem::file_size(path), 2000U + 300U);
+    EXPECT_TRUE(says(readFile(path), "line 59") && says(readFile(path), "line 55"));
+    EXPECT_FALSE(log.open(directory.path(), Level::kInfo));
 }
 
 TEST(Outbox, drops_the_oldest_and_counts) {

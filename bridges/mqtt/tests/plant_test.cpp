@@ -11,10 +11,12 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
+std::atomic<long> secondsAhead{0}; // of the clocks of this program
 constexpr const char *kRefused = "{\"data\":\"not implement\"}";
 constexpr const char *kPersistent =
     "allow_anonymous true\npersistence true\npersistence_location DIR/\n";
@@ -66,15 +68,18 @@ TEST(Plant, a_subscription_that_is_refused_is_named) {
         path = std::filesystem::exists(plugin) ? plugin.string() : path;
     }
     // Without a limit mosquitto 2.0.11 ends every connection on which it refuses a publication.
-    Broker broker{"allow_anonymous true\nmax_queued_messages 1000\nplugin " + path +
-                  "\nplugin_opt_config_file DIR/rules\n"};
+    const std::string options =
+        "allow_anonymous true\nplugin " + path + "\nplugin_opt_config_file DIR/rules\n";
+    Broker broker{options + "max_queued_messages 1000\n"}, cuts{options};
     std::ofstream{broker.directory().file("rules")}
         << R"({"defaultACLAccess":{"publishClientSend":true,"publishClientReceive":true,)"
            R"("subscribe":true,"unsubscribe":true},"roles":[{"rolename":"r","acls":[)"
            R"({"acltype":"subscribeLiteral","topic":"zelvo/topic/secret","allow":false},)"
            R"({"acltype":"publishClientSend","topic":"zelvo/site/site","allow":false}]}],)"
            R"("groups":[{"groupname":"g","roles":[{"rolename":"r"}]}],"anonymousGroup":"g"})";
+    std::filesystem::copy(broker.directory().file("rules"), cuts.directory().file("rules"));
     broker.start();
+    cuts.start();
     Bridged site{broker.url(), "site", R"("in":["secret","open"])"};
     ASSERT_TRUE(site.connects()) << site.log();
     EXPECT_TRUE(eventually([&] {
@@ -83,6 +88,8 @@ TEST(Plant, a_subscription_that_is_refused_is_named) {
         << site.log();
     EXPECT_TRUE(says(site.log(), "the subscription to zelvo/topic/secret is refused: Not auth"));
     EXPECT_TRUE(says(site.log(), "the presence of this site on zelvo/site/site is refused"));
+    Bridged cut{cuts.url(), "site"}; // again and again, which is told once a second
+    EXPECT_TRUE(cut.logs("on zelvo/site/site is refused: Not authorized; before it "));
 }
 
 TEST(Plant, a_publication_at_which_the_broker_disconnects_is_given_up) {
@@ -244,6 +251,39 @@ TEST(Plant, calls_pass_while_a_subscriber_is_slow_and_publications_flood) {
     stuck.free.set();
 }
 
+TEST(Plant, a_broker_that_gives_no_sign_of_life_is_left) {
+    Broker broker;
+    broker.start();
+    {
+        Bridged site{broker.url(), "site"};
+        ASSERT_TRUE(site.connects());
+        broker.pause();
+        EXPECT_TRUE(eventually( // one second for each look, by the clock of this program
+            [&] {
+                ++secondsAhead;
+                return says(site.log(), "no connection: the broker has given no sign of life");
+            },
+            std::chrono::hours{10}));
+    }
+    secondsAhead = 0;
+}
+
+TEST(Gaps, of_several_brokers_the_first_that_can_be_reached_is_used) {
+    Broker first, second;
+    second.start();
+    Bridged site{"[\"" + first.url() + "\",\"" + second.url() + "\"]", "site", R"("in":["t"])"};
+    ASSERT_TRUE(site.connects()) << site.log();
+    hear(site, R"(["t"])");
+    for (Broker *const broker : {&second, &first}) {
+        Peer peer{*broker, "x"};
+        EXPECT_TRUE(eventually([&] { return peer.publish("zelvo/topic/t", broker->url()) == 0; }));
+        EXPECT_TRUE(site.listener.hears("t=" + broker->url()));
+        first.kill(SIGTERM);
+        first.start();
+        second.kill(SIGTERM);
+    }
+}
+
 // ---- names ----
 
 Signal nameServiceGoesOn;
@@ -281,6 +321,12 @@ TEST(Names, a_host_is_tried_address_by_address_and_its_sockets_are_its_own) {
 }
 
 } // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now) {
+    const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    now->tv_sec += secondsAhead;
+    return result;
+}
 
 // The name service of this program.
 extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo *hints,
