@@ -225,67 +225,50 @@ TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
 
 // ---- TLS and password ----
 
-class Secured : public testing::Test {
-protected:
-    static std::string options() {
-        return "password_file DIR/users\ncafile DIR/ca.pem\ncertfile DIR/server.pem\nkeyfile "
-               "DIR/server.key\n";
-    }
-    void make() {
-        const std::string at = broker.directory().path() + "/";
-        const std::string key =
-            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 9 ";
-        const std::string commands =
-            key + "-subj /CN=ca -keyout " + at + "ca.key -out " + at + "ca.pem && " + key +
-            "-subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout " + at +
-            "server.key -CA " + at + "ca.pem -CAkey " + at + "ca.key -out " + at +
-            "server.pem && openssl req -new -key " + at + "server.key -subj /CN=localhost | " +
-            "openssl x509 -req -CAcreateserial -days -1 -CA " + at + "ca.pem -CAkey " + at +
-            "ca.key -out " + at + "expired.pem && mosquitto_passwd -b -c " + at +
-            "users user secret";
-        ASSERT_EQ(std::system(("(" + commands + ") >" + at + "log 2>&1").c_str()), 0)
-            << readFile(at + "log");
-        std::ofstream{at + "password"} << "secret\n";
-        broker.start();
-    }
-    std::string members(const std::string &password) const {
-        return "\"ca\":\"" + broker.directory().file("ca.pem") +
-               "\",\"user\":\"user\",\"password\":" + password;
-    }
-    Broker broker{options()};
-};
-
-TEST_F(Secured, the_certificate_and_the_password_decide) {
-    make();
-    const std::string file = "{\"file\":\"" + broker.directory().file("password") + "\"}";
-    Bridged right{broker.url("mqtts", "localhost"), "right", members(file) + R"(,"in":["t"])"};
+TEST(Secured, the_certificate_and_the_password_decide) {
+    Broker broker{"password_file DIR/users\ncafile DIR/ca.pem\ncertfile DIR/server.pem\n"
+                  "keyfile DIR/server.key\n"};
+    const std::string at = broker.directory().path();
+    const std::string commands = "cd " + at + R"( && set -e && exec >log 2>&1
+        make() { openssl req -x509 -newkey ec -nodes -days 9 \
+            -pkeyopt ec_paramgen_curve:P-256 "$@"; }
+        make -subj /CN=ca -keyout ca.key -out ca.pem
+        make -subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout server.key \
+            -CA ca.pem -CAkey ca.key -out server.pem
+        openssl req -new -key server.key -subj /CN=localhost | openssl x509 -req \
+            -CAcreateserial -days -1 -CA ca.pem -CAkey ca.key -out expired.pem
+        mosquitto_passwd -b -c users user secret && echo secret >password)";
+    ASSERT_EQ(std::system(commands.c_str()), 0) << readFile(at + "/log");
+    broker.start();
+    const auto members = [&](const std::string &password) {
+        return "\"ca\":\"" + at + "/ca.pem\",\"user\":\"user\",\"password\":" + password;
+    };
+    const std::string url = broker.url("mqtts", "localhost");
+    Bridged right{url, "right", members("{\"file\":\"" + at + "/password\"}") + R"(,"in":["t"])"};
     EXPECT_TRUE(right.connects()) << right.log();
     hear(right, R"(["t"])");
     {
-        Bridged from{broker.url("mqtts", "localhost"), "from",
-                     members("\"secret\"") + R"(,"out":["t"])"};
+        Bridged from{url, "from", members("\"secret\"") + R"(,"out":["t"])"};
         publish(from, "t", std::string(100'000, 'x'));
         EXPECT_TRUE(right.listener.hears("t=" + std::string(100'000, 'x')));
     }
-    Bridged wrong{broker.url("mqtts", "localhost"), "wrong", members("\"other\"")};
-    EXPECT_TRUE(wrong.logs("the broker refuses: Not authorized")) << wrong.log();
-    Bridged named{broker.url("mqtts", "127.0.0.1"), "named", members("\"secret\"")};
-    EXPECT_TRUE(
-        named.logs("no connection: the broker's certificate is refused: IP address mismatch"))
-        << named.log();
-    Bridged unknown{broker.url("mqtts", "localhost"), "unknown"}; // the system does not trust it
-    EXPECT_TRUE(unknown.logs("is refused: self-signed certificate in certificate chain"))
-        << unknown.log();
-    broker.kill(SIGTERM);
-    std::filesystem::rename(broker.directory().file("expired.pem"),
-                            broker.directory().file("server.pem"));
-    broker.start();
-    EXPECT_TRUE(right.logs("certificate is refused: certificate has expired")) << right.log();
-    for (const char *const scheme : {"mqtt", "mqtts"}) {
-        Bridged refused{std::string{scheme} + "://127.0.0.1:1", "refused"};
-        EXPECT_TRUE(refused.logs("no connection: ")) << refused.log();
+    const std::string certificate = "no connection: the broker's certificate is refused: ";
+    const std::vector<std::array<std::string, 3>> cases = {
+        {url, members("\"other\""), "no connection: the broker refuses: Not authorized"},
+        {url, "\"qos\":0", certificate + "self-signed certificate in certificate chain"},
+        {broker.url("mqtts", "127.0.0.1"), members("\"x\""), certificate + "IP address mismatch"},
+        {"mqtt://127.0.0.1:1", "\"qos\":0", "no connection: "},
+        {"mqtts://127.0.0.1:1", "\"qos\":0", "no connection: "}};
+    for (const auto &[where, with, why] : cases) {
+        Bridged refused{where, "refused", with};
+        EXPECT_TRUE(refused.logs(why)) << refused.log();
+        EXPECT_FALSE(says(refused.log(), "other"));
     }
-    EXPECT_FALSE(says(wrong.log() + right.log(), "secret"));
+    broker.kill(SIGTERM);
+    std::filesystem::rename(at + "/expired.pem", at + "/server.pem");
+    broker.start();
+    EXPECT_TRUE(right.logs(certificate + "certificate has expired")) << right.log();
+    EXPECT_FALSE(says(right.log(), "secret"));
 }
 
 // ---- closing ----

@@ -84,23 +84,16 @@ struct Slow {
 
 class Bridged {
 public:
-    // members: the configuration without "url", "site" and "log".
+    // url: one, or an array of them. members: the configuration without it, "site" and "log".
     Bridged(const std::string &url, const std::string &site, const std::string &members = "")
         : bus{R"({"level":5,"path":"/dev/null","callTimeout":20000,"stats":true})"},
           listener{bus.get(), "listener", R"(["mqtt.state"])"},
-          url_{url},
-          site_{site} {
-        open(url, members);
-    }
+          url_{url.front() == '[' ? url : '"' + url + '"'},
+          site_{site},
+          bridge_{another("\"site\":\"" + site + "\"" + (members.empty() ? "" : ",") + members,
+                          log_.file("log"))} {}
     ~Bridged() { close(); }
 
-    void open(const std::string &url, const std::string &members) {
-        const char *const quote = url.front() == '[' ? "" : "\""; // an array has its own
-        bridge_ = zelvo_mqtt_open(bus.get(), ("{\"url\":" + (quote + url + quote) + R"(,"site":")" +
-                                              site_ + R"(","log":")" + log_.file("log") + '"' +
-                                              (members.empty() ? "" : "," + members) + "}")
-                                                 .c_str());
-    }
     int close() {
         int result = 0;
         while ((result = zelvo_mqtt_close(bridge_)) != 0) {}
@@ -108,10 +101,9 @@ public:
         return result;
     }
     // One more on the same bus, to be closed by whoever asks for it.
-    zelvo_mqtt_t *another(const std::string &members) {
+    zelvo_mqtt_t *another(const std::string &members, const std::string &log = "/dev/null") {
         return zelvo_mqtt_open(
-            bus.get(),
-            ("{\"log\":\"/dev/null\",\"url\":\"" + url_ + "\"," + members + "}").c_str());
+            bus.get(), ("{\"log\":\"" + log + "\",\"url\":" + url_ + "," + members + "}").c_str());
     }
     zelvo_mqtt_t *get() const { return bridge_; }
     bool connects() {
@@ -133,7 +125,7 @@ public:
 
 private:
     const std::string url_, site_;
-    zelvo_mqtt_t *bridge_ = nullptr;
+    zelvo_mqtt_t *bridge_;
 };
 
 inline void publish(Bridged &from, const std::string &topic, const std::string &payload,

@@ -100,7 +100,6 @@ Peer::Peer(const Broker &broker, const std::string &subscription, const char *us
         static_cast<Peer *>(self)->messages_.push_back(
             {message->topic,
              {bytes ? bytes : "", static_cast<std::size_t>(message->payloadlen)},
-             message->retain,
              {correlation ? static_cast<char *>(correlation) : "", length}});
         std::free(correlation);
     });

@@ -44,9 +44,7 @@ private:
 class Peer {
 public:
     struct Message {
-        std::string topic, payload;
-        bool retain;
-        std::string correlation;
+        std::string topic, payload, correlation;
     };
     Peer(const Broker &broker, const std::string &subscription, const char *user = nullptr);
 

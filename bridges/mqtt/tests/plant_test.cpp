@@ -313,10 +313,8 @@ TEST(Names, a_host_is_tried_address_by_address_and_its_sockets_are_its_own) {
     for (int file = 3; file < 1024; ++file) {
         sockaddr_in peer{};
         socklen_t size = sizeof peer;
-        if (getpeername(file, reinterpret_cast<sockaddr *>(&peer), &size) == 0 &&
-            peer.sin_port == address.sin_port) {
-            EXPECT_TRUE((fcntl(file, F_GETFD) & FD_CLOEXEC) != 0);
-        }
+        EXPECT_TRUE(getpeername(file, reinterpret_cast<sockaddr *>(&peer), &size) != 0 ||
+                    peer.sin_port != address.sin_port || (fcntl(file, F_GETFD) & FD_CLOEXEC) != 0);
     }
 }
 
