@@ -125,7 +125,6 @@ void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
 
 void Link::watch(bool reads) {
     if (state_ == State::kDown) {
-        waiter_.watch(-1, 0);
         return;
     }
     const bool writes = !open_ || mosquitto_want_write(session_->get());
@@ -229,8 +228,6 @@ void Link::connect(const Target &target, milliseconds limit) {
     libraryError_.clear();
     refusal_.clear();
     thrown_ = nullptr;
-    waiter_.watch(-1, 0); // the next socket may have the same number
-    guestWaiter_.watch(-1, 0);
     try {
         session_.emplace(config_, target, purpose(), this); // files may have changed
     } catch (const OpenError &refused) {
@@ -325,6 +322,9 @@ void Link::fail(std::string_view why) {
     retry_ = good ? kFirstPause : std::clamp(retry_ * 2, kFirstPause, kLongestPause);
     due_ = hasAnother() && !wasUp ? now : now + retry_;
     enter(State::kDown);
+    const bool closed = !session_ || mosquitto_socket(session_->get()) < 0;
+    waiter_.forget(closed);
+    guestWaiter_.forget(closed);
     wakeGuest();
     asked_.clear();
     lost(reasonOf(why), wasUp && byBroker_);

@@ -31,8 +31,8 @@ public:
     Waiter &operator=(const Waiter &) = delete;
     ~Waiter() { close(); }
 
-    // The one socket, or -1; events of epoll, besides which errors are always waited for. Under a
-    // lock of the caller's.
+    // The one socket, which is open, and events of epoll, besides which errors are always waited
+    // for. This and the next under a lock of the caller's.
     void watch(int file, std::uint32_t events) {
         if (file == file_ && events == events_) {
             return;
@@ -40,14 +40,16 @@ public:
         epoll_event event{};
         event.events = events;
         event.data.fd = file;
-        if (file != file_ && file_ >= 0) {
-            epoll_ctl(epoll_, EPOLL_CTL_DEL, file_, nullptr); // unless it is closed already
-        }
-        if (file >= 0 && epoll_ctl(epoll_, EPOLL_CTL_MOD, file, &event) != 0) {
-            epoll_ctl(epoll_, EPOLL_CTL_ADD, file, &event);
-        }
+        epoll_ctl(epoll_, file == file_ ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, file, &event);
         file_ = file;
         events_ = events;
+    }
+    // closed: it is so already, and its number may be another file's.
+    void forget(bool closed) {
+        if (!closed && file_ >= 0) {
+            epoll_ctl(epoll_, EPOLL_CTL_DEL, file_, nullptr);
+        }
+        file_ = -1;
     }
     // Returns the events of the socket.
     std::uint32_t wait(std::chrono::milliseconds limit) {
