@@ -69,6 +69,8 @@ public:
     RunningNode node; // last: its thread uses the others
 };
 
+inline constexpr const char *kRefused = "{\"data\":\"not implement\"}";
+
 // A node that answers when it is let.
 struct Slow {
     Signal asked, free;
@@ -132,6 +134,13 @@ inline void publish(Bridged &from, const std::string &topic, const std::string &
                     bool sticky = false) {
     (sticky ? busClientPublishSticky : busClientPublish)(
         from.listener.node.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
+}
+
+// Whether a close ends within a second, or a few where the machine is loaded.
+inline bool isQuick(const std::function<void()> &close) {
+    const auto begun = std::chrono::steady_clock::now();
+    close();
+    return std::chrono::steady_clock::now() - begun < std::chrono::seconds{5};
 }
 
 inline void hear(Bridged &at, const std::string &topics) {
