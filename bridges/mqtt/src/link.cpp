@@ -90,17 +90,13 @@ void Link::run() {
 void Link::attempt(const std::function<void()> &step) {
     try {
         step();
-    } catch (const std::exception &failure) {
-        giveUp(failure.what());
-    }
-}
-
-void Link::giveUp(const char *why) {
-    log_.error({"a connection to the broker is given up: ", why});
-    try {
-        fail(why);
-    } catch (const std::exception &failure) {
-        log_.error({"the bus is not told of it: ", failure.what()});
+    } catch (const std::exception &thrown) {
+        log_.error({"a connection to the broker is given up: ", thrown.what()});
+        try {
+            fail(thrown.what());
+        } catch (const std::exception &failure) {
+            log_.error({"the bus is not told of it: ", failure.what()});
+        }
     }
 }
 

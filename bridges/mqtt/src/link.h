@@ -33,7 +33,8 @@ std::string clientId(const Config &config);
 
 // Threads: any may call what is public, except start() and stop(). Nothing waits for the network
 // but stop(). All use of the library's handle is under one mutex; senders try it, and where the
-// thread has it leave the sending to the thread.
+// thread has it leave the sending to the thread. What is said of the thread goes for whoever reads
+// in its place, too.
 class Link {
 public:
     Link(const Link &) = delete;
@@ -118,7 +119,6 @@ private:
     void attend(std::uint32_t events);
     void work(int packets);
     void end(int result);
-    void giveUp(const char *why);
     void callBack();
     std::string reasonOf(std::string_view failure) const;
 

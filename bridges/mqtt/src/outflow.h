@@ -19,7 +19,7 @@ namespace zelvo_mqtt {
 
 class Outflow {
 public:
-    // kick: called in the node's thread when something is in the buffer. state: the answer of the
+    // kick: called in the node's thread when something is in the outbox. state: the answer of the
     // call "state", in the same thread. Joins the bus; throws OpenError.
     Outflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
             Passing &passing, Outbox &outbox, Log &log, std::function<void()> kick,
