@@ -96,11 +96,9 @@ public:
                           log_.file("log"))} {}
     ~Bridged() { close(); }
 
-    int close() {
-        int result = 0;
-        while ((result = zelvo_mqtt_close(bridge_)) != 0) {}
+    void close() {
+        while (zelvo_mqtt_close(bridge_) != 0) {}
         bridge_ = nullptr;
-        return result;
     }
     // One more on the same bus, to be closed by whoever asks for it.
     zelvo_mqtt_t *another(const std::string &members, const std::string &log = "/dev/null") {

@@ -175,6 +175,7 @@ TEST(Outbox, after_a_lost_connection_hands_over_what_was_not_acknowledged) {
     EXPECT_TRUE(outbox.done(1) && outbox.done(2) && !outbox.done(1));
     EXPECT_FALSE(outbox.connectionLost(false));
     EXPECT_EQ(outbox.fill().underWay, 2U);
+    outbox.back(outbox.next(4).value());
     EXPECT_EQ(send(1, 2), "cd");
     EXPECT_FALSE(outbox.connectionLost(true)); // c may be why, and goes alone
     EXPECT_EQ(send(1, 2), "c-");
