@@ -71,6 +71,10 @@ class Browser:
         # The result of a script in the page.
         return self._send('/execute/sync', {'script': script, 'args': list(arguments)})
 
+    def press(self, *keys):
+        self.run('''for (const key of arguments) document.activeElement.dispatchEvent(
+            new KeyboardEvent('keydown', {key, bubbles: true, cancelable: true}));''', *keys)
+
     def errors(self):
         # What the browser has complained about since the last time, also refused requests.
         return [entry['message'] for entry in self._send('/se/log', {'type': 'browser'})]

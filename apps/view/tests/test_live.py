@@ -55,7 +55,7 @@ class Live(unittest.TestCase):
         self.assertLess(sorted(waits)[5], SHOWN_WITHIN)
 
     def test_a_message_on_a_pipe_is_shown_at_once(self):
-        follower = Follower('--follow', stdin=subprocess.PIPE)
+        follower = Follower('/dev/stdin', '--follow', stdin=subprocess.PIPE)  # as any pipe with a name
         self.check_haste(follower, lambda data: os.write(follower.process.stdin.fileno(), data))
         follower.process.stdin.close()
         self.assertEqual(follower.end(), 0)
@@ -105,12 +105,9 @@ class Live(unittest.TestCase):
 
     def test_a_reader_that_goes_away_is_no_error(self):
         path, _ = support.scenario(2)
-        with subprocess.Popen(VIEW + [path, '--messages'], stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE) as process:
-            process.stdout.readline()
-            process.stdout.close()
-            self.assertEqual(process.wait(LIMIT), 0)
-            self.assertEqual(process.stderr.read(), b'')
+        done = subprocess.run(['bash', '-o', 'pipefail', '-c', '"$@" | head -n 1', '', *VIEW, path, '--messages'],
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=LIMIT, check=True)
+        self.assertEqual((done.stdout.count(b'\n'), done.stderr), (1, b''))
 
     def test_memory_does_not_grow_with_the_log(self):
         def peak(rounds):

@@ -6,6 +6,7 @@ import os
 import signal
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 import unittest
@@ -22,11 +23,11 @@ TAG = '<img src=x onerror=alert(1)>'
 class Bus:
     # zelvo-view --serve, and a program that publishes on beat, and while halts is true on halt.
 
-    def __init__(self):
-        self.server = subprocess.Popen(VIEW + ['--serve', '0'], stdin=subprocess.PIPE,
-                                       stdout=subprocess.PIPE)
+    def __init__(self, *arguments):
+        self.server = subprocess.Popen(VIEW + ['--serve', '0', *arguments], stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.url = self.server.stdout.readline().decode().strip()
-        self.port = int(self.url.split(':')[2].split('/')[0])
+        self.address = self.url.split('/')[2]
         self._lock, self._ended = threading.Lock(), threading.Event()
         self.count, self.halts = 0, True
         self._thread = threading.Thread(target=self._beat)
@@ -40,10 +41,8 @@ class Bus:
         self._ended.set()
         if self._thread.ident:
             self._thread.join()
-        self.server.stdin.close()
         self.server.kill()
-        self.server.wait()
-        self.server.stdout.close()
+        self.server.communicate()
 
     def tell(self, say):
         # Writes lines as of now.
@@ -65,7 +64,7 @@ class Bus:
 
     def ask(self, path, method='GET', key=None, view='', headers=None):
         # The answer to a request.
-        connection = http.client.HTTPConnection('127.0.0.1', self.port, timeout=LIMIT)
+        connection = http.client.HTTPConnection(self.address, timeout=LIMIT)
         key = self.url.split('key=')[1] if key is None else key
         connection.request(method, '{}?key={}&view={}'.format(path, key, view), headers=headers or {})
         return connection.getresponse()
@@ -95,10 +94,10 @@ class Serve(unittest.TestCase):
     def tearDown(self):
         self.assertEqual(self.browser.errors(), [])
 
-    def wait(self, script, *arguments):
+    def wait(self, script, *arguments, browser=None):
         # Until the script's result is true: that.
         for _ in range(LIMIT * 20):
-            found = self.browser.run(script, *arguments)
+            found = (browser or self.browser).run(script, *arguments)
             if found:
                 return found
             time.sleep(0.05)
@@ -109,9 +108,12 @@ class Serve(unittest.TestCase):
         stopped = '''return [...document.querySelectorAll('#topics tbody tr')].filter((row) =>
             row.className === 'stopped').map((row) => row.cells[0].textContent).join()'''
         self.wait('return document.querySelectorAll("#topics td path").length === 2')
-        self.assertEqual(self.browser.run(stopped), '')
+        feed = events(self.bus.ask('/feed', view='topics'))
         self.bus.halts = False
         self.assertEqual(self.wait(stopped), 'halt')
+        self.assertRegex(next(cells[4] for name, data in feed if name == 'figures'
+                              for _, state, cells in data['part'][0][2] if state == 'stopped'),
+                         r'^stopped 1\d\d\d ms ago$')
         self.bus.halts = True
         self.wait(stopped.replace('return', 'return !') + ' || null')
 
@@ -167,12 +169,25 @@ class Serve(unittest.TestCase):
         self.wait(text, 'live', TAG)
         self.browser.show('messages')
         self.wait(text, 'rows', TAG)
-        self.assertEqual(self.browser.run('return document.images.length'), 0)
-        feeds = [events(self.bus.ask('/feed', view='messages')) for _ in range(2)]
-        self.assertEqual(*(next(feed)[1][:20] for feed in feeds))
+        self.browser.show('graph')
+        boxes = 'return [...document.querySelectorAll("#live g > text")].map((e) => e.textContent).sort().join()'
+        with Browser() as other:
+            other.open(self.bus.url)
+            self.assertEqual(self.wait(boxes, browser=other), self.wait(boxes))
+
+    def test_the_keyboard_and_a_narrow_window_are_enough(self):
+        self.browser.resize(360, 740)
+        self.addCleanup(self.browser.resize, 1200, 800)
+        self.browser.run('document.querySelector("[role=tab][aria-selected=true]").focus()')
+        for view, part in (('topics', '#topics td'), ('calls', '#calls table'), ('faults', '#faults'),
+                           ('messages', '.row')):
+            self.browser.press('ArrowRight')
+            self.wait('return document.querySelector(arguments[1]) && '
+                      'document.activeElement.dataset.view === arguments[0]', view, part)
+            self.assertEqual(self.browser.run('return document.documentElement.scrollWidth'), 360)
 
     def test_only_who_knows_the_key_is_answered(self):
-        host = '127.0.0.1:{}'.format(self.bus.port)
+        host = self.bus.address
         for path, key, headers, code in (
                 ('/', None, {'Host': host.replace('127.0.0.1', 'localhost')}, 200),
                 ('/', None, {'Origin': 'http://' + host}, 200), ('/', '', {}, 403), ('/feed', 'x', {}, 403),
@@ -198,9 +213,16 @@ class Serve(unittest.TestCase):
         self.assertIn(b'log lines lost: %d, not read in time' % pipe.skipped, lines)
         self.assertEqual(sum(len(line) == 99 for line in lines) + pipe.skipped, 300000)
 
-    def test_it_ends_at_once_with_a_browser_connected(self):
-        bus = Bus()
-        self.addCleanup(bus.close)
-        next(events(bus.ask('/feed')))
+    def test_a_file_that_is_begun_anew_is_told_of_and_it_ends_at_once(self):
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(Log().publish(1, 'a', 't').bytes())
+            file.flush()
+            bus = Bus(file.name, '--listen', '127.0.0.2')
+            self.addCleanup(bus.close)
+            feed = (data['head'][0][1] for _, data in events(bus.ask('/feed')))
+            self.assertEqual(next(feed), 'reading')
+            file.truncate(0)
+            self.assertIn('reading, begun anew 1 times', feed)
         bus.server.send_signal(signal.SIGINT)
         self.assertEqual(bus.server.wait(LIMIT), 0)
+        self.assertIn(b'warning: who reaches 127.0.0.2', bus.server.stderr.read())

@@ -121,8 +121,9 @@ class Inputs:
     def follow(self, skips=False):
         """Yields lists of records as they come, and an empty one whenever nothing has come for a
         moment; ends with standard input, or never. skips: see Pipe."""
-        if self.paths == ['-']:
-            yield from self._follow_pipe(skips)
+        path = self.paths[0]
+        if len(self.paths) == 1 and (path == '-' or os.path.exists(path) and not os.path.isfile(path)):
+            yield from self._follow_pipe(path, skips)
             return
         if '-' in self.paths:
             raise InputError('--follow: standard input (-) only by itself')
@@ -135,12 +136,11 @@ class Inputs:
                 yield []
                 time.sleep(LOOK)
 
-    def _follow_pipe(self, skips):
-        reader = Reader(live=True)
-        self.readers = [reader]
-        pipe = self.pipe = Pipe(sys.stdin.fileno(), skips)
+    def _follow_pipe(self, path, skips):
+        reader, source = Reader(live=True), sys.stdin if path == '-' else _open(path)
+        self.readers, waits = [reader], 0
+        pipe = self.pipe = Pipe(source.fileno(), skips)
         pipe.start()
-        waits = 0
         try:
             while True:
                 data = pipe.take(SETTLED / 10 if waits else QUIET)
@@ -155,7 +155,7 @@ class Inputs:
                 if not data:
                     return
         except NotALog as error:
-            raise _not_a_log('<standard input>', error) from error
+            raise _not_a_log('<standard input>' if path == '-' else path, error) from error
 
 
 class Pipe(threading.Thread):
