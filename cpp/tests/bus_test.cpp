@@ -17,18 +17,42 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
         EXPECT_EQ(keys.get("none"), std::nullopt);
         for (const char *const json :
              {"30", "-1.5e3", "\"a \\\"text\\\" \\u00e4\"", "true", "null", "[ ]",
-              "{\"data\":\"\"}", " [1, {\"a\" : [\"\\ud83d\\ude00\"]}]"}) {
+              "{\"data\":\"\"}", " [1, {\"a\" : [\"\\ud83d\\ude00\"]}]",
+              "\"\\ud800\\udc00\\uDBFF\\uDFFF\\ud7ff\\ue000\"", "0.50E-1"}) {
             keys.set("key \"one\"", json);
             EXPECT_TRUE(keys.get("KEY \"one\"")) << json;
         }
+        keys.set("deep", std::string(501, '[') + std::string(501, ']'));
         keys.set("kept", "\"here\"", true);
-        for (const char *const json :
-             {"",     "x",  "01",      "1.",      "-",         "1e",          "'a'",
-              "\"a",  "\"", "\"\n\"",  "\"\\x\"", "\"\\u12\"", "\"\\u0000\"", "\"\\ud83d\"",
-              "[1,]", "[1", "{\"a\"}", "{1:2}",   "1 2",       "1}",          "1,\"b\":2"}) {
+        for (const char *const json : {"",
+                                       "x",
+                                       "01",
+                                       "1.",
+                                       "-",
+                                       "1e",
+                                       "'a'",
+                                       "\"a",
+                                       "\"",
+                                       "\"\n\"",
+                                       "\"\\x\"",
+                                       "\"\\u12\"",
+                                       "\"\\u0000\"",
+                                       "\"\\uDA00\"",
+                                       "\"\\ud83d\\ue000\"",
+                                       "\"\\udc00\\udc00\"",
+                                       "{:1}",
+                                       "1e+",
+                                       "\"\\u00g0\"",
+                                       "[1,]",
+                                       "[1",
+                                       "{\"a\"}",
+                                       "{1:2}",
+                                       "1 2",
+                                       "1}",
+                                       "1,\"b\":2"}) {
             EXPECT_THROW(keys.set("kept", json), std::invalid_argument) << json;
         }
-        EXPECT_THROW(keys.set("kept", std::string(600, '[') + std::string(600, ']')),
+        EXPECT_THROW(keys.set("kept", std::string(502, '[') + std::string(502, ']')),
                      std::invalid_argument);
         EXPECT_EQ(keys.get("kept"), "\"here\"");
         EXPECT_THROW(static_cast<void>(keys.get("")), std::invalid_argument);
@@ -40,22 +64,41 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
 TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     const Bus bus{quiet()};
     const Node node{bus, "a \"name\"\t\\"};
+    const auto refusal = [&bus](const std::string &name) {
+        try {
+            const Node joined{bus, name};
+        } catch (const std::exception &error) {
+            return std::string{error.what()};
+        }
+        return std::string{};
+    };
+    const struct {
+        std::string name;
+        const char *why;
+    } cases[] = {
+        {"", "127"},         {std::string(128, 'n'), "127"},     {"a/b", "slash"},
+        {"bu", "localKeys"}, {std::string("a\0b", 3), "NUL"},    {"b", "localKeys"},
+        {"l", "localKeys"},  {node.name(), "the name is taken"}, {std::string(127, 'n'), ""},
+    };
+    for (const auto &entry : cases) {
+        const std::string why = refusal(entry.name);
+        EXPECT_NE(why.find(entry.why), why.npos) << entry.name << ": " << why;
+    }
     EXPECT_EQ(node.nodes(), std::vector<std::string>{"a \"name\"\t\\"});
-    EXPECT_THROW(Node(bus, node.name()), Error);
-    for (const std::string &name :
-         {std::string{}, std::string{"a/b"}, std::string{"bu"}, std::string{"localKeys"},
-          std::string(128, 'n'), std::string("a\0b", 3)}) {
-        EXPECT_THROW(Node(bus, name), std::invalid_argument) << name;
-    }
-    try {
-        const Node b{bus, "b"};
-        ADD_FAILURE() << "it could not be called";
-    } catch (const std::invalid_argument &error) {
-        EXPECT_NE(std::string{error.what()}.find("localKeys"), std::string::npos) << error.what();
-    }
-    const Node longest{bus, std::string(127, 'n')};
-    EXPECT_EQ(node.nodes().size(), 2U);
     EXPECT_EQ(node.stats(), std::nullopt); // not configured
+    std::vector<client_t *> many;
+    do {
+        const std::string name = std::to_string(many.size());
+        many.push_back(
+            detail::connectSilently(bus.native(), name.c_str(), nullptr, nullptr, nullptr));
+    } while (many.back());
+    EXPECT_NE(refusal("late").find("2,048"), std::string::npos);
+    for (client_t *const client : many) {
+        busClientClose(client);
+    }
+    Config config = quiet();
+    config.log_megabytes = -1;
+    EXPECT_THROW(Bus{config}, std::invalid_argument);
 }
 
 TEST(FaceBusDeathTest, a_handler_may_end_the_process) {

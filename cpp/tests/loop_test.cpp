@@ -68,7 +68,10 @@ TEST(Loops, everything_of_a_node_runs_in_the_loop_in_order) {
         loop.runOne();
     }
     EXPECT_TRUE(completed);
-    EXPECT_EQ(heard, "123c");
+    const PendingCall pending = gui.call_async("/bus/nodes", [](const Answer &) { ADD_FAILURE(); });
+    loop.waitForOne(); // it is answered
+    EXPECT_TRUE(pending.cancel());
+    EXPECT_FALSE(pending.cancel());
     EXPECT_EQ(answer.get().text, "123c");
 }
 
@@ -108,25 +111,15 @@ TEST(Loops, a_loop_that_does_not_come_round_makes_a_slow_node) {
     Node gui{bus, "gui", loop.executor()};
     const Node lamp{bus, "lamp"};
     int heard = 0;
-    bool last = false;
     gui.subscribe("t", [&] { ++heard; });
-    gui.subscribe("last", [&] { last = true; });
     EXPECT_EQ(lamp.call_for(50ms, "/gui/x").cause, Cause::timed_out);
-    for (int i = 0; i < 2000; ++i) { // its queue has 1,024 places, and the bus's 2,048
+    for (int i = 0; i < 1500; ++i) { // its queue has 1,024 places, and the bus's 2,048
         lamp.publish("t");
-        if (i % 500 == 0) {
-            lamp.call("/bus/nodes"); // keeps behind the bus
-        }
     }
     EXPECT_EQ(lamp.call("/gui/x").cause, Cause::no_node); // it is full
-    while (!last) {
+    while (heard < 1000) {
         loop.runOne();
-        if (heard == 100) { // there is room again
-            lamp.publish("last");
-        }
     }
-    EXPECT_GE(heard, 1000);
-    EXPECT_LT(heard, 2000);
 }
 
 TEST(Loops, an_executor_that_throws_loses_the_message_and_no_more) {
@@ -161,4 +154,6 @@ TEST(Loops, a_polled_node_tells_by_its_descriptor_what_there_is_to_do) {
         panel.dispatch();
     }
     EXPECT_FALSE(isReadable(panel));
+    lamp.publish("t"); // and nobody comes for it
+    awaitReadable(panel);
 }

@@ -38,6 +38,9 @@ private:
 inline zelvo::Config quiet() {
     zelvo::Config config;
     config.level = zelvo::Level::errors;
+    config.on_error = [](std::string_view node, const std::exception_ptr &) {
+        ADD_FAILURE() << "a handler of " << node << " has thrown";
+    };
     return config;
 }
 

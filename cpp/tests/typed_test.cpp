@@ -37,6 +37,9 @@ bool decodes(std::string_view bytes) {
 
 TEST(Codecs, values_come_back_and_what_is_none_does_not) {
     comesBack(Reading{3, 21.5}, sizeof(Reading));
+    const Reading reading{3, 21.5};
+    std::string none; // no memory is taken for what lies plain
+    EXPECT_EQ(Codec<Reading>::encode(reading, none).data(), static_cast<const void *>(&reading));
     comesBack(std::string{"a\0b", 3}, 3);
     comesBack(-12, 3);
     comesBack(std::numeric_limits<std::uint64_t>::max(), 20);
@@ -133,8 +136,13 @@ TEST(Typed, a_service_answers_by_value_and_says_why_there_is_none) {
         done.open();
     });
     EXPECT_TRUE(done.wait());
+    lamp.on_call("/nul", [] { return std::string(2, '\0'); });
+    EXPECT_EQ(panel.call("/lamp/nul").cause, Cause::no_handler);
     lamp.on_call("/readings", [] { return "\1\1"; }); // a NUL is no number of readings
     EXPECT_EQ(panel.call(kReadings, "x").cause(), Cause::unreadable);
     EXPECT_THROW(lamp.on_call(Service<int, int>{"/lamp"}, [](int) { return 1; }),
                  std::invalid_argument);
+    EXPECT_THROW(lamp.on_call(kDescribe, std::function<std::string(Reading)>{}),
+                 std::invalid_argument);
+    EXPECT_THROW(lamp.subscribe(kCount, std::function<void(int)>{}), std::invalid_argument);
 }

@@ -18,7 +18,7 @@
 //             child has to go on to exec or _exit. A handler may call std::exit.
 // Blocking.   Making a node, call, subscribe, unsubscribe, a Subscription's cancel, Keys, nodes and
 //             stats wait for an answer, Config::call_timeout at most where that is set, and for
-//             each of the two or three answers that making a node takes. Threads that wait through
+//             each of the few answers that making a node takes. Threads that wait through
 //             one node have their turns in the order in which they came. call_for waits as long as
 //             it says. The end of a node or a bus waits as they say. Nothing else waits.
 // Views.      A std::string_view that a handler gets is good until the handler returns. What is
@@ -46,6 +46,7 @@
 namespace zelvo {
 
 class Node;
+class PolledNode;
 
 // A running bus. It lives as long as this object or a node of it does, in whatever order they go:
 // its thread ends with the last of them. Nodes that C functions have made on native() must be
@@ -70,7 +71,7 @@ public:
     ~Bus() { close(); }
 
     // For the C functions; good as long as the bus lives.
-    Zelvo_t *native() const { return state().native(); }
+    [[nodiscard]] Zelvo_t *native() const { return state().native(); }
 
 private:
     friend class Node;
@@ -98,8 +99,8 @@ class Node {
 public:
     // Joins the bus under name, which another node can call it by: 1 to 127 bytes, no "/", no
     // beginning of "bus" or "localKeys"; otherwise std::invalid_argument. Throws Error when the
-    // name is taken, the bus is full (2,048 nodes), its queue is, or there is no answer in time;
-    // std::system_error when there is no thread for it.
+    // name is taken (Cause::name_taken), the bus is full (bus_full), its queue is (lost), or there
+    // is no answer in time (timed_out); std::system_error when there is no thread for it.
     Node(const Bus &bus, const std::string &name) : Node{bus, name, detail::HopsPtr{}} {}
     // The same, but all that is said here to run in the node's thread, handlers, timers and
     // completions, runs where executor has it run: a callable that takes a zelvo::Task, which is a
@@ -135,7 +136,7 @@ public:
     ~Node() { close(); }
 
     // The name it has joined by.
-    const std::string &name() const { return state().name(); }
+    [[nodiscard]] const std::string &name() const { return state().name(); }
 
     // ---- publishing: does not wait, and does not tell who receives it ----
 
@@ -218,7 +219,7 @@ public:
         }
     }
     // How many messages and questions have not decoded.
-    std::size_t unreadable() const { return state().unreadable(); }
+    [[nodiscard]] std::size_t unreadable() const { return state().unreadable(); }
     // All handlers of the topics.
     void unsubscribe(const std::vector<std::string> &topics) { state().unsubscribe(topics); }
     void unsubscribe(std::initializer_list<std::string> topics) {
@@ -281,8 +282,8 @@ public:
     // The same, but it ends after that time, whatever the other node does: then with
     // Cause::timed_out. As it is made by a helper, it is not refused as a ring.
     template <class Rep, class Period>
-    Answer call_for(std::chrono::duration<Rep, Period> limit, const CText &url,
-                    std::string_view data = {}) const {
+    [[nodiscard]] Answer call_for(std::chrono::duration<Rep, Period> limit, const CText &url,
+                                  std::string_view data = {}) const {
         const auto end = detail::later(detail::Clock::now(), detail::saturated(limit));
         return state().callUntil(end, url.c_str(), data);
     }
@@ -366,7 +367,7 @@ public:
 
     // ---- the bus ----
 
-    Keys keys() const {
+    [[nodiscard]] Keys keys() const {
         state();
         return Keys{state_};
     }
@@ -386,6 +387,7 @@ public:
     }
 
 private:
+    friend class PolledNode;
     detail::NodeState &state() const {
         if (!state_) {
             throw std::logic_error("zelvo: the node has been moved from");
@@ -408,8 +410,8 @@ private:
                   "begin with";
         }
         if (why) {
-            throw std::invalid_argument("zelvo: a node cannot be called by the name \"" + name +
-                                        "\": " + why);
+            throw std::invalid_argument(std::string{"zelvo: no name for a node, "} + why + ": \"" +
+                                        name + '"');
         }
         return name;
     }
@@ -479,18 +481,22 @@ private:
     Timer addTimer(detail::Clock::duration wait, detail::Clock::duration period, Run run) {
         static_assert(std::is_invocable_v<Run &, Timer> || std::is_invocable_v<Run &>,
                       "zelvo: a timer's function takes nothing, or (zelvo::Timer)");
+        detail::require(run);
         if constexpr (std::is_invocable_v<Run &, Timer>) {
             const std::weak_ptr<detail::NodeState> node = state_;
-            return {state_, state().addTimer(wait, period,
-                                             [run = std::move(run),
-                                              node](const detail::TimerPtr &timer) mutable {
-                                                 run(Timer{node, timer});
-                                             })};
+            return set(wait, detail::timerOf(period, [run = std::move(run),
+                                                      node](const detail::TimerPtr &timer) mutable {
+                           run(Timer{node, timer});
+                       }));
         } else if constexpr (std::is_invocable_v<Run &>) {
-            return {state_, state().addTimer(wait, period,
-                                             [run = std::move(run)](
-                                                 const detail::TimerPtr &) mutable { run(); })};
+            return set(wait,
+                       detail::timerOf(period, [run = std::move(run)](
+                                                   const detail::TimerPtr &) mutable { run(); }));
         }
+    }
+    Timer set(detail::Clock::duration wait, const detail::TimerPtr &timer) {
+        state().addTimer(timer, wait);
+        return {state_, timer};
     }
 
     detail::BusPtr bus_;

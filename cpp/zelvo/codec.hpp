@@ -3,6 +3,10 @@
 #ifndef ZELVO_CODEC_HPP
 #define ZELVO_CODEC_HPP
 
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
+#else
+
 #include "types.hpp"
 
 #include <array>
@@ -403,5 +407,7 @@ Result<Reply> resultFrom(const Answer &answer) {
 
 } // namespace detail
 } // namespace zelvo
+
+#endif // C++17
 
 #endif

@@ -3,6 +3,10 @@
 #ifndef ZELVO_HANDLES_HPP
 #define ZELVO_HANDLES_HPP
 
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
+#else
+
 #include "detail/json_reader.hpp"
 #include "detail/node.hpp"
 
@@ -135,5 +139,7 @@ private:
 };
 
 } // namespace zelvo
+
+#endif // C++17
 
 #endif

@@ -2,6 +2,10 @@
 #ifndef ZELVO_POLLED_NODE_HPP
 #define ZELVO_POLLED_NODE_HPP
 
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "Zelvo for C++ needs C++17 (-std=c++17); before that there is zelvo/bus_client.h"
+#else
+
 #include "bus.hpp"
 
 namespace zelvo {
@@ -9,27 +13,36 @@ namespace zelvo {
 namespace detail {
 
 // What waits to be dispatched: a node has one piece of work at a time.
-class Inbox {
+class Inbox final : public Hops {
 public:
-    void put(Task task) {
-        const std::lock_guard lock{mutex_};
-        if (!task_) {
-            signal_.set();
+    // False: there is nothing to do.
+    bool dispatch() noexcept {
+        const std::uint64_t number = take();
+        if (number != 0) {
+            perform(number);
         }
-        task_ = std::move(task);
-    }
-    std::optional<Task> take() noexcept {
-        const std::lock_guard lock{mutex_};
-        if (task_) {
-            signal_.clear();
-        }
-        return std::exchange(task_, std::nullopt);
+        return number != 0;
     }
     Signal::Native native() const noexcept { return signal_.native(); }
 
 private:
+    void post(std::uint64_t number) override {
+        const std::lock_guard lock{mutex_};
+        if (waiting_ == 0) {
+            signal_.set();
+        }
+        waiting_ = number;
+    }
+    std::uint64_t take() noexcept {
+        const std::lock_guard lock{mutex_};
+        if (waiting_ != 0) {
+            signal_.clear();
+        }
+        return std::exchange(waiting_, 0);
+    }
+
     std::mutex mutex_;
-    std::optional<Task> task_;
+    std::uint64_t waiting_ = 0; // 0: nothing
     Signal signal_;
 };
 
@@ -48,7 +61,7 @@ public:
 
     // Can be read while there is something to dispatch; not to be read or closed. On Windows it is
     // a handle to wait for. Good as long as the node.
-    detail::Signal::Native fd() const noexcept { return inbox_->native(); }
+    [[nodiscard]] detail::Signal::Native fd() const noexcept { return inbox_->native(); }
 
     // Does what there is to do, at most so much, and tells how much that was: a message, a call, or
     // all timers and completions that are due count as one. Does not wait; what comes behind is
@@ -57,12 +70,7 @@ public:
     std::size_t dispatch(std::size_t at_most = static_cast<std::size_t>(-1)) {
         const auto inbox = inbox_; // a handler may destroy the node
         std::size_t done = 0;
-        while (done < at_most) {
-            auto task = inbox->take();
-            if (!task) {
-                break;
-            }
-            (*task)();
+        while (done < at_most && inbox->dispatch()) {
             ++done;
         }
         return done;
@@ -70,12 +78,14 @@ public:
 
 private:
     PolledNode(const Bus &bus, const std::string &name, std::shared_ptr<detail::Inbox> inbox)
-        : Node{bus, name, [inbox](Task task) { inbox->put(std::move(task)); }},
+        : Node{bus, name, detail::HopsPtr{inbox}},
           inbox_{std::move(inbox)} {}
 
     std::shared_ptr<detail::Inbox> inbox_;
 };
 
 } // namespace zelvo
+
+#endif // C++17
 
 #endif

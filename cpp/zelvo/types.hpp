@@ -43,9 +43,12 @@ enum class Cause {
     too_many,   // Config::waiting_calls others wait for a helper, to the same node
     cancelled,  // the caller has let go of it
     unreadable, // what it was answered with is no value of the type that was asked for
+    // Of a node that could not be made:
+    name_taken, // there is one of that name
+    bus_full,   // 2,048 nodes are on the bus, or memory is short
 };
 
-inline const char *reason(Cause cause) noexcept {
+[[nodiscard]] inline const char *reason(Cause cause) noexcept {
     switch (cause) {
     case Cause::answered:
         return "answered";
@@ -67,6 +70,10 @@ inline const char *reason(Cause cause) noexcept {
         return "cancelled";
     case Cause::unreadable:
         return "the answer does not decode";
+    case Cause::name_taken:
+        return "the name is taken";
+    case Cause::bus_full:
+        return "there are 2,048 nodes, or memory is short";
     }
     return "unknown";
 }
@@ -78,8 +85,8 @@ public:
     explicit Error(const std::string &what, Cause cause = Cause::lost)
         : std::runtime_error{what},
           cause_{cause} {}
-    // What is known about it: timed_out, left, or lost, for anything else.
-    Cause cause() const noexcept { return cause_; }
+    // What is known about it: timed_out, left, name_taken, bus_full, or lost, for anything else.
+    [[nodiscard]] Cause cause() const noexcept { return cause_; }
 
 private:
     Cause cause_;

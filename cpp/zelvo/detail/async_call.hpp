@@ -130,7 +130,8 @@ public:
         return cancelled;
     }
     AsyncCalls takeAll() noexcept {
-        AsyncCalls all = std::move(under_way_);
+        AsyncCalls all;
+        all.swap(under_way_);
         for (const AsyncCallPtr &call : all) {
             call->over = true;
         }
@@ -138,7 +139,6 @@ public:
             call->ready = false;
         }
         all.splice(all.end(), ready_);
-        under_way_.clear();
         return all;
     }
 

@@ -70,24 +70,22 @@ public:
 
     // ---- who waits for whom ----
 
-    // A node whose calls are looked at, from now on until it is taken out.
+    // A node whose calls are looked at, from now on until it is taken out; name and turns live as
+    // long. There are 2,048 at most, looked at only where a node comes or goes.
     void enter(const std::string &name, Turns &turns) {
         const std::lock_guard lock{nodes_mutex_};
-        nodes_[name] = &turns;
+        nodes_.push_back({&name, &turns});
     }
-    void takeOut(const std::string &name, const Turns &turns) noexcept {
+    void takeOut(const Turns &turns) noexcept {
         const std::lock_guard lock{nodes_mutex_};
-        const auto found = nodes_.find(name);
-        if (found != nodes_.end() && found->second == &turns) {
-            nodes_.erase(found);
-        }
+        const auto is = [&turns](const Caller &caller) { return caller.turns == &turns; };
+        nodes_.erase(std::remove_if(nodes_.begin(), nodes_.end(), is), nodes_.end());
     }
     // Whether the node waits for the answer of the other, or of one that waits for it.
     bool waitsFor(std::string node, const std::string &other) {
         const std::lock_guard lock{nodes_mutex_};
         for (std::size_t step = 0; step <= nodes_.size(); ++step) {
-            const auto found = nodes_.find(node);
-            node = found == nodes_.end() ? std::string{} : found->second->callee();
+            node = calleeOf(node);
             if (node == other) {
                 return true;
             }
@@ -110,6 +108,18 @@ public:
     }
 
 private:
+    struct Caller {
+        const std::string *name;
+        Turns *turns;
+    };
+
+    // With nodes_mutex_. Of two with the name the later: the other has just left.
+    std::string calleeOf(const std::string &node) const {
+        const auto is = [&node](const Caller &caller) { return *caller.name == node; };
+        const auto found = std::find_if(nodes_.rbegin(), nodes_.rend(), is);
+        return found == nodes_.rend() ? std::string{} : found->turns->callee();
+    }
+
     static void serve(void *bus) { busClientBindServer(static_cast<Zelvo_t *>(bus)); }
     static void print(const std::string &node, const std::exception_ptr &error) noexcept {
         try {
@@ -128,7 +138,7 @@ private:
     Zelvo_t *const bus_;
     std::atomic<bool> left_{false};
     std::mutex nodes_mutex_;
-    std::map<std::string, Turns *> nodes_;
+    std::vector<Caller> nodes_;
     Loop loop_;
 };
 using BusPtr = std::shared_ptr<BusState>;

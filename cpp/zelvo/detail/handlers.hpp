@@ -144,6 +144,10 @@ HandlerPtr answerer(Run run) {
 
 // ---- the handlers of a node ----
 
+// Those of one name in the order in which they have been added. All that hold handlers by name are
+// of this one type: each further one costs every user time to compile.
+using HandlersByName = std::multimap<std::string, HandlerPtr, std::less<>>;
+
 // A step from one set of handlers to another.
 struct Change {
     enum class Kind { add, remove, set };
@@ -158,12 +162,19 @@ struct Change {
 // that runs stays whole, and finding one takes no lock.
 class Handlers {
 public:
+    using Range = std::pair<HandlersByName::const_iterator, HandlersByName::const_iterator>;
+
+    Handlers() = default;
+    Handlers(const Handlers &) = delete;
+    Handlers &operator=(const Handlers &) = delete;
+    ~Handlers() = default;
+
     void make(const Change &change) {
-        latest_ = nullptr;
+        latest_ = none();
         for (const std::string &name : change.names) {
             switch (change.kind) {
             case Change::Kind::add:
-                topics_[name].push_back(change.handler);
+                topics_.emplace(name, change.handler);
                 break;
             case Change::Kind::remove:
                 remove(name, change.handler);
@@ -175,17 +186,12 @@ public:
         }
     }
 
-    // In the order in which they have been added; null: there is none. Mostly the topic is that of
-    // the message before.
-    const std::vector<HandlerPtr> *ofTopic(View topic) {
-        if (!latest_ || latest_->first != topic) {
-            const auto found = topics_.find(topic);
-            if (found == topics_.end()) {
-                return nullptr;
-            }
-            latest_ = &*found;
+    // Mostly the topic is that of the message before.
+    Range ofTopic(View topic) {
+        if (latest_.first == latest_.second || latest_.first->first != topic) {
+            latest_ = topics_.equal_range(topic);
         }
-        return &latest_->second;
+        return latest_;
     }
     // Null: there is none.
     Handler *ofPath(View path) const {
@@ -193,35 +199,36 @@ public:
         found = found == paths_.end() ? paths_.find(View{}) : found;
         return found == paths_.end() ? nullptr : found->second.get();
     }
+    std::pair<HandlersByName, HandlersByName> takeAll() noexcept {
+        latest_ = none();
+        return {std::move(topics_), std::move(paths_)};
+    }
 
 private:
+    Range none() const noexcept { return {topics_.end(), topics_.end()}; }
     void remove(const std::string &topic, const HandlerPtr &handler) {
-        const auto found = topics_.find(topic);
-        if (found == topics_.end()) {
-            return;
-        }
-        auto &list = found->second;
-        list.erase(handler ? std::remove(list.begin(), list.end(), handler) : list.begin(),
-                   list.end());
-        if (list.empty()) {
-            topics_.erase(found);
+        auto [entry, end] = topics_.equal_range(topic);
+        while (entry != end) {
+            entry = !handler || entry->second == handler ? topics_.erase(entry) : std::next(entry);
         }
     }
     void set(const std::string &path, const HandlerPtr &handler) {
-        if (handler) {
-            paths_[path] = handler;
-        } else {
+        const auto found = paths_.find(path);
+        if (!handler) {
             paths_.erase(path);
+        } else if (found == paths_.end()) {
+            paths_.emplace(path, handler);
+        } else {
+            found->second = handler;
         }
     }
 
-    using Topics = std::map<std::string, std::vector<HandlerPtr>, std::less<>>;
-    Topics topics_;
-    const Topics::value_type *latest_ = nullptr;           // that has been asked for
-    std::map<std::string, HandlerPtr, std::less<>> paths_; // "": of every other path
+    HandlersByName topics_;
+    Range latest_ = none(); // that has been asked for
+    HandlersByName paths_;  // "": of every other path
 };
 
-// What a node has subscribed to with the bus, and for which handlers.
+// What a node has subscribed to with the bus, and for which handlers. It keeps none of them.
 class Subscriptions {
 public:
     std::vector<std::string> notIn(const std::vector<std::string> &topics) const {
@@ -233,9 +240,9 @@ public:
         }
         return missing;
     }
-    void add(const std::vector<std::string> &topics, const Handler &handler) {
+    void add(const std::vector<std::string> &topics, Handler &handler) {
         for (const std::string &topic : topics) {
-            handlers_[topic].push_back(&handler);
+            handlers_.emplace(topic, HandlerPtr{HandlerPtr{}, &handler});
         }
     }
     void removeAll(const std::vector<std::string> &topics) {
@@ -248,27 +255,24 @@ public:
                 std::vector<std::string> &last) {
         bool was = false;
         for (const std::string &topic : topics) {
-            const auto found = handlers_.find(topic);
-            if (found == handlers_.end()) {
-                continue;
+            auto [entry, end] = handlers_.equal_range(topic);
+            while (entry != end && entry->second.get() != &handler) {
+                ++entry;
             }
-            auto &list = found->second;
-            const auto place = std::find(list.begin(), list.end(), &handler);
-            if (place == list.end()) {
+            if (entry == end) {
                 continue;
             }
             was = true;
-            list.erase(place);
-            if (list.empty()) {
+            handlers_.erase(entry);
+            if (handlers_.find(topic) == handlers_.end()) {
                 last.push_back(topic);
-                handlers_.erase(found);
             }
         }
         return was;
     }
 
 private:
-    std::map<std::string, std::vector<const Handler *>> handlers_;
+    HandlersByName handlers_;
 };
 
 } // namespace zelvo::detail

@@ -52,6 +52,10 @@ public:
     }
 
     bool any() const noexcept { return most_ > 0; }
+    // Of a client that makes calls for the node.
+    std::string nameFor(const std::string &node) {
+        return kHelperPrefix + node + '/' + std::to_string(++names_);
+    }
     // False: too many wait.
     bool add(const AsyncCallPtr &call) {
         const std::lock_guard lock{mutex_};
@@ -190,7 +194,7 @@ private:
     Clients clientFor(const AsyncCall &call) {
         Clients old;
         Clients found{{nullptr, call.node_name}};
-        const std::string name = kHelperPrefix + call.node_name + '/' + std::to_string(++names_);
+        const std::string name = nameFor(call.node_name);
         {
             const std::lock_guard lock{mutex_};
             const auto is = [&call](const Client &client) { return client.node == call.node_name; };

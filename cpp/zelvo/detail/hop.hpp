@@ -5,6 +5,7 @@
 #include "loop.hpp"
 
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -32,12 +33,12 @@ public:
 
 private:
     friend class detail::Hops;
-    Task(std::shared_ptr<detail::Hops> hops, unsigned long number) noexcept
+    Task(std::shared_ptr<detail::Hops> hops, std::uint64_t number) noexcept
         : hops_{std::move(hops)},
           number_{number} {}
 
     std::shared_ptr<detail::Hops> hops_;
-    unsigned long number_;
+    std::uint64_t number_;
 };
 
 namespace detail {
@@ -66,7 +67,7 @@ public:
             object_ = object;
         }
         try {
-            post(Task{shared_from_this(), number_});
+            post(number_);
         } catch (...) {
             drop(number_);
             wait();
@@ -88,14 +89,11 @@ public:
         return state_ == State::runs && runner_ == std::this_thread::get_id();
     }
 
-private:
-    friend class zelvo::Task;
-    enum class State { over, waits, runs };
-
-    virtual void post(Task task) = 0;
-
-    // In the loop.
-    void perform(unsigned long number) noexcept {
+protected:
+    // Has the loop perform() the piece of that number, or drop() it.
+    virtual void post(std::uint64_t number) = 0;
+    // In the loop; does nothing where the piece is not wanted any more.
+    void perform(std::uint64_t number) noexcept {
         {
             const std::lock_guard lock{mutex_};
             if (number != number_ || state_ != State::waits) {
@@ -109,7 +107,13 @@ private:
         done_ = true;
         finish();
     }
-    void drop(unsigned long number) noexcept {
+    Task task(std::uint64_t number) { return {shared_from_this(), number}; }
+
+private:
+    friend class zelvo::Task;
+    enum class State { over, waits, runs };
+
+    void drop(std::uint64_t number) noexcept {
         const std::lock_guard lock{mutex_};
         if (number == number_ && state_ == State::waits) {
             finish();
@@ -131,7 +135,7 @@ private:
     State state_ = State::over;
     bool closed_ = false;
     bool done_ = false;        // the latest piece has been run
-    unsigned long number_ = 0; // of the latest piece
+    std::uint64_t number_ = 0; // of the latest piece
     std::thread::id runner_;
     Step work_ = nullptr;
     void *object_ = nullptr;
@@ -144,7 +148,7 @@ public:
     explicit HopsOf(Executor &&executor) : executor_{std::move(executor)} {}
 
 private:
-    void post(Task task) override { executor_(std::move(task)); }
+    void post(std::uint64_t number) override { executor_(task(number)); }
     Executor executor_;
 };
 

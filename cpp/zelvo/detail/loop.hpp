@@ -54,7 +54,6 @@ public:
             lock.lock();
             pause = std::min(2 * pause, std::chrono::milliseconds{1000});
         }
-        lock.unlock();
         thread_.join();
         return true;
     }

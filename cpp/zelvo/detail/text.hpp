@@ -9,7 +9,6 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -33,11 +32,7 @@ public:
         }
     }
     CText(const std::string &text) : text_{text.c_str()} { check(text.size()); }
-    CText(std::string_view text) : copy_{new char[text.size() + 1]}, text_{copy_.get()} {
-        text.copy(copy_.get(), text.size());
-        copy_[text.size()] = '\0';
-        check(text.size());
-    }
+    CText(std::string_view text) : copy_{text}, text_{copy_.c_str()} { check(text.size()); }
     CText(const CText &) = delete;
     CText &operator=(const CText &) = delete;
     ~CText() = default;
@@ -50,7 +45,7 @@ private:
         }
     }
 
-    std::unique_ptr<char[]> copy_;
+    const std::string copy_;
     const char *text_;
 };
 

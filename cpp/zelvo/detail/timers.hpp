@@ -41,6 +41,12 @@ private:
     Run run_;
 };
 
+// run(timer)
+template <class Run>
+TimerPtr timerOf(Clock::duration period, Run run) {
+    return std::make_shared<TimerEntryOf<Run>>(period, std::move(run));
+}
+
 // All under the node's mutex.
 class Timers {
 public:

@@ -1,0 +1,129 @@
+// The calls that a node makes.
+#ifndef ZELVO_DETAIL_NODE_CALLS_HPP
+#define ZELVO_DETAIL_NODE_CALLS_HPP
+
+#include "node_state.hpp"
+
+namespace zelvo::detail {
+
+// The bus counts the time from when it gets the call. So one that has waited for its turn for
+// some of it is made by a helper, which can be left alone with it.
+inline Answer NodeState::call(const char *url, std::string_view data) {
+    const auto keep = shared_from_this();
+    const Deadline deadline = deadlineAfter(bus_.timeout());
+    Turn turn{turns_, url, deadline};
+    if (!turn.owned()) {
+        return noAnswer(Cause::timed_out);
+    }
+    if (deadline && *deadline - Clock::now() < bus_.timeout() * 15 / 16 &&
+        !isOfTheBus(hostOf(url)) && bus_.helpers().any()) {
+        turn.pass();
+        return callUntil(*deadline, url, data);
+    }
+    return askInTurn(url, data, deadline);
+}
+
+inline Answer NodeState::callUntil(Clock::time_point end, const char *url, std::string_view data) {
+    const auto call = futureCall<Answer>(url, data, asItIs);
+    auto future = call->future();
+    callAsync(call);
+    if (future.wait_until(end) != std::future_status::ready && cancel(call)) {
+        return noAnswer(Cause::timed_out);
+    }
+    return future.get();
+}
+
+inline Answer NodeState::askInTurn(const char *url, std::string_view data,
+                                   const Deadline &deadline) {
+    if (gone_ || (leaving_ && !isOfTheBus(hostOf(url)))) {
+        return noAnswer(Cause::left);
+    }
+    return ask(client_, url, data, deadline);
+}
+
+inline void NodeState::callAsync(const AsyncCallPtr &call) {
+    call->node = weak_from_this();
+    call->node_name = name_;
+    std::unique_lock lock{mutex_};
+    if (leaving_) {
+        lock.unlock();
+        call->over = true;
+        abandon(*call, Cause::left);
+        return;
+    }
+    calls_.add(call);
+    bool taken = false;
+    try {
+        taken = bus_.helpers().add(call);
+    } catch (...) {
+        calls_.takeBack();
+        throw;
+    }
+    lock.unlock();
+    if (!taken) {
+        finish(*call, noAnswer(Cause::too_many));
+    }
+}
+
+inline void NodeState::finish(AsyncCall &call, Answer answer) noexcept {
+    AsyncCalls ended;
+    {
+        const std::lock_guard lock{mutex_};
+        ended = calls_.finish(call, std::move(answer));
+        if (calls_.hasReady()) {
+            wake();
+        }
+    }
+    if (!ended.empty()) {
+        call.end(std::move(call.answer));
+    }
+}
+
+inline bool NodeState::cancel(const AsyncCallPtr &call) noexcept {
+    AsyncCalls cancelled;
+    {
+        const std::lock_guard lock{mutex_};
+        cancelled = calls_.cancel(*call);
+        bus_.helpers().drop(*call);
+    }
+    if (!cancelled.empty()) {
+        abandon(*call, Cause::cancelled);
+    }
+    return !cancelled.empty();
+}
+
+inline void NodeState::abandon(AsyncCall &call, Cause cause) noexcept {
+    if (call.completes) {
+        call.forget();
+    } else {
+        call.end(noAnswer(cause));
+    }
+}
+
+inline AsyncCallPtr NodeState::takeReady() noexcept {
+    const std::lock_guard lock{mutex_};
+    return leaving_ ? nullptr : calls_.takeReady();
+}
+
+inline void NodeState::runCompletions() noexcept {
+    while (const AsyncCallPtr call = takeReady()) {
+        reported([&] { call->end(std::move(call->answer)); });
+        call->forget();
+    }
+}
+
+inline void NodeState::forgetCalls() noexcept {
+    AsyncCalls calls;
+    {
+        const std::lock_guard lock{mutex_};
+        calls = calls_.takeAll();
+    }
+    for (const AsyncCallPtr &call : calls) {
+        bus_.helpers().drop(*call);
+        abandon(*call, Cause::left);
+    }
+}
+
+} // namespace zelvo::detail
+
+#endif

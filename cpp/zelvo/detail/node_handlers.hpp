@@ -1,0 +1,136 @@
+// What a node hears and answers: its handlers, and what the bus knows of them.
+#ifndef ZELVO_DETAIL_NODE_HANDLERS_HPP
+#define ZELVO_DETAIL_NODE_HANDLERS_HPP
+
+#include "node_state.hpp"
+
+namespace zelvo::detail {
+
+inline void NodeState::change(Change change) {
+    constexpr std::size_t kMany = 16;
+    const std::lock_guard lock{mutex_};
+    changes_.push_back(std::move(change));
+    attention_ = true;
+    if (changes_.size() >= kMany) {
+        wake();
+    }
+}
+
+// What the node does and what the bus does change in one turn, so that they do not come apart
+// where several threads make changes.
+inline void NodeState::subscribe(const std::vector<std::string> &topics,
+                                 const HandlerPtr &handler) {
+    constexpr const char *url = "/bus/subscribe";
+    const auto keep = shared_from_this();
+    const Deadline deadline = deadlineAfter(bus_.timeout());
+    const Turn turn{turns_, url, deadline};
+    if (!turn.owned()) {
+        throw noAnswerError(url, Cause::timed_out);
+    }
+    const std::vector<std::string> fresh = subscriptions_.notIn(topics);
+    const std::string json = jsonArray(fresh);
+    change({Change::Kind::add, topics, handler}); // it is there before the first message
+    const Cause cause = gone_           ? Cause::left
+                        : fresh.empty() ? Cause::answered
+                                        : askInTurn(url, json, deadline).cause;
+    if (cause != Cause::answered) {
+        handler->cancelled = true;
+        change({Change::Kind::remove, topics, handler});
+        throw noAnswerError(url, cause);
+    }
+    subscriptions_.add(topics, *handler);
+}
+
+inline void NodeState::unsubscribe(const std::vector<std::string> &topics) {
+    constexpr const char *url = "/bus/unsubscribe";
+    const std::string json = jsonArray(topics);
+    const auto keep = shared_from_this();
+    const Deadline deadline = deadlineAfter(bus_.timeout());
+    const Turn turn{turns_, url, deadline};
+    change({Change::Kind::remove, topics, nullptr});
+    if (turn.owned()) {
+        subscriptions_.removeAll(topics);
+    }
+    const Cause cause = turn.owned() ? askInTurn(url, json, deadline).cause : Cause::timed_out;
+    if (cause != Cause::answered) {
+        throw noAnswerError(url, cause);
+    }
+}
+
+inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::string> &topics) {
+    if (handler->cancelled.exchange(true)) {
+        return false;
+    }
+    constexpr const char *url = "/bus/unsubscribe";
+    const auto keep = shared_from_this();
+    const Deadline deadline = deadlineAfter(bus_.timeout());
+    const Turn turn{turns_, url, deadline};
+    change({Change::Kind::remove, topics, handler});
+    if (!turn.owned()) {
+        return true;
+    }
+    std::vector<std::string> last;
+    const bool was = subscriptions_.remove(topics, *handler, last);
+    if (!last.empty()) {
+        askInTurn(url, jsonArray(last), deadline); // or what comes has no handler
+    }
+    return was && !leaving_;
+}
+
+inline void NodeState::setPath(const std::string &path, HandlerPtr handler) {
+    change({Change::Kind::set, {path}, std::move(handler)});
+}
+
+inline int NodeState::onMessage(void *userdata, client_t * /*client*/, char *topic, char *data,
+                                int length) noexcept {
+    NodeState &node = of(userdata);
+    node.guarded([&] { node.hear(topic, viewOf(data, length)); });
+    return 0;
+}
+
+inline void NodeState::hear(std::string_view topic, std::string_view data) noexcept {
+    const auto [first, last] = handlers_.ofTopic(topic);
+    for (auto entry = first; entry != last; ++entry) {
+        Handler &handler = *entry->second;
+        if (!handler.cancelled.load(std::memory_order_relaxed) && !leaving_) {
+            reported([&] {
+                char *none = nullptr;
+                handler.run(topic, data, none);
+            });
+        }
+    }
+}
+
+inline char *NodeState::onCall(void *userdata, client_t * /*client*/, char *url, char *data,
+                               int length) noexcept {
+    NodeState &node = of(userdata);
+    char *answer = nullptr;
+    node.guarded([&] {
+        const std::string_view path = std::string_view{url}.substr(1 + node.name_.size());
+        if (Handler *const handler = node.handlers_.ofPath(path)) {
+            node.reported([&] { handler->run(path, viewOf(data, length), answer); });
+        }
+    });
+    return answer;
+}
+
+// Answers the calls of a service.
+template <class Question, class Reply, class Run>
+HandlerPtr server(NodeState &node, Run run) {
+    return handlerOf([run = std::move(run), &node](View path, View data, char *&answer) mutable {
+        auto question = decoded<Question>(data);
+        if (!question) {
+            node.noteUnreadable(path, data.size(), SizeOf<Question>::value);
+            return;
+        }
+        if (const std::optional<Reply> reply = run(std::move(*question))) {
+            std::string space;
+            const View bytes = Codec<Reply>::encode(*reply, space);
+            answer = answerText(withoutNul(bytes, isRefusal(bytes)));
+        }
+    });
+}
+
+} // namespace zelvo::detail
+
+#endif

@@ -1,0 +1,200 @@
+// A node that runs: what it has, and what it can do.
+#ifndef ZELVO_DETAIL_NODE_STATE_HPP
+#define ZELVO_DETAIL_NODE_STATE_HPP
+
+#include "../codec.hpp"
+#include "bus.hpp"
+#include "handlers.hpp"
+#include "hop.hpp"
+#include "timers.hpp"
+
+namespace zelvo::detail {
+
+// Shared by zelvo::Node, the node's thread, and whoever is in a call through it, so that it
+// outlives a node which is destroyed meanwhile.
+class NodeState : public std::enable_shared_from_this<NodeState> {
+public:
+    // hops: null for a node whose thread does its work itself.
+    NodeState(BusState &bus, const std::string &name, HopsPtr hops);
+    NodeState(const NodeState &) = delete;
+    NodeState &operator=(const NodeState &) = delete;
+    ~NodeState() = default; // the client is closed by its thread
+
+    const std::string &name() const noexcept { return name_; }
+    client_t *client() const noexcept { return client_; }
+
+    // ---- its life: node.hpp ----
+
+    void start();
+    // No handler begins from now on, and no call is waited for.
+    void leave(BusPtr bus);
+    bool leaving() const noexcept { return leaving_; }
+    // A message, or the question of a call, that does not decode.
+    void noteUnreadable(std::string_view name, std::size_t size, std::size_t expected);
+    std::size_t unreadable() const noexcept { return unreadable_; }
+
+    // ---- calls: node_calls.hpp ----
+
+    Answer call(const char *url, std::string_view data);
+    Answer callUntil(Clock::time_point end, const char *url, std::string_view data);
+    // A call whose end() or forget() is run in any case.
+    void callAsync(const AsyncCallPtr &call);
+    // In a helper's thread, where nothing of the user's is run or destroyed.
+    void finish(AsyncCall &call, Answer answer) noexcept;
+    // False: it is over, or its completion has begun.
+    bool cancel(const AsyncCallPtr &call) noexcept;
+
+    // ---- handlers: node_handlers.hpp ----
+
+    void subscribe(const std::vector<std::string> &topics, const HandlerPtr &handler);
+    void unsubscribe(const std::vector<std::string> &topics);
+    // Whether there would have been another message for the handler.
+    bool cancel(const HandlerPtr &handler, const std::vector<std::string> &topics);
+    void setPath(const std::string &path, HandlerPtr handler);
+
+    // ---- timers: node_timers.hpp ----
+
+    void addTimer(const TimerPtr &timer, Clock::duration wait);
+    bool cancel(const TimerPtr &timer);
+
+private:
+    static NodeState &of(void *userdata) noexcept { return *static_cast<NodeState *>(userdata); }
+    static std::string_view viewOf(const char *data, int length) noexcept {
+        return data ? std::string_view{data, static_cast<std::size_t>(length)} : std::string_view{};
+    }
+
+    // ---- what the bus has the node's thread do ----
+
+    static int onMessage(void *userdata, client_t *client, char *topic, char *data,
+                         int length) noexcept;
+    static char *onCall(void *userdata, client_t *client, char *url, char *data,
+                        int length) noexcept;
+    // type: 0 to look at what other threads have left, otherwise the number of a timer.
+    static int onTimer(void *userdata, client_t *client, int type) noexcept;
+
+    // Does work, unless the node is leaving; here, or in the loop.
+    template <class Work>
+    void guarded(Work work) noexcept;
+    template <class Work>
+    void settled(Work &work) noexcept;
+    template <class Run>
+    void reported(Run &&run) noexcept;
+    // Makes the changes that wait, and asks for the looks that there was no memory for. False: the
+    // node is leaving.
+    bool settle() noexcept;
+    // With mutex_: has the node's thread look at what has been left for it.
+    void wake() noexcept;
+
+    // ---- its life ----
+
+    void run() noexcept;
+    // In the node's thread, when no handler runs or will. The loop leaves the bus by a call of its
+    // own, which comes between nobody's answer and its copy.
+    void goQuietly() noexcept;
+    void endCalls() noexcept;
+    // What users have left goes in the node's thread or the one that destroys the node, and under
+    // no lock.
+    void forgetHandlers();
+    // False: the node's thread can't be waited for here.
+    bool endLoop(bool (*giveUp)(void *node));
+    void askToLeave() noexcept;
+    // Whether another thread's call through this node is under way, which the node's thread waits
+    // for; or this thread is in a handler of a node whose answer the running handler waits for.
+    static bool isHeld(void *self);
+    // The node's thread goes on alone, and the bus waits for it. False: it has ended.
+    bool retire(BusPtr &bus);
+
+    // ---- calls ----
+
+    // In a turn.
+    Answer askInTurn(const char *url, std::string_view data, const Deadline &deadline);
+    static void abandon(AsyncCall &call, Cause cause) noexcept;
+    AsyncCallPtr takeReady() noexcept;
+    void runCompletions() noexcept;
+    // Futures become ready without an answer, completions never run.
+    void forgetCalls() noexcept;
+
+    // ---- handlers ----
+
+    // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
+    // node that hears nothing looks when many wait, so that it does not keep ever more.
+    void change(Change change);
+    void hear(std::string_view topic, std::string_view data) noexcept;
+
+    // ---- timers ----
+
+    // With mutex_. False: memory is short.
+    bool arm() noexcept;
+    void noteTimer(int type) noexcept;
+    TimerQueue::node_type takeDue(Clock::time_point now) noexcept;
+    void runTimers() noexcept;
+
+    BusState &bus_;
+    const std::string name_;
+    const HopsPtr hops_;
+    client_t *const client_;
+    Turns turns_;
+    Subscriptions subscriptions_; // whoever has the turn looks at them
+
+    Handlers handlers_; // the node's thread's, or the loop's
+
+    std::mutex mutex_; // of all below that is not atomic
+    std::vector<Change> changes_;
+    Timers timers_;
+    OpenCalls calls_;
+    BusPtr keep_;        // of a node that nobody waits for
+    bool wakes_ = false; // a look has been asked for
+    std::atomic<std::size_t> unreadable_{0};
+    std::atomic<bool> gone_{false};        // the client must not be used; set in a turn, too
+    std::atomic<bool> leaving_{false};     // no handler begins
+    std::atomic<bool> quiet_{false};       // nor does one run
+    std::atomic<bool> calls_ended_{false}; // nobody has a turn any more
+    std::atomic<bool> attention_{false};   // settle() has something to do, or the node is leaving
+    Loop loop_;
+};
+
+template <class Work>
+void NodeState::guarded(Work work) noexcept {
+    if (!hops_) {
+        settled(work);
+    } else if (!leaving_) {
+        auto hop = [&] {
+            const auto *const outer = std::exchange(handlingNode(), this);
+            settled(work);
+            handlingNode() = outer;
+        };
+        using Hop = decltype(hop);
+        bool done = false;
+        reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
+        if (!done) { // what is due or ready is looked at again
+            const std::lock_guard lock{mutex_};
+            attention_ = true;
+        }
+    }
+    if (hops_ && leaving_) {
+        goQuietly();
+    }
+}
+
+template <class Work>
+void NodeState::settled(Work &work) noexcept {
+    if (!attention_.load(std::memory_order_acquire) || settle()) {
+        work();
+    }
+    if (attention_.load(std::memory_order_acquire)) {
+        settle();
+    }
+}
+
+template <class Run>
+void NodeState::reported(Run &&run) noexcept {
+    try {
+        run();
+    } catch (...) {
+        bus_.report(name_, std::current_exception());
+    }
+}
+
+} // namespace zelvo::detail
+
+#endif
