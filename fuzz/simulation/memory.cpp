@@ -20,7 +20,7 @@ char *reserve(std::size_t size) {
                                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
 }
 char *const memory = reserve(kUnits * kUnit);
-char *const live = reserve(kUnits); // for each unit, whether it is part of a block
+char *const live = reserve(kUnits); // for each unit, how many of its bytes are part of a block
 std::size_t used = 0, blocks = 0;
 std::uint64_t asked = 0;
 
@@ -33,8 +33,12 @@ std::size_t &sizeOf(void *block) {
     return static_cast<std::size_t *>(block)[-1];
 }
 
-void setLive(void *block, int is) {
-    std::memset(live + unitOf(block), is, (sizeOf(block) + kUnit - 1) / kUnit);
+void setLive(void *block, bool is) {
+    const std::size_t size = sizeOf(block), first = unitOf(block);
+    std::memset(live + first, is ? kUnit : 0, size / kUnit);
+    if (size % kUnit > 0) {
+        live[first + size / kUnit] = static_cast<char>(is ? size % kUnit : 0);
+    }
 }
 
 } // namespace
@@ -43,7 +47,7 @@ void *allocate(std::size_t size, std::size_t alignment) {
     used = (used + kUnit + alignment - 1) / alignment * alignment;
     void *const block = memory + used;
     sizeOf(block) = size;
-    setLive(block, 1);
+    setLive(block, true);
     used += size;
     ++blocks;
     return block;
@@ -51,7 +55,9 @@ void *allocate(std::size_t size, std::size_t alignment) {
 
 void expectLive(const volatile void *address) {
     const std::size_t unit = unitOf(address);
-    expect(unit >= kUnits || live[unit] != 0, "uses memory that is free");
+    const std::size_t place = reinterpret_cast<std::uintptr_t>(address) % kUnit;
+    expect(unit >= kUnits || place < static_cast<std::size_t>(live[unit]),
+           "uses memory that is in no block");
 }
 
 void expectNothingLeft() {
@@ -84,7 +90,7 @@ extern "C" void __wrap_free(void *block) {
         return __real_free(block);
     }
     expectLive(block);
-    setLive(block, 0);
+    setLive(block, false);
     std::memset(block, 0xDD, sizeOf(block));
     --blocks;
 }
