@@ -1,7 +1,8 @@
 // What the bus promises, beside the bus itself. The model is told what the application does and is
-// handed. In an exact world (no shortage, no time limit, no stop) it also reads the log, and
-// follows the bus message by message: what it takes, and what it must say and send then, to whom
-// and in which order. Whatever differs ends the world.
+// handed, and reads the log: a warning or an error has to be one that the world explains. In an
+// exact world (no shortage, no time limit, no stop, a sound disk) it also follows the bus message
+// by message: what it takes, and what it must say and send then, to whom and in which order.
+// Whatever differs ends the world.
 #ifndef ZELVO_SIMULATION_MODEL_H
 #define ZELVO_SIMULATION_MODEL_H
 
