@@ -30,19 +30,19 @@ Bridge::Bridge(Zelvo_t *bus, const Config &config, Log &log)
       topics_{config_.prefix, config_.site},
       passing_{bus, config_.site},
       name_{nodeName(config_.site)},
-      buffer_{config_.bufferMessages, config_.bufferBytes},
+      outbox_{config_.bufferMessages, config_.bufferBytes},
       callLink_{config_, topics_, log_,
                 [this](const auto &target, const auto &why) { callsChanged(target, why); },
                 [this](const Incoming &incoming) { receiver_.receive(incoming); }},
       dataLink_{config_, topics_,
-                buffer_, inflow_,
+                outbox_, inflow_,
                 log_,    [this](bool connected, const auto &why) { dataChanged(connected, why); }},
       outflow_{bus,
                config_,
                topics_,
                name_,
                passing_,
-               buffer_,
+               outbox_,
                log_,
                [this] { dataLink_.kick(); },
                [this] { return state(); }},
@@ -166,8 +166,7 @@ void Bridge::withdrawState() {
 }
 
 std::string Bridge::state() {
-    const Buffer::Fill fill = buffer_.fill();
-    const DataLink::Counts counts = dataLink_.counts();
+    const Outbox::Fill fill = outbox_.fill();
     const Json denied{cJSON_CreateArray()};
     for (Link *const link : {static_cast<Link *>(&callLink_), static_cast<Link *>(&dataLink_)}) {
         for (const std::string &topic : link->denied()) {
@@ -181,10 +180,10 @@ std::string Bridge::state() {
     };
     add("waiting", fill.messages);
     add("bytes", fill.bytes);
-    add("underWay", counts.underWay);
-    add("dropped", fill.dropped);
-    add("refused", counts.refused);
-    add("expired", counts.expired);
+    add("underWay", fill.underWay);
+    add("dropped", outbox_.dropped.load());
+    add("refused", outbox_.refused.load());
+    add("expired", outbox_.expired.load());
     cJSON_AddItemReferenceToObject(object.get(), "denied", denied.get());
     return printed(object.get());
 }

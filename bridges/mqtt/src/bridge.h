@@ -2,13 +2,13 @@
 #ifndef ZELVO_MQTT_BRIDGE_H
 #define ZELVO_MQTT_BRIDGE_H
 
-#include "buffer.h"
 #include "call_link.h"
 #include "calls.h"
 #include "config.h"
 #include "data_link.h"
 #include "inflow.h"
 #include "log.h"
+#include "outbox.h"
 #include "outflow.h"
 #include "passing.h"
 #include "receiver.h"
@@ -49,7 +49,7 @@ private:
     const Topics topics_;
     Passing passing_;
     const std::string name_;
-    Buffer buffer_;
+    Outbox outbox_;
     std::optional<Inflow> inflow_;
     CallLink callLink_;
     DataLink dataLink_;

@@ -16,6 +16,7 @@ constexpr milliseconds kLongestLookup{10'000};
 constexpr milliseconds kLongestConnect{10'000};
 constexpr milliseconds kLongestOfSeveral{3'000}; // where there are other addresses to try
 constexpr const char *kRival = "another bridge has the name of this site: each puts the other out";
+constexpr const char *kPresence = "the presence of this site on";
 constexpr std::size_t kMostDirect = 2048;
 constexpr std::size_t kMostDirectBytes = std::size_t{16} << 20;
 constexpr std::size_t kMostUnsentBytes = std::size_t{1} << 20; // or a single one
@@ -129,7 +130,7 @@ void CallLink::sayOnline() {
                            userProperty(kInstance, instance_));
     presenceMid_ = mid;
     if (result != MOSQ_ERR_SUCCESS) {
-        log_.error({"the presence of this site can't be sent: ", errorText(result)});
+        deny(topics_.ownPresence(), kPresence, errorText(result));
     } else if (sentMid_ == mid) {
         acknowledged(mid, 0);
     }
@@ -139,7 +140,7 @@ void CallLink::sayOnline() {
 void CallLink::acknowledged(int mid, int reason) {
     if (mid == presenceMid_) {
         if (reason >= 128) {
-            deny(topics_.ownPresence(), "the presence of this site on", reason);
+            deny(topics_.ownPresence(), kPresence, mosquitto_reason_string(reason));
         } else {
             prosper();
         }

@@ -23,6 +23,7 @@ Calls::Site::Site(Calls &its, Zelvo_t *bus, const Config::Call &call)
     : calls{its},
       site{call.site},
       name{call.node},
+      answerTopic{its.topics_.answers(its.config_.site, call.site)},
       node{bus, call.node, nullptr, onCall, this} {}
 
 Calls::Calls(Zelvo_t *bus, const Config &config, const Topics &topics, CallLink &link, Log &log)
@@ -37,134 +38,117 @@ Calls::Calls(Zelvo_t *bus, const Config &config, const Topics &topics, CallLink 
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the bus gives the type
 char *Calls::onCall(void *self, client_t *, char *url, char *data, int len) {
-    const Site &site = *static_cast<Site *>(self);
+    Site &site = *static_cast<Site *>(self);
+    Log &log = site.calls.log_;
     try {
         const std::string_view path = std::string_view{url}.substr(1 + site.name.size());
-        const std::string answer = site.calls.ask(
+        const std::string_view failure = site.calls.ask(
             site, path, {data ? data : "", static_cast<std::size_t>(data ? len : 0)});
-        return mallocText(answer);
+        if (failure.empty()) {
+            return mallocText(site.answer);
+        }
+        log.warning("the call " + std::string{url} + " is not answered: " + std::string{failure});
     } catch (const std::exception &failure) {
-        site.calls.log_.error({"a call to ", url, " fails: ", failure.what()});
-        return mallocText(kNotImplement);
+        log.error({"a call to ", url, " fails: ", failure.what()});
     }
-}
-
-std::string Calls::ask(const Site &site, std::string_view path, std::string_view data) {
-    Waiting waiting;
-    waiting.site = site.site;
-    waiting.answerTopic = topics_.answers(config_.site, site.site);
-    const std::string topic = topics_.call(site.site, path);
-    std::string_view failure;
-    if (path.size() < 2 || path[1] == '/') {
-        failure = "the address names no node of the site";
-    } else if (topic.size() > kLongestTopic) {
-        failure = "the address is too long for MQTT";
-    } else {
-        failure = request(waiting, topic, data);
-    }
-    if (failure.empty()) {
-        return waiting.answer;
-    }
-    log_.warning("the call /" + site.name + std::string{path} +
-                 " is not answered: " + std::string{failure});
-    return kNotImplement;
+    return mallocText(kNotImplement);
 }
 
 // Why there is no answer.
-std::string_view Calls::request(Waiting &waiting, const std::string &topic, std::string_view data) {
+std::string_view Calls::ask(Site &site, std::string_view path, std::string_view data) {
+    const std::string topic = topics_.call(site.site, path);
+    if (path.size() < 2 || path[1] == '/') {
+        return "the address names no node of the site";
+    }
+    if (topic.size() > kLongestTopic) {
+        return "the address is too long for MQTT";
+    }
     const std::string correlation = randomCorrelation();
-    Direct message{topic, std::string{data}, waiting.answerTopic, correlation, config_.callTimeout};
+    Direct message{topic, std::string{data}, site.answerTopic, correlation, config_.callTimeout};
     std::unique_lock lock{mutex_};
-    const auto online = online_.find(waiting.site);
-    if (closing_) {
-        return "the bridge closes";
+    const std::string_view refused = refusal(site);
+    if (!refused.empty()) {
+        return refused;
     }
-    if (online != online_.end() && !online->second) {
-        return "the site is offline";
-    }
-    const auto entry = waiting_.emplace(correlation, &waiting).first;
+    site.correlation = correlation;
     lock.unlock();
-    const std::string_view refusal = send(std::move(message));
+    if (!link_.send(std::move(message))) {
+        return link_.isConnected() ? "too many messages wait for the broker"
+                                   : "there is no connection to the broker";
+    }
+    const auto until = Clock::now() + config_.callTimeout;
+    const auto isEnded = [&site] { return site.correlation.empty(); };
+    link_.readUntil(until, [&] {
+        const std::lock_guard held{mutex_};
+        return isEnded();
+    });
     lock.lock();
-    if (!refusal.empty()) {
-        end(waiting, refusal);
+    if (!site.ended.wait_until(lock, until, isEnded)) {
+        end(site, "the site has given none within \"callTimeout\"");
     }
-    const std::string_view failure = await(waiting, lock);
-    waiting_.erase(entry);
-    return failure;
+    return site.failure;
 }
 
-// Throws nothing, so that no entry outlives the frame it leads to.
-std::string_view Calls::send(Direct message) noexcept {
-    try {
-        if (link_.send(std::move(message))) {
-            return {};
-        }
-    } catch (const std::exception &) {
-        return "memory is short";
-    }
-    return link_.isConnected() ? "too many messages wait for the broker"
-                               : "there is no connection to the broker";
+std::string_view Calls::refusal(const Site &site) const {
+    return closing_ ? "the bridge closes" : site.offline ? "the site is offline" : "";
 }
 
-std::string_view Calls::await(Waiting &waiting, std::unique_lock<std::mutex> &lock) const {
-    const bool done =
-        waiting.ended.wait_for(lock, config_.callTimeout, [&] { return waiting.done; });
-    return done ? waiting.failure : "the site has given none within \"callTimeout\"";
-}
-
-void Calls::end(Waiting &waiting, std::string_view failure) {
-    if (!waiting.done) {
-        waiting.done = true;
-        waiting.failure = failure;
-        waiting.ended.notify_one();
+void Calls::end(Site &site, std::string_view failure) {
+    if (!site.correlation.empty()) {
+        site.correlation.clear();
+        site.failure = failure;
+        site.ended.notify_one();
+        site.calls.link_.wakeGuest();
     }
 }
 
 // Only the site that was asked may write to the topic of its answers.
 void Calls::answer(const Incoming &incoming) {
-    {
-        const std::lock_guard lock{mutex_};
-        const auto found = waiting_.find(incoming.correlation);
-        if (found != waiting_.end() && !found->second->done &&
-            found->second->answerTopic == incoming.topic) {
-            found->second->answer = incoming.payload;
-            end(*found->second, {});
-            return;
-        }
-    }
-    log_.warning("an answer on " + incoming.topic +
-                 " is dropped: no call of that site waits for it, or no more");
-}
-
-void Calls::presence(std::string_view site, std::string_view state) {
-    const std::lock_guard lock{mutex_};
-    const bool online = state == "online";
-    if (state.empty()) { // somebody has taken it away; the site will say it again
-        online_.erase(std::string{site});
+    std::unique_lock lock{mutex_};
+    const auto found = std::find_if(sites_.begin(), sites_.end(), [&](const Site &site) {
+        return !site.correlation.empty() && site.correlation == incoming.correlation &&
+               site.answerTopic == incoming.topic;
+    });
+    if (found == sites_.end()) {
+        lock.unlock();
+        log_.warning("an answer on " + incoming.topic +
+                     " is dropped: no call of that site waits for it, or no more");
         return;
     }
-    online_.insert_or_assign(std::string{site}, online);
-    for (const auto &[correlation, waiting] : waiting_) {
-        if (!online && waiting->site == site) {
-            end(*waiting, "the site is offline");
+    found->answer = incoming.payload;
+    found->failure = {};
+    found->correlation.clear();
+    lock.unlock(); // what is woken is not to wait for it
+    found->ended.notify_one();
+    link_.wakeGuest();
+}
+
+// An empty state: somebody has taken it away, and the site will say it again.
+void Calls::presence(std::string_view site, std::string_view state) {
+    const std::lock_guard lock{mutex_};
+    for (Site &each : sites_) {
+        if (each.site == site) {
+            each.offline = !state.empty() && state != "online";
+            if (each.offline) {
+                end(each, refusal(each));
+            }
         }
     }
 }
 
 void Calls::disconnected() {
     const std::lock_guard lock{mutex_};
-    online_.clear();
-    for (const auto &[correlation, waiting] : waiting_) {
-        end(*waiting, "the connection to the broker is lost");
+    for (Site &site : sites_) {
+        site.offline = false;
+        end(site, "the connection to the broker is lost");
     }
 }
 
 void Calls::close() {
     const std::lock_guard lock{mutex_};
     closing_ = true;
-    for (const auto &[correlation, waiting] : waiting_) {
-        end(*waiting, "the bridge closes");
+    for (Site &site : sites_) {
+        end(site, refusal(site));
     }
 }
 

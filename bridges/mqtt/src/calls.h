@@ -10,7 +10,6 @@
 
 #include <condition_variable>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -36,36 +35,30 @@ public:
     }
 
 private:
+    // A node makes one call after the other, in its thread.
     struct Site {
         Site(Calls &its, Zelvo_t *bus, const Config::Call &call);
         Calls &calls;
-        const std::string site;
-        const std::string name;
-        Node node;
-    };
-    // A call that waits; one of each node at most.
-    struct Waiting {
+        const std::string site, name;
+        const std::string answerTopic;
         std::condition_variable ended;
-        std::string site, answerTopic;
-        bool done = false;
+        std::string correlation; // of the call that waits; empty: none
         std::string answer;
         std::string_view failure; // why there is none, a literal; empty: there is
+        bool offline = false;     // else it is online, or nothing is known
+        Node node;                // last: its thread uses the others
     };
 
     static char *onCall(void *self, client_t *, char *url, char *data, int len);
-    std::string ask(const Site &site, std::string_view path, std::string_view data);
-    std::string_view request(Waiting &waiting, const std::string &topic, std::string_view data);
-    std::string_view send(Direct message) noexcept; // why it is not sent; empty: it is
-    std::string_view await(Waiting &waiting, std::unique_lock<std::mutex> &lock) const;
-    static void end(Waiting &waiting, std::string_view failure);
+    std::string_view ask(Site &site, std::string_view path, std::string_view data);
+    std::string_view refusal(const Site &site) const;
+    static void end(Site &site, std::string_view failure);
 
     const Config &config_;
     const Topics &topics_;
     CallLink &link_;
     Log &log_;
-    std::mutex mutex_;                                // of everything below but the nodes
-    std::map<std::string, Waiting *> waiting_;        // by correlation data
-    std::map<std::string, bool, std::less<>> online_; // by site; others are unknown
+    std::mutex mutex_; // of the sites' calls and of closing_
     bool closing_ = false;
     std::deque<Site> sites_; // last: their threads use the others
 };

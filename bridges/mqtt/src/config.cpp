@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <set>
 #include <string_view>
@@ -31,8 +32,8 @@ bool isReserved(std::string_view name) {
            std::string_view{"localKeys"}.starts_with(name);
 }
 
-// A site's name is also a node's, unless another is given for it.
-void checkName(const Value &value, const std::string &name, std::size_t longest) {
+std::string name(const Value &value, std::size_t longest) {
+    std::string name = value.text();
     if (name.empty() || name.size() > longest || name.find('/') != name.npos) {
         value.refuse("\"" + name + "\" is no name: 1 to " + std::to_string(longest) +
                      " bytes, without \"/\"");
@@ -42,20 +43,31 @@ void checkName(const Value &value, const std::string &name, std::size_t longest)
                      "\" is the bus's own name, as every beginning of \"bus\" and "
                      "\"localKeys\" is: take another, a longer one for example");
     }
+    return name;
 }
 
-void checkNode(const Value &value, const std::string &name) {
-    checkName(value, name, kLongestNode);
+std::string node(const Value &value) {
+    return name(value, kLongestNode);
 }
 
-void checkSite(const Value &value, const std::string &site) {
-    checkName(value, site, kLongestSite);
+// It is also a node's name, unless another is given for that.
+std::string site(const Value &value) {
+    std::string site = name(value, kLongestSite);
     if (!isUtf8(site)) {
         value.refuse("\"" + site + "\" has control characters or is no UTF-8");
     }
+    return site;
 }
 
-Config::Broker brokerAt(const Value &value) {
+std::string topic(const Value &value) {
+    std::string topic = value.text();
+    if (escaped(topic).size() > kLongestTopic - kLongestPrefix - std::size("/topic/")) {
+        value.refuse("\"" + topic.substr(0, 50) + "...\" is too long for MQTT");
+    }
+    return topic;
+}
+
+Config::Broker broker(const Value &value) {
     const std::string text = value.text();
     std::string_view rest = text;
     const auto take = [&rest](std::string_view start) {
@@ -84,15 +96,16 @@ Config::Broker brokerAt(const Value &value) {
     return broker;
 }
 
-void readUrl(Config &config, const Value &value) {
+std::vector<Config::Broker> brokers(const Value &value) {
+    std::vector<Config::Broker> brokers;
     if (!value.isArray()) {
-        config.brokers = {brokerAt(value)};
-        return;
+        return {broker(value)};
     }
-    value.elements([&](const Value &each) { config.brokers.push_back(brokerAt(each)); });
-    if (config.brokers.empty()) {
+    value.elements([&](const Value &each) { brokers.push_back(broker(each)); });
+    if (brokers.empty()) {
         value.refuse("names no broker");
     }
+    return brokers;
 }
 
 std::string fileContent(const Value &value) {
@@ -107,204 +120,173 @@ std::string fileContent(const Value &value) {
     value.refuse("the file \"" + path + "\" can't be read");
 }
 
-template <std::string Config::*Member>
-void readFileName(Config &config, const Value &value) {
+std::string readableFile(const Value &value) {
     fileContent(value);
-    config.*Member = value.text();
+    return value.text();
 }
 
-template <std::string Config::*Member>
-void readText(Config &config, const Value &value) {
-    config.*Member = value.text();
-}
-
-void readPassword(Config &config, const Value &value) {
-    if (!value.isObject()) {
-        config.password = value.text();
-        return;
+std::string passwordIn(const Value &file) {
+    std::string password = fileContent(file);
+    if (password.ends_with('\n')) {
+        password.pop_back();
     }
-    value.members({{"file", true, [&](const Value &file) {
-                        config.password = fileContent(file);
-                        if (config.password.ends_with('\n')) {
-                            config.password.pop_back();
-                        }
-                        if (config.password.find('\0') != config.password.npos) {
-                            file.refuse("the file holds a NUL");
-                        }
-                    }}});
+    if (password.find('\0') != password.npos) {
+        file.refuse("the file holds a NUL");
+    }
+    return password;
 }
 
-void readSite(Config &config, const Value &value) {
-    config.site = value.text();
-    checkSite(value, config.site);
+std::string password(const Value &value) {
+    if (!value.isObject()) {
+        return value.text();
+    }
+    std::string password;
+    value.members({{"file", true, [&](const Value &file) { password = passwordIn(file); }}});
+    return password;
 }
 
-void readPrefix(Config &config, const Value &value) {
-    config.prefix = value.text();
-    const std::string &prefix = config.prefix;
+std::string prefix(const Value &value) {
+    std::string prefix = value.text();
     if (prefix.empty() || prefix.size() > kLongestPrefix || prefix.front() == '$' ||
         prefix.front() == '/' || prefix.back() == '/' ||
         prefix.find_first_of("+#") != prefix.npos || !isUtf8(prefix)) {
         value.refuse("\"" + prefix + "\" can't begin a topic");
     }
+    return prefix;
 }
 
-void readOut(Config &config, const Value &value) {
-    value.elements([&](const Value &element) {
-        Config::Out out;
-        if (element.isObject()) {
-            element.members({{"topic", true, [&](const Value &v) { out.topic = v.text(); }},
-                             {"retain", false, [&](const Value &v) { out.retain = v.boolean(); }},
-                             {"expiry", false, [&](const Value &v) {
-                                  out.expiry = std::chrono::seconds{v.number(1, kLongestExpiry)};
-                              }}});
-            if (out.retain && out.expiry.count() > 0) {
-                element.refuse("\"retain\" and \"expiry\" exclude each other: what is sticky on a "
-                               "bus does not expire");
-            }
-        } else {
-            out.topic = element.text();
-        }
-        config.out.push_back(out);
-    });
+Config::Out out(const Value &value) {
+    Config::Out out;
+    if (!value.isObject()) {
+        out.topic = topic(value);
+        return out;
+    }
+    value.members({{"topic", true, [&](const Value &v) { out.topic = topic(v); }},
+                   {"retain", false, [&](const Value &v) { out.retain = v.boolean(); }},
+                   {"expiry", false, [&](const Value &v) {
+                        out.expiry = std::chrono::seconds{v.number(1, kLongestExpiry)};
+                    }}});
+    if (out.retain && out.expiry.count() > 0) {
+        value.refuse("\"retain\" and \"expiry\" exclude each other: what is sticky on a bus does "
+                     "not expire");
+    }
+    return out;
 }
 
-void readIn(Config &config, const Value &value) {
-    value.elements([&](const Value &element) {
-        config.in.push_back(element.text());
-        if (config.in.back() == "mqtt.state") {
-            element.refuse("\"mqtt.state\" tells of this bridge");
-        }
-    });
+std::string in(const Value &value) {
+    std::string in = topic(value);
+    if (in == "mqtt.state") {
+        value.refuse("\"mqtt.state\" tells of this bridge");
+    }
+    return in;
 }
 
-void readCall(Config &config, const Value &value) {
-    value.elements([&](const Value &element) {
-        Config::Call call;
-        if (element.isObject()) {
-            element.members({{"site", true, [&](const Value &v) { call.site = v.text(); }},
-                             {"node", true, [&](const Value &v) { call.node = v.text(); }}});
-        } else {
-            call.site = call.node = element.text();
-        }
-        checkSite(element, call.site);
-        checkNode(element, call.node);
-        config.call.push_back(call);
-    });
+Config::Call call(const Value &value) {
+    Config::Call call;
+    if (value.isObject()) {
+        value.members({{"site", true, [&](const Value &v) { call.site = site(v); }},
+                       {"node", true, [&](const Value &v) { call.node = node(v); }}});
+    } else {
+        call.site = call.node = site(value);
+    }
+    return call;
 }
 
-void readServe(Config &config, const Value &value) {
-    value.elements([&](const Value &element) {
-        const std::string node = element.text();
-        if (node != "bus" && node != "localKeys") {
-            checkNode(element, node);
-        }
-        config.serve.push_back(node);
-    });
+std::string served(const Value &value) {
+    const std::string text = value.text();
+    return text == "bus" || text == "localKeys" ? text : node(value);
 }
 
 void readBuffer(Config &config, const Value &value) {
-    value.members({{"messages", false,
-                    [&](const Value &v) { config.bufferMessages = v.number(1, 10'000'000); }},
-                   {"bytes", false, [&](const Value &v) {
-                        config.bufferBytes = v.number(1, std::uint64_t{1} << 40U);
-                    }}});
+    const std::uint64_t mostBytes = std::uint64_t{1} << 40U;
+    value.members(
+        {{"messages", false,
+          [&](const Value &v) { config.bufferMessages = v.number(1, 10'000'000); }},
+         {"bytes", false, [&](const Value &v) { config.bufferBytes = v.number(1, mostBytes); }}});
 }
 
 // ---- what several members say together ----
 
-void checkTexts(const char *member, std::vector<std::string> texts) {
-    std::sort(texts.begin(), texts.end());
-    const auto twice = std::adjacent_find(texts.begin(), texts.end());
-    if (twice != texts.end()) {
-        throw ConfigError{std::string{"\""} + member + "\": \"" + *twice + "\" stands there twice"};
-    }
-}
-
-template <typename List, typename Text>
-std::vector<std::string> textsOf(const List &list, Text text) {
-    std::vector<std::string> texts;
-    std::transform(list.begin(), list.end(), std::back_inserter(texts), text);
-    return texts;
-}
-
-void checkTopics(const Config &config) {
-    std::vector<std::string> out =
-        textsOf(config.out, [](const Config::Out &entry) { return entry.topic; });
-    checkTexts("out", out);
-    checkTexts("in", config.in);
-    const Topics topics{config.prefix, config.site};
-    const std::set<std::string> outgoing{out.begin(), out.end()};
-    for (const std::string &topic : config.in) {
-        if (outgoing.contains(topic)) {
-            throw ConfigError{"\"in\": \"" + topic +
-                              "\" stands in \"out\" too, so it would come back; use one topic for "
-                              "each way, or put a site's name in it"};
-        }
-    }
-    out.insert(out.end(), config.in.begin(), config.in.end());
-    for (const std::string &topic : out) {
-        if (topics.publication(topic).size() > kLongestTopic) {
-            throw ConfigError{"the topic \"" + topic.substr(0, 50) + "...\" is too long for MQTT"};
-        }
+void require(bool met, const std::string &otherwise) {
+    if (!met) {
+        throw ConfigError{otherwise};
     }
 }
 
 void checkTogether(const Config &config) {
-    checkTopics(config);
-    checkTexts("serve", config.serve);
-    checkTexts("call", textsOf(config.call, [](const Config::Call &entry) { return entry.node; }));
+    for (const Config::Out &out : config.out) {
+        require(std::find(config.in.begin(), config.in.end(), out.topic) == config.in.end(),
+                "\"in\": \"" + out.topic +
+                    "\" stands in \"out\" too, so it would come back; use one topic for each way, "
+                    "or put a site's name in it");
+    }
     for (const Config::Call &call : config.call) {
-        if (call.site == config.site) {
-            throw ConfigError{"\"call\": \"" + call.site + "\" is the own site"};
-        }
+        require(call.site != config.site, "\"call\": \"" + call.site + "\" is the own site");
     }
     const bool tls = std::any_of(config.brokers.begin(), config.brokers.end(),
                                  [](const Config::Broker &broker) { return broker.tls; });
-    if (!tls && !(config.ca + config.certificate + config.key).empty()) {
-        throw ConfigError{"\"ca\", \"cert\" and \"key\" are for a \"url\" with mqtts://"};
-    }
-    if (config.certificate.empty() != config.key.empty() ||
-        (config.ca.empty() && !config.key.empty())) {
-        throw ConfigError{"\"cert\" and \"key\" need each other, and \"ca\""};
-    }
-    if (config.user.empty() && !config.password.empty()) {
-        throw ConfigError{"\"password\" needs a \"user\""};
-    }
+    require(tls || (config.ca + config.certificate + config.key).empty(),
+            "\"ca\", \"cert\" and \"key\" are for a \"url\" with mqtts://");
+    require(config.certificate.empty() == config.key.empty() &&
+                (config.key.empty() || !config.ca.empty()),
+            "\"cert\" and \"key\" need each other, and \"ca\"");
+    require(config.password.empty() || !config.user.empty(), "\"password\" needs a \"user\"");
+}
+
+// A member of the configuration that may be left out.
+template <typename Type, typename Read>
+Member optional(const char *name, Type &member, Read read) {
+    return {name, false, [&member, read](const Value &value) { member = read(value); }};
+}
+
+template <typename Type>
+Member number(const char *name, Type &member, std::uint64_t least, std::uint64_t most) {
+    return optional(name, member,
+                    [=](const Value &value) { return Type(value.number(least, most)); });
+}
+
+// what: of an entry, that which is to be there once.
+template <typename Entry, typename What>
+Member list(const char *name, std::vector<Entry> &entries, Entry (*read)(const Value &),
+            What what) {
+    return {name, false, [=, &entries](const Value &value) {
+                std::set<std::string> seen;
+                value.elements([&](const Value &element) {
+                    entries.push_back(read(element));
+                    const std::string &text = std::invoke(what, entries.back());
+                    if (!seen.insert(text).second) {
+                        element.refuse("\"" + text + "\" stands there twice");
+                    }
+                });
+            }};
 }
 
 } // namespace
 
 Config readConfig(const char *json) {
     Config config;
-    const auto to = [&config](void (*read)(Config &, const Value &)) {
-        return [&config, read](const Value &value) { read(config, value); };
-    };
-    const auto number = [](auto &member, std::uint64_t least, std::uint64_t most) {
-        return [&member, least, most](const Value &value) {
-            member = std::decay_t<decltype(member)>(value.number(least, most));
-        };
-    };
-    readJson(json, {{"url", true, to(readUrl)},
-                    {"site", true, to(readSite)},
-                    {"prefix", false, to(readPrefix)},
-                    {"ca", false, to(readFileName<&Config::ca>)},
-                    {"cert", false, to(readFileName<&Config::certificate>)},
-                    {"key", false, to(readFileName<&Config::key>)},
-                    {"user", false, to(readText<&Config::user>)},
-                    {"password", false, to(readPassword)},
-                    {"out", false, to(readOut)},
-                    {"in", false, to(readIn)},
-                    {"call", false, to(readCall)},
-                    {"serve", false, to(readServe)},
-                    {"qos", false, number(config.qos, 0, 1)},
-                    {"callTimeout", false, number(config.callTimeout, 1, 3'600'000)},
-                    {"buffer", false, to(readBuffer)},
-                    {"sessionExpiry", false, number(config.sessionExpiry, 0, UINT32_MAX)},
-                    {"maxPacket", false, number(config.maxPacket, 1024, 268'435'456)},
-                    {"log", false, to(readText<&Config::log>)},
-                    {"logLevel", false, number(config.logLevel, 1, 5)},
-                    {"logSize", false, number(config.logSize, 0, 1'000'000)}});
+    const auto text = std::mem_fn(&Value::text);
+    const auto itself = std::identity{};
+    readJson(json, {{"url", true, [&](const Value &value) { config.brokers = brokers(value); }},
+                    {"site", true, [&](const Value &value) { config.site = site(value); }},
+                    optional("prefix", config.prefix, prefix),
+                    optional("ca", config.ca, readableFile),
+                    optional("cert", config.certificate, readableFile),
+                    optional("key", config.key, readableFile),
+                    optional("user", config.user, text),
+                    optional("password", config.password, password),
+                    list("out", config.out, out, &Config::Out::topic),
+                    list("in", config.in, in, itself),
+                    list("call", config.call, call, &Config::Call::node),
+                    list("serve", config.serve, served, itself),
+                    number("qos", config.qos, 0, 1),
+                    number("callTimeout", config.callTimeout, 1, 3'600'000),
+                    {"buffer", false, [&](const Value &value) { readBuffer(config, value); }},
+                    number("sessionExpiry", config.sessionExpiry, 0, UINT32_MAX),
+                    number("maxPacket", config.maxPacket, 1024, 268'435'456),
+                    optional("log", config.log, text),
+                    number("logLevel", config.logLevel, 1, 5),
+                    number("logSize", config.logSize, 0, 1'000'000)});
     checkTogether(config);
     return config;
 }

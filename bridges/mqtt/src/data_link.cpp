@@ -29,22 +29,25 @@ std::optional<Properties> propertiesOf(const Publication &publication) {
 
 } // namespace
 
-DataLink::DataLink(const Config &config, const Topics &topics, Buffer &buffer,
+DataLink::DataLink(const Config &config, const Topics &topics, Outbox &outbox,
                    std::optional<Inflow> &inflow, Log &log, Changed changed)
     : Link{config, log},
       topics_{topics},
-      buffer_{buffer},
+      outbox_{outbox},
       inflow_{inflow},
-      changed_{std::move(changed)},
-      underWay_{buffer} {}
+      changed_{std::move(changed)} {}
 
 void DataLink::allow(const std::optional<Target> &target) {
     {
         const std::lock_guard lock{targetMutex_};
-        target_ = target.value_or(Target{});
+        target_ = target;
     }
-    allowed_ = target.has_value();
     wake();
+}
+
+std::optional<Target> DataLink::target() {
+    const std::lock_guard lock{targetMutex_};
+    return target_;
 }
 
 Purpose DataLink::purpose() const {
@@ -52,16 +55,15 @@ Purpose DataLink::purpose() const {
 }
 
 void DataLink::seek() {
-    std::unique_lock lock{targetMutex_};
-    const Target target = target_;
-    lock.unlock();
-    underWay_.connectionLost(false); // again, where memory was short then
-    connect(target, kLongestConnect);
+    outbox_.connectionLost(false); // again, where memory was short then
+    if (const std::optional<Target> to = target()) {
+        connect(*to, kLongestConnect);
+    }
 }
 
 void DataLink::lost(const std::string &why, bool byBroker) {
     round_ = Round::kNone;
-    const std::optional<Publication> givenUp = underWay_.connectionLost(byBroker);
+    const std::optional<Publication> givenUp = outbox_.connectionLost(byBroker);
     if (givenUp) {
         refuse(*givenUp, "the broker has ended every connection at it");
     }
@@ -82,7 +84,7 @@ void DataLink::everySecond() {
 // ---- what goes out ----
 
 void DataLink::flush() {
-    while (std::optional<Publication> publication = underWay_.next(window_)) {
+    while (std::optional<Publication> publication = outbox_.next(window_)) {
         if (!publish(std::move(*publication))) {
             break;
         }
@@ -93,7 +95,7 @@ void DataLink::flush() {
 bool DataLink::publish(Publication publication) {
     const std::optional<Properties> properties = propertiesOf(publication);
     if (!properties) {
-        ++expired_;
+        ++outbox_.expired;
         return true;
     }
     int mid = 0;
@@ -102,16 +104,16 @@ bool DataLink::publish(Publication publication) {
     switch (result) {
     case MOSQ_ERR_SUCCESS:
         if (mid != sentMid_) {
-            underWay_.sent(mid, std::move(publication));
+            outbox_.sent(mid, std::move(publication));
         }
         return true;
     case MOSQ_ERR_CONN_LOST: // perhaps at this one
     case MOSQ_ERR_ERRNO:
-        underWay_.sent(mid, std::move(publication));
+        outbox_.sent(mid, std::move(publication));
         return false;
     case MOSQ_ERR_NO_CONN:
     case MOSQ_ERR_NOMEM:
-        underWay_.back(std::move(publication));
+        outbox_.back(std::move(publication));
         return false;
     default:
         refuse(publication, errorText(result));
@@ -120,7 +122,7 @@ bool DataLink::publish(Publication publication) {
 }
 
 void DataLink::acknowledged(int mid, int reason) {
-    const std::optional<Publication> publication = underWay_.done(mid);
+    const std::optional<Publication> publication = outbox_.done(mid);
     if (!publication) {
         return;
     }
@@ -131,43 +133,30 @@ void DataLink::acknowledged(int mid, int reason) {
     }
 }
 
-// It is told once a second for each topic.
 void DataLink::refuse(const Publication &publication, const std::string &why) {
-    ++refused_;
-    Refusals &refusals = refusals_[publication.topic];
-    const auto now = Clock::now();
-    if (now - refusals.told < std::chrono::seconds{1}) {
-        ++refusals.since;
-        return;
-    }
-    const std::string size = std::to_string(publication.payload.size());
-    const std::string others = std::to_string(refusals.since);
-    log_.error({"a publication to ", publication.topic, " of ", size,
-                " bytes is lost, the broker does not take it: ", why, "; before it ", others,
-                " more"});
-    refusals = {now, 0};
+    ++outbox_.refused;
+    tellRefusal(publication.topic,
+                "a publication of " + std::to_string(publication.payload.size()) + " bytes to",
+                why);
 }
 
 void DataLink::tellDrops() {
-    const Buffer::Fill fill = buffer_.fill();
-    const std::uint64_t all = fill.dropped + expired_;
-    if (all > told_) {
-        log_.warning(std::to_string(all - told_) +
+    const std::uint64_t dropped = outbox_.dropped;
+    const std::uint64_t expired = outbox_.expired;
+    if (dropped + expired > told_) {
+        const Outbox::Fill fill = outbox_.fill();
+        log_.warning(std::to_string(dropped + expired - told_) +
                      " publications were dropped: the buffer was full, or they had expired (" +
-                     std::to_string(fill.dropped) + " and " + std::to_string(expired_) +
+                     std::to_string(dropped) + " and " + std::to_string(expired) +
                      " since the start); " + std::to_string(fill.messages) + " wait, of " +
                      std::to_string(fill.bytes) + " bytes");
-        told_ = all;
+        told_ = dropped + expired;
     }
 }
 
 std::size_t DataLink::unsent() {
-    return buffer_.fill().messages + underWay_.unfinished();
-}
-
-DataLink::Counts DataLink::counts() {
-    const std::lock_guard lock{mutex_};
-    return {refused_, expired_, underWay_.unfinished()};
+    const Outbox::Fill fill = outbox_.fill();
+    return fill.messages + fill.underWay;
 }
 
 // ---- what comes in ----

@@ -4,13 +4,11 @@
 #ifndef ZELVO_MQTT_DATA_LINK_H
 #define ZELVO_MQTT_DATA_LINK_H
 
-#include "buffer.h"
 #include "inflow.h"
 #include "link.h"
+#include "outbox.h"
 #include "topics.h"
-#include "under_way.h"
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -25,7 +23,7 @@ public:
     // changed: there is a connection, or none, and why; in the link's thread, must not block.
     using Changed = std::function<void(bool connected, const std::string &why)>;
     // inflow may be emplaced until the link starts.
-    DataLink(const Config &config, const Topics &topics, Buffer &buffer,
+    DataLink(const Config &config, const Topics &topics, Outbox &outbox,
              std::optional<Inflow> &inflow, Log &log, Changed changed);
     DataLink(const DataLink &) = delete;
     DataLink &operator=(const DataLink &) = delete;
@@ -34,12 +32,6 @@ public:
     // Where it is to connect to, or that it is not to be connected. Any thread.
     void allow(const std::optional<Target> &target);
 
-    struct Counts {
-        std::uint64_t refused, expired; // since the start
-        std::size_t underWay;
-    };
-    Counts counts();
-
 private:
     // What is retained is asked for in rounds, behind each of which comes the own presence:
     // first until what the broker has kept for the session has come, then all, and then what is
@@ -47,7 +39,7 @@ private:
     enum class Round { kNone, kKept, kAll, kMissing };
 
     Purpose purpose() const override;
-    bool mayConnect() const override { return allowed_.load(); }
+    bool mayConnect() override { return target().has_value(); }
     void seek() override;
     void greet() override;
     void flush() override;
@@ -58,6 +50,7 @@ private:
     std::chrono::milliseconds pause() override;
     std::size_t unsent() override;
 
+    std::optional<Target> target();
     bool publish(Publication publication);
     void refuse(const Publication &publication, const std::string &why);
     void tellDrops();
@@ -67,22 +60,14 @@ private:
     void answered();
 
     const Topics &topics_;
-    Buffer &buffer_;
+    Outbox &outbox_;
     std::optional<Inflow> &inflow_;
     const Changed changed_;
-    std::atomic<bool> allowed_{false};
-    std::mutex targetMutex_; // taken after the link's
-    Target target_;          // guarded by it
+    std::mutex targetMutex_;       // taken after the link's
+    std::optional<Target> target_; // guarded by it; nothing: it is not to be connected
 
     // The link's mutex guards the rest.
-    UnderWay underWay_;
-    std::uint64_t refused_ = 0, expired_ = 0;
     std::uint64_t told_ = 0; // of what has been dropped
-    struct Refusals {
-        Clock::time_point told{};
-        int since = 0;
-    };
-    std::map<std::string, Refusals> refusals_; // by topic
 
     Round round_ = Round::kNone;
     std::uint32_t question_ = 0; // number of the latest

@@ -5,6 +5,7 @@
 #include <cJSON.h>
 
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -16,10 +17,22 @@ struct JsonDelete {
 };
 using Json = std::unique_ptr<cJSON, JsonDelete>;
 
-// Both throw std::bad_alloc.
-std::string printed(const cJSON *json);
+// Throws std::bad_alloc, as the next.
+inline std::string printed(const cJSON *json) {
+    const std::unique_ptr<char, JsonDelete> text{cJSON_PrintUnformatted(json)};
+    return text ? text.get() : throw std::bad_alloc{};
+}
+
 // ["a","b"], as the bus's functions take it; any bytes are kept.
-std::string jsonArray(const std::vector<std::string> &texts);
+inline std::string jsonArray(const std::vector<std::string> &texts) {
+    const Json array{cJSON_CreateArray()};
+    for (const std::string &text : texts) {
+        if (!cJSON_AddItemToArray(array.get(), cJSON_CreateString(text.c_str()))) {
+            throw std::bad_alloc{};
+        }
+    }
+    return printed(array.get());
+}
 
 } // namespace zelvo_mqtt
 

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <system_error>
 
-#include <poll.h>
 #include <sys/socket.h>
 
 namespace zelvo_mqtt {
@@ -22,7 +21,8 @@ constexpr milliseconds kLongestPause{10'000};
 constexpr milliseconds kFarewell{300};
 constexpr std::chrono::seconds kStands{10}; // a connection that has is a good one
 constexpr std::size_t kMostUnderWay = 64;   // the broker may allow fewer, mosquitto 20
-constexpr int kMostReads = 64;              // packets between two looks at what is to be sent
+constexpr const char *kSubscription = "the subscription to";
+constexpr int kMostReads = 64; // packets between two looks at what is to be sent
 
 } // namespace
 
@@ -50,7 +50,7 @@ void Link::start() {
 
 void Link::stop() {
     stopping_ = true;
-    wake_.set();
+    waiter_.wake();
     if (thread_.joinable()) {
         thread_.join();
     }
@@ -62,7 +62,7 @@ void Link::kick() {
     }
     const std::unique_lock lock{mutex_, std::try_to_lock};
     if (lock.owns_lock()) {
-        if (!connected_) {
+        if (!isConnected()) {
             return;
         }
         flush();
@@ -70,7 +70,7 @@ void Link::kick() {
             return;
         }
     }
-    wake_.set();
+    waiter_.wake();
 }
 
 // ---- the thread ----
@@ -80,74 +80,111 @@ void Link::run() {
     std::unique_lock lock{mutex_};
     for (bool ends = false; !ends;) {
         ends = stopping_;
-        try {
-            ends ? sayFarewell(lock) : turn(lock);
-        } catch (const std::exception &failure) {
-            giveUp(failure.what());
-        }
+        attempt([&] { ends ? sayFarewell(lock) : turn(lock); });
     }
-    connected_ = false;
+    state_ = State::kDown;
 }
 
 // What is thrown, where memory or a thread is not to be had, costs the connection; the next one is
 // tried after a pause, as ever.
-void Link::giveUp(const char *why) {
-    log_.error({"a connection to the broker is given up: ", why});
+void Link::attempt(const std::function<void()> &step) {
     try {
-        fail(why);
-    } catch (const std::exception &failure) {
-        log_.error({"the bus is not told of it: ", failure.what()});
+        step();
+    } catch (const std::exception &thrown) {
+        log_.error({"a connection to the broker is given up: ", thrown.what()});
+        try {
+            fail(thrown.what());
+        } catch (const std::exception &failure) {
+            log_.error({"the bus is not told of it: ", failure.what()});
+        }
     }
 }
 
 // Waits for the broker, for senders, or for the time of what comes next, and does it.
 void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
     advance();
-    if (connected_) {
+    if (isConnected()) {
         flush();
     }
-    pollfd files[2] = {{wake_.descriptor(), POLLIN, 0}, {-1, 0, 0}};
+    const auto paused = state_ == State::kDown ? milliseconds{0} : pause();
     auto timeout = std::clamp(std::chrono::ceil<milliseconds>(until - Clock::now()),
                               milliseconds{0}, patience());
-    if (state_ != State::kDown) {
-        const auto paused = pause();
-        files[1].fd = mosquitto_socket(session_->get());
-        files[1].events = paused.count() > 0 ? 0 : POLLIN;
-        if (!open_ || mosquitto_want_write(session_->get())) {
-            files[1].events |= POLLOUT;
-        }
-        timeout = paused.count() > 0 ? std::min(timeout, paused) : timeout;
-    }
+    timeout = paused.count() > 0 ? std::min(timeout, paused) : timeout;
+    watch(paused.count() == 0);
     lock.unlock();
-    const int ready = poll(files, 2, static_cast<int>(timeout.count()));
+    const std::uint32_t events = waiter_.wait(timeout);
     lock.lock();
-    if (files[0].revents != 0) {
-        wake_.clear();
+    if (events != 0 && state_ != State::kDown) {
+        attend(events);
     }
-    if (ready > 0 && files[1].revents != 0 && state_ != State::kDown) {
-        attend(files[1].fd, files[1].revents);
+}
+
+void Link::watch(bool reads) {
+    if (state_ == State::kDown) {
+        return;
+    }
+    const bool writes = !open_ || mosquitto_want_write(session_->get());
+    waiter_.watch(mosquitto_socket(session_->get()),
+                  (reads && !guest_ ? std::uint32_t{EPOLLIN} : 0U) |
+                      (writes ? std::uint32_t{EPOLLOUT} : 0U));
+}
+
+void Link::readUntil(Clock::time_point until, const std::function<bool()> &done) {
+    std::unique_lock lock{mutex_, std::try_to_lock};
+    if (!lock.owns_lock() || guest_ || !isConnected()) {
+        return;
+    }
+    guest_ = true;
+    own_ = this;
+    watch(true);
+    guestWaiter_.watch(mosquitto_socket(session_->get()), EPOLLIN);
+    for (auto now = Clock::now(); isConnected() && !done() && now < until; now = Clock::now()) {
+        lock.unlock();
+        const auto events = guestWaiter_.wait(std::chrono::ceil<milliseconds>(until - now));
+        lock.lock();
+        if (events != 0 && isConnected()) {
+            attempt([this] {
+                work(1); // then it may be done
+                flush();
+            });
+        }
+    }
+    own_ = nullptr;
+    guest_ = false;
+    if (isConnected() && !mosquitto_want_write(session_->get())) {
+        watch(true);
+    } else {
+        waiter_.wake();
+    }
+}
+
+void Link::wakeGuest() {
+    if (guest_ && !isOwnThread()) {
+        guestWaiter_.wake();
     }
 }
 
 // In a handshake of TLS the library takes a connection that has failed for one that goes on.
-void Link::attend(int file, int events) {
+void Link::attend(std::uint32_t events) {
     open_ = true;
-    if (state_ == State::kConnecting && (events & POLLERR) != 0) {
+    if (state_ == State::kConnecting && (events & EPOLLERR) != 0) {
         int error = 0;
         socklen_t size = sizeof error;
-        getsockopt(file, SOL_SOCKET, SO_ERROR, &error, &size);
+        getsockopt(mosquitto_socket(session_->get()), SOL_SOCKET, SO_ERROR, &error, &size);
         if (error != 0) {
             fail(std::generic_category().message(error));
             return;
         }
     }
-    work((events & ~POLLOUT) != 0);
-    if (state_ == State::kConnecting && (events & POLLHUP) != 0) {
+    // A handshake goes on by reading.
+    const bool reads = (events & ~std::uint32_t{EPOLLOUT}) != 0;
+    work(reads ? kMostReads : state_ == State::kConnecting ? 1 : 0);
+    if (state_ == State::kConnecting && (events & EPOLLHUP) != 0) {
         fail(errorText(MOSQ_ERR_CONN_LOST));
     }
 }
 
-milliseconds Link::patience() const {
+milliseconds Link::patience() {
     if (state_ != State::kDown || !mayConnect()) {
         return milliseconds{500};
     }
@@ -234,22 +271,19 @@ void Link::callBack() {
 }
 
 // Reads what is there, and writes.
-void Link::work(bool readable) {
-    for (int i = 0; readable && i < kMostReads && state_ != State::kDown; ++i) {
+void Link::work(int packets) {
+    for (; packets > 0 && state_ != State::kDown; --packets) {
         errno = 0;
         end(mosquitto_loop_read(session_->get(), 1));
         if (errno == EAGAIN || pause().count() > 0) { // read empty
             break;
         }
     }
-    if (!readable && state_ == State::kConnecting) { // a handshake goes on by reading
-        end(mosquitto_loop_read(session_->get(), 1));
-    }
     if (state_ != State::kDown && mosquitto_want_write(session_->get())) {
         end(mosquitto_loop_write(session_->get(), 1));
     }
-    if (state_ == State::kUp && !connected_) { // not in the callback, where the library only queues
-        connected_ = true;
+    if (state_ == State::kAccepted) { // not in the callback, where the library only queues
+        enter(State::kUp);
         denied_.clear();
         greet();
     }
@@ -284,7 +318,10 @@ void Link::fail(std::string_view why) {
     retry_ = good ? kFirstPause : std::clamp(retry_ * 2, kFirstPause, kLongestPause);
     due_ = hasAnother() && !wasUp ? now : now + retry_;
     enter(State::kDown);
-    connected_ = false;
+    const bool closed = !session_ || mosquitto_socket(session_->get()) < 0;
+    waiter_.forget(closed);
+    guestWaiter_.forget(closed);
+    wakeGuest();
     asked_.clear();
     lost(reasonOf(why), wasUp && byBroker_);
 }
@@ -308,7 +345,7 @@ void Link::onConnect(int reason, bool sessionKept, const mosquitto_property *pro
     mostQos_ = qos;
     retains_ = retains != 0;
     sessionKept_ = sessionKept;
-    enter(State::kUp);
+    enter(State::kAccepted);
 }
 
 void Link::onDisconnect(int reason) {
@@ -329,16 +366,29 @@ void Link::onSubscribe(int mid, int reason) {
         return;
     }
     if (reason >= 128) {
-        deny(found->second, "the subscription to", reason);
+        deny(found->second, kSubscription, mosquitto_reason_string(reason));
     }
     asked_.erase(found);
 }
 
 // ---- what it is told ----
 
-void Link::deny(const std::string &topic, const char *what, int reason) {
-    log_.error({"the broker refuses ", what, " ", topic, ": ", mosquitto_reason_string(reason)});
+void Link::tellRefusal(const std::string &topic, std::string_view what, std::string_view why) {
+    Refusals &refusals = refusals_[topic];
+    const auto now = Clock::now();
+    if (now - refusals.told < std::chrono::seconds{1}) {
+        ++refusals.since;
+        return;
+    }
+    const std::string more =
+        refusals.since > 0 ? "; before it " + std::to_string(refusals.since) + " more" : "";
+    log_.error({what, " ", topic, " is refused: ", why, more});
+    refusals = {now, 0};
+}
+
+void Link::deny(const std::string &topic, std::string_view what, std::string_view why) {
     denied_.insert(topic);
+    tellRefusal(topic, what, why);
 }
 
 // The number comes back with what the subscription brings.
@@ -353,10 +403,9 @@ void Link::subscribe(const std::string &topic, int qos, int options, std::uint32
                                               std::min(qos, mostQos_), options, list);
     if (result == MOSQ_ERR_SUCCESS) {
         asked_.emplace(mid, topic);
-        return;
+    } else {
+        deny(topic, kSubscription, errorText(result));
     }
-    log_.error({"the subscription to ", topic, " can't be sent: ", errorText(result)});
-    denied_.insert(topic);
 }
 
 void Link::unsubscribe(const std::string &topic) {
@@ -381,11 +430,11 @@ std::vector<std::string> Link::denied() {
 
 void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
     const auto end = Clock::now() + kFarewell;
-    while (connected_ && unsent() > 0 && Clock::now() < end) {
+    while (isConnected() && unsent() > 0 && Clock::now() < end) {
         turn(lock, end);
     }
     const auto last = Clock::now() + kFarewell / 3;
-    if (connected_) {
+    if (isConnected()) {
         mosquitto_disconnect_v5(session_->get(), farewellReason(), nullptr);
         while (state_ != State::kDown && Clock::now() < last) {
             turn(lock, last);

@@ -8,13 +8,14 @@
 #include "log.h"
 #include "node.h"
 #include "session.h"
-#include "wake.h"
+#include "waiter.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -32,7 +33,8 @@ std::string clientId(const Config &config);
 
 // Threads: any may call what is public, except start() and stop(). Nothing waits for the network
 // but stop(). All use of the library's handle is under one mutex; senders try it, and where the
-// thread has it leave the sending to the thread.
+// thread has it leave the sending to the thread. What is said of the thread goes for whoever reads
+// in its place, too.
 class Link {
 public:
     Link(const Link &) = delete;
@@ -43,11 +45,17 @@ public:
     // Gives what is to be sent kFarewell to go out, then disconnects and ends the thread.
     void stop();
 
-    bool isConnected() const { return connected_.load(std::memory_order_relaxed); }
+    bool isConnected() const { return state_ == State::kUp; }
     // Something is to be sent.
     void kick();
     // Something that the thread waits for may have come.
-    void wake() { wake_.set(); }
+    void wake() { waiter_.wake(); }
+    // Reads in place of the thread, until done() or until then: whoever waits for a message is so
+    // woken by the broker, and not by a thread that the broker has woken. Returns sooner where
+    // another does that already, or there is no connection. done() is called with the mutex held,
+    // and again after wakeGuest().
+    void readUntil(Clock::time_point until, const std::function<bool()> &done);
+    void wakeGuest();
     // The topics that the broker does not allow on this connection.
     std::vector<std::string> denied();
 
@@ -57,7 +65,7 @@ protected:
     // What a connection is for. The thread calls these, with the mutex held, flush() also a
     // sender; none may block or call another link, unless it says so.
     virtual Purpose purpose() const = 0;
-    virtual bool mayConnect() const { return true; }
+    virtual bool mayConnect() { return true; }
     virtual bool hasAnother() const { return false; } // to be tried at once
     virtual void seek() = 0;  // connect(), or fail(), or wait for being asked again
     virtual void greet() = 0; // what begins a connection
@@ -80,8 +88,10 @@ protected:
     // A result of the library, which is MOSQ_ERR_SUCCESS where it has taken the message.
     int put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
             const Properties &properties);
-    // Tells that the broker does not allow what belongs to a topic.
-    void deny(const std::string &topic, const char *what, int reason);
+    // Tells what is refused that belongs to a topic, once a second for each topic.
+    void tellRefusal(const std::string &topic, std::string_view what, std::string_view why);
+    // The same of what the broker does not allow on this connection.
+    void deny(const std::string &topic, std::string_view what, std::string_view why);
     void prosper() { prospers_ = true; }
     bool isOwnThread() const { return own_ == this; }
 
@@ -95,19 +105,20 @@ protected:
     bool sessionKept_ = false;
 
 private:
-    enum class State { kDown, kConnecting, kUp };
+    enum class State { kDown, kConnecting, kAccepted, kUp };
 
     void run();
     void turn(std::unique_lock<std::mutex> &lock,
               Clock::time_point until = Clock::time_point::max());
     void sayFarewell(std::unique_lock<std::mutex> &lock);
-    std::chrono::milliseconds patience() const;
+    std::chrono::milliseconds patience();
     void advance();
     void enter(State state);
-    void attend(int file, int events);
-    void work(bool readable);
+    void watch(bool reads);
+    void attempt(const std::function<void()> &step);
+    void attend(std::uint32_t events);
+    void work(int packets);
     void end(int result);
-    void giveUp(const char *why);
     void callBack();
     std::string reasonOf(std::string_view failure) const;
 
@@ -117,16 +128,16 @@ private:
     void onDisconnect(int reason);
     void onSubscribe(int mid, int reason);
 
-    // The link whose thread this is: it holds the mutex while it is called back.
+    // The link that this thread reads: it holds the mutex while it is called back.
     static thread_local const Link *own_;
 
-    Wake wake_;
+    Waiter waiter_, guestWaiter_; // guarded by mutex_ but for waiting and waking
+    std::atomic<bool> guest_{false};
     std::atomic<bool> stopping_{false};
-    std::atomic<bool> connected_{false};
+    std::atomic<State> state_{State::kDown}; // written with mutex_ held
     std::thread thread_;
 
-    std::optional<Session> session_; // guarded by mutex_, as the others
-    State state_ = State::kDown;
+    std::optional<Session> session_;     // guarded by mutex_, as the others
     bool open_ = false;                  // the socket has been ready since it was made
     std::string libraryError_, refusal_; // of this connection
     std::exception_ptr thrown_;          // by a callback of it
@@ -138,6 +149,11 @@ private:
     Clock::time_point second_{};       // when it was last looked after what comes now and then
     std::map<int, std::string> asked_; // subscriptions that have not been answered
     std::set<std::string> denied_;
+    struct Refusals {
+        Clock::time_point told{};
+        int since = 0;
+    };
+    std::map<std::string, Refusals> refusals_; // by topic
 };
 
 } // namespace zelvo_mqtt

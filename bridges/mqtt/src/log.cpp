@@ -48,25 +48,22 @@ Log::~Log() {
 
 bool Log::open(const std::string &path, Level least, std::size_t most) {
     const std::lock_guard lock{mutex_};
-    path_ = path;
-    if (!path.empty() && !begin(false)) {
+    if (!path.empty() && !append(path)) {
         return false;
     }
+    path_ = path;
     least_ = least;
     most_ = most;
     return true;
 }
 
-// Where the new file can't be made, the lines go on in the old one.
-bool Log::begin(bool anew) {
-    if (anew) {
-        std::remove(path_.c_str());
-    }
-    std::unique_ptr<std::FILE, Close> file{std::fopen(path_.c_str(), "ae")};
+bool Log::append(const std::string &path) {
+    std::unique_ptr<std::FILE, Close> file{std::fopen(path.c_str(), "ae")};
     if (file) {
         file_ = std::move(file);
+        return true;
     }
-    return file_ != nullptr;
+    return false;
 }
 
 void Log::write(Level level, Parts parts, Place place) noexcept {
@@ -105,7 +102,8 @@ void Log::tellLeftOut() {
 
 void Log::print(Level level, Parts parts, Place place) {
     if (file_ && most_ > 0 && static_cast<std::size_t>(std::ftell(file_.get())) >= most_) {
-        begin(true);
+        std::remove(path_.c_str());
+        append(path_); // else the lines go on in the old one
     }
     std::FILE *const out = file_ ? file_.get() : stderr;
     std::fprintf(out, "[%05d:%05d]%s [%c] %s#%4d#  zelvo-mqtt %s %s\n", static_cast<int>(getpid()),

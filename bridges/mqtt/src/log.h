@@ -61,7 +61,7 @@ private:
     };
     bool admits();
     void tellLeftOut();
-    bool begin(bool anew);
+    bool append(const std::string &path);
     void print(Level level, Parts parts, Place place);
 
     Level least_ = Level::kInfo;

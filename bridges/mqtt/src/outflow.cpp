@@ -7,10 +7,10 @@
 namespace zelvo_mqtt {
 
 Outflow::Outflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-                 Passing &passing, Buffer &buffer, Log &log, std::function<void()> kick,
+                 Passing &passing, Outbox &outbox, Log &log, std::function<void()> kick,
                  std::function<std::string()> state)
     : passing_{passing},
-      buffer_{buffer},
+      outbox_{outbox},
       log_{log},
       kick_{std::move(kick)},
       state_{std::move(state)},
@@ -37,7 +37,7 @@ int Outflow::onMessage(void *self, client_t *, char *topic, char *data, int len)
         outflow.take(topic,
                      data ? std::string{data, static_cast<std::size_t>(len)} : std::string{});
     } catch (const std::exception &failure) {
-        outflow.buffer_.countDrop();
+        ++outflow.outbox_.dropped;
         outflow.log_.error({"a publication of ", topic, " is lost: ", failure.what()});
     }
     return 0;
@@ -64,7 +64,7 @@ void Outflow::take(const char *topic, std::string payload) {
     if (way->second.expiry.count() > 0) {
         publication.until = Clock::now() + way->second.expiry;
     }
-    buffer_.push(std::move(publication));
+    outbox_.push(std::move(publication));
     kick_();
 }
 

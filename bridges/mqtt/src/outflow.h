@@ -2,10 +2,10 @@
 #ifndef ZELVO_MQTT_OUTFLOW_H
 #define ZELVO_MQTT_OUTFLOW_H
 
-#include "buffer.h"
 #include "config.h"
 #include "log.h"
 #include "node.h"
+#include "outbox.h"
 #include "passing.h"
 #include "topics.h"
 
@@ -19,10 +19,10 @@ namespace zelvo_mqtt {
 
 class Outflow {
 public:
-    // kick: called in the node's thread when something is in the buffer. state: the answer of the
+    // kick: called in the node's thread when something is in the outbox. state: the answer of the
     // call "state", in the same thread. Joins the bus; throws OpenError.
     Outflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-            Passing &passing, Buffer &buffer, Log &log, std::function<void()> kick,
+            Passing &passing, Outbox &outbox, Log &log, std::function<void()> kick,
             std::function<std::string()> state);
 
     void start();
@@ -41,7 +41,7 @@ private:
     void take(const char *topic, std::string payload);
 
     Passing &passing_;
-    Buffer &buffer_;
+    Outbox &outbox_;
     Log &log_;
     const std::function<void()> kick_;
     const std::function<std::string()> state_;

@@ -3,9 +3,13 @@
 #include <algorithm>
 #include <iterator>
 #include <string_view>
+#include <utility>
 
 namespace zelvo_mqtt {
 namespace {
+
+// For so long after a call the node's thread waits for the next one itself.
+constexpr std::chrono::milliseconds kLinger{50};
 
 // What else the bus does when it is asked, it does to the node that asks: here the bridge's.
 bool isAboutCaller(std::string_view url) {
@@ -33,6 +37,12 @@ Serving::Serving(Zelvo_t *bus, const Config &config, const Topics &topics, const
         std::string caller = name;
         caller.append(".serve.").append(number);
         callers_.emplace_back(*this, bus, caller, served);
+    }
+}
+
+void Serving::Caller::drop() {
+    for (; !requests.empty(); requests.pop_back()) {
+        serving.bytes_ -= requests.back().size();
     }
 }
 
@@ -95,17 +105,25 @@ const char *Serving::refusalOf(const Request &request, Caller *caller) {
 }
 
 bool Serving::append(Caller &caller, Request request) {
-    const std::lock_guard lock{caller.mutex};
+    std::unique_lock lock{caller.mutex};
     if (caller.closing) {
         return false;
     }
-    if (!caller.scheduled && busClientSettimer(caller.node.get(), onTimer, 0, 0, &caller) < 0) {
-        return false;
-    }
-    caller.scheduled = true;
     bytes_ += request.size();
     caller.requests.push_back(std::move(request));
-    return true;
+    const bool scheduled = std::exchange(caller.scheduled, true);
+    lock.unlock(); // the node's thread, which is woken, is not to wait for it
+    if (scheduled) {
+        link_.wakeGuest();
+        return true;
+    }
+    if (busClientSettimer(caller.node.get(), onTimer, 0, 0, &caller) >= 0) {
+        return true;
+    }
+    lock.lock();
+    caller.scheduled = false;
+    caller.drop();
+    return false;
 }
 
 int Serving::onTimer(void *self, client_t *, int) {
@@ -123,6 +141,10 @@ int Serving::onTimer(void *self, client_t *, int) {
 }
 
 std::optional<Serving::Request> Serving::next(Caller &caller) {
+    link_.readUntil(Clock::now() + kLinger, [&] {
+        const std::lock_guard lock{caller.mutex};
+        return !caller.requests.empty() || caller.closing;
+    });
     const std::lock_guard lock{caller.mutex};
     if (caller.requests.empty() || caller.closing) {
         caller.scheduled = false;
@@ -165,8 +187,9 @@ void Serving::close() {
     for (Caller &caller : callers_) {
         const std::lock_guard lock{caller.mutex};
         caller.closing = true;
-        caller.requests.clear();
+        caller.drop();
     }
+    link_.wakeGuest();
 }
 
 } // namespace zelvo_mqtt

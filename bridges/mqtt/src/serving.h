@@ -58,9 +58,11 @@ private:
         const std::string callee;
         std::mutex mutex; // of the next three
         std::deque<Request> requests;
-        bool scheduled = false; // the node's thread will look at the requests
+        bool scheduled = false; // the node's thread looks at the requests, or will
         bool closing = false;
         Node node; // last: its thread uses the others
+
+        void drop(); // what waits; with the mutex held
     };
 
     static int onTimer(void *self, client_t *, int);

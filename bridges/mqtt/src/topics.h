@@ -44,7 +44,6 @@ public:
     // Whether answers of this site may go to a topic that somebody else has chosen.
     bool isForOwnAnswers(std::string_view topic) const;
     bool isAnswer(std::string_view topic) const { return topic.starts_with(allAnswers_); }
-    bool isPublication(std::string_view topic) const { return topic.starts_with(publications_); }
     // The site whose presence a topic is. Nothing: no presence.
     std::optional<std::string> siteOf(std::string_view topic) const;
 

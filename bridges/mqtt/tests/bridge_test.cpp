@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr const char *kRefused = "{\"data\":\"not implement\"}";
-
 class Bridges : public testing::Test {
 protected:
     Bridges() { broker.start(); }
@@ -104,7 +102,7 @@ TEST_F(Bridges, calls_reach_what_is_served_and_nothing_else) {
 }
 
 TEST_F(Bridges, late_and_foreign_answers_are_dropped) {
-    Bridged one{broker.url(), "one", R"("call":["two","three"],"callTimeout":300)"};
+    Bridged one{broker.url(), "one", R"("call":["two","three"],"callTimeout":1000)"};
     ASSERT_TRUE(one.connects());
     Peer two{broker, "zelvo/call/two/#"};
     const auto ask = [&] {
@@ -225,77 +223,53 @@ TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
 
 // ---- TLS and password ----
 
-class Secured : public testing::Test {
-protected:
-    static std::string options() {
-        return "password_file DIR/users\ncafile DIR/ca.pem\ncertfile DIR/server.pem\nkeyfile "
-               "DIR/server.key\n";
-    }
-    void make() {
-        const std::string at = broker.directory().path() + "/";
-        const std::string key =
-            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 9 ";
-        const std::string commands =
-            key + "-subj /CN=ca -keyout " + at + "ca.key -out " + at + "ca.pem && " + key +
-            "-subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout " + at +
-            "server.key -CA " + at + "ca.pem -CAkey " + at + "ca.key -out " + at +
-            "server.pem && mosquitto_passwd -b -c " + at + "users user secret";
-        ASSERT_EQ(std::system(("(" + commands + ") >" + at + "log 2>&1").c_str()), 0)
-            << readFile(at + "log");
-        std::ofstream{at + "password"} << "secret\n";
-        broker.start();
-    }
-    std::string members(const std::string &password) const {
-        return "\"ca\":\"" + broker.directory().file("ca.pem") +
-               "\",\"user\":\"user\",\"password\":" + password;
-    }
-    Broker broker{options()};
-};
-
-TEST_F(Secured, the_certificate_and_the_password_decide) {
-    make();
-    const std::string file = "{\"file\":\"" + broker.directory().file("password") + "\"}";
-    Bridged right{broker.url("mqtts", "localhost"), "right", members(file) + R"(,"in":["t"])"};
+TEST(Secured, the_certificate_and_the_password_decide) {
+    Broker broker{"password_file DIR/users\ncafile DIR/ca.pem\ncertfile DIR/server.pem\n"
+                  "keyfile DIR/server.key\n"};
+    const std::string at = broker.directory().path();
+    const std::string commands = "cd " + at + R"( && set -e && exec >log 2>&1
+        make() { openssl req -x509 -newkey ec -nodes -days 9 \
+            -pkeyopt ec_paramgen_curve:P-256 "$@"; }
+        make -subj /CN=ca -keyout ca.key -out ca.pem
+        make -subj /CN=localhost -addext subjectAltName=DNS:localhost -keyout server.key \
+            -CA ca.pem -CAkey ca.key -out server.pem
+        openssl req -new -key server.key -subj /CN=localhost | openssl x509 -req \
+            -CAcreateserial -days -1 -CA ca.pem -CAkey ca.key -out expired.pem
+        mosquitto_passwd -b -c users user secret && echo secret >password)";
+    ASSERT_EQ(std::system(commands.c_str()), 0) << readFile(at + "/log");
+    broker.start();
+    const auto members = [&](const std::string &password) {
+        return "\"ca\":\"" + at + "/ca.pem\",\"user\":\"user\",\"password\":" + password;
+    };
+    const std::string url = broker.url("mqtts", "localhost");
+    Bridged right{url, "right", members("{\"file\":\"" + at + "/password\"}") + R"(,"in":["t"])"};
     EXPECT_TRUE(right.connects()) << right.log();
     hear(right, R"(["t"])");
     {
-        Bridged from{broker.url("mqtts", "localhost"), "from",
-                     members("\"secret\"") + R"(,"out":["t"])"};
+        Bridged from{url, "from", members("\"secret\"") + R"(,"out":["t"])"};
         publish(from, "t", std::string(100'000, 'x'));
         EXPECT_TRUE(right.listener.hears("t=" + std::string(100'000, 'x')));
     }
-    Bridged wrong{broker.url("mqtts", "localhost"), "wrong", members("\"other\"")};
-    EXPECT_TRUE(wrong.logs("the broker refuses: Not authorized")) << wrong.log();
-    Bridged named{broker.url("mqtts", "127.0.0.1"), "named", members("\"secret\"")};
-    EXPECT_TRUE(
-        named.logs("no connection: the broker's certificate is refused: IP address mismatch"))
-        << named.log();
-    for (const char *const scheme : {"mqtt", "mqtts"}) {
-        Bridged refused{std::string{scheme} + "://127.0.0.1:1", "refused"};
-        EXPECT_TRUE(refused.logs("no connection: ")) << refused.log();
+    const std::string certificate = "no connection: the broker's certificate is refused: ";
+    const std::vector<std::array<std::string, 3>> cases = {
+        {url, members("\"other\""), "no connection: the broker refuses: Not authorized"},
+        {url, "\"qos\":0", certificate + "self-signed certificate in certificate chain"},
+        {broker.url("mqtts", "127.0.0.1"), members("\"x\""), certificate + "IP address mismatch"},
+        {"mqtt://127.0.0.1:1", "\"qos\":0", "no connection: "},
+        {"mqtts://127.0.0.1:1", "\"qos\":0", "no connection: "}};
+    for (const auto &[where, with, why] : cases) {
+        Bridged refused{where, "refused", with};
+        EXPECT_TRUE(refused.logs(why)) << refused.log();
+        EXPECT_FALSE(says(refused.log(), "other"));
     }
-    EXPECT_FALSE(says(wrong.log() + right.log(), "secret"));
+    broker.kill(SIGTERM);
+    std::filesystem::rename(at + "/expired.pem", at + "/server.pem");
+    broker.start();
+    EXPECT_TRUE(right.logs(certificate + "certificate has expired")) << right.log();
+    EXPECT_FALSE(says(right.log(), "secret"));
 }
 
 // ---- closing ----
-
-// Times a close, which ends within a second whatever the load is: far less without any.
-void expectQuick(const std::function<void()> &close) {
-    const auto begun = std::chrono::steady_clock::now();
-    close();
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds{5});
-}
-
-TEST(Closing, ends_without_a_broker) {
-    for (const char *const url : {"mqtt://127.0.0.1:1", "mqtt://10.255.255.1",
-                                  "mqtts://10.255.255.1", "mqtt://no-such-host.invalid"}) {
-        Bridged site{url, "site", R"("out":["t"],"call":["two"])"};
-        publish(site, "t", "x");
-        EXPECT_EQ(site.listener.node.call("/two/n/x"), kRefused);
-        expectQuick([&] { site.close(); });
-        EXPECT_TRUE(says(site.log(), "1 publications are lost")) << url << site.log();
-    }
-}
 
 TEST_F(Bridges, close_ends_a_call_that_waits_and_a_silent_broker) {
     Bridged site{broker.url(), "site", R"("call":["two"],"out":["t"],"callTimeout":600000)"};
@@ -305,7 +279,7 @@ TEST_F(Bridges, close_ends_a_call_that_waits_and_a_silent_broker) {
     Peer two{broker, "zelvo/site/#"};
     broker.pause();
     publish(site, "t", "x");
-    expectQuick([&] { site.close(); });
+    EXPECT_TRUE(isQuick([&] { site.close(); }));
     EXPECT_EQ(answer.get(), kRefused);
     broker.resume();
 }
@@ -318,9 +292,9 @@ TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
     Peer{broker, "x"}.publish("zelvo/call/site/slow/x", "", false,
                               requestProperties("zelvo/answer/p/site", "c"));
     ASSERT_TRUE(slow.asked.wait());
-    expectQuick([&] { EXPECT_EQ(zelvo_mqtt_close(site.get()), -1); });
+    EXPECT_TRUE(isQuick([&] { EXPECT_EQ(zelvo_mqtt_close(site.get()), -1); }));
     slow.free.set();
-    EXPECT_EQ(site.close(), 0);
+    site.close();
 }
 
 TEST_F(Bridges, close_ends_when_the_bus_has_stopped) {
@@ -329,7 +303,7 @@ TEST_F(Bridges, close_ends_when_the_bus_has_stopped) {
     ASSERT_TRUE(site.connects());
     site.bus.stop();
     Peer{broker, "x"}.publish("zelvo/topic/t", "x");
-    expectQuick([&] { EXPECT_EQ(site.close(), 0); });
+    EXPECT_TRUE(isQuick([&] { site.close(); }));
     site.bus.start();
 }
 

@@ -69,6 +69,8 @@ public:
     RunningNode node; // last: its thread uses the others
 };
 
+inline constexpr const char *kRefused = "{\"data\":\"not implement\"}";
+
 // A node that answers when it is let.
 struct Slow {
     Signal asked, free;
@@ -84,33 +86,24 @@ struct Slow {
 
 class Bridged {
 public:
-    // members: the configuration without "url", "site" and "log".
+    // url: one, or an array of them. members: the configuration without it, "site" and "log".
     Bridged(const std::string &url, const std::string &site, const std::string &members = "")
         : bus{R"({"level":5,"path":"/dev/null","callTimeout":20000,"stats":true})"},
           listener{bus.get(), "listener", R"(["mqtt.state"])"},
-          url_{url},
-          site_{site} {
-        open(url, members);
-    }
+          url_{url.front() == '[' ? url : '"' + url + '"'},
+          site_{site},
+          bridge_{another("\"site\":\"" + site + "\"" + (members.empty() ? "" : ",") + members,
+                          log_.file("log"))} {}
     ~Bridged() { close(); }
 
-    void open(const std::string &url, const std::string &members) {
-        bridge_ = zelvo_mqtt_open(bus.get(), (R"({"url":")" + url + R"(","site":")" + site_ +
-                                              R"(","log":")" + log_.file("log") + '"' +
-                                              (members.empty() ? "" : "," + members) + "}")
-                                                 .c_str());
-    }
-    int close() {
-        int result = 0;
-        while ((result = zelvo_mqtt_close(bridge_)) != 0) {}
+    void close() {
+        while (zelvo_mqtt_close(bridge_) != 0) {}
         bridge_ = nullptr;
-        return result;
     }
     // One more on the same bus, to be closed by whoever asks for it.
-    zelvo_mqtt_t *another(const std::string &members) {
+    zelvo_mqtt_t *another(const std::string &members, const std::string &log = "/dev/null") {
         return zelvo_mqtt_open(
-            bus.get(),
-            ("{\"log\":\"/dev/null\",\"url\":\"" + url_ + "\"," + members + "}").c_str());
+            bus.get(), ("{\"log\":\"" + log + "\",\"url\":" + url_ + "," + members + "}").c_str());
     }
     zelvo_mqtt_t *get() const { return bridge_; }
     bool connects() {
@@ -132,13 +125,20 @@ public:
 
 private:
     const std::string url_, site_;
-    zelvo_mqtt_t *bridge_ = nullptr;
+    zelvo_mqtt_t *bridge_;
 };
 
 inline void publish(Bridged &from, const std::string &topic, const std::string &payload,
                     bool sticky = false) {
     (sticky ? busClientPublishSticky : busClientPublish)(
         from.listener.node.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
+}
+
+// Whether a close ends within a second, or a few where the machine is loaded.
+inline bool isQuick(const std::function<void()> &close) {
+    const auto begun = std::chrono::steady_clock::now();
+    close();
+    return std::chrono::steady_clock::now() - begun < std::chrono::seconds{5};
 }
 
 inline void hear(Bridged &at, const std::string &topics) {

@@ -19,8 +19,6 @@ void require(bool met, const char *what) {
     }
 }
 
-using Handle = std::unique_ptr<mosquitto, decltype(&mosquitto_destroy)>;
-
 int freePort() {
     const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -55,11 +53,10 @@ void Broker::start(bool hidden) {
                           << "\nmax_queued_messages 0\nset_tcp_nodelay true\n"
                           << options;
     const char *const arguments[] = {"mosquitto", "-c", config.c_str(), nullptr};
-    char *const environment[] = {nullptr};
     const char *const program =
         access("/usr/sbin/mosquitto", X_OK) == 0 ? "/usr/sbin/mosquitto" : "mosquitto";
     require(posix_spawnp(&process_, program, nullptr, nullptr, const_cast<char *const *>(arguments),
-                         environment) == 0,
+                         environ) == 0,
             "mosquitto can't be started");
     const auto end = std::chrono::steady_clock::now() + kLimit;
     while (!accepts()) {
@@ -71,7 +68,7 @@ void Broker::start(bool hidden) {
 }
 
 bool Broker::accepts() const {
-    const Handle probe{mosquitto_new(nullptr, true, nullptr), mosquitto_destroy};
+    const MosquittoPtr probe{mosquitto_new(nullptr, true, nullptr)};
     return mosquitto_connect(probe.get(), "127.0.0.1", port(), 60) == 0;
 }
 
@@ -100,7 +97,6 @@ Peer::Peer(const Broker &broker, const std::string &subscription, const char *us
         static_cast<Peer *>(self)->messages_.push_back(
             {message->topic,
              {bytes ? bytes : "", static_cast<std::size_t>(message->payloadlen)},
-             message->retain,
              {correlation ? static_cast<char *>(correlation) : "", length}});
         std::free(correlation);
     });

@@ -40,13 +40,16 @@ private:
     pid_t process_ = -1;
 };
 
+struct MosquittoDestroy {
+    void operator()(mosquitto *handle) const { mosquitto_destroy(handle); }
+};
+using MosquittoPtr = std::unique_ptr<mosquitto, MosquittoDestroy>;
+
 // One thread uses it; it only hears while it is asked.
 class Peer {
 public:
     struct Message {
-        std::string topic, payload;
-        bool retain;
-        std::string correlation;
+        std::string topic, payload, correlation;
     };
     Peer(const Broker &broker, const std::string &subscription, const char *user = nullptr);
 
@@ -60,10 +63,7 @@ public:
 
 private:
     void turn();
-    struct Destroy {
-        void operator()(mosquitto *handle) const { mosquitto_destroy(handle); }
-    };
-    std::unique_ptr<mosquitto, Destroy> handle_;
+    MosquittoPtr handle_;
     std::deque<Message> messages_;
     bool subscribed_ = false;
     int published_ = -1; // the reason

@@ -1,10 +1,10 @@
 // The parts that need no broker.
-#include "buffer.h"
 #include "config.h"
 #include "json.h"
+#include "log.h"
+#include "outbox.h"
 #include "test_support.h"
 #include "topics.h"
-#include "under_way.h"
 
 #include <gtest/gtest.h>
 #include <mosquitto.h>
@@ -81,14 +81,14 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
         {configWith(R"("out":[{"topic":"x","expiry":1,"retain":true}])"),
          "\"out[0]\": \"retain\" and"},
         {configWith(R"("maxPacket":1000)"), "\"maxPacket\": has to be"},
-        {configWith(R"("out":["x","x"])"), "\"out\": \"x\" stands there twice"},
+        {configWith(R"("out":["x","x"])"), "\"out[1]\": \"x\" stands there twice"},
         {configWith(R"("out":["x"],"in":["y","x"])"), "\"in\": \"x\" stands in \"out\" too"},
         {configWith("\"in\":[\"" + longTopic + "\"]"), "is too long for MQTT"},
         {configWith(R"("in":["a\u0000b"])"), "has a NUL"},
         {configWith(R"("call":["s"])"), "\"call\": \"s\" is the own site"},
         {configWith(R"("call":["localK"])"), "\"call[0]\": \"localK\" is the bus's own name"},
-        {configWith(R"("call":[{"site":"t","node":"a/b"}])"), "\"call[0]\": \"a/b\""},
-        {configWith(R"("serve":["n","n"])"), "\"serve\": \"n\" stands there twice"},
+        {configWith(R"("call":[{"site":"t","node":"a/b"}])"), "\"call[0].node\": \"a/b\""},
+        {configWith(R"("serve":["n","n"])"), "\"serve[1]\": \"n\" stands there twice"},
         {configWith(R"("prefix":"a/#")"), "\"prefix\": \"a/#\""},
         {configWith(R"("ca":"/dev/null")"), "mqtts://"},
         {configWith("\"password\":{\"file\":" + here + "},\"user\":\"u\""), "\"password.file\""},
@@ -119,60 +119,73 @@ TEST(Config, is_taken_with_its_defaults_and_without) {
     EXPECT_TRUE(most.out[0].retain && most.serve[0] == "bus");
 }
 
-TEST(Buffer, drops_the_oldest_and_counts) {
-    Buffer buffer{3, 100};
+TEST(Log, a_file_that_has_got_too_large_is_begun_anew) {
+    const TempDir directory;
+    const std::string path = directory.file("log");
+    Log log;
+    ASSERT_TRUE(log.open(path, Level::kInfo, 2000));
+    for (int i = 0; i < 60; ++i) {
+        log.info("line " + std::to_string(i) + std::string(100, '.'));
+    }
+    EXPECT_LT(std::filesystem::file_size(path), 2000U + 300U);
+    EXPECT_TRUE(says(readFile(path), "line 59") && says(readFile(path), "line 55"));
+    EXPECT_FALSE(log.open(directory.path(), Level::kInfo));
+}
+
+TEST(Outbox, drops_the_oldest_and_counts) {
+    Outbox outbox{3, 100};
     const auto rest = [&] {
         std::string all;
-        while (const auto publication = buffer.pop()) {
+        while (const auto publication = outbox.next(1)) {
             all += publication->payload.substr(0, 1);
         }
         return all;
     };
     for (const char *const payload : {"1", "2", "3", "4", "5"}) {
-        buffer.push({"t", payload});
+        outbox.push({"t", payload});
     }
-    EXPECT_EQ(buffer.fill().dropped, 2U);
+    EXPECT_EQ(outbox.dropped, 2U);
     EXPECT_EQ(rest(), "345");
-    buffer.push({"t", std::string(60, 'a')});
-    buffer.push({"t", std::string(60, 'b')});
-    buffer.push({"t", std::string(100, 'c')}); // with its topic larger than all
-    EXPECT_EQ(buffer.fill().bytes, 61U);
-    EXPECT_EQ(buffer.fill().dropped, 4U);
+    outbox.push({"t", std::string(60, 'a')});
+    outbox.push({"t", std::string(60, 'b')});
+    outbox.push({"t", std::string(100, 'c')}); // with its topic larger than all
+    EXPECT_EQ(outbox.fill().bytes, 61U);
+    EXPECT_EQ(outbox.dropped, 4U);
     EXPECT_EQ(rest(), "b");
-    EXPECT_EQ(buffer.fill().bytes, 0U);
+    EXPECT_EQ(outbox.fill().bytes, 0U);
 }
 
-TEST(UnderWay, a_lost_connection_hands_over_what_was_not_acknowledged) {
-    Buffer buffer{100, std::size_t{20} << 20};
-    UnderWay underWay{buffer};
+TEST(Outbox, after_a_lost_connection_hands_over_what_was_not_acknowledged) {
+    Outbox outbox{100, std::size_t{20} << 20};
     const auto send = [&](int first, int last) {
         std::string all;
         for (int mid = first; mid <= last; ++mid) {
-            auto publication = underWay.next(4);
+            auto publication = outbox.next(4);
             all += publication ? publication->payload.substr(0, 1) : "-";
             if (publication) {
-                underWay.sent(mid, std::move(*publication));
+                outbox.sent(mid, std::move(*publication));
             }
         }
         return all;
     };
     for (const char *const payload : {"a", "b", "c", "d", "e", "f"}) {
-        buffer.push({"t", payload});
+        outbox.push({"t", payload});
     }
     EXPECT_EQ(send(1, 5), "abcd-");
-    EXPECT_TRUE(underWay.done(1) && underWay.done(2) && !underWay.done(1));
-    EXPECT_FALSE(underWay.connectionLost(false));
-    EXPECT_EQ(underWay.unfinished(), 2U);
+    EXPECT_TRUE(outbox.done(1) && outbox.done(2) && !outbox.done(1));
+    EXPECT_FALSE(outbox.connectionLost(false));
+    EXPECT_EQ(outbox.fill().underWay, 2U);
+    outbox.back(outbox.next(4).value());
     EXPECT_EQ(send(1, 2), "cd");
-    EXPECT_FALSE(underWay.connectionLost(true)); // c may be why, and goes alone
+    EXPECT_FALSE(outbox.connectionLost(true)); // c may be why, and goes alone
     EXPECT_EQ(send(1, 2), "c-");
-    EXPECT_FALSE(underWay.connectionLost(true));
+    EXPECT_FALSE(outbox.connectionLost(true));
     EXPECT_EQ(send(1, 2), "c-");
-    EXPECT_EQ(underWay.connectionLost(true).value_or(Publication{}).payload, "c");
-    buffer.push({"t", std::string(std::size_t{5} << 20, 'g')});
-    buffer.push({"t", "h"});
+    EXPECT_EQ(outbox.connectionLost(true).value_or(Publication{}).payload, "c");
+    outbox.push({"t", std::string(std::size_t{5} << 20, 'g')});
+    outbox.push({"t", "h"});
     EXPECT_EQ(send(1, 5), "defg-");
-    EXPECT_TRUE(underWay.done(1));
+    EXPECT_TRUE(outbox.done(1));
     EXPECT_EQ(send(5, 5), "-"); // too many bytes
 }
 

@@ -1,0 +1,94 @@
+// What a thread waits for: a socket, and other threads. Others may change meanwhile what it waits
+// for at the socket; it is not woken by that.
+#ifndef ZELVO_MQTT_WAITER_H
+#define ZELVO_MQTT_WAITER_H
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <system_error>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace zelvo_mqtt {
+
+class Waiter {
+public:
+    Waiter() : epoll_{epoll_create1(EPOLL_CLOEXEC)}, wake_{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)} {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = wake_;
+        if (epoll_ctl(epoll_, EPOLL_CTL_ADD, wake_, &event) != 0) {
+            const int error = errno;
+            close();
+            throw std::system_error{error, std::generic_category(), "epoll"};
+        }
+    }
+    Waiter(const Waiter &) = delete;
+    Waiter &operator=(const Waiter &) = delete;
+    ~Waiter() { close(); }
+
+    // The one socket, which is open, and events of epoll, besides which errors are always waited
+    // for. This and the next under a lock of the caller's.
+    void watch(int file, std::uint32_t events) {
+        if (file == file_ && events == events_) {
+            return;
+        }
+        epoll_event event{};
+        event.events = events;
+        event.data.fd = file;
+        epoll_ctl(epoll_, file == file_ ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, file, &event);
+        file_ = file;
+        events_ = events;
+    }
+    // closed: it is so already, and its number may be another file's.
+    void forget(bool closed) {
+        if (!closed && file_ >= 0) {
+            epoll_ctl(epoll_, EPOLL_CTL_DEL, file_, nullptr);
+        }
+        file_ = -1;
+    }
+    // Returns the events of the socket.
+    std::uint32_t wait(std::chrono::milliseconds limit) {
+        epoll_event ready[2] = {};
+        const int count = epoll_wait(epoll_, ready, 2, static_cast<int>(limit.count()));
+        std::uint32_t events = 0;
+        for (int i = 0; i < count; ++i) {
+            if (ready[i].data.fd == wake_) {
+                clear();
+            } else {
+                events = ready[i].events;
+            }
+        }
+        return events;
+    }
+    // Ends the wait of this moment, or the next. Any thread.
+    void wake() {
+        if (!woken_.exchange(true)) {
+            eventfd_write(wake_, 1);
+        }
+    }
+
+private:
+    void clear() {
+        eventfd_t number = 0;
+        eventfd_read(wake_, &number);
+        woken_.exchange(false); // sees what was done before a wake that has come in between
+    }
+    void close() const {
+        ::close(wake_);
+        ::close(epoll_);
+    }
+
+    const int epoll_, wake_;
+    int file_ = -1;
+    std::uint32_t events_ = 0;
+    std::atomic<bool> woken_{false};
+};
+
+} // namespace zelvo_mqtt
+
+#endif
