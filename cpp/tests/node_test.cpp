@@ -431,9 +431,8 @@ TEST(FaceEnd, a_handler_that_outlasts_its_node_gets_no_answer_any_more) {
         self.wait();
         EXPECT_EQ(node.call("/guard/x").cause, Cause::left);
         EXPECT_EQ(node.call_async("/guard/x").get().cause, Cause::left);
-        node.call_async("/guard/x", [timer = std::make_shared<Timer>()](const Answer &) {
-            ADD_FAILURE() << timer;
-        });
+        std::shared_ptr<Node> last{&node, [](Node *gone) { gone->call_async("/guard/x"); }};
+        node.call_async("/guard/x", [last = std::move(last)](const Answer &) { ADD_FAILURE(); });
         node.after(0ms, [] { ADD_FAILURE(); });
     });
     ASSERT_TRUE(running.wait());

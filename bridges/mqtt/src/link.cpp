@@ -120,24 +120,26 @@ void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
 }
 
 void Link::watch(bool reads) {
-    if (state_ == State::kDown) {
+    const int file = state_ == State::kDown ? -1 : mosquitto_socket(session_->get());
+    if (file < 0) {
         return;
     }
     const bool writes = !open_ || mosquitto_want_write(session_->get());
-    waiter_.watch(mosquitto_socket(session_->get()),
-                  (reads && !guest_ ? std::uint32_t{EPOLLIN} : 0U) |
-                      (writes ? std::uint32_t{EPOLLOUT} : 0U));
+    if (!waiter_.watch(file, (reads && !guest_ ? std::uint32_t{EPOLLIN} : 0U) |
+                                 (writes ? std::uint32_t{EPOLLOUT} : 0U))) {
+        fail(std::generic_category().message(errno));
+    }
 }
 
 void Link::readUntil(Clock::time_point until, const std::function<bool()> &done) {
     std::unique_lock lock{mutex_, std::try_to_lock};
-    if (!lock.owns_lock() || guest_ || !isConnected()) {
+    if (!lock.owns_lock() || guest_ || !isConnected() ||
+        !guestWaiter_.watch(mosquitto_socket(session_->get()), EPOLLIN)) {
         return;
     }
     guest_ = true;
     own_ = this;
     watch(true);
-    guestWaiter_.watch(mosquitto_socket(session_->get()), EPOLLIN);
     for (auto now = Clock::now(); isConnected() && !done() && now < until; now = Clock::now()) {
         lock.unlock();
         const auto events = guestWaiter_.wait(std::chrono::ceil<milliseconds>(until - now));

@@ -32,17 +32,21 @@ public:
     ~Waiter() { close(); }
 
     // The one socket, which is open, and events of epoll, besides which errors are always waited
-    // for. This and the next under a lock of the caller's.
-    void watch(int file, std::uint32_t events) {
+    // for. False: the system has no room, errno says which. This and the next under a lock of the
+    // caller's.
+    bool watch(int file, std::uint32_t events) {
         if (file == file_ && events == events_) {
-            return;
+            return true;
         }
         epoll_event event{};
         event.events = events;
         event.data.fd = file;
-        epoll_ctl(epoll_, file == file_ ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, file, &event);
+        if (epoll_ctl(epoll_, file == file_ ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, file, &event) != 0) {
+            return false;
+        }
         file_ = file;
         events_ = events;
+        return true;
     }
     // closed: it is so already, and its number may be another file's.
     void forget(bool closed) {

@@ -81,6 +81,7 @@ inline void NodeState::setPath(const std::string &path, HandlerPtr handler) {
     change({Change::Kind::set, {path}, std::move(handler)});
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the type is given
 inline int NodeState::onMessage(void *userdata, client_t * /*client*/, char *topic, char *data,
                                 int length) noexcept {
     NodeState &node = of(userdata);
