@@ -495,8 +495,10 @@ private:
         }
     }
     Timer set(detail::Clock::duration wait, const detail::TimerPtr &timer) {
-        state().addTimer(timer, wait);
-        return {state_, timer};
+        state();
+        const auto node = state_; // the timer may be about to destroy this
+        node->addTimer(timer, wait);
+        return {node, timer};
     }
 
     detail::BusPtr bus_;
