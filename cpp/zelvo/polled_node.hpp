@@ -61,13 +61,17 @@ public:
 
     // Can be read while there is something to dispatch; not to be read or closed. On Windows it is
     // a handle to wait for. Good as long as the node.
-    [[nodiscard]] detail::Signal::Native fd() const noexcept { return inbox_->native(); }
+    [[nodiscard]] detail::Signal::Native fd() const {
+        state();
+        return inbox_->native();
+    }
 
     // Does what there is to do, at most so much, and tells how much that was: a message, a call, or
     // all timers and completions that are due count as one. Does not wait; what comes behind is
     // told by fd(). By one thread at a time; not in a handler of the node itself, where there is
     // nothing to do.
     std::size_t dispatch(std::size_t at_most = static_cast<std::size_t>(-1)) {
+        state();
         const auto inbox = inbox_; // a handler may destroy the node
         std::size_t done = 0;
         while (done < at_most && inbox->dispatch()) {
