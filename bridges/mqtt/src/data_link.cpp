@@ -136,7 +136,8 @@ void DataLink::acknowledged(int mid, int reason) {
 void DataLink::refuse(const Publication &publication, const std::string &why) {
     ++outbox_.refused;
     tellRefusal(publication.topic,
-                "a publication of " + std::to_string(publication.payload.size()) + " bytes to",
+                "a publication of " + std::to_string(publication.payload.size()) + " bytes to " +
+                    publication.topic,
                 why);
 }
 
@@ -171,7 +172,16 @@ void DataLink::greet() {
         inflow_->expectNone();
         begin(!retains_ ? Round::kNone : sessionKept_ ? Round::kKept : Round::kAll);
     }
-    changed_(true, "");
+    if (!hasAsked()) {
+        changed_(true, "");
+    }
+}
+
+// What is published from now on comes.
+void DataLink::subscribed() {
+    if (mayConnect()) {
+        changed_(true, "");
+    }
 }
 
 void DataLink::begin(Round round) {

@@ -47,6 +47,7 @@ private:
     void acknowledged(int mid, int reason) override;
     void lost(const std::string &why, bool byBroker) override;
     void everySecond() override;
+    void subscribed() override;
     std::chrono::milliseconds pause() override;
     std::size_t unsent() override;
 

@@ -32,6 +32,7 @@ std::string clientId(const Config &config) {
 }
 
 thread_local const Link *Link::own_ = nullptr;
+thread_local const Link *Link::guestOf_ = nullptr;
 
 // Nothing may be thrown through the library.
 template <typename Function>
@@ -124,8 +125,9 @@ void Link::watch(bool reads) {
     if (file < 0) {
         return;
     }
+    const bool isRead = guest_ && isConnected(); // by another
     const bool writes = !open_ || mosquitto_want_write(session_->get());
-    if (!waiter_.watch(file, (reads && !guest_ ? std::uint32_t{EPOLLIN} : 0U) |
+    if (!waiter_.watch(file, (reads && !isRead ? std::uint32_t{EPOLLIN} : 0U) |
                                  (writes ? std::uint32_t{EPOLLOUT} : 0U))) {
         fail(std::generic_category().message(errno));
     }
@@ -133,25 +135,27 @@ void Link::watch(bool reads) {
 
 void Link::readUntil(Clock::time_point until, const std::function<bool()> &done) {
     std::unique_lock lock{mutex_, std::try_to_lock};
-    if (!lock.owns_lock() || guest_ || !isConnected() ||
+    if (!lock.owns_lock() || guest_ || !isConnected() || done() ||
         !guestWaiter_.watch(mosquitto_socket(session_->get()), EPOLLIN)) {
         return;
     }
     guest_ = true;
-    own_ = this;
+    own_ = guestOf_ = this;
     watch(true);
-    for (auto now = Clock::now(); isConnected() && !done() && now < until; now = Clock::now()) {
+    const auto isSame = [this, since = since_] { return isConnected() && since_ == since; };
+    for (auto now = Clock::now(); isSame() && !done() && now < until; now = Clock::now()) {
         lock.unlock();
         const auto events = guestWaiter_.wait(std::chrono::ceil<milliseconds>(until - now));
         lock.lock();
-        if (events != 0 && isConnected()) {
+        if (events != 0 && isSame()) {
             attempt([this] {
                 work(1); // then it may be done
                 flush();
+                watch(true);
             });
         }
     }
-    own_ = nullptr;
+    own_ = guestOf_ = nullptr;
     guest_ = false;
     if (isConnected() && !mosquitto_want_write(session_->get())) {
         watch(true);
@@ -161,7 +165,7 @@ void Link::readUntil(Clock::time_point until, const std::function<bool()> &done)
 }
 
 void Link::wakeGuest() {
-    if (guest_ && !isOwnThread()) {
+    if (guest_ && guestOf_ != this) {
         guestWaiter_.wake();
     }
 }
@@ -257,7 +261,8 @@ void Link::callBack() {
         handle, [](mosquitto *, void *link, int mid, int, const int *granted, List) {
             keep(link, [&](Link &own) { own.onSubscribe(mid, *granted); });
         });
-    // What can't be handled for lack of memory costs the connection, and comes again.
+    // What can't be handled for lack of memory costs the connection. The library has acknowledged
+    // it.
     mosquitto_message_v5_callback_set(
         handle, [](mosquitto *, void *link, const mosquitto_message *message, List properties) {
             keep(link, [&](Link &own) {
@@ -371,12 +376,15 @@ void Link::onSubscribe(int mid, int reason) {
         deny(found->second, kSubscription, mosquitto_reason_string(reason));
     }
     asked_.erase(found);
+    if (asked_.empty()) {
+        subscribed();
+    }
 }
 
 // ---- what it is told ----
 
-void Link::tellRefusal(const std::string &topic, std::string_view what, std::string_view why) {
-    Refusals &refusals = refusals_[topic];
+void Link::tellRefusal(const std::string &key, std::string_view what, std::string_view why) {
+    Refusals &refusals = refusals_[key];
     const auto now = Clock::now();
     if (now - refusals.told < std::chrono::seconds{1}) {
         ++refusals.since;
@@ -384,13 +392,14 @@ void Link::tellRefusal(const std::string &topic, std::string_view what, std::str
     }
     const std::string more =
         refusals.since > 0 ? "; before it " + std::to_string(refusals.since) + " more" : "";
-    log_.error({what, " ", topic, " is refused: ", why, more});
+    log_.error({what, " is refused: ", why, more});
     refusals = {now, 0};
 }
 
 void Link::deny(const std::string &topic, std::string_view what, std::string_view why) {
     denied_.insert(topic);
-    tellRefusal(topic, what, why);
+    const std::string whole = std::string{what} + ' ' + topic;
+    tellRefusal(whole, whole, why);
 }
 
 // The number comes back with what the subscription brings.

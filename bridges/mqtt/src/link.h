@@ -75,6 +75,7 @@ protected:
     // A connection, or the try, has ended. byBroker: it was up, and the broker has ended it.
     virtual void lost(const std::string &why, bool byBroker) = 0;
     virtual void everySecond() {}
+    virtual void subscribed() {} // all that has been asked for is answered
     virtual std::chrono::milliseconds pause() { return {}; } // nothing is to be read so long
     virtual std::size_t unsent() { return 0; } // publications, that a farewell waits for
     virtual int farewellReason() const { return 0; }
@@ -88,12 +89,13 @@ protected:
     // A result of the library, which is MOSQ_ERR_SUCCESS where it has taken the message.
     int put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
             const Properties &properties);
-    // Tells what is refused that belongs to a topic, once a second for each topic.
-    void tellRefusal(const std::string &topic, std::string_view what, std::string_view why);
+    // Tells what is refused, once a second for each key.
+    void tellRefusal(const std::string &key, std::string_view what, std::string_view why);
     // The same of what the broker does not allow on this connection.
     void deny(const std::string &topic, std::string_view what, std::string_view why);
     void prosper() { prospers_ = true; }
     bool isOwnThread() const { return own_ == this; }
+    bool hasAsked() const { return !asked_.empty(); } // and not been answered
 
     const Config &config_;
     Log &log_;
@@ -130,6 +132,7 @@ private:
 
     // The link that this thread reads: it holds the mutex while it is called back.
     static thread_local const Link *own_;
+    static thread_local const Link *guestOf_; // the same, where it is not the link's own thread
 
     Waiter waiter_, guestWaiter_; // guarded by mutex_ but for waiting and waking
     std::atomic<bool> guest_{false};
@@ -153,7 +156,7 @@ private:
         Clock::time_point told{};
         int since = 0;
     };
-    std::map<std::string, Refusals> refusals_; // by topic
+    std::map<std::string, Refusals> refusals_; // by key
 };
 
 } // namespace zelvo_mqtt

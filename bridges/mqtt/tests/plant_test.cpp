@@ -250,8 +250,12 @@ TEST(Plant, a_broker_that_gives_no_sign_of_life_is_left) {
     Broker broker;
     broker.start();
     {
-        Bridged site{broker.url(), "site"};
+        Bridged site{broker.url(), "site", R"("call":["other"],"callTimeout":3600000)"};
+        Peer peer{broker, "zelvo/call/#"};
         ASSERT_TRUE(site.connects());
+        std::string answer; // comes with the loss of the connection
+        std::thread thread{[&] { answer = site.listener.node.call("/other/x/y"); }};
+        peer.next("zelvo/call/other/x/y");
         broker.pause();
         EXPECT_TRUE(eventually( // one second for each look, by the clock of this program
             [&] {
@@ -259,6 +263,10 @@ TEST(Plant, a_broker_that_gives_no_sign_of_life_is_left) {
                 return says(site.log(), "no connection: the broker has given no sign of life");
             },
             std::chrono::hours{10}));
+        thread.join();
+        EXPECT_TRUE(says(answer, "not implement")) << answer;
+        broker.resume();
+        EXPECT_TRUE(site.connects());
     }
     secondsAhead = 0;
 }
