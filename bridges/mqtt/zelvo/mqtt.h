@@ -101,7 +101,8 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  * brokers is dropped: sites that pass a topic on stand in a ring.
  *
  * The sticky topic "mqtt.state" tells on the bus whether there is a connection for publications,
- * which stands only while the one for calls does:
+ * which stands only while the one for calls does, and whether the broker has answered its
+ * subscriptions: from then on nothing that is published passes this site by.
  *   {"bridge": "mqtt.SITE", "connected": false, "why": "Connection refused"}
  * The call "/mqtt.SITE/state" is answered, behind all publications that the node got before, with
  *   {"bridge": ..., "connected": ..., "why": ..., "waiting": publications in the buffer, "bytes":
