@@ -89,6 +89,24 @@ int runAll(std::uint64_t first, std::uint64_t last, std::chrono::seconds limit) 
     return 0;
 }
 
+// Where this process works from now on. Another one removes it in the end, whatever that is.
+bool enterDirectory() {
+    char directory[] = "/tmp/zelvo-simulation-XXXXXX";
+    int ends[2];
+    if (!mkdtemp(directory) || chdir(directory) != 0 || pipe(ends) != 0) {
+        return false;
+    }
+    if (fork() == 0) {
+        setsid(); // what ends this process's group does not end that one
+        close(ends[1]);
+        for (char none; read(ends[0], &none, 1) != 0;) {} // until nobody has the other end
+        std::filesystem::remove_all(directory);
+        _exit(0);
+    }
+    close(ends[0]);
+    return true;
+}
+
 int run(const std::string &option, const char *value) {
     unsigned long long first = std::random_device{}(), last = UINT64_MAX;
     if (option == "--replay") {
@@ -111,13 +129,7 @@ int run(const std::string &option, const char *value) {
 } // namespace
 
 int main(int argc, char **argv) {
-    char directory[] = "/tmp/zelvo-simulation-XXXXXX";
     failure = static_cast<char *>(
         mmap(nullptr, kFailure, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    if (!mkdtemp(directory) || chdir(directory) != 0) {
-        return 2;
-    }
-    const int result = run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "");
-    std::filesystem::remove_all(directory);
-    return result;
+    return enterDirectory() ? run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "") : 2;
 }

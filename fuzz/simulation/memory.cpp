@@ -85,6 +85,18 @@ extern "C" void *__wrap_malloc(std::size_t size) {
     return __wrap_aligned_alloc(kUnit, size);
 }
 
+// What a copy reads and writes is not looked at by itself.
+extern "C" void *__real_memcpy(void *to, const void *from, std::size_t size);
+extern "C" void *__wrap_memcpy(void *to, const void *from, std::size_t size) {
+    for (const void *const at : {static_cast<const void *>(to), from}) {
+        if (size > 0) {
+            expectLive(at);
+            expectLive(static_cast<const char *>(at) + size - 1);
+        }
+    }
+    return __real_memcpy(to, from, size);
+}
+
 extern "C" void __wrap_free(void *block) {
     if (!block || unitOf(block) >= kUnits) {
         return __real_free(block);

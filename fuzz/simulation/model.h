@@ -41,7 +41,8 @@ struct Timer {
 // From its connect to its close.
 struct Node {
     std::string name;
-    bool leaves = false, drains = false; // it has been told to; it has heard of that
+    bool leaves = false, drains = false; // it is going to; it has heard of that
+    bool told = false, mayTake = true;   // that is to be heard next; but for one that it has taken
     std::deque<Message> inbox{};         // what the bus has sent it
     Message taken{};                     // by it, last
     std::string answer{};                // to its latest call, as the bus has handed it over
@@ -53,7 +54,8 @@ struct Node {
 
 struct Model {
     bool exact = true;       // else only what the application sees is compared
-    bool loses = false;      // calls end early, memory is short, or the disk fails
+    bool loses = false;      // calls end early, memory is short, the disk fails, or queues are full
+    bool floods = false;     // that alone
     unsigned diskFails = 0;  // once in so many steps; 0: never
     bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 

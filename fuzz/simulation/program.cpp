@@ -72,6 +72,21 @@ auto await(const string &what, Function function, Arguments... arguments) {
     return result;
 }
 
+// What the library is given, or null, in a block that is no larger and does not outlast the call.
+struct Given {
+    explicit Given(const string *text)
+        : block{text ? static_cast<char *>(allocate(text->size())) : nullptr} {
+        if (text) {
+            text->copy(block, text->size());
+        }
+    }
+    ~Given() { std::free(block); }
+    Given(const Given &) = delete;
+    Given &operator=(const Given &) = delete;
+
+    char *const block;
+};
+
 // ---- handlers ----
 
 int hear(void *self, client_t * /*client*/, char *about, char *data, int length) {
@@ -137,8 +152,11 @@ void Actor::close() {
     for (int i = 0; spin && !spin->ended; world.pause(1), ++i) { // again where memory was short
         if (i == 0 || (program->loses() && i % 100 == 0)) {
             enter("asks its thread to end", busClientSpinExit, client);
+            node->told = true;
         }
     }
+    expect(!spin || !enter("calls once more", busClientCall, client, "/bus/nodes", nullptr, 0),
+           "is answered, and has left the bus");
     for (int i = 0; program->closesShort && i < 200 && !world.isDone("calls /" + node->name); ++i) {
         world.yield(); // to meet a call that is on its way
     }
@@ -153,9 +171,9 @@ void Actor::close() {
 
 // The answer, unless the call of another thread may have ended it.
 string Actor::call(const string &url, const string *data) {
-    const char *const text =
-        await("calls " + url, busClientCall, client, url.c_str(), data ? data->data() : nullptr,
-              data ? static_cast<int>(data->size()) : 7);
+    const Given given{data};
+    const char *const text = await("calls " + url, busClientCall, client, url.c_str(), given.block,
+                                   data ? static_cast<int>(data->size()) : 7);
     if (!isAlone()) {
         return "";
     }
@@ -190,9 +208,20 @@ string topicOf(unsigned number) {
 void publish(Actor &actor, const Operation &o) {
     const Data data{actor, o};
     const bool sticky = o.a % 2 == 1;
+    const Given given{data.get()};
     enter("publishes " + data.text, sticky ? busClientPublishSticky : busClientPublish,
-          actor.client, sticky ? "s1" : "t0", data.isNull ? nullptr : data.text.data(),
-          static_cast<int>(data.text.size()));
+          actor.client, sticky ? "s1" : "t0", given.block, static_cast<int>(data.text.size()));
+}
+
+// More than the bus has places for, at once.
+void flood(Actor &actor, const Operation & /*o*/) {
+    note("floods the bus");
+    const InLibrary yes{true};
+    world.goAlone(true);
+    for (int left = 2100; left > 0; --left) {
+        busClientPublish(actor.client, "t0", nullptr, 0);
+    }
+    world.goAlone(false);
 }
 
 void removeSticky(Actor &actor, const Operation &o) {
@@ -227,7 +256,7 @@ void useKey(Actor &actor, const Operation &o) {
 }
 
 void setTimer(Actor &actor, const Operation &o) {
-    const unsigned delay = o.b % 3 == 0 ? 0 : o.b % 30;
+    const unsigned delay = o.b % 3 == 0 ? 0 : o.b % 12;
     Timer &timer = actor.node->timers.emplace_back(Timer{world.now(), delay, o.a % 8 != 0});
     auto *const use = new TimerUse{&actor, actor.node, &timer, static_cast<int>(o.a)};
     timer.id = enter("sets a timer of " + to_string(delay) + " ms", busClientSettimer, actor.client,
@@ -331,6 +360,7 @@ void expectBalance(const string &stats) {
     const long sent = left("sent") + number("\"nodes\"", "sent") + number("\"server\"", "posted");
     const long lost = sent - number("\"server\"", "taken") - number("\"server\"", "depth");
     expect(lost == 0 || lost == -1, "messages to the bus are lost: " + stats); // the request itself
+    expect(number("\"server\"", "queueFull") == 0, "an answer finds no place: " + stats);
     const long taken = left("taken") + left("unread") + number("\"nodes\"", "depth");
     expect(number("\"server\"", "sent") == taken, "messages to nodes are lost: " + stats);
     expect(left("made") == left("answered") + left("refused") + left("timedOut") + left("givenUp"),
@@ -352,6 +382,7 @@ void expectFiles() {
 // A last node finds the bus empty, and may leave while it stops for good.
 void lookAround(bool &over) {
     Actor last{99};
+    world.pause(program->floods ? 1000 : 0); // or its join may find no place
     while (!last.client) {
         last.open();
     }
@@ -377,6 +408,7 @@ void play(const Program &played) {
     program = &played;
     model.exact = played.level <= 1;
     model.loses = played.loses();
+    model.floods = played.floods;
     model.diskFails = played.diskFails;
     if (played.foreign) {
         std::ofstream{"keys.json"} << kForeign;
@@ -424,8 +456,10 @@ Program makeProgram(std::uint64_t seed) {
     const unsigned kind = random.below(10); // most worlds are exact, and lack nothing
     made.level = kind > 6 ? 1 : static_cast<int>(random.below(4)) + 2;
     made.timeLimit = kind < 3 ? 5 + random.below(40) : 0;
+    made.floods = kind == 4 && random.oneIn(3);
+    made.level = made.floods ? 4 : made.level; // or the log would be long
     made.shortage = {kind == 2 || kind == 3 ? kRates[random.below(4)] : 0,
-                     kind == 4 ? 1 + random.below(400) : 0};
+                     kind == 4 && !made.floods ? 1 + random.below(400) : 0};
     made.closesShort = kind == 5;
     made.diskFails = kind == 6 ? 2 + random.below(4) : 0;
     made.foreign = kind == 6 && random.oneIn(2);
@@ -448,6 +482,9 @@ Program makeProgram(std::uint64_t seed) {
         }
         if (made.closesShort && !random.oneIn(4)) { // calls that are on the way to a node
             act = actor == 1 ? reopen : call;
+        }
+        if (made.floods && random.oneIn(4)) {
+            act = flood;
         }
         const unsigned a = made.closesShort ? 1 : random.below(1000);
         made.operations.push_back({act, actor, place, a, random.below(1000)});

@@ -27,10 +27,11 @@ struct Program {
     bool closesShort = false; // of memory for the leave of the node
     unsigned diskFails = 0;   // once in so many steps; 0: never
     bool foreign = false;     // there is a file of another's in the key file's place
+    bool floods = false;      // queues get full
     std::vector<Operation> operations{};
 
     bool loses() const {
-        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || closesShort ||
+        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || closesShort || floods ||
                diskFails > 0;
     }
 };

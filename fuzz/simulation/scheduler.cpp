@@ -99,11 +99,13 @@ Thread *World::next() {
 }
 
 void World::handOn() {
-    const std::uint64_t turn = turns_.empty() ? kMostSteps : turns_.back();
-    nextChange_ = byPriority_ ? turn : step + 1 + (rarity_ > 1 ? chance.below(2 * rarity_) : 0);
     expect(++step < kMostSteps && now() <= kLastTime, "has no end");
     Thread &me = *current;
     current = next();
+    const std::uint64_t turn = turns_.empty() ? kMostSteps : turns_.back();
+    nextChange_ = current->alone ? kNever
+                  : byPriority_  ? turn
+                                 : step + (rarity_ > 1 ? chance.below(2 * rarity_) : 0);
     if (current == &me) {
         return;
     }

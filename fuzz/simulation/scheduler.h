@@ -44,6 +44,7 @@ struct Thread {
     int number = 0;
     std::int64_t priority = 0; // where the first in an order goes on
     bool asleep = false, ended = false;
+    bool alone = false;         // while it goes on, nobody else does
     const void *word = nullptr; // that it sleeps on
     std::uint64_t until = kNever;
     bool inLibrary = false;      // not while it is in a handler
@@ -79,8 +80,13 @@ public:
     bool isDone(std::string_view what) const {
         return std::ranges::any_of(alive_, [&](auto *t) { return t->doing.starts_with(what); });
     }
-    // Whether no thread is kept from going on for long.
-    bool isPrompt() const { return !held_ && yieldTime_ < kMillisecond; }
+    // Whether no thread that can go on is kept from it for long, as the clock counts.
+    bool isPrompt() const { return heldUntil_ < heldFrom_ + 12'000 && yieldTime_ < kMillisecond; }
+    // Nobody else goes on, as long as the current thread does not wait for somebody.
+    void goAlone(bool alone) {
+        current->alone = alone;
+        nextChange_ = alone ? kNever : step + 1;
+    }
 
     Random chance{0}; // for whatever happens by chance
     Thread *current = nullptr;
