@@ -1,13 +1,11 @@
 #include "bus_mk_queue.h"
 
 #include "bus_mk_row.h"
-#include "test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -123,35 +121,6 @@ TEST(Row, needs_no_more_memory_where_one_item_goes_for_each_that_comes) {
         row.add(&row);
         row.take(1);
         EXPECT_TRUE(row.begin() >= memory && row.begin() < memory + 8);
-    }
-}
-
-// Guards what no single thread shows: an item or a wake-up that is lost between two. One item lets
-// the receivers sleep; many keep senders and receivers in each other's way.
-TEST(QueueThreads, items_go_round_in_order) {
-    const Deadline deadline{"items that go round"};
-    char items[40];
-    for (const int count : {1, 40}) {
-        bus_mk_q_t *ring[4];
-        std::ranges::generate(ring, [] { return bus_mk_q_new(40, nullptr); });
-        for (int i = 0; i < count; ++i) {
-            bus_mk_q_send(ring[0], &items[i], -1);
-        }
-        inThreads(4, [&](int number) {
-            for (int i = 0; i < 200; ++i) {
-                if (number == 1) {
-                    bus_mk_q_wait(ring[1], 3600 * 1000);
-                }
-                EXPECT_LE(bus_mk_q_count(ring[number]), 40);
-                void *const item = bus_mk_q_recv(ring[number], 0, 0, 1);
-                EXPECT_EQ(item, &items[i % count]);
-                if (number == 0 && i < 20) {
-                    bus_mk_q_wait(ring[0], 4); // the others may fall asleep
-                }
-                EXPECT_EQ(bus_mk_q_send(ring[(number + 1) % 4], item, number == 2 ? 40 : -1), 0);
-            }
-        });
-        std::ranges::for_each(ring, [](auto *q) { bus_mk_q_clear(q, nullptr, 0); });
     }
 }
 

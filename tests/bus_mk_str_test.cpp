@@ -49,7 +49,7 @@ const std::vector<Case> kShort = {
     {"%a", "\xe9", "none"},     {"%d%w%u", "1aB", "0..2"},   {"%c%l%U", "\tb1", "0..2"},
     {"(a)*", "a*", "0..1 0+1"}, {"(a*)b", "b", "0..0 0+0"},  {"%b()", "x(a(b))y", "1..6"},
     {"%S%p%s", "a. ", "0..2"},  {"%x%X", "gfz", "1..2"},     {"[a-\xff]", "\xc3", "0..0"},
-    {"%f[a]a", "ab", "0..0"},   {"a%f[a]", "aa", "none"}};
+    {"%f[^%z]", "ab", "0..-1"}, {"a%f[a]", "aa", "none"}};
 // On a small stack, which no pattern overruns; a search without end ends the program.
 void findAll(void *) {
     const std::string words = repeated("key_1, value.x ", 4400);

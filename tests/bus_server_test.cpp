@@ -57,13 +57,15 @@ TEST(Server, chain_of_calls_is_followed_to_its_end) {
     const struct {
         std::vector<std::pair<std::string, std::string>> calls; // under way, and the one made now
         std::string_view answer;
-        std::string end = ""; // a name that no node is found by
+        std::string end = "";     // a name that no node is found by
+        std::uint64_t number = 0; // of the calls; 1: none that is waited for any more
     } kCases[] = {
         {{{"a", "a"}}, kEmptyAnswer},
         {{{"a", "k"}, {"k", "a"}}, kEmptyAnswer},
         {{{"a", "k"}, {"k", "m"}, {"m", "n"}, {"n", "a"}}, kEmptyAnswer},
         {{{"a", "k"}, {"k", "m"}, {"n", "a"}}, kNoHandlerAnswer},
         {{{"a", "k"}, {"k", "a"}, {"m", "a"}}, kNoHandlerAnswer}, // one was refused just now
+        {{{"k", "a"}, {"a", "k"}}, kNoHandlerAnswer, "", 1},
         {{{"a", "nobody"}}, kUnknownAnswer, "nobody"},
         // A call to the bus is none to a node of its name.
         {{{"a", "bus"}, {"bus", "k"}, {"k", "a"}}, kNoHandlerAnswer, "bus"},
@@ -77,7 +79,7 @@ TEST(Server, chain_of_calls_is_followed_to_its_end) {
         for (const auto &[caller, callee] : c.calls) {
             client_t &client = *nodes.at(caller).get();
             callee.copy(client.call_name.data(), callee.size());
-            client.call_number = 0;
+            client.call_number = c.number;
         }
         const auto &[caller, callee] = c.calls.back();
         nodes.at(caller).get()->call_name = {"what is left of a call given up"};

@@ -31,10 +31,8 @@ TEST(Timers, due_timers_fire_once_in_the_order_they_were_set_and_killed_ones_nev
     busClientKilltimer(node.get(), 6);
     busClientKilltimer(node.get(), 6);
     bus.waitForLog("n already remove timer 6\n");
-    const auto begun = std::chrono::steady_clock::now();
-    set(node, 20, 6);
+    set(node, 1, 6);
     EXPECT_EQ(node.heard(3), (Texts{"fired 1", "fired 3", "fired 6"}));
-    EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds{19});
     bus.waitForLog("7 timer delete\n");
     EXPECT_TRUE(says(node.call("/bus/stats"), "\"timers\":\t1"));
 }

@@ -11,11 +11,13 @@ TEST(Message, copies_hold_all_but_the_reference) {
         MessagePtr message{busClientExMessageNew("me", nullptr, "/a/b", "request", &client, nullptr,
                                                  data.c_str(), static_cast<int>(length))};
         holdNode(*message, client);
+        message->call = 7;
         EXPECT_EQ(client.references, 2);
         message.reset(copyForRequest(*message, "asker"));
         message.reset(copyWithAction(*message, action::kExit));
         message.reset(busClientExMessageCopy(message.get()));
         EXPECT_EQ(client.references, 1);
+        EXPECT_EQ(message->call, 7U);
         EXPECT_EQ(_message_equal(message->action, message.get()), 0);
         EXPECT_EQ(_message_equal(message->name, message.get()), -1);
         EXPECT_TRUE(message->node == &client && message->kind == Action::kExit && !message->topic);
