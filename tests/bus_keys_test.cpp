@@ -65,6 +65,8 @@ TEST_F(Keys, values_come_back_as_they_were_set) {
     EXPECT_EQ(logged("not exist, file: " + file() + "\n"), 3U); // until there was a store
     EXPECT_EQ(node_->call("/local/volume", R"({"operation":"get"})"), "null");
     EXPECT_EQ(entries(home_), 0);
+    persist("other", "1");
+    EXPECT_EQ(count(read(), "\"volume\""), 1U);
 }
 
 TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) {
