@@ -179,9 +179,9 @@ void timerPause(client_t &client) noexcept {
         bus_mk_q_wait(client.message_queue, kPause);
         const bool comes = !bus_mk_q_empty(client.message_queue);
         woken = comes || postWakeUp(client);
-        // What is due precedes what has come; and where memory is short for a wake-up, nothing else
-        // lets the loop look.
-        if (comes || !woken) {
+        // What is due precedes what has come, be it just before the wake-up; and where memory is
+        // short for that, nothing else lets the loop look.
+        if (comes || !woken || bus_mk_q_count(client.message_queue) > 1) {
             timerPass(client);
         }
     }
