@@ -389,6 +389,9 @@ void Model::readLine(const string &line) {
     expect((text[0] != 'W' && text[0] != 'E') || std::ranges::any_of(kUsual, isPart) ||
                (loses && !(floods && text[0] == 'E') && std::ranges::any_of(kOfLoss, isPart)),
            "nothing explains: " + text);
+    const bool isCounted = isPart("queue is full") && !isPart(" subscribe topic ");
+    losses +=
+        isCounted || (text.starts_with("E  Vek-server ") && text.ends_with(" failed")) ? 1 : 0;
     const string trace = text.substr(std::min(text.size(), text.find(",  action: ")));
     if (exact && world.current->number == busThread) {
         readBus(text, trace);

@@ -56,6 +56,7 @@ struct Model {
     bool exact = true;       // else only what the application sees is compared
     bool loses = false;      // calls end early, memory is short, the disk fails, or queues are full
     bool floods = false;     // that alone
+    long losses = 0;         // of messages and answers, that the log tells of
     unsigned diskFails = 0;  // once in so many steps; 0: never
     bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 

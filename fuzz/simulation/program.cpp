@@ -361,6 +361,11 @@ void expectBalance(const string &stats) {
     const long lost = sent - number("\"server\"", "taken") - number("\"server\"", "depth");
     expect(lost == 0 || lost == -1, "messages to the bus are lost: " + stats); // the request itself
     expect(number("\"server\"", "queueFull") == 0, "an answer finds no place: " + stats);
+    long drops = number("\"server\"", "queueFull") + number("\"server\"", "noMemory");
+    for (const char *name : {"queueFull", "busFull", "ownFull", "noMemory"}) {
+        drops += left(name) + number("\"nodes\"", name);
+    }
+    expect(drops >= model.losses, "the log tells of more losses: " + stats);
     const long taken = left("taken") + left("unread") + number("\"nodes\"", "depth");
     expect(number("\"server\"", "sent") == taken, "messages to nodes are lost: " + stats);
     expect(left("made") == left("answered") + left("refused") + left("timedOut") + left("givenUp"),
