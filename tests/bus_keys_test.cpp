@@ -116,7 +116,7 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
         {old, withoutFiles, both, "", true, "fopen failed, file: ", 2},
         {old, linked("."), both, "", true, "is not read, and left as it is", 1},
         // Has more bytes than can be read.
-        {old, linked("/sys/kernel/uevent_seqnum"), both, "", true, "read localKeys error", 1},
+        {old, linked("/sys/kernel/uevent_seqnum"), both, "", true, "is not read to its end", 1},
         {old, nobody(0755), both, "", false, "can't be replaced as a whole", 1},
         {old, nobody(01777), both, "", false, "can't be replaced as a whole", 1},
         {"[1]", nobody(0755), fresh, ".bad.2", true, "can't be set aside", 1},
