@@ -14,7 +14,7 @@ TEST(Message, copies_hold_all_but_the_reference) {
         message->call = 7;
         EXPECT_EQ(client.references, 2);
         message.reset(copyForRequest(*message, "asker"));
-        message.reset(copyWithAction(*message, action::kExit));
+        message.reset(copyWithAction(*message, Action::kExit));
         message.reset(busClientExMessageCopy(message.get()));
         EXPECT_EQ(client.references, 1);
         EXPECT_EQ(message->call, 7U);
