@@ -5,6 +5,7 @@
 namespace bus {
 
 TEST(Message, copies_hold_all_but_the_reference) {
+    EXPECT_EQ(busClientExMessageDelete(nullptr), 0);
     client_t client;
     const std::string data(200, 's');
     for (const std::size_t length : {0U, 1U, 199U, 200U}) {

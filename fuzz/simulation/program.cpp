@@ -1,5 +1,6 @@
 #include "program.h"
 
+#include "bus_mk_queue.h"
 #include "model.h"
 #include "scheduler.h"
 
@@ -407,6 +408,24 @@ void lookAround(bool &over) {
     last.close();
 }
 
+// One item wakes both who wait for it; and who waits for a limited time may destroy the queue that
+// its sender has just been in.
+void useQueue() {
+    bus_mk_q_t *const q = enter("makes a queue", bus_mk_q_new, 2, nullptr);
+    const auto receive = [q] { enter("receives", bus_mk_q_recv, q, 0, 0, 1); };
+    const auto send = [q] { enter("sends", bus_mk_q_send, q, q, -1); };
+    const Thread *const receivers[] = {world.spawn("r1", receive), world.spawn("r2", receive)};
+    world.pause(kLong); // until they sleep
+    send();
+    std::ranges::for_each(receivers, [](const Thread *thread) { world.join(thread); });
+    const Thread *const sender = world.spawn("s", send);
+    while (!enter("takes", bus_mk_q_recv, q, 1, 0, 1)) {
+        enter("waits", bus_mk_q_wait, q, 3U);
+    }
+    enter("destroys the queue", bus_mk_q_clear, q, nullptr, 0);
+    world.join(sender);
+}
+
 } // namespace
 
 void play(const Program &played) {
@@ -449,6 +468,7 @@ void play(const Program &played) {
     }
     enter("deletes the bus", busClientDelete, bus);
     model.expectNothingOnItsWay();
+    useQueue();
     expectNothingLeft();
     expectFiles();
 }
