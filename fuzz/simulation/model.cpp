@@ -447,6 +447,14 @@ void Model::runsTimer(Node &node, Timer &timer) {
     node.lookBegan = std::max(node.lookBegan, timer.begun); // it had to be there
 }
 
+void Model::expectAllTaken() {
+    for (const Entry &entry : registry) {
+        const Node &node = *entry.node;
+        expect(!node.spins || node.handles || node.drains || node.inbox.empty(),
+               "a message has come, and its node sleeps on");
+    }
+}
+
 void Model::expectNothingOnItsWay() {
     expect(mustSay.empty(), "the bus has something to say");
     for (const auto &[thread, messages] : sent) {

@@ -43,6 +43,7 @@ struct Node {
     std::string name;
     bool leaves = false, drains = false; // it is going to; it has heard of that
     bool told = false, mayTake = true;   // that is to be heard next; but for one that it has taken
+    bool spins = false, handles = false; // its thread does; a handler runs
     std::deque<Message> inbox{};         // what the bus has sent it
     Message taken{};                     // by it, last
     std::string answer{};                // to its latest call, as the bus has handed it over
@@ -66,6 +67,7 @@ struct Model {
     void isHanded(Node &node, const std::string &about, const char *data, int length);
     void runsTimer(Node &node, Timer &timer);
     void expectNothingOnItsWay();
+    void expectAllTaken(); // where nobody can go on
 };
 inline Model model;
 

@@ -94,7 +94,9 @@ int hear(void *self, client_t * /*client*/, char *about, char *data, int length)
     const InLibrary no{false};
     auto &actor = *static_cast<Actor *>(self);
     model.isHanded(*actor.node, about, data, length);
+    actor.node->handles = true;
     actor.goOn();
+    actor.node->handles = false;
     actor.node->lookBegan = actor.node->lookedUntil = world.now();
     return 0;
 }
@@ -120,7 +122,9 @@ int ring(void *arg, client_t * /*client*/, int type) {
     const auto &[actor, node, timer, given] = *static_cast<TimerUse *>(arg);
     expect(type == given, "another timer's type");
     model.runsTimer(*node, *timer);
+    node->handles = true;
     actor->goOn();
+    node->handles = false;
     node->lookedUntil = world.now();
     return 0;
 }
@@ -143,6 +147,7 @@ void Actor::start() {
     if (client) {
         spin = world.spawn(node->name + "'s", [this] {
             model.workFor(node);
+            node->spins = true;
             enter("spins", busClientSpin, client);
         });
     }
@@ -449,6 +454,7 @@ void play(const Program &played) {
         }
     });
     shortage = played.shortage;
+    world.rests = [] { model.expectAllTaken(); };
     std::list<Actor> actors;
     std::vector<Thread *> threads;
     for (unsigned number = 0; number < played.actors; ++number) {

@@ -86,14 +86,15 @@ Thread *World::next() {
         if (!ready_.empty()) {
             return choose();
         }
+        const InLibrary no{false};
         if (soonest == kNever) {
-            const InLibrary no{false};
             std::string who = "hangs:";
             for (const Thread *thread : alive_) {
                 who += "\n  " + thread->name + " " + thread->doing;
             }
             fail(who);
         }
+        rests();
         jumped_ += soonest - now();
     }
 }

@@ -88,7 +88,8 @@ public:
         nextChange_ = alone ? kNever : step + 1;
     }
 
-    Random chance{0}; // for whatever happens by chance
+    Random chance{0};                    // for whatever happens by chance
+    std::function<void()> rests = [] {}; // told where nobody can go on before a time has come
     Thread *current = nullptr;
     std::uint64_t step = 0;
 
