@@ -327,12 +327,10 @@ constexpr Act kAll[] = {publish, publish,     removeSticky, kSubscribe, kUnsubsc
                         call,    askBus,      useKey,       setTimer,   killTimer,
                         pause,   awaitTimers, rejoin,       reopen,     stopBus};
 // Half of a world's operations are of a few kinds, which so come upon each other.
-constexpr Act kThemes[][4] = {{publish, kSubscribe, kUnsubscribe, publish},
-                              {call, call, askBus, setTimer},
-                              {setTimer, setTimer, pause, call},
-                              {useKey, useKey, publish, stopBus},
-                              {reopen, rejoin, call, stopBus},
-                              {publish, removeSticky, kSubscribe, reopen}};
+constexpr Act kThemes[][4] = {
+    {publish, kSubscribe, pause, publish}, {call, call, askBus, setTimer},
+    {setTimer, setTimer, pause, call},     {useKey, useKey, publish, stopBus},
+    {reopen, rejoin, call, stopBus},       {publish, removeSticky, kSubscribe, reopen}};
 
 // ---- a world ----
 
