@@ -74,7 +74,9 @@ TEST(Async, a_node_that_never_answers_stops_no_call_to_another_and_what_waits_is
     EXPECT_EQ(gone.get().cause, Cause::left);
     EXPECT_EQ(token.use_count(), 1);
     EXPECT_EQ(panel.call("/bus/nodes").text.find("zelvo/helper/other/"), names.npos);
-    EXPECT_EQ(panel.call_for(1ms, "/hung/x").cause, Cause::timed_out);
+    for (int i = 0; i < 3; ++i) { // none of them stays in the row
+        EXPECT_EQ(panel.call_for(1ms, "/hung/x").cause, Cause::timed_out);
+    }
     EXPECT_TRUE(waits.cancel());
     EXPECT_FALSE(waits.cancel());
     EXPECT_EQ(waits.get().cause, Cause::cancelled);

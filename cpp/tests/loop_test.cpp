@@ -78,7 +78,6 @@ TEST_F(Face, a_node_goes_while_its_work_waits_or_runs_in_the_loop) {
         gui->on_call("/x", [&, token, keys = gui->keys()] { // which hold the node's state
             EXPECT_EQ(way, "runs");
             gui.reset();
-            ++*token;
         });
         auto answer = lamp.call_async("/" + way + "/x");
         if (way == "waits") {
@@ -88,7 +87,6 @@ TEST_F(Face, a_node_goes_while_its_work_waits_or_runs_in_the_loop) {
             EXPECT_EQ(token.use_count(), 1);
         } else {
             loop.runOne();
-            EXPECT_EQ(*token, 1);
         }
         EXPECT_EQ(answer.get().outcome == Outcome::answered, way == "runs");
     }

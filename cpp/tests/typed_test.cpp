@@ -74,11 +74,8 @@ TEST(Codecs, values_come_back_and_what_is_none_does_not) {
 }
 
 TEST(Codecs, answers_hold_no_nul_and_look_like_no_refusal) {
-    std::string all;
-    for (int c = 0; c < 256; ++c) {
-        all += static_cast<char>(c);
-    }
-    for (const std::string &bytes : {all, std::string{R"({"data":""})"}, std::string{}}) {
+    const std::string low{"\0\1\2\3\0a\xFF", 7};
+    for (const std::string &bytes : {low, std::string{R"({"data":""})"}, std::string{}}) {
         const std::string text = detail::withoutNul(bytes, detail::isRefusal(bytes));
         EXPECT_EQ(text.find('\0'), text.npos);
         EXPECT_FALSE(detail::isRefusal(text));

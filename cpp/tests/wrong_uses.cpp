@@ -7,14 +7,12 @@
 using namespace std::chrono_literals;
 
 constexpr zelvo::Topic<int> count{"count"};
-constexpr zelvo::Topic<bool> state{"state"};
 constexpr zelvo::Topic<std::map<int, int>> table{"table"};
 constexpr zelvo::Service<int, std::string> lookup{"/store/lookup"};
 
 void use(zelvo::Bus &bus, zelvo::Node &node) {
     node.publish(count, 21);
     node.publish(count, 21.5);     // wrong: deleted
-    node.publish(state, "true");   // wrong: deleted
     node.call(lookup, "chair");    // wrong: no matching
     node.publish(table, {{1, 2}}); // wrong: zelvo/json.hpp
     node.subscribe({"t"}, [](std::string_view) {});
@@ -24,7 +22,6 @@ void use(zelvo::Bus &bus, zelvo::Node &node) {
     node.on_call("/x", [] { return std::map<int, int>{}; }); // wrong: gives a text
     node.on_call(lookup, [](int) { return 1; });             // wrong: of this service takes
     node.call_async("/x", [](int) {});                       // wrong: of a call takes
-    node.call_async(lookup, 1, [](std::string) {});          // wrong: of this service takes
     node.after(1ms, [](int) {});                             // wrong: function takes
     zelvo::Node gui{bus, "gui", [](int) {}};                 // wrong: executor takes
 }
