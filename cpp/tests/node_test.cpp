@@ -280,7 +280,6 @@ TEST(FaceErrors, what_handlers_throw_goes_to_the_hook_and_the_node_goes_on) {
 
 TEST(FaceEnd, a_node_destroyed_in_its_own_handler_leaves_when_the_handler_has_ended) {
     for (const std::string way : {"message", "owner"}) {
-        SCOPED_TRACE(way);
         std::optional<Bus> bus{quiet()};
         std::optional<Node> panel{std::in_place, *bus, "panel"};
         auto lamp = std::make_unique<Node>(*bus, "lamp");
@@ -306,7 +305,7 @@ TEST(FaceEnd, a_node_destroyed_in_its_own_handler_leaves_when_the_handler_has_en
         }
         bus.reset(); // waits for the thread; or the last node does
         panel.reset();
-        EXPECT_TRUE(gone);
+        EXPECT_TRUE(gone) << way;
     }
 }
 
