@@ -17,6 +17,7 @@ TEST(Async, as_many_calls_are_under_way_as_there_are_helpers_and_more_wait) {
         called.back().on_call("/x", [&](std::string data) {
             most = std::max(most.load(), ++inside);
             if (inside == 4) {
+                std::this_thread::sleep_for(50ms); // time for a fifth that must not come
                 together.open();
             }
             together.wait();

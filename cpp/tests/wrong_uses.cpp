@@ -4,14 +4,11 @@
 
 #include <map>
 
-using namespace std::chrono_literals;
-
 constexpr zelvo::Topic<int> count{"count"};
 constexpr zelvo::Topic<std::map<int, int>> table{"table"};
 constexpr zelvo::Service<int, std::string> lookup{"/store/lookup"};
 
 void use(zelvo::Bus &bus, zelvo::Node &node) {
-    node.publish(count, 21);
     node.publish(count, 21.5);     // wrong: deleted
     node.call(lookup, "chair");    // wrong: no matching
     node.publish(table, {{1, 2}}); // wrong: zelvo/json.hpp
@@ -22,6 +19,6 @@ void use(zelvo::Bus &bus, zelvo::Node &node) {
     node.on_call("/x", [] { return std::map<int, int>{}; }); // wrong: gives a text
     node.on_call(lookup, [](int) { return 1; });             // wrong: of this service takes
     node.call_async("/x", [](int) {});                       // wrong: of a call takes
-    node.after(1ms, [](int) {});                             // wrong: function takes
+    node.after(std::chrono::seconds{1}, [](int) {});         // wrong: function takes
     zelvo::Node gui{bus, "gui", [](int) {}};                 // wrong: executor takes
 }
