@@ -30,7 +30,7 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
         keys.set("kept", "\"here\"", true);
         std::istringstream bad{
             R"(|x|01|1.|-|1e|1e+|1 2|1}|'a'|"a|"|"\x"|"\u12"|"\u0000"|"\u00g0"|)"
-            R"("\uDA00"|"\ud83d\ue000"|"\udc00\udc00"|{:1}|{"a"}|{1:2}|[1,]|[1|[|)"
+            R"("\uDA00"|"\ud83d\ue000"|"\udc00\udc00"|{:1}|{"a"}|{1:2}|[1,]|[1|[|{|)"
             "1,\"b\":2|\"\n\""};
         for (std::string json; std::getline(bad, json, '|');) {
             EXPECT_THROW(keys.set("kept", json), std::invalid_argument) << json;
