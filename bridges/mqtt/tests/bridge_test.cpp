@@ -38,7 +38,6 @@ TEST_F(Bridges, publications_of_any_topic_and_content_pass) {
 TEST_F(Bridges, a_retained_publication_is_sticky_until_it_is_emptied) {
     Bridged from{broker.url(), "from", R"("out":[{"topic":"kept","retain":true},"once"])"};
     publish(from, "kept", "1", true);
-    publish(from, "once", "1");
     Peer peer{broker, "zelvo/topic/#"};
     EXPECT_EQ(peer.next("zelvo/topic/kept"), "1");
     for (int time = 0; time < 2; ++time) { // the broker keeps the session of the first
@@ -49,17 +48,15 @@ TEST_F(Bridges, a_retained_publication_is_sticky_until_it_is_emptied) {
     Bridged to{broker.url(), "to", R"("in":["kept","once"])"};
     hear(to, R"(["once","kept"])");
     EXPECT_TRUE(to.listener.hears("kept 1"));
-    const auto late = [&](const char *name) {
-        return std::make_unique<Listener>(to.bus, name, R"(["kept"])");
-    };
     publish(from, "kept", "2"); // plain: the broker keeps it all the same
-    EXPECT_TRUE(to.listener.hears("kept 2") && late("second")->hears("kept 2"));
+    EXPECT_TRUE(to.listener.hears("kept 2"));
+    EXPECT_TRUE((Listener{to.bus, "second", R"(["kept"])"}.hears("kept 2")));
     publish(from, "kept", "");
     publish(from, "once", "end");
     ASSERT_TRUE(to.listener.hears("once end"));
-    const auto last = late("last");
-    last->call("/bus/nodes"); // behind the subscription
-    EXPECT_TRUE(last->heard().empty());
+    Listener last{to.bus, "last", R"(["kept"])"};
+    last.call("/bus/nodes"); // behind the subscription
+    EXPECT_TRUE(last.heard().empty());
 }
 
 TEST_F(Bridges, a_ring_of_sites_is_stopped) {
@@ -116,8 +113,7 @@ TEST_F(Bridges, late_and_foreign_answers_are_dropped) {
     give("zelvo/answer/one/three", right, "forged by a site that was not asked");
     give("zelvo/answer/one/two", right, "right");
     EXPECT_EQ(answer.get(), "right");
-    EXPECT_TRUE(one.logs("an answer on zelvo/answer/one/two is dropped"));
-    EXPECT_TRUE(one.logs("an answer on zelvo/answer/one/three is dropped"));
+    EXPECT_TRUE(one.logs("answer/one/two is dropped") && one.logs("answer/one/three is dropped"));
 }
 
 TEST_F(Bridges, bad_input_from_the_broker_hurts_nobody) {
@@ -200,7 +196,6 @@ TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
     const std::string nodes = one.listener.call("/bus/nodes");
     EXPECT_TRUE(says(nodes, "mqtt.site.2\"") && says(nodes, "mqtt.site.2.serve.2")) << nodes;
     EXPECT_FALSE(one.another(R"("site":"third","serve":["s"],"call":["listener"])"));
-    EXPECT_EQ(one.listener.call("/bus/nodes"), nodes);
     EXPECT_EQ(zelvo_mqtt_close(second), 0);
     EXPECT_EQ(one.listener.call("/bus/nodes"), alone);
     EXPECT_FALSE(zelvo_mqtt_open(nullptr, "{}"));
@@ -262,7 +257,7 @@ TEST(Secured, the_certificate_and_the_password_decide) {
 
 // ---- closing ----
 
-TEST_F(Bridges, close_ends_a_call_that_waits_and_a_silent_broker) {
+TEST_F(Bridges, close_ends_whatever_the_broker_and_the_bus_do) {
     Bridged site{broker.url(), "site", R"("call":["two"],"out":["t"],"callTimeout":600000)"};
     auto answer = std::async(std::launch::async, [&] { return site.listener.call("/two/n/x"); });
     Peer two{broker, "zelvo/site/#"};
@@ -271,6 +266,11 @@ TEST_F(Bridges, close_ends_a_call_that_waits_and_a_silent_broker) {
     EXPECT_TRUE(isQuick([&] { site.close(); }));
     EXPECT_EQ(answer.get(), kRefused);
     broker.resume();
+    Bridged stopped{broker.url(), "site", R"("serve":["listener"],"call":["two"],"in":["t"])"};
+    stopped.bus.stop();
+    Peer{broker, "x"}.publish("zelvo/topic/t", "x");
+    EXPECT_TRUE(isQuick([&] { stopped.close(); }));
+    stopped.bus.start();
 }
 
 TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
@@ -282,15 +282,6 @@ TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
     EXPECT_TRUE(isQuick([&] { EXPECT_EQ(zelvo_mqtt_close(site.get()), -1); }));
     slow.free.set();
     site.close();
-}
-
-TEST_F(Bridges, close_ends_when_the_bus_has_stopped) {
-    Bridged site{broker.url(), "site",
-                 R"("serve":["listener"],"call":["two"],"in":["t"],"out":["u"])"};
-    site.bus.stop();
-    Peer{broker, "x"}.publish("zelvo/topic/t", "x");
-    EXPECT_TRUE(isQuick([&] { site.close(); }));
-    site.bus.start();
 }
 
 } // namespace

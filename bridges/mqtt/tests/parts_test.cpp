@@ -62,11 +62,8 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "the configuration: is no JSON"},
         {R"({"url":"mqtt://h"})", "\"site\": is missing"},
-        {R"({"site":"s","url":"http://h"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://h:0"})", "\"url\": has to be mqtt://HOST"},
-        {R"({"site":"s","url":"mqtt://h:1883/x"})", "\"url\": has to be mqtt://HOST"},
         {R"({"site":"s","url":"mqtt://[::1]x"})", "\"url\": has to be mqtt://HOST"},
-        {R"({"site":"a/b","url":"mqtt://h"})", "\"site\": \"a/b\""},
         {R"({"site":"b","url":"mqtt://h"})", "\"site\": \"b\" is the bus's own name"},
         {R"({"site":"s\n","url":"mqtt://h"})", "has control characters"},
         {R"({"site":"s","url":[]})", "\"url\": names no broker"},
@@ -100,18 +97,16 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
     EXPECT_THROW(readConfig(nullptr), OpenError);
 }
 
-TEST(Config, is_taken_with_its_defaults_and_without) {
-    const Config least = readConfig(configWith("").c_str());
-    EXPECT_EQ(std::tie(least.brokers[0].host, least.brokers[0].port, least.brokers[0].tls,
-                       least.prefix, least.qos),
-              std::make_tuple("h"s, 1883, false, "zelvo"s, 1));
-    const Config most = readConfig(
+TEST(Config, is_taken) {
+    const Config config = readConfig(
         R"({"url":["mqtt://other","mqtts://[::1]:99"],"site":"s\\u0000","serve":["bus"],)"
         R"("call":["t",{"site":"t","node":"t.2"}],"out":[{"topic":"o","retain":true}]})");
-    EXPECT_EQ(std::tie(most.brokers[1].host, most.brokers[1].port, most.brokers[1].tls, most.site),
-              std::make_tuple("::1"s, 99, true, "s\\u0000"s));
-    EXPECT_EQ(most.call[0].node + most.call[1].node + most.call[1].site, "tt.2t");
-    EXPECT_TRUE(most.out[0].retain && most.serve[0] == "bus");
+    const auto &[host, port, tls] = config.brokers[1];
+    EXPECT_EQ(std::tie(host, port, tls, config.site, config.prefix),
+              std::make_tuple("::1"s, 99, true, "s\\u0000"s, "zelvo"s));
+    EXPECT_EQ(config.brokers[0].port, 1883);
+    EXPECT_EQ(config.call[0].node + config.call[1].node + config.call[1].site, "tt.2t");
+    EXPECT_TRUE(config.out[0].retain && config.serve[0] == "bus");
 }
 
 TEST(Log, a_file_that_has_got_too_large_is_begun_anew) {
@@ -123,9 +118,10 @@ TEST(Log, a_file_that_has_got_too_large_is_begun_anew) {
         log.info("line " + std::to_string(i) + std::string(100, '.'));
     }
     EXPECT_LT(std::filesystem::file_size(path), 2000U + 300U);
-    EXPECT_TRUE(says(readFile(path), "line 59") && says(readFile(path), "line 55"));
     other.info("of the other");
-    EXPECT_TRUE(says(readFile(path), "of the other"));
+    for (const char *const line : {"line 55", "line 59", "of the other"}) {
+        EXPECT_TRUE(says(readFile(path), line)) << line;
+    }
     EXPECT_FALSE(log.open(directory.path(), Level::kInfo));
 }
 
