@@ -38,9 +38,7 @@ Node::Node(Common &common, const std::string &name, onmessage_callback onMessage
     common.nodes.push_back(this);
     thread_ = startThread([this] {
         busClientSpin(client_.get());
-        const std::lock_guard lock{mutex_};
-        ended_ = true;
-        changed_.notify_all();
+        end_.set_value();
     });
 }
 
@@ -66,10 +64,7 @@ bool Node::leave(Clock::time_point until) {
     constexpr std::chrono::milliseconds again{20}; // a full queue drops the request
     while (thread_.joinable()) {
         askToLeave();
-        std::unique_lock lock{mutex_};
-        const auto last = std::min(until, Clock::now() + again);
-        if (changed_.wait_until(lock, last, [this] { return ended_; })) {
-            lock.unlock();
+        if (ended_.wait_until(std::min(until, Clock::now() + again)) == std::future_status::ready) {
             thread_.join();
         } else if (Clock::now() >= until) {
             return false;

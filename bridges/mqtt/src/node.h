@@ -7,10 +7,9 @@
 #include <zelvo/bus_client.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -47,10 +46,9 @@ private:
         void operator()(client_t *client) const { busClientClose(client); }
     };
     std::unique_ptr<client_t, Close> client_;
+    std::promise<void> end_; // of the thread
+    const std::future<void> ended_ = end_.get_future();
     std::thread thread_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool ended_ = false; // guarded by mutex_
 };
 
 // For the answer of a call handler, which the bus frees; null without memory.
