@@ -164,38 +164,47 @@ Result blocks(int milliseconds) {
     return result;
 }
 
-// A message in one block: topic and payload follow the record.
+// A message in one block: who sends it, what it is, its topic and its payload follow the record.
 struct Message {
+    std::size_t headSize; // of what is in front of the topic
     std::size_t topicSize;
     std::size_t payloadSize;
     const char *text() const noexcept { return reinterpret_cast<const char *>(this + 1); }
-    std::string_view topic() const noexcept { return {text(), topicSize}; }
-    std::string_view payload() const noexcept { return {text() + topicSize, payloadSize}; }
+    std::string_view topic() const noexcept { return {text() + headSize, topicSize}; }
+    std::string_view payload() const noexcept { return {topic().data() + topicSize, payloadSize}; }
 };
 struct Free {
     void operator()(Message *message) const noexcept { std::free(message); }
 };
 using MessagePtr = std::unique_ptr<Message, Free>;
 
-MessagePtr makeMessage(std::string_view topic, std::string_view payload) {
-    void *const block = std::malloc(sizeof(Message) + topic.size() + payload.size());
+MessagePtr makeMessage(std::string_view head, std::string_view topic, std::string_view payload) {
+    void *const block = std::malloc(sizeof(Message) + head.size() + topic.size() + payload.size());
     if (!block) {
         throw std::bad_alloc{};
     }
-    MessagePtr message{new (block) Message{topic.size(), payload.size()}};
-    char *const text = static_cast<char *>(block) + sizeof(Message);
-    std::memcpy(text, topic.data(), topic.size());
-    std::memcpy(text + topic.size(), payload.data(), payload.size());
+    MessagePtr message{new (block) Message{head.size(), topic.size(), payload.size()}};
+    char *next = static_cast<char *>(block) + sizeof(Message);
+    for (const std::string_view part : {head, topic, payload}) {
+        std::memcpy(next, part.data(), part.size());
+        next += part.size();
+    }
     return message;
 }
 
 // Sender and receiver exchange rows of messages; a receiver lets a short row grow for some yields.
+// Any thread may send, so that row has a lock.
 class Rows {
 public:
-    void push(MessagePtr message) {
+    // False: full.
+    bool push(MessagePtr message) {
+        constexpr std::size_t kPlaces = 1024;
         bool wake = false;
         {
             const std::lock_guard lock{mutex_};
+            if (message && in_.size() + left_.load(std::memory_order_acquire) >= kPlaces) {
+                return false;
+            }
             in_.push_back(std::move(message));
             waiting_.store(in_.size(), std::memory_order_release);
             wake = std::exchange(asleep_, false);
@@ -203,11 +212,13 @@ public:
         if (wake) {
             filled_.notify_one();
         }
+        return true;
     }
     MessagePtr pop() {
         if (next_ == out_.size()) {
             exchange();
         }
+        left_.store(out_.size() - next_ - 1, std::memory_order_release);
         return std::move(out_[next_++]);
     }
 
@@ -236,14 +247,17 @@ private:
     std::atomic<std::size_t> waiting_{0};
     alignas(64) std::vector<MessagePtr> out_; // the receiver's
     std::size_t next_ = 0;
+    std::atomic<std::size_t> left_{0};
 };
 
-// The three hops of a publication, without bounds, counters, log, names, or leaving.
+// The three hops of a publication, with what each of them needs on any bus: a bound, a count of
+// what was sent and refused, the sender's name. Without log, timers, calls, coming and going.
 class BareRouter final : public Publisher {
 public:
-    BareRouter(const Shape &shape, Sink &sink) {
+    BareRouter(const Shape &shape, Sink &sink)
+        : senders_(static_cast<std::size_t>(shape.publishers)) {
         for (int i = 0; i < shape.publishers; ++i) {
-            topics_.emplace_back(i % shape.topics);
+            senders_[static_cast<std::size_t>(i)].topic = i % shape.topics;
         }
         for (int topic = 0; topic < shape.topics; ++topic) {
             for (int i = 0; i < shape.subscribers; ++i) {
@@ -267,29 +281,43 @@ public:
         }
     }
     void publish(int publisher, std::string_view payload) override {
-        posted_.push(makeMessage(topics_[static_cast<std::size_t>(publisher)].name(), payload));
+        Sender &sender = senders_[static_cast<std::size_t>(publisher)];
+        const bool sent = posted_.push(makeMessage(kHead, Topic{sender.topic}.name(), payload));
+        (sent ? sender.sent : sender.refused).fetch_add(1, std::memory_order_relaxed);
     }
 
 private:
+    static constexpr std::string_view kHead{"publisher0 publish"};
+    struct Sender {
+        int topic = 0;
+        alignas(64) std::atomic<std::uint64_t> sent{0}; // any thread may use a sender
+        std::atomic<std::uint64_t> refused{0};
+    };
+
     void route() {
         while (MessagePtr message = posted_.pop()) {
             const std::vector<Rows *> &all = subscribers_[std::string{message->topic()}];
             for (std::size_t i = 1; i < all.size(); ++i) {
-                all[i]->push(makeMessage(message->topic(), message->payload()));
+                send(*all[i], makeMessage(kHead, message->topic(), message->payload()));
             }
             if (!all.empty()) {
-                all.front()->push(std::move(message));
+                send(*all.front(), std::move(message));
             }
         }
         for (const auto &inbox : inboxes_) {
             inbox->push(nullptr);
         }
     }
+    void send(Rows &to, MessagePtr message) {
+        ++(to.push(std::move(message)) ? handedOn_ : refused_);
+    }
 
-    std::vector<Topic> topics_; // of the publishers
+    std::vector<Sender> senders_;
     std::unordered_map<std::string, std::vector<Rows *>> subscribers_;
     Rows posted_;
     std::vector<std::unique_ptr<Rows>> inboxes_;
+    std::uint64_t handedOn_ = 0; // by the router
+    std::uint64_t refused_ = 0;
     std::vector<std::thread> threads_;
 };
 

@@ -37,12 +37,12 @@ struct message_t {
     void *node;         // the record of its maker, client_t or server_t; not owned
     char *request_name; // the node whose request the message belongs to, or kNoRequest
     payload_t *payload;
-    // The call that a request or response belongs to; 0: none in particular.
-    std::uint64_t call;
+    Action kind; // of action
     // Whether the message owns a reference to node, a client_t: a join request, which is the only
     // message whose maker the server reaches without finding it in its registry.
     bool holds_node;
-    Action kind;      // of action
+    // The call that a request or response belongs to; 0: none in particular.
+    std::uint64_t call;
     std::size_t size; // of the block, all of it
 };
 
@@ -56,7 +56,7 @@ message_t *busClientExMessageNew(const char *name, const char *topic, const char
 message_t *busClientExMessageCopy(const void *message) noexcept;
 // The same with another request_name, or another action.
 message_t *copyForRequest(const message_t &message, const char *request_name) noexcept;
-message_t *copyWithAction(const message_t &message, const char *action) noexcept;
+message_t *copyWithAction(const message_t &message, Action action) noexcept;
 // Frees a message, with the reference that it owns; null is accepted. Always 0. The delete function
 // of message queues.
 int busClientExMessageDelete(void *message) noexcept;

@@ -2,7 +2,9 @@
 
 #include "bus_mk_str.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <new>
 
 namespace bus {
@@ -29,27 +31,9 @@ std::string quoted(const char *text) {
 } // namespace
 
 Action actionOf(std::string_view text) noexcept {
-    struct Row {
-        std::string_view text;
-        Action action;
-    };
-    constexpr Row kActions[] = {
-        {action::kPublish, Action::kPublish},
-        {action::kRequest, Action::kRequest},
-        {action::kResponse, Action::kResponse},
-        {action::kPublishSticky, Action::kPublishSticky},
-        {action::kRemoveSticky, Action::kRemoveSticky},
-        {action::kSetTimer, Action::kSetTimer},
-        {action::kKillTimer, Action::kKillTimer},
-        {action::kExit, Action::kExit},
-        {action::kDepart, Action::kDepart},
-    };
-    for (const Row &row : kActions) {
-        if (row.text == text) {
-            return row.action;
-        }
-    }
-    return Action::kOther;
+    const auto *const found = std::find(std::begin(kActionWords), std::end(kActionWords), text);
+    return found == std::end(kActionWords) ? Action::kOther
+                                           : static_cast<Action>(found - std::begin(kActionWords));
 }
 
 std::optional<Url> splitUrl(std::string_view url) noexcept {

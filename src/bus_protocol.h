@@ -5,6 +5,7 @@
 
 #include <cJSON.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,16 +30,31 @@ inline constexpr char kDepart[] = "depart"; // wakes the server to look at its d
 enum class Action : unsigned char {
     kOther,
     kPublish,
-    kPublishSticky,
-    kRemoveSticky,
     kRequest,
     kResponse,
-    kExit,
+    kPublishSticky,
+    kRemoveSticky,
     kSetTimer,
     kKillTimer,
+    kExit,
     kDepart,
 };
+inline constexpr std::string_view kActionWords[] = {
+    "", // of kOther, and so on
+    action::kPublish,
+    action::kRequest,
+    action::kResponse,
+    action::kPublishSticky,
+    action::kRemoveSticky,
+    action::kSetTimer,
+    action::kKillTimer,
+    action::kExit,
+    action::kDepart,
+};
 Action actionOf(std::string_view text) noexcept;
+constexpr std::string_view wordOf(Action action) noexcept {
+    return kActionWords[static_cast<std::size_t>(action)];
+}
 
 inline constexpr char kServerName[] = "busServer";
 inline constexpr char kEventTopic[] = "bus.event";

@@ -13,7 +13,7 @@ TEST(Message, copies_hold_all_but_the_reference) {
         holdNode(*message, client);
         EXPECT_EQ(client.references, 2);
         message.reset(copyForRequest(*message, "asker"));
-        message.reset(copyWithAction(*message, action::kExit));
+        message.reset(copyWithAction(*message, Action::kExit));
         message.reset(busClientExMessageCopy(message.get()));
         EXPECT_EQ(client.references, 1);
         EXPECT_EQ(_message_equal(message->action, message.get()), 0);

@@ -304,7 +304,7 @@ void depart(client_t &client) noexcept {
     record->next_departed = server.departed.load(std::memory_order_relaxed);
     while (!server.departed.compare_exchange_weak(record->next_departed, record)) {}
     // Only to wake the server: where this is lost, it looks when it has handled its next message.
-    MessagePtr wakeUp = ownMessage(client, nullptr, action::kDepart, nullptr, 0);
+    MessagePtr wakeUp = ownMessage(client, nullptr, Action::kDepart, nullptr, 0);
     if (postToServer(server, wakeUp) == bus_mk_sent::kDone) {
         count(client.counters.sent);
     }

@@ -26,7 +26,7 @@ int _busClientLogMessage(int level, const char *direction, const client_t *clien
                          const message_t *message, const char *target, int line) noexcept;
 
 // A message of client's own that belongs to no request.
-MessagePtr ownMessage(client_t &client, const char *topic, const char *action, const char *data,
+MessagePtr ownMessage(client_t &client, const char *topic, Action action, const char *data,
                       int len) noexcept;
 
 // The line of arguments that are refused.

@@ -6,8 +6,7 @@ namespace bus {
 namespace {
 
 // Posts one message to the server. False: it was refused, and is freed.
-bool post(client_t &client, const char *topic, const char *action, const char *data,
-          int len) noexcept {
+bool post(client_t &client, const char *topic, Action action, const char *data, int len) noexcept {
     MessagePtr message = ownMessage(client, topic, action, data, len);
     if (message) {
         BUS_CLIENT_TRACE("==>", &client, message.get());
@@ -21,7 +20,7 @@ bool post(client_t &client, const char *topic, const char *action, const char *d
     return true;
 }
 
-int publish(client_t *client, const char *topic, const char *action, const char *data,
+int publish(client_t *client, const char *topic, Action action, const char *data,
             int len) noexcept {
     if (!client || !client->server || !topic) {
         return -1;
@@ -32,9 +31,10 @@ int publish(client_t *client, const char *topic, const char *action, const char 
     }
     if (!post(*client, topic, action, data, len)) {
         BUS_LOG(4, "  %s %s ==> server %s failed, topic: %s, queue is full\n", TAG,
-                client->name.get(), action, topic);
+                client->name.get(), wordOf(action).data(), topic);
     }
-    BUS_LOG(1, "  %s %s %s end, topic: %s\n", TAG, client->name.get(), action, topic);
+    BUS_LOG(1, "  %s %s %s end, topic: %s\n", TAG, client->name.get(), wordOf(action).data(),
+            topic);
     return 0;
 }
 
@@ -45,12 +45,12 @@ int busClientPublish(client_t *client, const char *topic, const char *data, int 
     BUS_LOG(2, "  client: %p, server: %p. topic: %p\n", static_cast<const void *>(client),
             static_cast<const void *>(client ? client->server : nullptr),
             static_cast<const void *>(topic));
-    return bus::publish(client, topic, bus::action::kPublish, data, len);
+    return bus::publish(client, topic, bus::Action::kPublish, data, len);
 }
 
 int busClientPublishSticky(client_t *client, const char *topic, const char *data,
                            int len) noexcept {
-    return bus::publish(client, topic, bus::action::kPublishSticky, data, len);
+    return bus::publish(client, topic, bus::Action::kPublishSticky, data, len);
 }
 
 int busClientRemoveSticky(client_t *client, const char *jsondata) noexcept {
@@ -61,7 +61,7 @@ int busClientRemoveSticky(client_t *client, const char *jsondata) noexcept {
         bus::logFormatError();
         return -1;
     }
-    if (!bus::post(*client, nullptr, bus::action::kRemoveSticky, jsondata,
+    if (!bus::post(*client, nullptr, bus::Action::kRemoveSticky, jsondata,
                    static_cast<int>(std::strlen(jsondata)))) {
         BUS_LOG(4, "  %s %s ==> server removeSticky failed, data: %s, queue is full\n", bus::TAG,
                 client->name.get(), jsondata);

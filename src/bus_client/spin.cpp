@@ -73,7 +73,7 @@ bus_mk_sent postExit(client_t &client) noexcept {
         if (attempt > 0) {
             platform::yieldThread();
         }
-        MessagePtr message = ownMessage(client, nullptr, action::kExit, nullptr, 0);
+        MessagePtr message = ownMessage(client, nullptr, Action::kExit, nullptr, 0);
         sent = handOver(client.message_queue, message, 0);
     }
     return sent;

@@ -88,7 +88,7 @@ long long shown(double time) noexcept {
 
 // False: memory is short, or the queue is full of other messages that wake the loop as well.
 bool postWakeUp(client_t &client) noexcept {
-    MessagePtr message = ownMessage(client, nullptr, action::kSetTimer, nullptr, 0);
+    MessagePtr message = ownMessage(client, nullptr, Action::kSetTimer, nullptr, 0);
     return handOver(client.message_queue, message, -1) == bus_mk_sent::kDone;
 }
 
@@ -227,7 +227,7 @@ int busClientKilltimer(client_t *client, int id) noexcept {
     std::array<char, 32> payload{};
     const int length = std::snprintf(payload.data(), payload.size(), "{\"id\": %d}", id);
     bus::MessagePtr message =
-        bus::ownMessage(*client, nullptr, bus::action::kKillTimer, payload.data(), length);
+        bus::ownMessage(*client, nullptr, bus::Action::kKillTimer, payload.data(), length);
     const bus_mk_sent sent = bus::handOver(client->message_queue, message, -1);
     if (sent != bus_mk_sent::kDone) {
         bus::countLost(sent, client->counters.own_full, client->counters.no_memory);

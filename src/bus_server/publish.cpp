@@ -111,7 +111,7 @@ void _busServerPublishSticky(server_t &server, MessagePtr &taken) noexcept {
     if (!message.topic) {
         return;
     }
-    MessagePtr copy{copyWithAction(message, action::kPublish)};
+    MessagePtr copy{copyWithAction(message, Action::kPublish)};
     if (!copy) {
         count(server.counters.no_memory);
         return;
