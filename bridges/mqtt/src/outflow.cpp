@@ -26,6 +26,7 @@ Outflow::Outflow(Common &common, DataLink &link, std::function<std::string()> st
     node_.subscribe(jsonArray(subscribed));
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the bus gives the type
 int Outflow::onMessage(void *self, client_t *, char *topic, char *data, int len) {
     Outflow &outflow = *static_cast<Outflow *>(self);
     try {

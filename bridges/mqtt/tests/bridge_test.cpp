@@ -38,8 +38,6 @@ TEST_F(Bridges, publications_of_any_topic_and_content_pass) {
 TEST_F(Bridges, a_retained_publication_is_sticky_until_it_is_emptied) {
     Bridged from{broker.url(), "from", R"("out":[{"topic":"kept","retain":true},"once"])"};
     publish(from, "kept", "1", true);
-    Peer peer{broker, "zelvo/topic/#"};
-    EXPECT_EQ(peer.next("zelvo/topic/kept"), "1");
     for (int time = 0; time < 2; ++time) { // the broker keeps the session of the first
         Bridged before{broker.url(), "to", R"("in":["kept"])"};
         hear(before, R"(["kept"])");

@@ -5,14 +5,11 @@
 #include "bridged.h"
 #include "broker.h"
 
-#include <atomic>
 #include <cstdio>
 #include <string>
 #include <string_view>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 struct Received {
     std::atomic<int> latest{0}, missing{0}, repeated{0}; // the greatest, and how many
@@ -75,10 +72,10 @@ int run(int seconds, int signal) {
             ++(says(caller.call("/receiver/listener/x"), "not implement") ? refused : answered);
         }
     }};
-    const auto end = Clock::now() + std::chrono::seconds{seconds};
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{seconds};
     int rounds = 0;
     long early = 0;
-    for (; Clock::now() < end && arrives; ++rounds) {
+    for (; std::chrono::steady_clock::now() < end && arrives; ++rounds) {
         arrives = received.reaches(received.latest + 500);
         zelvo_mqtt_t *const second = receiver.another(R"("site":"second","in":["numbers.2"])");
         broker.kill(rounds % 3 == 2 ? SIGTERM : signal);
