@@ -20,7 +20,7 @@ void Outbox::Queue::prepend(Publication publication) {
     all.push_front(std::move(publication));
 }
 
-Publication Outbox::Queue::take(std::deque<Publication>::iterator which) {
+Publication Outbox::Queue::take(const std::deque<Publication>::iterator &which) {
     Publication publication = std::move(*which);
     all.erase(which);
     bytes -= publication.size();

@@ -62,7 +62,7 @@ private:
 
         void append(Publication publication);
         void prepend(Publication publication);
-        Publication take(std::deque<Publication>::iterator which);
+        Publication take(const std::deque<Publication>::iterator &which);
     };
 
     const std::size_t mostMessages_, mostBytes_;
