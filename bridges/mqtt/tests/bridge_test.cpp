@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <mqtt_protocol.h>
 
-#include <atomic>
 #include <future>
 #include <new>
 

@@ -17,6 +17,7 @@ public:
         : Node{bus, name, [](client_t *, const std::string &url, const std::string &data) {
                    return mallocText(url + "<" + data);
                }} {
+        busClientUnsubscribe(get(), R"(["bus.event"])"); // would grow with what comes and goes
         subscribe(topics);
     }
     // Up to now, of others than the bus.
