@@ -56,6 +56,7 @@ public:
           bridge_{another("\"site\":\"" + site + "\"" + (members.empty() ? "" : ",") + members,
                           log_.file("log"))} {
         if (connects && !isConnected()) {
+            close();
             throw std::runtime_error{"no connection: " + log()};
         }
     }

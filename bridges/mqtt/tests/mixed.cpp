@@ -6,7 +6,6 @@
 #include "broker.h"
 
 #include <cstdio>
-#include <string>
 #include <string_view>
 
 namespace {
