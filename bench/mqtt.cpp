@@ -228,7 +228,6 @@ int runPeer(const char *system, int port) {
 class Pair {
 public:
     explicit Pair(const char *system) {
-        broker_.start();
         startPeer(system);
         end_ = makeEnd(system, true, broker_.port(), [this](std::string_view payload) {
             const std::lock_guard lock{mutex_};

@@ -29,23 +29,13 @@ struct World {
     RunningNode echo{bus.get(), "echo", nullptr, reply};
     RunningNode caller{bus.get(), "caller"};
     zelvo_mqtt::Log log;
-    const zelvo_mqtt::Config config = zelvo_mqtt::readConfig(kConfig);
-    const zelvo_mqtt::Topics topics{config.prefix, config.site};
-    zelvo_mqtt::Passing passing{bus.get(), "s"};
-    zelvo_mqtt::CallLink link{config, topics, log, [](const auto &, const auto &) {},
-                              [](const auto &) {}};
-    std::optional<zelvo_mqtt::Inflow> inflow;
-    zelvo_mqtt::Calls calls{bus.get(), config, topics, link, log};
-    zelvo_mqtt::Serving serving{bus.get(), config, topics, "mqtt.s", link, log};
-    zelvo_mqtt::Receiver receiver{topics, calls, serving, log};
+    zelvo_mqtt::Common common{bus.get(), zelvo_mqtt::readConfig(kConfig), log};
+    zelvo_mqtt::CallLink link{common, [](const auto &, const auto &) {}, [](const auto &) {}};
+    zelvo_mqtt::Inflow inflow{common, [] {}};
+    zelvo_mqtt::Calls calls{common, link};
+    zelvo_mqtt::Serving serving{common, link};
 
-    World() {
-        REQUIRE(log.open("/dev/null", zelvo_mqtt::Level::kWarning));
-        inflow.emplace(bus.get(), config, topics, "mqtt.s.in", passing, log, [] {});
-        inflow->node().start();
-        calls.eachNode([](zelvo_mqtt::Node &node) { node.start(); });
-        serving.eachNode([](zelvo_mqtt::Node &node) { node.start(); });
-    }
+    World() { REQUIRE(log.open("/dev/null", zelvo_mqtt::Level::kWarning)); }
     ~World() {
         calls.close();
         serving.close();
@@ -102,8 +92,8 @@ constexpr PropertyKind kProperties[] = {
 
 void receive(std::string_view line) {
     if (line == "!") {
-        world->inflow->sweep();
-        world->inflow->expectAll();
+        world->inflow.sweep();
+        world->inflow.expectAll();
         return;
     }
     std::string_view letters = cut(line, '\t');
@@ -126,10 +116,11 @@ void receive(std::string_view line) {
     }
     const zelvo_mqtt::Properties owned{list};
     const zelvo_mqtt::Incoming incoming = zelvo_mqtt::readIncoming(message, owned.get());
-    if (world->inflow->takes(topic)) {
-        world->inflow->publish(incoming);
+    if (world->inflow.takes(topic)) {
+        world->inflow.publish(incoming);
     } else {
-        world->receiver.receive(incoming);
+        const zelvo_mqtt::Link::Lock lock = world->link.lock();
+        zelvo_mqtt::receive(world->common, world->calls, world->serving, incoming);
     }
     REQUIRE(!zelvo_mqtt::unescaped(zelvo_mqtt::escaped(topic)) ||
             *zelvo_mqtt::unescaped(zelvo_mqtt::escaped(topic)) == topic);

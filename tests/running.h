@@ -6,6 +6,7 @@
 
 #include <zelvo/bus_client.h>
 
+#include <algorithm>
 #include <functional>
 #include <utility>
 
@@ -93,7 +94,7 @@ class Node {
 public:
     using OnCall = std::function<char *(client_t *, const std::string &url, const std::string &)>;
 
-    Node(const Bus &bus, const std::string &name, OnCall onCall = {}, bool spins = true)
+    Node(const RunningBus &bus, const std::string &name, OnCall onCall = {}, bool spins = true)
         : onCall_{std::move(onCall)},
           node_{bus.get(), name, hear, onCall_ ? reply : nullptr, this, spins} {}
 
@@ -112,6 +113,13 @@ public:
         std::unique_lock lock{mutex_};
         more_.wait_for(lock, kLimit, [&] { return heard_.size() >= count; });
         return heard_;
+    }
+
+    // Whether the text is heard within the limit.
+    bool hears(const std::string &text, std::chrono::milliseconds limit = kLimit) {
+        std::unique_lock lock{mutex_};
+        return more_.wait_for(lock, limit,
+                              [&] { return std::count(heard_.begin(), heard_.end(), text) > 0; });
     }
 
 private:

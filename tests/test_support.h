@@ -66,6 +66,18 @@ private:
     std::thread thread_;
 };
 
+// Waits until the condition holds; false: it never did.
+inline bool eventually(auto condition, std::chrono::milliseconds limit = kLimit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds{2});
+    }
+    return true;
+}
+
 // A new empty directory, removed with all it holds.
 class TempDir {
 public:

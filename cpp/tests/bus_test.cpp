@@ -1,6 +1,8 @@
 #include "support.h"
 
+#include <fstream>
 #include <random>
+#include <sstream>
 
 using namespace zelvo;
 
@@ -10,46 +12,27 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
         std::filesystem::temp_directory_path() /
         std::filesystem::u8path("zelvo face \xC3\xA4 " + std::to_string(std::random_device{}()));
     ASSERT_TRUE(std::filesystem::create_directory(config.home));
+    config.log = config.home / "log";
+    config.log_megabytes = 0;
     {
         const Bus bus{config};
         const Node node{bus, "node"};
         const Keys keys = node.keys();
         EXPECT_EQ(keys.get("none"), std::nullopt);
-        for (const char *const json :
-             {"30", "-1.5e3", "\"a \\\"text\\\" \\u00e4\"", "true", "null", "[ ]",
-              "{\"data\":\"\"}", " [1, {\"a\" : [\"\\ud83d\\ude00\"]}]",
-              "\"\\ud800\\udc00\\uDBFF\\uDFFF\\ud7ff\\ue000\"", "0.50E-1"}) {
+        std::istringstream good{
+            R"(30|-1.5e3|0.50E-1|"a \"text\" \u00e4"|true|null|[ ]|{"data":""}|)"
+            R"( [1, {"a" : ["\ud83d\ude00"]}]|"\ud800\udc00\uDBFF\uDFFF\ud7ff\ue000")"};
+        for (std::string json; std::getline(good, json, '|');) {
             keys.set("key \"one\"", json);
             EXPECT_TRUE(keys.get("KEY \"one\"")) << json;
         }
         keys.set("deep", std::string(501, '[') + std::string(501, ']'));
         keys.set("kept", "\"here\"", true);
-        for (const char *const json : {"",
-                                       "x",
-                                       "01",
-                                       "1.",
-                                       "-",
-                                       "1e",
-                                       "'a'",
-                                       "\"a",
-                                       "\"",
-                                       "\"\n\"",
-                                       "\"\\x\"",
-                                       "\"\\u12\"",
-                                       "\"\\u0000\"",
-                                       "\"\\uDA00\"",
-                                       "\"\\ud83d\\ue000\"",
-                                       "\"\\udc00\\udc00\"",
-                                       "{:1}",
-                                       "1e+",
-                                       "\"\\u00g0\"",
-                                       "[1,]",
-                                       "[1",
-                                       "{\"a\"}",
-                                       "{1:2}",
-                                       "1 2",
-                                       "1}",
-                                       "1,\"b\":2"}) {
+        std::istringstream bad{
+            R"(|x|01|1.|-|1e|1e+|1 2|1}|'a'|"a|"|"\x"|"\u12"|"\u0000"|"\u00g0"|)"
+            R"("\uDA00"|"\ud83d\ue000"|"\udc00\udc00"|{:1}|{"a"}|{1:2}|[1,]|[1|[|{|)"
+            "1,\"b\":2|\"\n\""};
+        for (std::string json; std::getline(bad, json, '|');) {
             EXPECT_THROW(keys.set("kept", json), std::invalid_argument) << json;
         }
         EXPECT_THROW(keys.set("kept", std::string(502, '[') + std::string(502, ']')),
@@ -58,12 +41,15 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
         EXPECT_THROW(static_cast<void>(keys.get("")), std::invalid_argument);
     }
     EXPECT_TRUE(std::filesystem::exists(config.home / "keys.json"));
+    EXPECT_TRUE(std::filesystem::exists(config.log));
     std::filesystem::remove_all(config.home);
 }
 
 TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
-    const Bus bus{quiet()};
-    const Node node{bus, "a \"name\"\t\\"};
+    Config config = quiet();
+    config.call_timeout = kLimit;
+    const Bus bus{config};
+    Node node{bus, "a \"name\" of a node\t\\"};
     const auto refusal = [&bus](const std::string &name) {
         try {
             const Node joined{bus, name};
@@ -84,7 +70,13 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
         const std::string why = refusal(entry.name);
         EXPECT_NE(why.find(entry.why), why.npos) << entry.name << ": " << why;
     }
-    EXPECT_EQ(node.nodes(), std::vector<std::string>{"a \"name\"\t\\"});
+    EXPECT_EQ(node.nodes(), std::vector<std::string>{node.name()});
+    node.on_call([] {
+        std::string name; // empty on systems without such a file
+        return std::getline(std::ifstream{"/proc/thread-self/comm"}, name), name;
+    });
+    const std::string thread = node.call_async("/" + node.name() + "/thread").get().text;
+    EXPECT_TRUE(thread.empty() || thread == node.name().substr(0, 15)) << thread;
     EXPECT_EQ(node.stats(), std::nullopt); // not configured
     std::vector<client_t *> many;
     do {
@@ -96,9 +88,21 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     for (client_t *const client : many) {
         busClientClose(client);
     }
-    Config config = quiet();
     config.log_megabytes = -1;
     EXPECT_THROW(Bus{config}, std::invalid_argument);
+}
+
+TEST(FaceBus, a_hook_that_cannot_be_copied_makes_no_bus) {
+    struct Hook {
+        explicit Hook(int left) : copies{left} {}
+        Hook(const Hook &other)
+            : copies{other.copies > 0 ? other.copies - 1 : throw std::runtime_error("no copy")} {}
+        void operator()(std::string_view, const std::exception_ptr &) const {}
+        const int copies; // how many can be made, each of the one before
+    };
+    Config config;
+    config.on_error = Hook{1};
+    EXPECT_THROW(Bus{config}, std::runtime_error);
 }
 
 TEST(FaceBusDeathTest, a_handler_may_end_the_process) {

@@ -44,11 +44,19 @@ inline zelvo::Config quiet() {
     return config;
 }
 
+// A bus with two nodes.
+class Face : public testing::Test {
+protected:
+    zelvo::Bus bus{quiet()};
+    zelvo::Node lamp{bus, "lamp"};
+    zelvo::Node panel{bus, "panel"};
+};
+
+// How many times this thread has taken memory by operator new.
+extern thread_local int allocations;
+
 // Whether there is something to dispatch, at once or within the limit.
 bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit = 0ms);
-inline void awaitReadable(const zelvo::PolledNode &node) {
-    ASSERT_TRUE(isReadable(node, kLimit));
-}
 
 // Waits until the node has handled what had reached it by now.
 inline void settle(const zelvo::Node &from, const zelvo::Node &node) {

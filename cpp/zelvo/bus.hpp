@@ -56,7 +56,7 @@ class PolledNode;
 class Bus {
 public:
     // Throws Error when memory is short, std::invalid_argument for a configuration that can't be,
-    // std::system_error when there is no thread for it.
+    // std::system_error when there is no thread for it, and what a copy of Config::on_error throws.
     explicit Bus(const Config &config = {}) : state_{std::make_shared<detail::BusState>(config)} {}
     Bus(const Bus &) = delete;
     Bus &operator=(const Bus &) = delete;
@@ -109,11 +109,12 @@ public:
     // until that has happened: a loop that does not come round makes the node a slow one, whose
     // queue fills. A node that is destroyed while work of it waits in the loop runs none of it.
     // What handlers have captured goes in the loop too, or in the thread that destroys the node.
-    // A handler that waits, in a loop, for another node of the same loop waits for good.
-    template <class Executor, class = std::enable_if_t<std::is_invocable_v<Executor &, Task>>>
+    // A handler that waits, in a loop, for another node of the same loop waits for good. Throws
+    // std::invalid_argument for an executor that holds no function; what it throws when it is
+    // called goes to Config::on_error, and a message that it was for is lost.
+    template <class Executor>
     Node(const Bus &bus, const std::string &name, Executor executor)
-        : Node{bus, name,
-               detail::HopsPtr{std::make_shared<detail::HopsOf<Executor>>(std::move(executor))}} {}
+        : Node{bus, name, detail::hopsOf(std::move(executor))} {}
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
     Node(Node &&) noexcept = default;
@@ -149,7 +150,9 @@ public:
     void publish(const CText &topic, const Bytes &bytes) const {
         publish(topic, detail::viewOf(bytes));
     }
-    // A value of the topic's type, as its zelvo::Codec makes it bytes.
+    // A value of the topic's type, as its zelvo::Codec makes it bytes; what that throws is thrown
+    // here, and nothing is published. A number is converted as a call would, but for one with a
+    // fraction to a type without, or anything else to bool: that does not compile.
     template <class Value>
     void publish(const Topic<Value> &topic, const detail::Same<Value> &value) const {
         std::string space;
@@ -185,15 +188,20 @@ public:
     // unsubscribe has removed the handlers, but not certainly told the bus: do it again.
     // At most 2,048 topics for each node; further ones are left out, with a warning in the log.
 
-    // handler(std::string_view topic, std::string_view data) or handler(std::string_view data); it
-    // may take std::string instead, and be moved only. The bus's own topics are "bus.event" (nodes
-    // that join) and "bus.error" (calls refused as a ring).
+    // handler(std::string_view topic, std::string_view data), handler(std::string_view data) or
+    // handler(); it may take std::string instead, and be moved only. Topics are one, two, or any
+    // number in braces or a vector. The bus's own topics are "bus.event" (nodes that join) and
+    // "bus.error" (calls refused as a ring).
     template <class Handler>
     Subscription subscribe(const CText &topic, Handler handler) {
         return subscribeTo({topic.c_str()}, std::move(handler));
     }
     template <class Handler>
     Subscription subscribe(const std::vector<std::string> &topics, Handler handler) {
+        return subscribeTo(topics, std::move(handler));
+    }
+    template <class Handler>
+    Subscription subscribe(std::initializer_list<std::string> topics, Handler handler) {
         return subscribeTo(topics, std::move(handler));
     }
     template <class Handler>
@@ -218,7 +226,7 @@ public:
                 });
         }
     }
-    // How many messages and questions have not decoded.
+    // How many messages and questions have not decoded since the node was made.
     [[nodiscard]] std::size_t unreadable() const { return state().unreadable(); }
     // All handlers of the topics.
     void unsubscribe(const std::vector<std::string> &topics) { state().unsubscribe(topics); }
@@ -272,6 +280,7 @@ public:
     Answer call(const CText &url, std::string_view data = {}) const {
         return state().call(url.c_str(), data);
     }
+    // The reply, or why there is none: Cause::unreadable where what came is no Reply.
     template <class Question, class Reply>
     Result<Reply> call(const Service<Question, Reply> &service,
                        const detail::Same<Question> &question) const {
@@ -280,7 +289,8 @@ public:
             call(service.url(), Codec<Question>::encode(question, space)));
     }
     // The same, but it ends after that time, whatever the other node does: then with
-    // Cause::timed_out. As it is made by a helper, it is not refused as a ring.
+    // Cause::timed_out. As it is made by a helper, it is not refused as a ring, counts among the
+    // calls of call_async (Cause::too_many), and throws what that throws.
     template <class Rep, class Period>
     [[nodiscard]] Answer call_for(std::chrono::duration<Rep, Period> limit, const CText &url,
                                   std::string_view data = {}) const {
@@ -302,7 +312,8 @@ public:
     // refused as a ring, but waits for good. In handlers, take the form with a completion. A node
     // that never answers keeps the helpers that call it, a quarter of them at most, and what waits
     // behind them for the same node. Throws Error when Config::helpers is 0, std::system_error when
-    // there is no thread for the first of them.
+    // there is no thread for the first of them. cancel() of the future, or of what the form with a
+    // completion gives, lets go of the call.
     Future<Answer> call_async(const CText &url, std::string_view data = {}) const {
         return beginFuture<Answer>(url.c_str(), data, detail::asItIs);
     }
@@ -315,13 +326,17 @@ public:
             [](const Answer &answer) { return detail::resultFrom<Reply>(answer); });
     }
     // completion(Answer) runs in this node's thread, unless the node leaves before.
-    template <class Completion, class = std::enable_if_t<std::is_invocable_v<Completion &, Answer>>>
+    template <class Completion>
     PendingCall call_async(const CText &url, std::string_view data, Completion completion) const {
-        detail::require(completion);
-        return begin(std::make_shared<detail::CompletedCall<Completion>>(url.c_str(), data,
-                                                                         std::move(completion)));
+        static_assert(std::is_invocable_v<Completion &, Answer>,
+                      "zelvo: a completion of a call takes (zelvo::Answer)");
+        if constexpr (std::is_invocable_v<Completion &, Answer>) {
+            detail::require(completion);
+            return begin(std::make_shared<detail::CompletedCall<Completion>>(
+                url.c_str(), data, std::move(completion)));
+        }
     }
-    template <class Completion, class = std::enable_if_t<std::is_invocable_v<Completion &, Answer>>>
+    template <class Completion, class = detail::IfNoText<Completion>>
     PendingCall call_async(const CText &url, Completion completion) const {
         return call_async(url, {}, std::move(completion));
     }

@@ -61,16 +61,28 @@ private:
 //   trivially copyable types       their bytes as they lie in memory: the padding too, whatever it
 //                                  holds, and the order of bytes of this machine; their size is
 //                                  checked, and nothing else: both sides must be of one build, and
-//                                  pointers inside mean what they mean here. A std::array of them
-//                                  likewise, and a std::vector, of any number.
-//   std::vector, std::array        of other types with one of these: each behind its length, 4
-//   bytes what JSON can be made of       with zelvo/json.hpp
+//                                  pointers inside mean what they mean here. A std::array or a
+//                                  std::vector of them likewise, and of numbers, but of bool.
+//   std::vector, std::array        of other types with one of these: each behind its length, which
+//                                  is 4 bytes in this machine's order
+//   what JSON can be made of       with zelvo/json.hpp
 // Answers to calls end at a NUL. So in an answer of a service the byte 0 travels as the two bytes
 // 1 1, the byte 1 as 1 2, and 1 3 stands for nothing; it is at the beginning of an answer that
 // would look like one of the bus's refusals. A text without these bytes is what a caller in C
 // reads.
 template <class Value, class = void>
-struct Codec;
+struct Codec {
+    static std::string_view encode(const Value & /*value*/, std::string &space) {
+        static_assert(sizeof(Value) == 0, "zelvo: no codec for this type: zelvo/json.hpp may have "
+                                          "one, or write a zelvo::Codec of your own");
+        return space;
+    }
+    static std::optional<Value> decode(std::string_view /*bytes*/) {
+        static_assert(sizeof(Value) == 0, "zelvo: no codec for this type: zelvo/json.hpp may have "
+                                          "one, or write a zelvo::Codec of your own");
+        return std::nullopt;
+    }
+};
 
 namespace detail {
 
@@ -313,10 +325,31 @@ private:
 
 namespace detail {
 
+// A number as an argument: none with a fraction for a type without, and for bool nothing else.
+template <class Other, class Value>
+inline constexpr bool kLoses = (std::is_floating_point_v<Other> &&
+                                !std::is_floating_point_v<Value>) ||
+                               (std::is_same_v<Value, bool> && !std::is_same_v<Other, bool> &&
+                                !std::is_class_v<Other>);
+template <class Value>
+class Number {
+public:
+    Number(Value given) noexcept : value_{given} {}
+    template <class Other, class = std::enable_if_t<std::is_class_v<Other> &&
+                                                    std::is_convertible_v<const Other &, Value>>>
+    Number(const Other &given) : value_(given) {}
+    template <class Other, class = std::enable_if_t<kLoses<Other, Value>>, class = void>
+    Number(Other) = delete;
+    operator const Value &() const noexcept { return value_; }
+
+private:
+    Value value_;
+};
+
 // A type that is given, not found by an argument.
 template <class Value>
 struct Given {
-    using Type = Value;
+    using Type = std::conditional_t<std::is_arithmetic_v<Value>, Number<Value>, Value>;
 };
 template <class Value>
 using Same = typename Given<Value>::Type;

@@ -53,9 +53,12 @@ private:
 //     pollfd waits[] = {{panel.fd(), POLLIN, 0}, ...};
 //     poll(waits, ...);
 //     panel.dispatch();
-// What holds for a node with an executor holds here.
+// What holds for a node with an executor holds here. Where nobody calls dispatch(), nothing of the
+// node runs, and its queue fills.
 class PolledNode : public Node {
 public:
+    // Throws what Node's constructor throws; std::system_error also when there are no more
+    // descriptors.
     PolledNode(const Bus &bus, const std::string &name)
         : PolledNode{bus, name, std::make_shared<detail::Inbox>()} {}
 

@@ -22,62 +22,38 @@ Json stateObject(const std::string &name, bool connected, const std::string &why
     return object;
 }
 
+void publishState(const Node &node, decltype(busClientPublish) publish, const Json &state) {
+    const std::string text = printed(state);
+    publish(node.get(), kStateTopic, text.data(), static_cast<int>(text.size()));
+}
+
 } // namespace
 
+void receive(const Common &common, Calls &calls, Serving &serving, const Incoming &incoming) {
+    const Topics &topics = common.topics;
+    if (topics.isAnswer(incoming.topic)) {
+        calls.answer(incoming);
+    } else if (incoming.topic.starts_with(topics.requests())) {
+        serving.request(incoming);
+    } else if (const auto site = topics.siteOf(incoming.topic)) {
+        calls.presence(*site, incoming.payload);
+    } else {
+        common.log.warning("a message to " + incoming.topic +
+                           " is dropped: it is for nothing here");
+    }
+}
+
 Bridge::Bridge(Zelvo_t *bus, const Config &config, Log &log)
-    : config_{config},
-      log_{log},
-      topics_{config_.prefix, config_.site},
-      passing_{bus, config_.site},
-      name_{nodeName(config_.site)},
-      outbox_{config_.bufferMessages, config_.bufferBytes},
-      callLink_{config_, topics_, log_,
-                [this](const auto &target, const auto &why) { callsChanged(target, why); },
-                [this](const Incoming &incoming) { receiver_.receive(incoming); }},
-      dataLink_{config_, topics_,
-                outbox_, inflow_,
-                log_,    [this](bool connected, const auto &why) { dataChanged(connected, why); }},
-      outflow_{bus,
-               config_,
-               topics_,
-               name_,
-               passing_,
-               outbox_,
-               log_,
-               [this] { dataLink_.kick(); },
-               [this] { return state(); }},
-      calls_{bus, config_, topics_, callLink_, log_},
-      serving_{bus, config_, topics_, name_, callLink_, log_},
-      receiver_{topics_, calls_, serving_, log_} {
-    if (!config_.in.empty()) {
-        inflow_.emplace(bus, config_, topics_, name_ + ".in", passing_, log_,
-                        [this] { dataLink_.wake(); });
-    }
-}
-
-std::string Bridge::nodeName(const std::string &site) const {
-    const int number = passing_.number();
-    return "mqtt." + site + (number > 1 ? "." + std::to_string(number) : "");
-}
-
-template <typename Function>
-void Bridge::eachNode(Function function) {
-    calls_.eachNode(function);
-    serving_.eachNode(function);
-    if (inflow_) {
-        function(inflow_->node());
-    }
-    function(outflow_.node());
-}
+    : common_{bus, config, log},
+      callLink_{common_, [this](const auto &target, const auto &why) { callsChanged(target, why); },
+                [this](const auto &incoming) { receive(common_, calls_, serving_, incoming); }},
+      dataLink_{common_, [this](bool connected, const auto &why) { dataChanged(connected, why); }},
+      outflow_{common_, dataLink_, [this] { return state(); }},
+      calls_{common_, callLink_},
+      serving_{common_, callLink_} {}
 
 void Bridge::start() {
     announce(false, "connecting");
-    calls_.eachNode([](Node &node) { node.start(); });
-    serving_.eachNode([](Node &node) { node.start(); });
-    if (inflow_) {
-        inflow_->node().start();
-    }
-    outflow_.start();
     dataLink_.start();
     callLink_.start();
 }
@@ -96,10 +72,14 @@ bool Bridge::close() {
         callLink_.stop();
         withdrawState();
     }
-    eachNode([](Node &node) { node.askToLeave(); });
+    for (Node *const node : common_.nodes) {
+        node->askToLeave();
+    }
     const auto until = std::max(begun + kCloseTime, Clock::now() + kLeaveTime);
     bool done = true;
-    eachNode([&](Node &node) { done = node.leave(until) && done; });
+    for (Node *const node : common_.nodes) {
+        done = node->leave(until) && done;
+    }
     return done;
 }
 
@@ -108,12 +88,11 @@ Bridge::~Bridge() {
     serving_.close();
     dataLink_.stop();
     callLink_.stop();
-    inflow_.reset(); // whose thread wakes a link
     if (!closing_) { // start() has failed
         try {
             withdrawState();
         } catch (const std::exception &failure) {
-            log_.error({"\"mqtt.state\" is not withdrawn: ", failure.what()});
+            common_.log.error({"\"mqtt.state\" is not withdrawn: ", failure.what()});
         }
     }
 }
@@ -147,45 +126,38 @@ void Bridge::announce(bool connected, const std::string &why) {
     connected_ = connected;
     why_ = why;
     if (connected) {
-        log_.info("connected");
+        common_.log.info("connected");
     } else if (!starts) {
-        log_.warning("no connection: " + why);
+        common_.log.warning("no connection: " + why);
     }
-    const std::string text = printed(stateObject(name_, connected, why).get());
-    busClientPublishSticky(outflow_.node().get(), kStateTopic, text.data(),
-                           static_cast<int>(text.size()));
+    publishState(outflow_.node(), busClientPublishSticky,
+                 stateObject(common_.name, connected, why));
 }
 
 void Bridge::withdrawState() {
-    const std::string text = printed(stateObject(name_, false, "closed").get());
-    client_t *const client = outflow_.node().get();
-    busClientPublish(client, kStateTopic, text.data(), static_cast<int>(text.size()));
-    if (passing_.alone()) {
-        busClientRemoveSticky(client, jsonArray({kStateTopic}).c_str());
+    publishState(outflow_.node(), busClientPublish, stateObject(common_.name, false, "closed"));
+    if (common_.passing.alone()) {
+        busClientRemoveSticky(outflow_.node().get(), jsonArray({kStateTopic}).c_str());
     }
 }
 
 std::string Bridge::state() {
-    const Outbox::Fill fill = outbox_.fill();
-    const Json denied{cJSON_CreateArray()};
-    for (Link *const link : {static_cast<Link *>(&callLink_), static_cast<Link *>(&dataLink_)}) {
-        for (const std::string &topic : link->denied()) {
-            cJSON_AddItemToArray(denied.get(), cJSON_CreateString(topic.c_str()));
-        }
+    const Outbox &outbox = dataLink_.outbox();
+    const Outbox::Fill fill = outbox.fill();
+    std::vector<std::string> denied = callLink_.denied();
+    for (const std::string &topic : dataLink_.denied()) {
+        denied.push_back(topic);
     }
     const std::lock_guard lock{stateMutex_};
-    const Json object = stateObject(name_, connected_, why_);
-    const auto add = [&](const char *name, auto value) {
-        cJSON_AddNumberToObject(object.get(), name, static_cast<double>(value));
-    };
-    add("waiting", fill.messages);
-    add("bytes", fill.bytes);
-    add("underWay", fill.underWay);
-    add("dropped", outbox_.dropped.load());
-    add("refused", outbox_.refused.load());
-    add("expired", outbox_.expired.load());
-    cJSON_AddItemReferenceToObject(object.get(), "denied", denied.get());
-    return printed(object.get());
+    const Json object = stateObject(common_.name, connected_, why_);
+    const std::pair<const char *, std::uint64_t> numbers[] = {
+        {"waiting", fill.messages},  {"bytes", fill.bytes},       {"underWay", fill.underWay},
+        {"dropped", outbox.dropped}, {"refused", outbox.refused}, {"expired", outbox.expired}};
+    for (const auto &[name, number] : numbers) {
+        cJSON_AddNumberToObject(object.get(), name, static_cast<double>(number));
+    }
+    cJSON_AddRawToObject(object.get(), "denied", jsonArray(denied).c_str());
+    return printed(object);
 }
 
 } // namespace zelvo_mqtt

@@ -17,9 +17,13 @@ constexpr milliseconds kLongestConnect{10'000};
 constexpr milliseconds kLongestOfSeveral{3'000}; // where there are other addresses to try
 constexpr const char *kRival = "another bridge has the name of this site: each puts the other out";
 constexpr const char *kPresence = "the presence of this site on";
-constexpr std::size_t kMostDirect = 2048;
-constexpr std::size_t kMostDirectBytes = std::size_t{16} << 20;
-constexpr std::size_t kMostUnsentBytes = std::size_t{1} << 20; // or a single one
+constexpr std::size_t kMostUnsent = 2048;
+constexpr std::size_t kMostUnsentBytes = std::size_t{16} << 20;
+
+// Tells the bridges of a site apart.
+std::string newInstance() {
+    return std::to_string(getpid()) + "-" + std::to_string(Clock::now().time_since_epoch().count());
+}
 
 Properties propertiesOf(const Direct &message) {
     mosquitto_property *list = nullptr;
@@ -47,24 +51,15 @@ std::size_t sizeOf(const Direct &message) {
 
 } // namespace
 
-CallLink::CallLink(const Config &config, const Topics &topics, Log &log, Changed changed,
-                   Received received)
-    : Link{config, log},
-      topics_{topics},
+CallLink::CallLink(Common &common, Changed changed, Received received)
+    : Link{common,
+           {.clientId = clientId(common.config) + "/calls",
+            .keepAlive = kKeepAlive,
+            .will = common.topics.ownPresence(),
+            .instance = newInstance()}},
       changed_{std::move(changed)},
       received_{std::move(received)},
-      lookups_(config.brokers.size()),
-      instance_{std::to_string(getpid()) + "-" +
-                std::to_string(Clock::now().time_since_epoch().count())} {}
-
-Purpose CallLink::purpose() const {
-    return {.clientId = clientId(config_) + "/calls",
-            .keepAlive = kKeepAlive,
-            .will = topics_.ownPresence(),
-            .willQos = std::min(1, mostQos_),
-            .willRetain = retains_,
-            .instance = instance_};
-}
+      lookups_(common.config.brokers.size()) {}
 
 // Address by address, and broker by broker.
 void CallLink::seek() {
@@ -78,7 +73,7 @@ void CallLink::seek() {
 
 // False: there is no address yet, or none.
 bool CallLink::lookUp() {
-    const Config::Broker &broker = config_.brokers[broker_];
+    const Config::Broker &broker = common_.config.brokers[broker_];
     Lookup &lookup = lookups_[broker_];
     const auto now = Clock::now();
     if (!lookedUp_) {
@@ -89,7 +84,7 @@ bool CallLink::lookUp() {
         return false;
     }
     lookedUp_.reset();
-    broker_ = (broker_ + 1) % config_.brokers.size();
+    broker_ = (broker_ + 1) % common_.config.brokers.size();
     if (!lookup.done()) {
         fail(broker.host + ": the name service does not answer");
         return false;
@@ -106,18 +101,19 @@ bool CallLink::lookUp() {
 void CallLink::greet() {
     targets_.clear();
     broker_ = 0;
-    for (const Config::Call &call : config_.call) {
-        subscribe(topics_.presence(call.site), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+    for (const Config::Call &call : common_.config.call) {
+        subscribe(common_.topics.presence(call.site), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
     }
-    if (!config_.call.empty()) {
-        subscribe(topics_.ownAnswers(), 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    if (!common_.config.call.empty()) {
+        subscribe(common_.topics.ownAnswers(), 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
     }
-    subscribe(topics_.requests() + '#', 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    subscribe(common_.topics.requests() + '#', 0, MQTT_SUB_OPT_SEND_RETAIN_NEVER);
     hasRival_ = false;
-    subscribe(topics_.ownPresence(), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+    subscribe(common_.topics.ownPresence(), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
     if (!retains_) {
-        log_.warning("the broker retains nothing: other sites learn only of changes whether this "
-                     "one is online, and topics with \"retain\" are sticky nowhere else");
+        common_.log.warning(
+            "the broker retains nothing: other sites learn only of changes whether this "
+            "one is online, and topics with \"retain\" are sticky nowhere else");
     }
     sayOnline();
 }
@@ -126,11 +122,11 @@ void CallLink::sayOnline() {
     presenceStands_ = true;
     presenceMid_ = 0;
     int mid = 0;
-    const int result = put(mid, topics_.ownPresence(), "online", std::min(1, mostQos_), retains_,
-                           userProperty(kInstance, instance_));
+    const int result = put(mid, common_.topics.ownPresence(), "online", std::min(1, mostQos_),
+                           retains_, userProperty(kInstance, purpose_.instance));
     presenceMid_ = mid;
     if (result != MOSQ_ERR_SUCCESS) {
-        deny(topics_.ownPresence(), kPresence, errorText(result));
+        deny(common_.topics.ownPresence(), kPresence, errorText(result));
     } else if (sentMid_ == mid) {
         acknowledged(mid, 0);
     }
@@ -140,7 +136,7 @@ void CallLink::sayOnline() {
 void CallLink::acknowledged(int mid, int reason) {
     if (mid == presenceMid_) {
         if (reason >= 128) {
-            deny(topics_.ownPresence(), kPresence, mosquitto_reason_string(reason));
+            deny(common_.topics.ownPresence(), kPresence, mosquitto_reason_string(reason));
         } else {
             prosper();
         }
@@ -162,24 +158,19 @@ void CallLink::everySecond() {
 }
 
 void CallLink::received(const Incoming &incoming) {
-    if (incoming.topic != topics_.ownPresence()) {
+    if (incoming.topic != common_.topics.ownPresence()) {
         received_(incoming);
         return;
     }
     presenceStands_ = presenceStands_ && (incoming.retain || incoming.payload == "online");
     // What another has left before this one first came is of an earlier time.
-    if (hasBeenUp_ && !incoming.instance.empty() && incoming.instance != instance_) {
+    if (hasBeenUp_ && !incoming.instance.empty() && incoming.instance != purpose_.instance) {
         hasRival_ = true;
-        log_.error({kRival});
+        common_.log.error({kRival});
     }
 }
 
 void CallLink::lost(const std::string &why, bool) {
-    {
-        const std::lock_guard lock{directMutex_};
-        direct_.clear();
-        directBytes_ = 0;
-    }
     unsent_.clear();
     unsentBytes_ = 0;
     changed_(std::nullopt, hasRival_ ? kRival : why);
@@ -190,52 +181,24 @@ int CallLink::farewellReason() const {
     return MQTT_RC_DISCONNECT_WITH_WILL_MSG;
 }
 
-// ---- sending ----
-
-bool CallLink::send(Direct message) {
-    {
-        const std::lock_guard lock{directMutex_};
-        const std::size_t size = sizeOf(message);
-        if (!isConnected() || direct_.size() >= kMostDirect ||
-            directBytes_ + size > kMostDirectBytes) {
-            return false;
-        }
-        direct_.push_back(std::move(message));
-        directBytes_ += size;
+std::string_view CallLink::send(const Direct &message) {
+    const std::size_t size = sizeOf(message);
+    if (!isConnected()) {
+        return "there is no connection to the broker";
     }
-    kick();
-    return true;
-}
-
-std::optional<Direct> CallLink::next() {
-    const std::lock_guard lock{directMutex_};
-    if (direct_.empty()) {
-        return std::nullopt;
+    if (unsent_.size() >= kMostUnsent || unsentBytes_ + size > kMostUnsentBytes) {
+        return "too many messages wait for the broker";
     }
-    Direct message = std::move(direct_.front());
-    direct_.pop_front();
-    directBytes_ -= sizeOf(message);
-    return message;
-}
-
-void CallLink::flush() {
-    while (unsentBytes_ < kMostUnsentBytes) {
-        const std::optional<Direct> message = next();
-        if (!message) {
-            return;
-        }
-        hand(*message);
-    }
-}
-
-void CallLink::hand(const Direct &message) {
     int mid = 0;
     const int result = put(mid, message.topic, message.payload, 0, false, propertiesOf(message));
     if (result != MOSQ_ERR_SUCCESS) {
-        log_.warning("the message to " + message.topic + " can't be sent: " + errorText(result));
-    } else if (mid != sentMid_) {
-        unsentBytes_ += unsent_[mid] = sizeOf(message);
+        return mosquitto_strerror(result);
     }
+    if (mid != sentMid_) {
+        unsentBytes_ += unsent_[mid] = size;
+        wake();
+    }
+    return "";
 }
 
 } // namespace zelvo_mqtt

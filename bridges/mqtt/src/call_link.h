@@ -5,14 +5,13 @@
 
 #include "link.h"
 #include "lookup.h"
-#include "topics.h"
 
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zelvo_mqtt {
@@ -20,7 +19,7 @@ namespace zelvo_mqtt {
 // A message that is sent at once or not at all.
 struct Direct {
     std::string topic;
-    std::string payload;
+    std::string_view payload;
     std::string answerTopic = {}; // of a request
     std::string correlation = {}; // none: there is no such property
     std::chrono::milliseconds timeout{0};
@@ -28,38 +27,29 @@ struct Direct {
 
 class CallLink final : public Link {
 public:
-    // Both functions are called by the link's thread and must not block. changed: there is a
+    // Both functions are called with the mutex held and must not block. changed: there is a
     // connection to that address and the broker has the presence, or nothing: there is none, and
     // why.
     using Changed = std::function<void(const std::optional<Target> &, const std::string &why)>;
     using Received = std::function<void(const Incoming &)>;
-    CallLink(const Config &config, const Topics &topics, Log &log, Changed changed,
-             Received received);
-    CallLink(const CallLink &) = delete;
-    CallLink &operator=(const CallLink &) = delete;
-    ~CallLink() override { stop(); }
+    CallLink(Common &common, Changed changed, Received received);
 
-    // Any thread; does not block. False: not connected, or too much waits to be sent.
-    bool send(Direct message);
+    // With the mutex held; does not block. Returns why it is not sent, a literal; empty: it is.
+    std::string_view send(const Direct &message);
 
 private:
-    Purpose purpose() const override;
     void seek() override;
     bool lookUp();
     bool hasAnother() const override { return !targets_.empty(); }
     bool prospers() const override { return Link::prospers() && !hasRival_; }
     void greet() override;
-    void flush() override;
     void received(const Incoming &incoming) override;
     void acknowledged(int mid, int reason) override;
     void lost(const std::string &why, bool byBroker) override;
     void everySecond() override;
     int farewellReason() const override;
     void sayOnline();
-    std::optional<Direct> next();
-    void hand(const Direct &message);
 
-    const Topics &topics_;
     const Changed changed_;
     const Received received_;
 
@@ -70,15 +60,10 @@ private:
     Target target_;
     int presenceMid_ = 0;
     bool presenceStands_ = true; // nobody has taken it away
-    const std::string instance_; // of this bridge
     bool hasBeenUp_ = false;
     bool hasRival_ = false;             // another bridge has had the name since
     std::map<int, std::size_t> unsent_; // sizes of what the socket has not taken, by mid
     std::size_t unsentBytes_ = 0;
-
-    std::mutex directMutex_; // of the next two; taken after the link's
-    std::deque<Direct> direct_;
-    std::size_t directBytes_ = 0;
 };
 
 } // namespace zelvo_mqtt

@@ -19,27 +19,23 @@ std::string randomCorrelation() {
 
 } // namespace
 
-Calls::Site::Site(Calls &its, Zelvo_t *bus, const Config::Call &call)
+Calls::Site::Site(Calls &its, const Config::Call &call)
     : calls{its},
       site{call.site},
       name{call.node},
-      answerTopic{its.topics_.answers(its.config_.site, call.site)},
-      node{bus, call.node, nullptr, onCall, this} {}
+      answerTopic{its.common_.topics.answers(its.common_.config.site, call.site)},
+      node{its.common_, call.node, nullptr, onCall, this} {}
 
-Calls::Calls(Zelvo_t *bus, const Config &config, const Topics &topics, CallLink &link, Log &log)
-    : config_{config},
-      topics_{topics},
-      link_{link},
-      log_{log} {
-    for (const Config::Call &call : config.call) {
-        sites_.emplace_back(*this, bus, call);
+Calls::Calls(Common &common, CallLink &link) : common_{common}, link_{link} {
+    for (const Config::Call &call : common.config.call) {
+        sites_.emplace_back(*this, call);
     }
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the bus gives the type
 char *Calls::onCall(void *self, client_t *, char *url, char *data, int len) {
     Site &site = *static_cast<Site *>(self);
-    Log &log = site.calls.log_;
+    Log &log = site.calls.common_.log;
     try {
         const std::string_view path = std::string_view{url}.substr(1 + site.name.size());
         const std::string_view failure = site.calls.ask(
@@ -56,34 +52,24 @@ char *Calls::onCall(void *self, client_t *, char *url, char *data, int len) {
 
 // Why there is no answer.
 std::string_view Calls::ask(Site &site, std::string_view path, std::string_view data) {
-    const std::string topic = topics_.call(site.site, path);
+    const std::chrono::milliseconds timeout = common_.config.callTimeout;
+    const auto until = Clock::now() + timeout;
+    const Direct request{common_.topics.call(site.site, path), data, site.answerTopic,
+                         randomCorrelation(), timeout};
     if (path.size() < 2 || path[1] == '/') {
         return "the address names no node of the site";
     }
-    if (topic.size() > kLongestTopic) {
+    if (request.topic.size() > kLongestTopic) {
         return "the address is too long for MQTT";
     }
-    const std::string correlation = randomCorrelation();
-    Direct message{topic, std::string{data}, site.answerTopic, correlation, config_.callTimeout};
-    std::unique_lock lock{mutex_};
-    const std::string_view refused = refusal(site);
-    if (!refused.empty()) {
-        return refused;
+    Link::Lock lock = link_.lock();
+    std::string_view failure = refusal(site);
+    failure = failure.empty() ? link_.send(request) : failure;
+    if (!failure.empty()) {
+        return failure;
     }
-    site.correlation = correlation;
-    lock.unlock();
-    if (!link_.send(std::move(message))) {
-        return link_.isConnected() ? "too many messages wait for the broker"
-                                   : "there is no connection to the broker";
-    }
-    const auto until = Clock::now() + config_.callTimeout;
-    const auto isEnded = [&site] { return site.correlation.empty(); };
-    link_.readUntil(until, [&] {
-        const std::lock_guard held{mutex_};
-        return isEnded();
-    });
-    lock.lock();
-    if (!site.ended.wait_until(lock, until, isEnded)) {
+    site.correlation = request.correlation;
+    if (!link_.await(lock, site.ended, until, [&site] { return site.correlation.empty(); })) {
         end(site, "the site has given none within \"callTimeout\"");
     }
     return site.failure;
@@ -97,35 +83,27 @@ void Calls::end(Site &site, std::string_view failure) {
     if (!site.correlation.empty()) {
         site.correlation.clear();
         site.failure = failure;
-        site.ended.notify_one();
-        site.calls.link_.wakeGuest();
+        link_.awaken(site.ended);
     }
 }
 
 // Only the site that was asked may write to the topic of its answers.
 void Calls::answer(const Incoming &incoming) {
-    std::unique_lock lock{mutex_};
     const auto found = std::find_if(sites_.begin(), sites_.end(), [&](const Site &site) {
         return !site.correlation.empty() && site.correlation == incoming.correlation &&
                site.answerTopic == incoming.topic;
     });
     if (found == sites_.end()) {
-        lock.unlock();
-        log_.warning("an answer on " + incoming.topic +
-                     " is dropped: no call of that site waits for it, or no more");
+        common_.log.warning("an answer on " + incoming.topic +
+                            " is dropped: no call of that site waits for it, or no more");
         return;
     }
     found->answer = incoming.payload;
-    found->failure = {};
-    found->correlation.clear();
-    lock.unlock(); // what is woken is not to wait for it
-    found->ended.notify_one();
-    link_.wakeGuest();
+    end(*found, "");
 }
 
 // An empty state: somebody has taken it away, and the site will say it again.
 void Calls::presence(std::string_view site, std::string_view state) {
-    const std::lock_guard lock{mutex_};
     for (Site &each : sites_) {
         if (each.site == site) {
             each.offline = !state.empty() && state != "online";
@@ -137,7 +115,6 @@ void Calls::presence(std::string_view site, std::string_view state) {
 }
 
 void Calls::disconnected() {
-    const std::lock_guard lock{mutex_};
     for (Site &site : sites_) {
         site.offline = false;
         end(site, "the connection to the broker is lost");
@@ -145,7 +122,7 @@ void Calls::disconnected() {
 }
 
 void Calls::close() {
-    const std::lock_guard lock{mutex_};
+    const Link::Lock lock = link_.lock();
     closing_ = true;
     for (Site &site : sites_) {
         end(site, refusal(site));

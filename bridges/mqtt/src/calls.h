@@ -3,14 +3,10 @@
 #define ZELVO_MQTT_CALLS_H
 
 #include "call_link.h"
-#include "config.h"
-#include "log.h"
 #include "node.h"
-#include "topics.h"
 
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -19,28 +15,23 @@ namespace zelvo_mqtt {
 class Calls {
 public:
     // Joins the bus with every node; throws OpenError.
-    Calls(Zelvo_t *bus, const Config &config, const Topics &topics, CallLink &link, Log &log);
+    Calls(Common &common, CallLink &link);
 
-    // The link's thread's; none blocks.
+    // With the link's mutex held; none blocks.
     void answer(const Incoming &incoming);
     void presence(std::string_view site, std::string_view state);
     void disconnected(); // calls that wait end, nothing is known of any site
 
     void close(); // ends every wait, and lets none begin
-    template <typename Function>
-    void eachNode(Function function) {
-        for (Site &site : sites_) {
-            function(site.node);
-        }
-    }
 
 private:
     // A node makes one call after the other, in its thread.
     struct Site {
-        Site(Calls &its, Zelvo_t *bus, const Config::Call &call);
+        Site(Calls &its, const Config::Call &call);
         Calls &calls;
         const std::string site, name;
         const std::string answerTopic;
+        // The link's mutex guards the rest.
         std::condition_variable ended;
         std::string correlation; // of the call that waits; empty: none
         std::string answer;
@@ -52,14 +43,11 @@ private:
     static char *onCall(void *self, client_t *, char *url, char *data, int len);
     std::string_view ask(Site &site, std::string_view path, std::string_view data);
     std::string_view refusal(const Site &site) const;
-    static void end(Site &site, std::string_view failure);
+    void end(Site &site, std::string_view failure);
 
-    const Config &config_;
-    const Topics &topics_;
+    Common &common_;
     CallLink &link_;
-    Log &log_;
-    std::mutex mutex_; // of the sites' calls and of closing_
-    bool closing_ = false;
+    bool closing_ = false;   // guarded by the link's mutex
     std::deque<Site> sites_; // last: their threads use the others
 };
 

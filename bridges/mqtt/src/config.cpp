@@ -1,6 +1,6 @@
 #include "config.h"
 
-#include "config_reader.h"
+#include "json.h"
 #include "topics.h"
 
 #include <mosquitto.h>
@@ -19,7 +19,44 @@ namespace {
 constexpr std::size_t kLongestSite = 32;
 constexpr std::size_t kLongestNode = 71; // whose join notice the bus can send
 constexpr std::size_t kLongestPrefix = 200;
+constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 40U; // of the buffer
 constexpr std::uint64_t kLongestExpiry = std::uint64_t{366} * 24 * 3600;
+
+// ---- members of an object ----
+
+template <typename Type, typename Read>
+Member required(const char *name, Type &member, Read read) {
+    return {name, true, [&member, read](const Value &value) { member = read(value); }};
+}
+
+template <typename Type, typename Read>
+Member optional(const char *name, Type &member, Read read) {
+    return {name, false, [&member, read](const Value &value) { member = read(value); }};
+}
+
+template <typename Type>
+Member number(const char *name, Type &member, std::uint64_t least, std::uint64_t most) {
+    return optional(name, member,
+                    [=](const Value &value) { return Type(value.number(least, most)); });
+}
+
+// what: of an entry, that which is to be there once.
+template <typename Entry, typename What>
+Member list(const char *name, std::vector<Entry> &entries, Entry (*read)(const Value &),
+            What what) {
+    return {name, false, [=, &entries](const Value &value) {
+                std::set<std::string> seen;
+                value.elements([&](const Value &element) {
+                    entries.push_back(read(element));
+                    const std::string &text = std::invoke(what, entries.back());
+                    if (!seen.insert(text).second) {
+                        element.refuse("\"" + text + "\" stands there twice");
+                    }
+                });
+            }};
+}
+
+// ---- values ----
 
 bool isUtf8(const std::string &text) {
     return text.size() < kLongestTopic &&
@@ -141,7 +178,7 @@ std::string password(const Value &value) {
         return value.text();
     }
     std::string password;
-    value.members({{"file", true, [&](const Value &file) { password = passwordIn(file); }}});
+    value.members({required("file", password, passwordIn)});
     return password;
 }
 
@@ -161,11 +198,9 @@ Config::Out out(const Value &value) {
         out.topic = topic(value);
         return out;
     }
-    value.members({{"topic", true, [&](const Value &v) { out.topic = topic(v); }},
-                   {"retain", false, [&](const Value &v) { out.retain = v.boolean(); }},
-                   {"expiry", false, [&](const Value &v) {
-                        out.expiry = std::chrono::seconds{v.number(1, kLongestExpiry)};
-                    }}});
+    value.members({required("topic", out.topic, topic),
+                   optional("retain", out.retain, std::mem_fn(&Value::boolean)),
+                   number("expiry", out.expiry, 1, kLongestExpiry)});
     if (out.retain && out.expiry.count() > 0) {
         value.refuse("\"retain\" and \"expiry\" exclude each other: what is sticky on a bus does "
                      "not expire");
@@ -184,8 +219,7 @@ std::string in(const Value &value) {
 Config::Call call(const Value &value) {
     Config::Call call;
     if (value.isObject()) {
-        value.members({{"site", true, [&](const Value &v) { call.site = site(v); }},
-                       {"node", true, [&](const Value &v) { call.node = node(v); }}});
+        value.members({required("site", call.site, site), required("node", call.node, node)});
     } else {
         call.site = call.node = site(value);
     }
@@ -197,19 +231,11 @@ std::string served(const Value &value) {
     return text == "bus" || text == "localKeys" ? text : node(value);
 }
 
-void readBuffer(Config &config, const Value &value) {
-    const std::uint64_t mostBytes = std::uint64_t{1} << 40U;
-    value.members(
-        {{"messages", false,
-          [&](const Value &v) { config.bufferMessages = v.number(1, 10'000'000); }},
-         {"bytes", false, [&](const Value &v) { config.bufferBytes = v.number(1, mostBytes); }}});
-}
-
 // ---- what several members say together ----
 
 void require(bool met, const std::string &otherwise) {
     if (!met) {
-        throw ConfigError{otherwise};
+        throw OpenError{otherwise};
     }
 }
 
@@ -233,42 +259,14 @@ void checkTogether(const Config &config) {
     require(config.password.empty() || !config.user.empty(), "\"password\" needs a \"user\"");
 }
 
-// A member of the configuration that may be left out.
-template <typename Type, typename Read>
-Member optional(const char *name, Type &member, Read read) {
-    return {name, false, [&member, read](const Value &value) { member = read(value); }};
-}
-
-template <typename Type>
-Member number(const char *name, Type &member, std::uint64_t least, std::uint64_t most) {
-    return optional(name, member,
-                    [=](const Value &value) { return Type(value.number(least, most)); });
-}
-
-// what: of an entry, that which is to be there once.
-template <typename Entry, typename What>
-Member list(const char *name, std::vector<Entry> &entries, Entry (*read)(const Value &),
-            What what) {
-    return {name, false, [=, &entries](const Value &value) {
-                std::set<std::string> seen;
-                value.elements([&](const Value &element) {
-                    entries.push_back(read(element));
-                    const std::string &text = std::invoke(what, entries.back());
-                    if (!seen.insert(text).second) {
-                        element.refuse("\"" + text + "\" stands there twice");
-                    }
-                });
-            }};
-}
-
 } // namespace
 
 Config readConfig(const char *json) {
     Config config;
     const auto text = std::mem_fn(&Value::text);
     const auto itself = std::identity{};
-    readJson(json, {{"url", true, [&](const Value &value) { config.brokers = brokers(value); }},
-                    {"site", true, [&](const Value &value) { config.site = site(value); }},
+    readJson(json, {required("url", config.brokers, brokers),
+                    required("site", config.site, site),
                     optional("prefix", config.prefix, prefix),
                     optional("ca", config.ca, readableFile),
                     optional("cert", config.certificate, readableFile),
@@ -281,7 +279,11 @@ Config readConfig(const char *json) {
                     list("serve", config.serve, served, itself),
                     number("qos", config.qos, 0, 1),
                     number("callTimeout", config.callTimeout, 1, 3'600'000),
-                    {"buffer", false, [&](const Value &value) { readBuffer(config, value); }},
+                    {"buffer", false,
+                     [&](const Value &value) {
+                         value.members({number("messages", config.bufferMessages, 1, 10'000'000),
+                                        number("bytes", config.bufferBytes, 1, kMostBytes)});
+                     }},
                     number("sessionExpiry", config.sessionExpiry, 0, UINT32_MAX),
                     number("maxPacket", config.maxPacket, 1024, 268'435'456),
                     optional("log", config.log, text),

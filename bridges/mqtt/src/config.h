@@ -47,13 +47,14 @@ struct Config {
     std::size_t logSize = 20; // megabytes; 0: no limit
 };
 
-// Says which member is refused, and why.
-class ConfigError : public std::runtime_error {
+// Says what has been refused, and why; opening then ends.
+class OpenError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// Reads the files that it names, except the log's. Throws ConfigError, std::bad_alloc.
+// Reads the files that it names, except the log's. Throws OpenError, which names the member, and
+// std::bad_alloc.
 Config readConfig(const char *json);
 
 } // namespace zelvo_mqtt

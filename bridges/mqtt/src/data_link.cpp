@@ -29,36 +29,26 @@ std::optional<Properties> propertiesOf(const Publication &publication) {
 
 } // namespace
 
-DataLink::DataLink(const Config &config, const Topics &topics, Outbox &outbox,
-                   std::optional<Inflow> &inflow, Log &log, Changed changed)
-    : Link{config, log},
-      topics_{topics},
-      outbox_{outbox},
-      inflow_{inflow},
-      changed_{std::move(changed)} {}
+DataLink::DataLink(Common &common, Changed changed)
+    : Link{common, {.clientId = clientId(common.config), .expiry = common.config.sessionExpiry}},
+      changed_{std::move(changed)},
+      outbox_{common.config.bufferMessages, common.config.bufferBytes},
+      inflow_{common, [this] { wake(); }} {}
 
 void DataLink::allow(const std::optional<Target> &target) {
-    {
-        const std::lock_guard lock{targetMutex_};
-        target_ = target;
-    }
+    const Lock its = lock();
+    target_ = target;
     wake();
 }
 
-std::optional<Target> DataLink::target() {
-    const std::lock_guard lock{targetMutex_};
-    return target_;
-}
-
-Purpose DataLink::purpose() const {
-    return {.clientId = clientId(config_), .expiry = config_.sessionExpiry};
+void DataLink::send(Publication publication) {
+    outbox_.push(std::move(publication));
+    kick();
 }
 
 void DataLink::seek() {
     outbox_.connectionLost(false); // again, where memory was short then
-    if (const std::optional<Target> to = target()) {
-        connect(*to, kLongestConnect);
-    }
+    connect(*target_, kLongestConnect);
 }
 
 void DataLink::lost(const std::string &why, bool byBroker) {
@@ -71,7 +61,7 @@ void DataLink::lost(const std::string &why, bool byBroker) {
 }
 
 std::chrono::milliseconds DataLink::pause() {
-    return inflow_ ? inflow_->pause() : std::chrono::milliseconds{0};
+    return inflow_.pause();
 }
 
 void DataLink::everySecond() {
@@ -98,18 +88,17 @@ bool DataLink::publish(Publication publication) {
         ++outbox_.expired;
         return true;
     }
-    int mid = 0;
-    const int result = put(mid, publication.topic, publication.payload,
-                           std::min(config_.qos, mostQos_), publication.retain, *properties);
+    const int result = put(publication.mid, publication.topic, publication.payload,
+                           std::min(common_.config.qos, mostQos_), publication.retain, *properties);
     switch (result) {
     case MOSQ_ERR_SUCCESS:
-        if (mid != sentMid_) {
-            outbox_.sent(mid, std::move(publication));
+        if (publication.mid != sentMid_) {
+            outbox_.sent(std::move(publication));
         }
         return true;
     case MOSQ_ERR_CONN_LOST: // perhaps at this one
     case MOSQ_ERR_ERRNO:
-        outbox_.sent(mid, std::move(publication));
+        outbox_.sent(std::move(publication));
         return false;
     case MOSQ_ERR_NO_CONN:
     case MOSQ_ERR_NOMEM:
@@ -146,11 +135,11 @@ void DataLink::tellDrops() {
     const std::uint64_t expired = outbox_.expired;
     if (dropped + expired > told_) {
         const Outbox::Fill fill = outbox_.fill();
-        log_.warning(std::to_string(dropped + expired - told_) +
-                     " publications were dropped: the buffer was full, or they had expired (" +
-                     std::to_string(dropped) + " and " + std::to_string(expired) +
-                     " since the start); " + std::to_string(fill.messages) + " wait, of " +
-                     std::to_string(fill.bytes) + " bytes");
+        common_.log.warning(
+            std::to_string(dropped + expired - told_) +
+            " publications were dropped: the buffer was full, or they had expired (" +
+            std::to_string(dropped) + " and " + std::to_string(expired) + " since the start); " +
+            std::to_string(fill.messages) + " wait, of " + std::to_string(fill.bytes) + " bytes");
         told_ = dropped + expired;
     }
 }
@@ -163,17 +152,16 @@ std::size_t DataLink::unsent() {
 // ---- what comes in ----
 
 void DataLink::greet() {
-    if (mostQos_ < config_.qos) {
-        log_.warning("the broker knows publications of \"qos\" " + std::to_string(mostQos_) +
-                     " at most");
+    if (mostQos_ < common_.config.qos) {
+        common_.log.warning("the broker knows publications of \"qos\" " + std::to_string(mostQos_) +
+                            " at most");
     }
     questions_ = 0;
-    if (inflow_) {
-        inflow_->expectNone();
-        begin(!retains_ ? Round::kNone : sessionKept_ ? Round::kKept : Round::kAll);
-    }
-    if (!hasAsked()) {
-        changed_(true, "");
+    inflow_.expectNone();
+    if (!retains_) {
+        listen(false);
+    } else if (!inflow_.topics().empty()) {
+        begin(sessionKept_ ? Round::kKept : Round::kAll);
     }
 }
 
@@ -187,28 +175,31 @@ void DataLink::subscribed() {
 void DataLink::begin(Round round) {
     round_ = round;
     if (round_ == Round::kAll) {
-        inflow_->expectAll();
-    } else if (round_ == Round::kMissing && !inflow_->expectSticky()) {
+        inflow_.expectAll();
+    } else if (round_ == Round::kMissing && !inflow_.expectSticky()) {
         round_ = Round::kNone;
-        unsubscribe(topics_.ownPresence());
-        return;
     }
-    ask();
+    if (round_ == Round::kNone) {
+        unsubscribe(common_.topics.ownPresence());
+    } else {
+        ask();
+    }
+}
+
+void DataLink::listen(bool retained) {
+    const int options = kPublications | (retained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS
+                                                  : MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+    for (const auto &[topic, onBus] : inflow_.topics()) {
+        if (!retained || inflow_.expected().contains(topic)) {
+            subscribe(topic, common_.config.qos, options);
+        }
+    }
 }
 
 void DataLink::ask() {
-    const bool retained = round_ == Round::kAll || round_ == Round::kMissing;
-    const int options = kPublications | (retained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS
-                                                  : MQTT_SUB_OPT_SEND_RETAIN_NEVER);
-    for (const auto &[topic, onBus] : inflow_->topics()) {
-        if (!retained || inflow_->expected().contains(topic)) {
-            subscribe(topic, config_.qos, options);
-        }
-    }
-    if (round_ != Round::kNone) {
-        subscribe(topics_.ownPresence(), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS, ++question_);
-        askAt_ = Clock::now() + kLongestAnswer * (1 << questions_++);
-    }
+    listen(round_ != Round::kKept);
+    subscribe(common_.topics.ownPresence(), 1, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS, ++question_);
+    askAt_ = Clock::now() + kLongestAnswer * (1 << questions_++);
 }
 
 // Where the presence can't be read, what is retained is asked for all the same, once.
@@ -217,8 +208,9 @@ void DataLink::askAgain() {
         ask();
         return;
     }
-    log_.warning("topics that the broker has emptied may stay sticky: it does not hand over " +
-                 topics_.ownPresence() + ", which is to come behind what is retained");
+    common_.log.warning(
+        "topics that the broker has emptied may stay sticky: it does not hand over " +
+        common_.topics.ownPresence() + ", which is to come behind what is retained");
     if (round_ == Round::kKept) {
         begin(Round::kAll);
     }
@@ -226,29 +218,25 @@ void DataLink::askAgain() {
 }
 
 void DataLink::answered() {
-    switch (round_) {
-    case Round::kKept:
-        begin(Round::kAll);
-        break;
-    case Round::kAll:
-        begin(Round::kMissing);
-        break;
-    default:
-        inflow_->sweep();
-        begin(Round::kMissing); // none
+    if (round_ == Round::kMissing) {
+        inflow_.sweep();
     }
+    begin(round_ == Round::kKept  ? Round::kAll
+          : round_ == Round::kAll ? Round::kMissing
+                                  : Round::kNone);
 }
 
 void DataLink::received(const Incoming &incoming) {
-    if (incoming.topic == topics_.ownPresence()) {
+    if (incoming.topic == common_.topics.ownPresence()) {
         if (incoming.retain && incoming.subscription == question_ && round_ != Round::kNone) {
             answered();
         }
-    } else if (inflow_ && inflow_->takes(incoming.topic)) {
-        inflow_->publish(incoming);
+    } else if (inflow_.takes(incoming.topic)) {
+        inflow_.publish(incoming);
     } else {
-        log_.warning("a message to " + incoming.topic +
-                     " is dropped: a bridge before this one has asked for it, which ends now");
+        common_.log.warning(
+            "a message to " + incoming.topic +
+            " is dropped: a bridge before this one has asked for it, which ends now");
         unsubscribe(incoming.topic);
     }
 }

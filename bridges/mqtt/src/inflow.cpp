@@ -6,40 +6,40 @@
 
 namespace zelvo_mqtt {
 
-Inflow::Inflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-               Passing &passing, Log &log, std::function<void()> wake)
-    : passing_{passing},
-      log_{log},
+Inflow::Inflow(Common &common, std::function<void()> wake)
+    : common_{common},
       wake_{std::move(wake)},
-      name_{name},
-      node_{bus, name, onMessage, nullptr, this} {
-    for (const std::string &topic : config.in) {
-        topics_[topics.publication(topic)] = topic;
+      name_{common.name + ".in"} {
+    for (const std::string &topic : common.config.in) {
+        topics_[common.topics.publication(topic)] = topic;
     }
-    node_.subscribe(jsonArray({name_}));
+    if (!topics_.empty()) {
+        node_.emplace(common, name_, onMessage, nullptr, this);
+        node_->subscribe(jsonArray({name_}));
+    }
 }
 
 void Inflow::publish(const Incoming &incoming) {
     const std::string &topic = topics_.at(incoming.topic);
     const int hops = incoming.hops.value_or(kMostHops + 1);
     if (hops > kMostHops) {
-        log_.warning("a publication of " + topic + " is dropped: " +
-                     (incoming.hops
-                          ? "it has gone over a broker more than " + std::to_string(kMostHops) +
-                                " times, so sites that pass it on stand in a ring"
-                          : std::string{"its number of hops is none"}));
+        common_.log.warning("a publication of " + topic + " is dropped: " +
+                            (incoming.hops ? "it has gone over a broker more than " +
+                                                 std::to_string(kMostHops) +
+                                                 " times, so sites that pass it on stand in a ring"
+                                           : std::string{"its number of hops is none"}));
         return;
     }
     if (incoming.retain && isUnchanged(incoming)) {
         return;
     }
-    passing_.publishes(topic, hops);
+    common_.passing.publishes(topic, hops);
     const char *const data = incoming.payload.empty() ? nullptr : incoming.payload.data();
     const int length = static_cast<int>(incoming.payload.size());
     if (incoming.retain) {
         retain(incoming, topic);
     } else {
-        busClientPublish(node_.get(), topic.c_str(), data, length);
+        busClientPublish(node_->get(), topic.c_str(), data, length);
     }
     if (++unmarked_ >= kChunk) {
         unmarked_ = 0;
@@ -51,7 +51,7 @@ void Inflow::publish(const Incoming &incoming) {
 void Inflow::mark() {
     marked_ = Clock::now();
     const std::string number = std::to_string(marks_);
-    busClientPublish(node_.get(), name_.c_str(), number.data(), static_cast<int>(number.size()));
+    busClientPublish(node_->get(), name_.c_str(), number.data(), static_cast<int>(number.size()));
 }
 
 std::chrono::milliseconds Inflow::pause() {
@@ -67,7 +67,8 @@ std::chrono::milliseconds Inflow::pause() {
     }
     if (!told_ && now - since_ >= std::chrono::seconds{1}) {
         told_ = true;
-        log_.warning("the bus takes no publications; until it does, none is taken from the broker");
+        common_.log.warning(
+            "the bus takes no publications; until it does, none is taken from the broker");
     }
     return kMarkAgain;
 }
@@ -98,13 +99,13 @@ void Inflow::retain(const Incoming &incoming, const std::string &topic) {
         return;
     }
     sticky_.insert_or_assign(incoming.topic, std::string{incoming.payload});
-    busClientPublishSticky(node_.get(), topic.c_str(), incoming.payload.data(),
+    busClientPublishSticky(node_->get(), topic.c_str(), incoming.payload.data(),
                            static_cast<int>(incoming.payload.size()));
 }
 
 void Inflow::removeSticky(const std::string &topic) {
-    busClientPublish(node_.get(), topic.c_str(), nullptr, 0);
-    busClientRemoveSticky(node_.get(), jsonArray({topic}).c_str());
+    busClientPublish(node_->get(), topic.c_str(), nullptr, 0);
+    busClientRemoveSticky(node_->get(), jsonArray({topic}).c_str());
 }
 
 void Inflow::expectAll() {
@@ -127,7 +128,7 @@ bool Inflow::expectSticky() {
 
 void Inflow::sweep() {
     for (const std::string &topic : expected_) {
-        log_.info(topics_.at(topic) + " is sticky no more: the broker does not retain it");
+        common_.log.info(topics_.at(topic) + " is sticky no more: the broker does not retain it");
         sticky_.erase(topic);
         removeSticky(topics_.at(topic));
     }

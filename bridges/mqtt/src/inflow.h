@@ -2,18 +2,15 @@
 #ifndef ZELVO_MQTT_INFLOW_H
 #define ZELVO_MQTT_INFLOW_H
 
-#include "config.h"
 #include "incoming.h"
-#include "log.h"
 #include "node.h"
-#include "passing.h"
-#include "topics.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -28,9 +25,9 @@ class Inflow {
 public:
     static constexpr int kChunk = 128;
 
-    // wake: called in the node's thread when a pause is over. Joins the bus; throws OpenError.
-    Inflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-           Passing &passing, Log &log, std::function<void()> wake);
+    // wake: called in the node's thread when a pause is over. Joins the bus, where something is to
+    // come in; throws OpenError.
+    Inflow(Common &common, std::function<void()> wake);
 
     // The rest is the link's thread's. None of it blocks. Topics are the broker's.
     bool takes(const std::string &topic) const { return topics_.contains(topic); }
@@ -46,8 +43,6 @@ public:
     const std::set<std::string> &expected() const { return expected_; }
     void sweep(); // what has not come is sticky no more
 
-    Node &node() { return node_; }
-
 private:
     static constexpr std::chrono::milliseconds kMarkAgain{250};
 
@@ -57,8 +52,7 @@ private:
     void retain(const Incoming &incoming, const std::string &topic);
     void removeSticky(const std::string &topic);
 
-    Passing &passing_;
-    Log &log_;
+    Common &common_;
     const std::function<void()> wake_;
     const std::string name_;
     std::map<std::string, std::string> topics_; // the bus's by the broker's
@@ -70,7 +64,7 @@ private:
     Clock::time_point marked_{}, since_{};
     bool told_ = false;
     std::atomic<std::uint32_t> returned_{0};
-    Node node_; // last: its thread uses the others
+    std::optional<Node> node_; // last: its thread uses the others
 };
 
 } // namespace zelvo_mqtt

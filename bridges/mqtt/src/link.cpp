@@ -31,9 +31,6 @@ std::string clientId(const Config &config) {
     return escapedLevel(config.prefix) + '/' + escapedLevel(config.site);
 }
 
-thread_local const Link *Link::own_ = nullptr;
-thread_local const Link *Link::guestOf_ = nullptr;
-
 // Nothing may be thrown through the library.
 template <typename Function>
 void Link::keep(void *link, Function function) noexcept {
@@ -57,11 +54,9 @@ void Link::stop() {
     }
 }
 
+// Where another has the mutex, it is left to the thread.
 void Link::kick() {
-    if (isOwnThread()) {
-        return; // it looks by itself
-    }
-    const std::unique_lock lock{mutex_, std::try_to_lock};
+    const Lock lock{mutex_, std::try_to_lock};
     if (lock.owns_lock()) {
         if (!isConnected()) {
             return;
@@ -77,8 +72,7 @@ void Link::kick() {
 // ---- the thread ----
 
 void Link::run() {
-    own_ = this;
-    std::unique_lock lock{mutex_};
+    Lock lock{mutex_};
     for (bool ends = false; !ends;) {
         ends = stopping_;
         attempt([&] { ends ? sayFarewell(lock) : turn(lock); });
@@ -92,80 +86,92 @@ void Link::attempt(const std::function<void()> &step) {
     try {
         step();
     } catch (const std::exception &thrown) {
-        log_.error({"a connection to the broker is given up: ", thrown.what()});
+        common_.log.error({"a connection to the broker is given up: ", thrown.what()});
         try {
             fail(thrown.what());
         } catch (const std::exception &failure) {
-            log_.error({"the bus is not told of it: ", failure.what()});
+            common_.log.error({"the bus is not told of it: ", failure.what()});
         }
     }
 }
 
 // Waits for the broker, for senders, or for the time of what comes next, and does it.
-void Link::turn(std::unique_lock<std::mutex> &lock, Clock::time_point until) {
+void Link::turn(Lock &lock, Clock::time_point until) {
     advance();
     if (isConnected()) {
         flush();
     }
-    const auto paused = state_ == State::kDown ? milliseconds{0} : pause();
+    watch();
+    const bool isDown = state_ == State::kDown;
+    const auto paused = isDown ? milliseconds{0} : pause();
+    const bool more = !isDown && paused.count() == 0 && session_->holdsMore();
     auto timeout = std::clamp(std::chrono::ceil<milliseconds>(until - Clock::now()),
-                              milliseconds{0}, patience());
+                              milliseconds{0}, more ? milliseconds{0} : patience());
     timeout = paused.count() > 0 ? std::min(timeout, paused) : timeout;
-    watch(paused.count() == 0);
     lock.unlock();
-    const std::uint32_t events = waiter_.wait(timeout);
+    const std::uint32_t events = waiter_.wait(timeout) | (more ? std::uint32_t{EPOLLIN} : 0U);
     lock.lock();
     if (events != 0 && state_ != State::kDown) {
         attend(events);
     }
 }
 
-void Link::watch(bool reads) {
+void Link::watch() {
     const int file = state_ == State::kDown ? -1 : mosquitto_socket(session_->get());
     if (file < 0) {
         return;
     }
-    const bool isRead = guest_ && isConnected(); // by another
+    const bool reads = pause().count() == 0 && (!guest_ || !isConnected());
     const bool writes = !open_ || mosquitto_want_write(session_->get());
-    if (!waiter_.watch(file, (reads && !isRead ? std::uint32_t{EPOLLIN} : 0U) |
+    if (!waiter_.watch(file, (reads ? std::uint32_t{EPOLLIN} : 0U) |
                                  (writes ? std::uint32_t{EPOLLOUT} : 0U))) {
         fail(std::generic_category().message(errno));
     }
 }
 
-void Link::readUntil(Clock::time_point until, const std::function<bool()> &done) {
-    std::unique_lock lock{mutex_, std::try_to_lock};
-    if (!lock.owns_lock() || guest_ || !isConnected() || done() ||
-        !guestWaiter_.watch(mosquitto_socket(session_->get()), EPOLLIN)) {
-        return;
+bool Link::await(Lock &lock, std::condition_variable &waiter, Clock::time_point until,
+                 const std::function<bool()> &done) {
+    while (!done() && Clock::now() < until) {
+        if (!guest_ && isConnected() &&
+            guestWaiter_.watch(mosquitto_socket(session_->get()), EPOLLIN)) {
+            read(lock, waiter, until, done);
+        } else {
+            waiter.wait_until(lock, until);
+        }
     }
-    guest_ = true;
-    own_ = guestOf_ = this;
-    watch(true);
+    return done();
+}
+
+// In place of the thread, as long as the connection is the same.
+void Link::read(Lock &lock, std::condition_variable &waiter, Clock::time_point until,
+                const std::function<bool()> &done) {
+    guest_ = &waiter;
+    attempt([this] { watch(); });
     const auto isSame = [this, since = since_] { return isConnected() && since_ == since; };
     for (auto now = Clock::now(); isSame() && !done() && now < until; now = Clock::now()) {
+        guestSleeps_ = true;
         lock.unlock();
         const auto events = guestWaiter_.wait(std::chrono::ceil<milliseconds>(until - now));
         lock.lock();
+        guestSleeps_ = false;
         if (events != 0 && isSame()) {
             attempt([this] {
                 work(1); // then it may be done
-                flush();
-                watch(true);
+                watch();
             });
         }
     }
-    own_ = guestOf_ = nullptr;
-    guest_ = false;
-    if (isConnected() && !mosquitto_want_write(session_->get())) {
-        watch(true);
-    } else {
+    guest_ = nullptr;
+    attempt([this] { watch(); });
+    if (!isConnected()) { // the thread has to connect again
         waiter_.wake();
     }
 }
 
-void Link::wakeGuest() {
-    if (guest_ && guestOf_ != this) {
+void Link::awaken(std::condition_variable &waiter) {
+    if (guest_ != &waiter) {
+        waiter.notify_one();
+    } else if (guestSleeps_) {
         guestWaiter_.wake();
     }
 }
@@ -202,6 +208,7 @@ void Link::advance() {
     const auto now = Clock::now();
     if (now - second_ >= std::chrono::seconds{1}) {
         second_ = now;
+        tellRefusals(now - std::chrono::seconds{1});
         everySecond();
     }
     if (state_ == State::kDown && mayConnect() && now >= due_) {
@@ -230,8 +237,10 @@ void Link::connect(const Target &target, milliseconds limit) {
     libraryError_.clear();
     refusal_.clear();
     thrown_ = nullptr;
+    purpose_.willQos = std::min(1, mostQos_);
+    purpose_.willRetain = retains_;
     try {
-        session_.emplace(config_, target, purpose(), this); // files may have changed
+        session_.emplace(common_.config, target, purpose_, this); // files may have changed
     } catch (const OpenError &refused) {
         fail(refused.what());
         return;
@@ -279,7 +288,7 @@ void Link::callBack() {
 
 // Reads what is there, and writes.
 void Link::work(int packets) {
-    for (; packets > 0 && state_ != State::kDown; --packets) {
+    for (; state_ != State::kDown && (packets > 0 || session_->holdsMore()); --packets) {
         errno = 0;
         end(mosquitto_loop_read(session_->get(), 1));
         if (errno == EAGAIN || pause().count() > 0) { // read empty
@@ -293,6 +302,9 @@ void Link::work(int packets) {
         enter(State::kUp);
         denied_.clear();
         greet();
+        if (asked_.empty()) {
+            subscribed();
+        }
     }
 }
 
@@ -328,7 +340,9 @@ void Link::fail(std::string_view why) {
     const bool closed = !session_ || mosquitto_socket(session_->get()) < 0;
     waiter_.forget(closed);
     guestWaiter_.forget(closed);
-    wakeGuest();
+    if (guest_) {
+        awaken(*guest_);
+    }
     asked_.clear();
     lost(reasonOf(why), wasUp && byBroker_);
 }
@@ -359,11 +373,8 @@ void Link::onDisconnect(int reason) {
     if (state_ == State::kDown) {
         return;
     }
-    byBroker_ = reason >= 128 || reason == MOSQ_ERR_CONN_LOST ||
-                (reason == MOSQ_ERR_ERRNO && errno == EPIPE);
-    if (reason == MQTT_RC_SESSION_TAKEN_OVER) { // the two would go on putting each other out
-        prospers_ = byBroker_ = false;
-    }
+    byBroker_ = (reason >= 128 && reason != MQTT_RC_SESSION_TAKEN_OVER) ||
+                reason == MOSQ_ERR_CONN_LOST || (reason == MOSQ_ERR_ERRNO && errno == EPIPE);
     fail(reason == MOSQ_ERR_SUCCESS ? "closed" : errorText(reason));
 }
 
@@ -384,16 +395,31 @@ void Link::onSubscribe(int mid, int reason) {
 // ---- what it is told ----
 
 void Link::tellRefusal(const std::string &key, std::string_view what, std::string_view why) {
-    Refusals &refusals = refusals_[key];
-    const auto now = Clock::now();
-    if (now - refusals.told < std::chrono::seconds{1}) {
-        ++refusals.since;
-        return;
+    const auto [refusals, isFirst] = refusals_.try_emplace(key, Refusals{Clock::now()});
+    if (isFirst) {
+        common_.log.error({what, " is refused: ", why});
+    } else {
+        ++refusals->second.since;
+        refusals->second.why = why;
     }
-    const std::string more =
-        refusals.since > 0 ? "; before it " + std::to_string(refusals.since) + " more" : "";
-    log_.error({what, " is refused: ", why, more});
-    refusals = {now, 0};
+}
+
+// Those that have only been counted. A key is forgotten when a second has brought none.
+void Link::tellRefusals(Clock::time_point before) {
+    for (auto each = refusals_.begin(); each != refusals_.end();) {
+        auto &[key, refusals] = *each;
+        const bool isOver = refusals.told < before;
+        if (isOver && refusals.since == 0) {
+            each = refusals_.erase(each);
+            continue;
+        }
+        if (isOver) {
+            common_.log.error({key, ": ", std::to_string(refusals.since),
+                               " more have been refused: ", refusals.why});
+            refusals = {Clock::now()};
+        }
+        ++each;
+    }
 }
 
 void Link::deny(const std::string &topic, std::string_view what, std::string_view why) {
@@ -422,11 +448,11 @@ void Link::subscribe(const std::string &topic, int qos, int options, std::uint32
 void Link::unsubscribe(const std::string &topic) {
     const int result = mosquitto_unsubscribe(session_->get(), nullptr, topic.c_str());
     if (result != MOSQ_ERR_SUCCESS) {
-        log_.warning(topic + " can't be unsubscribed: " + errorText(result));
+        common_.log.warning(topic + " can't be unsubscribed: " + errorText(result));
     }
 }
 
-int Link::put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
+int Link::put(int &mid, const std::string &topic, std::string_view payload, int qos, bool retain,
               const Properties &properties) {
     sentMid_ = 0;
     return mosquitto_publish_v5(session_->get(), &mid, topic.c_str(),
@@ -439,7 +465,7 @@ std::vector<std::string> Link::denied() {
     return {denied_.begin(), denied_.end()};
 }
 
-void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
+void Link::sayFarewell(Lock &lock) {
     const auto end = Clock::now() + kFarewell;
     while (isConnected() && unsent() > 0 && Clock::now() < end) {
         turn(lock, end);
@@ -451,9 +477,11 @@ void Link::sayFarewell(std::unique_lock<std::mutex> &lock) {
             turn(lock, last);
         }
     }
+    tellRefusals(Clock::time_point::max());
     if (const std::size_t lost = unsent(); lost > 0) {
-        log_.warning(std::to_string(lost) + " publications are lost: the bridge closes before the "
-                                            "broker has taken them");
+        common_.log.warning(
+            std::to_string(lost) +
+            " publications are lost: the bridge closes before the broker has taken them");
     }
 }
 

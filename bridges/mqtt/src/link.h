@@ -3,15 +3,15 @@
 #ifndef ZELVO_MQTT_LINK_H
 #define ZELVO_MQTT_LINK_H
 
-#include "config.h"
+#include "common.h"
 #include "incoming.h"
-#include "log.h"
 #include "node.h"
 #include "session.h"
 #include "waiter.h"
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -31,12 +31,13 @@ namespace zelvo_mqtt {
 // Of a site, so that the broker knows it again after a restart; of no other, whatever the prefixes.
 std::string clientId(const Config &config);
 
-// Threads: any may call what is public, except start() and stop(). Nothing waits for the network
-// but stop(). All use of the library's handle is under one mutex; senders try it, and where the
-// thread has it leave the sending to the thread. What is said of the thread goes for whoever reads
-// in its place, too.
+// Threads: any may call what is public, except start() and stop(). One mutex guards a link with its
+// use of the library, and what its messages change elsewhere; it is not held while anything is
+// waited for, the network included.
 class Link {
 public:
+    using Lock = std::unique_lock<std::mutex>;
+
     Link(const Link &) = delete;
     Link &operator=(const Link &) = delete;
     virtual ~Link() = default; // stop() comes first: the thread uses what a derived class has
@@ -45,31 +46,29 @@ public:
     // Gives what is to be sent kFarewell to go out, then disconnects and ends the thread.
     void stop();
 
+    Lock lock() { return Lock{mutex_}; }
     bool isConnected() const { return state_ == State::kUp; }
-    // Something is to be sent.
-    void kick();
     // Something that the thread waits for may have come.
     void wake() { waiter_.wake(); }
-    // Reads in place of the thread, until done() or until then: whoever waits for a message is so
-    // woken by the broker, and not by a thread that the broker has woken. Returns sooner where
-    // another does that already, or there is no connection. done() is called with the mutex held,
-    // and again after wakeGuest().
-    void readUntil(Clock::time_point until, const std::function<bool()> &done);
-    void wakeGuest();
+    // Waits until done() or until then, and returns which. Messages change what done() asks, and
+    // whoever handles them says so by awaken(), with the mutex held. One of those who wait reads in
+    // place of the link's thread: it is so woken by the broker, and not by a thread that the broker
+    // has woken. waiter: this thread's alone.
+    bool await(Lock &lock, std::condition_variable &waiter, Clock::time_point until,
+               const std::function<bool()> &done);
+    void awaken(std::condition_variable &waiter);
     // The topics that the broker does not allow on this connection.
     std::vector<std::string> denied();
 
 protected:
-    Link(const Config &config, Log &log) : config_{config}, log_{log} {}
+    Link(Common &common, Purpose purpose) : common_{common}, purpose_{std::move(purpose)} {}
 
-    // What a connection is for. The thread calls these, with the mutex held, flush() also a
-    // sender; none may block or call another link, unless it says so.
-    virtual Purpose purpose() const = 0;
+    // What a connection is for. Whoever reads calls these, with the mutex held. None may block.
     virtual bool mayConnect() { return true; }
     virtual bool hasAnother() const { return false; } // to be tried at once
     virtual void seek() = 0;  // connect(), or fail(), or wait for being asked again
     virtual void greet() = 0; // what begins a connection
-    virtual void flush() = 0; // hands over what is to be sent, as far as it goes
+    virtual void flush() {}   // hands over what is to be sent, as far as it goes
     virtual void received(const Incoming &incoming) = 0;
     virtual void acknowledged(int mid, int reason) = 0; // or, without QoS, sent
     // A connection, or the try, has ended. byBroker: it was up, and the broker has ended it.
@@ -87,19 +86,18 @@ protected:
     void subscribe(const std::string &topic, int qos, int options, std::uint32_t number = 0);
     void unsubscribe(const std::string &topic);
     // A result of the library, which is MOSQ_ERR_SUCCESS where it has taken the message.
-    int put(int &mid, const std::string &topic, const std::string &payload, int qos, bool retain,
+    int put(int &mid, const std::string &topic, std::string_view payload, int qos, bool retain,
             const Properties &properties);
-    // Tells what is refused, once a second for each key.
+    void kick(); // something is to be sent; without the mutex
+    // Tells what is refused, once a second for each key; the others are counted.
     void tellRefusal(const std::string &key, std::string_view what, std::string_view why);
     // The same of what the broker does not allow on this connection.
     void deny(const std::string &topic, std::string_view what, std::string_view why);
     void prosper() { prospers_ = true; }
-    bool isOwnThread() const { return own_ == this; }
-    bool hasAsked() const { return !asked_.empty(); } // and not been answered
 
-    const Config &config_;
-    Log &log_;
-    std::mutex mutex_;       // of everything below
+    Common &common_;
+    std::mutex mutex_; // of everything below
+    Purpose purpose_;
     int sentMid_ = 0;        // what put() has sent at once
     std::size_t window_ = 0; // messages with QoS that the broker takes at a time
     int mostQos_ = 2;        // that the broker knows
@@ -110,13 +108,14 @@ private:
     enum class State { kDown, kConnecting, kAccepted, kUp };
 
     void run();
-    void turn(std::unique_lock<std::mutex> &lock,
-              Clock::time_point until = Clock::time_point::max());
-    void sayFarewell(std::unique_lock<std::mutex> &lock);
+    void turn(Lock &lock, Clock::time_point until = Clock::time_point::max());
+    void sayFarewell(Lock &lock);
     std::chrono::milliseconds patience();
     void advance();
     void enter(State state);
-    void watch(bool reads);
+    void watch();
+    void read(Lock &lock, std::condition_variable &waiter, Clock::time_point until,
+              const std::function<bool()> &done);
     void attempt(const std::function<void()> &step);
     void attend(std::uint32_t events);
     void work(int packets);
@@ -129,18 +128,16 @@ private:
     void onConnect(int reason, bool sessionKept, const mosquitto_property *properties);
     void onDisconnect(int reason);
     void onSubscribe(int mid, int reason);
-
-    // The link that this thread reads: it holds the mutex while it is called back.
-    static thread_local const Link *own_;
-    static thread_local const Link *guestOf_; // the same, where it is not the link's own thread
+    void tellRefusals(Clock::time_point before);
 
     Waiter waiter_, guestWaiter_; // guarded by mutex_ but for waiting and waking
-    std::atomic<bool> guest_{false};
     std::atomic<bool> stopping_{false};
     std::atomic<State> state_{State::kDown}; // written with mutex_ held
     std::thread thread_;
 
-    std::optional<Session> session_;     // guarded by mutex_, as the others
+    std::optional<Session> session_;           // guarded by mutex_, as the others
+    std::condition_variable *guest_ = nullptr; // of who reads in place of the thread
+    bool guestSleeps_ = false;
     bool open_ = false;                  // the socket has been ready since it was made
     std::string libraryError_, refusal_; // of this connection
     std::exception_ptr thrown_;          // by a callback of it
@@ -153,8 +150,9 @@ private:
     std::map<int, std::string> asked_; // subscriptions that have not been answered
     std::set<std::string> denied_;
     struct Refusals {
-        Clock::time_point told{};
+        Clock::time_point told;
         int since = 0;
+        std::string why = {}; // of the latest
     };
     std::map<std::string, Refusals> refusals_; // by key
 };

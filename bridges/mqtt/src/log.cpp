@@ -4,7 +4,7 @@
 #include <cstring>
 #include <ctime>
 
-#include <sys/types.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zelvo_mqtt {
@@ -100,9 +100,16 @@ void Log::tellLeftOut() {
     }
 }
 
+// Others may write to the file, and may have begun it anew.
+bool Log::isToBeBegun() const {
+    struct stat now {};
+    return file_ && fstat(fileno(file_.get()), &now) == 0 &&
+           (now.st_nlink == 0 || (most_ > 0 && static_cast<std::size_t>(now.st_size) >= most_ &&
+                                  std::remove(path_.c_str()) == 0));
+}
+
 void Log::print(Level level, Parts parts, Place place) {
-    if (file_ && most_ > 0 && static_cast<std::size_t>(std::ftell(file_.get())) >= most_) {
-        std::remove(path_.c_str());
+    if (isToBeBegun()) {
         append(path_); // else the lines go on in the old one
     }
     std::FILE *const out = file_ ? file_.get() : stderr;

@@ -62,6 +62,7 @@ private:
     bool admits();
     void tellLeftOut();
     bool append(const std::string &path);
+    bool isToBeBegun() const;
     void print(Level level, Parts parts, Place place);
 
     Level least_ = Level::kInfo;

@@ -10,21 +10,16 @@ void Lookup::begin(const std::string &host) {
     if (!done()) {
         return;
     }
-    state_ = std::make_shared<State>();
-    state_->done = false;
-    try {
-        startThread([state = state_, host] {
-            try {
-                state->ask(host);
-            } catch (const std::exception &) {
-                state->error = EAI_MEMORY;
-            }
-            state->done = true;
-        }).detach();
-    } catch (...) {
-        state_->done = true;
-        throw;
-    }
+    const auto state = std::make_shared<State>();
+    startThread([state, host] {
+        try {
+            state->ask(host);
+        } catch (const std::exception &) {
+            state->error = EAI_MEMORY;
+        }
+        state->done = true;
+    }).detach();
+    state_ = state;
 }
 
 void Lookup::State::ask(const std::string &host) {

@@ -20,7 +20,7 @@ void open(zelvo_mqtt_t &made, Zelvo_t *bus, const char *json) {
     const Config config = readConfig(json);
     made.log.setName(config.site);
     if (!made.log.open(config.log, static_cast<Level>(config.logLevel), config.logSize << 20U)) {
-        throw ConfigError{"\"log\": the file \"" + config.log + "\" can't be opened"};
+        throw OpenError{"\"log\": the file \"" + config.log + "\" can't be opened"};
     }
     made.bridge = std::make_unique<Bridge>(bus, config, made.log);
     made.bridge->start();

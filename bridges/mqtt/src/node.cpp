@@ -25,9 +25,9 @@ std::thread startThread(std::function<void()> body) {
     return std::thread{std::move(body)};
 }
 
-Node::Node(Zelvo_t *bus, const std::string &name, onmessage_callback onMessage,
+Node::Node(Common &common, const std::string &name, onmessage_callback onMessage,
            oncall_callback onCall, void *userdata)
-    : client_{busClientConnect(bus, name.c_str(), onMessage, onCall, userdata)} {
+    : client_{busClientConnect(common.bus, name.c_str(), onMessage, onCall, userdata)} {
     if (!client_) {
         throw OpenError{"the node " + name + " can't join the bus: its log says why"};
     }
@@ -35,21 +35,15 @@ Node::Node(Zelvo_t *bus, const std::string &name, onmessage_callback onMessage,
     if (!busClientCall(client_.get(), "/bus/unsubscribe", R"(["bus.event"])", 13)) {
         throw OpenError{"the node " + name + " can't join the bus, which is overloaded"};
     }
+    common.nodes.push_back(this);
+    thread_ = startThread([this] {
+        busClientSpin(client_.get());
+        end_.set_value();
+    });
 }
 
 Node::~Node() {
-    if (thread_.joinable()) {
-        leave(Clock::time_point::max());
-    }
-}
-
-void Node::start() {
-    thread_ = startThread([this] {
-        busClientSpin(client_.get());
-        const std::lock_guard lock{mutex_};
-        ended_ = true;
-        changed_.notify_all();
-    });
+    leave(Clock::time_point::max());
 }
 
 // busClientSubscribe would not say that it was lost.
@@ -69,16 +63,11 @@ void Node::askToLeave() {
 bool Node::leave(Clock::time_point until) {
     constexpr std::chrono::milliseconds again{20}; // a full queue drops the request
     while (thread_.joinable()) {
-        std::unique_lock lock{mutex_};
-        const auto now = Clock::now();
-        if (changed_.wait_until(lock, std::min(until, now + again), [this] { return ended_; })) {
-            lock.unlock();
+        askToLeave();
+        if (ended_.wait_until(std::min(until, Clock::now() + again)) == std::future_status::ready) {
             thread_.join();
         } else if (Clock::now() >= until) {
             return false;
-        } else {
-            lock.unlock();
-            busClientSpinExit(client_.get());
         }
     }
     return true;

@@ -2,14 +2,14 @@
 #ifndef ZELVO_MQTT_NODE_H
 #define ZELVO_MQTT_NODE_H
 
+#include "common.h"
+
 #include <zelvo/bus_client.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
-#include <mutex>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -22,24 +22,17 @@ using Clock = std::chrono::steady_clock;
 // breaks is to be an error of the write, not a SIGPIPE. Throws std::system_error.
 std::thread startThread(std::function<void()> body);
 
-// Says what has been refused, and why; opening then ends.
-class OpenError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 class Node {
 public:
-    // Joins the bus; blocks for its answer. The node hears nothing of others that join. No handler
-    // runs before start(). Throws OpenError, naming the node.
-    Node(Zelvo_t *bus, const std::string &name, onmessage_callback onMessage,
+    // Joins the bus, which blocks for its answer, and begins: the handlers may run at once, and
+    // hear nothing of others that join. Throws OpenError, naming the node, and std::system_error.
+    Node(Common &common, const std::string &name, onmessage_callback onMessage,
          oncall_callback onCall, void *userdata);
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
     // Waits for the thread without a limit: leave() comes first where a handler may be long.
     ~Node();
 
-    void start(); // throws std::system_error
     // Asks the thread to end, and takes part in nothing more. Does not wait.
     void askToLeave();
     // Asks until the thread has ended; false: it has not at that time.
@@ -53,10 +46,9 @@ private:
         void operator()(client_t *client) const { busClientClose(client); }
     };
     std::unique_ptr<client_t, Close> client_;
+    std::promise<void> end_; // of the thread
+    const std::future<void> ended_ = end_.get_future();
     std::thread thread_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool ended_ = false; // guarded by mutex_
 };
 
 // For the answer of a call handler, which the bus frees; null without memory.

@@ -10,6 +10,23 @@ constexpr int kMostTries = 3;
 
 } // namespace
 
+void Outbox::Queue::append(Publication publication) {
+    bytes += publication.size();
+    all.push_back(std::move(publication));
+}
+
+void Outbox::Queue::prepend(Publication publication) {
+    bytes += publication.size();
+    all.push_front(std::move(publication));
+}
+
+Publication Outbox::Queue::take(const std::deque<Publication>::iterator &which) {
+    Publication publication = std::move(*which);
+    all.erase(which);
+    bytes -= publication.size();
+    return publication;
+}
+
 void Outbox::push(Publication publication) {
     const std::size_t size = publication.size();
     const std::lock_guard lock{mutex_};
@@ -17,82 +34,56 @@ void Outbox::push(Publication publication) {
         ++dropped;
         return;
     }
-    while (!waiting_.empty() &&
-           (waiting_.size() >= mostMessages_ || waitingBytes_ + size > mostBytes_)) {
-        takeWaiting();
+    while (!waiting_.all.empty() &&
+           (waiting_.all.size() >= mostMessages_ || waiting_.bytes + size > mostBytes_)) {
+        waiting_.take(waiting_.all.begin());
         ++dropped;
     }
-    waiting_.push_back(std::move(publication));
-    waitingBytes_ += size;
-}
-
-Publication Outbox::take(std::deque<Publication> &queue) {
-    Publication publication = std::move(queue.front());
-    queue.pop_front();
-    return publication;
-}
-
-Publication Outbox::takeWaiting() {
-    waitingBytes_ -= waiting_.front().size();
-    return take(waiting_);
+    waiting_.append(std::move(publication));
 }
 
 std::optional<Publication> Outbox::next(std::size_t window) {
     const std::lock_guard lock{mutex_};
-    const bool suspect = !sent_.empty() && sent_.front().publication.tries > 0;
-    if (suspect || sent_.size() >= window || sentBytes_ >= kMostUnderWay) {
+    const bool isSuspect = !sent_.all.empty() && sent_.all.front().tries > 0;
+    if (waiting_.all.empty() || isSuspect || sent_.all.size() >= window ||
+        sent_.bytes >= kMostUnderWay) {
         return std::nullopt;
     }
-    if (!again_.empty()) {
-        return take(again_);
-    }
-    return waiting_.empty() ? std::nullopt : std::optional{takeWaiting()};
+    return waiting_.take(waiting_.all.begin());
 }
 
-void Outbox::sent(int mid, Publication publication) {
+void Outbox::sent(Publication publication) {
     const std::lock_guard lock{mutex_};
-    sentBytes_ += publication.size();
-    sent_.push_back({mid, std::move(publication)});
+    sent_.append(std::move(publication));
 }
 
 void Outbox::back(Publication publication) {
     const std::lock_guard lock{mutex_};
-    again_.push_front(std::move(publication));
+    waiting_.prepend(std::move(publication));
 }
 
 std::optional<Publication> Outbox::done(int mid) {
     const std::lock_guard lock{mutex_};
-    return finish(mid);
-}
-
-std::optional<Publication> Outbox::finish(int mid) {
-    const auto found = std::find_if(sent_.begin(), sent_.end(),
-                                    [mid](const Sent &each) { return each.mid == mid; });
-    if (found == sent_.end()) {
-        return std::nullopt;
-    }
-    Publication publication = std::move(found->publication);
-    sentBytes_ -= publication.size();
-    sent_.erase(found);
-    return publication;
+    const auto found = std::find_if(sent_.all.begin(), sent_.all.end(),
+                                    [mid](const Publication &each) { return each.mid == mid; });
+    return found == sent_.all.end() ? std::nullopt : std::optional{sent_.take(found)};
 }
 
 std::optional<Publication> Outbox::connectionLost(bool blamed) {
     const std::lock_guard lock{mutex_};
     std::optional<Publication> givenUp;
-    if (blamed && !sent_.empty() && ++sent_.front().publication.tries >= kMostTries) {
-        givenUp = finish(sent_.front().mid);
+    if (blamed && !sent_.all.empty() && ++sent_.all.front().tries >= kMostTries) {
+        givenUp = sent_.take(sent_.all.begin());
     }
-    for (; !sent_.empty(); sent_.pop_back()) {
-        again_.push_front(std::move(sent_.back().publication));
+    while (!sent_.all.empty()) {
+        waiting_.prepend(sent_.take(std::prev(sent_.all.end())));
     }
-    sentBytes_ = 0;
     return givenUp;
 }
 
 Outbox::Fill Outbox::fill() const {
     const std::lock_guard lock{mutex_};
-    return {waiting_.size(), waitingBytes_, sent_.size() + again_.size()};
+    return {waiting_.all.size(), waiting_.bytes, sent_.all.size()};
 }
 
 } // namespace zelvo_mqtt

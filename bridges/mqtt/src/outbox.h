@@ -20,13 +20,13 @@ struct Publication {
     int hops = 1;
     std::chrono::steady_clock::time_point until = std::chrono::steady_clock::time_point::max();
     int tries = 0; // connections that the broker has ended at it
+    int mid = 0;   // its number there, once it has been handed over
 
     std::size_t size() const { return topic.size() + payload.size(); }
 };
 
-// They are handed over in order: first what a lost connection has left without acknowledgement,
-// then what waits, which is bounded by messages and by bytes of topic and payload. Any thread may
-// push; the rest is one thread's. Nothing blocks.
+// They are handed over in order. What waits is bounded by messages and by bytes of topic and
+// payload. Any thread may push; the rest is one thread's. Nothing blocks.
 class Outbox {
 public:
     Outbox(std::size_t messages, std::size_t bytes) : mostMessages_{messages}, mostBytes_{bytes} {}
@@ -38,12 +38,13 @@ public:
     // The next one to be handed over, where the broker takes so many at a time. Afterwards it is
     // either sent() or back(), or done with.
     std::optional<Publication> next(std::size_t window);
-    void sent(int mid, Publication publication);
+    void sent(Publication publication);
     void back(Publication publication);
     // Acknowledged, one way or the other. Nothing: it is none of these.
     std::optional<Publication> done(int mid);
-    // All are handed over again. blamed: it was the broker that ended the connection, and the
-    // first of them may be why. It is then tried alone, and returned in the end to be given up.
+    // What is under way waits again, before all others. blamed: it was the broker that ended the
+    // connection, and the first of them may be why. It is then tried alone, and returned in the end
+    // to be given up.
     std::optional<Publication> connectionLost(bool blamed);
 
     struct Fill {
@@ -55,19 +56,18 @@ public:
     std::atomic<std::uint64_t> dropped{0}, refused{0}, expired{0};
 
 private:
-    struct Sent {
-        int mid = 0;
-        Publication publication;
+    struct Queue {
+        std::deque<Publication> all;
+        std::size_t bytes = 0;
+
+        void append(Publication publication);
+        void prepend(Publication publication);
+        Publication take(const std::deque<Publication>::iterator &which);
     };
-    static Publication take(std::deque<Publication> &queue);
-    Publication takeWaiting();
-    std::optional<Publication> finish(int mid);
 
     const std::size_t mostMessages_, mostBytes_;
     mutable std::mutex mutex_; // of everything below
-    std::deque<Publication> waiting_, again_;
-    std::deque<Sent> sent_;
-    std::size_t waitingBytes_ = 0, sentBytes_ = 0;
+    Queue waiting_, sent_;
 };
 
 } // namespace zelvo_mqtt

@@ -2,89 +2,85 @@
 
 #include "json.h"
 
-#include <string_view>
-
 namespace zelvo_mqtt {
 
-Outflow::Outflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-                 Passing &passing, Outbox &outbox, Log &log, std::function<void()> kick,
-                 std::function<std::string()> state)
-    : passing_{passing},
-      outbox_{outbox},
-      log_{log},
-      kick_{std::move(kick)},
-      state_{std::move(state)},
-      name_{name},
-      node_{bus, name, onMessage, onCall, this} {
-    for (const Config::Out &out : config.out) {
-        ways_[out.topic] = {topics.publication(out.topic), out.retain, out.expiry};
+Outflow::Ways Outflow::waysOf(const Common &common) {
+    Ways ways;
+    for (const Config::Out &out : common.config.out) {
+        ways[out.topic] = {common.topics.publication(out.topic), &out};
     }
+    return ways;
 }
 
 // The node's own name is the topic of the mark that finish() waits for.
-void Outflow::start() {
-    std::vector<std::string> subscribed{name_};
-    for (const auto &[topic, way] : ways_) {
-        subscribed.push_back(topic);
+Outflow::Outflow(Common &common, DataLink &link, std::function<std::string()> state)
+    : common_{common},
+      link_{link},
+      state_{std::move(state)},
+      ways_{waysOf(common)},
+      node_{common, common.name, onMessage, onCall, this} {
+    std::vector<std::string> subscribed{common.name};
+    for (const Config::Out &out : common.config.out) {
+        subscribed.push_back(out.topic);
     }
-    node_.start();
     node_.subscribe(jsonArray(subscribed));
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the bus gives the type
 int Outflow::onMessage(void *self, client_t *, char *topic, char *data, int len) {
     Outflow &outflow = *static_cast<Outflow *>(self);
     try {
         outflow.take(topic,
                      data ? std::string{data, static_cast<std::size_t>(len)} : std::string{});
     } catch (const std::exception &failure) {
-        ++outflow.outbox_.dropped;
-        outflow.log_.error({"a publication of ", topic, " is lost: ", failure.what()});
+        ++outflow.link_.outbox().dropped;
+        outflow.common_.log.error({"a publication of ", topic, " is lost: ", failure.what()});
     }
     return 0;
 }
 
-void Outflow::take(const char *topic, std::string payload) {
-    const auto way = ways_.find(std::string_view{topic});
-    if (way == ways_.end()) {
-        if (name_ == topic) {
+void Outflow::take(const std::string &topic, std::string payload) {
+    const auto found = ways_.find(topic);
+    if (found == ways_.end()) {
+        if (topic == common_.name) {
             const std::lock_guard lock{mutex_};
             finished_ = true;
             changed_.notify_all();
         }
         return;
     }
-    const int hops = passing_.hopsOf(topic);
+    const int hops = common_.passing.hopsOf(topic);
     if (hops > kMostHops) {
-        log_.warning(std::string{"a publication of "} + topic +
-                     " is not passed on: it has gone over a broker " + std::to_string(kMostHops) +
-                     " times, so sites that pass it on stand in a ring");
+        common_.log.warning(
+            "a publication of " + topic + " is not passed on: it has gone over a broker " +
+            std::to_string(kMostHops) + " times, so sites that pass it on stand in a ring");
         return;
     }
-    Publication publication{way->second.topic, std::move(payload), way->second.retain, hops};
-    if (way->second.expiry.count() > 0) {
-        publication.until = Clock::now() + way->second.expiry;
+    const auto &[brokers, out] = found->second;
+    Publication publication{brokers, std::move(payload), out->retain, hops};
+    if (out->expiry.count() > 0) {
+        publication.until = Clock::now() + out->expiry;
     }
-    outbox_.push(std::move(publication));
-    kick_();
+    link_.send(std::move(publication));
 }
 
 char *Outflow::onCall(void *self, client_t *, char *url, char *, int) {
     const Outflow &outflow = *static_cast<Outflow *>(self);
     try {
-        if (std::string_view{url}.substr(1 + outflow.name_.size()) == "/state") {
+        if (std::string_view{url}.substr(1 + outflow.common_.name.size()) == "/state") {
             return mallocText(outflow.state_());
         }
     } catch (const std::exception &failure) {
-        outflow.log_.error({"the call ", url, " fails: ", failure.what()});
+        outflow.common_.log.error({"the call ", url, " fails: ", failure.what()});
     }
     return nullptr;
 }
 
 void Outflow::finish(Clock::time_point until) {
     std::unique_lock lock{mutex_};
-    busClientPublish(node_.get(), name_.c_str(), nullptr, 0);
+    busClientPublish(node_.get(), common_.name.c_str(), nullptr, 0);
     if (!changed_.wait_until(lock, until, [this] { return finished_; })) {
-        log_.warning("publications may be lost: the bus has not handed them over in time");
+        common_.log.warning("publications may be lost: the bus has not handed them over in time");
     }
 }
 

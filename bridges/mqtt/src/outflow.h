@@ -2,12 +2,8 @@
 #ifndef ZELVO_MQTT_OUTFLOW_H
 #define ZELVO_MQTT_OUTFLOW_H
 
-#include "config.h"
-#include "log.h"
+#include "data_link.h"
 #include "node.h"
-#include "outbox.h"
-#include "passing.h"
-#include "topics.h"
 
 #include <condition_variable>
 #include <functional>
@@ -19,13 +15,9 @@ namespace zelvo_mqtt {
 
 class Outflow {
 public:
-    // kick: called in the node's thread when something is in the outbox. state: the answer of the
-    // call "state", in the same thread. Joins the bus; throws OpenError.
-    Outflow(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-            Passing &passing, Outbox &outbox, Log &log, std::function<void()> kick,
-            std::function<std::string()> state);
+    // state: the answer of the call "state", in the node's thread. Joins the bus; throws OpenError.
+    Outflow(Common &common, DataLink &link, std::function<std::string()> state);
 
-    void start();
     // Waits until what has been published before has got into the buffer, or until then.
     void finish(Clock::time_point until);
     Node &node() { return node_; }
@@ -33,20 +25,18 @@ public:
 private:
     struct Way {
         std::string topic; // the broker's
-        bool retain = false;
-        std::chrono::seconds expiry{0}; // 0: none
+        const Config::Out *out = nullptr;
     };
+    using Ways = std::map<std::string, Way>; // by the bus's topic
+    static Ways waysOf(const Common &common);
     static int onMessage(void *self, client_t *, char *topic, char *data, int len);
     static char *onCall(void *self, client_t *, char *url, char *, int);
-    void take(const char *topic, std::string payload);
+    void take(const std::string &topic, std::string payload);
 
-    Passing &passing_;
-    Outbox &outbox_;
-    Log &log_;
-    const std::function<void()> kick_;
+    Common &common_;
+    DataLink &link_;
     const std::function<std::string()> state_;
-    const std::string name_;
-    std::map<std::string, Way, std::less<>> ways_; // by the bus's topic
+    const Ways ways_;
     std::mutex mutex_;
     std::condition_variable changed_;
     bool finished_ = false; // guarded by mutex_

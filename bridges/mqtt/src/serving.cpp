@@ -21,28 +21,15 @@ bool isAboutCaller(std::string_view url) {
 
 } // namespace
 
-Serving::Caller::Caller(Serving &its, Zelvo_t *bus, const std::string &name, std::string served)
+Serving::Caller::Caller(Serving &its, const std::string &name, std::string served)
     : serving{its},
       callee{std::move(served)},
-      node{bus, name, nullptr, nullptr, nullptr} {}
+      node{its.common_, name, nullptr, nullptr, nullptr} {}
 
-Serving::Serving(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-                 CallLink &link, Log &log)
-    : config_{config},
-      topics_{topics},
-      link_{link},
-      log_{log} {
-    for (const std::string &served : config.serve) {
+Serving::Serving(Common &common, CallLink &link) : common_{common}, link_{link} {
+    for (const std::string &served : common.config.serve) {
         const std::string number = std::to_string(callers_.size() + 1);
-        std::string caller = name;
-        caller.append(".serve.").append(number);
-        callers_.emplace_back(*this, bus, caller, served);
-    }
-}
-
-void Serving::Caller::drop() {
-    for (; !requests.empty(); requests.pop_back()) {
-        serving.bytes_ -= requests.back().size();
+        callers_.emplace_back(*this, common.name + ".serve." + number, served);
     }
 }
 
@@ -55,14 +42,15 @@ Serving::Caller *Serving::callerOf(std::string_view url) {
 }
 
 void Serving::request(const Incoming &incoming) {
-    const auto path = unescaped(std::string_view{incoming.topic}.substr(topics_.requests().size()));
+    const auto path =
+        unescaped(std::string_view{incoming.topic}.substr(common_.topics.requests().size()));
     const char *const fault = !path ? "its topic is not in the form that a bridge gives it"
-                              : !topics_.isForOwnAnswers(incoming.answerTopic)
+                              : !common_.topics.isForOwnAnswers(incoming.answerTopic)
                                   ? "its answer's topic is none of this site"
                               : !incoming.timeout ? "its number of milliseconds is none"
                                                   : nullptr;
     if (fault) {
-        log_.warning("a request to " + incoming.topic + " is dropped: " + fault);
+        common_.log.warning("a request to " + incoming.topic + " is dropped: " + fault);
         return;
     }
     Request request{"/" + *path, std::string{incoming.payload}, incoming.answerTopic,
@@ -72,7 +60,7 @@ void Serving::request(const Incoming &incoming) {
     if (refusal) {
         refuse(request, refusal);
     } else if (!append(*caller, std::move(request))) {
-        log_.warning("the call " + *path + " from outside is dropped: the bus takes none");
+        common_.log.warning("the call " + *path + " from outside is dropped: the bus takes none");
     }
 }
 
@@ -83,21 +71,21 @@ std::chrono::milliseconds Serving::timeFor(const Incoming &incoming) const {
     using std::chrono::seconds;
     const milliseconds left = seconds{incoming.expiry};
     if (*incoming.timeout == 0) {
-        return incoming.expiry == 0 ? config_.callTimeout : std::min(config_.callTimeout, left);
+        return incoming.expiry == 0 ? common_.config.callTimeout
+                                    : std::min(common_.config.callTimeout, left);
     }
     const milliseconds whole{*incoming.timeout};
     const milliseconds kept = std::chrono::ceil<seconds>(whole) - left;
     return whole - (incoming.expiry == 0 ? milliseconds{0} : std::max(kept, milliseconds{0}));
 }
 
-const char *Serving::refusalOf(const Request &request, Caller *caller) {
+const char *Serving::refusalOf(const Request &request, const Caller *caller) const {
     if (!caller) {
         return "that node is not served";
     }
     if (isAboutCaller(request.url)) {
         return "of the bus, only \"/nodes\" and \"/stats\" are served";
     }
-    const std::lock_guard lock{caller->mutex};
     if (caller->requests.size() >= kMostWaiting || bytes_ + request.size() > kMostBytes) {
         return "too many calls wait";
     }
@@ -105,25 +93,15 @@ const char *Serving::refusalOf(const Request &request, Caller *caller) {
 }
 
 bool Serving::append(Caller &caller, Request request) {
-    std::unique_lock lock{caller.mutex};
-    if (caller.closing) {
+    if (closing_ ||
+        (!caller.scheduled && busClientSettimer(caller.node.get(), onTimer, 0, 0, &caller) < 0)) {
         return false;
     }
+    caller.scheduled = true;
     bytes_ += request.size();
     caller.requests.push_back(std::move(request));
-    const bool scheduled = std::exchange(caller.scheduled, true);
-    lock.unlock(); // the node's thread, which is woken, is not to wait for it
-    if (scheduled) {
-        link_.wakeGuest();
-        return true;
-    }
-    if (busClientSettimer(caller.node.get(), onTimer, 0, 0, &caller) >= 0) {
-        return true;
-    }
-    lock.lock();
-    caller.scheduled = false;
-    caller.drop();
-    return false;
+    link_.awaken(caller.come);
+    return true;
 }
 
 int Serving::onTimer(void *self, client_t *, int) {
@@ -133,7 +111,7 @@ int Serving::onTimer(void *self, client_t *, int) {
         try {
             serving.call(caller, *request);
         } catch (const std::exception &failure) {
-            serving.log_.error(
+            serving.common_.log.error(
                 {"the call ", request->url, " from outside fails: ", failure.what()});
         }
     }
@@ -141,12 +119,10 @@ int Serving::onTimer(void *self, client_t *, int) {
 }
 
 std::optional<Serving::Request> Serving::next(Caller &caller) {
-    link_.readUntil(Clock::now() + kLinger, [&] {
-        const std::lock_guard lock{caller.mutex};
-        return !caller.requests.empty() || caller.closing;
-    });
-    const std::lock_guard lock{caller.mutex};
-    if (caller.requests.empty() || caller.closing) {
+    Link::Lock lock = link_.lock();
+    link_.await(lock, caller.come, Clock::now() + kLinger,
+                [&] { return !caller.requests.empty() || closing_; });
+    if (caller.requests.empty()) {
         caller.scheduled = false;
         return std::nullopt;
     }
@@ -158,13 +134,14 @@ std::optional<Serving::Request> Serving::next(Caller &caller) {
 
 void Serving::call(Caller &caller, const Request &request) {
     if (Clock::now() >= request.until) {
-        log_.warning("the call " + request.url +
-                     " from outside is dropped: it has waited too long");
+        common_.log.warning("the call " + request.url +
+                            " from outside is dropped: it has waited too long");
         return;
     }
     const char *const data = request.data.empty() ? nullptr : request.data.data();
     const char *const text = busClientCall(caller.node.get(), request.url.c_str(), data,
                                            static_cast<int>(request.data.size()));
+    const Link::Lock lock = link_.lock();
     if (text) {
         answer(request, text);
     } else {
@@ -173,23 +150,26 @@ void Serving::call(Caller &caller, const Request &request) {
 }
 
 void Serving::answer(const Request &request, const char *text) {
-    if (!link_.send({request.answerTopic, text, {}, request.correlation})) {
-        log_.warning("the answer of " + request.url + " is dropped: the broker does not take it");
+    const std::string_view failure =
+        link_.send({request.answerTopic, text, {}, request.correlation});
+    if (!failure.empty()) {
+        common_.log.warning("the answer of " + request.url +
+                            " is dropped: " + std::string{failure});
     }
 }
 
 void Serving::refuse(const Request &request, const std::string &why) {
-    log_.warning("the call " + request.url + " from outside is refused: " + why);
+    common_.log.warning("the call " + request.url + " from outside is refused: " + why);
     answer(request, kNotImplement);
 }
 
 void Serving::close() {
+    const Link::Lock lock = link_.lock();
+    closing_ = true;
     for (Caller &caller : callers_) {
-        const std::lock_guard lock{caller.mutex};
-        caller.closing = true;
-        caller.drop();
+        caller.requests.clear();
+        link_.awaken(caller.come);
     }
-    link_.wakeGuest();
 }
 
 } // namespace zelvo_mqtt

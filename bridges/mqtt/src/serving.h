@@ -3,17 +3,12 @@
 #define ZELVO_MQTT_SERVING_H
 
 #include "call_link.h"
-#include "config.h"
-#include "incoming.h"
-#include "log.h"
 #include "node.h"
-#include "topics.h"
 
-#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -27,18 +22,11 @@ public:
     static constexpr std::size_t kMostBytes = std::size_t{16} << 20; // for all together
 
     // Joins the bus with every calling node, NAME.serve.1 and so on; throws OpenError.
-    Serving(Zelvo_t *bus, const Config &config, const Topics &topics, const std::string &name,
-            CallLink &link, Log &log);
+    Serving(Common &common, CallLink &link);
 
-    // A message to the topic of requests. The link's thread's; does not block.
+    // A message to the topic of requests. With the link's mutex held; does not block.
     void request(const Incoming &incoming);
     void close(); // no call begins any more
-    template <typename Function>
-    void eachNode(Function function) {
-        for (Caller &caller : callers_) {
-            function(caller.node);
-        }
-    }
 
 private:
     struct Request {
@@ -53,34 +41,31 @@ private:
         }
     };
     struct Caller {
-        Caller(Serving &its, Zelvo_t *bus, const std::string &name, std::string served);
+        Caller(Serving &its, const std::string &name, std::string served);
         Serving &serving;
         const std::string callee;
-        std::mutex mutex; // of the next three
+        // The link's mutex guards the rest.
+        std::condition_variable come;
         std::deque<Request> requests;
         bool scheduled = false; // the node's thread looks at the requests, or will
-        bool closing = false;
-        Node node; // last: its thread uses the others
-
-        void drop(); // what waits; with the mutex held
+        Node node;              // last: its thread uses the others
     };
 
     static int onTimer(void *self, client_t *, int);
     std::optional<Request> next(Caller &caller);
     bool append(Caller &caller, Request request);
     std::chrono::milliseconds timeFor(const Incoming &incoming) const;
-    const char *refusalOf(const Request &request, Caller *caller);
+    const char *refusalOf(const Request &request, const Caller *caller) const;
     void call(Caller &caller, const Request &request);
     Caller *callerOf(std::string_view url);
     void answer(const Request &request, const char *text);
     void refuse(const Request &request, const std::string &why);
 
-    const Config &config_;
-    const Topics &topics_;
+    Common &common_;
     CallLink &link_;
-    Log &log_;
-    std::atomic<std::size_t> bytes_{0}; // of the requests that wait
-    std::deque<Caller> callers_;        // last: their threads use the others
+    bool closing_ = false;       // guarded by the link's mutex, as the next
+    std::size_t bytes_ = 0;      // of the requests that wait
+    std::deque<Caller> callers_; // last: their threads use the others
 };
 
 } // namespace zelvo_mqtt

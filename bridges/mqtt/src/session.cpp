@@ -77,8 +77,6 @@ std::string errorText(int result) {
         return std::generic_category().message(errno);
     case MOSQ_ERR_KEEPALIVE:
         return "the broker has given no sign of life (keepalive)";
-    case MQTT_RC_SESSION_TAKEN_OVER:
-        return "another client has taken over the name of this site: is it open twice?";
     default:
         return result >= 128 ? mosquitto_reason_string(result) : mosquitto_strerror(result);
     }
@@ -188,6 +186,11 @@ void Session::setProperties(const Config &config, std::uint32_t expiry) {
                 "\"sessionExpiry\"");
     }
     mosquitto_connect_bind_v5(handle_.get(), "", target_.broker.port, 0, nullptr, list);
+}
+
+bool Session::holdsMore() const {
+    const auto *const ssl = static_cast<SSL *>(mosquitto_ssl_get(handle_.get()));
+    return ssl && SSL_pending(ssl) > 0;
 }
 
 int Session::connect() {

@@ -35,8 +35,8 @@ struct Purpose {
     std::uint32_t expiry = 0; // seconds for which the broker keeps the session; 0: it begins anew
     int keepAlive = 0;        // seconds; 0: none
     std::string will = {};    // topic, where "offline" is to stand; empty: none
-    int willQos = 0;
-    bool willRetain = false;
+    int willQos = 1;
+    bool willRetain = true;
     std::string instance = {}; // its user property kInstance
 };
 
@@ -55,6 +55,8 @@ public:
     int connect(); // begins; a result of the library
     // Why the broker's certificate is refused; empty: it is not.
     const std::string &certificateFault() const { return fault_; }
+    // The TLS library has bytes that the socket has no more.
+    bool holdsMore() const;
 
 private:
     struct Destroy {

@@ -2,7 +2,6 @@
 
 #include <mosquitto.h>
 
-#include <algorithm>
 #include <charconv>
 
 namespace zelvo_mqtt {
@@ -96,13 +95,15 @@ std::string Topics::call(std::string_view site, std::string_view path) const {
 }
 
 bool Topics::isForOwnAnswers(std::string_view topic) const {
-    if (!isAnswer(topic) || !topic.ends_with('/' + level_)) {
+    if (!isAnswer(topic)) {
         return false;
     }
-    const std::size_t end = topic.size() - level_.size() - 1;
-    const std::string_view caller =
-        topic.substr(allAnswers_.size(), end - std::min(end, allAnswers_.size()));
-    return !caller.empty() && unescapedLevel(caller).has_value();
+    topic.remove_prefix(allAnswers_.size());
+    if (!topic.ends_with('/' + level_)) {
+        return false;
+    }
+    topic.remove_suffix(1 + level_.size());
+    return !topic.empty() && unescapedLevel(topic).has_value();
 }
 
 std::optional<std::string> Topics::siteOf(std::string_view topic) const {

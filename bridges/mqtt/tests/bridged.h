@@ -6,67 +6,26 @@
 
 #include <zelvo/mqtt.h>
 
-#include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <vector>
 
-// Waits until the condition holds; false: it never did.
-inline bool eventually(const std::function<bool()> &condition,
-                       std::chrono::milliseconds limit = kLimit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds{2});
-    }
-    return true;
-}
-
-// A node that keeps what it hears ("topic=payload") and answers calls with url and data.
-class Listener {
+// A node that hears topics and answers calls with their address and data.
+class Listener : public Node {
 public:
-    Listener(Zelvo_t *bus, const std::string &name, const std::string &topics)
-        : node{bus, name, hear, answer, this} {
-        busClientSubscribe(node.get(), topics.c_str());
+    Listener(const RunningBus &bus, const std::string &name, const char *topics)
+        : Node{bus, name, [](client_t *, const std::string &url, const std::string &data) {
+                   return mallocText(url + "<" + data);
+               }} {
+        busClientUnsubscribe(get(), R"(["bus.event"])"); // would grow with what comes and goes
+        subscribe(topics);
     }
-    std::vector<std::string> heard() {
-        const std::lock_guard lock{mutex_};
-        return heard_;
+    // Up to now, of others than the bus.
+    Texts heard() {
+        Texts all = Node::heard(0);
+        std::erase_if(all, [](const std::string &text) { return text.starts_with("bus.event "); });
+        return all;
     }
-    bool hears(const std::string &what, std::chrono::milliseconds limit = kLimit) {
-        std::unique_lock lock{mutex_};
-        return changed_.wait_for(lock, limit, [&] {
-            return std::find(heard_.begin(), heard_.end(), what) != heard_.end();
-        });
-    }
-
-private:
-    static int hear(void *self, client_t *, char *topic, char *data, int len) {
-        Listener &listener = *static_cast<Listener *>(self);
-        const std::string payload{data ? data : "", static_cast<std::size_t>(len)};
-        if (std::strcmp(topic, "bus.event") != 0) {
-            const std::lock_guard lock{listener.mutex_};
-            listener.heard_.push_back(std::string{topic} + "=" + payload);
-            listener.changed_.notify_all();
-        }
-        return 0;
-    }
-    static char *answer(void *, client_t *, char *url, char *data, int len) {
-        return mallocText(std::string{url} + "<" +
-                          std::string{data ? data : "", static_cast<std::size_t>(len)});
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> heard_;
-
-public:
-    RunningNode node; // last: its thread uses the others
 };
 
 inline constexpr const char *kRefused = "{\"data\":\"not implement\"}";
@@ -87,13 +46,20 @@ struct Slow {
 class Bridged {
 public:
     // url: one, or an array of them. members: the configuration without it, "site" and "log".
-    Bridged(const std::string &url, const std::string &site, const std::string &members = "")
+    // connects: whether to wait until it does.
+    Bridged(const std::string &url, const std::string &site, const std::string &members = "",
+            bool connects = true)
         : bus{R"({"level":5,"path":"/dev/null","callTimeout":20000,"stats":true})"},
-          listener{bus.get(), "listener", R"(["mqtt.state"])"},
+          listener{bus, "listener", R"(["mqtt.state"])"},
           url_{url.front() == '[' ? url : '"' + url + '"'},
           site_{site},
           bridge_{another("\"site\":\"" + site + "\"" + (members.empty() ? "" : ",") + members,
-                          log_.file("log"))} {}
+                          log_.file("log"))} {
+        if (connects && !isConnected()) {
+            close();
+            throw std::runtime_error{"no connection: " + log()};
+        }
+    }
     ~Bridged() { close(); }
 
     void close() {
@@ -106,15 +72,14 @@ public:
             bus.get(), ("{\"log\":\"" + log + "\",\"url\":" + url_ + "," + members + "}").c_str());
     }
     zelvo_mqtt_t *get() const { return bridge_; }
-    bool connects() {
-        return listener.hears(R"(mqtt.state={"bridge":"mqtt.)" + site_ +
-                              R"(","connected":true,"why":""})");
+    bool isConnected() {
+        return eventually([&] { return says(state(), R"("connected":true)"); });
     }
     std::string log() const { return readFile(log_.file("log")); }
     bool logs(const std::string &text) const {
         return eventually([&] { return says(log(), text); });
     }
-    std::string state() { return listener.node.call("/mqtt." + site_ + "/state"); }
+    std::string state() { return listener.call("/mqtt." + site_ + "/state"); }
 
 private:
     TempDir log_;
@@ -131,7 +96,7 @@ private:
 inline void publish(Bridged &from, const std::string &topic, const std::string &payload,
                     bool sticky = false) {
     (sticky ? busClientPublishSticky : busClientPublish)(
-        from.listener.node.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
+        from.listener.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
 }
 
 // Whether a close ends within a second, or a few where the machine is loaded.
@@ -142,7 +107,7 @@ inline bool isQuick(const std::function<void()> &close) {
 }
 
 inline void hear(Bridged &at, const std::string &topics) {
-    busClientSubscribe(at.listener.node.get(), topics.c_str());
+    at.listener.subscribe(topics.c_str());
 }
 
 #endif

@@ -32,10 +32,14 @@ int freePort() {
 
 } // namespace
 
-Broker::Broker(const std::string &options)
+Broker::Broker(const std::string &options, bool starts)
     : options_{options},
       port_{freePort()},
-      hiddenPort_{freePort()} {}
+      hiddenPort_{freePort()} {
+    if (starts) {
+        start();
+    }
+}
 
 std::string Broker::url(const char *scheme, const char *host) const {
     return std::string{scheme} + "://" + host + ":" + std::to_string(port_);
@@ -147,17 +151,20 @@ Peer::Message Peer::nextMessage(const std::string &topic) {
     }
 }
 
-mosquitto_property *requestProperties(const char *answerTopic, const std::string &correlation,
-                                      const char *timeout) {
-    mosquitto_property *list = nullptr;
-    if (answerTopic) {
-        mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, answerTopic);
-    }
-    mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, correlation.data(),
-                                  static_cast<std::uint16_t>(correlation.size()));
+void Peer::request(const std::string &address, const std::string &payload, const char *timeout,
+                   const char *answerTopic) {
+    mosquitto_property *list = correlationData("c");
+    mosquitto_property_add_string(&list, MQTT_PROP_RESPONSE_TOPIC, answerTopic);
     if (timeout) {
         mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, "zelvo-timeout",
                                            timeout);
     }
+    publish("zelvo/call/site/" + address, payload, false, list);
+}
+
+mosquitto_property *correlationData(const std::string &correlation) {
+    mosquitto_property *list = nullptr;
+    mosquitto_property_add_binary(&list, MQTT_PROP_CORRELATION_DATA, correlation.data(),
+                                  static_cast<std::uint16_t>(correlation.size()));
     return list;
 }

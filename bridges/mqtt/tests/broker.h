@@ -18,7 +18,7 @@
 class Broker {
 public:
     // options: further lines of its configuration; "DIR" in them is its directory.
-    explicit Broker(const std::string &options = "allow_anonymous true\n");
+    explicit Broker(const std::string &options = "allow_anonymous true\n", bool starts = true);
     ~Broker() { kill(SIGKILL); }
 
     // Returns when it takes connections. hidden: at another port, where no bridge finds it.
@@ -57,6 +57,9 @@ public:
     // are properties, which are freed.
     int publish(const std::string &topic, const std::string &payload, bool retain = false,
                 mosquitto_property *properties = nullptr);
+    // Calls a node of the site "site".
+    void request(const std::string &address, const std::string &payload = "",
+                 const char *timeout = nullptr, const char *answerTopic = "zelvo/answer/p/site");
     // Waits for the first of a topic; those before it are passed over.
     std::string next(const std::string &topic) { return nextMessage(topic).payload; }
     Message nextMessage(const std::string &topic);
@@ -69,8 +72,7 @@ private:
     int published_ = -1; // the reason
 };
 
-// Properties of a request, and of its answer without a topic.
-mosquitto_property *requestProperties(const char *answerTopic, const std::string &correlation,
-                                      const char *timeout = nullptr);
+// Of an answer, and of anything else that is to go without acknowledgement.
+mosquitto_property *correlationData(const std::string &correlation = "-");
 
 #endif

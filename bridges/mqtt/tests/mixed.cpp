@@ -5,20 +5,13 @@
 #include "bridged.h"
 #include "broker.h"
 
-#include <atomic>
 #include <cstdio>
-#include <string>
 #include <string_view>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 struct Received {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::atomic<int> latest{0}; // greatest
-    int missing = 0, repeated = 0;
+    std::atomic<int> latest{0}, missing{0}, repeated{0}; // the greatest, and how many
 
     static int hear(void *self, client_t *, char *topic, char *data, int) {
         if (std::strcmp(topic, "numbers") == 0 && data) {
@@ -27,18 +20,15 @@ struct Received {
         return 0;
     }
     void take(int number) {
-        const std::lock_guard lock{mutex};
         if (number <= latest) {
             ++repeated;
         } else {
             missing += number - latest - 1;
             latest = number;
-            changed.notify_all();
         }
     }
     bool reaches(int goal) {
-        std::unique_lock lock{mutex};
-        return changed.wait_for(lock, kLimit, [&] { return latest >= goal; });
+        return eventually([&] { return latest >= goal; });
     }
 };
 
@@ -65,7 +55,6 @@ int run(int seconds, int signal) {
     // A broker that is asked to end stores what it holds; one that is not has to have done so.
     Broker broker{"allow_anonymous true\npersistence true\npersistence_location DIR/\n"
                   "autosave_on_changes true\nautosave_interval 1\n"};
-    broker.start();
     Bridged receiver{broker.url(), "receiver", R"("in":["numbers"],"serve":["listener"])"};
     Bridged sender{broker.url(), "sender",
                    R"("out":["numbers"],"call":["receiver"],"callTimeout":2000)"};
@@ -73,7 +62,7 @@ int run(int seconds, int signal) {
     RunningNode node{receiver.bus.get(), "numbers", Received::hear, nullptr, &received};
     busClientSubscribe(node.get(), R"(["numbers"])");
     RunningNode caller{sender.bus.get(), "caller"};
-    bool arrives = receiver.connects() && sender.connects();
+    bool arrives = true;
     std::atomic<bool> ends{false};
     int sent = 0, answered = 0, refused = 0;
     std::thread publisher{[&] { sent = send(sender, ends); }};
@@ -82,10 +71,10 @@ int run(int seconds, int signal) {
             ++(says(caller.call("/receiver/listener/x"), "not implement") ? refused : answered);
         }
     }};
-    const auto end = Clock::now() + std::chrono::seconds{seconds};
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{seconds};
     int rounds = 0;
     long early = 0;
-    for (; Clock::now() < end && arrives; ++rounds) {
+    for (; std::chrono::steady_clock::now() < end && arrives; ++rounds) {
         arrives = received.reaches(received.latest + 500);
         zelvo_mqtt_t *const second = receiver.another(R"("site":"second","in":["numbers.2"])");
         broker.kill(rounds % 3 == 2 ? SIGTERM : signal);
@@ -99,8 +88,9 @@ int run(int seconds, int signal) {
     arrives = arrives && received.reaches(sent);
     std::printf("%d of %d numbers, %d rounds: %d missing, %d repeated; %d calls answered, %d "
                 "refused; %ld kB, in the beginning %ld\n%s\n",
-                received.latest.load(), sent, rounds, received.missing, received.repeated, answered,
-                refused, kilobytes(), early, sender.state().c_str());
+                received.latest.load(), sent, rounds, received.missing.load(),
+                received.repeated.load(), answered, refused, kilobytes(), early,
+                sender.state().c_str());
     return arrives && (received.missing == 0 || signal == SIGKILL) && answered > 0 &&
                    says(sender.state(), R"("dropped":0,"refused":0)")
                ? 0

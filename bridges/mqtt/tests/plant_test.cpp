@@ -16,6 +16,11 @@
 namespace {
 
 std::atomic<long> secondsAhead{0}; // of the clocks of this program
+
+// What this program does not get written: packets with a text in them, as long as it stands here,
+// or once, with the end of the connection.
+std::atomic<const char *> heldBack{nullptr}, cutAt{nullptr};
+std::atomic<int> timesHeld{0};
 constexpr const char *kPersistent =
     "allow_anonymous true\npersistence true\npersistence_location DIR/\n";
 
@@ -24,23 +29,20 @@ constexpr const char *kPersistent =
 TEST(Plant, a_login_does_what_its_rules_say) {
     Broker broker{std::string{"allow_anonymous true\nacl_file "} + ZELVO_SOURCE
                   "/docs/plant.acl\nmax_queued_messages 1000\n"};
-    broker.start();
     Bridged north{broker.url(), "north",
                   R"("user":"north","out":["north.level","south.level"],"in":["plant.mode"],)"
                   R"("serve":["pump"])"};
     Bridged console{broker.url(), "console",
                     R"("user":"console","out":["plant.mode"],"in":["north.level"],)"
                     R"("call":["north"],"callTimeout":2000)"};
-    Listener pump{north.bus.get(), "pump", "[]"};
-    ASSERT_TRUE(north.connects() && console.connects());
+    Listener pump{north.bus, "pump", "[]"};
     hear(north, R"(["plant.mode"])");
     hear(console, R"(["north.level"])");
     publish(north, "north.level", "1");
     publish(console, "plant.mode", "auto");
-    EXPECT_TRUE(console.listener.hears("north.level=1"));
-    EXPECT_TRUE(north.listener.hears("plant.mode=auto"));
-    EXPECT_EQ(console.listener.node.call("/north/pump/start"), "/pump/start<");
-    EXPECT_EQ(console.listener.node.call("/north/pump/stop"), kRefused);
+    EXPECT_TRUE(console.listener.hears("north.level 1") && north.listener.hears("plant.mode auto"));
+    EXPECT_EQ(console.listener.call("/north/pump/start"), "/pump/start<null");
+    EXPECT_EQ(console.listener.call("/north/pump/stop"), kRefused);
     for (int i = 0; i < 20; ++i) {
         publish(north, "south.level", "9");
     }
@@ -48,6 +50,7 @@ TEST(Plant, a_login_does_what_its_rules_say) {
         << north.state();
     EXPECT_TRUE(says(north.log(),
                      "a publication of 1 bytes to zelvo/topic/south.level is refused: Not auth"));
+    EXPECT_TRUE(north.logs("more have been refused: Not authorized"));
     Peer south{broker, "zelvo/#", "south"}; // a login that has got into the wrong hands
     EXPECT_EQ(south.publish("zelvo/answer/console/south", "own"), 0);
     for (const char *const topic : {"zelvo/answer/console/north", "zelvo/topic/north.level",
@@ -65,7 +68,7 @@ TEST(Plant, a_subscription_that_is_refused_is_named) {
     // Without a limit mosquitto 2.0.11 ends every connection on which it refuses a publication.
     const std::string options =
         "allow_anonymous true\nplugin " + path + "\nplugin_opt_config_file DIR/rules\n";
-    Broker broker{options + "max_queued_messages 1000\n"}, cuts{options};
+    Broker broker{options + "max_queued_messages 1000\n", false}, cuts{options, false};
     std::ofstream{broker.directory().file("rules")}
         << R"({"defaultACLAccess":{"publishClientSend":true,"publishClientReceive":true,)"
            R"("subscribe":true,"unsubscribe":true},"roles":[{"rolename":"r","acls":[)"
@@ -76,22 +79,21 @@ TEST(Plant, a_subscription_that_is_refused_is_named) {
     broker.start();
     cuts.start();
     Bridged site{broker.url(), "site", R"("in":["secret","open"])"};
-    ASSERT_TRUE(site.connects()) << site.log();
     EXPECT_TRUE(eventually([&] {
         return says(site.state(), R"("denied":["zelvo/site/site","zelvo/topic/secret"])");
     })) << site.state()
         << site.log();
     EXPECT_TRUE(says(site.log(), "the subscription to zelvo/topic/secret is refused: Not auth"));
     EXPECT_TRUE(says(site.log(), "the presence of this site on zelvo/site/site is refused"));
-    Bridged cut{cuts.url(), "site"}; // again and again, which is told once a second
-    EXPECT_TRUE(cut.logs("on zelvo/site/site is refused: Not authorized; before it "));
+    Bridged cut{cuts.url(), "site", "", false}; // again and again, which is told once a second
+    EXPECT_TRUE(cut.logs("on zelvo/site/site: ") && cut.logs("more have been refused: Not auth"));
+    const std::string connections = readFile(cuts.directory().file("broker.log"));
+    EXPECT_LE(count(connections, "New connection"), 24U); // at ever longer intervals
 }
 
 TEST(Plant, a_publication_at_which_the_broker_disconnects_is_given_up) {
     Broker broker{"allow_anonymous true\nmemory_limit 6000000\n"};
-    broker.start();
     Bridged from{broker.url(), "from", R"("out":["t"])"};
-    ASSERT_TRUE(from.connects());
     publish(from, "t", std::string(9'000'000, 'x'));
     publish(from, "t", "after");
     Peer peer{broker, "zelvo/topic/t"};
@@ -103,35 +105,47 @@ TEST(Plant, a_publication_at_which_the_broker_disconnects_is_given_up) {
 
 TEST(Plant, a_broker_that_knows_less_is_used_for_what_is_left) {
     Broker broker{"max_qos 0\nallow_anonymous true\nretain_available false\n"};
-    broker.start();
     Bridged from{broker.url(), "from", R"("out":[{"topic":"t","retain":true}],"call":["to"])"};
     Bridged to{broker.url(), "to", R"("in":["t"],"serve":["listener"])"};
-    ASSERT_TRUE(from.connects() && to.connects()) << from.log();
     hear(to, R"(["t"])");
     publish(from, "t", "x");
-    EXPECT_TRUE(to.listener.hears("t=x"));
-    EXPECT_EQ(from.listener.node.call("/to/listener/x"), "/listener/x<");
+    EXPECT_TRUE(to.listener.hears("t x"));
+    EXPECT_EQ(from.listener.call("/to/listener/x"), "/listener/x<null");
     EXPECT_TRUE(says(from.log(), "\"qos\" 0 at most") && says(from.log(), "retains nothing"));
 }
 
 // ---- gaps ----
 
+TEST(Gaps, what_is_not_written_is_neither_lost_nor_taken_for_done) {
+    Broker broker;
+    heldBack = "zelvo/topic/t";
+    Bridged site{broker.url(), "site", R"("in":["t"],"out":["u"])", false};
+    EXPECT_TRUE(eventually([] { return timesHeld >= 2; }));
+    EXPECT_TRUE(says(site.state(), R"("connected":false)")); // the subscription does not stand
+    heldBack = nullptr;
+    EXPECT_TRUE(site.isConnected());
+    Peer peer{broker, "zelvo/topic/u"};
+    cutAt = "first";
+    publish(site, "u", "first");
+    publish(site, "u", "second");
+    EXPECT_EQ(peer.next("zelvo/topic/u"), "first");
+    EXPECT_EQ(peer.next("zelvo/topic/u"), "second");
+}
+
 TEST(Gaps, sticky_topics_are_right_afterwards) {
     Broker broker{std::string{kPersistent} + "max_queued_messages 10\n"};
-    broker.start();
     Bridged to{broker.url(), "to", R"("in":["same","changed","emptied","flood","live"])"};
-    ASSERT_TRUE(to.connects());
     hear(to, R"(["same","changed","emptied","flood","live"])");
     for (const char *const topic : {"same", "changed", "emptied", "flood"}) {
         Peer{broker, "x"}.publish(std::string{"zelvo/topic/"} + topic, "1", true);
-        EXPECT_TRUE(to.listener.hears(std::string{topic} + "=1"));
+        EXPECT_TRUE(to.listener.hears(std::string{topic} + " 1"));
     }
     broker.kill(SIGTERM);
     broker.start(true); // whom the bridge does not reach
     {
         Peer peer{broker, "x"};
         const auto change = [&](const char *topic, const char *payload) { // not kept for anybody
-            peer.publish(topic, payload, true, requestProperties(nullptr, "-"));
+            peer.publish(topic, payload, true, correlationData());
         };
         change("zelvo/topic/changed", "2");
         change("zelvo/topic/emptied", "");
@@ -141,33 +155,28 @@ TEST(Gaps, sticky_topics_are_right_afterwards) {
     }
     broker.kill(SIGTERM);
     broker.start();
-    EXPECT_TRUE(to.listener.hears("changed=2"));
-    EXPECT_TRUE(to.listener.hears("flood=60"));
-    EXPECT_TRUE(to.listener.hears("emptied="));
+    EXPECT_TRUE(to.listener.hears("changed 2") && to.listener.hears("emptied null"));
     Peer{broker, "x"}.publish("zelvo/topic/live", "on");
-    EXPECT_TRUE(to.listener.hears("live=on"));
-    Listener late{to.bus.get(), "late", R"(["same","changed","emptied","flood"])"};
-    late.node.call("/bus/nodes"); // behind the subscription
-    EXPECT_TRUE(late.hears("same=1") && late.hears("changed=2") && late.hears("flood=60"));
+    EXPECT_TRUE(to.listener.hears("live on"));
+    Listener late{to.bus, "late", R"(["same","changed","emptied","flood"])"};
+    late.call("/bus/nodes"); // behind the subscription
+    EXPECT_TRUE(late.hears("same 1") && late.hears("changed 2") && late.hears("flood 60"));
     EXPECT_EQ(late.heard().size(), 3U);
     const auto heard = to.listener.heard();
-    EXPECT_EQ(std::count(heard.begin(), heard.end(), "same=1"), 1);
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), "same 1"), 1);
 }
 
 // A second bridge of the name cuts the connections of the first.
 TEST(Gaps, commands_that_were_acknowledged_are_not_sent_again) {
     Broker broker{kPersistent};
-    broker.start();
     Bridged from{broker.url(), "from", R"("out":["command"])"};
-    ASSERT_TRUE(from.connects());
     Peer machine{broker, "zelvo/topic/command"};
     for (const char *const command : {"open-valve", "start-pump", "stop-pump"}) {
         publish(from, "command", command);
         EXPECT_EQ(machine.next("zelvo/topic/command"), command);
     }
     EXPECT_TRUE(eventually([&] { return says(from.state(), R"("underWay":0)"); }));
-    EXPECT_TRUE((Bridged{broker.url(), "from"}.connects()));
-    EXPECT_TRUE(from.logs("no connection: "));
+    { const Bridged second{broker.url(), "from"}; }
     EXPECT_TRUE(from.logs("another bridge has the name of this site"));
     publish(from, "command", "close-valve");
     EXPECT_EQ(machine.next("zelvo/topic/command"), "close-valve");
@@ -175,18 +184,16 @@ TEST(Gaps, commands_that_were_acknowledged_are_not_sent_again) {
 
 TEST(Gaps, a_topic_that_is_no_longer_configured_is_unsubscribed) {
     Broker broker{kPersistent};
-    broker.start();
     Peer peer{broker, "zelvo/site/site"};
-    { ASSERT_TRUE((Bridged{broker.url(), "site", R"("in":["kept","old"])"}.connects())); }
+    { const Bridged before{broker.url(), "site", R"("in":["kept","old"])"}; }
     Bridged site{broker.url(), "site", R"("in":["kept"])"};
-    ASSERT_TRUE(site.connects());
     hear(site, R"(["kept"])");
     peer.publish("zelvo/topic/old", "x");
     EXPECT_TRUE(site.logs("a message to zelvo/topic/old is dropped: a bridge before"));
     EXPECT_TRUE(eventually(
         [&] { return peer.publish("zelvo/topic/old", "x") == MQTT_RC_NO_MATCHING_SUBSCRIBERS; }));
     peer.publish("zelvo/topic/kept", "x");
-    EXPECT_TRUE(site.listener.hears("kept=x"));
+    EXPECT_TRUE(site.listener.hears("kept x"));
     while (peer.next("zelvo/site/site") != "online" || peer.next("zelvo/site/site") != "offline") {}
     EXPECT_EQ(peer.next("zelvo/site/site"), "online");
     peer.publish("zelvo/site/site", "", true); // it is there all the same
@@ -198,22 +205,16 @@ TEST(Gaps, a_topic_that_is_no_longer_configured_is_unsubscribed) {
 
 TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     Broker broker{"allow_anonymous true\n"};
-    broker.start();
     Bridged site{broker.url(), "site", R"("serve":["slow","listener"])"};
     Slow slow;
     RunningNode node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
-    ASSERT_TRUE(site.connects());
     Peer peer{broker, "zelvo/answer/p/site"};
-    const auto request = [&](const std::string &payload, const char *timeout) {
-        peer.publish("zelvo/call/site/slow/x", payload, false,
-                     requestProperties("zelvo/answer/p/site", "c", timeout));
-    };
-    request("", "60000");
+    peer.request("slow/x", "", "60000");
     ASSERT_TRUE(slow.asked.wait());
-    request("", "1");
+    peer.request("slow/x", "", "1");
     const std::string large(1'000'000, 'x');
     for (int i = 0; i < 40; ++i) {
-        request(large, "60000");
+        peer.request("slow/x", large, "60000");
     }
     for (int i = 0; i < 40 - 16; ++i) { // 16 MiB may wait
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), kRefused);
@@ -228,7 +229,6 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
 
 TEST(Plant, calls_pass_while_a_subscriber_is_slow_and_publications_flood) {
     Broker broker{"allow_anonymous true\n"};
-    broker.start();
     Bridged site{broker.url(), "site", R"("in":["t"],"call":["other"],"callTimeout":60000)"};
     Bridged other{broker.url(), "other", R"("serve":["listener"])"};
     Slow stuck;
@@ -237,24 +237,21 @@ TEST(Plant, calls_pass_while_a_subscriber_is_slow_and_publications_flood) {
     };
     RunningNode node{site.bus.get(), "stuck", hears, nullptr, &stuck};
     busClientSubscribe(node.get(), R"(["t"])");
-    ASSERT_TRUE(site.connects() && other.connects());
     Peer peer{broker, "x"};
     for (int i = 0; i < 5'000; ++i) {
-        peer.publish("zelvo/topic/t", "x", false, requestProperties(nullptr, "-"));
+        peer.publish("zelvo/topic/t", "x", false, correlationData());
     }
-    EXPECT_EQ(site.listener.node.call("/other/listener/x"), "/listener/x<");
+    EXPECT_EQ(site.listener.call("/other/listener/x"), "/listener/x<null");
     stuck.free.set();
 }
 
 TEST(Plant, a_broker_that_gives_no_sign_of_life_is_left) {
     Broker broker;
-    broker.start();
     {
         Bridged site{broker.url(), "site", R"("call":["other"],"callTimeout":3600000)"};
         Peer peer{broker, "zelvo/call/#"};
-        ASSERT_TRUE(site.connects());
         std::string answer; // comes with the loss of the connection
-        std::thread thread{[&] { answer = site.listener.node.call("/other/x/y"); }};
+        std::thread thread{[&] { answer = site.listener.call("/other/x/y"); }};
         peer.next("zelvo/call/other/x/y");
         broker.pause();
         EXPECT_TRUE(eventually( // one second for each look, by the clock of this program
@@ -266,21 +263,19 @@ TEST(Plant, a_broker_that_gives_no_sign_of_life_is_left) {
         thread.join();
         EXPECT_TRUE(says(answer, "not implement")) << answer;
         broker.resume();
-        EXPECT_TRUE(site.connects());
+        EXPECT_TRUE(site.isConnected());
     }
     secondsAhead = 0;
 }
 
 TEST(Gaps, of_several_brokers_the_first_that_can_be_reached_is_used) {
-    Broker first, second;
-    second.start();
+    Broker first{"allow_anonymous true\n", false}, second;
     Bridged site{"[\"" + first.url() + "\",\"" + second.url() + "\"]", "site", R"("in":["t"])"};
-    ASSERT_TRUE(site.connects()) << site.log();
     hear(site, R"(["t"])");
     for (Broker *const broker : {&second, &first}) {
         Peer peer{*broker, "x"};
         EXPECT_TRUE(eventually([&] { return peer.publish("zelvo/topic/t", broker->url()) == 0; }));
-        EXPECT_TRUE(site.listener.hears("t=" + broker->url()));
+        EXPECT_TRUE(site.listener.hears("t " + broker->url()));
         first.kill(SIGTERM);
         first.start();
         second.kill(SIGTERM);
@@ -295,9 +290,9 @@ TEST(Names, close_ends_without_a_broker_and_a_name_service) {
     for (const char *const url :
          {"mqtt://127.0.0.1:1", "mqtt://10.255.255.1", "mqtts://10.255.255.1",
           "mqtt://no-such-host.invalid", "mqtt://hangs.invalid"}) {
-        Bridged site{url, "site", R"("out":["t"],"call":["two"])"};
+        Bridged site{url, "site", R"("out":["t"],"call":["two"])", false};
         publish(site, "t", "x");
-        EXPECT_EQ(site.listener.node.call("/two/n/x"), kRefused);
+        EXPECT_EQ(site.listener.call("/two/n/x"), kRefused);
         EXPECT_TRUE(isQuick([&] { site.close(); }));
         EXPECT_TRUE(says(site.log(), "1 publications are lost")) << url << site.log();
     }
@@ -307,11 +302,8 @@ TEST(Names, close_ends_without_a_broker_and_a_name_service) {
 TEST(Names, a_host_is_tried_address_by_address_and_its_sockets_are_its_own) {
     Broker broker;
     Broker silent{"listener " + std::to_string(broker.port()) + " 127.0.0.2\n"};
-    broker.start();
-    silent.start();
     silent.pause(); // takes connections
     Bridged site{broker.url("mqtt", "several.invalid"), "site"};
-    EXPECT_TRUE(site.connects());
     for (int file = 3; file < 1024; ++file) {
         sockaddr_in peer{};
         socklen_t size = sizeof peer;
@@ -327,6 +319,23 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) {
     const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
     now->tv_sec += secondsAhead;
     return result;
+}
+
+extern "C" ssize_t write(int file, const void *data, size_t size) {
+    const std::string_view bytes{static_cast<const char *>(data), size};
+    const auto has = [&](const char *text) { return text && bytes.find(text) != bytes.npos; };
+    if (has(heldBack)) {
+        ++timesHeld;
+        errno = EAGAIN;
+        return -1;
+    }
+    if (has(cutAt)) {
+        cutAt = nullptr;
+        shutdown(file, SHUT_RDWR);
+        errno = EPIPE;
+        return -1;
+    }
+    return syscall(SYS_write, file, data, size);
 }
 
 // The name service of this program.

@@ -94,7 +94,8 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  *               it drops what is larger
  *   "sessionExpiry"   seconds for which the broker is to keep what comes in while the bridge is
  *               away (3600; 0: not at all)
- *   "log"       file that the lines are appended to (standard error)
+ *   "log"       file that the lines are appended to (standard error); several bridges may have the
+ *               same
  *   "logLevel"  least level that is logged, 1 to 5 as for busClientNew (3)
  *   "logSize"   megabytes at which the log file is deleted and begun anew (20; 0: never)
  * A topic in "out" and in "in" is refused: it would come back. A publication that has passed 8
@@ -110,7 +111,8 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  *    "refused": by the broker (with "qos" 0 it does not tell), or given up since it ended three
  *    connections at one, "expired": before they were handed over; "denied": the broker's topics to
  *    which a subscription, or the presence, is refused}
- * What is refused stands in the log with the reason, once a second for each topic.
+ * What is refused stands in the log with the reason, at most once a second for each topic, and the
+ * number of the others behind it.
  *
  * Blocks as busClientConnect does, not for the broker: where none answers, the bridge opens and
  * goes on trying, with growing pauses of 0.1 to 10 seconds. Null: refused, the reason is in the

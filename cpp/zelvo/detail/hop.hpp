@@ -2,6 +2,7 @@
 #ifndef ZELVO_DETAIL_HOP_HPP
 #define ZELVO_DETAIL_HOP_HPP
 
+#include "handlers.hpp"
 #include "loop.hpp"
 
 #include <condition_variable>
@@ -151,6 +152,15 @@ private:
     void post(std::uint64_t number) override { executor_(task(number)); }
     Executor executor_;
 };
+template <class Executor>
+HopsPtr hopsOf(Executor executor) {
+    static_assert(std::is_invocable_v<Executor &, Task>,
+                  "zelvo: an executor takes (zelvo::Task), which can be moved only");
+    if constexpr (std::is_invocable_v<Executor &, Task>) {
+        require(executor);
+        return std::make_shared<HopsOf<Executor>>(std::move(executor));
+    }
+}
 
 } // namespace detail
 

@@ -66,6 +66,8 @@ using IfBytes =
                      sizeof(*std::data(std::declval<const Bytes &>())) == 1 &&
                      std::is_trivially_copyable_v<std::remove_reference_t<decltype(*std::data(
                          std::declval<const Bytes &>()))>>>;
+template <class Value>
+using IfNoText = std::enable_if_t<!std::is_convertible_v<const Value &, std::string_view>>;
 template <class Bytes>
 std::string_view viewOf(const Bytes &bytes) noexcept {
     return {reinterpret_cast<const char *>(std::data(bytes)), std::size(bytes)};

@@ -1,9 +1,10 @@
-#include "config_reader.h"
+#include "json.h"
 
 #include "config.h"
 
 #include <algorithm>
 #include <cmath>
+#include <new>
 #include <string_view>
 
 namespace zelvo_mqtt {
@@ -21,8 +22,23 @@ bool hasEscapedNul(std::string_view json) {
 
 } // namespace
 
+std::string printed(const Json &json) {
+    const std::unique_ptr<char, JsonDelete> text{cJSON_PrintUnformatted(json.get())};
+    return text ? text.get() : throw std::bad_alloc{};
+}
+
+std::string jsonArray(const std::vector<std::string> &texts) {
+    const Json array{cJSON_CreateArray()};
+    for (const std::string &text : texts) {
+        if (!cJSON_AddItemToArray(array.get(), cJSON_CreateString(text.c_str()))) {
+            throw std::bad_alloc{};
+        }
+    }
+    return printed(array);
+}
+
 void Value::refuse(const std::string &why) const {
-    throw ConfigError{way_.empty() ? "the configuration: " + why : "\"" + way_ + "\": " + why};
+    throw OpenError{way_.empty() ? "the configuration: " + why : "\"" + way_ + "\": " + why};
 }
 
 std::string Value::text() const {
@@ -67,7 +83,11 @@ void Value::members(const Members &members) const {
     if (!isObject()) {
         refuse("has to be an object");
     }
-    requireMembers(members);
+    for (const Member &member : members) {
+        if (member.required && !cJSON_GetObjectItemCaseSensitive(json_, member.name)) {
+            Value{nullptr, wayTo(member.name)}.refuse("is missing");
+        }
+    }
     std::vector<std::string_view> seen;
     for (const cJSON *item = json_->child; item; item = item->next) {
         const std::string_view name = item->string;
@@ -82,14 +102,6 @@ void Value::members(const Members &members) const {
         }
         seen.push_back(name);
         member->read(value);
-    }
-}
-
-void Value::requireMembers(const Members &members) const {
-    for (const Member &member : members) {
-        if (member.required && !cJSON_GetObjectItemCaseSensitive(json_, member.name)) {
-            Value{nullptr, wayTo(member.name)}.refuse("is missing");
-        }
     }
 }
 
