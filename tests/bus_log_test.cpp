@@ -46,14 +46,14 @@ TEST_F(Log, line_carries_ids_time_and_source) {
     inThreads(1, [&](int) { // whose id is not the process's
         thread = platform::threadId();
         time = floor<milliseconds>(system_clock::now());
-        bus::_bus_log(5, "src/a.cpp", 75, "f", "  %s, %9d\n", "Tag", 1);
+        bus::_bus_log(5, "src/a.cpp", 75, "f", "  %s, %3d\n", "Tag", 1);
     });
     char line[128] = "";
     for (; line != readFile(path_) && time <= system_clock::now(); time += 1ms) {
         const std::time_t local = system_clock::to_time_t(time + 8h);
         char stamp[32];
         std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", std::gmtime(&local));
-        std::snprintf(line, sizeof line, "[%05u:%05u]%s.%03d [E] src/a.cpp#  75#  Tag,         1\n",
+        std::snprintf(line, sizeof line, "[%05u:%05u]%s.%03d [E] src/a.cpp#  75#  Tag,   1\n",
                       platform::processId(), thread, stamp,
                       static_cast<int>(time.time_since_epoch() / 1ms % 1000));
     }
