@@ -5,7 +5,6 @@
 namespace bus {
 
 TEST(Message, copies_hold_all_but_the_reference) {
-    EXPECT_EQ(busClientExMessageDelete(nullptr), 0);
     client_t client;
     const std::string data(200, 's');
     for (const std::size_t length : {0U, 1U, 199U, 200U}) {
@@ -26,6 +25,7 @@ TEST(Message, copies_hold_all_but_the_reference) {
         EXPECT_EQ(message->payload->data, data.substr(0, length));
         EXPECT_EQ(tracedPayload(message->payload),
                   length % 200 == 0 ? "BinaryData..." : data.substr(0, length));
+        EXPECT_EQ(busClientExMessageDelete(message.release()), 0);
     }
 }
 
