@@ -11,6 +11,7 @@
 #include <list>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 namespace zelvo::detail {
 
@@ -91,9 +92,13 @@ inline Answer ask(client_t *client, const char *url, std::string_view data,
 // The library has such an order too, but an answer must be copied before the next call is made.
 class Turns {
 public:
-    // Waits for the turn to call url, which stays until pass(). False: the time is up.
+    // Waits for the turn to call url, which stays until pass(). False: the time is up, or turns are
+    // kept for another thread.
     bool take(const char *url, const Deadline &deadline) {
         std::unique_lock lock{mutex_};
+        if (kept_ && owner_ != std::this_thread::get_id()) {
+            return false;
+        }
         if (taken_) {
             Waiter waiter;
             const auto place = waiting_.insert(waiting_.end(), &waiter);
@@ -106,7 +111,16 @@ public:
         url_ = url;
         return true;
     }
-    // The same to call nobody, once; it needs no memory.
+    // From now on only that thread gets one. False: somebody has one.
+    bool keepFor(std::thread::id thread) noexcept {
+        const std::lock_guard lock{mutex_};
+        if (!taken_) {
+            kept_ = true;
+            owner_ = thread;
+        }
+        return kept_;
+    }
+    // Waits for one to call nobody, once; it needs no memory.
     void takeLast() noexcept {
         std::unique_lock lock{mutex_};
         if (taken_) {
@@ -154,6 +168,8 @@ private:
     Waiter last_;
     std::list<Waiter *> last_place_{&last_};
     bool taken_ = false;
+    bool kept_ = false;
+    std::thread::id owner_;
     const char *url_ = nullptr;
 };
 

@@ -37,7 +37,8 @@ public:
             throw;
         }
     }
-    bool isThisThread() const noexcept { return thread_.get_id() == std::this_thread::get_id(); }
+    std::thread::id id() const noexcept { return thread_.get_id(); }
+    bool isThisThread() const noexcept { return id() == std::this_thread::get_id(); }
 
     // Asks until the loop has ended, less and less often: a full queue or a shortage of memory may
     // have lost a request. False: giveUp has said that it can't be waited for.

@@ -135,7 +135,6 @@ inline void NodeState::leave(BusPtr bus) {
         const std::lock_guard lock{mutex_};
         leaving_ = true;
         attention_ = true;
-        wake();
     }
     forgetCalls();
     bus_.helpers().leave(name_);
@@ -143,6 +142,9 @@ inline void NodeState::leave(BusPtr bus) {
         hops_->close();
     }
     const bool own = loop_.isThisThread() || (hops_ && hops_->runsHere());
+    if (own) {
+        askToLeave();
+    }
     if ((own || !endLoop(isHeld)) && retire(bus)) {
         return;
     }
@@ -167,6 +169,9 @@ inline bool NodeState::endLoop(bool (*giveUp)(void *node)) {
 
 inline void NodeState::askToLeave() noexcept {
     const std::lock_guard lock{mutex_};
+    if (!hops_ && turns_.keepFor(loop_.id())) {
+        calls_ended_ = true;
+    }
     if (calls_ended_ && !gone_) {
         busClientSpinExit(client_);
     } else {

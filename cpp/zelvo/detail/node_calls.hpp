@@ -13,7 +13,7 @@ inline Answer NodeState::call(const char *url, std::string_view data) {
     const Deadline deadline = deadlineAfter(bus_.timeout());
     Turn turn{turns_, url, deadline};
     if (!turn.owned()) {
-        return noAnswer(Cause::timed_out);
+        return noAnswer(noTurn());
     }
     if (deadline && *deadline - Clock::now() < bus_.timeout() * 15 / 16 &&
         !isOfTheBus(hostOf(url)) && bus_.helpers().any()) {

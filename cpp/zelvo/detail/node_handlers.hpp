@@ -25,7 +25,7 @@ inline void NodeState::subscribe(const std::vector<std::string> &topics,
     const Deadline deadline = deadlineAfter(bus_.timeout());
     const Turn turn{turns_, url, deadline};
     if (!turn.owned()) {
-        throw noAnswerError(url, Cause::timed_out);
+        throw noAnswerError(url, noTurn());
     }
     const std::vector<std::string> fresh = subscriptions_.notIn(topics);
     const std::string json = jsonArray(fresh);
@@ -51,7 +51,7 @@ inline void NodeState::unsubscribe(const std::vector<std::string> &topics) {
     if (turn.owned()) {
         subscriptions_.removeAll(topics);
     }
-    const Cause cause = turn.owned() ? askInTurn(url, json, deadline).cause : Cause::timed_out;
+    const Cause cause = turn.owned() ? askInTurn(url, json, deadline).cause : noTurn();
     if (cause != Cause::answered) {
         throw noAnswerError(url, cause);
     }

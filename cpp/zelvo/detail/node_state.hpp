@@ -106,6 +106,8 @@ private:
 
     // ---- calls ----
 
+    // Why there is no turn.
+    Cause noTurn() const noexcept { return leaving_ ? Cause::left : Cause::timed_out; }
     // In a turn.
     Answer askInTurn(const char *url, std::string_view data, const Deadline &deadline);
     static void abandon(AsyncCall &call, Cause cause) noexcept;
