@@ -364,6 +364,9 @@ TEST(FaceEnd, nodes_and_their_bus_go_in_any_order) {
     panel = std::move(moved);
     EXPECT_THROW(static_cast<void>(keys.get("of a node that has gone")), Error);
     EXPECT_EQ(panel.nodes(), std::vector<std::string>{"lamp"});
+    const Keys last = panel.keys();
+    std::optional<Node>{std::move(panel)}.reset();
+    EXPECT_THROW(static_cast<void>(last.get("of a bus that has gone")), Error);
 }
 
 TEST_F(Face, a_node_goes_while_others_wait_for_an_answer_of_its_calls) {

@@ -334,16 +334,17 @@ inline constexpr bool kLoses = (std::is_floating_point_v<Other> &&
 template <class Value>
 class Number {
 public:
+    Number() = default;
     Number(Value given) noexcept : value_{given} {}
     template <class Other, class = std::enable_if_t<std::is_class_v<Other> &&
                                                     std::is_convertible_v<const Other &, Value>>>
-    Number(const Other &given) : value_(given) {}
+    Number(const Other &given) : value_(static_cast<Value>(given)) {}
     template <class Other, class = std::enable_if_t<kLoses<Other, Value>>, class = void>
     Number(Other) = delete;
     operator const Value &() const noexcept { return value_; }
 
 private:
-    Value value_;
+    Value value_{};
 };
 
 // A type that is given, not found by an argument.
@@ -367,7 +368,7 @@ std::optional<Value> decoded(std::string_view bytes) {
         return Codec<Value>::decode(bytes);
     } catch (const std::bad_alloc &) {
         throw;
-    } catch (const std::exception &) {
+    } catch (...) {
         return std::nullopt;
     }
 }

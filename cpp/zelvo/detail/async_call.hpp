@@ -60,7 +60,13 @@ public:
     FutureCall(const char *to, std::string_view bytes, Read read)
         : AsyncCall{to, bytes, false},
           read_{read} {}
-    void end(Answer given) override { promise_.set_value(read_(std::move(given))); }
+    void end(Answer given) override {
+        try {
+            promise_.set_value(read_(std::move(given)));
+        } catch (...) { // no memory for the value
+            promise_.set_exception(std::current_exception());
+        }
+    }
     void forget() noexcept override {}
     std::future<Value> future() { return promise_.get_future(); }
 

@@ -40,6 +40,7 @@ inline client_t *joined(BusState &bus, const std::string &name, onmessage_callba
 
 inline NodeState::NodeState(BusState &bus, const std::string &name, HopsPtr hops)
     : bus_{bus},
+      timeout_{bus.timeout()},
       name_{name},
       hops_{std::move(hops)},
       client_{joined(bus, name, onMessage, onCall, this)} {}

@@ -10,12 +10,12 @@ namespace zelvo::detail {
 // some of it is made by a helper, which can be left alone with it.
 inline Answer NodeState::call(const char *url, std::string_view data) {
     const auto keep = shared_from_this();
-    const Deadline deadline = deadlineAfter(bus_.timeout());
+    const Deadline deadline = deadlineAfter(timeout_);
     Turn turn{turns_, url, deadline};
     if (!turn.owned()) {
         return noAnswer(noTurn());
     }
-    if (deadline && *deadline - Clock::now() < bus_.timeout() * 15 / 16 &&
+    if (!leaving_ && deadline && *deadline - Clock::now() < timeout_ - timeout_ / 16 &&
         !isOfTheBus(hostOf(url)) && bus_.helpers().any()) {
         turn.pass();
         return callUntil(*deadline, url, data);
@@ -84,7 +84,9 @@ inline bool NodeState::cancel(const AsyncCallPtr &call) noexcept {
     {
         const std::lock_guard lock{mutex_};
         cancelled = calls_.cancel(*call);
-        bus_.helpers().drop(*call);
+        if (!cancelled.empty()) { // else node and bus may have gone
+            bus_.helpers().drop(*call);
+        }
     }
     if (!cancelled.empty()) {
         abandon(*call, Cause::cancelled);

@@ -22,7 +22,7 @@ inline void NodeState::subscribe(const std::vector<std::string> &topics,
                                  const HandlerPtr &handler) {
     constexpr const char *url = "/bus/subscribe";
     const auto keep = shared_from_this();
-    const Deadline deadline = deadlineAfter(bus_.timeout());
+    const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
     if (!turn.owned()) {
         throw noAnswerError(url, noTurn());
@@ -45,7 +45,7 @@ inline void NodeState::unsubscribe(const std::vector<std::string> &topics) {
     constexpr const char *url = "/bus/unsubscribe";
     const std::string json = jsonArray(topics);
     const auto keep = shared_from_this();
-    const Deadline deadline = deadlineAfter(bus_.timeout());
+    const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
     change({Change::Kind::remove, topics, nullptr});
     if (turn.owned()) {
@@ -63,11 +63,11 @@ inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::
     }
     constexpr const char *url = "/bus/unsubscribe";
     const auto keep = shared_from_this();
-    const Deadline deadline = deadlineAfter(bus_.timeout());
+    const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
     change({Change::Kind::remove, topics, handler});
     if (!turn.owned()) {
-        return true;
+        return !leaving_;
     }
     std::vector<std::string> last;
     const bool was = subscriptions_.remove(topics, *handler, last);

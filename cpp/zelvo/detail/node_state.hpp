@@ -131,7 +131,8 @@ private:
     TimerQueue::node_type takeDue(Clock::time_point now) noexcept;
     void runTimers() noexcept;
 
-    BusState &bus_;
+    BusState &bus_; // gone once the node is, which whoever has a turn finds out first
+    const std::chrono::milliseconds timeout_;
     const std::string name_;
     const HopsPtr hops_;
     client_t *const client_;
