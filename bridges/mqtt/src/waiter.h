@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <system_error>
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -17,19 +18,19 @@ namespace zelvo_mqtt {
 
 class Waiter {
 public:
-    Waiter() : epoll_{epoll_create1(EPOLL_CLOEXEC)}, wake_{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)} {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.fd = wake_;
-        if (epoll_ctl(epoll_, EPOLL_CTL_ADD, wake_, &event) != 0) {
+    Waiter() : wake_{eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)}, epoll_{newEpoll()} {
+        if (epoll_ < 0) {
             const int error = errno;
-            close();
+            ::close(wake_);
             throw std::system_error{error, std::generic_category(), "epoll"};
         }
     }
     Waiter(const Waiter &) = delete;
     Waiter &operator=(const Waiter &) = delete;
-    ~Waiter() { close(); }
+    ~Waiter() {
+        ::close(wake_);
+        ::close(epoll_);
+    }
 
     // The one socket, which is open, and events of epoll, besides which errors are always waited
     // for. False: the system has no room, errno says which. This and the next under a lock of the
@@ -40,7 +41,7 @@ public:
         }
         epoll_event event{};
         event.events = events;
-        event.data.fd = file;
+        event.data.u64 = number_;
         if (epoll_ctl(epoll_, file == file_ ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, file, &event) != 0) {
             return false;
         }
@@ -48,12 +49,18 @@ public:
         events_ = events;
         return true;
     }
-    // closed: it is so already, and its number may be another file's.
+    // closed: it is so already, and its number may be another file's. A child process may hold it
+    // open, so that it goes on reporting: then only an epoll instance without it is rid of it.
     void forget(bool closed) {
-        if (!closed && file_ >= 0) {
+        const int anew = closed && file_ >= 0 ? newEpoll() : -1;
+        if (anew >= 0) {
+            dup3(anew, epoll_, O_CLOEXEC);
+            ::close(anew);
+        } else if (!closed && file_ >= 0) {
             epoll_ctl(epoll_, EPOLL_CTL_DEL, file_, nullptr);
         }
         file_ = -1;
+        ++number_;
     }
     // Returns the events of the socket.
     std::uint32_t wait(std::chrono::milliseconds limit) {
@@ -61,9 +68,9 @@ public:
         const int count = epoll_wait(epoll_, ready, 2, static_cast<int>(limit.count()));
         std::uint32_t events = 0;
         for (int i = 0; i < count; ++i) {
-            if (ready[i].data.fd == wake_) {
+            if (ready[i].data.u64 == kWake) {
                 clear();
-            } else {
+            } else if (ready[i].data.u64 == number_) { // not one that is forgotten
                 events = ready[i].events;
             }
         }
@@ -77,17 +84,30 @@ public:
     }
 
 private:
+    static constexpr std::uint64_t kWake = 0;
+
+    // Negative: there is none, errno says why.
+    int newEpoll() const {
+        const int made = epoll_create1(EPOLL_CLOEXEC);
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = kWake;
+        if (made >= 0 && epoll_ctl(made, EPOLL_CTL_ADD, wake_, &event) != 0) {
+            const int error = errno;
+            ::close(made);
+            errno = error;
+            return -1;
+        }
+        return made;
+    }
     void clear() {
         eventfd_t number = 0;
         eventfd_read(wake_, &number);
         woken_.exchange(false); // sees what was done before a wake that has come in between
     }
-    void close() const {
-        ::close(wake_);
-        ::close(epoll_);
-    }
 
-    const int epoll_, wake_;
+    const int wake_, epoll_;
+    std::atomic<std::uint64_t> number_{1}; // of the socket, of which there is one after the other
     int file_ = -1;
     std::uint32_t events_ = 0;
     std::atomic<bool> woken_{false};
