@@ -240,6 +240,9 @@ void require(bool met, const std::string &otherwise) {
 }
 
 void checkTogether(const Config &config) {
+    constexpr std::size_t kMostOut = 2047; // and the node's own name: as many as a node can have
+    require(config.out.size() <= kMostOut,
+            "\"out\": has more than " + std::to_string(kMostOut) + " topics");
     for (const Config::Out &out : config.out) {
         require(std::find(config.in.begin(), config.in.end(), out.topic) == config.in.end(),
                 "\"in\": \"" + out.topic +

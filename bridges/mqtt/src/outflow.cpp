@@ -12,18 +12,26 @@ Outflow::Ways Outflow::waysOf(const Common &common) {
     return ways;
 }
 
-// The node's own name is the topic of the mark that finish() waits for.
+// The node's own name is the topic of the mark that settles() waits for. What is sticky comes at
+// once, so the topics are subscribed to by portions that the node's queue has room for.
 Outflow::Outflow(Common &common, DataLink &link, std::function<std::string()> state)
     : common_{common},
       link_{link},
       state_{std::move(state)},
       ways_{waysOf(common)},
       node_{common, common.name, onMessage, onCall, this} {
-    std::vector<std::string> subscribed{common.name};
+    constexpr std::size_t kPortion = 256;
+    constexpr std::chrono::seconds kLongest{1};
+    std::vector<std::string> portion{common.name};
     for (const Config::Out &out : common.config.out) {
-        subscribed.push_back(out.topic);
+        if (portion.size() == kPortion) {
+            node_.subscribe(jsonArray(portion));
+            settles(Clock::now() + kLongest);
+            portion.clear();
+        }
+        portion.push_back(out.topic);
     }
-    node_.subscribe(jsonArray(subscribed));
+    node_.subscribe(jsonArray(portion));
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the bus gives the type
@@ -44,7 +52,7 @@ void Outflow::take(const std::string &topic, std::string payload) {
     if (found == ways_.end()) {
         if (topic == common_.name) {
             const std::lock_guard lock{mutex_};
-            finished_ = true;
+            settled_ = true;
             changed_.notify_all();
         }
         return;
@@ -76,10 +84,15 @@ char *Outflow::onCall(void *self, client_t *, char *url, char *, int) {
     return nullptr;
 }
 
-void Outflow::finish(Clock::time_point until) {
+bool Outflow::settles(Clock::time_point until) {
     std::unique_lock lock{mutex_};
+    settled_ = false;
     busClientPublish(node_.get(), common_.name.c_str(), nullptr, 0);
-    if (!changed_.wait_until(lock, until, [this] { return finished_; })) {
+    return changed_.wait_until(lock, until, [this] { return settled_; });
+}
+
+void Outflow::finish(Clock::time_point until) {
+    if (!settles(until)) {
         common_.log.warning("publications may be lost: the bus has not handed them over in time");
     }
 }

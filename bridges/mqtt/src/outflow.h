@@ -32,6 +32,8 @@ private:
     static int onMessage(void *self, client_t *, char *topic, char *data, int len);
     static char *onCall(void *self, client_t *, char *url, char *, int);
     void take(const std::string &topic, std::string payload);
+    // Whether what the bus has had for the node before has been taken by then.
+    bool settles(Clock::time_point until);
 
     Common &common_;
     DataLink &link_;
@@ -39,8 +41,8 @@ private:
     const Ways ways_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool finished_ = false; // guarded by mutex_
-    Node node_;             // last: its thread uses the others
+    bool settled_ = false; // guarded by mutex_
+    Node node_;            // last: its thread uses the others
 };
 
 } // namespace zelvo_mqtt

@@ -59,6 +59,10 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
     const TempDir directory;
     const std::string here = '"' + directory.path() + '"';
     const std::string longTopic(30'000, '+');
+    std::string many;
+    for (int topic = 0; topic < 2048; ++topic) {
+        many += ",\"" + std::to_string(topic) + '"';
+    }
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "the configuration: is no JSON"},
         {R"({"url":"mqtt://h"})", "\"site\": is missing"},
@@ -67,6 +71,7 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
         {R"({"site":"b","url":"mqtt://h"})", "\"site\": \"b\" is the bus's own name"},
         {R"({"site":"s\n","url":"mqtt://h"})", "has control characters"},
         {R"({"site":"s","url":[]})", "\"url\": names no broker"},
+        {R"({"site":"s","url":"mqtt://h","out":[)" + many.substr(1) + "]}", "more than 2047"},
         {configWith(R"("qosx":1)"), "\"qosx\": there is no such member"},
         {configWith(R"("qos":1,"qos":1)"), "\"qos\": stands there twice"},
         {configWith(R"("qos":2)"), "\"qos\": has to be a whole number from 0 to 1"},
