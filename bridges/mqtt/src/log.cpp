@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,7 +85,7 @@ bool Log::admits() {
         lines_ = 0;
         tellLeftOut();
     }
-    if (lines_ >= kLinesASecond) {
+    if (lines_ >= kLinesASecond || !takesLine()) {
         ++leftOut_;
         return false;
     }
@@ -92,8 +93,15 @@ bool Log::admits() {
     return true;
 }
 
+// A pipe or a terminal that nobody reads would hold up whoever writes. A line is shorter than what
+// there is room for then.
+bool Log::takesLine() const {
+    pollfd out{fileno(file_ ? file_.get() : stderr), POLLOUT, 0};
+    return poll(&out, 1, 0) != 0;
+}
+
 void Log::tellLeftOut() {
-    if (leftOut_ > 0) {
+    if (leftOut_ > 0 && takesLine()) {
         print(Level::kWarning, {std::to_string(leftOut_), " further lines were left out"},
               Place::here());
         leftOut_ = 0;

@@ -24,9 +24,10 @@ struct Place {
     }
 };
 
-// Threads: any may write. Blocking: only as far as the file does; to be used without other locks
-// where that matters. Control characters in a text become "?": much of it comes from outside. What
-// writes asks for no memory and throws nothing, so that a line can tell of there being none.
+// Threads: any may write. Blocking: only as far as a file on a disk does; a pipe or a terminal that
+// takes nothing more gets no line, which is counted. Control characters in a text become "?": much
+// of it comes from outside. What writes asks for no memory and throws nothing, so that a line can
+// tell of there being none.
 class Log {
 public:
     static constexpr int kLinesASecond = 100;
@@ -60,6 +61,7 @@ private:
         void operator()(std::FILE *file) const { std::fclose(file); }
     };
     bool admits();
+    bool takesLine() const;
     void tellLeftOut();
     bool append(const std::string &path);
     bool isToBeBegun() const;
