@@ -135,6 +135,7 @@ void CallLink::sayOnline() {
 // The broker has the presence, or will not have it: all else can begin.
 void CallLink::acknowledged(int mid, int reason) {
     if (mid == presenceMid_) {
+        presenceMid_ = 0;
         if (reason >= 128) {
             deny(common_.topics.ownPresence(), kPresence, mosquitto_reason_string(reason));
         } else {

@@ -79,26 +79,48 @@ std::chrono::milliseconds Serving::timeFor(const Incoming &incoming) const {
     return whole - (incoming.expiry == 0 ? milliseconds{0} : std::max(kept, milliseconds{0}));
 }
 
-const char *Serving::refusalOf(const Request &request, const Caller *caller) const {
+const char *Serving::refusalOf(const Request &request, Caller *caller) const {
     if (!caller) {
         return "that node is not served";
     }
     if (isAboutCaller(request.url)) {
         return "of the bus, only \"/nodes\" and \"/stats\" are served";
     }
-    if (caller->requests.size() >= kMostWaiting || bytes_ + request.size() > kMostBytes) {
-        return "too many calls wait";
+    if (closing_) {
+        return "the bridge closes";
     }
-    return nullptr;
+    if (!hasRoom(*caller, request.size())) {
+        dropExpired(*caller);
+    }
+    return hasRoom(*caller, request.size()) ? nullptr : "too many calls wait";
+}
+
+bool Serving::hasRoom(const Caller &caller, std::size_t size) const {
+    const std::size_t share =
+        std::max<std::size_t>(kMostBytes / callers_.size(), common_.config.maxPacket);
+    return caller.requests.size() < kMostWaiting && caller.bytes + size <= share;
+}
+
+// Nobody waits for them any more.
+void Serving::dropExpired(Caller &caller) const {
+    const auto now = Clock::now();
+    const auto dropped = std::erase_if(caller.requests, [&](const Request &request) {
+        const bool isExpired = now >= request.until;
+        caller.bytes -= isExpired ? request.size() : 0;
+        return isExpired;
+    });
+    if (dropped > 0) {
+        common_.log.warning(std::to_string(dropped) + " calls from outside to " + caller.callee +
+                            " are dropped: they have waited too long");
+    }
 }
 
 bool Serving::append(Caller &caller, Request request) {
-    if (closing_ ||
-        (!caller.scheduled && busClientSettimer(caller.node.get(), onTimer, 0, 0, &caller) < 0)) {
+    if (!caller.scheduled && busClientSettimer(caller.node.get(), onTimer, 0, 0, &caller) < 0) {
         return false;
     }
     caller.scheduled = true;
-    bytes_ += request.size();
+    caller.bytes += request.size();
     caller.requests.push_back(std::move(request));
     link_.awaken(caller.come);
     return true;
@@ -128,7 +150,7 @@ std::optional<Serving::Request> Serving::next(Caller &caller) {
     }
     Request request = std::move(caller.requests.front());
     caller.requests.pop_front();
-    bytes_ -= request.size();
+    caller.bytes -= request.size();
     return request;
 }
 

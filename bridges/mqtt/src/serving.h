@@ -18,8 +18,9 @@ namespace zelvo_mqtt {
 // and one that is slow, or hangs, holds up no other.
 class Serving {
 public:
-    static constexpr std::size_t kMostWaiting = 1000;                // for one node
-    static constexpr std::size_t kMostBytes = std::size_t{16} << 20; // for all together
+    static constexpr std::size_t kMostWaiting = 1000; // for one node
+    // For all together; each node has its share of it, and room for one packet at least.
+    static constexpr std::size_t kMostBytes = std::size_t{16} << 20;
 
     // Joins the bus with every calling node, NAME.serve.1 and so on; throws OpenError.
     Serving(Common &common, CallLink &link);
@@ -47,6 +48,7 @@ private:
         // The link's mutex guards the rest.
         std::condition_variable come;
         std::deque<Request> requests;
+        std::size_t bytes = 0;  // of them
         bool scheduled = false; // the node's thread looks at the requests, or will
         Node node;              // last: its thread uses the others
     };
@@ -55,7 +57,9 @@ private:
     std::optional<Request> next(Caller &caller);
     bool append(Caller &caller, Request request);
     std::chrono::milliseconds timeFor(const Incoming &incoming) const;
-    const char *refusalOf(const Request &request, const Caller *caller) const;
+    const char *refusalOf(const Request &request, Caller *caller) const;
+    bool hasRoom(const Caller &caller, std::size_t size) const;
+    void dropExpired(Caller &caller) const;
     void call(Caller &caller, const Request &request);
     Caller *callerOf(std::string_view url);
     void answer(const Request &request, const char *text);
@@ -63,8 +67,7 @@ private:
 
     Common &common_;
     CallLink &link_;
-    bool closing_ = false;       // guarded by the link's mutex, as the next
-    std::size_t bytes_ = 0;      // of the requests that wait
+    bool closing_ = false;       // guarded by the link's mutex
     std::deque<Caller> callers_; // last: their threads use the others
 };
 

@@ -216,15 +216,15 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     for (int i = 0; i < 40; ++i) {
         peer.request("slow/x", large, "60000");
     }
-    for (int i = 0; i < 40 - 16; ++i) { // 16 MiB may wait
+    for (int i = 0; i < 40 - 8; ++i) { // 16 MiB may wait for both nodes
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), kRefused);
     }
     slow.free.set();
-    for (int i = 0; i < 1 + 16; ++i) {
+    for (int i = 0; i < 1 + 8; ++i) {
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
     }
-    EXPECT_EQ(slow.calls, 1 + 16);
-    EXPECT_TRUE(site.logs("/slow/x from outside is dropped: it has waited too long"));
+    EXPECT_EQ(slow.calls, 1 + 8);
+    EXPECT_TRUE(site.logs("1 calls from outside to slow are dropped: they have waited too long"));
 }
 
 TEST(Plant, calls_pass_while_a_subscriber_is_slow_and_publications_flood) {

@@ -15,14 +15,15 @@
  *           absence is no reason to wait either, see "buffer" and "call".
  * Log.      Refusals, losses and changes of the connection are lines of the form that the bus's log
  *           has, on standard error or in a file ("log"); at most 100 a second, the others are
- *           counted in a line of their own.
+ *           counted in a line of their own, as are those that a pipe or a terminal does not take.
  * Memory.   What waits is bounded: publications by "buffer", besides those under way, at most 64
- *           and about 4 MiB; calls from outside by 1,000 for each node and 16 MiB; messages of
- *           calls that the broker does not take by 2,048 and 16 MiB; a packet by "maxPacket". For
- *           every topic of "in" that is sticky its payload is kept.
+ *           and about 4 MiB; calls from outside by 1,000 for each node and its share of 16 MiB, a
+ *           packet at least; messages of calls that the broker does not take by 2,048 and 16 MiB;
+ *           a packet by "maxPacket". For every topic of "in" that is sticky its payload is kept.
  * Process.  What the process holds is gone with it: publications in "buffer", and those that the
  *           broker has handed over and that have not reached their nodes. Signals and rand() stay
- *           as the application has them, and no child process inherits a connection.
+ *           as the application has them, and no child process that runs another program inherits
+ *           a connection.
  */
 #ifndef ZELVO_MQTT_H
 #define ZELVO_MQTT_H
