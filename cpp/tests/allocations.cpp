@@ -3,11 +3,16 @@
 #include <cstdlib>
 #include <new>
 
-thread_local int allocations = 0;
+namespace {
+thread_local int made = 0;
+}
+int allocations() noexcept {
+    return made;
+}
 
 // In a file of their own, where the compiler does not take them for those of the library.
 void *operator new(std::size_t size, const std::nothrow_t & /*none*/) noexcept {
-    ++allocations;
+    ++made;
     return std::malloc(size + 1);
 }
 void *operator new(std::size_t size) {

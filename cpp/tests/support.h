@@ -53,7 +53,7 @@ protected:
 };
 
 // How many times this thread has taken memory by operator new.
-extern thread_local int allocations;
+int allocations() noexcept;
 
 // Whether there is something to dispatch, at once or within the limit.
 bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit = 0ms);

@@ -107,9 +107,9 @@ TEST(Typed, values_reach_handlers_of_their_type_and_others_are_told) {
     panel.subscribe(kCount, [&, only = std::make_unique<int>(1)](int count) {
         heard.push_back({static_cast<std::uint32_t>(count), 0});
     });
-    const int before = allocations;
+    const int before = allocations();
     lamp.publish(kTemperature, {3, 21.5});
-    EXPECT_EQ(allocations, before);
+    EXPECT_EQ(allocations(), before);
     lamp.publish(kTemperature.name(), "short");
     lamp.publish("count", "12");
     settle(lamp, panel);
