@@ -52,8 +52,10 @@ void Outflow::take(const std::string &topic, std::string payload) {
     if (found == ways_.end()) {
         if (topic == common_.name) {
             const std::lock_guard lock{mutex_};
-            settled_ = true;
-            changed_.notify_all();
+            if (payload == mark_) { // not an earlier one, which nobody waits for any more
+                mark_.clear();
+                changed_.notify_all();
+            }
         }
         return;
     }
@@ -86,9 +88,10 @@ char *Outflow::onCall(void *self, client_t *, char *url, char *, int) {
 
 bool Outflow::settles(Clock::time_point until) {
     std::unique_lock lock{mutex_};
-    settled_ = false;
-    busClientPublish(node_.get(), common_.name.c_str(), nullptr, 0);
-    return changed_.wait_until(lock, until, [this] { return settled_; });
+    mark_ = std::to_string(++marks_);
+    busClientPublish(node_.get(), common_.name.c_str(), mark_.data(),
+                     static_cast<int>(mark_.size()));
+    return changed_.wait_until(lock, until, [this] { return mark_.empty(); });
 }
 
 void Outflow::finish(Clock::time_point until) {

@@ -41,8 +41,9 @@ private:
     const Ways ways_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool settled_ = false; // guarded by mutex_
-    Node node_;            // last: its thread uses the others
+    std::string mark_; // that is waited for; empty: it has come. Guarded by mutex_
+    unsigned marks_ = 0;
+    Node node_; // last: its thread uses the others
 };
 
 } // namespace zelvo_mqtt
