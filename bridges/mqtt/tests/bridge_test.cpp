@@ -117,9 +117,7 @@ TEST_F(Bridges, bad_input_from_the_broker_hurts_nobody) {
     Bridged site{broker.url(), "site", R"("in":["t"],"serve":["listener"],"call":["two"])"};
     hear(site, R"(["t"])");
     Peer peer{broker, "zelvo/answer/#"};
-    mosquitto_property *hops = nullptr;
-    mosquitto_property_add_string_pair(&hops, MQTT_PROP_USER_PROPERTY, "zelvo-hops", "-3x");
-    peer.publish("zelvo/topic/t", "malformed", false, hops);
+    peer.publish("zelvo/topic/t", "malformed", false, hops("-3x"));
     peer.publish("zelvo/call/site/listener/x", "no answer wanted");
     for (const char *const address : {"%zz", "listener/%78", "%6Cistener/x"}) {
         peer.request(address);

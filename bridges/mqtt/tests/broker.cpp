@@ -168,3 +168,9 @@ mosquitto_property *correlationData(const std::string &correlation) {
                                   static_cast<std::uint16_t>(correlation.size()));
     return list;
 }
+
+mosquitto_property *hops(const char *number) {
+    mosquitto_property *list = nullptr;
+    mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, "zelvo-hops", number);
+    return list;
+}

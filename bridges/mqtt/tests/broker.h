@@ -74,5 +74,6 @@ private:
 
 // Of an answer, and of anything else that is to go without acknowledgement.
 mosquitto_property *correlationData(const std::string &correlation = "-");
+mosquitto_property *hops(const char *number);
 
 #endif

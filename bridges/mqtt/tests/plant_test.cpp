@@ -166,6 +166,32 @@ TEST(Gaps, sticky_topics_are_right_afterwards) {
     EXPECT_EQ(std::count(heard.begin(), heard.end(), "same 1"), 1);
 }
 
+TEST(Gaps, what_a_full_bus_refuses_is_sticky_in_the_end) {
+    Broker broker;
+    Bridged site{broker.url(), "site", R"("in":["kept","emptied","t"])"};
+    Peer peer{broker, "x"};
+    const auto retain = [&](const char *topic, const char *payload) {
+        peer.publish(topic, payload, true, correlationData());
+    };
+    retain("zelvo/topic/emptied", "1");
+    hear(site, R"(["kept","emptied"])");
+    EXPECT_TRUE(site.listener.hears("emptied 1"));
+    site.bus.stop();
+    for (int i = 0; i < 3'000; ++i) {
+        publish(site, "other", "x");
+    }
+    retain("zelvo/topic/kept", "2");
+    retain("zelvo/topic/emptied", "");
+    peer.publish("zelvo/topic/t", "x", false, hops("-3x"));
+    EXPECT_TRUE(site.logs("its number of hops is none")); // behind the others
+    site.bus.start();
+    EXPECT_TRUE(site.listener.hears("kept 2") && site.listener.hears("emptied null"));
+    EXPECT_TRUE(site.logs("kept is published again: the bus had no room"));
+    Listener late{site.bus, "late", R"(["emptied","kept"])"};
+    EXPECT_TRUE(late.hears("kept 2"));
+    EXPECT_EQ(late.heard().size(), 1U);
+}
+
 // A second bridge of the name cuts the connections of the first.
 TEST(Gaps, commands_that_were_acknowledged_are_not_sent_again) {
     Broker broker{kPersistent};
