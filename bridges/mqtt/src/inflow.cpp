@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::size_t kPortion = 256; // of topics that are looked at, for which the node has room
 constexpr std::chrono::seconds kLookAgain{5};
+constexpr const char *kLook = "look"; // a mark that is no number
 
 } // namespace
 
@@ -58,12 +59,11 @@ void Inflow::publish(const Incoming &incoming) {
     if (++unmarked_ >= kChunk) {
         unmarked_ = 0;
         marked_ = Clock::now();
-        mark(kPace, ++marks_);
+        mark(std::to_string(++marks_));
     }
 }
 
-void Inflow::mark(Mark kind, std::uint32_t number) {
-    const std::string text = char{kind} + std::to_string(number);
+void Inflow::mark(const std::string &text) {
     busClientPublish(node_->get(), name_.c_str(), text.data(), static_cast<int>(text.size()));
 }
 
@@ -77,7 +77,7 @@ std::chrono::milliseconds Inflow::pause() {
     }
     if (now - marked_ >= kMarkAgain) {
         marked_ = now;
-        mark(kPace, marks_);
+        mark(std::to_string(marks_));
     }
     if (!told_ && now - since_ >= std::chrono::seconds{1}) {
         told_ = true;
@@ -144,7 +144,7 @@ void Inflow::check() {
     const auto now = Clock::now();
     if (isUnderWay ? now - asked_ >= kLookAgain : isDue) {
         asked_ = now;
-        mark(kLook, 0);
+        mark(kLook);
     }
 }
 
@@ -162,24 +162,14 @@ int Inflow::onMessage(void *self, client_t *, char *topic, char *data, int len) 
 }
 
 void Inflow::handle(const std::string &topic, std::string_view data) {
+    std::uint32_t number = 0;
     if (topic != name_) {
         see(topic, data);
-        return;
-    }
-    std::uint32_t number = 0;
-    if (data.empty() ||
-        std::from_chars(data.data() + 1, data.data() + data.size(), number).ec != std::errc{}) {
-        return;
-    }
-    if (data.front() == kPace) {
+    } else if (data == kLook) {
+        look();
+    } else if (std::from_chars(data.data(), data.data() + data.size(), number).ec == std::errc{}) {
         returned_ = number;
         wake_();
-    } else if (data.front() == kLook) {
-        lookedTo_.clear();
-        look();
-    } else if (data.front() == kLooked && number == looks_) {
-        looked();
-        look();
     }
 }
 
@@ -193,38 +183,33 @@ void Inflow::see(const std::string &topic, std::string_view data) {
     }
 }
 
-// Asks the bus for the next ones. What it keeps of them is here before the mark.
+// Ends the look at some topics and begins the next, until none is due. What the bus keeps of them
+// is here before the mark.
 void Inflow::look() {
+    using Look = Topic::Look;
     if (!watched_.empty()) {
         node_->ask("/bus/unsubscribe", watched_);
         watched_.clear();
     }
-    std::vector<std::string> due;
+    std::vector<std::string> next;
+    std::string last;
     {
         const std::lock_guard lock{mutex_};
-        for (auto at = topics_.upper_bound(lookedTo_); at != topics_.end() && due.size() < kPortion;
-             ++at) {
-            Topic::Look &state = at->second.look;
-            if (state == Topic::Look::kDue || state == Topic::Look::kBegun) {
-                state = Topic::Look::kBegun;
-                due.push_back(at->second.onBus);
+        for (auto &[topic, its] : topics_) {
+            if (its.look == Look::kBegun) { // nothing has come
+                its.look = its.sticky ? Look::kWrong : Look::kDone;
+            } else if (its.look == Look::kDue && topic > lookedTo_ && next.size() < kPortion) {
+                its.look = Look::kBegun;
+                next.push_back(its.onBus);
+                last = topic;
             }
-            lookedTo_ = at->first;
         }
     }
-    if (!due.empty()) {
-        watched_ = jsonArray(due);
-        node_->ask("/bus/subscribe", watched_);
-        mark(kLooked, ++looks_);
-    }
-}
-
-void Inflow::looked() {
-    const std::lock_guard lock{mutex_};
-    for (auto &[topic, its] : topics_) {
-        if (its.look == Topic::Look::kBegun) {
-            its.look = its.sticky ? Topic::Look::kWrong : Topic::Look::kDone;
-        }
+    lookedTo_ = last;
+    if (!next.empty()) {
+        watched_ = jsonArray(next);
+        node_->subscribe(watched_);
+        mark(kLook);
     }
 }
 

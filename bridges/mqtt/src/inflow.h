@@ -57,9 +57,8 @@ public:
 
 private:
     static constexpr std::chrono::milliseconds kMarkAgain{250};
-    enum Mark : char { kPace = '=', kLook = '?', kLooked = '!' };
 
-    void mark(Mark kind, std::uint32_t number);
+    void mark(const std::string &text);
     void settle(Topic &topic);
 
     // In the node's thread.
@@ -67,7 +66,6 @@ private:
     void handle(const std::string &topic, std::string_view data);
     void see(const std::string &topic, std::string_view data);
     void look();
-    void looked();
 
     Common &common_;
     const std::function<void()> wake_;
@@ -81,9 +79,8 @@ private:
     bool told_ = false;
     std::atomic<std::uint32_t> returned_{0};
 
-    std::string watched_, lookedTo_; // the node's thread's, and the next
-    std::uint32_t looks_ = 0;
-    std::optional<Node> node_; // last: its thread uses the others
+    std::string watched_, lookedTo_; // the node's thread's
+    std::optional<Node> node_;       // last: its thread uses the others
 };
 
 } // namespace zelvo_mqtt

@@ -340,9 +340,6 @@ void Link::fail(std::string_view why) {
     const bool closed = !session_ || mosquitto_socket(session_->get()) < 0;
     waiter_.forget(closed);
     guestWaiter_.forget(closed);
-    if (guest_) {
-        awaken(*guest_);
-    }
     asked_.clear();
     lost(reasonOf(why), wasUp && byBroker_);
 }
