@@ -50,6 +50,7 @@ class Peer {
 public:
     struct Message {
         std::string topic, payload, correlation;
+        std::uint32_t expiry = 0;
     };
     Peer(const Broker &broker, const std::string &subscription, const char *user = nullptr);
 
@@ -74,6 +75,5 @@ private:
 
 // Of an answer, and of anything else that is to go without acknowledgement.
 mosquitto_property *correlationData(const std::string &correlation = "-");
-mosquitto_property *hops(const char *number);
 
 #endif
