@@ -173,11 +173,12 @@ TEST_F(Bridges, publications_wait_for_a_broker_that_is_away) {
     const auto published = std::chrono::steady_clock::now();
     EXPECT_TRUE(says(from.state(), R"("dropped":21)"));
     EXPECT_TRUE(from.logs("21 publications were dropped"));
+    EXPECT_LE(count(from.log(), "no connection: Connection refused"), 1U);      // of several tries
     std::this_thread::sleep_until(published + std::chrono::milliseconds{1100}); // it expires
     broker.start(); // which knows the receiver's session, so the order of their return is no matter
     EXPECT_TRUE(to.listener.hears("t 30") && to.listener.hears("t 22"));
     EXPECT_FALSE(to.listener.hears("t 21", std::chrono::milliseconds{0}));
-    EXPECT_TRUE(eventually([&] { return says(from.state(), R"("refused":0,"expired":1)"); }));
+    EXPECT_TRUE(eventually([&] { return says(from.state(), R"("refused":0,"expired":1,)"); }));
     EXPECT_FALSE(to.listener.hears("command late", std::chrono::milliseconds{0}));
 }
 
@@ -188,6 +189,11 @@ TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
         one.another(R"("site":"site","prefix":"p","call":["x","y"],"serve":["s","t"])");
     const std::string nodes = one.listener.call("/bus/nodes");
     EXPECT_TRUE(says(nodes, "mqtt.site.2\"") && says(nodes, "mqtt.site.2.serve.2")) << nodes;
+    std::size_t blocked = 0; // threads that no signal comes to
+    for (const auto &task : std::filesystem::directory_iterator{"/proc/self/task"}) {
+        blocked += count(readFile(task.path().string() + "/status"), "SigBlk:\tf");
+    }
+    EXPECT_GE(blocked, 2U + 2U + 2U + 5U); // of links and nodes
     EXPECT_FALSE(one.another(R"("site":"third","serve":["s"],"call":["listener"])"));
     EXPECT_EQ(zelvo_mqtt_close(second), 0);
     EXPECT_EQ(one.listener.call("/bus/nodes"), alone);
@@ -249,6 +255,8 @@ TEST_F(Bridges, as_many_sticky_topics_go_out_as_a_bus_has) {
         ASSERT_EQ(peer.next("zelvo/topic/" + topic), "x");
     }
     EXPECT_EQ(zelvo_mqtt_close(bridge), 0);
+    topics.emplace_back("one more");
+    EXPECT_FALSE(from.another(R"("site":"second","out":)" + zelvo_mqtt::jsonArray(topics)));
 }
 
 // ---- TLS and password ----
@@ -282,11 +290,11 @@ TEST(Secured, the_certificate_and_the_password_decide) {
         EXPECT_TRUE(right.listener.hears("t " + std::string(100'000, 'x')));
     }
     const std::string certificate = "no connection: the broker's certificate is refused: ";
-    const std::vector<std::array<std::string, 3>> cases = {
-        {url, members("\"other\""), "no connection: the broker refuses: Not authorized"},
-        {url, "\"qos\":0", certificate + "self-signed certificate in certificate chain"},
-        {broker.url("mqtts", "127.0.0.1"), members("\"x\""), certificate + "IP address mismatch"}};
-    for (const auto &[where, with, why] : cases) {
+    for (const auto &[where, with, why] : std::vector<std::array<std::string, 3>>{
+             {url, members("\"other\""), "no connection: the broker refuses: Not authorized"},
+             {url, "\"qos\":0", certificate + "self-signed certificate in certificate chain"},
+             {broker.url("mqtts", "127.0.0.1"), members("\"x\""),
+              certificate + "IP address mismatch"}}) {
         Bridged refused{where, "refused", with, false};
         EXPECT_TRUE(refused.logs(why)) << refused.log();
         EXPECT_FALSE(says(refused.log(), "other"));
@@ -321,12 +329,17 @@ TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
     Bridged site{broker.url(), "site", R"("serve":["slow"])"};
     Slow slow;
     RunningNode node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
-    Peer{broker, "x"}.request("slow/x");
+    Peer peer{broker, "x"};
+    peer.request("slow/x");
     ASSERT_TRUE(slow.asked.wait());
+    peer.request("slow/x");
+    peer.request("other/x");
+    EXPECT_TRUE(site.logs("other/x from outside is refused")); // behind the others
     const Deadline deadline{"close", std::chrono::seconds{5}};
     EXPECT_EQ(zelvo_mqtt_close(site.get()), -1);
     slow.free.set();
     site.close();
+    EXPECT_EQ(slow.calls, 1);
 }
 
 } // namespace

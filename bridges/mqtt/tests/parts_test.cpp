@@ -19,28 +19,21 @@ using namespace std::string_literals;
 namespace {
 
 TEST(Topics, any_text_becomes_a_valid_topic_and_comes_back) {
-    struct Case {
-        std::string text, topic;
-    };
-    std::vector<Case> cases = {{"lamp.state", "lamp.state"},
-                               {"+/#", "%2B/%23"},
-                               {"$SYS/x y", "$SYS/x y"},
-                               {"\x01\n\x7f", "%01%0A%7F"},
-                               {"t\xc3\xbcr", "t\xc3\xbcr"},
-                               {"\xff\xc3(", "%FF%C3("},
-                               {"\xc2\x80", "%C2%80"},
-                               {"\xed\xa0\x80", "%ED%A0%80"},
-                               {"\xf0\x90\x80\x80\xf0\x9f\x98", "\xf0\x90\x80\x80%F0%9F%98"}};
+    const char *const four = "\xf0\x90\x80\x80"; // bytes
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {"lamp.state", "lamp.state"},  {"+/#", "%2B/%23"},           {"$SYS/x y", "$SYS/x y"},
+        {"\x01\n\x7f", "%01%0A%7F"},   {"t\xc3\xbcr", "t\xc3\xbcr"}, {"\xff\xc3(", "%FF%C3("},
+        {"\xed\xa0\x80", "%ED%A0%80"}, {"\xc2\x80", "%C2%80"},       {four, four}};
     for (int byte = 1; byte < 256; ++byte) {
         const std::string text{static_cast<char>(byte), 'x', static_cast<char>(byte)};
-        cases.push_back({text, escaped(text)});
+        cases.emplace_back(text, escaped(text));
     }
-    for (const Case &each : cases) {
-        const std::string topic = "p/topic/" + escaped(each.text);
-        EXPECT_EQ(escaped(each.text), each.topic);
-        EXPECT_EQ(unescaped(escaped(each.text)), each.text);
-        EXPECT_EQ(unescapedLevel(escapedLevel(each.text)), each.text);
-        EXPECT_EQ(escapedLevel(each.text).find('/'), std::string::npos);
+    for (const auto &[text, expected] : cases) {
+        const std::string topic = "p/topic/" + escaped(text);
+        EXPECT_EQ(escaped(text), expected);
+        EXPECT_EQ(unescaped(escaped(text)), text);
+        EXPECT_EQ(unescapedLevel(escapedLevel(text)), text);
+        EXPECT_EQ(escapedLevel(text).find('/'), std::string::npos);
         EXPECT_EQ(mosquitto_pub_topic_check(topic.c_str()), MOSQ_ERR_SUCCESS) << topic;
         EXPECT_EQ(mosquitto_validate_utf8(topic.c_str(), static_cast<int>(topic.size())), 0);
     }
@@ -66,10 +59,6 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
     const TempDir directory;
     const std::string here = '"' + directory.path() + '"';
     const std::string longTopic(30'000, '+');
-    std::string many;
-    for (int topic = 0; topic < 2048; ++topic) {
-        many += ",\"" + std::to_string(topic) + '"';
-    }
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "the configuration: is no JSON"},
         {R"({"url":"mqtt://h"})", "\"site\": is missing"},
@@ -78,7 +67,6 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
         {R"({"site":"b","url":"mqtt://h"})", "\"site\": \"b\" is the bus's own name"},
         {R"({"site":"s\n","url":"mqtt://h"})", "has control characters"},
         {R"({"site":"s","url":[]})", "\"url\": names no broker"},
-        {R"({"site":"s","url":"mqtt://h","out":[)" + many.substr(1) + "]}", "more than 2047"},
         {configWith(R"("qosx":1)"), "\"qosx\": there is no such member"},
         {configWith(R"("qos":1,"qos":1)"), "\"qos\": stands there twice"},
         {configWith(R"("out":"x")"), "\"out\": has to be an array"},
@@ -173,14 +161,12 @@ TEST(Log, a_file_that_has_got_too_large_is_begun_anew) {
     const TempDir directory;
     const std::string path = directory.file("log");
     Log log, other; // of two bridges
-    ASSERT_TRUE(log.open(path, Level::kInfo, 2000) && other.open(path, Level::kInfo, 2000));
+    ASSERT_TRUE(log.open(path, Level::kInfo, 200) && other.open(path, Level::kInfo, 200));
     for (int i = 0; i < 60; ++i) {
-        log.info("line " + std::to_string(i) + std::string(100, '.'));
-    }
-    EXPECT_LT(std::filesystem::file_size(path), 2000U + 300U);
-    other.info("of the other");
-    for (const char *const line : {"line 55", "line 59", "of the other"}) {
-        EXPECT_TRUE(says(readFile(path), line)) << line;
+        const std::string line = "line " + std::to_string(i) + std::string(100, '.');
+        (i % 10 == 0 ? other : log).info(line);
+        EXPECT_TRUE(says(readFile(path), line));
+        EXPECT_LT(std::filesystem::file_size(path), 200U + 300U);
     }
     EXPECT_FALSE(log.open(directory.path(), Level::kInfo));
 }

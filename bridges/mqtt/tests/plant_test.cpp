@@ -134,6 +134,7 @@ TEST(Gaps, sticky_topics_are_right_afterwards) {
     EXPECT_EQ(late.heard().size(), 3U);
     const auto heard = to.listener.heard();
     EXPECT_EQ(std::count(heard.begin(), heard.end(), "same 1"), 1);
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), "live null"), 0);
 }
 
 TEST(Gaps, what_a_full_bus_refuses_is_sticky_in_the_end) {
@@ -217,7 +218,9 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     for (int i = 0; i < 1 + 8; ++i) {
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
     }
-    EXPECT_EQ(slow.calls, 1 + 8);
+    peer.request("slow/x"); // there is room again
+    EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
+    EXPECT_EQ(slow.calls, 1 + 8 + 1);
     EXPECT_TRUE(site.logs("1 calls from outside to slow are dropped: they have waited too long"));
 }
 
@@ -282,8 +285,7 @@ TEST(Names, a_host_is_tried_address_by_address_and_its_sockets_are_its_own) {
         sockaddr_in peer{};
         socklen_t size = sizeof peer;
         EXPECT_TRUE(getpeername(file, reinterpret_cast<sockaddr *>(&peer), &size) != 0 ||
-                    peer.sin_port != htons(static_cast<std::uint16_t>(broker.port())) ||
-                    (fcntl(file, F_GETFD) & FD_CLOEXEC) != 0);
+                    peer.sin_family != AF_INET || (fcntl(file, F_GETFD) & FD_CLOEXEC) != 0);
     }
 }
 
