@@ -136,9 +136,7 @@ TEST_F(Bridges, bad_input_from_the_broker_hurts_nobody) {
     peer.publish("zelvo/topic/t", "malformed", false,
                  zelvo_mqtt::userProperty("zelvo-hops", "-3x").release());
     peer.publish("zelvo/call/site/listener/x", "no answer wanted");
-    for (const char *const address : {"%zz", "listener/%78", "%6Cistener/x"}) {
-        peer.request(address);
-    }
+    peer.request("%6Cistener/x");
     peer.request("listener/x", "", nullptr, "zelvo/topic/t");
     peer.request("listener/x", "", "1x");
     peer.publish("zelvo/site/two", std::string(1000, '?'));

@@ -58,7 +58,6 @@ std::string configWith(const std::string &members) {
 TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
     const TempDir directory;
     const std::string here = '"' + directory.path() + '"';
-    const std::string longTopic(30'000, '+');
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "the configuration: is no JSON"},
         {R"({"url":"mqtt://h"})", "\"site\": is missing"},
@@ -71,11 +70,10 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
         {configWith(R"("qos":1,"qos":1)"), "\"qos\": stands there twice"},
         {configWith(R"("out":"x")"), "\"out\": has to be an array"},
         {configWith(R"("out":[{"topic":"x","retain":1}])"), "\"out[0].retain\": has to be true"},
-        {configWith(R"("out":[{"topic":"x","expiry":1,"retain":true}])"),
-         "\"out[0]\": \"retain\" and"},
+        {configWith(R"("out":[{"topic":"x","expiry":1,"retain":true}])"), "\"retain\" and"},
         {configWith(R"("out":["x","x"])"), "\"out[1]\": \"x\" stands there twice"},
         {configWith(R"("out":["x"],"in":["y","x"])"), "\"in\": \"x\" stands in \"out\" too"},
-        {configWith("\"in\":[\"" + longTopic + "\"]"), "is too long for MQTT"},
+        {configWith("\"in\":[\"" + std::string(30'000, '+') + "\"]"), "is too long for MQTT"},
         {configWith(R"("in":["a\u0000b"])"), "has a NUL"},
         {configWith(R"("call":["s"])"), "\"call\": \"s\" is the own site"},
         {configWith(R"("call":[{"site":"t","node":"a/b"}])"), "\"call[0].node\": \"a/b\""},
@@ -98,18 +96,18 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
 
 TEST(Config, has_limits) {
     // What stands before a number, or text, and behind it; the least and the most, or lengths.
-    const std::vector<std::tuple<std::string, std::string, std::uint64_t, std::uint64_t>> cases = {
-        {"\"qos\":", "", 0, 1},
-        {"\"callTimeout\":", "", 1, 3'600'000},
-        {"\"maxPacket\":", "", 1024, 268'435'456},
-        {"\"sessionExpiry\":", "", 0, 4'294'967'295},
-        {"\"logLevel\":", "", 1, 5},
-        {R"("buffer":{"bytes":)", "}", 1, 1'099'511'627'776},
-        {R"("out":[{"topic":"x","expiry":)", "}]", 1, 31'622'400},
-        {"\"prefix\":\"", "\"", 1, 200},
-        {"\"call\":[\"", "\"]", 1, 32},
-        {"\"serve\":[\"", "\"]", 1, 71}};
-    for (const auto &[before, after, least, most] : cases) {
+    using Case = std::tuple<std::string, std::string, std::uint64_t, std::uint64_t>;
+    for (const auto &[before, after, least, most] :
+         std::vector<Case>{{"\"qos\":", "", 0, 1},
+                           {"\"callTimeout\":", "", 1, 3'600'000},
+                           {"\"maxPacket\":", "", 1024, 268'435'456},
+                           {"\"sessionExpiry\":", "", 0, 4'294'967'295},
+                           {"\"logLevel\":", "", 1, 5},
+                           {R"("buffer":{"bytes":)", "}", 1, 1'099'511'627'776},
+                           {R"("out":[{"topic":"x","expiry":)", "}]", 1, 31'622'400},
+                           {"\"prefix\":\"", "\"", 1, 200},
+                           {"\"call\":[\"", "\"]", 1, 32},
+                           {"\"serve\":[\"", "\"]", 1, 71}}) {
         const auto read = [&, text = before.back() == '"'](std::uint64_t value) {
             const std::string shown = text ? std::string(value, 'x') : std::to_string(value);
             readConfig(configWith(before + shown + after).c_str());
@@ -150,10 +148,9 @@ TEST(Log, a_line_has_the_form_of_the_bus_s_log_and_a_flood_is_counted) {
     ASSERT_TRUE(rest) << text;
     EXPECT_LE(std::abs(timegm(&time) - 8 * 3600 - std::time(nullptr)), 60); // in UTC+8
     const std::string line{rest, std::strchr(rest, '\n')};
-    EXPECT_TRUE(std::regex_match(line, std::regex{R"(\.\d{3} \[E\] bridges/mqtt/tests/parts_test)"
-                                                  R"(\.cpp# *\d+#  zelvo-mqtt site a\?\?\? .*)"}))
-        << line;
-    EXPECT_TRUE(line.ends_with("site a??? \xc3\xbc" + std::string(593, '.')));
+    const std::regex form{R"(\.\d{3} \[E\] bridges/mqtt/tests/parts_test\.cpp# *\d+#  zelvo-mqtt )"
+                          "site a\\?\\?\\? \xc3\xbc\\.{593}"};
+    EXPECT_TRUE(std::regex_match(line, form)) << line;
     EXPECT_TRUE(says(text, " 51 further lines were left out") && count(text, "flood") == 99U);
 }
 

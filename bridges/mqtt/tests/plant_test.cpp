@@ -54,6 +54,8 @@ TEST(Plant, a_login_does_what_its_rules_say) {
                                     "zelvo/call/north/pump/start", "zelvo/site/north"}) {
         EXPECT_EQ(south.publish(topic, "x"), MQTT_RC_NOT_AUTHORIZED) << topic;
     }
+    Peer{broker, "x", "console"}.publish("zelvo/call/north/pump/st%6Fp", "x"); // past the rule
+    EXPECT_TRUE(north.logs("north/pump/st%6Fp is dropped: its topic is not in the form"));
 }
 
 TEST(Plant, a_subscription_that_is_refused_is_named) {
