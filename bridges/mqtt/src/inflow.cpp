@@ -10,7 +10,7 @@ namespace zelvo_mqtt {
 namespace {
 
 constexpr std::size_t kPortion = 256; // of topics that are looked at, for which the node has room
-constexpr std::chrono::seconds kLookAgain{5};
+constexpr std::chrono::seconds kBetweenLooks{2};
 constexpr const char *kLook = "look"; // a mark that is no number
 
 } // namespace
@@ -132,17 +132,16 @@ void Inflow::settle(Topic &topic) {
 void Inflow::check() {
     using Look = Topic::Look;
     const std::lock_guard lock{mutex_};
-    bool isDue = false, isUnderWay = false;
+    bool isDue = false;
     for (auto &[topic, its] : topics_) {
         if (its.look == Look::kWrong) {
             common_.log.warning(its.onBus + " is published again: the bus had no room for it");
             settle(its);
         }
-        isDue = isDue || its.look == Look::kDue;
-        isUnderWay = isUnderWay || its.look == Look::kBegun;
+        isDue = isDue || its.look != Look::kDone;
     }
     const auto now = Clock::now();
-    if (isUnderWay ? now - asked_ >= kLookAgain : isDue) {
+    if (isDue && now - asked_ >= kBetweenLooks) {
         asked_ = now;
         mark(kLook);
     }
