@@ -65,11 +65,8 @@ bool Bridge::close() {
             const std::lock_guard lock{stateMutex_};
             closing_ = true;
         }
-        calls_.close();
-        serving_.close();
         outflow_.finish(begun + kTakeTime);
-        dataLink_.stop();
-        callLink_.stop();
+        stop();
         withdrawState();
     }
     for (Node *const node : common_.nodes) {
@@ -83,11 +80,15 @@ bool Bridge::close() {
     return done;
 }
 
-Bridge::~Bridge() {
+void Bridge::stop() {
     calls_.close();
     serving_.close();
     dataLink_.stop();
     callLink_.stop();
+}
+
+Bridge::~Bridge() {
+    stop();
     if (!closing_) { // start() has failed
         try {
             withdrawState();

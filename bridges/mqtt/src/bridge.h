@@ -33,6 +33,7 @@ public:
 private:
     void callsChanged(const std::optional<Target> &target, const std::string &why);
     void dataChanged(bool connected, const std::string &why);
+    void stop(); // what goes on with the broker; once more does nothing
     void announce(bool connected, const std::string &why);
     void withdrawState();
     std::string state();

@@ -60,10 +60,6 @@ void DataLink::lost(const std::string &why, bool byBroker) {
     changed_(false, why);
 }
 
-std::chrono::milliseconds DataLink::pause() {
-    return inflow_.pause();
-}
-
 void DataLink::everySecond() {
     tellDrops();
     inflow_.check();

@@ -42,7 +42,7 @@ private:
     void lost(const std::string &why, bool byBroker) override;
     void everySecond() override;
     void subscribed() override;
-    std::chrono::milliseconds pause() override;
+    bool pauses() override { return inflow_.pauses(); }
     std::size_t unsent() override;
 
     bool publish(Publication publication);

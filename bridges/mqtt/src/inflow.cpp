@@ -67,13 +67,12 @@ void Inflow::mark(const std::string &text) {
     busClientPublish(node_->get(), name_.c_str(), text.data(), static_cast<int>(text.size()));
 }
 
-std::chrono::milliseconds Inflow::pause() {
-    using std::chrono::milliseconds;
+bool Inflow::pauses() {
     const auto now = Clock::now();
     if (marks_ - returned_.load() < 2) {
         since_ = now;
         told_ = false;
-        return milliseconds{0};
+        return false;
     }
     if (now - marked_ >= kMarkAgain) {
         marked_ = now;
@@ -84,7 +83,7 @@ std::chrono::milliseconds Inflow::pause() {
         common_.log.warning(
             "the bus takes no publications; until it does, none is taken from the broker");
     }
-    return kMarkAgain;
+    return true;
 }
 
 // ---- what is retained at the broker, and sticky on the bus ----

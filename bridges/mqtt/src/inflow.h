@@ -46,7 +46,7 @@ public:
     bool takes(const std::string &topic) const { return topics_.contains(topic); }
     const Topics &topics() const { return topics_; }
     void publish(const Incoming &incoming); // of a topic that it takes
-    std::chrono::milliseconds pause();      // 0: go on reading
+    bool pauses();                          // nothing is to be read
     void check();                           // what is sticky; now and then
 
     // What is retained of the expected topics is to come now; what is sticky already is then not

@@ -102,12 +102,9 @@ void Link::turn(Lock &lock, Clock::time_point until) {
         flush();
     }
     watch();
-    const bool isDown = state_ == State::kDown;
-    const auto paused = isDown ? milliseconds{0} : pause();
-    const bool more = !isDown && paused.count() == 0 && session_->holdsMore();
-    auto timeout = std::clamp(std::chrono::ceil<milliseconds>(until - Clock::now()),
-                              milliseconds{0}, more ? milliseconds{0} : patience());
-    timeout = paused.count() > 0 ? std::min(timeout, paused) : timeout;
+    const bool more = state_ != State::kDown && !pauses() && session_->holdsMore();
+    const auto timeout = std::clamp(std::chrono::ceil<milliseconds>(until - Clock::now()),
+                                    milliseconds{0}, more ? milliseconds{0} : patience());
     lock.unlock();
     const std::uint32_t events = waiter_.wait(timeout) | (more ? std::uint32_t{EPOLLIN} : 0U);
     lock.lock();
@@ -121,7 +118,7 @@ void Link::watch() {
     if (file < 0) {
         return;
     }
-    const bool reads = pause().count() == 0 && (!guest_ || !isConnected());
+    const bool reads = !pauses() && (!guest_ || !isConnected());
     const bool writes = !open_ || mosquitto_want_write(session_->get());
     if (!waiter_.watch(file, (reads ? std::uint32_t{EPOLLIN} : 0U) |
                                  (writes ? std::uint32_t{EPOLLOUT} : 0U))) {
@@ -218,7 +215,7 @@ void Link::advance() {
         fail("the broker does not answer");
     } else if (state_ != State::kDown && !mayConnect()) {
         fail("the other connection to the broker is lost");
-    } else if (state_ == State::kUp && pause().count() == 0) {
+    } else if (state_ == State::kUp && !pauses()) {
         end(mosquitto_loop_misc(session_->get()));
     }
 }
@@ -291,7 +288,7 @@ void Link::work(int packets) {
     for (; state_ != State::kDown && (packets > 0 || session_->holdsMore()); --packets) {
         errno = 0;
         end(mosquitto_loop_read(session_->get(), 1));
-        if (errno == EAGAIN || pause().count() > 0) { // read empty
+        if (errno == EAGAIN || pauses()) { // read empty
             break;
         }
     }

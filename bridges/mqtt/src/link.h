@@ -74,8 +74,8 @@ protected:
     // A connection, or the try, has ended. byBroker: it was up, and the broker has ended it.
     virtual void lost(const std::string &why, bool byBroker) = 0;
     virtual void everySecond() {}
-    virtual void subscribed() {} // all that has been asked for is answered
-    virtual std::chrono::milliseconds pause() { return {}; } // nothing is to be read so long
+    virtual void subscribed() {}               // all that has been asked for is answered
+    virtual bool pauses() { return false; }    // nothing is to be read; asked again and again
     virtual std::size_t unsent() { return 0; } // publications, that a farewell waits for
     virtual int farewellReason() const { return 0; }
     // Something has been achieved: the next try after a loss comes soon.

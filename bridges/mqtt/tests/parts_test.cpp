@@ -69,6 +69,7 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
         {configWith(R"("qosx":1)"), "\"qosx\": there is no such member"},
         {configWith(R"("qos":1,"qos":1)"), "\"qos\": stands there twice"},
         {configWith(R"("out":"x")"), "\"out\": has to be an array"},
+        {configWith(R"("user":1)"), "\"user\": has to be a text"},
         {configWith(R"("out":[{"topic":"x","retain":1}])"), "\"out[0].retain\": has to be true"},
         {configWith(R"("out":[{"topic":"x","expiry":1,"retain":true}])"), "\"retain\" and"},
         {configWith(R"("out":["x","x"])"), "\"out[1]\": \"x\" stands there twice"},
