@@ -89,15 +89,18 @@ inline int NodeState::onMessage(void *userdata, client_t * /*client*/, char *top
     return 0;
 }
 
-inline void NodeState::hear(std::string_view topic, std::string_view data) noexcept {
-    const auto [first, last] = handlers_.ofTopic(topic);
-    for (auto entry = first; entry != last; ++entry) {
-        Handler &handler = *entry->second;
+inline void NodeState::hear(const char *topic, std::string_view data) noexcept {
+    auto row = handlers_.ofTopic(topic);
+    while (row.count != 0) {
+        Handler &handler = *row.first->second;
         if (!handler.cancelled.load(std::memory_order_relaxed) && !leaving_) {
             reported([&] {
                 char *none = nullptr;
-                handler.run(topic, data, none);
+                handler.run(row.first->first, data, none);
             });
+        }
+        if (--row.count != 0) { // mostly there is one, and a step in a tree is a call
+            ++row.first;
         }
     }
 }
