@@ -142,13 +142,8 @@ public:
     // ---- publishing: does not wait, and does not tell who receives it ----
 
     // To every node that has subscribed to topic, this one too. Up to 2 GB.
-    void publish(const CText &topic, std::string_view data = {}) const {
+    void publish(const CText &topic, const DataView &data = {}) const {
         busClientPublish(state().client(), topic.c_str(), data.data(), detail::lengthOf(data));
-    }
-    // Any contiguous bytes: std::vector<std::byte>, std::array<unsigned char, 4>, std::span.
-    template <class Bytes, class = detail::IfBytes<Bytes>>
-    void publish(const CText &topic, const Bytes &bytes) const {
-        publish(topic, detail::viewOf(bytes));
     }
     // A value of the topic's type, as its zelvo::Codec makes it bytes; what that throws is thrown
     // here, and nothing is published. A number is converted as a call would, but for one with a
@@ -160,13 +155,9 @@ public:
     }
     // The bus keeps the message too, the latest of each topic: who subscribes later gets it at
     // once.
-    void publish_sticky(const CText &topic, std::string_view data = {}) const {
+    void publish_sticky(const CText &topic, const DataView &data = {}) const {
         busClientPublishSticky(state().client(), topic.c_str(), data.data(),
                                detail::lengthOf(data));
-    }
-    template <class Bytes, class = detail::IfBytes<Bytes>>
-    void publish_sticky(const CText &topic, const Bytes &bytes) const {
-        publish_sticky(topic, detail::viewOf(bytes));
     }
     template <class Value>
     void publish_sticky(const Topic<Value> &topic, const detail::Same<Value> &value) const {
@@ -277,7 +268,7 @@ public:
     // answer. So a handler calls through its own node: waiting for another one's turn to call is
     // not seen as a part of a ring. A node whose handler does not return, or that C functions have
     // made and do not run, keeps the caller waiting, call_timeout at most where that is set.
-    Answer call(const CText &url, std::string_view data = {}) const {
+    Answer call(const CText &url, const DataView &data = {}) const {
         return state().call(url.c_str(), data);
     }
     // The reply, or why there is none: Cause::unreadable where what came is no Reply.
@@ -293,7 +284,7 @@ public:
     // calls of call_async (Cause::too_many), and throws what that throws.
     template <class Rep, class Period>
     [[nodiscard]] Answer call_for(std::chrono::duration<Rep, Period> limit, const CText &url,
-                                  std::string_view data = {}) const {
+                                  const DataView &data = {}) const {
         const auto end = detail::later(detail::Clock::now(), detail::saturated(limit));
         return state().callUntil(end, url.c_str(), data);
     }
@@ -314,7 +305,7 @@ public:
     // behind them for the same node. Throws Error when Config::helpers is 0, std::system_error when
     // there is no thread for the first of them. cancel() of the future, or of what the form with a
     // completion gives, lets go of the call.
-    Future<Answer> call_async(const CText &url, std::string_view data = {}) const {
+    Future<Answer> call_async(const CText &url, const DataView &data = {}) const {
         return beginFuture<Answer>(url.c_str(), data, detail::asItIs);
     }
     template <class Question, class Reply>
@@ -327,7 +318,7 @@ public:
     }
     // completion(Answer) runs in this node's thread, unless the node leaves before.
     template <class Completion>
-    PendingCall call_async(const CText &url, std::string_view data, Completion completion) const {
+    PendingCall call_async(const CText &url, const DataView &data, Completion completion) const {
         static_assert(std::is_invocable_v<Completion &, Answer>,
                       "zelvo: a completion of a call takes (zelvo::Answer)");
         if constexpr (std::is_invocable_v<Completion &, Answer>) {
@@ -336,7 +327,7 @@ public:
                 url.c_str(), data, std::move(completion)));
         }
     }
-    template <class Completion, class = detail::IfNoText<Completion>>
+    template <class Completion, class = detail::IfNoData<Completion>>
     PendingCall call_async(const CText &url, Completion completion) const {
         return call_async(url, {}, std::move(completion));
     }
