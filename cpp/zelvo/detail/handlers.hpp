@@ -102,47 +102,62 @@ public:
 };
 using HandlerPtr = std::shared_ptr<Handler>;
 
+// All are held by one kind of pointer, and moved once from where the user has given them: both cost
+// time to compile, for each handler.
+inline HandlerPtr held(Handler *handler) {
+    return HandlerPtr{handler};
+}
+
 template <class Run>
-class HandlerOf final : public Handler {
+class TopicHandler final : public Handler {
 public:
-    explicit HandlerOf(Run &&run) : run_{std::move(run)} {}
-    void run(View name, View data, char *&answer) override { run_(name, data, answer); }
+    explicit TopicHandler(Run &run) : run_{std::move(run)} {}
+    void run(View topic, View data, char *& /*answer*/) override {
+        Copies copies;
+        runWith(run_, topic, data, copies);
+    }
 
 private:
     Run run_;
 };
-// run(name, data, answer)
-template <class Run>
-HandlerPtr handlerOf(Run run) {
-    return std::make_shared<HandlerOf<Run>>(std::move(run));
-}
 
 template <class Run>
-HandlerPtr subscriber(Run run) {
-    return handlerOf([run = std::move(run)](View topic, View data, char *&) mutable {
-        Copies copies;
-        runWith(run, topic, data, copies);
-    });
-}
-template <class Run>
-HandlerPtr answerer(Run run) {
-    return handlerOf([run = std::move(run)](View path, View data, char *&answer) mutable {
+class PathHandler final : public Handler {
+public:
+    explicit PathHandler(Run &run) : run_{std::move(run)} {}
+    void run(View path, View data, char *&answer) override {
         Copies copies;
         using Value = ResultOf<Run>;
         if constexpr (std::is_void_v<Value>) {
-            runWith(run, path, data, copies);
+            runWith(run_, path, data, copies);
             answer = answerText({});
         } else {
-            answer = answerOf<Value>(runWith(run, path, data, copies));
+            answer = answerOf<Value>(runWith(run_, path, data, copies));
         }
-    });
-}
+    }
+
+private:
+    Run run_;
+};
 
 // ---- the handlers of a node ----
 
 // Those of one name in the order in which they have been added. All that hold handlers by name are
 // of this one type: each further one costs every user time to compile.
 using HandlersByName = std::multimap<std::string, HandlerPtr, std::less<>>;
+
+// Without those that come again; to sort them costs every user more time to compile.
+inline std::vector<std::string> eachOnce(const std::vector<std::string> &names) {
+    HandlersByName seen;
+    std::vector<std::string> once;
+    for (const std::string &name : names) {
+        if (seen.find(name) == seen.end()) {
+            seen.emplace(name, nullptr);
+            once.push_back(name);
+        }
+    }
+    return once;
+}
 
 // A step from one set of handlers to another.
 struct Change {

@@ -118,22 +118,44 @@ inline char *NodeState::onCall(void *userdata, client_t * /*client*/, char *url,
     return answer;
 }
 
+// Hears a topic whose messages are values.
+template <class Value, class Run>
+class ValueHandler final : public Handler {
+public:
+    ValueHandler(NodeState &node, Run &run) : node_{node}, run_{std::move(run)} {}
+    void run(View topic, View data, char *& /*answer*/) override {
+        if (!runDecoded<Value>(data, run_)) {
+            node_.noteUnreadable(topic, data.size(), SizeOf<Value>::value);
+        }
+    }
+
+private:
+    NodeState &node_;
+    Run run_;
+};
+
 // Answers the calls of a service.
 template <class Question, class Reply, class Run>
-HandlerPtr server(NodeState &node, Run run) {
-    return handlerOf([run = std::move(run), &node](View path, View data, char *&answer) mutable {
+class ServiceHandler final : public Handler {
+public:
+    ServiceHandler(NodeState &node, Run &run) : node_{node}, run_{std::move(run)} {}
+    void run(View path, View data, char *&answer) override {
         auto question = decoded<Question>(data);
         if (!question) {
-            node.noteUnreadable(path, data.size(), SizeOf<Question>::value);
+            node_.noteUnreadable(path, data.size(), SizeOf<Question>::value);
             return;
         }
-        if (const std::optional<Reply> reply = run(std::move(*question))) {
+        if (const std::optional<Reply> reply = run_(std::move(*question))) {
             std::string space;
             const View bytes = Codec<Reply>::encode(*reply, space);
             answer = answerText(withoutNul(bytes, isRefusal(bytes)));
         }
-    });
-}
+    }
+
+private:
+    NodeState &node_;
+    Run run_;
+};
 
 } // namespace zelvo::detail
 
