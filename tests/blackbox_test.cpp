@@ -140,7 +140,7 @@ TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     Node lost{bus, "lost"};
     EXPECT_EQ(lost.call("/a/x"), "null");
     bus.exit(); // gets in all the same
-    EXPECT_EQ(count(bus.log(), "queue is full"), 13U);
+    EXPECT_EQ(count(bus.log(), "queue is full"), 15U);
     bus.start();
     bus.join();
     bus.start();
