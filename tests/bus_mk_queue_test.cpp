@@ -29,45 +29,16 @@ struct Sequence {
     explicit Sequence(int places) : capacity{places}, q{bus_mk_q_new(places, sameValue)} {}
 
     int size() const { return static_cast<int>(held.size()); }
-    int *take(int pos, bool removed = true) {
-        const bool has = pos >= 1 && pos <= size();
-        int *const item = has ? held[static_cast<std::size_t>(pos) - 1] : nullptr;
-        if (has && removed) {
+    void *take(int pos, bool removed = true) {
+        int *const item = pos >= 1 && pos <= size() ? held[pos - 1U] : nullptr;
+        if (item && removed) {
             held.erase(held.begin() + pos - 1);
         }
         return item;
     }
-    void expect(const void *given, const void *expected) {
-        g_told.clear();
+    void insert(int *item, int pos) {
+        held.insert(pos < 0 || pos > size() ? held.end() : held.begin() + pos, item);
         highest = std::max(highest, size());
-        EXPECT_EQ(given, expected);
-        EXPECT_EQ(bus_mk_q_visit(q, tell, nullptr), 0);
-        EXPECT_EQ(g_told, held);
-        EXPECT_EQ(bus_mk_q_count(q), size());
-        EXPECT_EQ(bus_mk_q_empty(q), held.empty());
-        EXPECT_EQ(bus_mk_q_full(q), size() >= capacity);
-        EXPECT_EQ(bus_mk_q_highest(q), highest);
-    }
-    void send(int *item, int pos, int extra) {
-        const bool fits = size() < capacity + (pos < 0 ? extra : 0);
-        EXPECT_EQ(bus_mk_q_offer(q, item, pos, extra),
-                  fits ? bus_mk_sent::kDone : bus_mk_sent::kFull);
-        held.insert(pos < 0 || pos > size() ? held.end() : held.begin() + pos, fits ? 1 : 0, item);
-        expect(nullptr, nullptr);
-    }
-    void findAndDelete(int *item) {
-        const auto same = [&](const int *other) { return *other == *item; };
-        const int pos = static_cast<int>(std::ranges::find_if(held, same) - held.begin()) + 1;
-        int index = size() + 1;
-        expect(bus_mk_q_find(q, item, &index), take(pos, false));
-        EXPECT_EQ(index, pos);
-        expect(bus_mk_q_delete(q, item), take(pos));
-    }
-    void appendAndTakeOut(int *item) {
-        bus_mk_list_node *const place = bus_mk_q_append(q, item);
-        EXPECT_EQ(place != nullptr, size() < capacity);
-        highest = std::max(highest, size() + (place ? 1 : 0));
-        expect(place ? bus_mk_q_take_out(q, place) : item, item);
     }
     void step(bool fills) {
         int *const item = &values[random() % values.size()];
@@ -75,17 +46,36 @@ struct Sequence {
         const int del = static_cast<int>(random() % 3);
         const auto operation = random() % (fills ? 16U : 5U);
         if (operation == 0) {
-            findAndDelete(item);
+            const auto same = [&](const int *other) { return *other == *item; };
+            const int at = static_cast<int>(std::ranges::find_if(held, same) - held.begin()) + 1;
+            int index = size() + 1;
+            EXPECT_EQ(bus_mk_q_find(q, item, &index), take(at, false));
+            EXPECT_EQ(index, at);
+            EXPECT_EQ(bus_mk_q_delete(q, item), take(at));
         } else if (operation == 1) {
-            expect(bus_mk_q_delete_index(q, pos), take(pos));
+            EXPECT_EQ(bus_mk_q_delete_index(q, pos), take(pos));
         } else if (operation == 2) {
-            appendAndTakeOut(item);
+            bus_mk_list_node *const place = bus_mk_q_append(q, item);
+            ASSERT_EQ(place != nullptr, size() < capacity);
+            if (place) {
+                insert(item, -1);
+                EXPECT_EQ(bus_mk_q_take_out(q, place), take(size()));
+            }
         } else if (operation < 5) {
-            int *const expected = take(pos, del != 1);
-            expect(bus_mk_q_recv(q, bus_mk_q_empty(q) ? 1 : 0, del, pos), expected);
+            EXPECT_EQ(bus_mk_q_recv(q, bus_mk_q_empty(q) ? 1 : 0, del, pos), take(pos, del != 1));
         } else {
-            send(item, random() % 4 == 0 ? pos : -1, del);
+            const int place = random() % 4 == 0 ? pos : -1;
+            const bool fits = size() < capacity + (place < 0 ? del : 0);
+            EXPECT_EQ(bus_mk_q_offer(q, item, place, del) == bus_mk_sent::kDone, fits);
+            fits ? insert(item, place) : void();
         }
+        g_told.clear();
+        bus_mk_q_visit(q, tell, nullptr);
+        EXPECT_EQ(g_told, held);
+        EXPECT_EQ(bus_mk_q_count(q), size());
+        EXPECT_EQ(bus_mk_q_empty(q), held.empty());
+        EXPECT_EQ(bus_mk_q_full(q), size() >= capacity);
+        EXPECT_EQ(bus_mk_q_highest(q), highest);
     }
 
     int capacity;
