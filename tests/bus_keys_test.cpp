@@ -97,8 +97,8 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
     };
     const std::string big = '"' + std::string(4000, 'b') + '"';
     const std::string old = R"({"a":1})";
-    const std::string both = "{\n\t\"a\":\t1,\n\t\"b\":\t2\n}";
-    const std::string fresh = "{\n\t\"b\":\t2\n}";
+    const std::string end = "\n\t\"b\":\t" + big + ",\n\t\"c\":\t2\n}";
+    const std::string fresh = "{" + end, both = "{\n\t\"a\":\t1," + end;
     const struct {
         std::string text;
         Hindrance hindrance;
@@ -131,7 +131,7 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
         }
         EXPECT_EQ(read() == c.text, c.stays) << c.text << c.line;
         EXPECT_TRUE(c.line.empty() || logged(c.line) == 1) << bus_->log();
-        persist("b", "2");
+        persist("c", "2");
         EXPECT_EQ(read(), c.written) << c.line;
         EXPECT_TRUE(c.aside.empty() || read(c.aside) == c.text) << c.aside;
         EXPECT_EQ(logged(", kept as " + file() + c.aside + "\n") == 1, !c.aside.empty());

@@ -10,20 +10,23 @@ namespace {
 
 TEST(Pool, block_is_used_again_but_by_one_at_a_time) {
     bus_mk_pool_clear();
-    // So many blocks, the latter more than are kept, and for how many the heap has to be asked: it
+    // So many blocks, the last more than are kept, and for how many the heap has to be asked: it
     // may never give one again.
-    for (const auto &[number, asked] : {std::pair{500U, 564U}, {9000U, 25'000U}}) {
+    for (const auto &[number, asked] : {std::pair{20U, 20U}, {500U, 564U}, {9000U, 25'000U}}) {
         std::set<void *> seen;
-        for (int round = 0; round < 20; ++round) {
+        for (int round = 0; round < 21; ++round) {
             std::set<void *> blocks;
-            while (blocks.size() < number) {
-                ASSERT_TRUE(blocks.insert(bus_mk_pool_get()).second);
-            }
-            // A thread that ends leaves to the others what it has kept.
+            const auto get = [&, most = number] {
+                while (blocks.size() < most) {
+                    ASSERT_TRUE(blocks.insert(bus_mk_pool_get()).second);
+                }
+            };
             const auto giveBack = [&] {
                 std::for_each(blocks.begin(), blocks.end(), bus_mk_pool_put);
             };
-            round % 2 == 0 ? std::thread{giveBack}.join() : giveBack();
+            // A thread that ends leaves to the others what it has kept; so does one that trims.
+            round % 3 == 0 ? get() : std::thread{get}.join();
+            round % 3 == 0 ? std::thread{giveBack}.join() : giveBack();
             bus_mk_pool_trim();
             seen.merge(blocks);
         }

@@ -45,9 +45,17 @@ TEST(Server, broken_messages_and_those_of_another_record_of_a_name_change_nothin
     EXPECT_EQ(::count(bus.log(), "  Vek-server not implement\n"), 1U);
 }
 
-TEST(Server, node_whose_leave_was_answered_asks_for_no_more) {
+TEST(Server, nothing_is_kept_of_a_topic_that_nobody_has_or_asked_for_by_who_has_left) {
     const Bus bus;
     Node a{bus, "a"};
+    a.subscribe(R"(["t"])");
+    busClientUnsubscribe(a.get(), R"(["t"])");
+    busClientPublishSticky(a.get(), "s", nullptr, 0);
+    busClientRemoveSticky(a.get(), R"(["s"])");
+    a.call("/bus/nodes");
+    for (const char *topic : {"t", "s"}) {
+        EXPECT_EQ(bus.get()->server->directory.topic(topic), nullptr);
+    }
     const ClientPtr held{retain(*a.get())}; // as the bus may still, when the leaver wakes
     a.close();
     EXPECT_FALSE(held->departed);
