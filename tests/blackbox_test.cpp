@@ -24,19 +24,18 @@ TEST(Zelvo, publication_arrives_whole_at_its_topic_alone_and_a_sticky_one_late) 
         Node b{bus, "b2"};
         busClientPublish(b.get(), "t", nullptr, 5);
         busClientPublishSticky(b.get(), "s", "old", 3);
-        busClientPublishSticky(b.get(), "s", "new", 3);
+        busClientPublishSticky(b.get(), "s", bytes.data(), 4);
         for (const char *topic : {"T", "t.", "other", "t", "t.x"}) {
             b.publish(topic, bytes);
         }
     } // which the sticky message outlives
     a.subscribe(R"(["s"])");
-    busClientRemoveSticky(a.get(), R"(["none","s"])");
-    Node late{bus, "late"};
-    late.subscribe(R"(["s"])");
-    late.publish("s", "live");
-    EXPECT_EQ(a.heard(7), (Texts{joined("b2"), "t null", "t " + bytes, "t.x " + bytes, "s new",
-                                 joined("late"), "s live"}));
-    EXPECT_EQ(late.heard(1), Texts{"s live"});
+    busClientRemoveSticky(a.get(), R"(["none",7,"s"])");
+    busClientUnsubscribe(a.get(), R"(["none",7,"s"])");
+    a.subscribe(R"(["s"])");
+    a.publish("t");
+    EXPECT_EQ(a.heard(6),
+              (Texts{joined("b2"), "t null", "t " + bytes, "t.x " + bytes, "s " + bytes, "t "}));
 }
 
 TEST(Zelvo, call_is_answered_by_whom_its_address_names_and_refused_arguments_change_nothing) {
@@ -124,11 +123,10 @@ TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     for (int i = 0; i < 2048; ++i) {
         a.publish("u");
     }
-    for (const int result :
-         {busClientPublish(a.get(), "u", nullptr, 0),
-          busClientPublishSticky(a.get(), "u", nullptr, 0), busClientRemoveSticky(a.get(), "[]")}) {
-        EXPECT_EQ(result, 0);
-    }
+    EXPECT_EQ(busClientPublish(a.get(), "u", nullptr, 0) +
+                  busClientPublishSticky(a.get(), "u", nullptr, 0) +
+                  busClientRemoveSticky(a.get(), "[]"),
+              0);
     EXPECT_EQ(a.call("/bus/nodes"), "null");
     EXPECT_EQ(Node(bus, "lost").call("/a/x"), "null"); // is not kept waiting
     bus.exit();                                        // gets in all the same
@@ -138,18 +136,13 @@ TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     bus.start();
     std::string stats = a.call("/bus/stats");
     std::erase_if(stats, [](char c) { return c == '\t' || c == '\n'; });
-    for (const char *part :
-         {R"("name":"busServer","taken":3093,"sent":1025,"posted":8,"drops":{"queueFull":0,)"
-          R"("noMemory":0,"noAddressee":0,"stickyFull":0},"queue":{"depth":0,)",
-          R"("name":"a","taken":0,"sent":3082,"drops":{"queueFull":0,"busFull":4,"ownFull":0,)"
-          R"("noMemory":0,"lateAnswer":0,"unread":0},"calls":{"made":5,"answered":3,"refused":1,)"
-          R"("timedOut":0,"givenUp":0},"queue":{"depth":2,"highest":2},"timers":1})",
-          R"("name":"full","taken":0,"sent":3,"drops":{"queueFull":7,"busFull":0,"ownFull":1,)"}) {
-        EXPECT_TRUE(says(stats, part)) << part << stats;
-    }
-    full.close();
-    stats = a.call("/bus/stats");
-    EXPECT_TRUE(says(stats.substr(stats.find("\"left\"")), "\"unread\":\t1024")) << stats;
+    const std::string ofA =
+        R"("name":"a","taken":0,"sent":3082,"drops":{"queueFull":0,"busFull":4,"ownFull":0,)"
+        R"("noMemory":0,"lateAnswer":0,"unread":0},"calls":{"made":5,"answered":3,"refused":1,)"
+        R"("timedOut":0,"givenUp":0},"queue":{"depth":2,"highest":2},"timers":1})";
+    const std::string ofFull =
+        R"("name":"full","taken":0,"sent":3,"drops":{"queueFull":7,"busFull":0,"ownFull":1,)";
+    EXPECT_TRUE(says(stats, ofA) && says(stats, ofFull)) << stats;
 }
 
 TEST(Zelvo, full_registry_and_full_sticky_store_refuse_and_say_so) {
