@@ -15,9 +15,9 @@ TEST(Message, copies_hold_all_but_the_reference) {
         holdNode(*message, client);
         message->call = 7;
         EXPECT_EQ(client.references, 2);
+        message.reset(busClientExMessageCopy(message.get()));
         message.reset(copyForRequest(*message, "asker"));
         message.reset(copyWithAction(*message, Action::kExit));
-        message.reset(busClientExMessageCopy(message.get()));
         EXPECT_EQ(client.references, 1);
         EXPECT_EQ(message->call, 7U);
         EXPECT_EQ(_message_equal(message->action, message.get()), 0);
