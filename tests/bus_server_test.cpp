@@ -87,6 +87,9 @@ TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
         EXPECT_EQ(nodes.at(caller).call("/" + callee + "/x"),
                   c.refused ? kEmptyAnswer : kNoHandlerAnswer)
             << bus.log();
+        for (const char *name : {"k", "nobody"}) {
+            EXPECT_EQ(_busServerHasDeadLock(bus.get()->server, name, "none"), -1);
+        }
     }
 }
 
