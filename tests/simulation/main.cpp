@@ -5,7 +5,6 @@
 //   --seconds S       worlds from a first one by chance, which is printed, for S seconds
 //   --replay SEED     one world, with its account
 #include "program.h"
-#include "scheduler.h"
 
 #include <chrono>
 #include <cstdio>

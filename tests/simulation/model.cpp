@@ -1,7 +1,5 @@
 #include "model.h"
 
-#include "scheduler.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <utility>

@@ -6,10 +6,10 @@
 #ifndef ZELVO_SIMULATION_MODEL_H
 #define ZELVO_SIMULATION_MODEL_H
 
-#include <cstdint>
+#include "world.h"
+
 #include <deque>
 #include <map>
-#include <string>
 
 namespace simulation {
 

@@ -2,7 +2,6 @@
 
 #include "bus_mk_queue.h"
 #include "model.h"
-#include "scheduler.h"
 
 #include <bus_client.h>
 

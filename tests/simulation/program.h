@@ -3,9 +3,7 @@
 #ifndef ZELVO_SIMULATION_PROGRAM_H
 #define ZELVO_SIMULATION_PROGRAM_H
 
-#include "memory.h"
-
-#include <vector>
+#include "world.h"
 
 namespace simulation {
 

@@ -1,7 +1,8 @@
-#include "scheduler.h"
+#include "world.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 
 #include <link.h>
 #include <unistd.h>
@@ -17,31 +18,23 @@ constexpr std::uint64_t kLastTime = kFirstTime + 36'000'000 * kMillisecond;
 ucontext_t worldsEnd;
 
 // The thread_local objects of this program, which the C++ library is a part of.
-const std::pair<char *, std::size_t> objects = [] {
-    std::pair<char *, std::size_t> found;
+const std::span<char> objects = [] {
+    std::span<char> found;
     const auto visit = [](dl_phdr_info *program, std::size_t, void *arg) { // the first is this one
-        for (const auto *part = program->dlpi_phdr;
-             part != program->dlpi_phdr + program->dlpi_phnum; ++part) {
-            if (part->p_type == PT_TLS) {
-                *static_cast<decltype(found) *>(arg) = {static_cast<char *>(program->dlpi_tls_data),
-                                                        part->p_memsz};
-            }
-        }
+        const auto *part = program->dlpi_phdr;
+        part = std::find_if(part, part + program->dlpi_phnum,
+                            [](const auto &p) { return p.p_type == PT_TLS; });
+        *static_cast<std::span<char> *>(arg) = {static_cast<char *>(program->dlpi_tls_data),
+                                                part->p_memsz};
         return 1;
     };
     dl_iterate_phdr(visit, &found);
     return found;
 }();
-const std::vector<char> untouched(objects.first, objects.first + objects.second);
+const std::vector<char> untouched(objects.begin(), objects.end());
 
 void putBack(const Thread &thread) {
-    std::copy(thread.objects.begin(), thread.objects.end(), objects.first);
-}
-
-void arouse(Thread &thread) {
-    thread.asleep = false;
-    thread.word = nullptr;
-    thread.until = kNever;
+    std::ranges::copy(thread.objects, objects.begin());
 }
 
 } // namespace
@@ -76,7 +69,7 @@ Thread *World::next() {
         std::uint64_t soonest = kNever;
         for (Thread *thread : alive_) {
             if (thread->until <= now()) {
-                arouse(*thread);
+                thread->arouse();
             }
             if (!thread->asleep) {
                 ready_.push_back(thread);
@@ -113,7 +106,7 @@ void World::handOn() {
     if (me.ended) {
         setcontext(&current->place);
     }
-    std::copy_n(objects.first, objects.second, me.objects.begin());
+    std::ranges::copy(objects, me.objects.begin());
     swapcontext(&me.place, &current->place);
     putBack(me);
 }
@@ -125,7 +118,7 @@ void World::change() {
     current->priority = --lowest_;
     Thread &somebody = *alive_[chance.below(static_cast<unsigned>(alive_.size()))];
     if (somebody.word && chance.oneIn(8)) {
-        arouse(somebody); // without a reason
+        somebody.arouse(); // without a reason
     }
     handOn();
 }
@@ -199,7 +192,7 @@ void World::wake(const void *address, bool all) {
     for (std::size_t i = 0; i < alive_.size(); ++i) {
         Thread &thread = *alive_[(first + i) % alive_.size()];
         if (thread.word == address) {
-            arouse(thread);
+            thread.arouse();
             if (!all) {
                 return;
             }

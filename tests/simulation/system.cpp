@@ -2,7 +2,6 @@
 // answers: waiting and yielding by its scheduler, time by its clock. Files are real ones in a
 // directory of the program's own, but for the log, whose lines go to the model.
 #include "model.h"
-#include "scheduler.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -94,11 +93,8 @@ ssize_t __wrap_write(int file, const void *data, std::size_t size) {
 int __wrap_fsync(int file) {
     struct stat status {};
     world.point();
-    if (fstat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
-        model.nameIsLost = false;
-    } else {
-        fileIsLost = false;
-    }
+    fstat(file, &status);
+    (S_ISDIR(status.st_mode) ? model.nameIsLost : fileIsLost) = false;
     return 0;
 }
 

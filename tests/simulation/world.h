@@ -1,11 +1,12 @@
-// The threads of a simulated world. One of them runs at a time, until it comes to a place where
-// another might go on: each atomic operation of the library is one. The world's number decides who
-// goes on, so the same number gives the same run each time.
+// A simulated world: its threads, its clock and its memory. One thread runs at a time, until it
+// comes to a place where another might go on: each atomic operation of the library is one. The
+// world's number decides who goes on and what fails, so the same number gives the same run each
+// time.
 //
-// They are contexts in one thread of the system. What is thread_local in this program, the library
-// included, is kept for each of them.
-#ifndef ZELVO_SIMULATION_SCHEDULER_H
-#define ZELVO_SIMULATION_SCHEDULER_H
+// The threads are contexts in one thread of the system. What is thread_local in this program, the
+// library included, is kept for each of them.
+#ifndef ZELVO_SIMULATION_WORLD_H
+#define ZELVO_SIMULATION_WORLD_H
 
 #include <algorithm>
 #include <cstdint>
@@ -54,6 +55,12 @@ struct Thread {
     std::vector<std::pair<void (*)(void *), void *>> destructors{};
     std::unique_ptr<char[]> stack{};
     ucontext_t place{};
+
+    void arouse() {
+        asleep = false;
+        word = nullptr;
+        until = kNever;
+    }
 };
 
 class World {
@@ -128,6 +135,16 @@ private:
 inline bool inLibrary() {
     return world.current && world.current->inLibrary;
 }
+
+// Which allocations of the library are refused: one in so many by chance, and the n-th; 0: none. A
+// block that is free is not handed out again, so whoever touches it is found out.
+struct Shortage {
+    unsigned oneIn = 0;
+    std::uint64_t nth = 0;
+};
+inline Shortage shortage;
+void *allocate(std::size_t size, std::size_t alignment = 16); // what the library is going to free
+void expectNothingLeft();
 
 inline constexpr std::size_t kFailure = 4096;
 inline char *failure = nullptr; // where the process that has made this one reads what is wrong
