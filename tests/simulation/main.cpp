@@ -23,7 +23,7 @@ using namespace simulation;
 
 // Whether a world fails; order: of its events, given its operations. What is wrong stands in
 // failure.
-bool fails(const Program &program, std::uint64_t order, bool account = false) {
+bool fails(const Program &tried, std::uint64_t order, bool account = false) {
     constexpr unsigned kMostSeconds = 30;
     std::fflush(stdout);
     for (const auto &left : std::filesystem::directory_iterator{"."}) {
@@ -34,7 +34,8 @@ bool fails(const Program &program, std::uint64_t order, bool account = false) {
     if (process == 0) {
         alarm(kMostSeconds);
         hasAccount = account;
-        world.run(order, [&] { play(program); });
+        program = tried;
+        world.run(order, play);
         std::fflush(stdout);
         _exit(0);
     }

@@ -5,16 +5,17 @@
 
 #include <bus_client.h>
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <list>
+#include <optional>
 
 namespace simulation {
 
 using std::string;
 using std::to_string;
+using Text = std::optional<string>; // that the library is given; nothing: null
 
 // A thread that makes a node and uses it, once and again.
 struct Actor {
@@ -28,26 +29,18 @@ struct Actor {
     void open();
     void start();
     void close();
-    string call(const string &url, const string *data = nullptr);
+    string call(const string &url, const Text &text = {});
     void carryOut(Place place) {
         for (const Operation &operation : operations[place]) {
             operation.act(*this, operation);
         }
     }
-    // A handler carries out the next operation that is meant for one.
-    void goOn() {
-        if (handled < operations[kHandler].size()) {
-            const Operation &next = operations[kHandler][handled++];
-            next.act(*this, next);
-        }
-    }
-    bool isAlone() const { return operations[kHandler].empty() && operations[kSecond].empty(); }
+    bool isAlone() const { return operations[kHandler].empty() && operations[kHelper].empty(); }
 };
 
 namespace {
 
 Zelvo_t *bus = nullptr;
-const Program *program = nullptr;
 constexpr unsigned kLong = 50'000; // milliseconds; nothing but time-outs takes as long
 constexpr char kForeign[] = "[1]";
 std::list<Node> nodes; // all that there have been
@@ -64,7 +57,7 @@ auto enter(const string &what, Function function, Arguments... arguments) {
 // The same for what waits for an answer: no longer than it may, where nothing else keeps it.
 template <typename Function, typename... Arguments>
 auto await(const string &what, Function function, Arguments... arguments) {
-    const unsigned limit = program->closesShort ? kLong : program->timeLimit;
+    const unsigned limit = program.closesShort ? kLong : program.timeLimit;
     const std::uint64_t latest = world.now() + (limit + 5) * kMillisecond;
     const auto result = enter(what, function, arguments...);
     expect(limit == 0 || (limit < kLong && !world.isPrompt()) || world.now() <= latest,
@@ -72,31 +65,38 @@ auto await(const string &what, Function function, Arguments... arguments) {
     return result;
 }
 
-// What the library is given, or null, in a block that is no larger and does not outlast the call.
-struct Given {
-    explicit Given(const string *text)
-        : block{text ? static_cast<char *>(allocate(text->size())) : nullptr} {
-        if (text) {
-            text->copy(block, text->size());
-        }
+// The text in a block that is no larger and does not outlast the call.
+std::unique_ptr<char, void (*)(void *)> given(const Text &text) {
+    char *const block = text ? static_cast<char *>(allocate(text->size())) : nullptr;
+    if (text) {
+        text->copy(block, text->size());
     }
-    ~Given() { std::free(block); }
-    Given(const Given &) = delete;
-    Given &operator=(const Given &) = delete;
-
-    char *const block;
-};
+    return {block, std::free};
+}
+int lengthOf(const Text &text) {
+    return text ? static_cast<int>(text->size()) : 7;
+}
 
 // ---- handlers ----
 
+// A handler carries out the next operation that is meant for one.
+int handle(Node &node) {
+    node.handles = true;
+    if (Actor &actor = *node.actor; actor.handled < actor.operations[kHandler].size()) {
+        const Operation &next = actor.operations[kHandler][actor.handled++];
+        next.act(actor, next);
+    }
+    node.handles = false;
+    node.lookedUntil = world.now();
+    return 0;
+}
+
 int hear(void *self, client_t * /*client*/, char *about, char *data, int length) {
     const InLibrary no{false};
-    auto &actor = *static_cast<Actor *>(self);
-    model.isHanded(*actor.node, about, data, length);
-    actor.node->handles = true;
-    actor.goOn();
-    actor.node->handles = false;
-    actor.node->lookBegan = actor.node->lookedUntil = world.now();
+    auto &node = *static_cast<Node *>(self);
+    node.isHanded(about, data, length);
+    handle(node);
+    node.lookBegan = node.lookedUntil;
     return 0;
 }
 
@@ -109,23 +109,12 @@ char *reply(void *self, client_t *client, char *url, char *data, int length) {
                : std::strcpy(static_cast<char *>(allocate(text.size() + 1)), text.c_str());
 }
 
-struct TimerUse {
-    Actor *actor;
-    Node *node;
-    Timer *timer;
-    int type;
-};
-
-int ring(void *arg, client_t * /*client*/, int type) {
+int ring(void *self, client_t * /*client*/, int type) {
     const InLibrary no{false};
-    const auto &[actor, node, timer, given] = *static_cast<TimerUse *>(arg);
-    expect(type == given, "another timer's type");
-    model.runsTimer(*node, *timer);
-    node->handles = true;
-    actor->goOn();
-    node->handles = false;
-    node->lookedUntil = world.now();
-    return 0;
+    auto &timer = *static_cast<Timer *>(self);
+    expect(type == timer.type, "another timer's type");
+    timer.node->runs(timer);
+    return handle(*timer.node);
 }
 
 } // namespace
@@ -134,88 +123,76 @@ int ring(void *arg, client_t * /*client*/, int type) {
 
 void Actor::open() {
     client = nullptr;
-    for (int tries = program->loses() ? 10 : 1; !client && tries > 0; --tries) {
-        node = &nodes.emplace_back(Node{"n" + to_string(number)});
-        model.workFor(node);
-        client = await("connects", busClientConnect, bus, node->name.c_str(), hear, reply, this);
+    for (int tries = program.loses() ? 10 : 1; !client && tries > 0; --tries) {
+        world.current->node = node = &nodes.emplace_back(Node{"n" + to_string(number), this});
+        client = await("connects", busClientConnect, bus, node->name.c_str(), hear, reply, node);
     }
-    expect(client || program->loses(), "can't connect");
+    expect(client || program.loses(), "can't connect");
 }
 
 void Actor::start() {
-    if (client) {
-        spin = world.spawn(node->name + "'s", [this] {
-            model.workFor(node);
-            node->spins = true;
-            enter("spins", busClientSpin, client);
-        });
-    }
+    const auto run = [this] {
+        node->spins = true;
+        enter("spins", busClientSpin, client);
+    };
+    spin = client ? world.spawn(node->name + "'s", run, node) : nullptr;
 }
 
 void Actor::close() {
     node->leaves = true;
     for (int i = 0; spin && !spin->ended; world.pause(1), ++i) { // again where memory was short
-        if (i == 0 || (program->loses() && i % 100 == 0)) {
+        if (i == 0 || (program.loses() && i % 100 == 0)) {
             enter("asks its thread to end", busClientSpinExit, client);
             node->told = true;
         }
     }
     expect(!spin || !enter("calls once more", busClientCall, client, "/bus/nodes", nullptr, 0),
            "is answered, and has left the bus");
-    for (int i = 0; program->closesShort && i < 200 && !world.isDone("calls /" + node->name); ++i) {
+    for (int i = 0; program.closesShort && i < 200 && !world.isDone("calls /" + node->name); ++i) {
         world.yield(); // to meet a call that is on its way
     }
-    world.current->refusals = program->closesShort ? 2 : 0; // to leave, and to be taken off
+    world.current->refusals = program.closesShort ? 2 : 0; // to leave, and to be taken off
     enter("closes", busClientClose, std::exchange(client, nullptr));
     world.current->refusals = 0;
-    if (program->closesShort) {
+    if (program.closesShort) {
         world.pause(2 * kLong); // who waits for it now is not helped by what it does next
     }
     spin = nullptr;
 }
 
 // The answer, unless the call of another thread may have ended it.
-string Actor::call(const string &url, const string *data) {
-    const Given given{data};
-    const char *const text = await("calls " + url, busClientCall, client, url.c_str(), given.block,
-                                   data ? static_cast<int>(data->size()) : 7);
+string Actor::call(const string &url, const Text &text) {
+    const char *const got = await("calls " + url, busClientCall, client, url.c_str(),
+                                  given(text).get(), lengthOf(text));
     if (!isAlone()) {
         return "";
     }
-    note(string{"gets "} + (text ? text : "none"));
-    model.getsAnswer(*node, text, url[1] == 'n' ? data ? data->c_str() : "" : "");
-    return text ? text : "";
+    node->getsAnswer(got, url[1] == 'n' && text ? text->c_str() : "");
+    return got ? got : "";
 }
 
 namespace {
 
 // ---- operations ----
 
-// Who and which, and more, of several kinds; of that, what a null stands for.
-struct Data {
-    Data(const Actor &actor, const Operation &o) : isNull{o.place == kOwner && o.b % 7 == 6} {
-        static long numbers = 0;
-        const string who = to_string(actor.number * kPlaces + o.place) + "." + to_string(++numbers);
-        const string ends[] = {"", "", string(300 + 10 * o.place, 'x'), string("\0y", 2),
-                               string(198 - who.size(), 'z')};
-        text = who + "|" + ends[o.b % 5];
-    }
-    const string *get() const { return isNull ? nullptr : &text; }
-
-    bool isNull;
-    string text;
-};
+// Who and which, and more, of several kinds; or nothing.
+Text textOf(const Actor &actor, const Operation &o) {
+    static long numbers = 0;
+    const string who = to_string(actor.number * kPlaces + o.place) + "." + to_string(++numbers);
+    const string ends[] = {"", "", string(300 + 10 * o.place, 'x'), string("\0y", 2),
+                           string(198 - who.size(), 'z')};
+    return o.place == kOwner && o.b % 7 == 6 ? Text{} : who + "|" + ends[o.b % 5];
+}
 
 string topicOf(unsigned number) {
     return (number % 2 == 0 ? "t" : "s") + to_string(number / 2 % 2);
 }
 
 void publish(Actor &actor, const Operation &o) {
-    const Data data{actor, o};
+    const Text text = textOf(actor, o);
     const bool sticky = o.a % 2 == 1;
-    const Given given{data.get()};
-    enter("publishes " + data.text, sticky ? busClientPublishSticky : busClientPublish,
-          actor.client, sticky ? "s1" : "t0", given.block, static_cast<int>(data.text.size()));
+    enter("publishes " + text.value_or("null"), sticky ? busClientPublishSticky : busClientPublish,
+          actor.client, sticky ? "s1" : "t0", given(text).get(), lengthOf(text));
 }
 
 // More than the bus has places for, at once.
@@ -239,13 +216,12 @@ void changeTopics(Actor &actor, const Operation &o) {
     const string second = o.b % 4 == 0 ? "bus.error" : topicOf(o.b);
     const string topics = o.a % 16 == 0 ? "{}" : "[\"" + topicOf(o.a) + "\",\"" + second + "\"]";
     const int result = await("changes topics " + topics, kChange, actor.client, topics.c_str());
-    expect(result == (topics == "{}" ? -1 : 0) || model.loses, "is refused, or not");
+    expect(result == (topics == "{}" ? -1 : 0) || program.loses(), "is refused, or not");
 }
 
 void call(Actor &actor, const Operation &o) {
-    const Data data{actor, o};
     const string path = o.b % 5 == 0 ? "/silent" : "/ask";
-    actor.call("/n" + to_string(o.a % (program->actors + 1)) + path, data.get());
+    actor.call("/n" + to_string(o.a % (program.actors + 1)) + path, textOf(actor, o));
 }
 
 void askBus(Actor &actor, const Operation &o) {
@@ -257,15 +233,16 @@ void askBus(Actor &actor, const Operation &o) {
 void useKey(Actor &actor, const Operation &o) {
     const string set = R"({"operation":"set","persist":"true","data":)" + to_string(o.b) + "}";
     const string get = R"({"operation":"get"})";
-    actor.call("/localKeys/k" + to_string(o.a % 3), o.b % 3 == 0 ? &get : &set);
+    actor.call("/localKeys/k" + to_string(o.a % 3), o.b % 3 == 0 ? get : set);
 }
 
 void setTimer(Actor &actor, const Operation &o) {
     const unsigned delay = o.b % 3 == 0 ? 0 : o.b % 12;
-    Timer &timer = actor.node->timers.emplace_back(Timer{world.now(), delay, o.a % 8 != 0});
-    auto *const use = new TimerUse{&actor, actor.node, &timer, static_cast<int>(o.a)};
-    timer.id = enter("sets a timer of " + to_string(delay) + " ms", busClientSettimer, actor.client,
-                     timer.hasFunction ? ring : nullptr, static_cast<long>(delay), use->type, use);
+    Timer &timer = actor.node->timers.emplace_back(
+        Timer{actor.node, static_cast<int>(o.a), delay, o.a % 8 != 0});
+    timer.id =
+        enter("sets a timer of " + to_string(delay) + " ms", busClientSettimer, actor.client,
+              timer.hasFunction ? ring : nullptr, static_cast<long>(delay), timer.type, &timer);
     timer.set = world.now();
     timer.gone |= timer.id < 0;
 }
@@ -303,7 +280,7 @@ void rejoin(Actor &actor, const Operation & /*o*/) {
 }
 
 void reopen(Actor &actor, const Operation &o) {
-    if (o.place == kOwner && actor.operations[kSecond].empty()) {
+    if (o.place == kOwner && actor.operations[kHelper].empty()) {
         const bool spins = actor.spin;
         actor.close();
         actor.open();
@@ -314,7 +291,7 @@ void reopen(Actor &actor, const Operation &o) {
 }
 
 void stopBus(Actor & /*actor*/, const Operation & /*o*/) {
-    if (!model.exact) {
+    if (!program.isExact()) {
         enter("stops the bus", busClientServerExit, bus);
     }
 }
@@ -335,16 +312,14 @@ constexpr Act kThemes[][4] = {
 
 void live(Actor &actor) {
     actor.open();
-    if (actor.number % 3 != (program->closesShort ? 1U : 2U)) {
+    if (actor.number % 3 != (program.closesShort ? 1U : 2U)) {
         actor.start();
     }
     if (!actor.client) {
         return;
     }
-    Thread *const second = world.spawn(actor.node->name + " too", [&] {
-        model.workFor(actor.node);
-        actor.carryOut(kSecond);
-    });
+    const auto helpOut = [&] { actor.carryOut(kHelper); };
+    Thread *const second = world.spawn(actor.node->name + " too", helpOut, actor.node);
     actor.carryOut(kOwner);
     world.join(second);
     if (actor.number % 2 == 0) {
@@ -368,7 +343,7 @@ void expectBalance(const string &stats) {
     for (const char *name : {"queueFull", "busFull", "ownFull", "noMemory"}) {
         drops += left(name) + number("\"nodes\"", name);
     }
-    expect(drops >= model.losses, "the log tells of more losses: " + stats);
+    expect(drops >= losses, "the log tells of more losses: " + stats);
     const long taken = left("taken") + left("unread") + number("\"nodes\"", "depth");
     expect(number("\"server\"", "sent") == taken, "messages to nodes are lost: " + stats);
     expect(left("made") == left("answered") + left("refused") + left("timedOut") + left("givenUp"),
@@ -377,7 +352,7 @@ void expectBalance(const string &stats) {
 
 // Whatever the disk did, the file is whole, and what it was has been kept.
 void expectFiles() {
-    bool kept = !program->foreign;
+    bool kept = !program.foreign;
     for (const auto &entry : std::filesystem::directory_iterator{"."}) {
         std::ifstream file{entry.path()};
         const string text{std::istreambuf_iterator<char>{file}, {}};
@@ -390,7 +365,7 @@ void expectFiles() {
 // A last node finds the bus empty, and may leave while it stops for good.
 void lookAround(bool &over) {
     Actor last{99};
-    world.pause(program->floods ? 1000 : 0); // or its join may find no place
+    world.pause(program.floods ? 1000 : 0); // or its join may find no place
     while (!last.client) {
         last.open();
     }
@@ -404,7 +379,7 @@ void lookAround(bool &over) {
     }
     expectBalance(stats);
     over = true;
-    if (!model.exact) {
+    if (!program.isExact()) {
         enter("stops the bus", busClientServerExit, bus);
     }
     last.close();
@@ -430,33 +405,27 @@ void useQueue() {
 
 } // namespace
 
-void play(const Program &played) {
-    program = &played;
-    model.exact = played.level <= 1;
-    model.loses = played.loses();
-    model.floods = played.floods;
-    model.diskFails = played.diskFails;
-    if (played.foreign) {
+void play() {
+    if (program.foreign) {
         std::ofstream{"keys.json"} << kForeign;
     }
-    const string configuration = "{\"level\":" + to_string(played.level) +
+    const string configuration = "{\"level\":" + to_string(program.level) +
                                  R"(,"path":"log","size":0,"stats":true,"callTimeout":)" +
-                                 to_string(played.timeLimit) + "}";
+                                 to_string(program.timeLimit) + "}";
     bus = enter("makes the bus", busClientNew, configuration.c_str());
     bool over = false;
     Thread *const loop = world.spawn("bus", [&] {
-        model.workFor(nullptr);
         while (!over) {
             enter("runs the bus", busClientBindServer, bus);
         }
     });
-    shortage = played.shortage;
-    world.rests = [] { model.expectAllTaken(); };
+    shortage = program.shortage;
+    world.rests = expectAllTaken;
     std::list<Actor> actors;
     std::vector<Thread *> threads;
-    for (unsigned number = 0; number < played.actors; ++number) {
+    for (unsigned number = 0; number < program.actors; ++number) {
         Actor &actor = actors.emplace_back(Actor{number});
-        for (const Operation &operation : played.operations) {
+        for (const Operation &operation : program.operations) {
             if (operation.actor == number) {
                 actor.operations[operation.place].push_back(operation);
             }
@@ -470,7 +439,7 @@ void play(const Program &played) {
         enter("stops the bus", busClientServerExit, bus);
     }
     enter("deletes the bus", busClientDelete, bus);
-    model.expectNothingOnItsWay();
+    expectNothingOnItsWay();
     useQueue();
     expectNothingLeft();
     expectFiles();

@@ -141,9 +141,9 @@ void World::runCurrent() {
     handOn();
 }
 
-Thread *World::spawn(const std::string &name, std::function<void()> body) {
+Thread *World::spawn(const std::string &name, std::function<void()> body, Node *node) {
     Thread &thread =
-        *threads_.emplace_back(std::make_unique<Thread>(Thread{name, std::move(body)}));
+        *threads_.emplace_back(std::make_unique<Thread>(Thread{name, std::move(body), node}));
     thread.number = static_cast<int>(threads_.size());
     thread.priority = 1 + chance.below(1000);
     thread.objects = untouched;

@@ -24,7 +24,7 @@ constexpr std::uint64_t kSecond = 1000 * kMillisecond;
 bool fileIsLost = false;
 
 bool diskFails() {
-    const bool does = inLibrary() && world.chance.oneIn(model.diskFails);
+    const bool does = inLibrary() && world.chance.oneIn(program.diskFails);
     if (does) {
         note("the disk fails");
         errno = ENOSPC;
@@ -78,7 +78,7 @@ std::FILE *__wrap_fopen(const char *path, const char *mode) {
     cookie_io_functions_t functions{};
     functions.write = [](void * /*cookie*/, const char *line, std::size_t size) {
         const InLibrary no{false};
-        model.readLine({line, size});
+        readLine({line, size});
         return static_cast<ssize_t>(size);
     };
     return fopencookie(nullptr, mode, functions);
@@ -94,7 +94,7 @@ int __wrap_fsync(int file) {
     struct stat status {};
     world.point();
     fstat(file, &status);
-    (S_ISDIR(status.st_mode) ? model.nameIsLost : fileIsLost) = false;
+    (S_ISDIR(status.st_mode) ? nameIsLost : fileIsLost) = false;
     return 0;
 }
 
@@ -102,7 +102,7 @@ int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
     world.point();
     expect(!fileIsLost, "gives its name to a file that a loss of power would tear");
-    model.nameIsLost = true;
+    nameIsLost = true;
     return diskFails() ? -1 : __real_rename(from, to);
 }
 }

@@ -39,9 +39,12 @@ private:
 inline constexpr std::uint64_t kMillisecond = 1'000'000; // of the world's clock
 inline constexpr std::uint64_t kNever = UINT64_MAX;
 
+struct Node;
+
 struct Thread {
     std::string name;
     std::function<void()> body;
+    Node *node; // that it works for
     int number = 0;
     std::int64_t priority = 0; // where the first in an order goes on
     bool asleep = false, ended = false;
@@ -67,7 +70,7 @@ class World {
 public:
     // Runs body as the first thread, until that and all that it has started have ended.
     void run(std::uint64_t seed, std::function<void()> body);
-    Thread *spawn(const std::string &name, std::function<void()> body);
+    Thread *spawn(const std::string &name, std::function<void()> body, Node *node = nullptr);
     void join(const Thread *thread);
     // A place where another thread may go on.
     void point() {
