@@ -4,6 +4,7 @@
 // the other, in the strongest order.
 #include "world.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include <sys/mman.h>
@@ -11,20 +12,19 @@
 namespace simulation {
 namespace {
 
-constexpr std::size_t kUnit = 16;
-constexpr std::size_t kUnits = std::size_t{16} * 1024 * 1024; // of address space
+constexpr std::size_t kSize = std::size_t{256} * 1024 * 1024; // of address space
 
-char *reserve(std::size_t size) {
-    return static_cast<char *>(mmap(nullptr, size, PROT_READ | PROT_WRITE,
+char *reserve() {
+    return static_cast<char *>(mmap(nullptr, kSize, PROT_READ | PROT_WRITE,
                                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
 }
-char *const memory = reserve(kUnits * kUnit);
-char *const live = reserve(kUnits); // for each unit, how many of its bytes are part of a block
+char *const memory = reserve();
+char *const live = reserve(); // for each of its bytes, whether that is part of a block
 std::size_t used = 0, blocks = 0;
 std::uint64_t asked = 0;
 
-std::size_t unitOf(const volatile void *address) {
-    return static_cast<std::size_t>(static_cast<const volatile char *>(address) - memory) / kUnit;
+std::size_t placeOf(const volatile void *address) {
+    return static_cast<std::size_t>(static_cast<const volatile char *>(address) - memory);
 }
 
 // The size of a block stands in front of it.
@@ -32,19 +32,10 @@ std::size_t &sizeOf(void *block) {
     return static_cast<std::size_t *>(block)[-1];
 }
 
-void setLive(void *block, bool is) {
-    const std::size_t size = sizeOf(block), first = unitOf(block);
-    std::memset(live + first, is ? kUnit : 0, size / kUnit);
-    if (size % kUnit > 0) {
-        live[first + size / kUnit] = static_cast<char>(is ? size % kUnit : 0);
-    }
-}
-
-// Fails where address lies in the library's memory, and in no block that it has.
-void expectLive(const volatile void *address) {
-    const std::size_t unit = unitOf(address);
-    const std::size_t place = reinterpret_cast<std::uintptr_t>(address) % kUnit;
-    expect(unit >= kUnits || place < static_cast<std::size_t>(live[unit]),
+// Fails where any of these bytes lies in the library's memory, and in no block that it has.
+void expectLive(const volatile void *address, std::size_t size = 1) {
+    const std::size_t first = placeOf(address);
+    expect(first >= kSize || size == 0 || (live[first] && live[first + size - 1]),
            "uses memory that is in no block");
 }
 
@@ -55,11 +46,6 @@ Word load(const volatile Word *word) {
     world.point();
     expectLive(word);
     return *word;
-}
-
-template <typename Word>
-Word change(volatile Word *word, Word result) {
-    return std::exchange(*const_cast<Word *>(word), result);
 }
 
 // A weak exchange may fail without a reason.
@@ -75,10 +61,11 @@ int exchange(volatile Word *word, Word *expected, Word value, bool weak) {
 } // namespace
 
 void *allocate(std::size_t size, std::size_t alignment) {
-    used = (used + kUnit + alignment - 1) / alignment * alignment;
+    constexpr std::size_t kBetween = 16; // blocks, at least
+    used = (used + kBetween + alignment - 1) / alignment * alignment;
     void *const block = memory + used;
     sizeOf(block) = size;
-    setLive(block, true);
+    std::memset(live + used, 1, size);
     used += size;
     ++blocks;
     return block;
@@ -109,16 +96,16 @@ void *__wrap_aligned_alloc(std::size_t alignment, std::size_t size) {
 }
 
 void *__wrap_malloc(std::size_t size) {
-    return __wrap_aligned_alloc(kUnit, size);
+    return __wrap_aligned_alloc(alignof(std::max_align_t), size);
 }
 
 void __real_free(void *block);
 void __wrap_free(void *block) {
-    if (!block || unitOf(block) >= kUnits) {
+    if (!block || placeOf(block) >= kSize) {
         return __real_free(block);
     }
     expectLive(block);
-    setLive(block, false);
+    std::memset(live + placeOf(block), 0, sizeOf(block));
     std::memset(block, 0xDD, sizeOf(block));
     --blocks;
 }
@@ -126,12 +113,8 @@ void __wrap_free(void *block) {
 // What a copy reads and writes is not looked at by itself.
 void *__real_memcpy(void *to, const void *from, std::size_t size);
 void *__wrap_memcpy(void *to, const void *from, std::size_t size) {
-    for (const void *const at : {static_cast<const void *>(to), from}) {
-        if (size > 0) {
-            expectLive(at);
-            expectLive(static_cast<const char *>(at) + size - 1);
-        }
-    }
+    expectLive(to, size);
+    expectLive(from, size);
     return __real_memcpy(to, from, size);
 }
 
@@ -149,8 +132,9 @@ ZELVO_ACCESS(read_range, , unsigned long) ZELVO_ACCESS(write_range, , unsigned l
 
 #define ZELVO_CHANGE(bits, Word, name, result) \
     Word __tsan_atomic##bits##_##name(volatile Word *word, Word value, int) { \
-        [[maybe_unused]] const Word before = load(word); \
-        return change(word, static_cast<Word>(result)); \
+        const Word before = load(word); \
+        *word = static_cast<Word>(result); \
+        return before; \
     }
 #define ZELVO_EXCHANGE(bits, Word, name, weak) \
     int __tsan_atomic##bits##_compare_exchange_##name(volatile Word *word, Word *expected, Word value, int, int) { \

@@ -410,7 +410,7 @@ void play() {
         std::ofstream{"keys.json"} << kForeign;
     }
     const string configuration = "{\"level\":" + to_string(program.level) +
-                                 R"(,"path":"log","size":0,"stats":true,"callTimeout":)" +
+                                 R"(,"path":"/dev/null","size":0,"stats":true,"callTimeout":)" +
                                  to_string(program.timeLimit) + "}";
     bus = enter("makes the bus", busClientNew, configuration.c_str());
     bool over = false;
@@ -456,13 +456,13 @@ Program makeProgram(std::uint64_t seed) {
     made.floods = kind == 4 && random.oneIn(3);
     made.level = made.floods ? 4 : made.level; // or the log would be long
     made.shortage = {kind == 2 || kind == 3 ? kRates[random.below(4)] : 0,
-                     kind == 4 && !made.floods ? 1 + random.below(400) : 0};
+                     kind == 4 && !made.floods ? 1 + random.below(400) : 0,
+                     kind == 6 ? 2 + random.below(4) : 0};
     made.closesShort = kind == 5;
-    made.diskFails = kind == 6 ? 2 + random.below(4) : 0;
     made.foreign = kind == 6 && random.oneIn(2);
     const unsigned likely = made.timeLimit > 0        ? 1
                             : made.shortage.oneIn > 0 ? 2
-                            : made.diskFails > 0      ? 3
+                            : made.shortage.disk > 0  ? 3
                                                       : random.below(6);
     const auto &theme = kThemes[random.oneIn(2) ? likely : random.below(6)];
     // Else only odd actors have handlers that do something.

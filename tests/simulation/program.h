@@ -23,7 +23,6 @@ struct Program {
     unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
     Shortage shortage{};
     bool closesShort = false; // of memory for the leave of the node
-    unsigned diskFails = 0;   // once in so many steps; 0: never
     bool foreign = false;     // there is a file of another's in the key file's place
     bool floods = false;      // queues get full
     std::vector<Operation> operations{};
@@ -31,7 +30,7 @@ struct Program {
     bool isExact() const { return level <= 1; } // else only what the application sees is compared
     bool loses() const {
         return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || closesShort || floods ||
-               diskFails > 0;
+               shortage.disk > 0;
     }
 };
 inline Program program; // the world's

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 
 #include <linux/futex.h>
@@ -24,7 +23,7 @@ constexpr std::uint64_t kSecond = 1000 * kMillisecond;
 bool fileIsLost = false;
 
 bool diskFails() {
-    const bool does = inLibrary() && world.chance.oneIn(program.diskFails);
+    const bool does = inLibrary() && world.chance.oneIn(shortage.disk);
     if (does) {
         note("the disk fails");
         errno = ENOSPC;
@@ -49,9 +48,8 @@ long __wrap_syscall(long number, const std::uint32_t *word, long operation, std:
     if ((operation & FUTEX_CMD_MASK) == FUTEX_WAKE) {
         world.wake(word, value > 1);
     } else if (*word == value && !world.chance.oneIn(32)) { // some sleeps end at once, for nothing
-        const auto seconds = static_cast<std::uint64_t>(limit ? limit->tv_sec : 0);
-        const auto more = static_cast<std::uint64_t>(limit ? limit->tv_nsec : 0);
-        world.sleepOn(word, limit ? world.now() + seconds * kSecond + more : kNever);
+        const long long time = limit ? limit->tv_sec * 1'000'000'000LL + limit->tv_nsec : 0;
+        world.sleepOn(word, limit ? world.now() + static_cast<std::uint64_t>(time) : kNever);
     }
     return 0;
 }
@@ -72,16 +70,14 @@ int __wrap_clock_gettime(clockid_t clock, timespec *time) {
 
 std::FILE *__real_fopen(const char *path, const char *mode);
 std::FILE *__wrap_fopen(const char *path, const char *mode) {
-    if (std::strcmp(path, "log") != 0) {
-        return diskFails() ? nullptr : __real_fopen(path, mode);
-    }
-    cookie_io_functions_t functions{};
-    functions.write = [](void * /*cookie*/, const char *line, std::size_t size) {
-        const InLibrary no{false};
-        readLine({line, size});
-        return static_cast<ssize_t>(size);
-    };
-    return fopencookie(nullptr, mode, functions);
+    return diskFails() ? nullptr : __real_fopen(path, mode);
+}
+
+// Only the log writes so.
+std::size_t __wrap_fwrite(const char *line, std::size_t /*unit*/, std::size_t size, FILE *) {
+    const InLibrary no{false};
+    readLine({line, size});
+    return size;
 }
 
 ssize_t __real_write(int file, const void *data, std::size_t size);

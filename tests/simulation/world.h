@@ -139,14 +139,17 @@ inline bool inLibrary() {
     return world.current && world.current->inLibrary;
 }
 
-// Which allocations of the library are refused: one in so many by chance, and the n-th; 0: none. A
-// block that is free is not handed out again, so whoever touches it is found out.
+// Which allocations of the library are refused, and how often the disk fails: once in so many times
+// by chance, and the n-th; 0: never.
 struct Shortage {
     unsigned oneIn = 0;
     std::uint64_t nth = 0;
+    unsigned disk = 0;
 };
 inline Shortage shortage;
-void *allocate(std::size_t size, std::size_t alignment = 16); // what the library is going to free
+// A block that the library is going to free. It is not handed out again then, so whoever touches it
+// is found out.
+void *allocate(std::size_t size, std::size_t alignment = 16);
 void expectNothingLeft();
 
 inline constexpr std::size_t kFailure = 4096;
