@@ -25,7 +25,7 @@ string traceOf(const string &action, const string &topic, const string &url, con
                std::size_t size) {
     const string payload = !data ? "NULL" : size > 0 && size < 200 ? data : "BinaryData...";
     return ",  action: " + action + ", topic: " + topic + ",  url: " + url +
-           ", payload: " + payload + ", payload len: " + std::to_string(data ? size : 0);
+           ", payload: " + payload + ", payload len: " + std::to_string(size);
 }
 
 // The level and the text of a line, without places in the sources and addresses; and of a trace,
@@ -346,17 +346,11 @@ void readNode(Node &node, const Line &line) {
     }
 }
 
-// Warnings and errors that tell of what the application does; and of memory and time.
+// Warnings and errors that tell of what the application does.
 constexpr const char *kUsual[] = {" already ",          " remove old ",
                                   " is exit",           "exist deadlock",
                                   "not url path",       "params format error",
                                   "func not implement", "timerId overstep the boundary 32767"};
-constexpr const char *kOfLoss[] = {"failed",         "timeout",
-                                   "full",           "malloc",
-                                   "memory",         "error",
-                                   "sticky topic",   "is not read, and",
-                                   "is not written", "can't be set aside",
-                                   "is no key store"};
 
 } // namespace
 
@@ -371,8 +365,7 @@ void readLine(const string &written) {
     note("log: " + text);
     expect(!isPart("\xDD"), "writes memory that is free to the log");
     expect((text[0] != 'W' && text[0] != 'E') || std::ranges::any_of(kUsual, isPart) ||
-               (program.loses() && !(program.floods && text[0] == 'E') &&
-                std::ranges::any_of(kOfLoss, isPart)),
+               (program.loses() && !(program.floods && text[0] == 'E')),
            "nothing explains: " + text);
     const bool isCounted = isPart("queue is full") && !isPart(" subscribe topic ");
     losses +=

@@ -1,6 +1,5 @@
 #include "program.h"
 
-#include "bus_mk_queue.h"
 #include "model.h"
 
 #include <bus_client.h>
@@ -20,30 +19,40 @@ using Text = std::optional<string>; // that the library is given; nothing: null
 // A thread that makes a node and uses it, once and again.
 struct Actor {
     unsigned number;
-    std::vector<Operation> operations[kPlaces]{};
-    std::size_t handled = 0; // operations that handlers have carried out
+    std::deque<Operation> left[kPlaces]{}; // to be carried out
+    bool has[kPlaces]{};                   // there have been any
     client_t *client = nullptr;
     Node *node = nullptr;
     Thread *spin = nullptr;
 
-    void open();
-    void start();
-    void close();
-    string call(const string &url, const Text &text = {});
-    void carryOut(Place place) {
-        for (const Operation &operation : operations[place]) {
-            operation.act(*this, operation);
+    explicit Actor(unsigned which) : number{which} {
+        for (const Operation &operation : program.operations) {
+            if (operation.actor == number) {
+                left[operation.place].push_back(operation);
+                has[operation.place] = true;
+            }
         }
     }
-    bool isAlone() const { return operations[kHandler].empty() && operations[kHelper].empty(); }
+    // Carries out the next operation that is meant for a place. False: there is none.
+    bool goOn(Place place) {
+        if (left[place].empty()) {
+            return false;
+        }
+        const Operation next = left[place].front();
+        left[place].pop_front();
+        next.act(*this, next);
+        return true;
+    }
+    void open(bool spins);
+    void close();
+    string call(const string &url, const Text &text = {});
 };
 
 namespace {
 
 Zelvo_t *bus = nullptr;
 constexpr unsigned kLong = 50'000; // milliseconds; nothing but time-outs takes as long
-constexpr char kForeign[] = "[1]";
-std::list<Node> nodes; // all that there have been
+std::list<Node> nodes;             // all that there have been
 
 // Calls into the library.
 template <typename Function, typename... Arguments>
@@ -57,11 +66,11 @@ auto enter(const string &what, Function function, Arguments... arguments) {
 // The same for what waits for an answer: no longer than it may, where nothing else keeps it.
 template <typename Function, typename... Arguments>
 auto await(const string &what, Function function, Arguments... arguments) {
-    const unsigned limit = program.closesShort ? kLong : program.timeLimit;
-    const std::uint64_t latest = world.now() + (limit + 5) * kMillisecond;
+    const unsigned limit =
+        program.timeLimit > 0 && world.isPrompt() ? program.timeLimit + 5 : kLong;
+    const std::uint64_t latest = world.now() + limit * kMillisecond;
     const auto result = enter(what, function, arguments...);
-    expect(limit == 0 || (limit < kLong && !world.isPrompt()) || world.now() <= latest,
-           "waits for longer than its time limit");
+    expect(world.now() <= latest, "waits for longer than its time limit");
     return result;
 }
 
@@ -79,13 +88,9 @@ int lengthOf(const Text &text) {
 
 // ---- handlers ----
 
-// A handler carries out the next operation that is meant for one.
 int handle(Node &node) {
     node.handles = true;
-    if (Actor &actor = *node.actor; actor.handled < actor.operations[kHandler].size()) {
-        const Operation &next = actor.operations[kHandler][actor.handled++];
-        next.act(actor, next);
-    }
+    node.actor->goOn(kHandler);
     node.handles = false;
     node.lookedUntil = world.now();
     return 0;
@@ -121,21 +126,18 @@ int ring(void *self, client_t * /*client*/, int type) {
 
 // ---- the node of an actor ----
 
-void Actor::open() {
+void Actor::open(bool spins) {
     client = nullptr;
     for (int tries = program.loses() ? 10 : 1; !client && tries > 0; --tries) {
         world.current->node = node = &nodes.emplace_back(Node{"n" + to_string(number), this});
         client = await("connects", busClientConnect, bus, node->name.c_str(), hear, reply, node);
     }
     expect(client || program.loses(), "can't connect");
-}
-
-void Actor::start() {
     const auto run = [this] {
         node->spins = true;
         enter("spins", busClientSpin, client);
     };
-    spin = client ? world.spawn(node->name + "'s", run, node) : nullptr;
+    spin = client && spins ? world.spawn(node->name + "'s", run, node) : nullptr;
 }
 
 void Actor::close() {
@@ -148,23 +150,22 @@ void Actor::close() {
     }
     expect(!spin || !enter("calls once more", busClientCall, client, "/bus/nodes", nullptr, 0),
            "is answered, and has left the bus");
-    for (int i = 0; program.closesShort && i < 200 && !world.isDone("calls /" + node->name); ++i) {
+    for (int i = 0; program.shortage.close > 0 && i < 200 && !world.isDone("calls /" + node->name);
+         ++i) {
         world.yield(); // to meet a call that is on its way
     }
-    world.current->refusals = program.closesShort ? 2 : 0; // to leave, and to be taken off
+    world.current->refusals = program.shortage.close; // to leave, and to be taken off
     enter("closes", busClientClose, std::exchange(client, nullptr));
-    world.current->refusals = 0;
-    if (program.closesShort) {
+    if (std::exchange(world.current->refusals, 0) < program.shortage.close) {
         world.pause(2 * kLong); // who waits for it now is not helped by what it does next
     }
-    spin = nullptr;
 }
 
 // The answer, unless the call of another thread may have ended it.
 string Actor::call(const string &url, const Text &text) {
     const char *const got = await("calls " + url, busClientCall, client, url.c_str(),
                                   given(text).get(), lengthOf(text));
-    if (!isAlone()) {
+    if (has[kHandler] || has[kHelper]) {
         return "";
     }
     node->getsAnswer(got, url[1] == 'n' && text ? text->c_str() : "");
@@ -191,8 +192,9 @@ string topicOf(unsigned number) {
 void publish(Actor &actor, const Operation &o) {
     const Text text = textOf(actor, o);
     const bool sticky = o.a % 2 == 1;
+    const char *const topic = sticky ? "s1" : o.a % 4 == 0 ? "bus.event" : "t0";
     enter("publishes " + text.value_or("null"), sticky ? busClientPublishSticky : busClientPublish,
-          actor.client, sticky ? "s1" : "t0", given(text).get(), lengthOf(text));
+          actor.client, topic, given(text).get(), lengthOf(text));
 }
 
 // More than the bus has places for, at once.
@@ -258,6 +260,13 @@ void killTimer(Actor &actor, const Operation &o) {
     }
 }
 
+// A message that comes when a timer is due, or has just been.
+void meetTimer(Actor &actor, const Operation &o) {
+    setTimer(actor, o);
+    world.pause(actor.node->timers.back().delay + o.a % 2);
+    publish(actor, {nullptr, o.actor, o.place, 0, o.b});
+}
+
 void pause(Actor & /*actor*/, const Operation &o) {
     world.pause(o.b % (o.b % 2 == 0 ? 8 : 60));
 }
@@ -269,24 +278,10 @@ void awaitTimers(Actor &actor, const Operation &o) {
     }
 }
 
-void rejoin(Actor &actor, const Operation & /*o*/) {
-    if (actor.isAlone() && !actor.spin) {
-        actor.node->leaves = true;
-        for (const char *url : {"/bus/disjoin", "/n0/ask", "/bus/join"}) {
-            actor.call(url);
-        }
-        actor.node->leaves = false;
-    }
-}
-
 void reopen(Actor &actor, const Operation &o) {
-    if (o.place == kOwner && actor.operations[kHelper].empty()) {
-        const bool spins = actor.spin;
+    if (o.place == kOwner && !actor.has[kHelper]) {
         actor.close();
-        actor.open();
-        if (spins) {
-            actor.start();
-        }
+        actor.open(actor.spin);
     }
 }
 
@@ -299,29 +294,28 @@ void stopBus(Actor & /*actor*/, const Operation & /*o*/) {
 constexpr auto kSubscribe = changeTopics<busClientSubscribe>;
 constexpr auto kUnsubscribe = changeTopics<busClientUnsubscribe>;
 using Act = decltype(Operation::act);
-constexpr Act kAll[] = {publish, publish,     removeSticky, kSubscribe, kUnsubscribe,
-                        call,    askBus,      useKey,       setTimer,   killTimer,
-                        pause,   awaitTimers, rejoin,       reopen,     stopBus};
+constexpr Act kAll[] = {publish, publish,   removeSticky, kSubscribe, kUnsubscribe,
+                        call,    askBus,    useKey,       setTimer,   killTimer,
+                        pause,   meetTimer, awaitTimers,  reopen,     stopBus};
 // Half of a world's operations are of a few kinds, which so come upon each other.
 constexpr Act kThemes[][4] = {
     {publish, kSubscribe, pause, publish}, {call, call, askBus, setTimer},
-    {setTimer, setTimer, pause, call},     {useKey, useKey, publish, stopBus},
-    {reopen, rejoin, call, stopBus},       {publish, removeSticky, kSubscribe, reopen}};
+    {setTimer, meetTimer, pause, call},    {useKey, useKey, publish, stopBus},
+    {reopen, call, call, stopBus},         {publish, removeSticky, kSubscribe, reopen}};
 
 // ---- a world ----
 
 void live(Actor &actor) {
-    actor.open();
-    if (actor.number % 3 != (program.closesShort ? 1U : 2U)) {
-        actor.start();
-    }
+    actor.open(actor.number % 3 != 2);
     if (!actor.client) {
         return;
     }
-    const auto helpOut = [&] { actor.carryOut(kHelper); };
-    Thread *const second = world.spawn(actor.node->name + " too", helpOut, actor.node);
-    actor.carryOut(kOwner);
-    world.join(second);
+    const auto helpOut = [&] {
+        while (actor.goOn(kHelper)) {}
+    };
+    const Thread *const helper = world.spawn(actor.node->name + " too", helpOut, actor.node);
+    while (actor.goOn(kOwner)) {}
+    world.join(helper);
     if (actor.number % 2 == 0) {
         awaitTimers(actor, {});
     }
@@ -352,32 +346,30 @@ void expectBalance(const string &stats) {
 
 // Whatever the disk did, the file is whole, and what it was has been kept.
 void expectFiles() {
-    bool kept = !program.foreign;
     for (const auto &entry : std::filesystem::directory_iterator{"."}) {
         std::ifstream file{entry.path()};
         const string text{std::istreambuf_iterator<char>{file}, {}};
-        kept |= text == kForeign;
-        expect(text == kForeign || (text[0] == '{' && text.back() == '}'), "a torn file: " + text);
+        expect(text[0] == '{' && text.back() == '}', "a torn file: " + text);
     }
-    expect(kept, "a file that is no key store is gone");
 }
 
 // A last node finds the bus empty, and may leave while it stops for good.
 void lookAround(bool &over) {
     Actor last{99};
+    const auto ask = [&](const char *url) {
+        string answer;
+        while (answer.empty()) { // again where the time was up
+            answer = last.call(url);
+        }
+        return answer;
+    };
     world.pause(program.floods ? 1000 : 0); // or its join may find no place
     while (!last.client) {
-        last.open();
+        last.open(false);
     }
-    string seen, stats;
-    while (seen.empty()) { // again where the time was up
-        seen = last.call("/bus/nodes");
-    }
+    const string seen = ask("/bus/nodes");
     expect(seen == "{\n\t\"data\":\t[\"n99\"]\n}", "the bus still knows " + seen);
-    while (stats.empty()) {
-        stats = last.call("/bus/stats");
-    }
-    expectBalance(stats);
+    expectBalance(ask("/bus/stats"));
     over = true;
     if (!program.isExact()) {
         enter("stops the bus", busClientServerExit, bus);
@@ -385,30 +377,9 @@ void lookAround(bool &over) {
     last.close();
 }
 
-// One item wakes both who wait for it; and who waits for a limited time may destroy the queue that
-// its sender has just been in.
-void useQueue() {
-    bus_mk_q_t *const q = enter("makes a queue", bus_mk_q_new, 2, nullptr);
-    const auto receive = [q] { enter("receives", bus_mk_q_recv, q, 0, 0, 1); };
-    const auto send = [q] { enter("sends", bus_mk_q_send, q, q, -1); };
-    const Thread *const receivers[] = {world.spawn("r1", receive), world.spawn("r2", receive)};
-    world.pause(kLong); // until they sleep
-    send();
-    std::ranges::for_each(receivers, [](const Thread *thread) { world.join(thread); });
-    const Thread *const sender = world.spawn("s", send);
-    while (!enter("takes", bus_mk_q_recv, q, 1, 0, 1)) {
-        enter("waits", bus_mk_q_wait, q, 3U);
-    }
-    enter("destroys the queue", bus_mk_q_clear, q, nullptr, 0);
-    world.join(sender);
-}
-
 } // namespace
 
 void play() {
-    if (program.foreign) {
-        std::ofstream{"keys.json"} << kForeign;
-    }
     const string configuration = "{\"level\":" + to_string(program.level) +
                                  R"(,"path":"/dev/null","size":0,"stats":true,"callTimeout":)" +
                                  to_string(program.timeLimit) + "}";
@@ -417,6 +388,7 @@ void play() {
     Thread *const loop = world.spawn("bus", [&] {
         while (!over) {
             enter("runs the bus", busClientBindServer, bus);
+            world.pause(world.chance.below(2) * 50);
         }
     });
     shortage = program.shortage;
@@ -424,12 +396,7 @@ void play() {
     std::list<Actor> actors;
     std::vector<Thread *> threads;
     for (unsigned number = 0; number < program.actors; ++number) {
-        Actor &actor = actors.emplace_back(Actor{number});
-        for (const Operation &operation : program.operations) {
-            if (operation.actor == number) {
-                actor.operations[operation.place].push_back(operation);
-            }
-        }
+        Actor &actor = actors.emplace_back(number);
         threads.push_back(world.spawn("n" + to_string(number), [&actor] { live(actor); }));
     }
     std::ranges::for_each(threads, [](Thread *thread) { world.join(thread); });
@@ -440,51 +407,41 @@ void play() {
     }
     enter("deletes the bus", busClientDelete, bus);
     expectNothingOnItsWay();
-    useQueue();
     expectNothingLeft();
     expectFiles();
 }
 
 Program makeProgram(std::uint64_t seed) {
     constexpr unsigned kRates[] = {3, 4, 20, 100};
+    constexpr unsigned kLikely[] = {1, 1, 2, 0, 4, 3, 2, 2}; // theme of a kind of world
     Random random{~seed};
     Program made;
     made.actors = 2 + random.below(3);
     const unsigned kind = random.below(10); // most worlds are exact, and lack nothing
-    made.level = kind > 6 ? 1 : static_cast<int>(random.below(4)) + 2;
-    made.timeLimit = kind < 3 ? 5 + random.below(40) : 0;
-    made.floods = kind == 4 && random.oneIn(3);
+    made.level = kind > 5 ? 1 : static_cast<int>(random.below(4)) + 2;
+    made.timeLimit = kind < 2 ? 1 + random.below(40) * random.below(2) : 0;
+    made.floods = kind == 3 && random.oneIn(3);
     made.level = made.floods ? 4 : made.level; // or the log would be long
-    made.shortage = {kind == 2 || kind == 3 ? kRates[random.below(4)] : 0,
-                     kind == 4 && !made.floods ? 1 + random.below(400) : 0,
-                     kind == 6 ? 2 + random.below(4) : 0};
-    made.closesShort = kind == 5;
-    made.foreign = kind == 6 && random.oneIn(2);
-    const unsigned likely = made.timeLimit > 0        ? 1
-                            : made.shortage.oneIn > 0 ? 2
-                            : made.shortage.disk > 0  ? 3
-                                                      : random.below(6);
-    const auto &theme = kThemes[random.oneIn(2) ? likely : random.below(6)];
+    made.shortage = {kind == 1 || kind == 2 ? kRates[random.below(4)] : 0,
+                     kind == 3 && !made.floods ? 1 + random.below(400) : 0,
+                     kind == 5 ? 2 + random.below(4) : 0, kind == 4 ? 2U : 0U};
+    const bool isLikely = kind < std::size(kLikely) && random.oneIn(2);
+    const auto &theme = kThemes[isLikely ? kLikely[kind] : random.below(6)];
     // Else only odd actors have handlers that do something.
     const bool mixed = made.timeLimit == 0 && random.oneIn(2);
     for (unsigned left = 2 + random.below(random.oneIn(3) ? 40 : 16); left > 0; --left) {
         const unsigned actor = random.below(made.actors);
-        const bool aside = !made.closesShort && (mixed || actor % 2 == 1) && random.oneIn(3);
+        const bool aside = (mixed || actor % 2 == 1) && random.oneIn(3);
         const unsigned place = aside ? 1 + random.below(2) : 0;
         Act act = random.oneIn(2) ? kAll[random.below(std::size(kAll))] : theme[random.below(4)];
         if (place == kHandler && random.oneIn(2)) {
             act = pause;
         } else if (made.level > 1 && random.oneIn(8)) {
             act = stopBus;
-        }
-        if (made.closesShort && !random.oneIn(4)) { // calls that are on the way to a node
-            act = actor == 1 ? reopen : call;
-        }
-        if (made.floods && random.oneIn(4)) {
+        } else if (made.floods && random.oneIn(4)) {
             act = flood;
         }
-        const unsigned a = made.closesShort ? 1 : random.below(1000);
-        made.operations.push_back({act, actor, place, a, random.below(1000)});
+        made.operations.push_back({act, actor, place, random.below(1000), random.below(1000)});
     }
     return made;
 }

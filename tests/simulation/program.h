@@ -22,15 +22,13 @@ struct Program {
     int level = 1;          // of the log
     unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
     Shortage shortage{};
-    bool closesShort = false; // of memory for the leave of the node
-    bool foreign = false;     // there is a file of another's in the key file's place
-    bool floods = false;      // queues get full
+    bool floods = false; // queues get full
     std::vector<Operation> operations{};
 
     bool isExact() const { return level <= 1; } // else only what the application sees is compared
     bool loses() const {
-        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || closesShort || floods ||
-               shortage.disk > 0;
+        return timeLimit > 0 || floods || shortage.oneIn > 0 || shortage.nth > 0 ||
+               shortage.disk > 0 || shortage.close > 0;
     }
 };
 inline Program program; // the world's

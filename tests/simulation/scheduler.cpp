@@ -47,6 +47,7 @@ void World::chooseStyle() {
     const unsigned span = kSpans[chance.below(3)];
     byPriority_ = chance.oneIn(3);
     rarity_ = kRarities[chance.below(7)];
+    grain_ = chance.oneIn(3) ? 1 : kMillisecond;
     yieldTime_ = chance.oneIn(2) ? 1000 : 5 * kMillisecond;
     std::generate_n(std::back_inserter(turns_), 12, [&] { return chance.below(span); });
     std::sort(turns_.rbegin(), turns_.rend());
@@ -182,7 +183,7 @@ void World::join(const Thread *thread) {
 void World::sleepOn(const void *address, std::uint64_t until) {
     current->asleep = true;
     current->word = address;
-    current->until = until;
+    current->until = until == kNever ? kNever : (until + grain_ - 1) / grain_ * grain_;
     handOn();
 }
 

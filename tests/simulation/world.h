@@ -115,6 +115,7 @@ private:
     std::vector<Thread *> alive_{}, ready_{};
     std::uint64_t nextChange_ = kNever, jumped_ = 0;
     unsigned rarity_ = 1;                // of changes of the thread, in steps
+    std::uint64_t grain_ = 1;            // of time-outs, which so end at once
     std::uint64_t yieldTime_ = 0;        // that a yield takes
     bool byPriority_ = false;            // the first in an order goes on
     std::vector<std::uint64_t> turns_{}; // steps at which it becomes the last; the last turn first
@@ -145,6 +146,7 @@ struct Shortage {
     unsigned oneIn = 0;
     std::uint64_t nth = 0;
     unsigned disk = 0;
+    unsigned close = 0; // of a node: so many allocations
 };
 inline Shortage shortage;
 // A block that the library is going to free. It is not handed out again then, so whoever touches it
