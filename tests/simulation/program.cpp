@@ -156,7 +156,8 @@ void Actor::close() {
     }
     world.current->refusals = program.shortage.close; // to leave, and to be taken off
     enter("closes", busClientClose, std::exchange(client, nullptr));
-    if (std::exchange(world.current->refusals, 0) < program.shortage.close) {
+    world.current->refusals = 0;
+    if (program.shortage.close > 0) {
         world.pause(2 * kLong); // who waits for it now is not helped by what it does next
     }
 }
@@ -306,7 +307,7 @@ constexpr Act kThemes[][4] = {
 // ---- a world ----
 
 void live(Actor &actor) {
-    actor.open(actor.number % 3 != 2);
+    actor.open(actor.number % 3 != (program.shortage.close > 0 ? 1U : 2U));
     if (!actor.client) {
         return;
     }
@@ -412,12 +413,12 @@ void play() {
 }
 
 Program makeProgram(std::uint64_t seed) {
-    constexpr unsigned kRates[] = {3, 4, 20, 100};
+    constexpr unsigned kRates[] = {2, 3, 8, 60};
     constexpr unsigned kLikely[] = {1, 1, 2, 0, 4, 3, 2, 2}; // theme of a kind of world
     Random random{~seed};
     Program made;
-    made.actors = 2 + random.below(3);
     const unsigned kind = random.below(10); // most worlds are exact, and lack nothing
+    made.actors = kind == 4 ? 2 : 2 + random.below(3);
     made.level = kind > 5 ? 1 : static_cast<int>(random.below(4)) + 2;
     made.timeLimit = kind < 2 ? 1 + random.below(40) * random.below(2) : 0;
     made.floods = kind == 3 && random.oneIn(3);
@@ -434,6 +435,10 @@ Program makeProgram(std::uint64_t seed) {
         const bool aside = (mixed || actor % 2 == 1) && random.oneIn(3);
         const unsigned place = aside ? 1 + random.below(2) : 0;
         Act act = random.oneIn(2) ? kAll[random.below(std::size(kAll))] : theme[random.below(4)];
+        if (kind == 4 && random.oneIn(2)) { // calls that are on the way to a node that closes
+            made.operations.push_back({actor == 1 ? reopen : call, actor, kOwner, 1, 1});
+            continue;
+        }
         if (place == kHandler && random.oneIn(2)) {
             act = pause;
         } else if (made.level > 1 && random.oneIn(8)) {

@@ -39,18 +39,16 @@ void putBack(const Thread &thread) {
 
 } // namespace
 
-// A walk, with changes of thread more or less often; or an order that changes at a few steps, which
+// A walk, with changes of thread more or less often; or an order that changes at few steps, which
 // finds rare ones. In both, one thread may stay where it is for long.
 void World::chooseStyle() {
     constexpr unsigned kRarities[] = {1, 2, 4, 8, 24, 80, 300};
     constexpr unsigned kSpans[] = {300, 3000, 12'000};
     const unsigned span = kSpans[chance.below(3)];
     byPriority_ = chance.oneIn(3);
-    rarity_ = kRarities[chance.below(7)];
+    rarity_ = byPriority_ ? span / 12 : kRarities[chance.below(7)];
     grain_ = chance.oneIn(3) ? 1 : kMillisecond;
     yieldTime_ = chance.oneIn(2) ? 1000 : 5 * kMillisecond;
-    std::generate_n(std::back_inserter(turns_), 12, [&] { return chance.below(span); });
-    std::sort(turns_.rbegin(), turns_.rend());
     heldFrom_ = chance.below(span);
     heldUntil_ = heldFrom_ + chance.below(4 * span);
 }
@@ -97,10 +95,7 @@ void World::handOn() {
     expect(++step < kMostSteps && now() <= kLastTime, "has no end");
     Thread &me = *current;
     current = next();
-    const std::uint64_t turn = turns_.empty() ? kMostSteps : turns_.back();
-    nextChange_ = current->alone ? kNever
-                  : byPriority_  ? turn
-                                 : step + (rarity_ > 1 ? chance.below(2 * rarity_) : 0);
+    nextChange_ = current->alone ? kNever : step + (rarity_ > 1 ? chance.below(2 * rarity_) : 0);
     if (current == &me) {
         return;
     }
@@ -113,9 +108,6 @@ void World::handOn() {
 }
 
 void World::change() {
-    while (!turns_.empty() && turns_.back() <= step) {
-        turns_.pop_back();
-    }
     current->priority = --lowest_;
     Thread &somebody = *alive_[chance.below(static_cast<unsigned>(alive_.size()))];
     if (somebody.word && chance.oneIn(8)) {

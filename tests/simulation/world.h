@@ -114,11 +114,10 @@ private:
     std::vector<std::unique_ptr<Thread>> threads_{};
     std::vector<Thread *> alive_{}, ready_{};
     std::uint64_t nextChange_ = kNever, jumped_ = 0;
-    unsigned rarity_ = 1;                // of changes of the thread, in steps
-    std::uint64_t grain_ = 1;            // of time-outs, which so end at once
-    std::uint64_t yieldTime_ = 0;        // that a yield takes
-    bool byPriority_ = false;            // the first in an order goes on
-    std::vector<std::uint64_t> turns_{}; // steps at which it becomes the last; the last turn first
+    unsigned rarity_ = 1;         // of changes of the thread, in steps
+    std::uint64_t grain_ = 1;     // of time-outs, which so end at once
+    std::uint64_t yieldTime_ = 0; // that a yield takes
+    bool byPriority_ = false;     // the first in an order goes on, and becomes the last at a change
     std::int64_t lowest_ = 0;
     Thread *held_ = nullptr; // stays where it is, as long as others can go on
     std::uint64_t heldFrom_ = 0, heldUntil_ = 0;
