@@ -119,8 +119,9 @@ void Inflow::settle(Topic &topic) {
     const char *const name = topic.onBus.c_str();
     topic.look = Topic::Look::kDue;
     if (topic.sticky) {
-        busClientPublishSticky(node_->get(), name, topic.sticky->data(),
-                               static_cast<int>(topic.sticky->size()));
+        const std::string &payload = *topic.sticky;
+        busClientPublishSticky(node_->get(), name, payload.data(),
+                               static_cast<int>(payload.size()));
     } else {
         busClientPublish(node_->get(), name, nullptr, 0);
         busClientRemoveSticky(node_->get(), jsonArray({topic.onBus}).c_str());

@@ -10,12 +10,12 @@ constexpr int kMostTries = 3;
 
 } // namespace
 
-void Outbox::Queue::insert(Place where, Publication publication) {
+void Outbox::Queue::insert(const Place &where, Publication publication) {
     bytes += publication.size();
     all.insert(where, std::move(publication));
 }
 
-Publication Outbox::Queue::take(Place which) {
+Publication Outbox::Queue::take(const Place &which) {
     Publication publication = std::move(*which);
     all.erase(which);
     bytes -= publication.size();

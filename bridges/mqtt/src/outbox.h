@@ -61,8 +61,8 @@ private:
         std::size_t bytes = 0;
 
         using Place = std::deque<Publication>::iterator;
-        void insert(Place where, Publication publication);
-        Publication take(Place which);
+        void insert(const Place &where, Publication publication);
+        Publication take(const Place &which);
     };
 
     const std::size_t mostMessages_, mostBytes_;

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 #include <mosquitto.h>
 
+#include <cstdio>
 #include <ctime>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -148,10 +148,11 @@ TEST(Log, a_line_has_the_form_of_the_bus_s_log_and_a_flood_is_counted) {
     const char *const rest = strptime(&text[text.find(']') + 1], "%Y-%m-%d %H:%M:%S", &time);
     ASSERT_TRUE(rest) << text;
     EXPECT_LE(std::abs(timegm(&time) - 8 * 3600 - std::time(nullptr)), 60); // in UTC+8
-    const std::string line{rest, std::strchr(rest, '\n')};
-    const std::regex form{R"(\.\d{3} \[E\] bridges/mqtt/tests/parts_test\.cpp# *\d+#  zelvo-mqtt )"
-                          "site a\\?\\?\\? \xc3\xbc\\.{593}"};
-    EXPECT_TRUE(std::regex_match(line, form)) << line;
+    int milliseconds = 0, number = 0, head = 0;
+    std::sscanf(rest, ".%3d [E] bridges/mqtt/tests/parts_test.cpp#%d#  zelvo-mqtt site %n",
+                &milliseconds, &number, &head);
+    const std::string line{rest + head, std::strchr(rest, '\n')};
+    EXPECT_EQ(line, "a??? \xc3\xbc" + std::string(593, '.'));
     EXPECT_TRUE(says(text, " 51 further lines were left out") && count(text, "flood") == 99U);
 }
 
