@@ -272,7 +272,7 @@ TEST(Names, close_ends_without_a_broker_and_a_name_service) {
         Bridged site{url, "site", R"("out":["t"],"call":["two"])", false};
         publish(site, "t", "x");
         EXPECT_EQ(site.listener.call("/two/n/x"), kRefused);
-        closeQuickly(site);
+        EXPECT_TRUE(isQuick([&] { site.close(); }));
         EXPECT_TRUE(says(site.log(), "1 publications are lost")) << url << site.log();
     }
     nameServiceGoesOn.set();
