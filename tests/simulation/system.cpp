@@ -2,11 +2,9 @@
 // answers: waiting and yielding by its scheduler, time by its clock. Files are real ones in a
 // directory of the program's own, but for the log, whose lines go to the model.
 #include "model.h"
-#include "scheduler.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 
 #include <linux/futex.h>
@@ -25,7 +23,7 @@ constexpr std::uint64_t kSecond = 1000 * kMillisecond;
 bool fileIsLost = false;
 
 bool diskFails() {
-    const bool does = inLibrary() && world.chance.oneIn(model.diskFails);
+    const bool does = inLibrary() && world.chance.oneIn(shortage.disk);
     if (does) {
         note("the disk fails");
         errno = ENOSPC;
@@ -50,9 +48,8 @@ long __wrap_syscall(long number, const std::uint32_t *word, long operation, std:
     if ((operation & FUTEX_CMD_MASK) == FUTEX_WAKE) {
         world.wake(word, value > 1);
     } else if (*word == value && !world.chance.oneIn(32)) { // some sleeps end at once, for nothing
-        const auto seconds = static_cast<std::uint64_t>(limit ? limit->tv_sec : 0);
-        const auto more = static_cast<std::uint64_t>(limit ? limit->tv_nsec : 0);
-        world.sleepOn(word, limit ? world.now() + seconds * kSecond + more : kNever);
+        const long long time = limit ? limit->tv_sec * 1'000'000'000LL + limit->tv_nsec : 0;
+        world.sleepOn(word, limit ? world.now() + static_cast<std::uint64_t>(time) : kNever);
     }
     return 0;
 }
@@ -73,16 +70,14 @@ int __wrap_clock_gettime(clockid_t clock, timespec *time) {
 
 std::FILE *__real_fopen(const char *path, const char *mode);
 std::FILE *__wrap_fopen(const char *path, const char *mode) {
-    if (std::strcmp(path, "log") != 0) {
-        return diskFails() ? nullptr : __real_fopen(path, mode);
-    }
-    cookie_io_functions_t functions{};
-    functions.write = [](void * /*cookie*/, const char *line, std::size_t size) {
-        const InLibrary no{false};
-        model.readLine({line, size});
-        return static_cast<ssize_t>(size);
-    };
-    return fopencookie(nullptr, mode, functions);
+    return diskFails() ? nullptr : __real_fopen(path, mode);
+}
+
+// Only the log writes so.
+std::size_t __wrap_fwrite(const char *line, std::size_t /*unit*/, std::size_t size, FILE *) {
+    const InLibrary no{false};
+    readLine({line, size});
+    return size;
 }
 
 ssize_t __real_write(int file, const void *data, std::size_t size);
@@ -94,11 +89,8 @@ ssize_t __wrap_write(int file, const void *data, std::size_t size) {
 int __wrap_fsync(int file) {
     struct stat status {};
     world.point();
-    if (fstat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
-        model.nameIsLost = false;
-    } else {
-        fileIsLost = false;
-    }
+    fstat(file, &status);
+    (S_ISDIR(status.st_mode) ? nameIsLost : fileIsLost) = false;
     return 0;
 }
 
@@ -106,7 +98,7 @@ int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
     world.point();
     expect(!fileIsLost, "gives its name to a file that a loss of power would tear");
-    model.nameIsLost = true;
+    nameIsLost = true;
     return diskFails() ? -1 : __real_rename(from, to);
 }
 }

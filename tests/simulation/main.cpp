@@ -5,7 +5,6 @@
 //   --seconds S       worlds from a first one by chance, which is printed, for S seconds
 //   --replay SEED     one world, with its account
 #include "program.h"
-#include "scheduler.h"
 
 #include <chrono>
 #include <cstdio>
@@ -24,7 +23,7 @@ using namespace simulation;
 
 // Whether a world fails; order: of its events, given its operations. What is wrong stands in
 // failure.
-bool fails(const Program &program, std::uint64_t order, bool account = false) {
+bool fails(const Program &tried, std::uint64_t order, bool account = false) {
     constexpr unsigned kMostSeconds = 30;
     std::fflush(stdout);
     for (const auto &left : std::filesystem::directory_iterator{"."}) {
@@ -35,7 +34,8 @@ bool fails(const Program &program, std::uint64_t order, bool account = false) {
     if (process == 0) {
         alarm(kMostSeconds);
         hasAccount = account;
-        world.run(order, [&] { play(program); });
+        program = tried;
+        world.run(order, play);
         std::fflush(stdout);
         _exit(0);
     }
@@ -48,41 +48,39 @@ bool fails(const Program &program, std::uint64_t order, bool account = false) {
 }
 
 // Leaves out operations as long as the rest fails in some order of events, which is noted.
-Program madeSmall(Program program, std::uint64_t &order) {
+Program madeSmall(Program failing, std::uint64_t &order) {
     constexpr std::uint64_t kOrders = 60;
-    for (std::size_t part = program.operations.size(); part > 0; part /= 2) {
-        for (std::size_t at = 0; at < program.operations.size();) {
-            Program less = program;
-            const auto begin = less.operations.begin() + static_cast<std::ptrdiff_t>(at);
-            const std::size_t number = std::min(part, less.operations.size() - at);
-            less.operations.erase(begin, begin + static_cast<std::ptrdiff_t>(number));
+    for (auto part = std::ssize(failing.operations); part > 0; part /= 2) {
+        for (std::ptrdiff_t at = 0; at < std::ssize(failing.operations);) {
+            Program less = failing;
+            const auto begin = less.operations.begin() + at, end = less.operations.end();
+            less.operations.erase(begin, begin + std::min(part, end - begin));
             std::uint64_t tried = 0;
             while (tried < kOrders && !fails(less, order + tried)) {
                 ++tried;
             }
             if (tried < kOrders) {
                 order += tried;
-                program = less;
+                failing = less;
             } else {
                 at += part;
             }
         }
     }
-    return program;
+    return failing;
 }
 
 int runAll(std::uint64_t first, std::uint64_t last, std::chrono::seconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     std::uint64_t seed = first;
     for (; seed <= last && std::chrono::steady_clock::now() < end; ++seed) {
-        const Program program = makeProgram(seed);
-        if (fails(program, seed)) {
+        const Program made = makeProgram(seed);
+        if (fails(made, seed)) {
             std::printf("world %llu: %s\n\nmade smaller:\n", static_cast<unsigned long long>(seed),
                         failure);
             std::uint64_t order = seed;
-            const Program small = madeSmall(program, order);
-            fails(small, order, true);
-            return 1;
+            const Program small = madeSmall(made, order);
+            return fails(small, order, true) ? 1 : 2;
         }
     }
     std::printf("%llu worlds, none failed\n", static_cast<unsigned long long>(seed - first));
@@ -109,8 +107,7 @@ bool enterDirectory() {
 
 int run(const std::string &option, const char *value) {
     unsigned long long first = std::random_device{}(), last = UINT64_MAX;
-    if (option == "--replay") {
-        first = std::strtoull(value, nullptr, 10);
+    if (option == "--replay" && std::sscanf(value, "%llu", &first) == 1) {
         const bool failed = fails(makeProgram(first), first, true);
         std::printf("world %llu %s\n", first, failed ? failure : "does not fail");
         return failed ? 1 : 0;

@@ -1,11 +1,12 @@
-// The threads of a simulated world. One of them runs at a time, until it comes to a place where
-// another might go on: each atomic operation of the library is one. The world's number decides who
-// goes on, so the same number gives the same run each time.
+// A simulated world: its threads, its clock and its memory. One thread runs at a time, until it
+// comes to a place where another might go on: each atomic operation of the library is one. The
+// world's number decides who goes on and what fails, so the same number gives the same run each
+// time.
 //
-// They are contexts in one thread of the system. What is thread_local in this program, the library
-// included, is kept for each of them.
-#ifndef ZELVO_SIMULATION_SCHEDULER_H
-#define ZELVO_SIMULATION_SCHEDULER_H
+// The threads are contexts in one thread of the system. What is thread_local in this program, the
+// library included, is kept for each of them.
+#ifndef ZELVO_SIMULATION_WORLD_H
+#define ZELVO_SIMULATION_WORLD_H
 
 #include <algorithm>
 #include <cstdint>
@@ -38,9 +39,12 @@ private:
 inline constexpr std::uint64_t kMillisecond = 1'000'000; // of the world's clock
 inline constexpr std::uint64_t kNever = UINT64_MAX;
 
+struct Node;
+
 struct Thread {
     std::string name;
     std::function<void()> body;
+    Node *node; // that it works for
     int number = 0;
     std::int64_t priority = 0; // where the first in an order goes on
     bool asleep = false, ended = false;
@@ -54,13 +58,19 @@ struct Thread {
     std::vector<std::pair<void (*)(void *), void *>> destructors{};
     std::unique_ptr<char[]> stack{};
     ucontext_t place{};
+
+    void arouse() {
+        asleep = false;
+        word = nullptr;
+        until = kNever;
+    }
 };
 
 class World {
 public:
     // Runs body as the first thread, until that and all that it has started have ended.
     void run(std::uint64_t seed, std::function<void()> body);
-    Thread *spawn(const std::string &name, std::function<void()> body);
+    Thread *spawn(const std::string &name, std::function<void()> body, Node *node = nullptr);
     void join(const Thread *thread);
     // A place where another thread may go on.
     void point() {
@@ -104,10 +114,10 @@ private:
     std::vector<std::unique_ptr<Thread>> threads_{};
     std::vector<Thread *> alive_{}, ready_{};
     std::uint64_t nextChange_ = kNever, jumped_ = 0;
-    unsigned rarity_ = 1;                // of changes of the thread, in steps
-    std::uint64_t yieldTime_ = 0;        // that a yield takes
-    bool byPriority_ = false;            // the first in an order goes on
-    std::vector<std::uint64_t> turns_{}; // steps at which it becomes the last; the last turn first
+    unsigned rarity_ = 1;         // of changes of the thread, in steps
+    std::uint64_t grain_ = 1;     // of time-outs, which so end at once
+    std::uint64_t yieldTime_ = 0; // that a yield takes
+    bool byPriority_ = false;     // the first in an order goes on, and becomes the last at a change
     std::int64_t lowest_ = 0;
     Thread *held_ = nullptr; // stays where it is, as long as others can go on
     std::uint64_t heldFrom_ = 0, heldUntil_ = 0;
@@ -128,6 +138,20 @@ private:
 inline bool inLibrary() {
     return world.current && world.current->inLibrary;
 }
+
+// Which allocations of the library are refused, and how often the disk fails: once in so many times
+// by chance, and the n-th; 0: never.
+struct Shortage {
+    unsigned oneIn = 0;
+    std::uint64_t nth = 0;
+    unsigned disk = 0;
+    unsigned close = 0; // of a node: so many allocations
+};
+inline Shortage shortage;
+// A block that the library is going to free. It is not handed out again then, so whoever touches it
+// is found out.
+void *allocate(std::size_t size, std::size_t alignment = 16);
+void expectNothingLeft();
 
 inline constexpr std::size_t kFailure = 4096;
 inline char *failure = nullptr; // where the process that has made this one reads what is wrong

@@ -3,15 +3,13 @@
 #ifndef ZELVO_SIMULATION_PROGRAM_H
 #define ZELVO_SIMULATION_PROGRAM_H
 
-#include "memory.h"
-
-#include <vector>
+#include "world.h"
 
 namespace simulation {
 
 // Who carries an operation out: the thread that has made the node, a handler of the node, or a
 // second thread that uses it.
-enum Place { kOwner, kHandler, kSecond, kPlaces };
+enum Place { kOwner, kHandler, kHelper, kPlaces };
 
 struct Operation {
     void (*act)(struct Actor &, const Operation &);
@@ -21,23 +19,22 @@ struct Operation {
 
 struct Program {
     unsigned actors = 2;
-    int level = 1;          // of the log; at 1 the world is exact
+    int level = 1;          // of the log
     unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
     Shortage shortage{};
-    bool closesShort = false; // of memory for the leave of the node
-    unsigned diskFails = 0;   // once in so many steps; 0: never
-    bool foreign = false;     // there is a file of another's in the key file's place
-    bool floods = false;      // queues get full
+    bool floods = false; // queues get full
     std::vector<Operation> operations{};
 
+    bool isExact() const { return level <= 1; } // else only what the application sees is compared
     bool loses() const {
-        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || closesShort || floods ||
-               diskFails > 0;
+        return timeLimit > 0 || floods || shortage.oneIn > 0 || shortage.nth > 0 ||
+               shortage.disk > 0 || shortage.close > 0;
     }
 };
+inline Program program; // the world's
 
 Program makeProgram(std::uint64_t seed);
-void play(const Program &program); // the body of a world's first thread
+void play(); // the body of a world's first thread
 
 } // namespace simulation
 

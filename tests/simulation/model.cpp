@@ -1,11 +1,6 @@
 #include "model.h"
 
-#include "scheduler.h"
-
-#include <algorithm>
 #include <cstdio>
-#include <utility>
-#include <vector>
 
 namespace simulation {
 namespace {
@@ -30,25 +25,32 @@ string traceOf(const string &action, const string &topic, const string &url, con
                std::size_t size) {
     const string payload = !data ? "NULL" : size > 0 && size < 200 ? data : "BinaryData...";
     return ",  action: " + action + ", topic: " + topic + ",  url: " + url +
-           ", payload: " + payload + ", payload len: " + std::to_string(data ? size : 0);
+           ", payload: " + payload + ", payload len: " + std::to_string(size);
 }
 
-// The level and the text of a line. Places in the sources and addresses are left out, and traces of
-// bus and nodes look the same.
-string wordsOf(const string &line) {
-    const std::size_t begin = line.find('#', line.find('#') + 1) + 1;
-    string text = line[line.find(" [") + 2] + line.substr(begin, line.size() - begin - 1);
-    if (text.compare(13, 2, " #") == 0) {
-        text.erase(13, text.find("# ", 15) - 12);
+// The level and the text of a line, without places in the sources and addresses; and of a trace,
+// which looks the same from the bus and from nodes, the message.
+struct Line {
+    string text, requestor, trace;
+
+    explicit Line(const string &line) {
+        const std::size_t begin = line.find('#', line.find('#') + 1) + 1;
+        text = line[line.find(" [") + 2] + line.substr(begin, line.size() - begin - 1);
+        if (text.compare(13, 2, " #") == 0) {
+            text.erase(13, text.find("# ", 15) - 12);
+        }
+        for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos;) {
+            text.erase(at, text.find_first_not_of("0123456789abcdefx", at) - at);
+        }
+        requestor = between(text, ", requestor: ", ", payload:");
+        if (!requestor.empty()) {
+            text.replace(text.find(", requestor: "), 23 + requestor.size(), ", payload: ");
+        }
+        trace = text.substr(std::min(text.size(), text.find(",  action: ")));
     }
-    for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos;) {
-        text.erase(at, text.find_first_not_of("0123456789abcdefx", at) - at);
-    }
-    if (const string requestor = between(text, ", requestor: ", ", payload:"); !requestor.empty()) {
-        text.replace(text.find(", requestor: "), 23 + requestor.size(), ", payload: ");
-    }
-    return text;
-}
+    // Whom it tells of a message with trace, behind an arrow.
+    string partner(const string &arrow) const { return between(text, arrow, ",  action: "); }
+};
 
 std::vector<string> listed(const string &json) {
     std::vector<string> texts;
@@ -73,12 +75,12 @@ struct Entry { // of the registry
     bool hears(const string &topic) const { return std::ranges::count(topics, topic) > 0; }
 };
 
-std::map<string, Node *> latest; // of each name
-std::deque<Entry> registry;      // in the order of joining
+std::deque<Entry> registry; // in the order of joining
 std::map<string, Message> sticky;
 std::map<string, string> keys;
 std::deque<string> mustSay;
-string host; // of a call by a node that is about to join
+std::map<int, std::deque<Message>> sent; // by each thread, and not yet taken by the bus
+Message current;                         // taken by the bus
 
 Entry *find(const string &name) {
     const auto found = std::ranges::find(registry, name, [](auto &e) { return e.node->name; });
@@ -108,7 +110,7 @@ void publish(const Message &message) {
     }
 }
 void notify(const string &topic, const string &text) {
-    publish({kBus, "", traceOf("publish", topic, "NULL", text.c_str(), text.size())});
+    publish({nullptr, kBus, "", traceOf("publish", topic, "NULL", text.c_str(), text.size())});
 }
 
 // What ends with "*" stands for anything.
@@ -131,7 +133,6 @@ bool closesRing(const string &caller) {
         if (!entry || entry->calls.empty() || step == registry.size()) {
             return false;
         }
-        say("D  Vek-server " + at + " call " + entry->calls + ", target: " + caller);
         at = entry->calls;
         if (at == caller) {
             return true;
@@ -167,7 +168,7 @@ string serve(const Message &message, Entry *sender, const string &path) {
     } else if (path == "/join") {
         notify("bus.event", R"({"event":"join", "name": ")" + message.name + "\"}");
         say("D  Vek-server " + message.name + " node joined");
-        registry.push_back({latest[message.name], {}, "bus"});
+        registry.push_back({message.node, {}, "bus"});
     } else if (path == "/subscribe") {
         std::ranges::for_each(topics, [&](const string &topic) { subscribe(*sender, topic); });
     } else if (path == "/unsubscribe") {
@@ -199,9 +200,10 @@ void request(const Message &message) {
         return answer(message, kUnknown);
     }
     const string to = url.substr(1, slash - 1), path = url.substr(slash);
-    say("V  Vek-server host: " + to + ", path: " + path);
     Entry *const sender = find(message.name);
-    (sender ? sender->calls : host) = to;
+    if (sender) {
+        sender->calls = to;
+    }
     if (isReserved(to)) {
         answer(message, to[0] == 'b' ? serve(message, sender, path) : serveKey(message, path));
     } else if (closesRing(message.name)) {
@@ -216,12 +218,10 @@ void request(const Message &message) {
 }
 
 void respond(const Message &message) {
-    for (const Entry &entry : registry) {
-        say("V  Vek-server name: " + entry.node->name + ", request_name: " + message.requestor);
-        if (entry.node->name == message.requestor) {
-            send(message.requestor, message);
-            break;
-        }
+    const Entry *const entry = find(message.requestor);
+    if (entry) {
+        expect(message.field("url").starts_with("/" + entry->calls), "answers what nobody asks");
+        send(message.requestor, message);
     }
     if (message.name == kBus && message.field("payload").starts_with(R"({"event":"disjoin")")) {
         say("D  Vek-server " + message.requestor + " disjoin");
@@ -250,71 +250,53 @@ void follow(const Message &message) {
 
 // ---- what the log says ----
 
-int busThread = 0;
-std::map<int, Node *> works;             // which node a thread works for
-std::map<int, std::deque<Message>> sent; // by each thread, and not yet taken by the bus
-Message current;                         // taken by the bus
-
-void busTakes(const string &from, const string &trace) {
+void busTakes(const string &from, const Line &line) {
     expect(mustSay.empty(), "the bus has not said: " + (mustSay.empty() ? "" : mustSay.front()));
     for (auto &[thread, messages] : sent) {
-        if (!messages.empty() && messages.front().name == from && messages.front().trace == trace) {
+        if (!messages.empty() && messages.front().name == from &&
+            messages.front().trace == line.trace) {
             current = messages.front();
+            current.requestor = line.requestor;
             messages.pop_front();
             return follow(current);
         }
     }
-    expect(trace.starts_with(",  action: exit,"),
-           "the bus takes what nobody has sent next: " + from + trace);
+    expect(line.trace.starts_with(",  action: exit,"),
+           "the bus takes what nobody has sent next: " + from + line.trace);
 }
 
-void busSends(const string &to, const string &trace) {
+void busSends(const string &to, const Line &line) {
     if (to == kBus) {
-        expect(!model.nameIsLost, "answers before the key file is on the disk");
-        sent[busThread].push_back({kBus, current.name, trace});
-    } else if (trace.starts_with(",  action: response")) {
-        find(to)->node->answer = trace;
+        expect(!nameIsLost, "answers before the key file is on the disk");
+        expect(line.requestor == current.name, "answers " + line.requestor);
+        sent[world.current->number].push_back({nullptr, kBus, "", line.trace});
+    } else if (line.trace.starts_with(",  action: response")) {
+        find(to)->node->answer = line.trace;
         find(to)->calls.clear();
     } else {
-        find(to)->node->inbox.push_back({"", current.name, trace, world.now()});
+        find(to)->node->inbox.push_back({nullptr, kBus, "", line.trace, world.now()});
     }
 }
 
-void readBus(const string &text, const string &trace) {
-    const string to = between(text, "Vek-server busServer ==> ", ",  action: ");
+void readBus(const Line &line) {
+    const string &text = line.text, to = line.partner("Vek-server busServer ==> ");
     if (text.starts_with("V  Vek-server busServer <== ")) {
-        return busTakes(between(text, "<== ", ",  action: "), trace);
+        return busTakes(line.partner("<== "), line);
     }
     const string next = mustSay.empty() ? "nothing" : mustSay.front();
     if (next.ends_with('*') ? text.starts_with(next.substr(0, next.size() - 1)) : text == next) {
         mustSay.pop_front();
     } else {
         const bool matters = text[0] == 'W' || text[0] == 'E' || !to.empty();
-        expect(!matters && !text.ends_with("disjoin"),
+        expect(!matters && !text.ends_with(" disjoin"),
                "the bus must say: " + next + "\n  and says: " + text);
     }
     if (!to.empty()) {
-        busSends(to, trace);
+        busSends(to, line);
     } else if (text.starts_with("D  Vek-server ") && text.ends_with(" disjoin")) {
         const string name = between(text, "Vek-server ", " disjoin");
         std::erase_if(registry, [&](const Entry &entry) { return entry.node->name == name; });
     }
-}
-
-// A response answers the request that the node has taken, or one that waits for it when it closes.
-void nodeSends(Node &node, Message message) {
-    const auto isAsked = [&](const Message &m) {
-        return message.field("action") == "response" && m.field("action") == "request" &&
-               m.field("url") == message.field("url");
-    };
-    const auto waiting = std::ranges::find_if(node.inbox, isAsked);
-    if (isAsked(node.taken)) {
-        message.requestor = std::exchange(node.taken, {}).requestor;
-    } else if (waiting != node.inbox.end()) {
-        message.requestor = waiting->requestor;
-        node.inbox.erase(waiting);
-    }
-    sent[world.current->number].push_back(message);
 }
 
 // A look has to do with the timers that were there when it began, and ends when none of them is
@@ -344,36 +326,31 @@ void nodeTakes(Node &node, const Message &message) {
     if (world.isPrompt()) { // it has looked since the message came, or not long before
         expectLooked(node, next->sent - kMillisecond, next->sent - kMillisecond);
     }
-    node.taken = *next;
+    node.taken = next->trace;
     node.inbox.erase(next);
 }
 
-void readNode(Node &node, const string &text, const string &trace) {
+void readNode(Node &node, const Line &line) {
+    const Message message{&node, node.name, "", line.trace};
     const auto runsNothing = [](const Timer &t) {
         return !t.hasFunction && !t.gone && t.due(t.begun) <= world.now();
     };
     const auto timer = std::ranges::find_if(node.timers, runsNothing);
-    if (text.find(" ==> busServer,  action: ") != text.npos) {
-        nodeSends(node, {node.name, "", trace});
-    } else if (text.find(" <== busServer,  action: ") != text.npos) {
-        nodeTakes(node, {"", "", trace});
-    } else if (text.ends_with("timer func not implement")) {
-        expect(timer != node.timers.end(), "no timer explains: " + text);
+    if (line.partner(" ==> ") == kBus) {
+        sent[world.current->number].push_back(message);
+    } else if (line.partner(" <== ") == kBus) {
+        nodeTakes(node, message);
+    } else if (line.text.ends_with("timer func not implement")) {
+        expect(timer != node.timers.end(), "no timer explains: " + line.text);
         timer->gone = true;
     }
 }
 
-// Warnings and errors that tell of what the application does; and of memory and time.
+// Warnings and errors that tell of what the application does.
 constexpr const char *kUsual[] = {" already ",          " remove old ",
                                   " is exit",           "exist deadlock",
                                   "not url path",       "params format error",
                                   "func not implement", "timerId overstep the boundary 32767"};
-constexpr const char *kOfLoss[] = {"failed",         "timeout",
-                                   "full",           "malloc",
-                                   "memory",         "error",
-                                   "sticky topic",   "is not read, and",
-                                   "is not written", "can't be set aside",
-                                   "is no key store"};
 
 } // namespace
 
@@ -381,81 +358,72 @@ string Message::field(const string &which) const {
     return between(trace, which + ": ", which == "payload" ? ", payload len: " : ", ");
 }
 
-void Model::readLine(const string &line) {
-    const string text = wordsOf(line);
+void readLine(const string &written) {
+    const Line line{written};
+    const string &text = line.text;
     const auto isPart = [&](const char *part) { return text.find(part) != text.npos; };
     note("log: " + text);
     expect(!isPart("\xDD"), "writes memory that is free to the log");
     expect((text[0] != 'W' && text[0] != 'E') || std::ranges::any_of(kUsual, isPart) ||
-               (loses && !(floods && text[0] == 'E') && std::ranges::any_of(kOfLoss, isPart)),
+               (program.loses() && !(program.floods && text[0] == 'E')),
            "nothing explains: " + text);
     const bool isCounted = isPart("queue is full") && !isPart(" subscribe topic ");
     losses +=
         isCounted || (text.starts_with("E  Vek-server ") && text.ends_with(" failed")) ? 1 : 0;
-    const string trace = text.substr(std::min(text.size(), text.find(",  action: ")));
-    if (exact && world.current->number == busThread) {
-        readBus(text, trace);
-    } else if (exact && works[world.current->number]) {
-        readNode(*works[world.current->number], text, trace);
+    if (program.isExact() && world.current->node) {
+        readNode(*world.current->node, line);
+    } else if (program.isExact()) {
+        readBus(line);
     }
 }
 
 // ---- what the application sees ----
 
-void Model::workFor(Node *node) {
-    works[world.current->number] = node;
-    if (node) {
-        latest[node->name] = node;
-    } else {
-        busThread = world.current->number;
-    }
-}
-
-void Model::getsAnswer(const Node &node, const char *text, const string &asked) {
+void Node::getsAnswer(const char *text, const string &asked) const {
     const string got = text ? text : "none";
+    note("gets " + got);
     const string trace =
-        traceOf("response", "NULL", between(node.answer, "url: ", ", "), text, got.size());
+        traceOf("response", "NULL", between(answer, "url: ", ", "), text, got.size());
     const string known[] = {"none", kEmpty, kUnknown, kNoHandler, "re:" + asked};
-    expect((!exact || (text ? trace == node.answer : node.leaves)) &&
+    expect((!program.isExact() || (text ? trace == answer : leaves)) &&
                (asked.empty() || std::ranges::count(known, got) > 0),
-           "asks " + asked + ", is handed " + node.answer + " and gets " + got);
+           "asks " + asked + ", is handed " + answer + " and gets " + got);
 }
 
-void Model::isHanded(Node &node, const string &about, const char *data, int length) {
+void Node::isHanded(const string &about, const char *data, int length) {
     note("is handed " + about + " " + (data ? data : "null"));
-    expectLooked(node, node.lookBegan, node.lookedUntil);
+    expectLooked(*this, lookBegan, lookedUntil);
     const bool isCall = about[0] == '/';
     const string trace = traceOf(isCall ? "request" : "publish", isCall ? "NULL" : about,
                                  isCall ? about : "NULL", data, static_cast<std::size_t>(length));
-    expect(!exact || trace == node.taken.trace, "has taken " + node.taken.trace);
+    expect(!program.isExact() || trace == taken, "has taken " + taken);
     int publisher = 0;
     long number = 0;
     if (about[0] == 't' && data && std::sscanf(data, "%d.%ld|", &publisher, &number) == 2) {
-        expect(number > std::exchange(node.last[publisher], number),
+        expect(number > std::exchange(last[publisher], number),
                "it has heard a later one of this publisher");
     }
 }
 
-void Model::runsTimer(Node &node, Timer &timer) {
+void Node::runs(Timer &timer) {
     note("runs timer " + std::to_string(timer.id));
     expect(!std::exchange(timer.gone, true) && world.now() >= timer.due(timer.begun),
            "it runs again, or after it was killed, or before it is due");
-    for (const Timer &other : node.timers) {
-        expect(!other.isMissed(std::min(timer.begun, node.lookBegan) - 1, node.lookBegan),
+    for (const Timer &other : timers) {
+        expect(!other.isMissed(std::min(timer.begun, lookBegan) - 1, lookBegan),
                "timer " + std::to_string(other.id) + " was set before, and is due");
     }
-    node.lookBegan = std::max(node.lookBegan, timer.begun); // it had to be there
+    lookBegan = std::max(lookBegan, timer.begun); // it had to be there
 }
 
-void Model::expectAllTaken() {
-    for (const Entry &entry : registry) {
-        const Node &node = *entry.node;
-        expect(!node.spins || node.handles || node.drains || node.inbox.empty(),
+void expectAllTaken() {
+    for (const auto &[node, topics, calls] : registry) {
+        expect(!node->spins || node->handles || node->drains || node->inbox.empty(),
                "a message has come, and its node sleeps on");
     }
 }
 
-void Model::expectNothingOnItsWay() {
+void expectNothingOnItsWay() {
     expect(mustSay.empty(), "the bus has something to say");
     for (const auto &[thread, messages] : sent) {
         expect(messages.empty(), "the bus has not taken what was sent");

@@ -1,7 +1,8 @@
-#include "scheduler.h"
+#include "world.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 
 #include <link.h>
 #include <unistd.h>
@@ -17,46 +18,37 @@ constexpr std::uint64_t kLastTime = kFirstTime + 36'000'000 * kMillisecond;
 ucontext_t worldsEnd;
 
 // The thread_local objects of this program, which the C++ library is a part of.
-const std::pair<char *, std::size_t> objects = [] {
-    std::pair<char *, std::size_t> found;
+const std::span<char> objects = [] {
+    std::span<char> found;
     const auto visit = [](dl_phdr_info *program, std::size_t, void *arg) { // the first is this one
-        for (const auto *part = program->dlpi_phdr;
-             part != program->dlpi_phdr + program->dlpi_phnum; ++part) {
-            if (part->p_type == PT_TLS) {
-                *static_cast<decltype(found) *>(arg) = {static_cast<char *>(program->dlpi_tls_data),
-                                                        part->p_memsz};
-            }
-        }
+        const auto *part = program->dlpi_phdr;
+        part = std::find_if(part, part + program->dlpi_phnum,
+                            [](const auto &p) { return p.p_type == PT_TLS; });
+        *static_cast<std::span<char> *>(arg) = {static_cast<char *>(program->dlpi_tls_data),
+                                                part->p_memsz};
         return 1;
     };
     dl_iterate_phdr(visit, &found);
     return found;
 }();
-const std::vector<char> untouched(objects.first, objects.first + objects.second);
+const std::vector<char> untouched(objects.begin(), objects.end());
 
 void putBack(const Thread &thread) {
-    std::copy(thread.objects.begin(), thread.objects.end(), objects.first);
-}
-
-void arouse(Thread &thread) {
-    thread.asleep = false;
-    thread.word = nullptr;
-    thread.until = kNever;
+    std::ranges::copy(thread.objects, objects.begin());
 }
 
 } // namespace
 
-// A walk, with changes of thread more or less often; or an order that changes at a few steps, which
+// A walk, with changes of thread more or less often; or an order that changes at few steps, which
 // finds rare ones. In both, one thread may stay where it is for long.
 void World::chooseStyle() {
     constexpr unsigned kRarities[] = {1, 2, 4, 8, 24, 80, 300};
     constexpr unsigned kSpans[] = {300, 3000, 12'000};
     const unsigned span = kSpans[chance.below(3)];
     byPriority_ = chance.oneIn(3);
-    rarity_ = kRarities[chance.below(7)];
+    rarity_ = byPriority_ ? span / 12 : kRarities[chance.below(7)];
+    grain_ = chance.oneIn(3) ? 1 : kMillisecond;
     yieldTime_ = chance.oneIn(2) ? 1000 : 5 * kMillisecond;
-    std::generate_n(std::back_inserter(turns_), 12, [&] { return chance.below(span); });
-    std::sort(turns_.rbegin(), turns_.rend());
     heldFrom_ = chance.below(span);
     heldUntil_ = heldFrom_ + chance.below(4 * span);
 }
@@ -76,7 +68,7 @@ Thread *World::next() {
         std::uint64_t soonest = kNever;
         for (Thread *thread : alive_) {
             if (thread->until <= now()) {
-                arouse(*thread);
+                thread->arouse();
             }
             if (!thread->asleep) {
                 ready_.push_back(thread);
@@ -103,29 +95,23 @@ void World::handOn() {
     expect(++step < kMostSteps && now() <= kLastTime, "has no end");
     Thread &me = *current;
     current = next();
-    const std::uint64_t turn = turns_.empty() ? kMostSteps : turns_.back();
-    nextChange_ = current->alone ? kNever
-                  : byPriority_  ? turn
-                                 : step + (rarity_ > 1 ? chance.below(2 * rarity_) : 0);
+    nextChange_ = current->alone ? kNever : step + (rarity_ > 1 ? chance.below(2 * rarity_) : 0);
     if (current == &me) {
         return;
     }
     if (me.ended) {
         setcontext(&current->place);
     }
-    std::copy_n(objects.first, objects.second, me.objects.begin());
+    std::ranges::copy(objects, me.objects.begin());
     swapcontext(&me.place, &current->place);
     putBack(me);
 }
 
 void World::change() {
-    while (!turns_.empty() && turns_.back() <= step) {
-        turns_.pop_back();
-    }
     current->priority = --lowest_;
     Thread &somebody = *alive_[chance.below(static_cast<unsigned>(alive_.size()))];
     if (somebody.word && chance.oneIn(8)) {
-        arouse(somebody); // without a reason
+        somebody.arouse(); // without a reason
     }
     handOn();
 }
@@ -148,9 +134,9 @@ void World::runCurrent() {
     handOn();
 }
 
-Thread *World::spawn(const std::string &name, std::function<void()> body) {
+Thread *World::spawn(const std::string &name, std::function<void()> body, Node *node) {
     Thread &thread =
-        *threads_.emplace_back(std::make_unique<Thread>(Thread{name, std::move(body)}));
+        *threads_.emplace_back(std::make_unique<Thread>(Thread{name, std::move(body), node}));
     thread.number = static_cast<int>(threads_.size());
     thread.priority = 1 + chance.below(1000);
     thread.objects = untouched;
@@ -189,7 +175,7 @@ void World::join(const Thread *thread) {
 void World::sleepOn(const void *address, std::uint64_t until) {
     current->asleep = true;
     current->word = address;
-    current->until = until;
+    current->until = until == kNever ? kNever : (until + grain_ - 1) / grain_ * grain_;
     handOn();
 }
 
@@ -199,7 +185,7 @@ void World::wake(const void *address, bool all) {
     for (std::size_t i = 0; i < alive_.size(); ++i) {
         Thread &thread = *alive_[(first + i) % alive_.size()];
         if (thread.word == address) {
-            arouse(thread);
+            thread.arouse();
             if (!all) {
                 return;
             }

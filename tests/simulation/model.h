@@ -6,29 +6,32 @@
 #ifndef ZELVO_SIMULATION_MODEL_H
 #define ZELVO_SIMULATION_MODEL_H
 
-#include <cstdint>
+#include "program.h"
+
 #include <deque>
 #include <map>
-#include <string>
 
 namespace simulation {
 
-// What a trace in the log tells of a message, from its action to the length of its payload.
 struct Message {
-    std::string name, requestor, trace;
+    Node *node; // that has sent it; null: the bus
+    std::string name, requestor;
+    std::string trace;      // in the log, from its action to the length of its payload
     std::uint64_t sent = 0; // when the bus sent it
 
     std::string field(const std::string &which) const;
 };
 
 struct Timer {
-    std::uint64_t begun; // when the call that sets it began; it is due after that
+    Node *node;
+    int type;
     unsigned delay;
     bool hasFunction;
-    int id = 0;                     // once that call has returned
-    std::uint64_t set = UINT64_MAX; // when it had
-    bool killed = false;            // somebody has asked for it
-    bool gone = false;              // it has run, or can't any more
+    std::uint64_t begun = world.now(); // when the call that sets it began; it is due after that
+    int id = 0;                        // once that call has returned
+    std::uint64_t set = kNever;        // when it had
+    bool killed = false;               // somebody has asked for it
+    bool gone = false;                 // it has run, or can't any more
 
     std::uint64_t due(std::uint64_t after) const { return (after / 1'000'000 + delay) * 1'000'000; }
     // Whether it must have run before a message is taken or another timer runs, where a look at the
@@ -41,35 +44,29 @@ struct Timer {
 // From its connect to its close.
 struct Node {
     std::string name;
+    struct Actor *actor;
     bool leaves = false, drains = false; // it is going to; it has heard of that
     bool told = false, mayTake = true;   // that is to be heard next; but for one that it has taken
     bool spins = false, handles = false; // its thread does; a handler runs
     std::deque<Message> inbox{};         // what the bus has sent it
-    Message taken{};                     // by it, last
+    std::string taken{};                 // by it, last
     std::string answer{};                // to its latest call, as the bus has handed it over
     std::deque<Timer> timers{};
     std::uint64_t lookBegan = 0;   // at timers, the latest; not before then
     std::uint64_t lookedUntil = 0; // timers due by then have had their turn
     std::map<int, long> last{};    // of each publisher, the number of what it has heard
+
+    void getsAnswer(const char *text, const std::string &asked) const;
+    void isHanded(const std::string &about, const char *data, int length);
+    void runs(Timer &timer);
 };
 
-struct Model {
-    bool exact = true;       // else only what the application sees is compared
-    bool loses = false;      // calls end early, memory is short, the disk fails, or queues are full
-    bool floods = false;     // that alone
-    long losses = 0;         // of messages and answers, that the log tells of
-    unsigned diskFails = 0;  // once in so many steps; 0: never
-    bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
+inline long losses = 0;         // of messages and answers, that the log tells of
+inline bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 
-    void readLine(const std::string &line); // of the log, from the current thread
-    void workFor(Node *node);               // the current thread does now; null: for the bus
-    void getsAnswer(const Node &node, const char *text, const std::string &asked);
-    void isHanded(Node &node, const std::string &about, const char *data, int length);
-    void runsTimer(Node &node, Timer &timer);
-    void expectNothingOnItsWay();
-    void expectAllTaken(); // where nobody can go on
-};
-inline Model model;
+void readLine(const std::string &line); // of the log, from the current thread
+void expectNothingOnItsWay();
+void expectAllTaken(); // where nobody can go on
 
 } // namespace simulation
 
