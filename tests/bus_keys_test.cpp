@@ -84,14 +84,20 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
             std::filesystem::permissions(file(), std::filesystem::perms{0666});
             return asNobody(body);
         }
-        if (by.full || !by.target) {
-            return by.full ? withFullDisk(3000, body) : (body(), true);
+        if (by.full) {
+            return withFullDisk(3000, body);
+        }
+        if (!by.target) {
+            body();
+            return true;
         }
         std::error_code error;
         std::filesystem::rename(file(), file() + ".away");
         std::filesystem::create_symlink(by.target, file(), error);
         const bool can = !error && (by.target[0] != '/' || std::filesystem::exists(by.target));
-        can ? body() : void();
+        if (can) {
+            body();
+        }
         std::filesystem::rename(file() + ".away", file());
         return can;
     };

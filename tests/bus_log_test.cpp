@@ -51,11 +51,12 @@ TEST_F(Log, line_carries_ids_time_and_source) {
     open();
     std::uint32_t thread = 0;
     time_point<system_clock, milliseconds> time;
-    inThreads(1, [&](int) { // whose id is not the process's
+    std::thread{[&] { // whose id is not the process's
         thread = platform::threadId();
         time = floor<milliseconds>(system_clock::now());
         bus::_bus_log(5, "src/a.cpp", 75, "f", "  %s, %3d, %9d, %d, %u\n", "Tag", 1, 23, 0, 4U);
-    });
+    }}
+        .join();
     char line[128] = "";
     for (; line != readFile(path_) && time <= system_clock::now(); time += 1ms) {
         const std::time_t local = system_clock::to_time_t(time + 8h);

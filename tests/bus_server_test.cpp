@@ -70,10 +70,11 @@ TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
                   {{{"a", "k"}, {"k", "m"}, {"m", "a"}}, true},
                   {{{"a", "k"}, {"k", "a"}, {"m", "a"}}}, // one was refused just now
                   {{{"k", "a"}, {"a", "k"}}, false, 1},
+                  {{{"bus", "k"}}},
                   // A call to the bus is none to a node of its name.
                   {{{"a", "bus"}, {"bus", "k"}, {"k", "a"}}}};
     for (const auto &c : kCases) {
-        const Bus bus;
+        const Bus bus{2};
         std::map<std::string, Node> nodes;
         for (const char *name : {"a", "k", "m", "bus"}) {
             nodes.try_emplace(name, bus, name);
@@ -87,6 +88,7 @@ TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
         EXPECT_EQ(nodes.at(caller).call("/" + callee + "/x"),
                   c.refused ? kEmptyAnswer : kNoHandlerAnswer)
             << bus.log();
+        EXPECT_TRUE(says(bus.log(), caller + " call " + callee + ", target: " + caller + "\n"));
         for (const char *name : {"k", "nobody"}) {
             EXPECT_EQ(_busServerHasDeadLock(bus.get()->server, name, "none"), -1);
         }

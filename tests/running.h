@@ -83,10 +83,6 @@ public:
                      file("bus.log") + "\"}"} {}
 
     std::string log() const { return readFile(file("bus.log")); }
-    // Whether it comes to say so.
-    bool logs(const std::string &part) const {
-        return eventually([&] { return says(log(), part); });
-    }
 };
 
 // What it hears is kept as "topic payload".

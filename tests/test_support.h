@@ -36,17 +36,6 @@ private:
     bool set_ = false;
 };
 
-// Runs body(0), body(1) and so on at the same time, each in a thread.
-void inThreads(int count, auto body) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back([&body, i] { body(i); });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-}
-
 // Waits until the condition holds; false: it never did.
 inline bool eventually(auto condition, std::chrono::milliseconds limit = kLimit) {
     const auto end = std::chrono::steady_clock::now() + limit;

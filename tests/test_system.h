@@ -10,7 +10,7 @@ using Body = std::function<void()>;
 // Runs body with the rights of a user who owns nothing. False: not run, which only root can do.
 bool asNobody(const Body &body);
 
-// Runs body while no file can grow beyond a size, as on a full disk. False: not run, as above.
+// Runs body while no file can grow beyond a size, as on a full disk. False: the system can't.
 bool withFullDisk(std::size_t size, const Body &body);
 
 #endif

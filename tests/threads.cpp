@@ -51,12 +51,17 @@ void live(const RunningBus &bus, int number) {
 int main(int argc, char **argv) {
     const std::chrono::seconds time{argc > 1 ? std::atoi(argv[1]) : 5};
     RunningBus bus{R"({"level":6,"callTimeout":100})"};
-    std::thread nodes{[&] { inThreads(4, [&](int number) { live(bus, number); }); }};
+    std::vector<std::thread> nodes;
+    for (int number = 0; number < 4; ++number) {
+        nodes.emplace_back(live, std::cref(bus), number);
+    }
     for (const auto end = std::chrono::steady_clock::now() + time;
          std::chrono::steady_clock::now() < end; bus.start()) {
         std::this_thread::sleep_for(std::chrono::milliseconds{50});
         bus.stop();
     }
     over = true;
-    nodes.join();
+    for (std::thread &node : nodes) {
+        node.join();
+    }
 }
