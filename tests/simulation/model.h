@@ -26,7 +26,6 @@ struct Timer {
     Node *node;
     int type;
     unsigned delay;
-    bool hasFunction;
     std::uint64_t begun = world.now(); // when the call that sets it began; it is due after that
     int id = 0;                        // once that call has returned
     std::uint64_t set = kNever;        // when it had
@@ -37,7 +36,7 @@ struct Timer {
     // Whether it must have run before a message is taken or another timer runs, where a look at the
     // timers that were there has found it due.
     bool isMissed(std::uint64_t there, std::uint64_t look) const {
-        return !gone && !killed && hasFunction && set <= there && due(set) <= look;
+        return !gone && !killed && set <= there && due(set) <= look;
     }
 };
 
@@ -54,7 +53,6 @@ struct Node {
     std::deque<Timer> timers{};
     std::uint64_t lookBegan = 0;   // at timers, the latest; not before then
     std::uint64_t lookedUntil = 0; // timers due by then have had their turn
-    std::map<int, long> last{};    // of each publisher, the number of what it has heard
 
     void getsAnswer(const char *text, const std::string &asked) const;
     void isHanded(const std::string &about, const char *data, int length);
