@@ -93,7 +93,8 @@ constexpr PropertyKind kProperties[] = {
 void receive(std::string_view line) {
     if (line == "!") {
         world->inflow.sweep();
-        world->inflow.expectAll();
+        world->inflow.expect(true);
+        world->inflow.check();
         return;
     }
     std::string_view letters = cut(line, '\t');

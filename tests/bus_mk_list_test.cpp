@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 namespace {
 
 TEST(List, keeps_its_order_from_both_ends) {
@@ -41,9 +43,31 @@ TEST(List, keeps_its_order_from_both_ends) {
 }
 
 // Guards that the process ends there, with the text.
-TEST(ListDeathTest, missing_list_or_node_ends_the_process) {
-    EXPECT_DEATH(bus_mk_list_cnt(nullptr), "assertion failed: list != NULL");
-    EXPECT_DEATH(bus_mk_list_del_node(bus_mk_list_new(nullptr), nullptr), "failed: node != NULL");
+TEST(List, missing_list_or_node_ends_the_process) {
+    bus_mk_list *const list = bus_mk_list_new(nullptr);
+    EXPECT_EQ(bus_mk_list_push_node_to_tail(list, nullptr), -1);
+    EXPECT_EQ(bus_mk_list_remove_node(list, nullptr), -1);
+    EXPECT_DEATH(bus_mk_list_del_node(list, nullptr), "assertion failed: node != NULL");
+    const auto next = bus_mk_list_iter_get(list, 0), previous = bus_mk_list_iter_get(list, 1);
+    bus_mk_list_destroy(list);
+    bus_mk_list *none = nullptr;
+    const std::function<void()> kCalls[] = {[&] { bus_mk_list_destroy(none); },
+                                            [&] { bus_mk_list_cnt(none); },
+                                            [&] { bus_mk_list_set_eq(none, nullptr); },
+                                            [&] { bus_mk_list_add(none, &none, 0); },
+                                            [&] { bus_mk_list_find(none, &none, nullptr); },
+                                            [&] { bus_mk_list_get_idx(none, 1); },
+                                            [&] { bus_mk_list_iter_get(none, 0); },
+                                            [&] { next(none); },
+                                            [&] { previous(none); },
+                                            [&] { bus_mk_list_get_tail_data(none); },
+                                            [&] { bus_mk_list_get_node_from_tail(none); },
+                                            [&] { bus_mk_list_push_node_to_tail(none, nullptr); },
+                                            [&] { bus_mk_list_remove_node(none, nullptr); },
+                                            [&] { bus_mk_list_del_node(none, nullptr); }};
+    for (const auto &call : kCalls) {
+        EXPECT_DEATH(call(), "assertion failed: list != NULL");
+    }
 }
 
 } // namespace

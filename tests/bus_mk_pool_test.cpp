@@ -1,5 +1,7 @@
 #include "bus_mk_pool.h"
 
+#include "bus_mk_queue.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,27 +12,33 @@ namespace {
 
 TEST(Pool, block_is_used_again_but_by_one_at_a_time) {
     bus_mk_pool_clear();
-    // So many blocks, the latter more than are kept, and for how many the heap has to be asked: it
+    bus_mk_q_t *const idle = bus_mk_q_new(1, nullptr);
+    // So many blocks, the last more than are kept, and for how many the heap has to be asked: it
     // may never give one again.
-    for (const auto &[number, asked] : {std::pair{500U, 564U}, {9000U, 25'000U}}) {
+    for (const auto &[number, asked] : {std::pair{20U, 20U}, {500U, 564U}, {9000U, 25'000U}}) {
         std::set<void *> seen;
-        for (int round = 0; round < 20; ++round) {
+        for (int round = 0; round < 21; ++round) {
             std::set<void *> blocks;
-            while (blocks.size() < number) {
-                ASSERT_TRUE(blocks.insert(bus_mk_pool_get()).second);
-            }
-            // A thread that ends leaves to the others what it has kept.
+            const auto get = [&, most = number] {
+                while (blocks.size() < most) {
+                    ASSERT_TRUE(blocks.insert(bus_mk_pool_get()).second);
+                }
+            };
             const auto giveBack = [&] {
                 std::for_each(blocks.begin(), blocks.end(), bus_mk_pool_put);
             };
-            round % 2 == 0 ? std::thread{giveBack}.join() : giveBack();
-            bus_mk_pool_trim();
+            // A thread that ends leaves to the others what it has kept; so does one that has
+            // nothing to do.
+            round % 3 == 0 ? get() : std::thread{get}.join();
+            round % 3 == 0 ? std::thread{giveBack}.join() : giveBack();
+            bus_mk_q_wait(idle, 1);
             seen.merge(blocks);
         }
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__MINGW32__) // where every block is the heap's
         EXPECT_LE(seen.size(), asked);
 #endif
     }
+    bus_mk_q_clear(idle, nullptr, 0);
 }
 
 // Guards the end of this program: a static object is destroyed after the thread's own ones.

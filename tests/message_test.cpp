@@ -6,6 +6,8 @@ namespace bus {
 
 TEST(Message, copies_hold_all_but_the_reference) {
     client_t client;
+    message_t none{};
+    EXPECT_EQ(_message_equal(nullptr, &none) + _message_equal(nullptr, nullptr), -2);
     const std::string data(200, 's');
     for (const std::size_t length : {0U, 1U, 199U, 200U}) {
         MessagePtr message{busClientExMessageNew("me", nullptr, "/a/b", "request", &client, nullptr,
@@ -13,9 +15,9 @@ TEST(Message, copies_hold_all_but_the_reference) {
         holdNode(*message, client);
         message->call = 7;
         EXPECT_EQ(client.references, 2);
+        message.reset(busClientExMessageCopy(message.get()));
         message.reset(copyForRequest(*message, "asker"));
         message.reset(copyWithAction(*message, Action::kExit));
-        message.reset(busClientExMessageCopy(message.get()));
         EXPECT_EQ(client.references, 1);
         EXPECT_EQ(message->call, 7U);
         EXPECT_EQ(_message_equal(message->action, message.get()), 0);
@@ -25,6 +27,9 @@ TEST(Message, copies_hold_all_but_the_reference) {
         EXPECT_EQ(message->payload->data, data.substr(0, length));
         EXPECT_EQ(tracedPayload(message->payload),
                   length % 200 == 0 ? "BinaryData..." : data.substr(0, length));
+        message->payload->data = nullptr;
+        message.reset(busClientExMessageCopy(message.get()));
+        EXPECT_TRUE(!message->payload->data && message->payload->len == 0);
         EXPECT_EQ(busClientExMessageDelete(message.release()), 0);
     }
 }

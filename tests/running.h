@@ -83,9 +83,9 @@ public:
                      file("bus.log") + "\"}"} {}
 
     std::string log() const { return readFile(file("bus.log")); }
-    void waitForLog(const std::string &part) const {
-        const Deadline deadline{part};
-        while (!says(log(), part)) {}
+    // Whether it comes to say so.
+    bool logs(const std::string &part) const {
+        return eventually([&] { return says(log(), part); });
     }
 };
 

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <mutex>
 #include <random>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,24 +46,6 @@ void inThreads(int count, auto body) {
         thread.join();
     }
 }
-
-// Ends the program where a scope takes longer than the limit.
-class Deadline : Signal {
-public:
-    explicit Deadline(const std::string &what, std::chrono::seconds limit = kLimit)
-        : thread_{[this, what, limit] {
-              if (!wait(limit)) {
-                  throw std::runtime_error{"hangs: " + what};
-              }
-          }} {}
-    ~Deadline() {
-        set();
-        thread_.join();
-    }
-
-private:
-    std::thread thread_;
-};
 
 // Waits until the condition holds; false: it never did.
 inline bool eventually(auto condition, std::chrono::milliseconds limit = kLimit) {

@@ -7,17 +7,10 @@
 
 using Body = std::function<void()>;
 
-// Runs body while the process can open no further file. False: not run, the system can't do that.
-bool withoutFiles(const Body &body);
-
 // Runs body with the rights of a user who owns nothing. False: not run, which only root can do.
 bool asNobody(const Body &body);
 
 // Runs body while no file can grow beyond a size, as on a full disk. False: not run, as above.
 bool withFullDisk(std::size_t size, const Body &body);
-
-// Starts a process that does work, and dies at some moment in its midst, a number of times;
-// runs look after each. Called while this process has one thread. False: not run, the system can't.
-bool whileKilled(int times, const Body &work, const Body &look);
 
 #endif

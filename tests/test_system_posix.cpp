@@ -3,22 +3,7 @@
 #include <csignal>
 
 #include <sys/resource.h>
-#include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-static bool withLimit(auto resource, rlim_t value, const Body &body) {
-    rlimit usual{};
-    getrlimit(resource, &usual);
-    const rlimit limit{value, usual.rlim_max};
-    const bool limited = setrlimit(resource, &limit) == 0;
-    body();
-    return setrlimit(resource, &usual) == 0 && limited;
-}
-
-bool withoutFiles(const Body &body) {
-    return withLimit(RLIMIT_NOFILE, 0, body);
-}
 
 bool asNobody(const Body &body) {
     if (geteuid() != 0 || seteuid(65534) != 0) {
@@ -30,20 +15,10 @@ bool asNobody(const Body &body) {
 
 bool withFullDisk(std::size_t size, const Body &body) {
     std::signal(SIGXFSZ, SIG_IGN);
-    return withLimit(RLIMIT_FSIZE, size, body);
-}
-
-bool whileKilled(int times, const Body &work, const Body &look) {
-    for (int i = 0; i < times; ++i) {
-        const pid_t child = fork();
-        if (child == 0) { // which dies when it has worked for so long
-            const itimerval limit{{0, 0}, {0, 3000 + i * 7919 % 20000}};
-            setitimer(ITIMER_PROF, &limit, nullptr);
-            work();
-            _exit(0);
-        }
-        waitpid(child, nullptr, 0);
-        look();
-    }
-    return true;
+    rlimit usual{};
+    getrlimit(RLIMIT_FSIZE, &usual);
+    const rlimit limit{size, usual.rlim_max};
+    const bool limited = setrlimit(RLIMIT_FSIZE, &limit) == 0;
+    body();
+    return setrlimit(RLIMIT_FSIZE, &usual) == 0 && limited;
 }

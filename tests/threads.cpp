@@ -1,15 +1,9 @@
 // Nodes on real threads that come, talk and go for a while, and a bus that stops and is run again:
 // what a simulated world cannot show, the memory order of a real processor, for the thread
 // sanitizer to watch. zelvo_threads SECONDS
-#include <bus_client.h>
+#include "running.h"
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -26,6 +20,7 @@ char *reply(void *, client_t *client, char *, char *, int) {
 }
 
 void use(client_t *client, std::mt19937 &random) {
+    busClientSubscribe(client, "[\"t\"]");
     for (unsigned left = static_cast<unsigned>(random()) % 200; left > 0; --left) {
         const std::string url = "/n" + std::to_string(random() % 4) + "/x";
         switch (random() % 4) {
@@ -41,25 +36,12 @@ void use(client_t *client, std::mt19937 &random) {
     }
 }
 
-void live(Zelvo_t *bus, unsigned number) {
-    std::mt19937 random{number};
+void live(const RunningBus &bus, int number) {
+    std::mt19937 random{static_cast<unsigned>(number)};
     while (!over) {
-        client_t *const client =
-            busClientConnect(bus, ("n" + std::to_string(number)).c_str(), hear, reply, nullptr);
-        if (client) {
-            busClientSubscribe(client, "[\"t\"]");
-            std::thread spin{busClientSpin, client};
-            use(client, random);
-            std::atomic<bool> ended{false};
-            std::thread asks{[&] { // again where its queue was full
-                for (; !ended; std::this_thread::yield()) {
-                    busClientSpinExit(client);
-                }
-            }};
-            spin.join();
-            ended = true;
-            asks.join();
-            busClientClose(client);
+        const RunningNode node{bus.get(), "n" + std::to_string(number), hear, reply};
+        if (node.get()) {
+            use(node.get(), random);
         }
     }
 }
@@ -68,25 +50,13 @@ void live(Zelvo_t *bus, unsigned number) {
 
 int main(int argc, char **argv) {
     const std::chrono::seconds time{argc > 1 ? std::atoi(argv[1]) : 5};
-    Zelvo_t *const bus = busClientNew(R"({"level":6,"callTimeout":100})");
-    std::thread loop{[&] {
-        while (!over) {
-            busClientBindServer(bus);
-        }
-    }};
-    std::vector<std::thread> nodes;
-    for (unsigned number = 0; number < 4; ++number) {
-        nodes.emplace_back(live, bus, number);
-    }
+    RunningBus bus{R"({"level":6,"callTimeout":100})"};
+    std::thread nodes{[&] { inThreads(4, [&](int number) { live(bus, number); }); }};
     for (const auto end = std::chrono::steady_clock::now() + time;
-         std::chrono::steady_clock::now() < end; busClientServerExit(bus)) {
+         std::chrono::steady_clock::now() < end; bus.start()) {
         std::this_thread::sleep_for(std::chrono::milliseconds{50});
+        bus.stop();
     }
     over = true;
-    for (std::thread &node : nodes) {
-        node.join();
-    }
-    busClientServerExit(bus);
-    loop.join();
-    return busClientDelete(bus);
+    nodes.join();
 }

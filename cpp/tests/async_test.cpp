@@ -146,7 +146,9 @@ TEST(Timers, the_bus_has_few_timers_however_many_wait) {
         }));
     };
     const auto add = [&](Clock::duration wait) {
-        timers.add(detail::timerOf(0ns, [](const detail::TimerPtr &) {}), Clock::now() + wait);
+        auto nothing = [] {};
+        using Entry = detail::TimerEntryOf<decltype(nothing)>;
+        timers.add(detail::held(new Entry{0ns, nothing}), Clock::now() + wait);
     };
     add(24h);
     EXPECT_FALSE(timers.arm([](long, int) { return false; })); // memory is short

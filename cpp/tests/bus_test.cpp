@@ -18,6 +18,8 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
     {
         const Bus bus{config};
         const Node node{bus, "node"};
+        const Node gui{bus, "gui", [](Task task) { task(); }};
+        const PolledNode polled{bus, "polled"};
         const Keys keys = node.keys();
         EXPECT_EQ(keys.get("none"), std::nullopt);
         std::istringstream good{

@@ -8,8 +8,14 @@ constexpr zelvo::Topic<int> count{"count"};
 constexpr zelvo::Topic<std::map<int, int>> table{"table"};
 constexpr zelvo::Service<int, std::string> lookup{"/store/lookup"};
 
+struct Room {
+    operator double() const { return 21.5; }
+};
+
 void use(zelvo::Bus &bus, zelvo::Node &node) {
     node.publish(count, 21.5);     // wrong: deleted
+    node.publish(count, Room{});   // wrong: deleted
+    node.publish("t", nullptr);    // wrong: deleted
     node.call(lookup, "chair");    // wrong: no matching
     node.publish(table, {{1, 2}}); // wrong: zelvo/json.hpp
     node.subscribe({"t"}, [](std::string_view) {});

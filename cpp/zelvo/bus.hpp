@@ -142,13 +142,8 @@ public:
     // ---- publishing: does not wait, and does not tell who receives it ----
 
     // To every node that has subscribed to topic, this one too. Up to 2 GB.
-    void publish(const CText &topic, std::string_view data = {}) const {
+    void publish(const CText &topic, const DataView &data = {}) const {
         busClientPublish(state().client(), topic.c_str(), data.data(), detail::lengthOf(data));
-    }
-    // Any contiguous bytes: std::vector<std::byte>, std::array<unsigned char, 4>, std::span.
-    template <class Bytes, class = detail::IfBytes<Bytes>>
-    void publish(const CText &topic, const Bytes &bytes) const {
-        publish(topic, detail::viewOf(bytes));
     }
     // A value of the topic's type, as its zelvo::Codec makes it bytes; what that throws is thrown
     // here, and nothing is published. A number is converted as a call would, but for one with a
@@ -160,13 +155,9 @@ public:
     }
     // The bus keeps the message too, the latest of each topic: who subscribes later gets it at
     // once.
-    void publish_sticky(const CText &topic, std::string_view data = {}) const {
+    void publish_sticky(const CText &topic, const DataView &data = {}) const {
         busClientPublishSticky(state().client(), topic.c_str(), data.data(),
                                detail::lengthOf(data));
-    }
-    template <class Bytes, class = detail::IfBytes<Bytes>>
-    void publish_sticky(const CText &topic, const Bytes &bytes) const {
-        publish_sticky(topic, detail::viewOf(bytes));
     }
     template <class Value>
     void publish_sticky(const Topic<Value> &topic, const detail::Same<Value> &value) const {
@@ -194,19 +185,19 @@ public:
     // "bus.error" (calls refused as a ring).
     template <class Handler>
     Subscription subscribe(const CText &topic, Handler handler) {
-        return subscribeTo({topic.c_str()}, std::move(handler));
+        return subscribeTo(topic, hearing(handler));
     }
     template <class Handler>
     Subscription subscribe(const std::vector<std::string> &topics, Handler handler) {
-        return subscribeTo(topics, std::move(handler));
+        return subscribeTo(topics, hearing(handler));
     }
     template <class Handler>
     Subscription subscribe(std::initializer_list<std::string> topics, Handler handler) {
-        return subscribeTo(topics, std::move(handler));
+        return subscribeTo(topics, hearing(handler));
     }
     template <class Handler>
     Subscription subscribe(const CText &first, const CText &second, Handler handler) {
-        return subscribeTo({first.c_str(), second.c_str()}, std::move(handler));
+        return subscribeTo({first.c_str(), second.c_str()}, hearing(handler));
     }
     // handler(const Value &value). What does not decode reaches no handler: it is counted, and
     // Config::on_error gets Unreadable.
@@ -216,14 +207,8 @@ public:
                       "zelvo: a handler of this topic takes (const Value &), of the topic's type");
         if constexpr (std::is_invocable_v<Handler &, Value>) {
             detail::require(handler);
-            auto &node = state();
-            return subscribeTo(
-                {topic.name()}, [run = std::move(handler), &node](std::string_view name,
-                                                                  std::string_view data) mutable {
-                    if (!detail::runDecoded<Value>(data, run)) {
-                        node.noteUnreadable(name, data.size(), detail::SizeOf<Value>::value);
-                    }
-                });
+            return subscribeTo(topic.name(), detail::held(new detail::ValueHandler<Value, Handler>{
+                                                 state(), handler}));
         }
     }
     // How many messages and questions have not decoded since the node was made.
@@ -246,13 +231,13 @@ public:
     // "/" at its beginning.
     template <class Handler>
     void on_call(const CText &path, Handler handler) {
-        setCall(checkedPath(path), std::move(handler));
+        setCall(checkedPath(path), handler);
     }
     void on_call(const CText &path, std::nullptr_t) { state().setPath(checkedPath(path), nullptr); }
     // The same for every path without its own.
     template <class Handler>
     void on_call(Handler handler) {
-        setCall("", std::move(handler));
+        setCall("", handler);
     }
     void on_call(std::nullptr_t) { state().setPath("", nullptr); }
     // Answers calls of a service. handler(const Question &question) gives a Reply, or a
@@ -265,8 +250,9 @@ public:
                             "Reply, of the service's types");
         if constexpr (fits) {
             detail::require(handler);
-            state().setPath(ownPath(service.url()),
-                            detail::server<Question, Reply>(state(), std::move(handler)));
+            using Server = detail::ServiceHandler<Question, Reply, Handler>;
+            const std::string path = ownPath(service.url());
+            state().setPath(path, detail::held(new Server{state(), handler}));
         }
     }
 
@@ -277,7 +263,7 @@ public:
     // answer. So a handler calls through its own node: waiting for another one's turn to call is
     // not seen as a part of a ring. A node whose handler does not return, or that C functions have
     // made and do not run, keeps the caller waiting, call_timeout at most where that is set.
-    Answer call(const CText &url, std::string_view data = {}) const {
+    Answer call(const CText &url, const DataView &data = {}) const {
         return state().call(url.c_str(), data);
     }
     // The reply, or why there is none: Cause::unreadable where what came is no Reply.
@@ -293,7 +279,7 @@ public:
     // calls of call_async (Cause::too_many), and throws what that throws.
     template <class Rep, class Period>
     [[nodiscard]] Answer call_for(std::chrono::duration<Rep, Period> limit, const CText &url,
-                                  std::string_view data = {}) const {
+                                  const DataView &data = {}) const {
         const auto end = detail::later(detail::Clock::now(), detail::saturated(limit));
         return state().callUntil(end, url.c_str(), data);
     }
@@ -314,7 +300,7 @@ public:
     // behind them for the same node. Throws Error when Config::helpers is 0, std::system_error when
     // there is no thread for the first of them. cancel() of the future, or of what the form with a
     // completion gives, lets go of the call.
-    Future<Answer> call_async(const CText &url, std::string_view data = {}) const {
+    Future<Answer> call_async(const CText &url, const DataView &data = {}) const {
         return beginFuture<Answer>(url.c_str(), data, detail::asItIs);
     }
     template <class Question, class Reply>
@@ -327,16 +313,16 @@ public:
     }
     // completion(Answer) runs in this node's thread, unless the node leaves before.
     template <class Completion>
-    PendingCall call_async(const CText &url, std::string_view data, Completion completion) const {
+    PendingCall call_async(const CText &url, const DataView &data, Completion completion) const {
         static_assert(std::is_invocable_v<Completion &, Answer>,
                       "zelvo: a completion of a call takes (zelvo::Answer)");
         if constexpr (std::is_invocable_v<Completion &, Answer>) {
             detail::require(completion);
-            return begin(std::make_shared<detail::CompletedCall<Completion>>(
-                url.c_str(), data, std::move(completion)));
+            return begin(
+                detail::held(new detail::CompletedCall<Completion>{url.c_str(), data, completion}));
         }
     }
-    template <class Completion, class = detail::IfNoText<Completion>>
+    template <class Completion, class = detail::IfNoData<Completion>>
     PendingCall call_async(const CText &url, Completion completion) const {
         return call_async(url, {}, std::move(completion));
     }
@@ -366,7 +352,7 @@ public:
     // clock can tell: never.
     template <class Rep, class Period, class Run>
     Timer after(std::chrono::duration<Rep, Period> wait, Run run) {
-        return addTimer(detail::saturated(wait), {}, std::move(run));
+        return addTimer(detail::saturated(wait), {}, run);
     }
     // Again and again, at whole periods from now however long run takes; beats that have been
     // missed meanwhile are left out. Throws std::invalid_argument for a period that is not
@@ -377,7 +363,7 @@ public:
         if (ticks.count() <= 0) {
             throw std::invalid_argument("zelvo: a period that is not positive");
         }
-        return addTimer(ticks, ticks, std::move(run));
+        return addTimer(ticks, ticks, run);
     }
 
     // ---- the bus ----
@@ -445,18 +431,23 @@ private:
         return std::move(answer.text);
     }
     template <class Handler>
-    Subscription subscribeTo(std::vector<std::string> topics, Handler handler) {
+    static detail::HandlerPtr hearing(Handler &handler) {
         static_assert(detail::kIsHandler<Handler>,
                       "zelvo: a handler of a topic takes (std::string_view data), or "
                       "(std::string_view topic, std::string_view data)");
         if constexpr (detail::kIsHandler<Handler>) {
-            std::sort(topics.begin(), topics.end());
-            topics.erase(std::unique(topics.begin(), topics.end()), topics.end());
             detail::require(handler);
-            const auto entry = detail::subscriber(std::move(handler));
-            state().subscribe(topics, entry);
-            return {state_, entry, std::move(topics)};
+            return detail::held(new detail::TopicHandler<Handler>{handler});
         }
+    }
+    Subscription subscribeTo(const std::vector<std::string> &topics,
+                             const detail::HandlerPtr &handler) {
+        std::vector<std::string> once = detail::eachOnce(topics);
+        state().subscribe(once, handler);
+        return {state_, handler, std::move(once)};
+    }
+    Subscription subscribeTo(const CText &topic, const detail::HandlerPtr &handler) {
+        return subscribeTo(std::vector<std::string>{topic.c_str()}, handler);
     }
     static std::string checkedPath(const CText &path) {
         if (path.c_str()[0] != '/') {
@@ -465,14 +456,14 @@ private:
         return path.c_str();
     }
     template <class Handler>
-    void setCall(const std::string &path, Handler handler) {
+    void setCall(const std::string &path, Handler &handler) {
         static_assert(detail::answers<Handler>(),
                       "zelvo: a handler of a call takes (std::string_view data), or "
                       "(std::string_view path, std::string_view data), and gives a text, a number, "
                       "nothing, or a std::optional of these");
         if constexpr (detail::answers<Handler>()) {
             detail::require(handler);
-            state().setPath(path, detail::answerer(std::move(handler)));
+            state().setPath(path, detail::held(new detail::PathHandler<Handler>{handler}));
         }
     }
     std::string ownPath(std::string_view url) const {
@@ -484,29 +475,29 @@ private:
     }
     template <class Value, class Read>
     Future<Value> beginFuture(const char *url, std::string_view data, Read read) const {
-        const auto call = detail::futureCall<Value>(url, data, read);
+        auto *const call = new detail::FutureCall<Value, Read>{url, data, read};
+        const detail::AsyncCallPtr owner = detail::held(call);
         auto future = call->future();
-        return {std::move(future), begin(call)};
+        return {std::move(future), begin(owner)};
     }
     PendingCall begin(const detail::AsyncCallPtr &call) const {
         state().callAsync(call);
         return {state_, call};
     }
     template <class Run>
-    Timer addTimer(detail::Clock::duration wait, detail::Clock::duration period, Run run) {
+    Timer addTimer(detail::Clock::duration wait, detail::Clock::duration period, Run &run) {
         static_assert(std::is_invocable_v<Run &, Timer> || std::is_invocable_v<Run &>,
                       "zelvo: a timer's function takes nothing, or (zelvo::Timer)");
         detail::require(run);
         if constexpr (std::is_invocable_v<Run &, Timer>) {
-            const std::weak_ptr<detail::NodeState> node = state_;
-            return set(wait, detail::timerOf(period, [run = std::move(run),
-                                                      node](const detail::TimerPtr &timer) mutable {
-                           run(Timer{node, timer});
-                       }));
+            auto timed = [run = std::move(run), node = std::weak_ptr<detail::NodeState>{state_}](
+                             const detail::TimerPtr &timer) mutable {
+                run(Timer{node, timer});
+            };
+            using Entry = detail::TimerEntryOf<decltype(timed)>;
+            return set(wait, detail::held(new Entry{period, timed}));
         } else if constexpr (std::is_invocable_v<Run &>) {
-            return set(wait,
-                       detail::timerOf(period, [run = std::move(run)](
-                                                   const detail::TimerPtr &) mutable { run(); }));
+            return set(wait, detail::held(new detail::TimerEntryOf<Run>{period, run}));
         }
     }
     Timer set(detail::Clock::duration wait, const detail::TimerPtr &timer) {

@@ -326,9 +326,17 @@ private:
 namespace detail {
 
 // A number as an argument: none with a fraction for a type without, and for bool nothing else.
+template <class Other, class Value, class = void>
+inline constexpr bool kFits = false;
 template <class Other, class Value>
-inline constexpr bool kLoses = (std::is_floating_point_v<Other> &&
-                                !std::is_floating_point_v<Value>) ||
+inline constexpr bool
+    kFits<Other, Value, std::void_t<decltype(Value{std::declval<const Other &>()})>> = true;
+template <class Other>
+inline constexpr bool kHasFraction =
+    std::is_class_v<Other> ? !kFits<Other, long long> && !kFits<Other, unsigned long long>
+                           : std::is_floating_point_v<Other>;
+template <class Other, class Value>
+inline constexpr bool kLoses = (kHasFraction<Other> && !std::is_floating_point_v<Value>) ||
                                (std::is_same_v<Value, bool> && !std::is_same_v<Other, bool> &&
                                 !std::is_class_v<Other>);
 template <class Value>
@@ -337,7 +345,8 @@ public:
     Number() = default;
     Number(Value given) noexcept : value_{given} {}
     template <class Other, class = std::enable_if_t<std::is_class_v<Other> &&
-                                                    std::is_convertible_v<const Other &, Value>>>
+                                                    std::is_convertible_v<const Other &, Value> &&
+                                                    !kLoses<Other, Value>>>
     Number(const Other &given) : value_(static_cast<Value>(given)) {}
     template <class Other, class = std::enable_if_t<kLoses<Other, Value>>, class = void>
     Number(Other) = delete;

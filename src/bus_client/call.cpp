@@ -237,6 +237,18 @@ bus_mk_sent postResponse(client_t &client, const message_t &request, const char 
     return sent;
 }
 
+// Of a node that cannot call. One that a full queue kept from joining is told of the queue while
+// it is full.
+Call turnAway(client_t &client, const Question &question) noexcept {
+    const bool exited = client.running.load(std::memory_order_acquire) == 0;
+    if (!exited && bus_mk_q_full(client.server->message_queue)) {
+        newRequest(client, question, 0);
+        return refuse(client, question, bus_mk_sent::kFull);
+    }
+    logExited(client.name.get(), question.url);
+    return Call::kRefused;
+}
+
 void countRefusal(client_t &client, Call result) noexcept {
     if (result == Call::kRefused || result == Call::kNoMemory) {
         count(client.counters.calls_refused);
@@ -249,13 +261,9 @@ Call callInTurn(client_t &client, const Question &question, char **response) noe
     if (!turn.owned()) {
         return timeOut(client, question);
     }
-    Call result = Call::kRefused;
     // Looked at now: the node may have left during another call.
-    if (mayCall(client, question.url)) {
-        result = exchange(client, question, response);
-    } else {
-        logExited(client.name.get(), question.url);
-    }
+    const Call result = mayCall(client, question.url) ? exchange(client, question, response)
+                                                      : turnAway(client, question);
     countRefusal(client, result);
     return result;
 }

@@ -66,6 +66,7 @@ std::chrono::milliseconds DataLink::pause() {
 
 void DataLink::everySecond() {
     tellDrops();
+    inflow_.check();
     if (isConnected() && round_ != Round::kNone && Clock::now() >= askAt_) {
         askAgain();
     }
@@ -157,7 +158,7 @@ void DataLink::greet() {
                             " at most");
     }
     questions_ = 0;
-    inflow_.expectNone();
+    inflow_.expect(false);
     if (!retains_) {
         listen(false);
     } else if (!inflow_.topics().empty()) {
@@ -175,7 +176,7 @@ void DataLink::subscribed() {
 void DataLink::begin(Round round) {
     round_ = round;
     if (round_ == Round::kAll) {
-        inflow_.expectAll();
+        inflow_.expect(true);
     } else if (round_ == Round::kMissing && !inflow_.expectSticky()) {
         round_ = Round::kNone;
     }
@@ -189,8 +190,8 @@ void DataLink::begin(Round round) {
 void DataLink::listen(bool retained) {
     const int options = kPublications | (retained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS
                                                   : MQTT_SUB_OPT_SEND_RETAIN_NEVER);
-    for (const auto &[topic, onBus] : inflow_.topics()) {
-        if (!retained || inflow_.expected().contains(topic)) {
+    for (const auto &[topic, its] : inflow_.topics()) {
+        if (!retained || its.expected) {
             subscribe(topic, common_.config.qos, options);
         }
     }

@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -20,7 +20,8 @@ namespace zelvo_mqtt {
 // The bus drops what it has no room for, and the broker sends faster than it can take. So a mark
 // goes along behind every kChunk publications, to a node of the inflow's own: as long as two of
 // them have not come back, nothing more is to be read from the broker. One that is lost is sent
-// again.
+// again. What is sticky has to be so in the end, but nobody is told what the bus drops: so the node
+// looks at it afterwards, as any subscriber does, and what is something else is published again.
 class Inflow {
 public:
     static constexpr int kChunk = 128;
@@ -29,42 +30,57 @@ public:
     // come in; throws OpenError.
     Inflow(Common &common, std::function<void()> wake);
 
+    // What is retained at the broker, and sticky on the bus.
+    struct Topic {
+        enum class Look { kDone, kDue, kBegun, kWrong };
+
+        const std::string onBus;
+        bool expected = false; // what is retained is to come now
+        // Written by the link's thread with the mutex, as the node's thread looks at both.
+        std::optional<std::string> sticky = {}; // what this bridge has made so
+        Look look = Look::kDone;                // whether it is so
+    };
+    using Topics = std::map<std::string, Topic>; // by the broker's
+
     // The rest is the link's thread's. None of it blocks. Topics are the broker's.
     bool takes(const std::string &topic) const { return topics_.contains(topic); }
-    const std::map<std::string, std::string> &topics() const { return topics_; } // and the bus's
+    const Topics &topics() const { return topics_; }
     void publish(const Incoming &incoming); // of a topic that it takes
     std::chrono::milliseconds pause();      // 0: go on reading
+    void check();                           // what is sticky; now and then
 
     // What is retained of the expected topics is to come now; what is sticky already is then not
     // published again.
-    void expectNone() { expected_.clear(); }
-    void expectAll();
+    void expect(bool all);
     bool expectSticky(); // those that are sticky and have not come; false: there are none
-    const std::set<std::string> &expected() const { return expected_; }
-    void sweep(); // what has not come is sticky no more
+    void sweep();        // what has not come is sticky no more
 
 private:
     static constexpr std::chrono::milliseconds kMarkAgain{250};
 
+    void mark(const std::string &text);
+    void settle(Topic &topic);
+
+    // In the node's thread.
     static int onMessage(void *self, client_t *, char *topic, char *data, int len);
-    void mark();
-    bool isUnchanged(const Incoming &incoming);
-    void retain(const Incoming &incoming, const std::string &topic);
-    void removeSticky(const std::string &topic);
+    void handle(const std::string &topic, std::string_view data);
+    void see(const std::string &topic, std::string_view data);
+    void look();
 
     Common &common_;
     const std::function<void()> wake_;
     const std::string name_;
-    std::map<std::string, std::string> topics_; // the bus's by the broker's
-    std::map<std::string, std::string> sticky_; // payloads, by the broker's topic
-    std::set<std::string> expected_;
+    Topics topics_;
+    std::mutex mutex_; // of what is sticky
 
     int unmarked_ = 0;
     std::uint32_t marks_ = 0;
-    Clock::time_point marked_{}, since_{};
+    Clock::time_point marked_{}, since_{}, asked_{};
     bool told_ = false;
     std::atomic<std::uint32_t> returned_{0};
-    std::optional<Node> node_; // last: its thread uses the others
+
+    std::string watched_, lookedTo_; // the node's thread's
+    std::optional<Node> node_;       // last: its thread uses the others
 };
 
 } // namespace zelvo_mqtt

@@ -337,12 +337,8 @@ void Link::fail(std::string_view why) {
     retry_ = good ? kFirstPause : std::clamp(retry_ * 2, kFirstPause, kLongestPause);
     due_ = hasAnother() && !wasUp ? now : now + retry_;
     enter(State::kDown);
-    const bool closed = !session_ || mosquitto_socket(session_->get()) < 0;
-    waiter_.forget(closed);
-    guestWaiter_.forget(closed);
-    if (guest_) {
-        awaken(*guest_);
-    }
+    waiter_.forget();
+    guestWaiter_.forget();
     asked_.clear();
     lost(reasonOf(why), wasUp && byBroker_);
 }

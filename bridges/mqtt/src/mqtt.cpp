@@ -49,7 +49,7 @@ extern "C" ZELVO_MQTT_API int zelvo_mqtt_close(zelvo_mqtt_t *bridge) noexcept {
     }
     try {
         if (!bridge->bridge->close()) {
-            bridge->log.warning("a served node has not answered a call yet: close again");
+            bridge->log.warning("a call into the bus has not been answered yet: close again");
             return -1;
         }
     } catch (const std::exception &failure) {

@@ -47,9 +47,8 @@ Node::~Node() {
 }
 
 // busClientSubscribe would not say that it was lost.
-void Node::subscribe(const std::string &topics) {
-    if (!busClientCall(client_.get(), "/bus/subscribe", topics.data(),
-                       static_cast<int>(topics.size()))) {
+void Node::ask(const char *url, const std::string &topics) {
+    if (!busClientCall(client_.get(), url, topics.data(), static_cast<int>(topics.size()))) {
         throw OpenError{"the bus takes no subscription: its log says why"};
     }
 }

@@ -38,7 +38,9 @@ public:
     // Asks until the thread has ended; false: it has not at that time.
     bool leave(Clock::time_point until);
 
-    void subscribe(const std::string &topics); // a JSON array; blocks; throws OpenError
+    // Calls the bus, with a JSON array of topics; throws OpenError where it takes none.
+    void ask(const char *url, const std::string &topics);
+    void subscribe(const std::string &topics) { ask("/bus/subscribe", topics); }
     client_t *get() const { return client_.get(); }
 
 private:

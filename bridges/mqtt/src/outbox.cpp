@@ -10,17 +10,12 @@ constexpr int kMostTries = 3;
 
 } // namespace
 
-void Outbox::Queue::append(Publication publication) {
+void Outbox::Queue::insert(Place where, Publication publication) {
     bytes += publication.size();
-    all.push_back(std::move(publication));
+    all.insert(where, std::move(publication));
 }
 
-void Outbox::Queue::prepend(Publication publication) {
-    bytes += publication.size();
-    all.push_front(std::move(publication));
-}
-
-Publication Outbox::Queue::take(const std::deque<Publication>::iterator &which) {
+Publication Outbox::Queue::take(Place which) {
     Publication publication = std::move(*which);
     all.erase(which);
     bytes -= publication.size();
@@ -39,7 +34,7 @@ void Outbox::push(Publication publication) {
         waiting_.take(waiting_.all.begin());
         ++dropped;
     }
-    waiting_.append(std::move(publication));
+    waiting_.insert(waiting_.all.end(), std::move(publication));
 }
 
 std::optional<Publication> Outbox::next(std::size_t window) {
@@ -54,12 +49,12 @@ std::optional<Publication> Outbox::next(std::size_t window) {
 
 void Outbox::sent(Publication publication) {
     const std::lock_guard lock{mutex_};
-    sent_.append(std::move(publication));
+    sent_.insert(sent_.all.end(), std::move(publication));
 }
 
 void Outbox::back(Publication publication) {
     const std::lock_guard lock{mutex_};
-    waiting_.prepend(std::move(publication));
+    waiting_.insert(waiting_.all.begin(), std::move(publication));
 }
 
 std::optional<Publication> Outbox::done(int mid) {
@@ -76,7 +71,7 @@ std::optional<Publication> Outbox::connectionLost(bool blamed) {
         givenUp = sent_.take(sent_.all.begin());
     }
     while (!sent_.all.empty()) {
-        waiting_.prepend(sent_.take(std::prev(sent_.all.end())));
+        waiting_.insert(waiting_.all.begin(), sent_.take(std::prev(sent_.all.end())));
     }
     return givenUp;
 }

@@ -60,9 +60,9 @@ private:
         std::deque<Publication> all;
         std::size_t bytes = 0;
 
-        void append(Publication publication);
-        void prepend(Publication publication);
-        Publication take(const std::deque<Publication>::iterator &which);
+        using Place = std::deque<Publication>::iterator;
+        void insert(Place where, Publication publication);
+        Publication take(Place which);
     };
 
     const std::size_t mostMessages_, mostBytes_;

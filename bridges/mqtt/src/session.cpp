@@ -50,10 +50,6 @@ mosquitto *newHandle(const Purpose &purpose, void *userdata) {
     return handle;
 }
 
-const char *orNull(const std::string &text) {
-    return text.empty() ? nullptr : text.c_str();
-}
-
 // No child process is to hold the connection, and the system is to notice a broker that is gone
 // also while nothing is said or read.
 void tune(int file) {
@@ -100,7 +96,8 @@ Session::Session(const Config &config, const Target &target, const Purpose &purp
     // Without it a request waits for the acknowledgement of what went before.
     require(mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1), "TCP_NODELAY");
     if (!config.user.empty()) {
-        require(mosquitto_username_pw_set(handle, config.user.c_str(), orNull(config.password)),
+        const char *const password = config.password.empty() ? nullptr : config.password.c_str();
+        require(mosquitto_username_pw_set(handle, config.user.c_str(), password),
                 "\"user\" and \"password\"");
     }
     if (target_.broker.tls) {

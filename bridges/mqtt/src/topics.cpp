@@ -36,7 +36,7 @@ std::string escapedExcept(std::string_view text, std::string_view special) {
     return topic;
 }
 
-// Any text that could have become this one.
+// A text that could have become this one; whether it does is another question.
 std::optional<std::string> decoded(std::string_view topic) {
     std::string text;
     for (std::size_t i = 0; i < topic.size(); ++i) {
@@ -46,9 +46,8 @@ std::optional<std::string> decoded(std::string_view topic) {
         }
         const std::string_view digits = topic.substr(i + 1, 2);
         unsigned char byte = 0;
-        const auto [end, error] =
-            std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
-        if (digits.size() != 2 || error != std::errc{} || end != digits.data() + 2 || byte == 0) {
+        std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
+        if (byte == 0) {
             return std::nullopt;
         }
         text += static_cast<char>(byte);

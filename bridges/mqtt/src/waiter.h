@@ -49,15 +49,14 @@ public:
         events_ = events;
         return true;
     }
-    // closed: it is so already, and its number may be another file's. A child process may hold it
+    // Where it is closed already, its number may be another file's, and a child process may hold it
     // open, so that it goes on reporting: then only an epoll instance without it is rid of it.
-    void forget(bool closed) {
-        const int anew = closed && file_ >= 0 ? newEpoll() : -1;
+    void forget() {
+        const bool isRid = file_ < 0 || epoll_ctl(epoll_, EPOLL_CTL_DEL, file_, nullptr) == 0;
+        const int anew = isRid ? -1 : newEpoll();
         if (anew >= 0) {
             dup3(anew, epoll_, O_CLOEXEC);
             ::close(anew);
-        } else if (!closed && file_ >= 0) {
-            epoll_ctl(epoll_, EPOLL_CTL_DEL, file_, nullptr);
         }
         file_ = -1;
         ++number_;

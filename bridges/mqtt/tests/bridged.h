@@ -7,7 +7,6 @@
 #include <zelvo/mqtt.h>
 
 #include <atomic>
-#include <functional>
 #include <string>
 
 // A node that hears topics and answers calls with their address and data.
@@ -99,11 +98,10 @@ inline void publish(Bridged &from, const std::string &topic, const std::string &
         from.listener.get(), topic.c_str(), payload.data(), static_cast<int>(payload.size()));
 }
 
-// Whether a close ends within a second, or a few where the machine is loaded.
-inline bool isQuick(const std::function<void()> &close) {
-    const auto begun = std::chrono::steady_clock::now();
-    close();
-    return std::chrono::steady_clock::now() - begun < std::chrono::seconds{5};
+// Within a second, or a few where the machine is loaded.
+inline void closeQuickly(Bridged &bridge) {
+    const Deadline deadline{"close", std::chrono::seconds{5}};
+    bridge.close();
 }
 
 inline void hear(Bridged &at, const std::string &topics) {

@@ -98,10 +98,12 @@ Peer::Peer(const Broker &broker, const std::string &subscription, const char *us
         std::uint16_t length = 0;
         mosquitto_property_read_binary(properties, MQTT_PROP_CORRELATION_DATA, &correlation,
                                        &length, false);
-        static_cast<Peer *>(self)->messages_.push_back(
-            {message->topic,
-             {bytes ? bytes : "", static_cast<std::size_t>(message->payloadlen)},
-             {correlation ? static_cast<char *>(correlation) : "", length}});
+        Message &heard = static_cast<Peer *>(self)->messages_.emplace_back();
+        heard = {message->topic,
+                 {bytes ? bytes : "", static_cast<std::size_t>(message->payloadlen)},
+                 {correlation ? static_cast<char *>(correlation) : "", length}};
+        mosquitto_property_read_int32(properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &heard.expiry,
+                                      false);
         std::free(correlation);
     });
     mosquitto_subscribe_callback_set(handle, [](mosquitto *, void *self, int, int, const int *) {

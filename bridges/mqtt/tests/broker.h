@@ -50,6 +50,7 @@ class Peer {
 public:
     struct Message {
         std::string topic, payload, correlation;
+        std::uint32_t expiry = 0;
     };
     Peer(const Broker &broker, const std::string &subscription, const char *user = nullptr);
 

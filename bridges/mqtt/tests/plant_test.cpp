@@ -2,9 +2,12 @@
 // its rules say, time and names are kept.
 #include "bridged.h"
 #include "broker.h"
+#include "session.h"
 
 #include <gtest/gtest.h>
 #include <mqtt_protocol.h>
+
+#include <future>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -16,11 +19,6 @@
 namespace {
 
 std::atomic<long> secondsAhead{0}; // of the clocks of this program
-
-// What this program does not get written: packets with a text in them, as long as it stands here,
-// or once, with the end of the connection.
-std::atomic<const char *> heldBack{nullptr}, cutAt{nullptr};
-std::atomic<int> timesHeld{0};
 constexpr const char *kPersistent =
     "allow_anonymous true\npersistence true\npersistence_location DIR/\n";
 
@@ -46,8 +44,7 @@ TEST(Plant, a_login_does_what_its_rules_say) {
     for (int i = 0; i < 20; ++i) {
         publish(north, "south.level", "9");
     }
-    EXPECT_TRUE(eventually([&] { return says(north.state(), R"("refused":20)"); }))
-        << north.state();
+    EXPECT_TRUE(eventually([&] { return says(north.state(), R"("refused":20)"); }));
     EXPECT_TRUE(says(north.log(),
                      "a publication of 1 bytes to zelvo/topic/south.level is refused: Not auth"));
     EXPECT_TRUE(north.logs("more have been refused: Not authorized"));
@@ -57,6 +54,8 @@ TEST(Plant, a_login_does_what_its_rules_say) {
                                     "zelvo/call/north/pump/start", "zelvo/site/north"}) {
         EXPECT_EQ(south.publish(topic, "x"), MQTT_RC_NOT_AUTHORIZED) << topic;
     }
+    Peer{broker, "x", "console"}.publish("zelvo/call/north/pump/st%6Fp", "x"); // past the rule
+    EXPECT_TRUE(north.logs("north/pump/st%6Fp is dropped: its topic is not in the form"));
 }
 
 TEST(Plant, a_subscription_that_is_refused_is_named) {
@@ -65,30 +64,22 @@ TEST(Plant, a_subscription_that_is_refused_is_named) {
         const auto plugin = entry.path() / "mosquitto_dynamic_security.so";
         path = std::filesystem::exists(plugin) ? plugin.string() : path;
     }
-    // Without a limit mosquitto 2.0.11 ends every connection on which it refuses a publication.
-    const std::string options =
-        "allow_anonymous true\nplugin " + path + "\nplugin_opt_config_file DIR/rules\n";
-    Broker broker{options + "max_queued_messages 1000\n", false}, cuts{options, false};
+    Broker broker{"allow_anonymous true\nmax_queued_messages 1000\nplugin " + path +
+                      "\nplugin_opt_config_file DIR/rules\n",
+                  false};
     std::ofstream{broker.directory().file("rules")}
         << R"({"defaultACLAccess":{"publishClientSend":true,"publishClientReceive":true,)"
            R"("subscribe":true,"unsubscribe":true},"roles":[{"rolename":"r","acls":[)"
            R"({"acltype":"subscribeLiteral","topic":"zelvo/topic/secret","allow":false},)"
            R"({"acltype":"publishClientSend","topic":"zelvo/site/site","allow":false}]}],)"
            R"("groups":[{"groupname":"g","roles":[{"rolename":"r"}]}],"anonymousGroup":"g"})";
-    std::filesystem::copy(broker.directory().file("rules"), cuts.directory().file("rules"));
     broker.start();
-    cuts.start();
     Bridged site{broker.url(), "site", R"("in":["secret","open"])"};
     EXPECT_TRUE(eventually([&] {
         return says(site.state(), R"("denied":["zelvo/site/site","zelvo/topic/secret"])");
-    })) << site.state()
-        << site.log();
+    }));
     EXPECT_TRUE(says(site.log(), "the subscription to zelvo/topic/secret is refused: Not auth"));
     EXPECT_TRUE(says(site.log(), "the presence of this site on zelvo/site/site is refused"));
-    Bridged cut{cuts.url(), "site", "", false}; // again and again, which is told once a second
-    EXPECT_TRUE(cut.logs("on zelvo/site/site: ") && cut.logs("more have been refused: Not auth"));
-    const std::string connections = readFile(cuts.directory().file("broker.log"));
-    EXPECT_LE(count(connections, "New connection"), 24U); // at ever longer intervals
 }
 
 TEST(Plant, a_publication_at_which_the_broker_disconnects_is_given_up) {
@@ -116,22 +107,6 @@ TEST(Plant, a_broker_that_knows_less_is_used_for_what_is_left) {
 
 // ---- gaps ----
 
-TEST(Gaps, what_is_not_written_is_neither_lost_nor_taken_for_done) {
-    Broker broker;
-    heldBack = "zelvo/topic/t";
-    Bridged site{broker.url(), "site", R"("in":["t"],"out":["u"])", false};
-    EXPECT_TRUE(eventually([] { return timesHeld >= 2; }));
-    EXPECT_TRUE(says(site.state(), R"("connected":false)")); // the subscription does not stand
-    heldBack = nullptr;
-    EXPECT_TRUE(site.isConnected());
-    Peer peer{broker, "zelvo/topic/u"};
-    cutAt = "first";
-    publish(site, "u", "first");
-    publish(site, "u", "second");
-    EXPECT_EQ(peer.next("zelvo/topic/u"), "first");
-    EXPECT_EQ(peer.next("zelvo/topic/u"), "second");
-}
-
 TEST(Gaps, sticky_topics_are_right_afterwards) {
     Broker broker{std::string{kPersistent} + "max_queued_messages 10\n"};
     Bridged to{broker.url(), "to", R"("in":["same","changed","emptied","flood","live"])"};
@@ -144,11 +119,8 @@ TEST(Gaps, sticky_topics_are_right_afterwards) {
     broker.start(true); // whom the bridge does not reach
     {
         Peer peer{broker, "x"};
-        const auto change = [&](const char *topic, const char *payload) { // not kept for anybody
-            peer.publish(topic, payload, true, correlationData());
-        };
-        change("zelvo/topic/changed", "2");
-        change("zelvo/topic/emptied", "");
+        peer.publish("zelvo/topic/changed", "2", true, correlationData()); // not kept for anybody
+        peer.publish("zelvo/topic/emptied", "", true, correlationData());
         for (int i = 2; i <= 60; ++i) { // more than is kept
             peer.publish("zelvo/topic/flood", std::to_string(i), true);
         }
@@ -164,6 +136,31 @@ TEST(Gaps, sticky_topics_are_right_afterwards) {
     EXPECT_EQ(late.heard().size(), 3U);
     const auto heard = to.listener.heard();
     EXPECT_EQ(std::count(heard.begin(), heard.end(), "same 1"), 1);
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), "live null"), 0);
+}
+
+TEST(Gaps, what_a_full_bus_refuses_is_sticky_in_the_end) {
+    Broker broker;
+    Bridged site{broker.url(), "site", R"("in":["kept","emptied","t"])"};
+    Peer peer{broker, "x"};
+    peer.publish("zelvo/topic/emptied", "1", true, correlationData());
+    hear(site, R"(["kept","emptied"])");
+    EXPECT_TRUE(site.listener.hears("emptied 1"));
+    site.bus.stop();
+    for (int i = 0; i < 3'000; ++i) {
+        publish(site, "other", "x");
+    }
+    peer.publish("zelvo/topic/kept", "2", true, correlationData());
+    peer.publish("zelvo/topic/emptied", "", true, correlationData());
+    peer.publish("zelvo/topic/t", "x", false,
+                 zelvo_mqtt::userProperty("zelvo-hops", "x").release());
+    EXPECT_TRUE(site.logs("its number of hops is none")); // behind the others
+    site.bus.start();
+    EXPECT_TRUE(site.listener.hears("kept 2") && site.listener.hears("emptied null"));
+    EXPECT_TRUE(site.logs("kept is published again: the bus had no room"));
+    Listener late{site.bus, "late", R"(["emptied","kept"])"};
+    EXPECT_TRUE(late.hears("kept 2"));
+    EXPECT_EQ(late.heard().size(), 1U);
 }
 
 // A second bridge of the name cuts the connections of the first.
@@ -223,26 +220,10 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     for (int i = 0; i < 1 + 8; ++i) {
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
     }
-    EXPECT_EQ(slow.calls, 1 + 8);
+    peer.request("slow/x"); // there is room again
+    EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
+    EXPECT_EQ(slow.calls, 1 + 8 + 1);
     EXPECT_TRUE(site.logs("1 calls from outside to slow are dropped: they have waited too long"));
-}
-
-TEST(Plant, calls_pass_while_a_subscriber_is_slow_and_publications_flood) {
-    Broker broker{"allow_anonymous true\n"};
-    Bridged site{broker.url(), "site", R"("in":["t"],"call":["other"],"callTimeout":60000)"};
-    Bridged other{broker.url(), "other", R"("serve":["listener"])"};
-    Slow stuck;
-    const auto hears = [](void *self, client_t *, char *, char *, int) {
-        return static_cast<Slow *>(self)->free.wait() ? 0 : -1;
-    };
-    RunningNode node{site.bus.get(), "stuck", hears, nullptr, &stuck};
-    busClientSubscribe(node.get(), R"(["t"])");
-    Peer peer{broker, "x"};
-    for (int i = 0; i < 5'000; ++i) {
-        peer.publish("zelvo/topic/t", "x", false, correlationData());
-    }
-    EXPECT_EQ(site.listener.call("/other/listener/x"), "/listener/x<null");
-    stuck.free.set();
 }
 
 TEST(Plant, a_broker_that_gives_no_sign_of_life_is_left) {
@@ -250,18 +231,16 @@ TEST(Plant, a_broker_that_gives_no_sign_of_life_is_left) {
     {
         Bridged site{broker.url(), "site", R"("call":["other"],"callTimeout":3600000)"};
         Peer peer{broker, "zelvo/call/#"};
-        std::string answer; // comes with the loss of the connection
-        std::thread thread{[&] { answer = site.listener.call("/other/x/y"); }};
+        auto answer = // comes with the loss of the connection
+            std::async(std::launch::async, [&] { return site.listener.call("/other/x/y"); });
         peer.next("zelvo/call/other/x/y");
         broker.pause();
-        EXPECT_TRUE(eventually( // one second for each look, by the clock of this program
-            [&] {
-                ++secondsAhead;
-                return says(site.log(), "no connection: the broker has given no sign of life");
-            },
-            std::chrono::hours{10}));
-        thread.join();
-        EXPECT_TRUE(says(answer, "not implement")) << answer;
+        const auto isLeft = [&] { // one second for each look, by the clock of this program
+            ++secondsAhead;
+            return says(site.log(), "no connection: the broker has given no sign of life");
+        };
+        EXPECT_TRUE(eventually(isLeft, std::chrono::hours{10}));
+        EXPECT_EQ(answer.get(), kRefused);
         broker.resume();
         EXPECT_TRUE(site.isConnected());
     }
@@ -293,7 +272,7 @@ TEST(Names, close_ends_without_a_broker_and_a_name_service) {
         Bridged site{url, "site", R"("out":["t"],"call":["two"])", false};
         publish(site, "t", "x");
         EXPECT_EQ(site.listener.call("/two/n/x"), kRefused);
-        EXPECT_TRUE(isQuick([&] { site.close(); }));
+        closeQuickly(site);
         EXPECT_TRUE(says(site.log(), "1 publications are lost")) << url << site.log();
     }
     nameServiceGoesOn.set();
@@ -308,8 +287,7 @@ TEST(Names, a_host_is_tried_address_by_address_and_its_sockets_are_its_own) {
         sockaddr_in peer{};
         socklen_t size = sizeof peer;
         EXPECT_TRUE(getpeername(file, reinterpret_cast<sockaddr *>(&peer), &size) != 0 ||
-                    peer.sin_port != htons(static_cast<std::uint16_t>(broker.port())) ||
-                    (fcntl(file, F_GETFD) & FD_CLOEXEC) != 0);
+                    peer.sin_family != AF_INET || (fcntl(file, F_GETFD) & FD_CLOEXEC) != 0);
     }
 }
 
@@ -319,23 +297,6 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) {
     const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
     now->tv_sec += secondsAhead;
     return result;
-}
-
-extern "C" ssize_t write(int file, const void *data, size_t size) {
-    const std::string_view bytes{static_cast<const char *>(data), size};
-    const auto has = [&](const char *text) { return text && bytes.find(text) != bytes.npos; };
-    if (has(heldBack)) {
-        ++timesHeld;
-        errno = EAGAIN;
-        return -1;
-    }
-    if (has(cutAt)) {
-        cutAt = nullptr;
-        shutdown(file, SHUT_RDWR);
-        errno = EPIPE;
-        return -1;
-    }
-    return syscall(SYS_write, file, data, size);
 }
 
 // The name service of this program.

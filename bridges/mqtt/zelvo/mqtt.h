@@ -67,8 +67,9 @@ typedef struct zelvo_mqtt_t zelvo_mqtt_t;
  *               publication; one without data is published, and the sticky one removed. On every
  *               connection what is retained is asked for and compared: what has changed is
  *               published, what is no longer there is handled as one without data. That goes for
- *               the sticky publications that this bridge has made. A topic that is no longer there
- *               when a site is opened again is unsubscribed when something comes.
+ *               the sticky publications that this bridge has made. What the bus had no room for
+ *               is made sticky some seconds later. A topic that is no longer there when a site is
+ *               opened again is unsubscribed when something comes.
  *   "call"      [SITE or {"site": SITE, "node": NAME}, ...]: sites that can be called. Each entry
  *               makes a node of the site's name (or of NAME) on the bus; "/plant2/pump/state" asks
  *               the site plant2 for its "/pump/state", data and answer unchanged (the answer up to
@@ -126,11 +127,11 @@ ZELVO_MQTT_API zelvo_mqtt_t *zelvo_mqtt_open(Zelvo_t *bus, const char *json) ZEL
  * (the log counts the others), says "offline" to the other sites, ends every call that waits,
  * leaves the bus and frees all. Ends within a second, whatever the broker, the network and the bus
  * do. To be called by one thread, none of a node's handlers of this bridge, before the bus is
- * deleted; best before it is stopped. 0: done; also for null. -1: a served node has not yet
- * answered a call, so that the thread that made it can't end. The bridge does nothing any more, but
- * its memory and its calling nodes are still there: call again, until 0. It comes when the called
- * nodes answer, or the bus's "callTimeout" has passed; where the bus has stopped and has none, when
- * it is run again. */
+ * deleted; best before it is stopped. 0: done; also for null. -1: a served node, or a bus that has
+ * just been stopped, has not yet answered a call, so that the thread that made it can't end. The
+ * bridge does nothing any more, but its memory and its calling nodes are still there: call again,
+ * until 0. It comes when the called nodes answer, or the bus's "callTimeout" has passed; where the
+ * bus has stopped and has none, when it is run again. */
 ZELVO_MQTT_API int zelvo_mqtt_close(zelvo_mqtt_t *bridge) ZELVO_NOEXCEPT;
 
 #ifdef __cplusplus

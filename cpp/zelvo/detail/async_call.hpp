@@ -74,11 +74,6 @@ private:
     Read read_;
     std::promise<Value> promise_;
 };
-template <class Value, class Read>
-std::shared_ptr<FutureCall<Value, Read>> futureCall(const char *url, std::string_view data,
-                                                    Read read) {
-    return std::make_shared<FutureCall<Value, Read>>(url, data, read);
-}
 inline Answer asItIs(Answer answer) noexcept {
     return answer;
 }
@@ -86,7 +81,7 @@ inline Answer asItIs(Answer answer) noexcept {
 template <class Run>
 class CompletedCall final : public AsyncCall {
 public:
-    CompletedCall(const char *to, std::string_view bytes, Run &&run)
+    CompletedCall(const char *to, std::string_view bytes, Run &run)
         : AsyncCall{to, bytes, true},
           run_{std::move(run)} {}
     void end(Answer given) override { (*run_)(std::move(given)); }
@@ -95,6 +90,11 @@ public:
 private:
     std::optional<Run> run_;
 };
+
+// As handlers are held.
+inline AsyncCallPtr held(AsyncCall *call) {
+    return AsyncCallPtr{call};
+}
 
 // Those of a node. All under the node's mutex.
 class OpenCalls {

@@ -21,11 +21,15 @@ inline std::string jsonOf(const Config &config) {
     }
     const long long timeout =
         config.call_timeout.count() < INT_MAX ? config.call_timeout.count() : INT_MAX;
-    std::string json = "{\"level\":" + std::to_string(static_cast<int>(config.level)) +
-                       ",\"mode\":" + (config.append ? "1" : "0") +
-                       ",\"size\":" + std::to_string(config.log_megabytes) +
-                       ",\"callTimeout\":" + std::to_string(timeout) +
-                       ",\"stats\":" + (config.stats ? "true" : "false");
+    std::string json;
+    const auto add = [&json](const char *member, long long number) {
+        json.append(member).append(std::to_string(number));
+    };
+    add("{\"level\":", static_cast<int>(config.level));
+    add(",\"mode\":", config.append);
+    add(",\"size\":", config.log_megabytes);
+    add(",\"callTimeout\":", timeout);
+    json += config.stats ? ",\"stats\":true" : ",\"stats\":false";
     if (!config.log.empty()) {
         addPath(json, ",\"path\":", config.log);
     }

@@ -96,7 +96,7 @@ public:
     // kept for another thread.
     bool take(const char *url, const Deadline &deadline) {
         std::unique_lock lock{mutex_};
-        if (kept_ && owner_ != std::this_thread::get_id()) {
+        if (isKept() && owner_ != std::this_thread::get_id()) {
             return false;
         }
         if (taken_) {
@@ -115,10 +115,9 @@ public:
     bool keepFor(std::thread::id thread) noexcept {
         const std::lock_guard lock{mutex_};
         if (!taken_) {
-            kept_ = true;
             owner_ = thread;
         }
-        return kept_;
+        return isKept();
     }
     // Waits for one to call nobody, once; it needs no memory.
     void takeLast() noexcept {
@@ -150,6 +149,7 @@ private:
         std::condition_variable changed;
         bool its = false;
     };
+    bool isKept() const noexcept { return owner_ != std::thread::id{}; }
     static bool await(std::unique_lock<std::mutex> &lock, Waiter &waiter,
                       const Deadline &deadline) {
         while (!waiter.its) {
@@ -168,8 +168,7 @@ private:
     Waiter last_;
     std::list<Waiter *> last_place_{&last_};
     bool taken_ = false;
-    bool kept_ = false;
-    std::thread::id owner_;
+    std::thread::id owner_; // that turns are kept for, or none
     const char *url_ = nullptr;
 };
 

@@ -22,18 +22,14 @@ namespace zelvo::detail {
 using View = std::string_view;
 using Text = std::string;
 
+// Asked in the order in which runWith() does, and no further than it does: what is generic may be
+// wrong for strings.
 template <class Run>
-constexpr bool takesData() {
-    return std::is_invocable_v<Run &, View> || std::is_invocable_v<Run &, Text> ||
-           std::is_invocable_v<Run &>;
-}
-template <class Run>
-constexpr bool takesNameAndData() {
-    return std::is_invocable_v<Run &, View, View> || std::is_invocable_v<Run &, View, Text> ||
-           std::is_invocable_v<Run &, Text, View> || std::is_invocable_v<Run &, Text, Text>;
-}
-template <class Run>
-inline constexpr bool kIsHandler = takesNameAndData<Run>() || takesData<Run>();
+inline constexpr bool kIsHandler =
+    std::disjunction_v<std::is_invocable<Run &, View, View>, std::is_invocable<Run &, View, Text>,
+                       std::is_invocable<Run &, Text, View>, std::is_invocable<Run &, Text, Text>,
+                       std::is_invocable<Run &, View>, std::is_invocable<Run &, Text>,
+                       std::is_invocable<Run &>>;
 
 // Refuses what can't be run.
 template <class Run>
@@ -106,47 +102,62 @@ public:
 };
 using HandlerPtr = std::shared_ptr<Handler>;
 
+// All are held by one kind of pointer, and moved once from where the user has given them: both cost
+// time to compile, for each handler.
+inline HandlerPtr held(Handler *handler) {
+    return HandlerPtr{handler};
+}
+
 template <class Run>
-class HandlerOf final : public Handler {
+class TopicHandler final : public Handler {
 public:
-    explicit HandlerOf(Run &&run) : run_{std::move(run)} {}
-    void run(View name, View data, char *&answer) override { run_(name, data, answer); }
+    explicit TopicHandler(Run &run) : run_{std::move(run)} {}
+    void run(View topic, View data, char *& /*answer*/) override {
+        Copies copies;
+        runWith(run_, topic, data, copies);
+    }
 
 private:
     Run run_;
 };
-// run(name, data, answer)
-template <class Run>
-HandlerPtr handlerOf(Run run) {
-    return std::make_shared<HandlerOf<Run>>(std::move(run));
-}
 
 template <class Run>
-HandlerPtr subscriber(Run run) {
-    return handlerOf([run = std::move(run)](View topic, View data, char *&) mutable {
-        Copies copies;
-        runWith(run, topic, data, copies);
-    });
-}
-template <class Run>
-HandlerPtr answerer(Run run) {
-    return handlerOf([run = std::move(run)](View path, View data, char *&answer) mutable {
+class PathHandler final : public Handler {
+public:
+    explicit PathHandler(Run &run) : run_{std::move(run)} {}
+    void run(View path, View data, char *&answer) override {
         Copies copies;
         using Value = ResultOf<Run>;
         if constexpr (std::is_void_v<Value>) {
-            runWith(run, path, data, copies);
+            runWith(run_, path, data, copies);
             answer = answerText({});
         } else {
-            answer = answerOf<Value>(runWith(run, path, data, copies));
+            answer = answerOf<Value>(runWith(run_, path, data, copies));
         }
-    });
-}
+    }
+
+private:
+    Run run_;
+};
 
 // ---- the handlers of a node ----
 
 // Those of one name in the order in which they have been added. All that hold handlers by name are
 // of this one type: each further one costs every user time to compile.
 using HandlersByName = std::multimap<std::string, HandlerPtr, std::less<>>;
+
+// Without those that come again; to sort them costs every user more time to compile.
+inline std::vector<std::string> eachOnce(const std::vector<std::string> &names) {
+    HandlersByName seen;
+    std::vector<std::string> once;
+    for (const std::string &name : names) {
+        if (seen.find(name) == seen.end()) {
+            seen.emplace(name, nullptr);
+            once.push_back(name);
+        }
+    }
+    return once;
+}
 
 // A step from one set of handlers to another.
 struct Change {
@@ -162,7 +173,11 @@ struct Change {
 // that runs stays whole, and finding one takes no lock.
 class Handlers {
 public:
-    using Range = std::pair<HandlersByName::const_iterator, HandlersByName::const_iterator>;
+    // So many from the first on.
+    struct Row {
+        HandlersByName::const_iterator first;
+        std::size_t count;
+    };
 
     Handlers() = default;
     Handlers(const Handlers &) = delete;
@@ -170,7 +185,7 @@ public:
     ~Handlers() = default;
 
     void make(const Change &change) {
-        latest_ = none();
+        latest_ = {};
         for (const std::string &name : change.names) {
             switch (change.kind) {
             case Change::Kind::add:
@@ -187,11 +202,10 @@ public:
     }
 
     // Mostly the topic is that of the message before.
-    Range ofTopic(View topic) {
-        if (latest_.first == latest_.second || latest_.first->first != topic) {
-            latest_ = topics_.equal_range(topic);
-        }
-        return latest_;
+    Row ofTopic(const char *topic) {
+        const bool same =
+            latest_.count != 0 && std::strcmp(latest_.first->first.c_str(), topic) == 0;
+        return same ? latest_ : look(topic);
     }
     // Null: there is none.
     Handler *ofPath(View path) const {
@@ -200,12 +214,15 @@ public:
         return found == paths_.end() ? nullptr : found->second.get();
     }
     std::pair<HandlersByName, HandlersByName> takeAll() noexcept {
-        latest_ = none();
+        latest_ = {};
         return {std::move(topics_), std::move(paths_)};
     }
 
 private:
-    Range none() const noexcept { return {topics_.end(), topics_.end()}; }
+    Row look(View topic) {
+        const auto [first, last] = topics_.equal_range(topic);
+        return latest_ = {first, static_cast<std::size_t>(std::distance(first, last))};
+    }
     void remove(const std::string &topic, const HandlerPtr &handler) {
         auto [entry, end] = topics_.equal_range(topic);
         while (entry != end) {
@@ -224,8 +241,8 @@ private:
     }
 
     HandlersByName topics_;
-    Range latest_ = none(); // that has been asked for
-    HandlersByName paths_;  // "": of every other path
+    Row latest_{};         // that has been asked for
+    HandlersByName paths_; // "": of every other path
 };
 
 // What a node has subscribed to with the bus, and for which handlers. It keeps none of them.

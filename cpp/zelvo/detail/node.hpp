@@ -170,7 +170,7 @@ inline bool NodeState::endLoop(bool (*giveUp)(void *node)) {
 
 inline void NodeState::askToLeave() noexcept {
     const std::lock_guard lock{mutex_};
-    if (!hops_ && turns_.keepFor(loop_.id())) {
+    if (turns_.keepFor(loop_.id())) {
         calls_ended_ = true;
     }
     if (calls_ended_ && !gone_) {

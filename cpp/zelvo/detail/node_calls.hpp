@@ -24,8 +24,9 @@ inline Answer NodeState::call(const char *url, std::string_view data) {
 }
 
 inline Answer NodeState::callUntil(Clock::time_point end, const char *url, std::string_view data) {
-    const auto call = futureCall<Answer>(url, data, asItIs);
-    auto future = call->future();
+    auto *const made = new FutureCall<Answer, decltype(&asItIs)>{url, data, asItIs};
+    const AsyncCallPtr call = held(made);
+    auto future = made->future();
     callAsync(call);
     if (future.wait_until(end) != std::future_status::ready && cancel(call)) {
         return noAnswer(Cause::timed_out);

@@ -89,15 +89,18 @@ inline int NodeState::onMessage(void *userdata, client_t * /*client*/, char *top
     return 0;
 }
 
-inline void NodeState::hear(std::string_view topic, std::string_view data) noexcept {
-    const auto [first, last] = handlers_.ofTopic(topic);
-    for (auto entry = first; entry != last; ++entry) {
-        Handler &handler = *entry->second;
+inline void NodeState::hear(const char *topic, std::string_view data) noexcept {
+    auto row = handlers_.ofTopic(topic);
+    while (row.count != 0) {
+        Handler &handler = *row.first->second;
         if (!handler.cancelled.load(std::memory_order_relaxed) && !leaving_) {
             reported([&] {
                 char *none = nullptr;
-                handler.run(topic, data, none);
+                handler.run(row.first->first, data, none);
             });
+        }
+        if (--row.count != 0) { // mostly there is one, and a step in a tree is a call
+            ++row.first;
         }
     }
 }
@@ -115,22 +118,44 @@ inline char *NodeState::onCall(void *userdata, client_t * /*client*/, char *url,
     return answer;
 }
 
+// Hears a topic whose messages are values.
+template <class Value, class Run>
+class ValueHandler final : public Handler {
+public:
+    ValueHandler(NodeState &node, Run &run) : node_{node}, run_{std::move(run)} {}
+    void run(View topic, View data, char *& /*answer*/) override {
+        if (!runDecoded<Value>(data, run_)) {
+            node_.noteUnreadable(topic, data.size(), SizeOf<Value>::value);
+        }
+    }
+
+private:
+    NodeState &node_;
+    Run run_;
+};
+
 // Answers the calls of a service.
 template <class Question, class Reply, class Run>
-HandlerPtr server(NodeState &node, Run run) {
-    return handlerOf([run = std::move(run), &node](View path, View data, char *&answer) mutable {
+class ServiceHandler final : public Handler {
+public:
+    ServiceHandler(NodeState &node, Run &run) : node_{node}, run_{std::move(run)} {}
+    void run(View path, View data, char *&answer) override {
         auto question = decoded<Question>(data);
         if (!question) {
-            node.noteUnreadable(path, data.size(), SizeOf<Question>::value);
+            node_.noteUnreadable(path, data.size(), SizeOf<Question>::value);
             return;
         }
-        if (const std::optional<Reply> reply = run(std::move(*question))) {
+        if (const std::optional<Reply> reply = run_(std::move(*question))) {
             std::string space;
             const View bytes = Codec<Reply>::encode(*reply, space);
             answer = answerText(withoutNul(bytes, isRefusal(bytes)));
         }
-    });
-}
+    }
+
+private:
+    NodeState &node_;
+    Run run_;
+};
 
 } // namespace zelvo::detail
 

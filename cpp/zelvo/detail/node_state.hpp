@@ -76,6 +76,8 @@ private:
     template <class Work>
     void guarded(Work work) noexcept;
     template <class Work>
+    void inLoop(Work work) noexcept;
+    template <class Work>
     void settled(Work &work) noexcept;
     template <class Run>
     void reported(Run &&run) noexcept;
@@ -121,7 +123,7 @@ private:
     // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
     // node that hears nothing looks when many wait, so that it does not keep ever more.
     void change(Change change);
-    void hear(std::string_view topic, std::string_view data) noexcept;
+    void hear(const char *topic, std::string_view data) noexcept;
 
     // ---- timers ----
 
@@ -156,31 +158,35 @@ private:
     Loop loop_;
 };
 
+// These are declared inline for what it says to optimizers: there is one of them for each message.
 template <class Work>
-void NodeState::guarded(Work work) noexcept {
-    if (!hops_) {
+inline void NodeState::guarded(Work work) noexcept {
+    hops_ ? inLoop(work) : settled(work);
+}
+
+template <class Work>
+void NodeState::inLoop(Work work) noexcept {
+    auto hop = [&] {
+        const auto *const outer = std::exchange(handlingNode(), this);
         settled(work);
-    } else if (!leaving_) {
-        auto hop = [&] {
-            const auto *const outer = std::exchange(handlingNode(), this);
-            settled(work);
-            handlingNode() = outer;
-        };
-        using Hop = decltype(hop);
-        bool done = false;
+        handlingNode() = outer;
+    };
+    using Hop = decltype(hop);
+    bool done = leaving_;
+    if (!done) {
         reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
-        if (!done) { // what is due or ready is looked at again
-            const std::lock_guard lock{mutex_};
-            attention_ = true;
-        }
     }
-    if (hops_ && leaving_) {
+    if (!done) { // what is due or ready is looked at again
+        const std::lock_guard lock{mutex_};
+        attention_ = true;
+    }
+    if (leaving_) {
         goQuietly();
     }
 }
 
 template <class Work>
-void NodeState::settled(Work &work) noexcept {
+inline void NodeState::settled(Work &work) noexcept {
     if (!attention_.load(std::memory_order_acquire) || settle()) {
         work();
     }
@@ -190,7 +196,7 @@ void NodeState::settled(Work &work) noexcept {
 }
 
 template <class Run>
-void NodeState::reported(Run &&run) noexcept {
+inline void NodeState::reported(Run &&run) noexcept {
     try {
         run();
     } catch (...) {

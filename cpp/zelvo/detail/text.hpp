@@ -51,14 +51,6 @@ private:
 
 namespace detail {
 
-// The length as the C functions take it.
-inline int lengthOf(std::string_view data) {
-    if (data.size() > static_cast<std::size_t>(INT_MAX)) {
-        throw std::length_error("zelvo: more data than a message can hold");
-    }
-    return static_cast<int>(data.size());
-}
-
 // Contiguous bytes of whatever type; what is a text already goes its own way.
 template <class Bytes>
 using IfBytes =
@@ -66,13 +58,13 @@ using IfBytes =
                      sizeof(*std::data(std::declval<const Bytes &>())) == 1 &&
                      std::is_trivially_copyable_v<std::remove_reference_t<decltype(*std::data(
                          std::declval<const Bytes &>()))>>>;
-template <class Value>
-using IfNoText = std::enable_if_t<!std::is_convertible_v<const Value &, std::string_view>>;
+template <class Text>
+using IfText = std::enable_if_t<std::is_convertible_v<const Text &, std::string_view>>;
+
 template <class Bytes>
 std::string_view viewOf(const Bytes &bytes) noexcept {
     return {reinterpret_cast<const char *>(std::data(bytes)), std::size(bytes)};
 }
-
 // A text of char8_t, as u8"..." is from C++20 on; in C++17 it is one of char.
 template <class Character, std::size_t Size>
 std::string_view viewOf(const Character (&text)[Size]) noexcept {
@@ -82,6 +74,41 @@ std::string_view viewOf(const Character (&text)[Size]) noexcept {
 #else
     return all;
 #endif
+}
+
+} // namespace detail
+
+// What a message carries, as an argument: it looks at a text, or at any contiguous bytes:
+// std::vector<std::byte>, std::array<unsigned char, 4>, std::span. Throws std::invalid_argument for
+// a null pointer.
+class DataView {
+public:
+    DataView() = default;
+    DataView(std::nullptr_t) = delete;
+    DataView(const char *text) : data_{CText{text}.c_str()} {}
+    DataView(const char *data, std::size_t size) noexcept : data_{data, size} {}
+    template <class Text, class = detail::IfText<Text>>
+    DataView(const Text &text) : data_{text} {}
+    template <class Bytes, class = detail::IfBytes<Bytes>, class = void>
+    DataView(const Bytes &bytes) noexcept : data_{detail::viewOf(bytes)} {}
+    operator std::string_view() const noexcept { return data_; }
+    const char *data() const noexcept { return data_.data(); }
+
+private:
+    std::string_view data_;
+};
+
+namespace detail {
+
+template <class Value>
+using IfNoData = std::enable_if_t<!std::is_convertible_v<const Value &, DataView>>;
+
+// The length as the C functions take it.
+inline int lengthOf(std::string_view data) {
+    if (data.size() > static_cast<std::size_t>(INT_MAX)) {
+        throw std::length_error("zelvo: more data than a message can hold");
+    }
+    return static_cast<int>(data.size());
 }
 
 // ---- what a call handler gives ----

@@ -31,20 +31,27 @@ public:
     bool cancelled = false;
 };
 
+// run(timer), or run()
 template <class Run>
 class TimerEntryOf final : public TimerEntry {
 public:
-    TimerEntryOf(Clock::duration beat, Run &&run) : TimerEntry{beat}, run_{std::move(run)} {}
-    void run(const TimerPtr &self) override { run_(self); }
+    TimerEntryOf(Clock::duration beat, Run &run) : TimerEntry{beat}, run_{std::move(run)} {}
+    void run(const TimerPtr &self) override {
+        if constexpr (std::is_invocable_v<Run &, const TimerPtr &>) {
+            run_(self);
+        } else {
+            static_cast<void>(self);
+            run_();
+        }
+    }
 
 private:
     Run run_;
 };
 
-// run(timer)
-template <class Run>
-TimerPtr timerOf(Clock::duration period, Run run) {
-    return std::make_shared<TimerEntryOf<Run>>(period, std::move(run));
+// As handlers are held.
+inline TimerPtr held(TimerEntry *timer) {
+    return TimerPtr{timer};
 }
 
 // All under the node's mutex.
