@@ -161,7 +161,8 @@ string serve(const Message &message, Entry *sender, const string &path) {
     if (path == "/") {
         say("E  Vek-server not url path");
         return "";
-    } else if (path == "/join" && sender) {
+    }
+    if (path == "/join" && sender) {
         say("W  Vek-server, " + message.name + " already exist");
     } else if (path == "/join") {
         notify("bus.event", R"({"event":"join", "name": ")" + message.name + "\"}");
@@ -352,9 +353,9 @@ string Message::field(const string &which) const {
     return between(trace, which + ": ", which == "payload" ? ", payload len: " : ", ");
 }
 
-void readLine(const string &written) {
-    const Line line{written};
-    const string &text = line.text;
+void readLine(const string &line) {
+    const Line read{line};
+    const string &text = read.text;
     const auto isPart = [&](const char *part) { return text.find(part) != text.npos; };
     note("log: " + text);
     expect(!isPart("\xDD"), "writes memory that is free to the log");
@@ -366,9 +367,9 @@ void readLine(const string &written) {
                         (text.starts_with("E  Vek-server ") && text.ends_with(" failed"));
     losses += isLoss ? 1 : 0;
     if (program.isExact() && world.current->node) {
-        readNode(*world.current->node, line);
+        readNode(*world.current->node, read);
     } else if (program.isExact()) {
-        readBus(line);
+        readBus(read);
     }
 }
 
@@ -385,7 +386,7 @@ void Node::getsAnswer(const char *text, const string &asked) const {
            "asks " + asked + ", is handed " + answer + " and gets " + got);
 }
 
-void Node::isHanded(const string &about, const char *data, int length) {
+void Node::isHanded(const string &about, const char *data, int length) const {
     note("is handed " + about + " " + (data ? data : "null"));
     expectLooked(*this, lookBegan, lookedUntil);
     const bool isCall = about[0] == '/';

@@ -55,7 +55,7 @@ struct Node {
     std::uint64_t lookedUntil = 0; // timers due by then have had their turn
 
     void getsAnswer(const char *text, const std::string &asked) const;
-    void isHanded(const std::string &about, const char *data, int length);
+    void isHanded(const std::string &about, const char *data, int length) const;
     void runs(Timer &timer);
 };
 
