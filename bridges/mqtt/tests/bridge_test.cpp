@@ -333,7 +333,6 @@ TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
     peer.request("slow/x");
     peer.request("other/x");
     EXPECT_TRUE(site.logs("other/x from outside is refused")); // behind the others
-    const Deadline deadline{"close", std::chrono::seconds{5}};
     EXPECT_EQ(zelvo_mqtt_close(site.get()), -1);
     slow.free.set();
     site.close();
