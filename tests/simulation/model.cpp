@@ -331,10 +331,17 @@ void nodeTakes(Node &node, const Message &message) {
 
 void readNode(Node &node, const Line &line) {
     const Message message{&node, node.name, "", line.trace};
+    const auto runsNothing = [](const Timer &t) {
+        return !t.hasFunction && !t.gone && t.due(t.begun) <= world.now();
+    };
+    const auto timer = std::ranges::find_if(node.timers, runsNothing);
     if (line.partner(" ==> ") == kBus) {
         sent[world.current->number].push_back(message);
     } else if (line.partner(" <== ") == kBus) {
         nodeTakes(node, message);
+    } else if (line.text.ends_with("timer func not implement")) {
+        expect(timer != node.timers.end(), "no timer explains: " + line.text);
+        timer->gone = true;
     }
 }
 
@@ -345,7 +352,8 @@ constexpr const char *kUsual[] = {" already ",
                                   "exist deadlock",
                                   "not url path",
                                   "params format error",
-                                  "timerId overstep the boundary 32767"};
+                                  "timerId overstep the boundary 32767",
+                                  "func not implement"};
 
 } // namespace
 

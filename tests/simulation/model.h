@@ -26,6 +26,7 @@ struct Timer {
     Node *node;
     int type;
     unsigned delay;
+    bool hasFunction;
     std::uint64_t begun = world.now(); // when the call that sets it began; it is due after that
     int id = 0;                        // once that call has returned
     std::uint64_t set = kNever;        // when it had
@@ -36,7 +37,7 @@ struct Timer {
     // Whether it must have run before a message is taken or another timer runs, where a look at the
     // timers that were there has found it due.
     bool isMissed(std::uint64_t there, std::uint64_t look) const {
-        return !gone && !killed && set <= there && due(set) <= look;
+        return !gone && !killed && hasFunction && set <= there && due(set) <= look;
     }
 };
 

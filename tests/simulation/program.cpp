@@ -231,9 +231,11 @@ void useKey(Actor &actor, const Operation &o) {
 
 void setTimer(Actor &actor, const Operation &o) {
     const unsigned delay = o.b % 3 == 0 ? 0 : o.b % 12;
-    Timer &timer = actor.node->timers.emplace_back(Timer{actor.node, static_cast<int>(o.a), delay});
-    timer.id = enter("sets a timer of " + to_string(delay) + " ms", busClientSettimer, actor.client,
-                     ring, static_cast<long>(delay), timer.type, &timer);
+    Timer &timer = actor.node->timers.emplace_back(
+        Timer{actor.node, static_cast<int>(o.a), delay, o.a % 8 != 0});
+    timer.id =
+        enter("sets a timer of " + to_string(delay) + " ms", busClientSettimer, actor.client,
+              timer.hasFunction ? ring : nullptr, static_cast<long>(delay), timer.type, &timer);
     timer.set = world.now();
     timer.gone |= timer.id < 0;
 }
