@@ -86,9 +86,8 @@ void *__wrap_aligned_alloc(std::size_t alignment, std::size_t size) {
     if (!inLibrary()) {
         return __real_malloc(size);
     }
-    unsigned &refusals = world.current->refusals;
-    if (++asked == shortage.nth || world.chance.oneIn(shortage.oneIn) || refusals > 0) {
-        refusals -= refusals > 0 ? 1 : 0;
+    if (++asked == shortage.nth || world.chance.oneIn(shortage.oneIn) || shortage.next > 0) {
+        shortage.next -= std::min(shortage.next, 1U);
         note("is refused memory");
         return nullptr;
     }

@@ -54,10 +54,9 @@ struct Node {
     std::deque<Timer> timers{};
     std::uint64_t lookBegan = 0;   // at timers, the latest; not before then
     std::uint64_t lookedUntil = 0; // timers due by then have had their turn
-    std::map<int, long> last{};    // of each publisher, the number of what it has heard
 
     void getsAnswer(const char *text, const std::string &asked) const;
-    void isHanded(const std::string &about, const char *data, int length);
+    void isHanded(const std::string &about, const char *data, int length) const;
     void runs(Timer &timer);
 };
 

@@ -19,16 +19,16 @@ struct Operation {
 
 struct Program {
     unsigned actors = 2;
-    int level = 1;          // of the log
-    unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
+    int level = 1;            // of the log
+    bool closesShort = false; // of memory for the leave of a node
+    unsigned timeLimit = 0;   // of calls, in milliseconds; 0: none
     Shortage shortage{};
-    bool floods = false; // queues get full
     std::vector<Operation> operations{};
 
     bool isExact() const { return level <= 1; } // else only what the application sees is compared
     bool loses() const {
-        return timeLimit > 0 || floods || shortage.oneIn > 0 || shortage.nth > 0 ||
-               shortage.disk > 0 || shortage.close > 0;
+        return timeLimit > 0 || closesShort || shortage.oneIn > 0 || shortage.nth > 0 ||
+               shortage.disk > 0;
     }
 };
 inline Program program; // the world's

@@ -47,20 +47,18 @@ struct Thread {
     Node *node; // that it works for
     int number = 0;
     std::int64_t priority = 0; // where the first in an order goes on
-    bool asleep = false, ended = false;
-    bool alone = false;         // while it goes on, nobody else does
-    const void *word = nullptr; // that it sleeps on
-    std::uint64_t until = kNever;
-    bool inLibrary = false;      // not while it is in a handler
-    unsigned refusals = 0;       // of memory, that are to come next
-    std::string doing{};         // for who asks why it does not go on
-    std::vector<char> objects{}; // its thread_local ones
+    bool ended = false;
+    const void *word = nullptr;   // that it sleeps on
+    std::uint64_t until = kNever; // that it sleeps, woken or not
+    bool inLibrary = false;       // not while it is in a handler
+    std::string doing{};          // for who asks why it does not go on
+    std::vector<char> objects{};  // its thread_local ones
     std::vector<std::pair<void (*)(void *), void *>> destructors{};
     std::unique_ptr<char[]> stack{};
     ucontext_t place{};
 
+    bool sleeps() const { return word || until != kNever; }
     void arouse() {
-        asleep = false;
         word = nullptr;
         until = kNever;
     }
@@ -92,11 +90,6 @@ public:
     }
     // Whether no thread that can go on is kept from it for long, as the clock counts.
     bool isPrompt() const { return heldUntil_ < heldFrom_ + 12'000 && yieldTime_ < kMillisecond; }
-    // Nobody else goes on, as long as the current thread does not wait for somebody.
-    void goAlone(bool alone) {
-        current->alone = alone;
-        nextChange_ = alone ? kNever : step + 1;
-    }
 
     Random chance{0};                    // for whatever happens by chance
     std::function<void()> rests = [] {}; // told where nobody can go on before a time has come
@@ -114,10 +107,11 @@ private:
     std::vector<std::unique_ptr<Thread>> threads_{};
     std::vector<Thread *> alive_{}, ready_{};
     std::uint64_t nextChange_ = kNever, jumped_ = 0;
-    unsigned rarity_ = 1;         // of changes of the thread, in steps
-    std::uint64_t grain_ = 1;     // of time-outs, which so end at once
-    std::uint64_t yieldTime_ = 0; // that a yield takes
-    bool byPriority_ = false;     // the first in an order goes on, and becomes the last at a change
+    std::uint64_t lastChange_ = 0; // but for yields
+    unsigned rarity_ = 1;          // of changes of the thread, in steps
+    std::uint64_t grain_ = 1;      // of time-outs, which so end at once
+    std::uint64_t yieldTime_ = 0;  // that a yield takes
+    bool byPriority_ = false; // the first in an order goes on, and becomes the last at a change
     std::int64_t lowest_ = 0;
     Thread *held_ = nullptr; // stays where it is, as long as others can go on
     std::uint64_t heldFrom_ = 0, heldUntil_ = 0;
@@ -145,7 +139,7 @@ struct Shortage {
     unsigned oneIn = 0;
     std::uint64_t nth = 0;
     unsigned disk = 0;
-    unsigned close = 0; // of a node: so many allocations
+    unsigned next = 0; // of those to come, all
 };
 inline Shortage shortage;
 // A block that the library is going to free. It is not handed out again then, so whoever touches it
