@@ -38,6 +38,20 @@ private:
 
 } // namespace
 
+TEST_F(Face, a_node_destroyed_in_its_loop_leaves_nothing_of_the_users_behind) {
+    TestLoop loop;
+    const auto alive = std::make_shared<int>();
+    const auto executor = [post = loop.executor(), alive](Task task) { post(std::move(task)); };
+    auto gui = std::make_unique<Node>(bus, "gui", executor);
+    gui->subscribe("t", [&gui, alive] { gui.reset(); });
+    gui->after(24h, [alive] {});
+    lamp.publish("t");
+    while (gui) {
+        loop.runOne();
+    }
+    EXPECT_EQ(alive.use_count(), 2); // this function's
+}
+
 TEST_F(Face, everything_of_a_node_runs_in_the_loop_in_order) {
     TestLoop loop;
     Node gui{bus, "gui", loop.executor()};

@@ -7,6 +7,7 @@
 constexpr zelvo::Topic<int> count{"count"};
 constexpr zelvo::Topic<std::map<int, int>> table{"table"};
 constexpr zelvo::Service<int, std::string> lookup{"/store/lookup"};
+constexpr zelvo::Service<int, int> half{"/store/half"};
 
 struct Room {
     operator double() const { return 21.5; }
@@ -23,7 +24,9 @@ void use(zelvo::Bus &bus, zelvo::Node &node) {
     node.subscribe(count, [](std::string_view) {});          // wrong: of this topic takes
     node.on_call("/x", [](int) { return 1; });               // wrong: of a call takes
     node.on_call("/x", [] { return std::map<int, int>{}; }); // wrong: gives a text
+    node.on_call("/x", [] { return nullptr; });              // wrong: gives a text
     node.on_call(lookup, [](int) { return 1; });             // wrong: of this service takes
+    node.on_call(half, [](int x) { return x / 2.0; });       // wrong: of this service takes
     node.call_async("/x", [](int) {});                       // wrong: of a call takes
     node.after(std::chrono::seconds{1}, [](int) {});         // wrong: function takes
     zelvo::Node gui{bus, "gui", [](int) {}};                 // wrong: executor takes

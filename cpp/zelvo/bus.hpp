@@ -108,10 +108,10 @@ public:
     // the order in which they came; or destroys it. It is called in the node's thread, which waits
     // until that has happened: a loop that does not come round makes the node a slow one, whose
     // queue fills. A node that is destroyed while work of it waits in the loop runs none of it.
-    // What handlers have captured goes in the loop too, or in the thread that destroys the node.
-    // A handler that waits, in a loop, for another node of the same loop waits for good. Throws
-    // std::invalid_argument for an executor that holds no function; what it throws when it is
-    // called goes to Config::on_error, and a message that it was for is lost.
+    // What handlers have captured goes in the loop too, or in the thread that destroys the node;
+    // the executor goes then. A handler that waits, in a loop, for another node of the same loop
+    // waits for good. Throws std::invalid_argument for an executor that holds no function; what it
+    // throws when it is called goes to Config::on_error, and a message that it was for is lost.
     template <class Executor>
     Node(const Bus &bus, const std::string &name, Executor executor)
         : Node{bus, name, detail::hopsOf(std::move(executor))} {}
@@ -245,7 +245,7 @@ public:
     // told as a message is. Throws std::invalid_argument for a service of another node.
     template <class Question, class Reply, class Handler>
     void on_call(const Service<Question, Reply> &service, Handler handler) {
-        constexpr bool fits = std::is_invocable_r_v<std::optional<Reply>, Handler &, Question>;
+        constexpr bool fits = detail::gives<Reply, Handler, Question>();
         static_assert(fits, "zelvo: a handler of this service takes (const Question &) and gives a "
                             "Reply, of the service's types");
         if constexpr (fits) {

@@ -391,7 +391,7 @@ bool runDecoded(std::string_view bytes, Run &run) {
             return false;
         }
         std::memcpy(copy, bytes.data(), sizeof copy);
-        run(std::move(*std::launder(reinterpret_cast<Value *>(copy))));
+        static_cast<void>(run(std::move(*std::launder(reinterpret_cast<Value *>(copy)))));
         return true;
     } else {
         auto value = decoded<Value>(bytes);
@@ -437,8 +437,16 @@ inline std::optional<std::string> withNul(std::string_view text) {
     return bytes;
 }
 
+template <class Value>
+struct IsView : std::is_same<Value, std::string_view> {};
+template <class Value>
+struct IsView<std::vector<Value>> : IsView<Value> {};
+template <class Value, std::size_t Size>
+struct IsView<std::array<Value, Size>> : IsView<Value> {};
+
 template <class Reply>
 Result<Reply> resultFrom(const Answer &answer) {
+    static_assert(!IsView<Reply>::value, "zelvo: a reply outlives the bytes that a view looks at");
     if (!answer) {
         return {answer.outcome, answer.cause};
     }

@@ -16,8 +16,8 @@
 
 namespace zelvo {
 
-// What does not parse, or is JSON of another shape, does not decode. Encoding throws nlohmann's
-// type_error for a text that is not UTF-8.
+// What does not parse, is JSON of another shape, or is nested more than 500 deep does not decode.
+// Encoding throws nlohmann's type_error for a text that is not UTF-8.
 template <class Value>
 struct JsonCodec {
     static std::string_view encode(const Value &value, std::string &space) {
@@ -25,9 +25,18 @@ struct JsonCodec {
         return space;
     }
     static std::optional<Value> decode(std::string_view bytes) {
-        const auto json = nlohmann::json::parse(bytes, nullptr, false);
-        return json.is_discarded() ? std::nullopt : std::optional{json.template get<Value>()};
+        bool deep = false;
+        const auto look = [&deep](int depth, auto, auto &) {
+            deep = deep || depth > kDeepest;
+            return true;
+        };
+        const auto json = nlohmann::json::parse(bytes, look, false);
+        return json.is_discarded() || deep ? std::nullopt
+                                           : std::optional{json.template get<Value>()};
     }
+
+private:
+    static constexpr int kDeepest = 500; // nlohmann's copies take stack for each level
 };
 
 namespace detail {

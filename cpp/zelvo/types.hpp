@@ -131,11 +131,11 @@ struct Config {
     Level level = Level::warnings;
     // The log file. Empty, or where it cannot be opened: standard output. The log is one for the
     // process: with a second bus only its level changes.
-    std::filesystem::path log;
+    std::filesystem::path log{};
     bool append = false;    // to the log file, instead of emptying it
     int log_megabytes = 20; // at which the log file is deleted and begun anew; 0: never
     // The directory of the key store. Empty: the working directory.
-    std::filesystem::path home;
+    std::filesystem::path home{};
     // How long a call, a join and a subscription wait for an answer, and for their turn where
     // several threads use one node; 0: without a limit.
     std::chrono::milliseconds call_timeout{0};
@@ -152,7 +152,7 @@ struct Config {
     // handler's node; runs in that node's thread, so that several may be in it at once. Gets
     // std::bad_alloc too, where the node itself finds no memory; its timers come late then. Empty:
     // a line on standard error. What it throws itself ends there too.
-    std::function<void(std::string_view node, std::exception_ptr error)> on_error;
+    std::function<void(std::string_view node, std::exception_ptr error)> on_error{};
 };
 
 } // namespace zelvo

@@ -84,7 +84,7 @@ public:
     CompletedCall(const char *to, std::string_view bytes, Run &run)
         : AsyncCall{to, bytes, true},
           run_{std::move(run)} {}
-    void end(Answer given) override { (*run_)(std::move(given)); }
+    void end(Answer given) override { static_cast<void>((*run_)(std::move(given))); }
     void forget() noexcept override { run_.reset(); }
 
 private:

@@ -50,6 +50,7 @@ public:
             throw Error("zelvo: no memory for a bus");
         }
         helpers_.begin(bus_);
+        Retired::instance(); // made while there is memory
         try {
             loop_.start("zelvo bus", serve, bus_, nullptr);
         } catch (...) {

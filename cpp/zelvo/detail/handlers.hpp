@@ -31,21 +31,21 @@ inline constexpr bool kIsHandler =
                        std::is_invocable<Run &, View>, std::is_invocable<Run &, Text>,
                        std::is_invocable<Run &>>;
 
-// Refuses what can't be run.
+template <class Run, class = void>
+inline constexpr bool kMayBeNull = false;
 template <class Run>
-void require(const Run &) noexcept {}
-inline void requireThat(bool there) {
-    if (!there) {
-        throw std::invalid_argument("zelvo: a function is missing");
+inline constexpr bool
+    kMayBeNull<Run, std::void_t<decltype(std::declval<const Run &>() == nullptr)>> = true;
+
+// Refuses what can't be run: a pointer to no function, a std::function that holds none, and the
+// like.
+template <class Run>
+void require(const Run &run) {
+    if constexpr (kMayBeNull<Run>) {
+        if (run == nullptr) {
+            throw std::invalid_argument("zelvo: a function is missing");
+        }
     }
-}
-template <class Signature>
-void require(const std::function<Signature> &run) {
-    requireThat(static_cast<bool>(run));
-}
-template <class Value, class... Arguments>
-void require(Value (*const &run)(Arguments...)) {
-    requireThat(run != nullptr);
 }
 
 // What a handler that takes strings gets; it may give a view of them.
@@ -58,7 +58,12 @@ template <class Run>
 decltype(auto) runWith(Run &run, View name, View data, Copies &copies) {
     const auto nameCopy = [&]() -> Text && { return std::move(copies.name = name); };
     const auto dataCopy = [&]() -> Text && { return std::move(copies.data = data); };
-    if constexpr (std::is_invocable_v<Run &, View, View>) {
+    using IsBound = std::is_bind_expression<Run>; // takes more than it passes on
+    if constexpr (std::conjunction_v<IsBound, std::is_invocable<Run &, View>>) {
+        return run(data);
+    } else if constexpr (std::conjunction_v<IsBound, std::is_invocable<Run &, Text>>) {
+        return run(dataCopy());
+    } else if constexpr (std::is_invocable_v<Run &, View, View>) {
         return run(name, data);
     } else if constexpr (std::is_invocable_v<Run &, View, Text>) {
         return run(name, dataCopy());
@@ -114,7 +119,7 @@ public:
     explicit TopicHandler(Run &run) : run_{std::move(run)} {}
     void run(View topic, View data, char *& /*answer*/) override {
         Copies copies;
-        runWith(run_, topic, data, copies);
+        static_cast<void>(runWith(run_, topic, data, copies));
     }
 
 private:
@@ -184,9 +189,11 @@ public:
     Handlers &operator=(const Handlers &) = delete;
     ~Handlers() = default;
 
-    void make(const Change &change) {
+    // Names go as they are made, so that it can be gone on with where memory was short.
+    void make(Change &change) {
         latest_ = {};
-        for (const std::string &name : change.names) {
+        for (; !change.names.empty(); change.names.pop_back()) {
+            const std::string &name = change.names.back();
             switch (change.kind) {
             case Change::Kind::add:
                 topics_.emplace(name, change.handler);
@@ -267,9 +274,10 @@ public:
             handlers_.erase(topic);
         }
     }
-    // Whether the handler was there. last gets the topics that have none any more.
+    // Whether the handler was there. last gets the topics that have none any more, where it is
+    // wanted.
     bool remove(const std::vector<std::string> &topics, const Handler &handler,
-                std::vector<std::string> &last) {
+                std::vector<std::string> *last) {
         bool was = false;
         for (const std::string &topic : topics) {
             auto [entry, end] = handlers_.equal_range(topic);
@@ -281,8 +289,8 @@ public:
             }
             was = true;
             handlers_.erase(entry);
-            if (handlers_.find(topic) == handlers_.end()) {
-                last.push_back(topic);
+            if (last && handlers_.find(topic) == handlers_.end()) {
+                last->push_back(topic);
             }
         }
         return was;

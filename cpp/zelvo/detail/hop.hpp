@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 namespace zelvo {
@@ -64,25 +65,41 @@ public:
             done_ = false;
             ++number_;
             state_ = State::waits;
+            posting_ = true;
+            poster_ = std::this_thread::get_id();
             work_ = work;
             object_ = object;
         }
         try {
             post(number_);
+            posted();
         } catch (...) {
             drop(number_);
+            posted();
             wait();
             throw;
         }
         return wait();
     }
-    // Nothing begins any more.
-    void close() noexcept {
-        const std::lock_guard lock{mutex_};
+    // Nothing begins any more, and the executor goes: the loop may be about to. True: a piece is in
+    // the midst of it.
+    bool close() {
+        std::unique_lock lock{mutex_};
         closed_ = true;
         if (state_ == State::waits) {
             finish();
         }
+        const bool runs = state_ == State::runs;
+        // An executor that returns only when the piece has been run can't be waited for in it.
+        if (poster_ != std::this_thread::get_id()) {
+            changed_.wait_for(lock, std::chrono::seconds{1}, [this] { return !posting_; });
+        }
+        left_ = posting_;
+        lock.unlock();
+        if (!left_) {
+            forgetExecutor();
+        }
+        return runs;
     }
     // Whether the calling thread is in the midst of it.
     bool runsHere() noexcept {
@@ -93,6 +110,8 @@ public:
 protected:
     // Has the loop perform() the piece of that number, or drop() it.
     virtual void post(std::uint64_t number) = 0;
+    // Nothing is posted any more.
+    virtual void forgetExecutor() noexcept {}
     // In the loop; does nothing where the piece is not wanted any more.
     void perform(std::uint64_t number) noexcept {
         {
@@ -120,10 +139,20 @@ private:
             finish();
         }
     }
+    void posted() noexcept {
+        std::unique_lock lock{mutex_};
+        posting_ = false;
+        changed_.notify_all();
+        const bool left = left_;
+        lock.unlock();
+        if (left) {
+            forgetExecutor();
+        }
+    }
     // With mutex_.
     void finish() noexcept {
         state_ = State::over;
-        changed_.notify_one();
+        changed_.notify_all();
     }
     bool wait() {
         std::unique_lock lock{mutex_};
@@ -135,6 +164,9 @@ private:
     std::condition_variable changed_;
     State state_ = State::over;
     bool closed_ = false;
+    bool posting_ = false; // by the thread poster_, which forgets the executor where it is left_
+    bool left_ = false;
+    std::thread::id poster_;
     bool done_ = false;        // the latest piece has been run
     std::uint64_t number_ = 0; // of the latest piece
     std::thread::id runner_;
@@ -149,8 +181,9 @@ public:
     explicit HopsOf(Executor &&executor) : executor_{std::move(executor)} {}
 
 private:
-    void post(std::uint64_t number) override { executor_(task(number)); }
-    Executor executor_;
+    void post(std::uint64_t number) override { (*executor_)(task(number)); }
+    void forgetExecutor() noexcept override { executor_.reset(); }
+    std::optional<Executor> executor_;
 };
 template <class Executor>
 HopsPtr hopsOf(Executor executor) {

@@ -118,9 +118,17 @@ public:
     Retired(const Retired &) = delete;
     Retired &operator=(const Retired &) = delete;
 
-    void add(const void *bus, std::thread thread) {
+    struct Entry {
+        const void *bus = nullptr; // &done_: the thread has ended, or is about to
+        std::thread thread;
+    };
+    using Entries = std::list<Entry>;
+
+    // Takes one entry over, so that no memory is needed.
+    void add(Entries &room, const void *bus, std::thread thread) noexcept {
         const std::lock_guard lock{mutex_};
-        entries_.push_back({bus, std::move(thread)});
+        room.front() = {bus, std::move(thread)};
+        entries_.splice(entries_.end(), room);
     }
     // The calling thread has nothing left to do.
     void finish() {
@@ -140,10 +148,6 @@ public:
     }
 
 private:
-    struct Entry {
-        const void *bus; // &done_: the thread has ended, or is about to
-        std::thread thread;
-    };
     std::thread take(const void *bus) {
         const std::lock_guard lock{mutex_};
         for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
@@ -157,7 +161,7 @@ private:
     }
 
     std::mutex mutex_;
-    std::list<Entry> entries_;
+    Entries entries_;
     const char done_ = 0;
 };
 

@@ -84,7 +84,7 @@ inline void NodeState::run() noexcept {
 }
 
 inline bool NodeState::settle() noexcept {
-    std::vector<Change> changes;
+    std::list<Change> changes;
     {
         const std::lock_guard lock{mutex_};
         changes.swap(changes_);
@@ -93,12 +93,16 @@ inline bool NodeState::settle() noexcept {
             wake();
         }
     }
-    reported([&] {
-        for (const Change &change : changes) {
-            handlers_.make(change);
+    reported([&] { // what goes with a change may be the owner of this node
+        for (; !changes.empty(); changes.pop_front()) {
+            handlers_.make(changes.front());
         }
     });
-    changes.clear(); // what goes with them may be the owner of this node
+    if (!changes.empty()) { // memory is short
+        const std::lock_guard lock{mutex_};
+        changes_.splice(changes_.begin(), changes);
+        attention_ = true;
+    }
     if (leaving_ && !hops_) {
         goQuietly();
     }
@@ -139,8 +143,8 @@ inline void NodeState::leave(BusPtr bus) {
     }
     forgetCalls();
     bus_.helpers().leave(name_);
-    if (hops_) {
-        hops_->close();
+    if (hops_ && !hops_->close()) {
+        forgetHandlers(); // otherwise the loop does, as it ends what it runs
     }
     const bool own = loop_.isThisThread() || (hops_ && hops_->runsHere());
     if (own) {
@@ -157,7 +161,7 @@ inline void NodeState::leave(BusPtr bus) {
 
 inline void NodeState::forgetHandlers() {
     TimerQueue timers;
-    std::vector<Change> changes;
+    std::list<Change> changes;
     const auto handlers = handlers_.takeAll();
     const std::lock_guard lock{mutex_};
     timers = timers_.takeAll();
@@ -194,7 +198,7 @@ inline bool NodeState::retire(BusPtr &bus) {
     {
         const std::lock_guard lock{mutex_};
         if (!gone_) {
-            Retired::instance().add(bus.get(), loop_.release());
+            Retired::instance().add(retirement_, bus.get(), loop_.release());
             keep_ = std::move(bus);
             alone = true;
         }

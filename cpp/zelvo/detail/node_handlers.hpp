@@ -29,16 +29,21 @@ inline void NodeState::subscribe(const std::vector<std::string> &topics,
     }
     const std::vector<std::string> fresh = subscriptions_.notIn(topics);
     const std::string json = jsonArray(fresh);
-    change({Change::Kind::add, topics, handler}); // it is there before the first message
-    const Cause cause = gone_           ? Cause::left
-                        : fresh.empty() ? Cause::answered
-                                        : askInTurn(url, json, deadline).cause;
-    if (cause != Cause::answered) {
+    try {
+        subscriptions_.add(topics, *handler);
+        change({Change::Kind::add, topics, handler}); // it is there before the first message
+        const Cause cause = gone_           ? Cause::left
+                            : fresh.empty() ? Cause::answered
+                                            : askInTurn(url, json, deadline).cause;
+        if (cause != Cause::answered) {
+            throw noAnswerError(url, cause);
+        }
+    } catch (...) {
         handler->cancelled = true;
+        subscriptions_.remove(topics, *handler, nullptr);
         change({Change::Kind::remove, topics, handler});
-        throw noAnswerError(url, cause);
+        throw;
     }
-    subscriptions_.add(topics, *handler);
 }
 
 inline void NodeState::unsubscribe(const std::vector<std::string> &topics) {
@@ -70,7 +75,7 @@ inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::
         return !leaving_;
     }
     std::vector<std::string> last;
-    const bool was = subscriptions_.remove(topics, *handler, last);
+    const bool was = subscriptions_.remove(topics, *handler, &last);
     if (!last.empty()) {
         askInTurn(url, jsonArray(last), deadline); // or what comes has no handler
     }
@@ -133,6 +138,20 @@ private:
     NodeState &node_;
     Run run_;
 };
+
+// Whether what a handler gives is a value of the type, or would become one as an argument does.
+template <class Given, class Reply>
+inline constexpr bool kKeeps = !std::is_arithmetic_v<Reply> || !kLoses<Given, Reply>;
+template <class Given, class Reply>
+inline constexpr bool kKeeps<std::optional<Given>, Reply> = kKeeps<Given, Reply>;
+template <class Reply, class Run, class Question>
+constexpr bool gives() {
+    if constexpr (std::is_invocable_r_v<std::optional<Reply>, Run &, Question>) {
+        return kKeeps<std::decay_t<std::invoke_result_t<Run &, Question>>, Reply>;
+    } else {
+        return false;
+    }
+}
 
 // Answers the calls of a service.
 template <class Question, class Reply, class Run>

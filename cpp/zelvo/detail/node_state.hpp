@@ -144,7 +144,7 @@ private:
     Handlers handlers_; // the node's thread's, or the loop's
 
     std::mutex mutex_; // of all below that is not atomic
-    std::vector<Change> changes_;
+    std::list<Change> changes_;
     Timers timers_;
     OpenCalls calls_;
     BusPtr keep_;        // of a node that nobody waits for
@@ -156,6 +156,7 @@ private:
     std::atomic<bool> calls_ended_{false}; // nobody has a turn any more
     std::atomic<bool> attention_{false};   // settle() has something to do, or the node is leaving
     Loop loop_;
+    Retired::Entries retirement_{1}; // made when there was memory
 };
 
 // These are declared inline for what it says to optimizers: there is one of them for each message.
@@ -169,6 +170,9 @@ void NodeState::inLoop(Work work) noexcept {
     auto hop = [&] {
         const auto *const outer = std::exchange(handlingNode(), this);
         settled(work);
+        if (leaving_) {
+            forgetHandlers();
+        }
         handlingNode() = outer;
     };
     using Hop = decltype(hop);

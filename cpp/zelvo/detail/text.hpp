@@ -140,9 +140,10 @@ constexpr bool isAnswer() {
     } else if constexpr (std::is_void_v<Value>) {
         return true;
     } else {
-        return std::is_arithmetic_v<Value> ||
-               std::is_convertible_v<const Value &, std::string_view> ||
-               std::is_convertible_v<const Value &, std::string>;
+        return !std::is_null_pointer_v<Value> &&
+               (std::is_arithmetic_v<Value> ||
+                std::is_convertible_v<const Value &, std::string_view> ||
+                std::is_convertible_v<const Value &, std::string>);
     }
 }
 

@@ -38,10 +38,10 @@ public:
     TimerEntryOf(Clock::duration beat, Run &run) : TimerEntry{beat}, run_{std::move(run)} {}
     void run(const TimerPtr &self) override {
         if constexpr (std::is_invocable_v<Run &, const TimerPtr &>) {
-            run_(self);
+            static_cast<void>(run_(self));
         } else {
             static_cast<void>(self);
-            run_();
+            static_cast<void>(run_());
         }
     }
 
