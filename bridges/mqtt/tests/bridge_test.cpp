@@ -215,7 +215,7 @@ TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
 TEST_F(Bridges, a_process_that_forks_keeps_its_connections_and_its_peace) {
     Bridged from{broker.url(), "from", R"("out":["t"])"};
     const pid_t child = fork(); // has the connections, too
-    for (; child == 0; pause()) {}
+    EXPECT_EQ(child == 0 ? raise(SIGSTOP) : 0, 0);
     waits = 0;
     broker.kill(SIGTERM);
     EXPECT_TRUE(from.logs("no connection"));
