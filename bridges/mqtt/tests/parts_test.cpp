@@ -109,9 +109,10 @@ TEST(Config, has_limits) {
                            {"\"prefix\":\"", "\"", 1, 200},
                            {"\"call\":[\"", "\"]", 1, 32},
                            {"\"serve\":[\"", "\"]", 1, 71}}) {
-        const auto read = [&, text = before.back() == '"'](std::uint64_t value) {
+        const auto read = [&front = before, &back = after](std::uint64_t value) {
+            const bool text = front.back() == '"';
             const std::string shown = text ? std::string(value, 'x') : std::to_string(value);
-            readConfig(configWith(before + shown + after).c_str());
+            readConfig(configWith(front + shown + back).c_str());
         };
         EXPECT_NO_THROW(read(least); read(most)) << before;
         EXPECT_THROW(read(most + 1), OpenError) << before;
