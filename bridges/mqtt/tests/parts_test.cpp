@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <mosquitto.h>
 
-#include <cstdio>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -111,7 +110,7 @@ TEST(Config, has_limits) {
                            {"\"serve\":[\"", "\"]", 1, 71}}) {
         const auto read = [&front = before, &back = after](std::uint64_t value) {
             const bool text = front.back() == '"';
-            const std::string shown = text ? std::string(value, 'x') : std::to_string(value);
+            const auto shown = text ? std::string(value, 'x') : std::to_string(value);
             readConfig(configWith(front + shown + back).c_str());
         };
         EXPECT_NO_THROW(read(least); read(most)) << before;
