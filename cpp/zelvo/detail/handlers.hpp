@@ -53,23 +53,24 @@ struct Copies {
     Text name;
     Text data;
 };
+// What std::bind gives takes more than it passes on, so it would get a name for its data.
+template <class Run>
+using TakesName = std::negation<std::conjunction<
+    std::is_bind_expression<Run>,
+    std::disjunction<std::is_invocable<Run &, View>, std::is_invocable<Run &, Text>>>>;
 // Runs what takes a topic or a path and data, or data alone, or nothing; as views or as strings.
 template <class Run>
 decltype(auto) runWith(Run &run, View name, View data, Copies &copies) {
+    using Named = TakesName<Run>;
     const auto nameCopy = [&]() -> Text && { return std::move(copies.name = name); };
     const auto dataCopy = [&]() -> Text && { return std::move(copies.data = data); };
-    using IsBound = std::is_bind_expression<Run>; // takes more than it passes on
-    if constexpr (std::conjunction_v<IsBound, std::is_invocable<Run &, View>>) {
-        return run(data);
-    } else if constexpr (std::conjunction_v<IsBound, std::is_invocable<Run &, Text>>) {
-        return run(dataCopy());
-    } else if constexpr (std::is_invocable_v<Run &, View, View>) {
+    if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, View, View>>) {
         return run(name, data);
-    } else if constexpr (std::is_invocable_v<Run &, View, Text>) {
+    } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, View, Text>>) {
         return run(name, dataCopy());
-    } else if constexpr (std::is_invocable_v<Run &, Text, View>) {
+    } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, Text, View>>) {
         return run(nameCopy(), data);
-    } else if constexpr (std::is_invocable_v<Run &, Text, Text>) {
+    } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, Text, Text>>) {
         return run(nameCopy(), dataCopy());
     } else if constexpr (std::is_invocable_v<Run &, View>) {
         return run(data);
