@@ -249,6 +249,10 @@ void checkTogether(const Config &config) {
                     "\" stands in \"out\" too, so it would come back; use one topic for each way, "
                     "or put a site's name in it");
     }
+    const std::string own = "mqtt." + config.site;
+    const auto isOwn = [&own](const std::string &topic) { return topic.starts_with(own + '.'); };
+    require(std::none_of(config.in.begin(), config.in.end(), isOwn),
+            "\"in\": topics that begin with \"" + own + ".\" are this bridge's");
     for (const Config::Call &call : config.call) {
         require(call.site != config.site, "\"call\": \"" + call.site + "\" is the own site");
     }

@@ -62,6 +62,7 @@ void DataLink::lost(const std::string &why, bool byBroker) {
 
 void DataLink::everySecond() {
     tellDrops();
+    inflow_.correct();
     inflow_.check();
     if (isConnected() && round_ != Round::kNone && Clock::now() >= askAt_) {
         askAgain();
@@ -71,6 +72,7 @@ void DataLink::everySecond() {
 // ---- what goes out ----
 
 void DataLink::flush() {
+    inflow_.correct();
     while (std::optional<Publication> publication = outbox_.next(window_)) {
         if (!publish(std::move(*publication))) {
             break;

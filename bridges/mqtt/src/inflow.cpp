@@ -2,6 +2,7 @@
 
 #include "json.h"
 
+#include <algorithm>
 #include <charconv>
 #include <utility>
 #include <vector>
@@ -9,9 +10,13 @@
 namespace zelvo_mqtt {
 namespace {
 
-constexpr std::size_t kPortion = 256; // of topics that are looked at, for which the node has room
+// Of what is looked at in one go, the node has room for as many topics; one topic may have more
+// bytes.
+constexpr std::size_t kPortion = 256;
+constexpr std::size_t kPortionBytes = 4U << 20U;
 constexpr std::chrono::seconds kBetweenLooks{2};
-constexpr const char *kLook = "look"; // a mark that is no number
+constexpr int kMostTries = 3;
+constexpr std::string_view kLook = "look "; // and the number of the look that is open
 
 } // namespace
 
@@ -30,6 +35,7 @@ Inflow::Inflow(Common &common, std::function<void()> wake)
 
 void Inflow::publish(const Incoming &incoming) {
     Topic &topic = topics_.at(incoming.topic);
+    const bool expected = incoming.retain && std::exchange(topic.expected, false);
     const int hops = incoming.hops.value_or(kMostHops + 1);
     if (hops > kMostHops) {
         common_.log.warning("a publication of " + topic.onBus + " is dropped: " +
@@ -39,23 +45,28 @@ void Inflow::publish(const Incoming &incoming) {
                                            : std::string{"its number of hops is none"}));
         return;
     }
-    if (incoming.retain && std::exchange(topic.expected, false) &&
-        topic.sticky == incoming.payload) {
+    if (expected && topic.sticky == incoming.payload) {
         return;
     }
-    common_.passing.publishes(topic.onBus, hops);
     if (incoming.retain) {
         const std::lock_guard lock{mutex_};
+        topic.hops = hops;
         topic.sticky.reset();
         if (!incoming.payload.empty()) {
             topic.sticky = incoming.payload;
         }
+        topic.tries = 0;
         settle(topic);
     } else {
+        common_.passing.publishes(topic.onBus, hops);
         const char *const data = incoming.payload.empty() ? nullptr : incoming.payload.data();
         busClientPublish(node_->get(), topic.onBus.c_str(), data,
                          static_cast<int>(incoming.payload.size()));
     }
+    count();
+}
+
+void Inflow::count() {
     if (++unmarked_ >= kChunk) {
         unmarked_ = 0;
         marked_ = Clock::now();
@@ -109,7 +120,9 @@ void Inflow::sweep() {
         if (std::exchange(its.expected, false)) {
             common_.log.info(its.onBus + " is sticky no more: the broker does not retain it");
             its.sticky.reset();
-            settle(its);
+            its.tries = 0;
+            its.look = Topic::Look::kWrong;
+            wrong_ = true;
         }
     }
 }
@@ -118,6 +131,7 @@ void Inflow::sweep() {
 void Inflow::settle(Topic &topic) {
     const char *const name = topic.onBus.c_str();
     topic.look = Topic::Look::kDue;
+    common_.passing.publishes(topic.onBus, topic.hops);
     if (topic.sticky) {
         const std::string &payload = *topic.sticky;
         busClientPublishSticky(node_->get(), name, payload.data(),
@@ -128,22 +142,33 @@ void Inflow::settle(Topic &topic) {
     }
 }
 
-// What has been looked at is handled, and what is due is asked for.
-void Inflow::check() {
-    using Look = Topic::Look;
-    const std::lock_guard lock{mutex_};
-    bool isDue = false;
-    for (auto &[topic, its] : topics_) {
-        if (its.look == Look::kWrong) {
-            common_.log.warning(its.onBus + " is published again: the bus had no room for it");
-            settle(its);
-        }
-        isDue = isDue || its.look != Look::kDone;
+void Inflow::correct() {
+    if (!wrong_.exchange(false)) {
+        return;
     }
+    const std::lock_guard lock{mutex_};
+    for (auto &[topic, its] : topics_) {
+        if (its.look == Topic::Look::kWrong) {
+            if (pauses()) {
+                wrong_ = true;
+                return;
+            }
+            settle(its);
+            count();
+        }
+    }
+}
+
+void Inflow::check() {
     const auto now = Clock::now();
-    if (isDue && now - asked_ >= kBetweenLooks) {
+    if (now - asked_ < kBetweenLooks) {
+        return;
+    }
+    const std::lock_guard lock{mutex_};
+    const auto isDue = [](const auto &topic) { return topic.second.look != Topic::Look::kDone; };
+    if (std::any_of(topics_.begin(), topics_.end(), isDue)) {
         asked_ = now;
-        mark(kLook);
+        mark(std::string{kLook} + std::to_string(look_));
     }
 }
 
@@ -164,8 +189,10 @@ void Inflow::handle(const std::string &topic, std::string_view data) {
     std::uint32_t number = 0;
     if (topic != name_) {
         see(topic, data);
-    } else if (data == kLook) {
-        look();
+    } else if (data.starts_with(kLook)) {
+        if (data.substr(kLook.size()) == std::to_string(look_)) { // not one that is over
+            look();
+        }
     } else if (std::from_chars(data.data(), data.data() + data.size(), number).ec == std::errc{}) {
         returned_ = number;
         wake_();
@@ -177,9 +204,25 @@ void Inflow::see(const std::string &topic, std::string_view data) {
     const auto found = topics_.find(common_.topics.publication(topic));
     const std::lock_guard lock{mutex_};
     if (found != topics_.end() && found->second.look == Topic::Look::kBegun) {
-        found->second.look =
-            found->second.sticky == data ? Topic::Look::kDone : Topic::Look::kWrong;
+        judge(found->second, found->second.sticky == data);
     }
+}
+
+// With the mutex held.
+void Inflow::judge(Topic &topic, bool isSo) {
+    topic.look = Topic::Look::kDone;
+    if (isSo) {
+        return;
+    }
+    const std::string what = topic.onBus + " is something else on the bus than at the broker";
+    if (topic.tries == kMostTries) {
+        common_.log.error({what, ", and left so"});
+        return;
+    }
+    common_.log.warning(what + ", and published again");
+    ++topic.tries;
+    topic.look = Topic::Look::kWrong;
+    wrong_ = true;
 }
 
 // Ends the look at some topics and begins the next, until none is due. What the bus keeps of them
@@ -191,24 +234,31 @@ void Inflow::look() {
         watched_.clear();
     }
     std::vector<std::string> next;
+    std::size_t bytes = 0;
     std::string last;
     {
         const std::lock_guard lock{mutex_};
         for (auto &[topic, its] : topics_) {
             if (its.look == Look::kBegun) { // nothing has come
-                its.look = its.sticky ? Look::kWrong : Look::kDone;
-            } else if (its.look == Look::kDue && topic > lookedTo_ && next.size() < kPortion) {
+                judge(its, !its.sticky);
+            } else if (its.look == Look::kDue && topic > lookedTo_ && next.size() < kPortion &&
+                       bytes < kPortionBytes) {
                 its.look = Look::kBegun;
                 next.push_back(its.onBus);
+                bytes += its.sticky ? its.sticky->size() : 0;
                 last = topic;
             }
         }
+    }
+    if (wrong_) {
+        wake_();
     }
     lookedTo_ = last;
     if (!next.empty()) {
         watched_ = jsonArray(next);
         node_->subscribe(watched_);
-        mark(kLook);
+        // Counted behind what the subscription brings: a mark that says this number is, too.
+        mark(std::string{kLook} + std::to_string(++look_));
     }
 }
 

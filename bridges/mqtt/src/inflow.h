@@ -36,9 +36,11 @@ public:
 
         const std::string onBus;
         bool expected = false; // what is retained is to come now
-        // Written by the link's thread with the mutex, as the node's thread looks at both.
+        int hops = 0;          // of what was retained last
+        // Written by the link's thread with the mutex, as the node's thread looks at them.
         std::optional<std::string> sticky = {}; // what this bridge has made so
         Look look = Look::kDone;                // whether it is so
+        int tries = 0;                          // to make it so again
     };
     using Topics = std::map<std::string, Topic>; // by the broker's
 
@@ -48,23 +50,26 @@ public:
     void publish(const Incoming &incoming); // of a topic that it takes
     bool pauses();                          // nothing is to be read
     void check();                           // what is sticky; now and then
+    void correct();                         // what is not as it should be, while nothing pauses
 
     // What is retained of the expected topics is to come now; what is sticky already is then not
     // published again.
     void expect(bool all);
     bool expectSticky(); // those that are sticky and have not come; false: there are none
-    void sweep();        // what has not come is sticky no more
+    void sweep();        // what has not come is sticky no more; correct() makes it so
 
 private:
     static constexpr std::chrono::milliseconds kMarkAgain{250};
 
     void mark(const std::string &text);
+    void count();
     void settle(Topic &topic);
 
     // In the node's thread.
     static int onMessage(void *self, client_t *, char *topic, char *data, int len);
     void handle(const std::string &topic, std::string_view data);
     void see(const std::string &topic, std::string_view data);
+    void judge(Topic &topic, bool isSo);
     void look();
 
     Common &common_;
@@ -77,7 +82,8 @@ private:
     std::uint32_t marks_ = 0;
     Clock::time_point marked_{}, since_{}, asked_{};
     bool told_ = false;
-    std::atomic<std::uint32_t> returned_{0};
+    std::atomic<std::uint32_t> returned_{0}, look_{0}; // the latest mark; the look that is open
+    std::atomic<bool> wrong_{false};                   // some topic is
 
     std::string watched_, lookedTo_; // the node's thread's
     std::optional<Node> node_;       // last: its thread uses the others
