@@ -157,7 +157,7 @@ TEST(Gaps, what_a_full_bus_refuses_is_sticky_in_the_end) {
     EXPECT_TRUE(site.logs("its number of hops is none")); // behind the others
     site.bus.start();
     EXPECT_TRUE(site.listener.hears("kept 2") && site.listener.hears("emptied null"));
-    EXPECT_TRUE(site.logs("kept is something else on the bus than at the broker, and published again"));
+    EXPECT_TRUE(site.logs("kept is something else on the bus"));
     Listener late{site.bus, "late", R"(["emptied","kept"])"};
     EXPECT_TRUE(late.hears("kept 2"));
     EXPECT_EQ(late.heard().size(), 1U);
