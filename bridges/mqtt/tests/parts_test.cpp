@@ -73,6 +73,7 @@ TEST(Config, is_refused_as_a_whole_by_the_name_of_what_is_wrong) {
         {configWith(R"("out":[{"topic":"x","expiry":1,"retain":true}])"), "\"retain\" and"},
         {configWith(R"("out":["x","x"])"), "\"out[1]\": \"x\" stands there twice"},
         {configWith(R"("out":["x"],"in":["y","x"])"), "\"in\": \"x\" stands in \"out\" too"},
+        {configWith(R"("in":["mqtt.s.in"])"), "\"in\": topics that begin with \"mqtt.s.\""},
         {configWith("\"in\":[\"" + std::string(30'000, '+') + "\"]"), "is too long for MQTT"},
         {configWith(R"("in":["a\u0000b"])"), "has a NUL"},
         {configWith(R"("call":["s"])"), "\"call\": \"s\" is the own site"},

@@ -161,6 +161,17 @@ TEST(Gaps, what_a_full_bus_refuses_is_sticky_in_the_end) {
     Listener late{site.bus, "late", R"(["emptied","kept"])"};
     EXPECT_TRUE(late.hears("kept 2"));
     EXPECT_EQ(late.heard().size(), 1U);
+    // A node that does not give in is left with what it wants.
+    const auto insist = [](void *, client_t *node, char *topic, char *data, int length) {
+        if (data && std::string_view(data, static_cast<std::size_t>(length)) != "on") {
+            busClientPublishSticky(node, topic, "on", 2);
+        }
+        return 0;
+    };
+    RunningNode stubborn{site.bus.get(), "stubborn", insist};
+    busClientSubscribe(stubborn.get(), R"(["kept"])");
+    peer.publish("zelvo/topic/kept", "3", true, correlationData());
+    EXPECT_TRUE(site.logs("kept is something else on the bus than at the broker, and left so"));
 }
 
 // A second bridge of the name cuts the connections of the first.
