@@ -138,9 +138,9 @@ ZELVO_API int busClientDelete(Zelvo_t *busManager) ZELVO_NOEXCEPT;
 /* ---- a node ---- */
 
 /* Makes a node, joins it to the bus under name and subscribes it to "bus.event", the notices of
- * joining nodes: {"event":"join", "name": "..."}. Either handler may be null: messages are then
- * dropped, calls answered {"msg":"not implement"}. userdata is handed to both handlers.
- * Blocks until the bus has answered.
+ * joining nodes: {"event":"join", "name": "..."}, with the name as JSON has it. Either handler may
+ * be null: messages are then dropped, calls answered {"msg":"not implement"}. userdata is handed to
+ * both handlers. Blocks until the bus has answered.
  * Returns null, with nothing left behind: bus or name missing, the name taken, 2,048 nodes on the
  * bus, memory short, no answer in time. When the bus's queue was full the join is lost: the node is
  * returned and is not on the bus. It receives nothing and makes no call but "/bus/join", which
