@@ -74,10 +74,7 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
         EXPECT_NE(why.find(entry.why), why.npos) << entry.name << ": " << why;
     }
     EXPECT_EQ(node.nodes(), std::vector<std::string>{node.name()});
-    node.on_call([] {
-        std::string name; // empty on systems without such a file
-        return std::getline(std::ifstream{"/proc/thread-self/comm"}, name), name;
-    });
+    node.on_call([] { return threadName(); });
     const std::string thread = node.call_async("/" + node.name() + "/thread").get().text;
     EXPECT_TRUE(thread.empty() || thread == node.name().substr(0, 15)) << thread;
     EXPECT_EQ(node.stats(), std::nullopt); // not configured

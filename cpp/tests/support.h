@@ -55,6 +55,9 @@ protected:
 // How many times this thread has taken memory by operator new.
 int allocations() noexcept;
 
+// Of the calling thread; empty where the system has none to tell.
+std::string threadName();
+
 // Whether there is something to dispatch, at once or within the limit.
 bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit = 0ms);
 

@@ -5,3 +5,7 @@
 bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit) {
     return WaitForSingleObject(node.fd(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0;
 }
+
+std::string threadName() {
+    return {};
+}
