@@ -128,7 +128,7 @@ MessagePtr newRequest(client_t &client, const Question &question, std::uint64_t 
                                              question.data, question.len)};
     if (request) {
         request->call = number;
-        if (!client.registered.load(std::memory_order_acquire)) { // then it is a join
+        if (!client.registered.load(std::memory_order_acquire)) { // then it is a join, or not sent
             holdNode(*request, client);
         }
         BUS_CLIENT_TRACE("==>", &client, request.get());
