@@ -196,6 +196,8 @@ def _run(argv):
     if arguments.limit is not None and arguments.limit < 1:
         raise InputError('--limit: at least 1')
     view = View(arguments)
+    if arguments.html or arguments.perfetto:
+        view.inputs.check_goal(arguments.html or arguments.perfetto)
     shown = (given[0][1] if given else _summarise)(view, arguments)
     if not shown:
         print('zelvo-view: ' + view.why_nothing(), file=sys.stderr)

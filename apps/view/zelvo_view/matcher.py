@@ -247,19 +247,18 @@ class Matcher:
         yield from self.ready()
 
     def _notice(self, record):
-        lost, skipped, anew = notice(record)
+        lost, says, anew = notice(record)
         self.anew += anew
         self.lost_lines += lost
         if self.first_ms is None:
             self.first_ms = self.last_ms = record.ms
             self.now = record.ms * 1000
-        if lost:
+        if says:
             self.out.append(Message(self.line, self.now, self.last_ms, b'', b'', 'lost', None, None,
-                                    None, note=('{} lines here were not read in time' if skipped else
-                                          'the log has lost {} lines here').format(lost)))
+                                    None, note=says))
         for process in self.processes.values():  # nothing is certain to be in step any more
             for node in process.nodes.values():
-                if lost:
+                if says:
                     node.joined_line = None
                     node.received.clear()
 

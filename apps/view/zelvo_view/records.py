@@ -26,7 +26,7 @@ _SERVER_TRACE = re.compile(
 _LENGTH = re.compile(rb', payload len: (\d{1,10})\n')
 _LENGTH_MARK = b', payload len: '
 _RESPONSE, _TOPICS = b' call response, ', b'subscribe begin, '
-_LOST = re.compile(rb'log lines lost: (\d{1,10})(, not read in time)?$')
+_LOST = re.compile(rb'log lines lost: (\d{1,10})(, .*)?$')
 _BEGUN_ANEW = re.compile(rb'log file size: (\d+), remove file:  ')
 
 NO_PAYLOAD, HIDDEN = b'NULL', b'BinaryData...'
@@ -372,9 +372,21 @@ def last_time(data):
         return None
 
 
+# What is said of lost lines, by what stands behind their number.
+_LOSSES = {None: 'the log has lost {} lines here', b', not read in time': '{} lines here were not read in time',
+           b', removed': 'lines here were in files that were removed before they were read'}
+
+
+def skipped_before(data, read):
+    """The beginning of a file, and a notice before it where it says that the file before was not the
+    one of which so many bytes have been read."""
+    m = _BEGUN_ANEW.match(data, 1)
+    return b'\nlog lines lost: 0, removed\n' + data if m and int(m.group(1)) != read else data
+
+
 def notice(record):
-    """Of a notice of the log itself: (lines that it has lost, whether only for us because they were
-    not read in time, whether it has been begun anew)."""
+    """Of a notice of the log itself: (lines that it has lost, what to say of them or None, whether it
+    has been begun anew)."""
     lost = _LOST.match(record.text)
-    return (int(lost.group(1)) if lost else 0, bool(lost and lost.group(2)),
-            bool(_BEGUN_ANEW.match(record.text)))
+    says = lost and _LOSSES.get(lost.group(2), _LOSSES[None]).format(int(lost.group(1)))
+    return int(lost.group(1)) if lost else 0, says, bool(_BEGUN_ANEW.match(record.text))

@@ -9,7 +9,7 @@ import threading
 import time
 from collections import Counter
 
-from .records import NotALog, Reader, last_time
+from .records import NotALog, Reader, last_time, skipped_before
 
 CHUNK = 1 << 20
 LOOK = 0.01  # seconds between two looks at a growing file
@@ -71,6 +71,14 @@ class Inputs:
                     ends.append(last_time(file.read(1 << 16)))
         return max((end for end in ends if end is not None), default=None)
 
+    def check_goal(self, path):
+        """Refuses a path whose file is a log: what is written there would replace it."""
+        if os.path.isfile(path):
+            with _open(path) as file:
+                is_log = last_time(file.read(CHUNK)) is not None
+            if is_log or any(os.path.exists(p) and os.path.samefile(p, path) for p in self.paths):
+                raise InputError('{}: this is a log, and it would be overwritten'.format(path))
+
     def records(self):
         """All records, those of several files in the order of their times."""
         streams = [self._stream(path) for path in self.paths]
@@ -94,26 +102,32 @@ class Inputs:
 
     def _merged(self, streams):
         """Millisecond by millisecond."""
-        # A record that two files have is the same one: a process writes one log, so they overlap.
-        heads = [[next(stream, None), stream] for stream in streams]
-        heads = [head for head in heads if head[0] is not None]
+        # A record that two files have is the same one: a process writes one log, so they overlap. But
+        # where one file ends in the millisecond in which another begins, that one goes on there.
+        heads = [[next(stream, None), stream, True] for stream in streams]
+        heads = sorted((head for head in heads if head[0] is not None), key=lambda head: head[0].ms)
         while heads:
             ms = min(head[0].ms for head in heads)
-            known = Counter()
+            known, going_on = Counter(), Counter()  # records, and those of files that do not end here
             for head in heads:
                 run = []
                 while head[0] is not None and head[0].ms <= ms:
                     run.append(head[0])
                     head[0] = next(head[1], None)
+                if not run:
+                    continue
+                others, head[2] = going_on if head[2] else known, False
                 seen = Counter()
                 for record in run:
                     same = record._replace(again=False)
                     seen[same] += 1
-                    if seen[same] > known[same]:
-                        known[same] += 1
+                    if seen[same] > others[same]:
                         yield record
                     else:
                         self.doubled += 1
+                known |= seen
+                if head[0] is not None:
+                    going_on |= seen
             heads = [head for head in heads if head[0] is not None]
 
     # ---- what grows ----
@@ -216,6 +230,7 @@ class Tail:
         self._file = _open(path)
         self._head = b''  # what it begins with, as far as it is known
         self._came = 0.0  # when, at the latest
+        self._read_before = None  # bytes of the file before, until this one has told of that
         self.anew = 0  # how often it was begun anew
 
     @property
@@ -232,10 +247,13 @@ class Tail:
             data = self._file.read(CHUNK)  # written before it was removed
             fresh = None if data else self._reopen()
             if fresh is not None:
+                self._read_before = self._file.tell()
                 self._file.close()
                 self._file, self._head = fresh, b''
                 found += self._begin_anew()
                 data = self._file.read(CHUNK)
+        if data and self._read_before is not None:
+            data, self._read_before = skipped_before(data, self._read_before), None
         now = time.monotonic()
         try:
             if data:
