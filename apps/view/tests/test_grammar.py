@@ -135,7 +135,7 @@ class Reading(unittest.TestCase):
         for _ in range(6):
             log.ms += 1
             log.publish(1, 'a', 't').deliver(3, 's', 't')
-        parts = (log.lines[:12], log.lines[9:])  # they overlap
+        parts = (log.lines[:12], log.lines[6:])  # they overlap
         paths = [os.path.join(support.folder, name) for name in ('new.log', 'old.log')]
         for path, lines in zip(paths, reversed(parts)):
             with open(path, 'wb') as file:

@@ -67,13 +67,19 @@ class Live(unittest.TestCase):
             follower = Follower(path, '--follow')
             self.assertIn('first', follower.next()[1])
             self.check_haste(follower, file.write)
-            file.write(line('last of the old'))
+        for skipped in 0, 1:  # bytes of a file that nobody has seen
+            with open(path, 'ab') as file:
+                file.write(line('last of the old'))
+                size = file.tell() + skipped
             os.unlink(path)
-        with open(path, 'wb', buffering=0) as file:
-            file.write(b'\nlog file size: 20971520, remove file:  growing.log\n\n')
-            file.write(line('first of the new'))
-            self.assertIn('last of the old', follower.next()[1])
-            self.assertIn('first of the new', follower.next()[1])
+            with open(path, 'wb', buffering=0) as file:
+                file.write(b'\nlog file size: %d, remove file:  growing.log\n\n' % size)
+                file.write(line('first of the new'))
+                self.assertIn('last of the old', follower.next()[1])
+                if skipped:
+                    self.assertIn('removed before they were read', follower.next()[1])
+                self.assertIn('first of the new', follower.next()[1])
+        with open(path, 'r+b', buffering=0) as file:
             file.truncate(0)  # by a program that has begun anew
             file.seek(0)
             time.sleep(0.1)

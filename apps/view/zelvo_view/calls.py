@@ -144,7 +144,9 @@ class Calls:
             self.waiting.pop(call.text, None)
         if kind != 'answer' or not call.done:
             call.done = kind
-        call.end, call.exact_end = self.now, True
+        if call.end is None or kind != 'unanswered':
+            call.end = self.now
+        call.exact_end = True
         made = self.message(kind, record, None, None, None, payload=payload, size=size, ref=call,
                             note=note, **more)
         made.src, made.dst, made.subject = call.src, call.dst, call.subject

@@ -104,8 +104,8 @@ class JsonLines:
                 found['base64'] = base64.b64encode(message.payload).decode()
         if message.took is not None:
             found['ms'] = message.took
-        if message.kind == 'ring' and message.ref is not None:
-            found['ring'] = message.note.split(' -> ')
+        if message.ring:
+            found['ring'] = message.ring
         if message.cause:
             found['cause'], found['queue'] = message.cause, message.queue
         if message.note:

@@ -37,13 +37,16 @@ class Flow:
         if second != self._second:
             self._roll(second)
         self._counts[second % (LINE + 2)] += 1
-        if self.total:
+        if self.total and second >= self._first:
             gap = message.ms - self.latest.ms
             self.gap = gap if self.gap is None else 0.8 * self.gap + 0.2 * gap
         self.total += 1
         self.latest = message
 
     def _roll(self, second):
+        if second < self._second - LINE:  # a clock was put back, or this one was wrong
+            self._counts, self.gap = [0] * (LINE + 2), None
+            self._second = self._first = second
         for empty in range(max(self._second, second - LINE - 2) + 1, second + 1):
             self._counts[empty % (LINE + 2)] = 0
         self._second = max(self._second, second)
@@ -109,7 +112,7 @@ class Live:
         self._faults = deque(maxlen=200)
         self._latest = {}  # (kind, what): its fault
         self._fresh = self._unlisted = 0  # faults since the last beat; those that were too many
-        self._clock = (0, 0.0)  # the log's latest time, and when it was read
+        self._clock = (0, 0.0)  # the time of the log's latest line, and when it was read
         self._next = 0.0
         # What the browsers' threads take, under changed:
         self.changed = threading.Condition()
@@ -133,7 +136,7 @@ class Live:
         if kind == 'call':
             self._flow(self._all, 'calls', message).add(message)
         elif kind == 'answer' and message.took is not None and message.ref.done not in REFUSED:
-            if not self._took or self._took[-1][0] < message.ms // 1000:
+            if not self._took or self._took[-1][0] != message.ms // 1000:
                 self._took.append((message.ms // 1000, Counter()))
             self._took[-1][1][message.took] += 1
         for key in edges_of(message):
@@ -149,7 +152,7 @@ class Live:
         if edge is not None:
             self._flow(self._flows, edge, message).lost[message.kind] += 1
         known = self._latest.get((message.kind, what))
-        if known is not None and message.ms - known['ms'] < 1000:
+        if known is not None and abs(message.ms - known['ms']) < 1000:
             known['count'] += 1
             known['version'] = message.number
         elif self._fresh >= 20:
@@ -165,7 +168,7 @@ class Live:
         """What led to a fault: what it belongs to, and what its nodes and its topic did before."""
         ends = {message.src, message.dst, message.subject} - {None, BUS}
         if message.kind == 'ring':
-            ends.update(message.note.split(' -> '))
+            ends.update(message.ring)
         story = {m.number: m for m in (message.ref, message.ref and message.ref.ref) if m is not None}
         for other in islice(reversed(self.recent), 300):
             if len(story) < 8 and not ends.isdisjoint((other.src, other.dst, other.subject)):
@@ -177,16 +180,13 @@ class Live:
     def compose(self):
         """The figures, where it is time for them."""
         begun = time.monotonic()
-        if self.matcher.last_ms is not None and self.matcher.last_ms != self._clock[0]:
-            self._clock = (self.matcher.last_ms, begun)
+        if self.matcher.now // 1000 != self._clock[0]:
+            self._clock = (self.matcher.now // 1000, begun)
         if begun < self._next:
             return
         self._next, self._fresh = begun + BEAT, 0
         now = self._clock[0] + int((begun - self._clock[1]) * 1000)
-        stats = self.stats
-        for table in (stats.topics, stats.calls, stats.faults, stats.seen, self._flows, self._latest):
-            while len(table) > MANY:
-                del table[next(iter(table))]
+        self._forget()
         with self.changed:
             wanted = [view for view, count in self.wanted.items() if count]
         head = list(self._head(now))
@@ -205,10 +205,21 @@ class Live:
             self.beat += 1
             self.changed.notify_all()
 
+    def _forget(self):
+        """Of what is too much, the oldest; of topics and edges, those that have been still for longest."""
+        stats, flows = self.stats, self._flows
+        for key in sorted(flows, key=lambda key: flows[key].latest.number)[:max(len(flows) - MANY, 0)]:
+            del flows[key]
+        if len(stats.topics) > MANY:
+            stats.topics = {name: t for name, t in stats.topics.items() if ('topic', name) in flows}
+        for table in (stats.calls, stats.faults, stats.seen, self._latest):
+            while len(table) > MANY:
+                del table[next(iter(table))]
+
     def _head(self, now):
         """(title, text, whether it is a fault)"""
         second, inputs, flows = now // 1000, self.view.inputs, self._all
-        while self._took and self._took[0][0] < second - RECENT:
+        while self._took and abs(self._took[0][0] - second) > RECENT:
             self._took.popleft()
         calls = Calls()
         for _, took in self._took:
@@ -230,29 +241,30 @@ class Live:
             if number or title == 'faults':
                 yield title, '{:,}'.format(number), number > 0
 
-    def _left(self, name):
-        """When the node has left; None: it is there, or nothing is known of it."""
-        key = name.encode('utf-8', 'replace')
-        left = [process.nodes[key].left for process in self.matcher.processes.values()
-                if key in process.nodes]
-        return max(left) if left and None not in left else None
+    def _left(self):
+        """When each node has left; None: it is there."""
+        left = {}
+        for process in self.matcher.processes.values():
+            over = self.matcher.over(process)
+            for key, node in process.nodes.items():
+                name, when = self.matcher.text(key), over if node.left is None else node.left
+                known = left.get(name, when)
+                left[name] = None if when is None or known is None else max(when, known)
+        return left
 
     def _graph(self, now):
-        left, edges, names = {}, [], {}
+        left, edges, names = self._left(), [], {}
         for key, flow in self._flows.items():
             if key[0] == 'topic':
                 continue
             kind, src, dst = key
             nodes = {'publish': (src,), 'deliver': (dst,), 'call': (src, dst)}[kind]
-            for name in nodes:
-                if name not in left:
-                    left[name] = self._left(name)
-            if all(left[name] is None or now - left[name] < FADED for name in nodes):
+            if all(left.get(name) is None or now - left[name] < FADED for name in nodes):
                 lost = ''.join('; {} {}'.format(n, fault) for fault, n in flow.lost.items())
                 rate = flow.rate(now // 1000)
                 edges.append((kind, src, dst, rate, sum(flow.lost.values()), '{} a second, {} in all'
                               '{}'.format(_number(rate), flow.total, lost)))
-                names.update((name, left[name] is not None) for name in nodes)
+                names.update((name, left.get(name) is not None) for name in nodes)
         more = max(len(edges) - DRAWN, 0)
         if more:
             edges = sorted(edges, key=lambda edge: (not edge[4], -edge[3]))[:DRAWN]
@@ -281,11 +293,17 @@ class Live:
                 caller, address, calls.made, calls.answered, *times, calls.refused or '',
                 calls.faults['timeout'] or '')
 
-        waits = [thread.call for process in self.matcher.processes.values()
+        def wait_of(item):
+            over, call = item
+            return call.line, '', (call.src, call.subject, _duration(now - call.ms) if over is None
+                                   else 'its process is silent since ' + texts.day_time(over))
+
+        waits = [(self.matcher.over(process, thread.call), thread.call)
+                 for process in self.matcher.processes.values()
                  for thread in process.threads.values() if thread.call is not None]
-        waits = sorted((call for call in waits if self.view.passes(call)), key=lambda call: call.ms)
-        yield _table('Under way', ('caller', 'address', '>for'), waits, lambda call: (
-            call.line, '', (call.src, call.subject, _duration(now - call.ms))))
+        waits = sorted((item for item in waits if self.view.passes(item[1])),
+                       key=lambda item: (item[0] is not None, item[1].ms))
+        yield _table('Under way', ('caller', 'address', '>for'), waits, wait_of)
         yield _table('By caller and address', (
             'caller', 'address', '>calls', '>answers', '>p50', '>p99', '>refused', '>timed out'),
             list(self.stats.calls.items()), row_of)

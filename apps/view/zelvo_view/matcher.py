@@ -40,7 +40,7 @@ class Process(Publications, Calls):
         self.verbose = False  # whether the bus's own traces are there, as at level 1
         self.untaken = {}  # (name, key): publications that the bus has not taken yet
         self.current = (None, b'', b'')  # what the bus handles: publication, its name, its url
-        self.line = self.now = self.ms = 0
+        self.line = self.before = self.now = self.ms = 0  # before: of the line before, as now
         self.doubled = 0
 
     def end(self):
@@ -88,7 +88,7 @@ class Process(Publications, Calls):
     # ---- one record ----
 
     def take(self, record, line, now):
-        self.line, self.now, self.ms = line, now, record.ms
+        self.line, self.before, self.now, self.ms = line, self.now, now, record.ms
         thread = self.thread(record.tid)
         if thread.unsent is not None:
             thread.unsent.sent = line
@@ -122,6 +122,8 @@ class Process(Publications, Calls):
         call = thread.call
         if call is not None:
             thread.call = None
+            if call.end is not None:  # its process was gone then
+                record = record._replace(ms=call.end // 1000)
             self.end_call(call, record, 'unanswered', note='the log has no end of it')
 
     def _client_trace(self, record, trace, thread):
@@ -145,6 +147,7 @@ class Matcher:
 
     def __init__(self):
         self.processes = {}
+        self._begun = 0  # when the latest of them has begun, as now
         self._latest = []  # of them, those that have not been made to forget
         self.line = 0
         self.now = 0  # microseconds: the millisecond, and the order of its lines
@@ -207,6 +210,7 @@ class Matcher:
         process = self.processes.get(record.pid)
         if process is None:
             process = self._begin(record.pid)
+            self._begun = max(self._begun, ms * 1000)
         self.now = self.now + 1 if ms * 1000 <= self.now < ms * 1000 + 999 else ms * 1000
         process.take(record, self.line, self.now)
 
@@ -222,6 +226,14 @@ class Matcher:
         made = self.processes[pid] = Process(pid, self.out.append, self.text, self.who)
         latest.append(made)
         return made
+
+    def over(self, process, call=None):
+        """When the process, or that of the call, has written its last line, in milliseconds, if
+        another has begun since and it has been silent; else None."""
+        if call is not None and call.end is not None:
+            return call.end // 1000
+        is_over = process.now <= self._begun and process.now < self.now - SILENT
+        return process.ms if is_over else None
 
     def ready(self, now=None):
         """Yields the messages that nothing to come can change; now None: all."""
@@ -239,10 +251,11 @@ class Matcher:
             for thread in process.threads.values():
                 if thread.call is not None:
                     call, thread.call = thread.call, None
-                    call.done = 'unanswered'
-                    made = Message(self.line, self.now, self.last_ms, process.pid, call.tid,
-                                   'unanswered', call.src, call.dst, call.subject, ref=call,
-                                   note='not when the log ends')
+                    at = call.end or process.now
+                    call.done, call.end = 'unanswered', at + 1
+                    made = Message(process.line, at, at // 1000, process.pid, call.tid, 'unanswered',
+                                   call.src, call.dst, call.subject, ref=call,
+                                   note='not when the log of its process ends')
                     self.out.append(made)
         yield from self.ready()
 

@@ -45,7 +45,7 @@ class Message:
     """One line of the picture."""
     __slots__ = ('number', 'line', 'at', 'ms', 'pid', 'tid', 'kind', 'src', 'dst', 'subject',
                  'payload', 'size', 'ref', 'note', 'end', 'exact_end', 'sent', 'done', 'reply',
-                 'host', 'key', 'name', 'text', 'routed', 'handler', 'cause', 'queue')
+                 'host', 'key', 'name', 'text', 'routed', 'handler', 'cause', 'queue', 'ring')
 
     def __init__(self, line, at, ms, pid, tid, kind, src, dst, subject=None, payload=None,
                  size=None, ref=None, note='', cause=None, queue=None):
@@ -65,6 +65,7 @@ class Message:
         self.note = note
         self.cause = cause  # of a drop: what has been lost, ...
         self.queue = queue  # ... and whose queue was full
+        self.ring = ()  # the nodes of a refused one, in order, the first again at the end
         self.end = None  # when its handler, or the call, has ended, at the earliest; as at
         self.exact_end = False  # whether then exactly
         self.sent = None  # of a publication: the record by which it was on its way
@@ -112,8 +113,7 @@ class Node:
         self.alive = False  # whether it has written a line itself
         self.joins = 0  # how often it was on the bus
         self.joined = None  # for the first time; None: before the log begins
-        self.since = None  # when it has joined for the latest time
-        self.left = None  # when it has left then; None: it is on the bus
+        self.left = None  # when it has left, after its latest join; None: it is on the bus
         self.joined_line = None
         self.topics = {}  # topic: (record of the request, record of the answer to leave it or None)
         self.replay = {}  # topic: the sticky publication that it is to receive first
@@ -125,14 +125,12 @@ class Node:
         self.killed = 0
 
     def join(self, ms, line):
-        if not self.joins or self.left is not None:
-            self.joins += 1
-            self.since, self.left = ms, None
-            if self.joined is None:
-                self.joined = ms
-        if self.joined_line is None or self.since == ms:
-            self.forget()
-            self.joined_line = line
+        self.joins += 1
+        self.left = None
+        if self.joined is None:
+            self.joined = ms
+        self.forget()
+        self.joined_line = line
 
     def leave(self, ms):
         self.joins = max(self.joins, 1)

@@ -10,6 +10,13 @@ from .model import BUS, helper_of
 from .publications import topics_of
 
 
+def _begun(process, record, thread, m):
+    """Another bus, and mostly another process of the same number: what still waits has ended by then."""
+    for waiting in process.threads.values():
+        if waiting.call is not None and waiting.call.end is None:
+            waiting.call.end = process.before
+
+
 def _deleted(process, record, thread, m):
     process.end()
 
@@ -198,7 +205,7 @@ def _ring(process, record, thread, m):
     process.unroute(call)
     call.done = 'ring'
     made = process.message('ring', record, None, None, None, ref=call, note=' -> '.join(chain))
-    made.src, made.dst, made.subject = call.src, call.dst, call.subject
+    made.src, made.dst, made.subject, made.ring = call.src, call.dst, call.subject, tuple(chain)
 
 
 def _walk_ends(process, record, thread, m):
@@ -239,7 +246,9 @@ def _compile(*rows):
 
 
 PATTERNS = {
-    b'manager': _compile((rb'Vek-client busManager delete', _deleted)),
+    b'manager': _compile(
+        (rb'Vek-client, VERSION .*, busManager new', _begun),
+        (rb'Vek-client busManager delete', _deleted)),
     b'connect': _compile(
         (rb'Vek-client (.*) connect begin, busManager: .*', _connect_begins),
         (rb'Vek-client (.*) connect end, payload: .*', _connected),

@@ -100,7 +100,8 @@ class Trace:
         if message.handler is not None:
             tid, begin, handled = message.handler
             callee = self._track(message.dst, tid)
-            self._slice(callee, message.subject, 'handler', begin, handled or self._last,
+            self._slice(callee, message.subject, 'handler', begin,
+                        handled or (end if message.done == 'unanswered' else self._last),
                         {'from': message.src})
             points.append((callee, begin))
         if message.done in ('answer', *REFUSED) and message.end is not None:

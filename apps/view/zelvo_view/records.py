@@ -99,6 +99,10 @@ class Reader:
         self._last = b''
         self._held = []  # notices before the first record, whose time they get
         self._lengths = deque(maxlen=64)  # of the latest answers
+        self._answers = {}  # url: of the latest answers to it, (which one of all, its length)
+        self._calls = {}  # (process, thread): the url that it calls, and how many answers were before
+        self._given = 0  # answers
+        self._broken = deque(maxlen=16)  # topics and urls with line breaks, which other lines tell of too
         self._settled = not live  # whether what the input ends with is not waited for any longer
 
     def feed(self, data, final=False):
@@ -158,22 +162,48 @@ class Reader:
             if trace is None:
                 end, trace = self._long_trace(buf, pos, begin, final)
         elif _RESPONSE in text:
-            end = self._answer_end(buf, begin, end, pos, final)
+            sizes = self._answers_to(self._calls.get(group[:2]))
+            end = self._answer_end(buf, begin, end, pos, final, sizes)
         elif _TOPICS in text:
             topics = buf.find(_TOPICS, begin) + len(_TOPICS)
             if buf[topics:topics + 1] == b'[':
                 end = self._text_end(buf, topics, pos + LONGEST + 1, end, pos, final)
+        for shown in self._broken if trace is None and end is not None else ():
+            at = m.end() - 1 - shown.index(b'\n')
+            if buf.startswith(shown, at):
+                end = max(end, buf.find(b'\n', at + len(shown)) + 1)
         if end is None:
             return None, None
         text = b''
         if trace is None:
             text = buf[begin:min(end, pos + LONGEST)].removesuffix(b'\n')
-        elif trace.action == b'response' and trace.out and trace.size:
-            self._lengths.append(trace.size)
+        elif trace.out and trace.action in (b'request', b'response'):
+            self._note_call(trace, group[:2])
         raw = buf[pos:end]
         again = raw == self._last
         self._last = raw
         return end, Record(ms, group[0], group[1], group[4], group[5], text, trace, again)
+
+    def _note_broken(self, trace):
+        self._broken.extend(text for text in (trace.topic, trace.url)
+                            if b'\n' in text and text not in self._broken)
+
+    def _note_call(self, trace, caller):
+        for table in (self._answers, self._calls):
+            if len(table) > 4096:
+                table.clear()
+        if trace.action == b'request':
+            self._calls[caller] = (trace.url, self._given)
+        elif trace.size:
+            self._given += 1
+            self._lengths.append(trace.size)
+            self._answers.setdefault(trace.url, deque(maxlen=64)).append((self._given, trace.size))
+
+    def _answers_to(self, call):
+        """Lengths that the answer to a call may have, the longest first; none where it is not known."""
+        url, given = call or (None, 0)
+        return sorted((size for number, size in self._answers.get(url, ()) if number > given),
+                      reverse=True)
 
     def _time(self, stamp):
         if stamp != self._second[0]:
@@ -221,13 +251,12 @@ class Reader:
         following = _HEAD_ANYWHERE.search(buf, begin, limit)
         if head:
             near = min(limit, following.start()) if following else limit
-            for fits, stop in ((_payload, limit), (_cut_payload, near)):
-                found = self._find_fields(buf, head, server, fits, near, stop)
+            for fits, fields, stop in ((_payload, near, limit), (_cut_payload, near, near),
+                                       (_payload, limit, limit)):  # a head may stand in a topic, too
+                found = self._find_fields(buf, head, server, fits, fields, stop)
                 if found:
-                    end, trace = found
-                    if trace.action == b'response' and trace.out:
-                        self._lengths.append(trace.size)
-                    return end, trace
+                    self._note_broken(found[1])
+                    return found
         return self._cut_record(buf, pos, begin, head, server, final or bool(following))
 
     @staticmethod
@@ -273,25 +302,35 @@ class Reader:
         out = head.group(1 if server else 2) == b'==>'
         return end, Trace(server, name, out, head.group(3), topic, url, b'', None, None, False)
 
-    def _answer_end(self, buf, begin, line_end, pos, final):
-        """Where the record of an answer ends; None: more of it may be to come."""
+    def _answer_end(self, buf, begin, line_end, pos, final, sizes):
+        """Where the record of an answer ends; None: more of it may be to come. sizes: that it may
+        have."""
         # Its length is that of an answer which a node has just given, or its text is JSON that the
         # bus has printed.
         text = buf.find(_RESPONSE, begin) + len(_RESPONSE)
+        for size in sizes:
+            end = self._sized_end(buf, min(text + size, pos + LONGEST))
+            if end:
+                return end
         best = line_end
         next_is_head = _HEAD_ANYWHERE.match(buf, line_end)
         is_known = line_end - 1 - text in self._lengths or buf[text:line_end] == b'NULL\n'
         if is_known and (next_is_head or line_end == len(buf) and self.live):
             return line_end
         for length in self._lengths:
-            end = min(text + length, pos + LONGEST)
-            if end + 1 > best and buf[end:end + 1] == b'\n' and (
-                    end + 1 == len(buf) or _HEAD_ANYWHERE.match(buf, end + 1)
-                    or buf.startswith(b'\n', end + 1)):
-                best = end + 1
+            best = max(best, self._sized_end(buf, min(text + length, pos + LONGEST)))
         if best > line_end or next_is_head:
             return best
         return self._text_end(buf, text, self._stop(buf, line_end, pos), line_end, pos, final)
+
+    @staticmethod
+    def _sized_end(buf, end):
+        """Where the line ends whose text ends at end; 0: it does not end there."""
+        following = end + 1
+        is_end = buf[end:following] == b'\n' and (
+            following == len(buf) or buf.startswith(b'\n', following)
+            or _HEAD_ANYWHERE.match(buf, following))
+        return following if is_end else 0
 
     def _text_end(self, buf, text, stop, line_end, pos, final):
         """Where the line with the end of the JSON text that begins at text ends: line_end where it

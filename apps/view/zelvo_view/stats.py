@@ -22,12 +22,9 @@ class Filter:
         if self.end is not None and message.ms > self.end:
             return False
         if self.nodes and not (message.src in self.nodes or message.dst in self.nodes
-                               or self._in_ring(message)):
+                               or not self.nodes.isdisjoint(message.ring)):
             return False
         return not (self.exact or self.parts) or self._has_topic(message.subject)
-
-    def _in_ring(self, message):
-        return message.kind == 'ring' and not self.nodes.isdisjoint(message.note.split(' -> '))
 
     def _has_topic(self, subject):
         if subject is None:
@@ -120,7 +117,7 @@ class Stats:
                 span = self.seen.get(name)
                 if span is None:
                     self.seen[name] = [ms, ms]
-                else:
+                elif ms > span[1]:
                     span[1] = ms
 
     def _topic(self, name):
@@ -174,7 +171,7 @@ class Stats:
         if fault is None:
             fault = self.faults[(kind, what)] = Fault(message)
         fault.count += 1
-        fault.last = message.ms
+        fault.last = max(fault.last, message.ms)
         if message.ref is not None and message.ref.kind == 'call':
             call = message.ref
             self._calls(call.src, call.dst, call.subject).faults[kind] += 1
