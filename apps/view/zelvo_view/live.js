@@ -211,7 +211,7 @@ if (page.data.live) (() => {
     const on = (event, take) => source.addEventListener(event, ({ data: text }) => {
       if (!isHeld) take(JSON.parse(text));
     });
-    on('messages', takeMessages);
+    on('messages', (rows) => { if (!isPaused || !last) takeMessages(rows); });
     on('faults', takeFaults);
     on('figures', ({ head, part }) => {
       drawHead(head);

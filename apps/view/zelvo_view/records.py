@@ -102,7 +102,7 @@ class Reader:
         self._answers = {}  # url: of the latest answers to it, (which one of all, its length)
         self._calls = {}  # (process, thread): the url that it calls, and how many answers were before
         self._given = 0  # answers
-        self._broken = deque(maxlen=16)  # topics and urls with line breaks, which other lines tell of too
+        self._broken = deque(maxlen=16)  # topics and urls with line breaks: other lines hold them, too
         self._settled = not live  # whether what the input ends with is not waited for any longer
 
     def feed(self, data, final=False):
@@ -185,7 +185,8 @@ class Reader:
         return end, Record(ms, group[0], group[1], group[4], group[5], text, trace, again)
 
     def _note_broken(self, trace):
-        self._broken.extend(text for text in (trace.topic, trace.url)
+        path = trace.url[max(trace.url.find(b'/', 1), 0):]
+        self._broken.extend(text for text in (trace.topic, trace.url, path)
                             if b'\n' in text and text not in self._broken)
 
     def _note_call(self, trace, caller):

@@ -21,8 +21,15 @@ const page = (() => {
   const button = (text, className, onclick) => Object.assign(make('button', className, text), { onclick });
   // The date is shown where there is more than one day.
   const clock = (ms, isLong) => new Date(ms).toISOString().slice(isLong ? 0 : 11, 23);
-  const hasDays = () => count() > 0 && Math.floor((data.begin + columns.time[0]) / 86400000) !==
-    Math.floor((data.begin + columns.time[count() - 1]) / 86400000);
+  let start = 0, end = 0; // the first and the last time, which may stand anywhere: clocks are put back
+  function measure() {
+    start = columns.time.reduce((a, b) => Math.min(a, b), count() ? Infinity : 0);
+    end = columns.time.reduce((a, b) => Math.max(a, b), start);
+    for (const id of ['from', 'to']) if (!el(id).value) el(id).type = typeOfTimes();
+  }
+  const hasDays = () =>
+    Math.floor((data.begin + start) / 86400000) !== Math.floor((data.begin + end) / 86400000);
+  const typeOfTimes = () => (hasDays() ? 'datetime-local' : 'time');
   const oneLine = (text) => (text.length > 300 ? text.slice(0, 300) + '\u2026' : text)
     .replace(/[\0-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u206f\ufeff]/g, (c) => {
       const known = { '\n': '\\n', '\t': '\\t', '\r': '\\r' }[c];
@@ -189,6 +196,7 @@ const page = (() => {
     const anchor = (shown[Math.floor(top / ROW)] || 0) - gone;
     chosen = Math.max(chosen - gone, -1);
     searches = null;
+    measure();
     filter();
     if (hasNames) fillSelects();
     if (el('traffic').hidden) return;
@@ -358,17 +366,16 @@ const page = (() => {
 
   // ---- the stretch of time ----
 
-  const start = () => (count() ? columns.time[0] : 0);
-  const span = () => (count() ? Math.max(1, columns.time[count() - 1] - columns.time[0]) : 1);
+  const span = () => Math.max(1, end - start);
 
   function drawDensity(drag) {
     const canvas = el('density');
     const width = canvas.width = canvas.clientWidth || 1;
     const height = canvas.height;
     const found = new Float64Array(width), wrong = new Uint8Array(width);
-    const from = start(), scale = (width - 1) / span();
+    const scale = (width - 1) / span();
     for (let i = 0; i < count(); ++i) {
-      const place = Math.min(width - 1, Math.max(0, Math.floor((columns.time[i] - from) * scale)));
+      const place = Math.min(width - 1, Math.max(0, Math.floor((columns.time[i] - start) * scale)));
       ++found[place];
       if (kinds[columns.kind[i]].fault) wrong[place] = 1;
     }
@@ -382,7 +389,7 @@ const page = (() => {
       const tall = Math.max(2, Math.log1p(found[place]) / Math.log1p(most) * height);
       context.fillRect(place, height - tall, 1, tall);
     }
-    const marked = drag || (stretch && stretch.map((ms) => (ms - start()) / span() * (width - 1)));
+    const marked = drag || (stretch && stretch.map((ms) => (Math.min(Math.max(ms, start), end) - start) * scale));
     if (marked) {
       context.fillStyle = 'rgba(240, 180, 0, 0.3)';
       context.fillRect(Math.min(...marked), 0, Math.max(2, Math.abs(marked[1] - marked[0])), height);
@@ -400,22 +407,20 @@ const page = (() => {
     canvas.addEventListener('pointerup', (event) => {
       const ends = [from, event.offsetX].sort((a, b) => a - b);
       from = null;
-      const ms = (offset) => start() + offset / Math.max(1, canvas.clientWidth - 1) * span();
+      const ms = (offset) => start + offset / Math.max(1, canvas.clientWidth - 1) * span();
       setStretch(ends[1] - ends[0] < 3 ? null : [ms(ends[0]), ms(ends[1])]);
       // The two fields hold it as times of day, with the date where there are several.
-      ['from', 'to'].forEach((id, end) => {
-        el(id).value = stretch ? clock(data.begin + Math.round(stretch[end]), hasDays()) : '';
-      });
+      ['from', 'to'].forEach((id, i) => Object.assign(el(id), { type: typeOfTimes(),
+        value: stretch ? clock(data.begin + Math.round(stretch[i]), hasDays()) : '' }));
     });
   }
 
   function readStretch() {
-    const day = clock(data.begin + start(), true).slice(0, 11);
+    const day = clock(data.begin + start, true).slice(0, 11);
     const offset = (text, otherwise) => (text
       ? Date.parse(`${text.includes('T') ? '' : day}${text}Z`) - data.begin : otherwise);
     const ends = [offset(el('from').value, -Infinity), offset(el('to').value, Infinity)];
-    setStretch(ends[0] === -Infinity && ends[1] === Infinity ? null
-      : ends.map((end) => Math.min(Math.max(end, start()), start() + span())));
+    setStretch(ends[0] === -Infinity && ends[1] === Infinity ? null : ends);
   }
 
   // ---- the keyboard ----
@@ -481,10 +486,8 @@ const page = (() => {
 
   function listen() {
     for (const id of ['node', 'subject', 'text', 'onlyfaults']) el(id).addEventListener('input', applyFilter);
-    for (const id of ['from', 'to']) {
-      if (hasDays()) el(id).type = 'datetime-local';
-      el(id).onchange = readStretch;
-    }
+    for (const id of ['from', 'to']) el(id).onchange = readStretch;
+    for (const id of ['node', 'subject']) el(id).onblur = () => data.live && fillSelects();
     el('filter').onsubmit = () => false;
     el('filter').onreset = () => { clearFilter(); return false; };
     el('list').onscroll = scroll;
@@ -504,6 +507,7 @@ const page = (() => {
   prepareTabs();
   if (!data.live) showOverview();
   fillSelects();
+  measure();
   followDrag();
   listen();
   if (count() < 1e6) searches = [names, subjects, payloads, notes].map(searchable);
