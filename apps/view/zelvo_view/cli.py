@@ -31,7 +31,7 @@ def _parser():
         parser.add_argument('--' + flag, action='store_true')
     parser.add_argument('--perfetto', metavar='OUT')
     parser.add_argument('--html', metavar='OUT')
-    parser.add_argument('--serve', nargs='?', type=int, const=8377, metavar='PORT')
+    parser.add_argument('--serve', nargs='?', type=_port, const=8377, metavar='PORT')
     parser.add_argument('--listen', metavar='ADDRESS')
     parser.add_argument('--node', action='append', default=[])
     parser.add_argument('--topic', action='append', default=[])
@@ -42,8 +42,14 @@ def _parser():
     return parser
 
 
+def _port(text):
+    if not text.isdecimal():
+        raise argparse.ArgumentTypeError('not a port: {!a}; files go before it'.format(text))
+    return int(text)
+
+
 _TIME = re.compile(r'(?:(\d{4}-\d\d-\d\d)(?:[T ]|$))?'
-                   r'(?:(\d\d?):(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?)?$')
+                   r'(?:([01]?\d|2[0-3]):([0-5]\d)(?::([0-5]\d)(?:\.(\d{1,3}))?)?)?$')
 _DAY = 86400000
 
 
@@ -205,6 +211,7 @@ def _run(argv):
 
 
 def main(argv=None):
+    sys.stdout = sys.stdout or open(os.devnull, 'w', encoding='utf-8')
     sys.stdout.reconfigure(errors='backslashreplace')
     gc.freeze()
     gc.disable()  # nothing here is in a ring that reference counts do not free
@@ -215,8 +222,11 @@ def main(argv=None):
     except InputError as error:
         print('zelvo-view: ' + texts.safe(str(error)), file=sys.stderr)
         return WRONG
-    except BrokenPipeError:
+    except OSError as error:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-        return FOUND
+        if isinstance(error, BrokenPipeError):
+            return FOUND
+        print('zelvo-view: ' + texts.safe(error.strerror or str(error)), file=sys.stderr)
+        return WRONG
     except KeyboardInterrupt:
         return 128 + signal.SIGINT

@@ -90,6 +90,7 @@ class Reader:
     def __init__(self, live=False):
         self.live = live
         self.strange = 0  # lines that belong to no record
+        self.unread = 0  # messages whose line has another form than the log's
         self.count = 0
         self._buf = b''
         self._first = None  # the first strange line
@@ -161,6 +162,7 @@ class Reader:
             trace = self._plain_trace(buf, text, pos, end)
             if trace is None:
                 end, trace = self._long_trace(buf, pos, begin, final)
+                self.unread += trace is None and end is not None
         elif _RESPONSE in text:
             sizes = self._answers_to(self._calls.get(group[:2]))
             end = self._answer_end(buf, begin, end, pos, final, sizes)
@@ -252,8 +254,11 @@ class Reader:
         following = _HEAD_ANYWHERE.search(buf, begin, limit)
         if head:
             near = min(limit, following.start()) if following else limit
-            for fits, fields, stop in ((_payload, near, limit), (_cut_payload, near, near),
-                                       (_payload, limit, limit)):  # a head may stand in a topic, too
+            tries = [(_payload, near, limit), (_cut_payload, near, near)]
+            fields = buf[head.end():near]
+            if b', payload:' not in fields and b'\nlog lines lost: ' not in fields:
+                tries.append((_payload, limit, limit))  # the head stands in a topic or a url
+            for fits, fields, stop in tries:
                 found = self._find_fields(buf, head, server, fits, fields, stop)
                 if found:
                     self._note_broken(found[1])

@@ -106,8 +106,13 @@ def _svg(graph):
 
 
 def _graph_table(graph):
-    rows = [(kind, src, dst, count) for (kind, src, dst), count in graph.edges.most_common(2000)]
-    return {'title': '', 'header': ['what', 'from', 'to', '>times'], 'rows': rows}
+    rows = [(kind, src, dst, count) for (kind, src, dst), count in graph.edges.most_common()]
+    return {'title': '', 'header': ['what', 'from', 'to', '>times'], 'rows': _shortened(rows)}
+
+
+def _shortened(rows, most=2000):
+    more = len(rows) - most
+    return rows if more <= 0 else rows[:most] + [('and {:,} more'.format(more),)]
 
 
 def _overview(summary, row_of):
@@ -117,7 +122,7 @@ def _overview(summary, row_of):
         rows = [(what, fault.count, summary.clock(fault.first), row_of(fault.number))
                 for what, fault in found[:200]]
         wrong.append({'title': title, 'number': number, 'rows': rows})
-    tables = [{'title': title, 'header': header, 'rows': list(rows)[:2000]}
+    tables = [{'title': title, 'header': header, 'rows': _shortened(list(rows))}
               for title, header, rows in summary.tables()]
     return {'head': list(summary.head()), 'wrong': wrong, 'tables': tables,
             'remarks': list(summary.remarks())}

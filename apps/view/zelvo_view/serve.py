@@ -20,6 +20,7 @@ from .live import Live
 from .sources import InputError
 
 ADDRESS = '127.0.0.1'
+CONNECTIONS = 64  # at once; more are closed
 IDLE = 30  # seconds in which a browser that takes nothing is taken for asleep
 
 
@@ -34,7 +35,8 @@ class Handler(BaseHTTPRequestHandler):
         query = {name: values[-1] for name, values in parse_qs(url.query).items()}
         if not self._is_ours() or not hmac.compare_digest(query.get('key', '').encode(),
                                                           self.server.key.encode()):
-            self._answer(403, 'text/plain', b'Forbidden\n')
+            self._answer(403, 'text/plain', b'Forbidden: this takes the whole address that zelvo-view has '
+                         b'printed, with its host, port and key\n')
         elif url.path == '/':
             self._answer(200, 'text/html; charset=utf-8', self.server.page)
         elif url.path == '/feed':
@@ -98,11 +100,15 @@ class Server(ThreadingHTTPServer):
         before, after, self.policy = report.page(title, names=('report', 'live'),
                                                  policy="; connect-src 'self'")
         data = report.dumps({'live': True, 'title': title})
-        self.page = (before + data[:-1] + ',' + empty.getvalue() + '}' + after).encode()
+        self.page = (before + data[:-1] + ',' + empty.getvalue() + '}' + after).encode(
+            errors='backslashreplace')
         super().__init__((address, port), Handler)
 
     def server_bind(self):
         socketserver.TCPServer.server_bind(self)  # HTTPServer's would ask for the host's name
+
+    def verify_request(self, request, client_address):
+        return threading.active_count() < CONNECTIONS
 
     def handle_error(self, request, client_address):
         pass  # a browser that has gone

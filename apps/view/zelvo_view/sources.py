@@ -52,6 +52,8 @@ class Inputs:
 
     def __init__(self, paths):
         self.paths = _distinct(paths) or ['-']
+        if '-' in self.paths and sys.stdin is None:
+            raise InputError('standard input is closed')
         self.readers = []
         self.doubled = 0  # records that stood in two files
         self.pipe = None
@@ -60,6 +62,10 @@ class Inputs:
     @property
     def strange(self):
         return sum(reader.strange for reader in self.readers)
+
+    @property
+    def unread(self):
+        return sum(reader.unread for reader in self.readers)
 
     def last_ms(self):
         """The latest time at the end of the files, None where that is not known."""

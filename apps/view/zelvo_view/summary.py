@@ -16,12 +16,14 @@ TITLES = (
     ('warning', 'Other warnings'),
 )
 
+SHOWN = 8  # publishers and subscribers of a topic
+
 
 def table(header, rows):
     """Lines; columns whose header begins with ">" are set to the right."""
     right = [title.startswith('>') for title in header]
     cells = [[title.lstrip('>') for title in header]] + [[safe(str(c)) for c in r] for r in rows]
-    widths = [max(len(row[i]) for row in cells) for i in range(len(header))]
+    widths = [max(texts.columns(row[i]) for row in cells) for i in range(len(header))]
     widths = [min(width, 48) for width in widths]
     for row in cells:
         parts = []
@@ -33,9 +35,10 @@ def table(header, rows):
 
 def counted(counter):
     """sampler 58, archive 2"""
-    return ', '.join('{} {}'.format(safe(name), count) if count else safe(name)
-                     for name, count in counter.most_common(8)) or '-'
-
+    shown = ['{} {}'.format(safe(name), count) if count else safe(name)
+             for name, count in counter.most_common(SHOWN)]
+    more = ['and {} more'.format(len(counter) - SHOWN)] if len(counter) > SHOWN else []
+    return ', '.join(shown + more) or '-'
 
 
 class Summary:
@@ -120,9 +123,9 @@ class Summary:
                 continue
             clock, (first, last) = self.clock, self.stats.seen[name]
             joined = [n.joined for n in nodes if n.joined is not None]
-            left = [n.left for n in nodes if n.joins][-1:] or [None]
+            left = [n.left for n in nodes if n.joins] or [None]
             yield (name, clock(joined[0]) if joined else 'before ' + clock(first),
-                   clock(left[0]) if left[0] is not None else 'after ' + clock(last),
+                   'after ' + clock(last) if None in left else clock(max(left)),
                    max(sum(node.joins for node in nodes), 1), sum(node.timers for node in nodes),
                    sum(node.killed for node in nodes))
 
@@ -157,6 +160,8 @@ class Summary:
         doubled = matcher.doubled + self.inputs.doubled
         if doubled:
             yield '{} lines stood there twice, and count once.'.format(doubled)
+        if self.inputs.unread:
+            yield '{} lines of messages could not be read.'.format(self.inputs.unread)
         if self.inputs.strange:
             yield '{} lines are not of the log.'.format(self.inputs.strange)
 

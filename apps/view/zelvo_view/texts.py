@@ -33,25 +33,24 @@ def cut(text, width):
     """text in at most width columns."""
     if text.isascii():
         return text if len(text) <= width else text[:max(width - 1, 0)] + '~'[:width]
-    columns = 0
-    for index, char in enumerate(text):
-        columns += _columns(char)
-        if columns > width:
-            return text[:index - 1] + '~' if index else ''
-    return text
+    if columns(text) <= width:
+        return text
+    while text and columns(text) >= width:
+        text = text[:-1]
+    return (text + '~')[:width]
 
 
-def _columns(char):
-    if unicodedata.combining(char):
-        return 0
-    return 2 if unicodedata.east_asian_width(char) in 'WF' else 1
+def columns(text):
+    """How wide a terminal shows it."""
+    if text.isascii():
+        return len(text)
+    return sum(0 if unicodedata.combining(char) else
+               2 if unicodedata.east_asian_width(char) in 'WF' else 1 for char in text)
 
 
 def padded(text, width):
     """text in width columns, at least."""
-    if text.isascii():
-        return text.ljust(width)
-    return text + ' ' * (width - sum(_columns(char) for char in text))
+    return text + ' ' * (width - columns(text))
 
 
 def _moment(ms):
