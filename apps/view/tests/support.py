@@ -36,6 +36,14 @@ def view(*arguments, data=None, code=0, **more):
     return done.stdout.decode()
 
 
+def write(name, data):
+    # The path of a file that holds data.
+    path = os.path.join(folder, name)
+    with open(path, 'wb') as file:
+        file.write(data)
+    return path
+
+
 def messages(*arguments, **more):
     return [json.loads(line) for line in view('--json', *arguments, **more).splitlines()]
 

@@ -140,11 +140,6 @@ class Report(unittest.TestCase):
         self.assertLess(payload['left'], 240)
         self.assertGreater(min(detail['width'], rows['width']), 330)
         self.assertGreater(min(detail['height'], rows['height']), 120)
-        self.browser.show('graph')
-        self.assertGreater(*self.browser.run('''const svg = document.querySelector('#drawing svg');
-            const before = svg.getBoundingClientRect().width;
-            document.querySelector('[aria-label=Larger]').click();
-            return [svg.getBoundingClientRect().width, before];'''))
 
     def test_a_stretch_of_the_chart_can_be_chosen(self):
         self.browser.show('chart')

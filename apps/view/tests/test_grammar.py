@@ -6,7 +6,7 @@ import stat
 import unittest
 
 import support
-from support import Log, messages, scenario, view
+from support import Log, messages, scenario, view, write
 
 
 def pairs(found):
@@ -136,19 +136,31 @@ class Reading(unittest.TestCase):
             log.ms += 1
             log.publish(1, 'a', 't').deliver(3, 's', 't')
         parts = (log.lines[:12], log.lines[6:])  # they overlap
-        paths = [os.path.join(support.folder, name) for name in ('new.log', 'old.log')]
-        for path, lines in zip(paths, reversed(parts)):
-            with open(path, 'wb') as file:
-                file.writelines(lines)
+        paths = [write('part', b''.join(parts[1])), write('part.1', b''.join(parts[0]))]
         whole = messages(data=log.bytes())
         self.assertEqual(messages(*paths, paths[0]), whole)
         self.assertEqual(len(whole), 12)
+        # A log that goes on in another file, where the same is written again in one millisecond.
+        log.trace(1, 'a', '==>', 'request', url='/c/x').publish(2, 'b', 't').publish(2, 'b', 't')
+        log.publish(2, 'b', 't').trace(3, 'c', '==>', 'response', url='/c/x')
+        log.line(1, 'Vek-client a call response, x', 'client/call')
+        parts = (write('part', b''.join(log.lines[23:])), write('part.1', b''.join(log.lines[:23])))
+        self.assertEqual(messages(*parts), messages(data=log.bytes()))
 
-    def test_topics_may_hold_what_looks_like_a_line(self):
+    def test_texts_may_hold_what_looks_like_a_line(self):
         forged = Log().publish(1, 'forged', 'x').bytes().decode()
-        log = Log().line(3, 'Vek-client s subscribe begin, ["a\n{}"]'.format(forged),
-                         'client/connect').publish(1, 'a', 't')
-        self.assertEqual([m['from'] for m in messages(data=log.bytes())], ['a'])
+        log = Log().line(3, 'Vek-client s subscribe begin, ["a\n{}"]'.format(forged), 'client/connect')
+        log.publish(1, 'a', 'x\n' + forged)
+        log.line(1, 'Vek-client a publish end, topic: x\n' + forged, 'client/publish', 'V')
+        for answer in 'x', 'x\n' + forged[:-1]:
+            log.trace(1, 'a', '==>', 'request', url='/c/x\n' + forged)
+            log.trace(3, 'c', '==>', 'response', url='/c/x\n' + forged, payload=answer)
+            log.line(1, 'Vek-client a call response, ' + answer, 'client/call')
+        found = messages(data=log.bytes())
+        self.assertEqual([m['from'] for m in found], ['a', 'a', 'c', 'c', 'a', 'c', 'c'])
+        self.assertEqual(found[-1]['payload'], answer)
+        damaged = Log().publish(1, 'a', 't').bytes().replace(b'len: 1\n', b'len: 2\n')
+        self.assertIn('1 lines of messages could not be read', view(data=damaged + log.bytes()))
 
     def test_lost_lines_and_cut_lines_are_told(self):
         log = Log().publish(1, 'a', 't' * 5000)
@@ -173,9 +185,7 @@ class Reading(unittest.TestCase):
         log = Log()
         for log.second in ('2026-11-25 22:00:00', '2026-11-26 01:00:00', '2026-11-26 23:00:00'):
             log.publish(1, 'a', 't')
-        path = os.path.join(support.folder, 'days.log')
-        with open(path, 'wb') as file:
-            file.write(log.bytes())
+        path = write('days.log', log.bytes())
         times = [m['time'] for m in messages(path)]
         for arguments, wanted in (
                 (('--from', '01:00'), [1, 2]), (('--to', '01:00'), [0, 1]), (('--to', '22:30'), [0]),
@@ -189,6 +199,25 @@ class Reading(unittest.TestCase):
         self.assertEqual([line[:13] for line in view(path, '--messages').splitlines()],
                          ['22:00:00.000 ', '2026-11-26 01', '2026-11-26 23'])
 
+    def test_a_call_ends_with_its_process(self):
+        log = Log().join(1, 'a', 't').trace(1, 'a', '==>', 'request', url='/c/x')
+        log.ms = 7
+        crashed, log.second = len(log.publish(2, 'b', 't').lines), '2026-11-26 16:00:00'
+        log.line(5, 'Vek-client, VERSION ZELVO 1.0.8, busManager new', 'client/manager', 'I')
+        log.join(3, 'a', 't').publish(2, 'b', 't')
+        for pid in b'[00042:', b'[00043:':  # of a container, they may be the same
+            log.lines[crashed:] = [pid + line[7:] for line in log.lines[crashed:]]
+            found = log.kinds('unanswered')
+            self.assertEqual([m['time'] for m in found], ['2026-11-25T16:00:00.007+08:00'])
+            self.assertRegex(view(data=log.bytes()), r'a +\d\S+ \S+ +after 2026-11-26 \S+ +2 ')
+
+    def test_a_ring_is_of_names_whatever_they_are(self):
+        log = Log().trace(1, 'x -> y', '==>', 'request', url='/x -> y/z')
+        log.line(9, 'Vek-server x -> y call x -> y, target: x -> y', 'server/deadlock')
+        log.line(9, 'bus server exist deadlock', 'server/deadlock', 'E')
+        self.assertEqual([m['ring'] for m in log.kinds('ring', '--node', 'x -> y')], [['x -> y'] * 2])
+        view('--node', 'x', data=log.bytes(), code=1)
+
     def test_what_is_no_plain_file_is_written_to(self):
         link, goal, pipe = (os.path.join(support.folder, name) for name in ('link', 'goal', 'pipe'))
         os.symlink(goal, link)
@@ -199,14 +228,17 @@ class Reading(unittest.TestCase):
             self.assertTrue(os.path.islink(link) and stat.S_ISFIFO(os.stat(pipe).st_mode))
             with open(goal, 'rb') as file:
                 self.assertEqual(file.read(), reader.stdout.read())
+        log = Log().publish(1, 'a', 't').bytes()
+        write('goal', log)
+        for option, path, source in (('--html', goal, goal), ('--perfetto', link, goal),
+                                     ('--html', goal, '-')):  # but into no log
+            view(option, path, source, data=log, code=2)
+            self.assertIn('this is a log', support.view.errors)
 
     def test_other_inputs_are_refused_with_the_place_and_the_reason(self):
-        other = os.path.join(support.folder, 'other.log')
         head = b'[00042:00001]2026-11-25 16:00:00.000 [W] src/other.cpp#  83#  a ==> busServer\n'
         for data in (b'Nov 25 16:00:00 host kernel: x\n' * 3, head, b'\x7fELF\0\0' * 400000):
-            with open(other, 'wb') as file:
-                file.write(data)
-            self.assertEqual(view(other, code=2), '')
+            self.assertEqual(view(write('other.log', data), code=2), '')
             self.assertRegex(support.view.errors, r'^zelvo-view: \S+other.log:1: not a log of .*\n$')
         for arguments in (('/no/such/\x1b\u061cfile',), ('--frobnicate',), ('--from', 'noon'),
                           ('--dot', '--mermaid'), ('--limit', '0')):
@@ -218,10 +250,3 @@ class Reading(unittest.TestCase):
                 (Log().publish(1, 'a', 't').bytes(), ('--node', 'b'), 'nothing found')):
             view(*arguments, data=data, code=1)
             self.assertIn(reason, support.view.errors)
-
-    def test_the_manual_stands_in_help_and_in_the_man_page(self):
-        manual = os.path.join(os.path.dirname(support.HERE), 'zelvo_view', 'manual.py')
-        page = support.subprocess.check_output([support.sys.executable, '-B', manual]).decode()
-        for option in ('--follow', '--perfetto', '--topic', '--limit'):
-            self.assertIn(option, view('--help'))
-            self.assertIn('.B ' + option.replace('-', '\\-'), page)

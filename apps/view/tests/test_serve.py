@@ -10,6 +10,7 @@ import tempfile
 import threading
 import time
 import unittest
+from itertools import islice
 
 from browser import Browser
 from support import HERE, LIMIT, VIEW, Log
@@ -117,6 +118,14 @@ class Serve(unittest.TestCase):
         self.bus.halts = True
         self.wait(stopped.replace('return', 'return !') + ' || null')
 
+        def future(log):
+            log.second = '2099-01-01 00:00:00'
+            log.publish(5, 'clock', 'wrong')
+        self.bus.tell(future)
+        rows = ({cells[0]: cells[1] for _, _, cells in data['part'][0][2]}
+                for name, data in islice(feed, 200) if name == 'figures')
+        self.assertTrue(any('wrong' in rates and rates['beat'] != '0.0' for rates in rows))
+
     def test_faults_come_with_what_led_to_them(self):
         def ring(log):
             for tid, caller, called in ((4, 'shelf', 'desk'), (5, 'desk', 'shelf')):
@@ -154,11 +163,16 @@ class Serve(unittest.TestCase):
             .map((e) => e.textContent))].join()'''
         last = 'return Number([...document.querySelectorAll(".row .payload")].pop().textContent)'
         self.assertEqual(self.browser.run(topics), 'beat')
+        self.browser.run('''const field = document.getElementById('from');
+            field.value = field.type === 'time' ? '00:00' : '2026-01-01T00:00';
+            field.dispatchEvent(new Event('change'));''')  # what comes later passes, too
         self.browser.run('document.getElementById("pause").click()')
         self.wait('return document.getElementById("span").textContent.includes("paused")')
         held, count = self.browser.run(last), self.bus.count
         while self.bus.count < count + 50:
             time.sleep(0.02)
+        self.browser.show('topics')
+        self.browser.show('messages')
         self.assertEqual(self.browser.run(last), held)
         self.browser.run('document.getElementById("pause").click()')
         self.wait(last + ' > arguments[0]', count + 50)
