@@ -208,8 +208,9 @@ class Live:
     def _forget(self):
         """Of what is too much, the oldest; of topics and edges, those that have been still for longest."""
         stats, flows = self.stats, self._flows
-        for key in sorted(flows, key=lambda key: flows[key].latest.number)[:max(len(flows) - MANY, 0)]:
-            del flows[key]
+        if len(flows) > MANY:
+            for key in sorted(flows, key=lambda key: flows[key].latest.number)[:len(flows) - MANY]:
+                del flows[key]
         if len(stats.topics) > MANY:
             stats.topics = {name: t for name, t in stats.topics.items() if ('topic', name) in flows}
         for table in (stats.calls, stats.faults, stats.seen, self._latest):

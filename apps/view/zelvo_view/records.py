@@ -103,7 +103,7 @@ class Reader:
         self._answers = {}  # url: of the latest answers to it, (which one of all, its length)
         self._calls = {}  # (process, thread): the url that it calls, and how many answers were before
         self._given = 0  # answers
-        self._broken = deque(maxlen=16)  # topics and urls with line breaks: other lines hold them, too
+        self._broken = deque(maxlen=16)  # topics and urls with line breaks: other lines end with them
         self._settled = not live  # whether what the input ends with is not waited for any longer
 
     def feed(self, data, final=False):
@@ -173,7 +173,7 @@ class Reader:
         for shown in self._broken if trace is None and end is not None else ():
             at = m.end() - 1 - shown.index(b'\n')
             if buf.startswith(shown, at):
-                end = max(end, buf.find(b'\n', at + len(shown)) + 1)
+                end = max(end, at + len(shown))
         if end is None:
             return None, None
         text = b''
@@ -188,8 +188,8 @@ class Reader:
 
     def _note_broken(self, trace):
         path = trace.url[max(trace.url.find(b'/', 1), 0):]
-        self._broken.extend(text for text in (trace.topic, trace.url, path)
-                            if b'\n' in text and text not in self._broken)
+        self._broken.extend(text + b'\n' for text in (trace.topic, trace.url, path) if b'\n' in text
+                            and text + b'\n' not in self._broken)
 
     def _note_call(self, trace, caller):
         for table in (self._answers, self._calls):
@@ -254,32 +254,34 @@ class Reader:
         following = _HEAD_ANYWHERE.search(buf, begin, limit)
         if head:
             near = min(limit, following.start()) if following else limit
-            tries = [(_payload, near, limit), (_cut_payload, near, near)]
+            tries = [(_payload, near, limit, False), (_cut_payload, near, near, False)]
             fields = buf[head.end():near]
             if b', payload:' not in fields and b'\nlog lines lost: ' not in fields:
-                tries.append((_payload, limit, limit))  # the head stands in a topic or a url
-            for fits, fields, stop in tries:
-                found = self._find_fields(buf, head, server, fits, fields, stop)
+                tries.append((_payload, limit, limit, True))  # the head is one of a topic or a url
+            for fits, fields, stop, is_strict in tries:
+                found = self._find_fields(buf, head, server, fits, fields, stop, is_strict)
                 if found:
                     self._note_broken(found[1])
                     return found
         return self._cut_record(buf, pos, begin, head, server, final or bool(following))
 
-    @staticmethod
-    def _find_fields(buf, head, server, fits, near, stop):
-        """Tries every place where topic and url (before near) and payload (before stop) may end."""
+    def _find_fields(self, buf, head, server, fits, near, stop, is_strict):
+        """Tries every place where topic and url (before near) and payload (before stop) may end.
+        is_strict: another record has to follow."""
         # Of the payloads that fit, the longest is the one that the log has written.
         mark = b', payload:' if server else b', payload: '
         start = buf.find(mark, head.end(), near)
         while start >= 0:
             fields = buf[head.end():start]
-            topic, separator, url = fields.partition(b',  url: ')
+            split = fields.partition if fields.startswith(b'NULL,') else fields.rpartition
+            topic, separator, url = split(b',  url: ')
             begin = start + len(mark)
             best = None
             if separator:
                 for m in _LENGTH.finditer(buf, begin, min(stop, begin + SHOWN + 32)):
                     payload = fits(buf[begin:m.start()], int(m.group(1)))
-                    if payload and (best is None or fits is _payload):
+                    if payload and (best is None or fits is _payload) and (
+                            not is_strict or self._sized_end(buf, m.end() - 1)):
                         best = (m, payload)
             if best:
                 m, payload = best

@@ -35,9 +35,12 @@ def cut(text, width):
         return text if len(text) <= width else text[:max(width - 1, 0)] + '~'[:width]
     if columns(text) <= width:
         return text
-    while text and columns(text) >= width:
-        text = text[:-1]
-    return (text + '~')[:width]
+    used = 0
+    for index, char in enumerate(text):
+        used += columns(char)
+        if used >= width:
+            return (text[:index] + '~')[:width]
+    return text
 
 
 def columns(text):
