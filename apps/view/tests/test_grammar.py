@@ -202,13 +202,14 @@ class Reading(unittest.TestCase):
     def test_a_call_ends_with_its_process(self):
         log = Log().join(1, 'a', 't').trace(1, 'a', '==>', 'request', url='/c/x')
         log.ms = 7
-        crashed, log.second = len(log.publish(2, 'b', 't').lines), '2026-11-26 16:00:00'
+        crashed = len(log.trace(2, 'b', '==>', 'request', url='/c/x').lines)
+        log.second = '2026-11-26 16:00:00'
         log.line(5, 'Vek-client, VERSION ZELVO 1.0.8, busManager new', 'client/manager', 'I')
         log.join(3, 'a', 't').publish(2, 'b', 't')
         for pid in b'[00042:', b'[00043:':  # of a container, they may be the same
             log.lines[crashed:] = [pid + line[7:] for line in log.lines[crashed:]]
             found = log.kinds('unanswered')
-            self.assertEqual([m['time'] for m in found], ['2026-11-25T16:00:00.007+08:00'])
+            self.assertEqual([m['time'] for m in found], ['2026-11-25T16:00:00.007+08:00'] * 2)
             self.assertRegex(view(data=log.bytes()), r'a +\d\S+ \S+ +after 2026-11-26 \S+ +2 ')
 
     def test_a_ring_is_of_names_whatever_they_are(self):
