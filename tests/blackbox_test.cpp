@@ -5,69 +5,40 @@
 
 #include <list>
 
-namespace {
-
 const std::string kEmpty = "{\"data\":\"\"}";
 const std::string kUnknown = "{\"data\":\"not implement\"}";
-const std::string kNoHandler = "{\"msg\":\"not implement\"}";
 
-std::string joined(const std::string &name) {
-    return R"(bus.event {"event":"join", "name": ")" + name + "\"}";
-}
-
-TEST(Zelvo, publication_arrives_whole_at_its_topic_alone) {
+TEST(Zelvo, calls_and_publications_reach_whom_they_name_and_refused_arguments_change_nothing) {
     const Bus bus;
-    const std::string bytes("\0x\xff\0", 4);
+    const Node bus2{bus, "bus2", [](client_t *, const std::string &url, const std::string &data) {
+                        return url == "/bus2/none" ? nullptr : mallocText(url + "=" + data);
+                    }};
     Node a{bus, "a"};
-    Node b{bus, "b2"};
-    a.subscribe(R"(["t","t",7,null])");
-    busClientPublish(b.get(), "t", nullptr, 5);
-    for (const char *topic : {"T", "t.", "other", "t"}) {
-        b.publish(topic, bytes);
-    }
-    EXPECT_EQ(a.heard(3), (Texts{joined("b2"), "t null", "t " + bytes}));
-}
-
-TEST(Zelvo, call_is_answered_by_whom_its_address_names_and_refused_arguments_change_nothing) {
-    const Bus bus;
-    const auto answer = [](client_t *self, const std::string &url, const std::string &data) {
-        if (url == "/to/ring") {
-            return mallocText(busClientCall(self, "/a/x", nullptr, 0));
-        }
-        return url == "/to/none" ? nullptr : mallocText(url + "=" + data);
-    };
-    const Node to{bus, "to", answer};
-    const Node bus2{bus, "bus2", answer};
-    Node silent{bus, "silent\""};
-    silent.subscribe(R"(["bus.error"])");
-    Node a{bus, "a"};
-    const std::string path = "/to/" + std::string(70000, 'p');
-    const std::string all = "{\n\t\"data\":\t[\"to\", \"bus2\", \"silent\\\"\", \"a\"]\n}";
+    Node b{bus, "b\""};
+    const std::string path = "/bus2/" + std::string(70000, 'p');
+    const std::string all = "{\n\t\"data\":\t[\"bus2\", \"b\\\"\", \"a\"]\n}";
     const std::pair<std::string, Texts> kCases[] = {
-        {"/to/x=null", {"/to/x"}},
-        {path + "=null", {path}},
-        {"/bus2/nodes=null", {"/bus2/nodes"}},
-        {kNoHandler, {"/to/none", "/silent\"/x"}},
-        {kUnknown,
-         {"/gone/x", "no address", "/bus", "/" + std::string(128, 'h') + "/x", "/bus/joinx",
-          "/bus/join/x", "/bus/stats"}},
-        {all, {"/bus/nodes", "/b/nodes/list"}},
-        {"", {"/bus/"}},
-        {kEmpty,
-         {"/bus/join", "/bus/subscribeAll", "/bus/unsubscribe", "/local/x", "/a/x", "/to/ring"}},
         {R"({"event":"disjoin", "name":"a"})", {"/bus/disjoin"}},
         {"null", {"/bus/nodes"}}, // nobody of that name to hand an answer to
-        {kEmpty, {"/bus/join"}},
-        {all, {"/bus/nodes"}}};
+        {kEmpty, {"/bus/join", "/bus/subscribeAll", "/bus/unsubscribe", "/local/x", "/a/x"}},
+        {"/bus2/nodes=null", {"/bus2/nodes"}},
+        {path + "=null", {path}},
+        {"{\"msg\":\"not implement\"}", {"/bus2/none", "/b\"/x"}},
+        {kUnknown, {"/gone/x", "no address", "/bus", "/bus/joinx", "/bus/join/x", "/bus/stats"}},
+        {all, {"/bus/nodes", "/b/nodes/list"}},
+        {"", {"/bus/"}}};
     for (const auto &[text, urls] : kCases) {
         for (const std::string &url : urls) {
             EXPECT_EQ(a.call(url), text) << url;
         }
     }
-    EXPECT_EQ(a.call("/to/x", "ab"), "/to/x=ab");
-    EXPECT_EQ(silent.heard(3).at(2), // of the second of two rings
-              R"(bus.error {"errId":10001, "errMsg": "bus server deadlock, )"
-              R"(due to appearing R call A & A call R"})");
+    const std::string bytes("\0x\xff\0", 4);
+    a.subscribe(R"(["t","t",7,null])");
+    busClientPublish(b.get(), "t", nullptr, 5);
+    b.publish("T");
+    b.publish("t", bytes);
+    EXPECT_EQ(a.heard(3),
+              (Texts{R"(bus.event {"event":"join", "name": "b\""})", "t null", "t " + bytes}));
 
     client_t *const none = nullptr;
     EXPECT_EQ(busClientConnect(nullptr, "x", nullptr, nullptr, nullptr), nullptr);
@@ -82,11 +53,11 @@ TEST(Zelvo, call_is_answered_by_whom_its_address_names_and_refused_arguments_cha
           busClientSettimer(none, nullptr, 0, 0, nullptr)}) {
         EXPECT_EQ(result, -1);
     }
-    const char *const kept = busClientCall(a.get(), "/nobody/x", nullptr, 0);
+    const char *const kept = busClientCall(a.get(), "/bus2/x", "ab", 2);
     EXPECT_EQ(busClientCall(none, "/a/x", nullptr, 0), nullptr);
     EXPECT_EQ(busClientCall(a.get(), nullptr, nullptr, 0), nullptr);
     EXPECT_EQ(busClientCall(a.get(), "/a/x", "x", -1), nullptr);
-    EXPECT_EQ(kept, kUnknown); // it stays until the next call is posted
+    EXPECT_STREQ(kept, "/bus2/x=ab"); // it stays until the next call is posted
     for (const int result : {busClientSpin(none), busClientSpinExit(none), busClientClose(none),
                              busClientBindServer(nullptr), busClientServerExit(nullptr),
                              busClientDelete(nullptr), busClientKilltimer(none, 2),
@@ -99,6 +70,11 @@ TEST(Zelvo, call_is_answered_by_whom_its_address_names_and_refused_arguments_cha
 
 TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     Bus bus{4, R"(,"stats":true)"};
+    for (const std::string &name : Texts{"b", "localKeys", "a/b", "", std::string(128, 'n'), "bus2",
+                                         "Bus", "/x", std::string(127, 'n')}) {
+        EXPECT_NE(Node(bus, name).get(), nullptr);
+    }
+    EXPECT_EQ(count(bus.log(), " cannot be called by this name\n"), 5U);
     Node a{bus, "a", {}, false};
     Node full{bus, "full", {}, false};
     full.subscribe(R"(["t"])");
@@ -119,10 +95,9 @@ TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
               0);
     EXPECT_EQ(a.call("/bus/nodes"), "null");
     EXPECT_EQ(Node(bus, "lost").call("/a/x"), "null"); // is not kept waiting
-    bus.exit();                                        // gets in all the same
     EXPECT_EQ(count(bus.log(), "queue is full"), 15U);
     bus.start();
-    bus.join();
+    bus.stop(); // behind all of it
     bus.start();
     std::string stats = a.call("/bus/stats");
     std::erase_if(stats, [](char c) { return c == '\t' || c == '\n'; });
@@ -135,8 +110,8 @@ TEST(Zelvo, full_queues_refuse_and_counters_tell_what_became_of_messages) {
     EXPECT_TRUE(says(stats, ofA) && says(stats, ofFull)) << stats;
 }
 
-TEST(Zelvo, full_registry_and_full_sticky_store_refuse_and_say_so) {
-    const Bus bus{3, R"(,"stats":true)"};
+TEST(Zelvo, full_registry_sticky_store_and_timer_queue_refuse_and_say_so) {
+    const Bus bus{4, R"(,"stats":true)"};
     std::list<Node> all;
     for (int i = 0; i < 2048; ++i) {
         const std::string name = "n" + std::to_string(i);
@@ -144,13 +119,16 @@ TEST(Zelvo, full_registry_and_full_sticky_store_refuse_and_say_so) {
         busClientUnsubscribe(node.get(), R"(["bus.event"])");
         busClientPublishSticky(node.get(), name.c_str(), nullptr, 0);
     }
+    Node &last = all.back();
     EXPECT_EQ(Node(bus, "extra").get(), nullptr);
-    busClientPublishSticky(all.back().get(), "t", nullptr, 0);
-    EXPECT_TRUE(says(all.back().call("/bus/stats"), "\"stickyFull\":\t1"));
     EXPECT_TRUE(says(bus.log(), "extra join failed, registry is full\n"));
-    EXPECT_FALSE(says(bus.log(), "sticky"));
-    all.pop_back();
-    EXPECT_NE(Node(bus, "extra").get(), nullptr);
+    busClientPublishSticky(last.get(), "t", nullptr, 0);
+    for (int id = 2; id <= 32767; ++id) { // that of a refused one too
+        EXPECT_EQ(busClientSettimer(last.get(), nullptr, 1000000, 0, nullptr), id);
+    }
+    EXPECT_EQ(busClientSettimer(last.get(), nullptr, 1000000, 0, nullptr), 2);
+    const std::string stats = last.call("/bus/stats");
+    for (const char *told : {"\"stickyFull\":\t1", "\"timers\":\t1024", "\"ownFull\":\t31743"}) {
+        EXPECT_TRUE(says(stats, told)) << told;
+    }
 }
-
-} // namespace

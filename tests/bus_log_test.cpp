@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <ctime>
-#include <sstream>
+#include <regex>
 
 namespace {
 
@@ -34,14 +34,8 @@ protected:
     }
     // What the file holds, of each line's head the level alone.
     std::string text() const {
-        std::istringstream file{readFile(path_)};
-        std::string shown;
-        for (std::string line; std::getline(file, line); shown += '\n') {
-            const std::size_t level = line.find("] "); // a notice has no head
-            shown += level < line.size() ? line.substr(level - 1, 1) + " " : "";
-            shown += line.substr(line.find('#', line.find('#') + 1) + 1);
-        }
-        return shown;
+        const std::regex head{R"(\[\d+:\d+\][-\d]+ [:.\d]+ \[(.)\] [^#]+# *\d+#)"};
+        return std::regex_replace(readFile(path_), head, "$1 ");
     }
     const TempDir dir_;
     const std::string path_ = dir_.file("l\xc3\xb6g \xe4\xb8\xad"); // which is UTF-8

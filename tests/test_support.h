@@ -39,13 +39,11 @@ private:
 // Waits until the condition holds; false: it never did.
 inline bool eventually(auto condition, std::chrono::milliseconds limit = kLimit) {
     const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return false;
-        }
+    bool holds = condition();
+    for (; !holds && std::chrono::steady_clock::now() < end; holds = condition()) {
         std::this_thread::sleep_for(std::chrono::milliseconds{2});
     }
-    return true;
+    return holds;
 }
 
 // A new empty directory, removed with all it holds.
@@ -81,11 +79,6 @@ inline std::filesystem::path utf8Path(const std::string &name) {
 inline std::string readFile(const std::string &path) {
     std::ifstream file{utf8Path(path), std::ios::binary};
     return {std::istreambuf_iterator<char>{file}, {}};
-}
-
-// How many entries a directory has.
-inline std::ptrdiff_t entries(const std::string &path) {
-    return std::distance(std::filesystem::directory_iterator{path}, {});
 }
 
 // How often the part stands in the text.

@@ -3,11 +3,9 @@
 // sanitizer to watch. zelvo_threads SECONDS
 #include "running.h"
 
-#include <atomic>
-
 namespace {
 
-std::atomic<bool> over{false};
+using Clock = std::chrono::steady_clock;
 
 int hear(void *, client_t *client, char *, char *, int) {
     busClientSettimer(client, nullptr, 1, 0, nullptr);
@@ -19,29 +17,20 @@ char *reply(void *, client_t *client, char *, char *, int) {
     return nullptr;
 }
 
-void use(client_t *client, std::mt19937 &random) {
-    busClientSubscribe(client, "[\"t\"]");
-    for (unsigned left = static_cast<unsigned>(random()) % 200; left > 0; --left) {
-        const std::string url = "/n" + std::to_string(random() % 4) + "/x";
-        switch (random() % 4) {
-        case 0:
-            busClientCall(client, url.c_str(), "ask", 3);
-            break;
-        case 1:
-            busClientKilltimer(client, static_cast<int>(random() % 9));
-            break;
-        default:
-            busClientPublishSticky(client, "t", "more", 4);
-        }
-    }
-}
-
-void live(const RunningBus &bus, int number) {
-    std::mt19937 random{static_cast<unsigned>(number)};
-    while (!over) {
-        const RunningNode node{bus.get(), "n" + std::to_string(number), hear, reply};
-        if (node.get()) {
-            use(node.get(), random);
+void live(Zelvo_t *bus, unsigned number, Clock::time_point end) {
+    std::mt19937 random{number};
+    while (Clock::now() < end) {
+        Node node{bus, "n" + std::to_string(number), hear, reply};
+        busClientSubscribe(node.get(), "[\"t\"]");
+        for (auto left = random() % 200; node.get() && left > 0; --left) {
+            const auto what = random() % 4;
+            if (what == 0) {
+                node.call("/n" + std::to_string(random() % 4) + "/x");
+            } else if (what == 1) {
+                busClientKilltimer(node.get(), static_cast<int>(random() % 9));
+            } else {
+                busClientPublishSticky(node.get(), "t", "more", 4);
+            }
         }
     }
 }
@@ -49,18 +38,16 @@ void live(const RunningBus &bus, int number) {
 } // namespace
 
 int main(int argc, char **argv) {
-    const std::chrono::seconds time{argc > 1 ? std::atoi(argv[1]) : 5};
+    const auto end = Clock::now() + std::chrono::seconds{argc > 1 ? std::atoi(argv[1]) : 5};
     RunningBus bus{R"({"level":6,"callTimeout":100})"};
     std::vector<std::thread> nodes;
-    for (int number = 0; number < 4; ++number) {
-        nodes.emplace_back(live, std::cref(bus), number);
+    for (unsigned number = 0; number < 4; ++number) {
+        nodes.emplace_back(live, bus.get(), number, end);
     }
-    for (const auto end = std::chrono::steady_clock::now() + time;
-         std::chrono::steady_clock::now() < end; bus.start()) {
+    for (; Clock::now() < end; bus.start()) {
         std::this_thread::sleep_for(std::chrono::milliseconds{50});
         bus.stop();
     }
-    over = true;
     for (std::thread &node : nodes) {
         node.join();
     }
