@@ -168,7 +168,7 @@ TEST(Gaps, what_a_full_bus_refuses_is_sticky_in_the_end) {
         }
         return 0;
     };
-    RunningNode stubborn{site.bus.get(), "stubborn", insist};
+    Node stubborn{site.bus.get(), "stubborn", insist};
     busClientSubscribe(stubborn.get(), R"(["kept"])");
     peer.publish("zelvo/topic/kept", "3", true, correlationData());
     EXPECT_TRUE(site.logs("kept is something else on the bus than at the broker, and left so"));
@@ -215,7 +215,7 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     Broker broker{"allow_anonymous true\n"};
     Bridged site{broker.url(), "site", R"("serve":["slow","listener"])"};
     Slow slow;
-    RunningNode node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
+    Node node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
     Peer peer{broker, "zelvo/answer/p/site"};
     peer.request("slow/x", "", "60000");
     ASSERT_TRUE(slow.asked.wait());
