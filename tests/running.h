@@ -6,8 +6,10 @@
 
 #include <zelvo/bus_client.h>
 
-#include <algorithm>
+#include <condition_variable>
 #include <functional>
+#include <future>
+#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -58,10 +60,7 @@ public:
         : onCall_{std::move(onCall)},
           client_{busClientConnect(bus, name.c_str(), onMessage, answer, userdata)} {
         if (client_ && spins) {
-            thread_ = std::thread{[this] {
-                busClientSpin(client_);
-                ended_.set();
-            }};
+            spin_ = std::async(std::launch::async, busClientSpin, client_);
         }
     }
     // What it hears is kept as "topic payload".
@@ -71,10 +70,10 @@ public:
     ~Node() { close(); }
 
     void close() {
-        while (thread_.joinable()) { // again where the request found a full queue
+        while (spin_.valid()) { // again where the request found a full queue
             busClientSpinExit(client_);
-            if (ended_.wait(std::chrono::milliseconds{20})) {
-                thread_.join();
+            if (spin_.wait_for(std::chrono::milliseconds{20}) == std::future_status::ready) {
+                spin_ = {};
             }
         }
         busClientClose(std::exchange(client_, nullptr));
@@ -97,13 +96,6 @@ public:
         return heard_;
     }
 
-    // Whether the text is heard within the limit.
-    bool hears(const std::string &text, std::chrono::milliseconds limit = kLimit) {
-        std::unique_lock lock{mutex_};
-        return more_.wait_for(lock, limit,
-                              [&] { return std::count(heard_.begin(), heard_.end(), text) > 0; });
-    }
-
 private:
     static std::string textOf(const char *data, int len) {
         return data ? std::string(data, static_cast<std::size_t>(len)) : "null";
@@ -124,8 +116,7 @@ private:
     std::condition_variable more_;
     Texts heard_;
     client_t *client_;
-    Signal ended_;
-    std::thread thread_; // last: it uses the others
+    std::future<int> spin_; // last: its thread uses the others
 };
 
 #endif

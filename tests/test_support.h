@@ -3,12 +3,10 @@
 #define ZELVO_TEST_SUPPORT_H
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -16,25 +14,6 @@
 
 // How long a test waits for what must come; far beyond what a loaded machine needs.
 inline constexpr std::chrono::seconds kLimit{60};
-
-// Set once, waited for by any thread.
-class Signal {
-public:
-    void set() {
-        const std::lock_guard lock{mutex_};
-        set_ = true;
-        changed_.notify_all();
-    }
-    bool wait(std::chrono::milliseconds limit = kLimit) {
-        std::unique_lock lock{mutex_};
-        return changed_.wait_for(lock, limit, [this] { return set_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool set_ = false;
-};
 
 // Waits until the condition holds; false: it never did.
 inline bool eventually(auto condition, std::chrono::milliseconds limit = kLimit) {

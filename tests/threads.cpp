@@ -3,46 +3,31 @@
 // sanitizer to watch. zelvo_threads SECONDS
 #include "running.h"
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-int hear(void *, client_t *client, char *, char *, int) {
-    busClientSettimer(client, nullptr, 1, 0, nullptr);
-    return 0;
-}
-
-char *reply(void *, client_t *client, char *, char *, int) {
-    busClientPublish(client, "t", "called", 6);
-    return nullptr;
-}
-
-void live(Zelvo_t *bus, unsigned number, Clock::time_point end) {
-    std::mt19937 random{number};
-    while (Clock::now() < end) {
-        Node node{bus, "n" + std::to_string(number), hear, reply};
-        busClientSubscribe(node.get(), "[\"t\"]");
-        for (auto left = random() % 200; node.get() && left > 0; --left) {
-            const auto what = random() % 4;
-            if (what == 0) {
-                node.call("/n" + std::to_string(random() % 4) + "/x");
-            } else if (what == 1) {
-                busClientKilltimer(node.get(), static_cast<int>(random() % 9));
-            } else {
-                busClientPublishSticky(node.get(), "t", "more", 4);
-            }
-        }
-    }
-}
-
-} // namespace
-
 int main(int argc, char **argv) {
+    using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::seconds{argc > 1 ? std::atoi(argv[1]) : 5};
     RunningBus bus{R"({"level":6,"callTimeout":100})"};
+    const auto answer = [](client_t *client, const std::string &, const std::string &) {
+        busClientSettimer(client, nullptr, 1, 0, nullptr);
+        busClientPublish(client, "t", "called", 6);
+        return mallocText("answer");
+    };
+    const auto live = [&](unsigned number) {
+        for (std::mt19937 random{number}; Clock::now() < end;) {
+            Node node{bus, "n" + std::to_string(number), answer};
+            node.subscribe(R"(["t"])");
+            for (auto left = random() % 200; node.get() && left > 0; --left) {
+                busClientKilltimer(node.get(), static_cast<int>(random() % 9));
+                busClientPublishSticky(node.get(), "t", "more", 4);
+                if (random() % 4 == 0) {
+                    node.call("/n" + std::to_string(random() % 4) + "/x", "ask");
+                }
+            }
+        }
+    };
     std::vector<std::thread> nodes;
     for (unsigned number = 0; number < 4; ++number) {
-        nodes.emplace_back(live, bus.get(), number, end);
+        nodes.emplace_back(live, number);
     }
     for (; Clock::now() < end; bus.start()) {
         std::this_thread::sleep_for(std::chrono::milliseconds{50});
