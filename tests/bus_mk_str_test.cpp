@@ -11,7 +11,7 @@ namespace {
 
 std::string repeated(const std::string &text, int times) {
     std::string all;
-    while (times-- > 0) {
+    for (; times > 0; --times) {
         all += text;
     }
     return all;
