@@ -5,7 +5,6 @@
 
 #include <list>
 
-const std::string kEmpty = "{\"data\":\"\"}";
 const std::string kUnknown = "{\"data\":\"not implement\"}";
 
 TEST(Zelvo, calls_and_publications_reach_whom_they_name_and_refused_arguments_change_nothing) {
@@ -20,7 +19,8 @@ TEST(Zelvo, calls_and_publications_reach_whom_they_name_and_refused_arguments_ch
     const std::pair<std::string, Texts> kCases[] = {
         {R"({"event":"disjoin", "name":"a"})", {"/bus/disjoin"}},
         {"null", {"/bus/nodes"}}, // nobody of that name to hand an answer to
-        {kEmpty, {"/bus/join", "/bus/subscribeAll", "/bus/unsubscribe", "/local/x", "/a/x"}},
+        {R"({"data":""})",
+         {"/bus/join", "/bus/subscribeAll", "/bus/unsubscribe", "/local/x", "/a/x"}},
         {"/bus2/nodes=null", {"/bus2/nodes"}},
         {path + "=null", {path}},
         {"{\"msg\":\"not implement\"}", {"/bus2/none", "/b\"/x"}},

@@ -1,6 +1,5 @@
 // The key store through the public header: what a get finds, and what becomes of the file.
 #include "running.h"
-#include "test_system.h"
 
 #include <gtest/gtest.h>
 

@@ -11,17 +11,12 @@ TEST(Message, copies_hold_all_but_the_reference) {
     MessagePtr message{
         busClientExMessageNew("me", nullptr, "/a/b", "request", &client, nullptr, "data", 4)};
     holdNode(*message, client);
-    message->call = 7;
     message.reset(busClientExMessageCopy(message.get()));
     message.reset(copyForRequest(*message, "asker"));
     message.reset(copyWithAction(*message, Action::kExit));
     EXPECT_EQ(client.references, 1);
-    EXPECT_TRUE(message->node == &client && message->kind == Action::kExit && message->call == 7);
     EXPECT_EQ(std::string{message->name} + message->url + message->request_name, "me/a/basker");
     EXPECT_STREQ(message->payload->data, "data");
-    message->payload->data = nullptr;
-    message.reset(busClientExMessageCopy(message.get()));
-    EXPECT_TRUE(!message->payload->data && message->payload->len == 0);
     char data[] = "data";
     for (const auto &[length, traced] :
          {std::pair{0, "BinaryData..."}, {1, data}, {199, data}, {200, "BinaryData..."}}) {

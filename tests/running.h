@@ -7,7 +7,6 @@
 #include <zelvo/bus_client.h>
 
 #include <condition_variable>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <optional>

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -59,6 +60,13 @@ inline std::string readFile(const std::string &path) {
     std::ifstream file{utf8Path(path), std::ios::binary};
     return {std::istreambuf_iterator<char>{file}, {}};
 }
+
+// What the tests ask of the operating system; one source file for each system is behind it.
+using Body = std::function<void()>;
+// Runs body with the rights of a user who owns nothing. False: not run, which only root can do.
+bool asNobody(const Body &body);
+// Runs body while no file can grow beyond a size, as on a full disk. False: the system can't.
+bool withFullDisk(std::size_t size, const Body &body);
 
 // How often the part stands in the text.
 inline std::size_t count(const std::string &text, const std::string &part) {
