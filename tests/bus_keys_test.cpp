@@ -147,6 +147,7 @@ TEST_F(Keys, mode_link_and_name_of_the_file_stay_and_what_a_killed_process_left_
     std::filesystem::create_symlink("/sys/kernel/uevent_seqnum", target, error);
     restart();
     persist("a", "4");
+    persist("a", "5");
     EXPECT_EQ(logged("is not read to its end"), std::filesystem::exists(target) ? 1U : 0U);
 }
 
