@@ -72,45 +72,44 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
     const std::string old = R"({"a":1})";
     const std::string fresh = "{\n\t\"b\":\t" + big + ",\n\t\"c\":\t2\n}";
     const std::string both = "{\n\t\"a\":\t1," + fresh.substr(1);
-    const struct {
-        std::string text, written, aside = "";
-        bool (*by)(const Body &) = asEver; // false: this system can't
-        const char *line = "";             // that is written once
-        bool stays = false;                // what the file holds, until it may be written
-        unsigned home = 0755, file = 0666; // modes, which root does not mind
-    } kCases[] = {{R"({"a":1,"B":5,"b":4})", both},
-                  {"", fresh}, // holds nothing to keep
-                  {"[1]", fresh, ".bad"},
-                  {"{\"cut\":", fresh, ".bad.1"},
-                  {old + std::string(" more\0{}", 8), both},
-                  {old, both, "", onFullDisk, "write localKeys error, file: ", true},
-                  {old, both, "", asNobody, "is not read, and left as it is", true, 0755, 0},
-                  {old, both, "", asNobody, "can't be replaced as a whole"},
-                  {old, both, "", asNobody, "can't be replaced as a whole", false, 01777},
-                  {"[1]", fresh, ".bad.2", asNobody, "can't be set aside", true},
-                  {"[1]", fresh, ".bad.3", asNobody, "is not written", true, 01777}};
     std::ptrdiff_t files = 1;
-    for (const auto &c : kCases) {
-        write(c.text);
+    // by: false where this system can't. line: what is logged once. stays: what the file holds,
+    // until it may be written. home, mode: of directory and file, which root does not mind.
+    const auto persists = [&](const std::string &text, const std::string &written,
+                              const std::string &aside = "", bool (*by)(const Body &) = asEver,
+                              const char *line = "", bool stays = false, unsigned home = 0755,
+                              unsigned mode = 0666) {
+        write(text);
         restart();
-        permissions(home_, perms{c.home});
-        permissions(file(), perms{c.file});
-        if (!c.by([&] {
+        permissions(home_, perms{home});
+        permissions(file(), perms{mode});
+        if (!by([&] {
                 persist("b", big);
                 persist("b", big);
                 EXPECT_EQ(get("b"), big);
             })) {
-            continue;
+            return;
         }
-        EXPECT_EQ(read() == c.text, c.stays) << c.text << c.line;
-        EXPECT_TRUE(*c.line == '\0' || logged(c.line) == 1) << c.line << bus_->log();
+        EXPECT_EQ(read() == text, stays) << text << line;
+        EXPECT_TRUE(*line == '\0' || logged(line) == 1) << line << bus_->log();
         persist("c", "2");
-        EXPECT_EQ(read(), c.written) << c.line;
-        EXPECT_TRUE(c.aside.empty() || read(c.aside) == c.text) << c.aside;
-        EXPECT_EQ(logged(", kept as " + file() + c.aside + "\n") == 1, !c.aside.empty());
-        files += c.aside.empty() ? 0 : 1; // and nothing else is left behind
+        EXPECT_EQ(read(), written) << line;
+        EXPECT_TRUE(aside.empty() || read(aside) == text) << aside;
+        EXPECT_EQ(logged(", kept as " + file() + aside + "\n") == 1, !aside.empty());
+        files += aside.empty() ? 0 : 1; // and nothing else is left behind
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator{home_}, {}), files);
-    }
+    };
+    persists(R"({"a":1,"B":5,"b":4})", both);
+    persists("", fresh); // holds nothing to keep
+    persists("[1]", fresh, ".bad");
+    persists("{\"cut\":", fresh, ".bad.1");
+    persists(old + std::string(" more\0{}", 8), both);
+    persists(old, both, "", onFullDisk, "write localKeys error, file: ", true);
+    persists(old, both, "", asNobody, "is not read, and left as it is", true, 0755, 0200);
+    persists(old, both, "", asNobody, "can't be replaced as a whole");
+    persists(old, both, "", asNobody, "can't be replaced as a whole", false, 01777);
+    persists("[1]", fresh, ".bad.2", asNobody, "can't be set aside", true);
+    persists("[1]", fresh, ".bad.3", asNobody, "is not written", true, 01777);
 }
 
 TEST_F(Keys, mode_link_and_name_of_the_file_stay_and_what_a_killed_process_left_goes) {
@@ -126,8 +125,7 @@ TEST_F(Keys, mode_link_and_name_of_the_file_stay_and_what_a_killed_process_left_
         GTEST_SKIP() << "no links on this system";
     }
     const std::string target = home_ + "/target";
-    const auto mode = [&] { return std::filesystem::status(target).permissions(); };
-    EXPECT_EQ(mode(), perms{0600});
+    EXPECT_EQ(std::filesystem::status(target).permissions(), perms{0600});
     permissions(target, perms{0646});
     write("[2,3,4]");
     restart();
@@ -135,12 +133,11 @@ TEST_F(Keys, mode_link_and_name_of_the_file_stay_and_what_a_killed_process_left_
     write(R"({"a":17})");
     EXPECT_EQ(get("a"), "17");
     write("[1]");
-    for (const char *end : {".0123456789abcdef.new", ".another's.new"}) {
-        std::ofstream{target + end};
-    }
+    std::ofstream{target + ".0123456789abcdef.new"};
+    std::ofstream{target + ".another's.new"};
     restart();
     persist("a", "3");
-    EXPECT_EQ(mode(), perms{0646});
+    EXPECT_EQ(std::filesystem::status(target).permissions(), perms{0646});
     EXPECT_EQ(readFile(target) + readFile(target + ".bad"), "{\n\t\"a\":\t3\n}[1]");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator{home_}, {}), 4);
     std::filesystem::remove(target);

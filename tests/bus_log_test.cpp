@@ -67,14 +67,6 @@ TEST_F(Log, line_carries_ids_time_and_source) {
     EXPECT_EQ(bus::toTimeval(sys_days{year{2040} / 1 / 1}).tv_sec, 2208988800);
 }
 
-// Guards the numbers that a thread remembers.
-TEST_F(Log, child_of_a_fork_has_numbers_of_its_own) {
-    open();
-    write("parent");
-    EXPECT_DEATH((write("child"), std::abort()), "");
-    EXPECT_EQ(count(readFile(path_), std::to_string(platform::processId()) + ":"), 1U);
-}
-
 TEST_F(Log, threshold_drops_lines_and_evaluates_nothing) {
     BUS_LOG(5, "before the log is open");
     open(3);
