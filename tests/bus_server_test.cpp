@@ -7,16 +7,26 @@
 
 namespace bus {
 
-TEST(Server, nothing_is_kept_of_a_topic_that_nobody_has) {
+TEST(Server, broken_messages_change_nothing_and_nothing_is_kept_of_a_topic_that_nobody_has) {
     const Bus bus;
     Node a{bus, "a"};
+    server_t &server = *bus.get()->server;
+    for (const char *action : {"no such", "", action::kRequest, action::kResponse,
+                               action::kPublishSticky, action::kRemoveSticky}) {
+        for (const char *name : {"a", ""}) { // empty: none
+            MessagePtr message{busClientExMessageNew(*name ? name : nullptr, nullptr, nullptr,
+                                                     *action ? action : nullptr, a.get(), nullptr,
+                                                     nullptr, 0)};
+            EXPECT_EQ(postToServer(server, message), bus_mk_sent::kDone);
+        }
+    }
     a.subscribe(R"(["t"])");
     busClientUnsubscribe(a.get(), R"(["t"])");
     busClientPublishSticky(a.get(), "s", nullptr, 0);
     busClientRemoveSticky(a.get(), R"(["s"])");
-    a.call("/bus/nodes");
-    Directory &directory = bus.get()->server->directory;
-    EXPECT_TRUE(!directory.topic("t") && !directory.topic("s"));
+    EXPECT_EQ(a.call("/bus/nodes"), "{\n\t\"data\":\t[\"a\"]\n}");
+    EXPECT_TRUE(!server.directory.topic("t") && !server.directory.topic("s"));
+    EXPECT_EQ(::count(bus.log(), "  Vek-server message body not action | name\n"), 7U);
 }
 
 TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {

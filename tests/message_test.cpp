@@ -7,9 +7,11 @@ namespace bus {
 TEST(Message, copies_hold_all_but_the_reference) {
     client_t client;
     message_t none{};
-    EXPECT_EQ(_message_equal(nullptr, &none) + _message_equal(nullptr, nullptr), -2);
     MessagePtr message{
         busClientExMessageNew("me", nullptr, "/a/b", "request", &client, nullptr, "data", 4)};
+    EXPECT_EQ(_message_equal(message->name, message.get()) + _message_equal(nullptr, &none) +
+                  _message_equal(nullptr, nullptr),
+              -3);
     holdNode(*message, client);
     message.reset(busClientExMessageCopy(message.get()));
     message.reset(copyForRequest(*message, "asker"));
