@@ -24,7 +24,7 @@ TEST(Zelvo, calls_and_publications_reach_whom_they_name_and_refused_arguments_ch
         {"/bus2/nodes=null", {"/bus2/nodes"}},
         {path + "=null", {path}},
         {"{\"msg\":\"not implement\"}", {"/bus2/none", "/b\"/x"}},
-        {kUnknown, {"/gone/x", "no address", "/bus", "/bus/joinx", "/bus/join/x", "/bus/stats"}},
+        {kUnknown, {"/gone/x", "no address", "/bus", "/bus/x", "/bus/join/x", "/bus/stats"}},
         {all, {"/bus/nodes", "/b/nodes/list"}},
         {"", {"/bus/"}}};
     for (const auto &[text, urls] : kCases) {
