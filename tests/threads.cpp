@@ -25,15 +25,12 @@ int main(int argc, char **argv) {
             }
         }
     };
-    std::vector<std::thread> nodes;
+    std::vector<std::future<void>> nodes; // whose end is waited for
     for (unsigned number = 0; number < 4; ++number) {
-        nodes.emplace_back(live, number);
+        nodes.push_back(std::async(std::launch::async, live, number));
     }
     for (; Clock::now() < end; bus.start()) {
         std::this_thread::sleep_for(std::chrono::milliseconds{50});
         bus.stop();
-    }
-    for (std::thread &node : nodes) {
-        node.join();
     }
 }
