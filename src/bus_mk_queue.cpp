@@ -28,8 +28,8 @@ struct bus_mk_queue {
     bus_mk_thread_cond_t recv_cond;
     // Set while a receiver sleeps or is about to; cleared by the sender that wakes it.
     std::int32_t wait_recv BUS_MK_GUARDED_BY(mut);
-    std::int32_t timed_waits BUS_MK_GUARDED_BY(mut); // receivers that sleep for a limited time
     std::int32_t max_size;                           // fixed when the queue is made
+    std::int32_t timed_waits BUS_MK_GUARDED_BY(mut); // receivers that sleep for a limited time
     std::int32_t highest BUS_MK_GUARDED_BY(mut);
     // A former value of out_count, which has not grown since: what it allows needs no look at the
     // receivers' part.
