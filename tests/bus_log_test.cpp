@@ -140,10 +140,14 @@ TEST_F(Log, full_disk_is_told_once_and_logging_goes_on_after_it) {
 TEST_F(Log, standard_output_takes_what_no_file_takes) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    bus::bus_log_init(0, dir_.file("none/bus.log").c_str(), 0, 1);
-    write("a line");
-    EXPECT_EQ(count(testing::internal::GetCapturedStdout(), "#a line\n"), 1U);
-    EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "none/bus.log: "), 1U);
+    for (const std::string &path : {std::string{}, dir_.file("none/bus.log")}) {
+        bus::bus_log_init(0, path.c_str(), 0, 1);
+        write("a line");
+        bus::bus_log_exit();
+    }
+    EXPECT_EQ(count(testing::internal::GetCapturedStdout(), "#a line\n"), 2U);
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(count(told, "none/bus.log: ") == 1 && count(told, "\n") == 1) << told;
 }
 
 } // namespace

@@ -9,9 +9,8 @@ TEST(Message, copies_hold_all_but_the_reference) {
     message_t none{};
     MessagePtr message{
         busClientExMessageNew("me", nullptr, "/a/b", "request", &client, nullptr, "data", 4)};
-    EXPECT_EQ(_message_equal(message->name, message.get()) + _message_equal(nullptr, &none) +
-                  _message_equal(nullptr, nullptr),
-              -3);
+    EXPECT_EQ(_message_equal(nullptr, &none) + _message_equal(nullptr, nullptr), -2);
+    EXPECT_EQ(_message_equal(message->name, message.get()), -1);
     holdNode(*message, client);
     message.reset(busClientExMessageCopy(message.get()));
     message.reset(copyForRequest(*message, "asker"));
