@@ -6,12 +6,12 @@
 //   --replay SEED     one world, with its account
 #include "program.h"
 
-#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
-#include <random>
 
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -20,6 +20,8 @@
 namespace {
 
 using namespace simulation;
+
+volatile std::sig_atomic_t interrupted = 0;
 
 // Whether a world fails; order: of its events, given its operations. What is wrong stands in
 // failure.
@@ -47,62 +49,37 @@ bool fails(const Program &tried, std::uint64_t order, bool account = false) {
     return status != 0;
 }
 
-// Leaves out operations as long as the rest fails in some order of events, which is noted.
-Program madeSmall(Program failing, std::uint64_t &order) {
+// Leaves out what operations it can, and who has none left, as long as the rest fails in some order
+// of events, which is noted.
+void makeSmall(Program &failing, std::uint64_t &order) {
     constexpr std::uint64_t kOrders = 60;
-    for (auto part = std::ssize(failing.operations); part > 0; part /= 2) {
-        for (std::ptrdiff_t at = 0; at < std::ssize(failing.operations);) {
-            Program less = failing;
-            const auto begin = less.operations.begin() + at, end = less.operations.end();
-            less.operations.erase(begin, begin + std::min(part, end - begin));
-            std::uint64_t tried = 0;
-            while (tried < kOrders && !fails(less, order + tried)) {
-                ++tried;
-            }
-            if (tried < kOrders) {
-                order += tried;
-                failing = less;
-            } else {
-                at += part;
-            }
+    for (auto at = std::ssize(failing.operations); at-- > 0;) {
+        Program less = failing;
+        less.operations.erase(less.operations.begin() + at);
+        std::uint64_t tried = order;
+        while (tried < order + kOrders && !fails(less, tried)) {
+            ++tried;
+        }
+        if (tried < order + kOrders) {
+            order = tried;
+            failing = less;
         }
     }
-    return failing;
 }
 
-int runAll(std::uint64_t first, std::uint64_t last, std::chrono::seconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    std::uint64_t seed = first;
-    for (; seed <= last && std::chrono::steady_clock::now() < end; ++seed) {
-        const Program made = makeProgram(seed);
+int runAll(unsigned long long first, unsigned long long last, std::time_t end) {
+    unsigned long long seed = first;
+    for (; seed <= last && std::time(nullptr) < end && interrupted == 0; ++seed) {
+        Program made = makeProgram(seed);
         if (fails(made, seed)) {
-            std::printf("world %llu: %s\n\nmade smaller:\n", static_cast<unsigned long long>(seed),
-                        failure);
+            std::printf("world %llu: %s\n\nmade smaller:\n", seed, failure);
             std::uint64_t order = seed;
-            const Program small = madeSmall(made, order);
-            return fails(small, order, true) ? 1 : 2;
+            makeSmall(made, order);
+            return fails(made, order, true) ? 1 : 2;
         }
     }
-    std::printf("%llu worlds, none failed\n", static_cast<unsigned long long>(seed - first));
+    std::printf("%llu worlds, none failed\n", seed - first);
     return 0;
-}
-
-// Where this process works from now on. Another one removes it in the end, whatever that is.
-bool enterDirectory() {
-    char directory[] = "/tmp/zelvo-simulation-XXXXXX";
-    int ends[2];
-    if (!mkdtemp(directory) || chdir(directory) != 0 || pipe(ends) != 0) {
-        return false;
-    }
-    if (fork() == 0) {
-        setsid(); // what ends this process's group does not end that one
-        close(ends[1]);
-        for (char none; read(ends[0], &none, 1) != 0;) {} // until nobody has the other end
-        std::filesystem::remove_all(directory);
-        _exit(0);
-    }
-    close(ends[0]);
-    return true;
 }
 
 int run(const std::string &option, const char *value) {
@@ -113,11 +90,11 @@ int run(const std::string &option, const char *value) {
         return failed ? 1 : 0;
     }
     if (option == "--seeds" && std::sscanf(value, "%llu-%llu", &first, &last) == 2) {
-        return runAll(first, last, std::chrono::hours{24});
+        return runAll(first, last, std::numeric_limits<std::time_t>::max());
     }
     if (option == "--seconds") {
         std::printf("worlds from %llu on\n", first);
-        return runAll(first, last, std::chrono::seconds{std::atoi(value)});
+        return runAll(first, last, std::time(nullptr) + std::atoi(value));
     }
     std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
     return 2;
@@ -128,5 +105,12 @@ int run(const std::string &option, const char *value) {
 int main(int argc, char **argv) {
     failure = static_cast<char *>(
         mmap(nullptr, kFailure, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    return enterDirectory() ? run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "") : 2;
+    char directory[] = "/tmp/zelvo-simulation-XXXXXX"; // for the key store
+    if (!mkdtemp(directory) || chdir(directory) != 0) {
+        return 2;
+    }
+    std::signal(SIGINT, [](int) { interrupted = 1; });
+    const int result = run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "");
+    std::filesystem::remove_all(directory);
+    return result;
 }

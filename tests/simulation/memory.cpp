@@ -27,11 +27,6 @@ std::size_t placeOf(const volatile void *address) {
     return static_cast<std::size_t>(static_cast<const volatile char *>(address) - memory);
 }
 
-// The size of a block stands in front of it.
-std::size_t &sizeOf(void *block) {
-    return static_cast<std::size_t *>(block)[-1];
-}
-
 // Fails where any of these bytes lies in the library's memory, and in no block that it has.
 void expectLive(const volatile void *address, std::size_t size = 1) {
     const std::size_t first = placeOf(address);
@@ -61,10 +56,8 @@ int exchange(volatile Word *word, Word *expected, Word value, bool weak) {
 } // namespace
 
 void *allocate(std::size_t size, std::size_t alignment) {
-    constexpr std::size_t kBetween = 16; // blocks, at least
-    used = (used + kBetween + alignment - 1) / alignment * alignment;
+    used = (used + alignment) / alignment * alignment; // behind at least one byte that is in none
     void *const block = memory + used;
-    sizeOf(block) = size;
     std::memset(live + used, 1, size);
     used += size;
     ++blocks;
@@ -104,8 +97,9 @@ void __wrap_free(void *block) {
         return __real_free(block);
     }
     expectLive(block);
-    std::memset(live + placeOf(block), 0, sizeOf(block));
-    std::memset(block, 0xDD, sizeOf(block));
+    char *const lives = live + placeOf(block);
+    std::memset(block, 0xDD, std::strlen(lives));
+    std::memset(lives, 0, std::strlen(lives));
     --blocks;
 }
 
@@ -122,12 +116,14 @@ void __tsan_func_entry(void * /*caller*/) {}
 void __tsan_func_exit() {}
 
 // clang-format off
-#define ZELVO_ACCESS(name, ...) void __tsan_##name(const void *at __VA_ARGS__) { expectLive(at); }
-#define ZELVO_ACCESSES(size) \
-    ZELVO_ACCESS(read##size) ZELVO_ACCESS(write##size) ZELVO_ACCESS(unaligned_read##size) ZELVO_ACCESS(unaligned_write##size)
+#define ZELVO_ACCESS(name) void __tsan_##name(const void *at) { expectLive(at); }
+#define ZELVO_ACCESSES(bytes) ZELVO_ACCESS(read##bytes) ZELVO_ACCESS(write##bytes) \
+    ZELVO_ACCESS(unaligned_read##bytes) ZELVO_ACCESS(unaligned_write##bytes)
 ZELVO_ACCESSES(1) ZELVO_ACCESSES(2) ZELVO_ACCESSES(4) ZELVO_ACCESSES(8) ZELVO_ACCESSES(16)
-ZELVO_ACCESS(vptr_read) ZELVO_ACCESS(vptr_update, , void *)
-ZELVO_ACCESS(read_range, , unsigned long) ZELVO_ACCESS(write_range, , unsigned long)
+ZELVO_ACCESS(vptr_read)
+void __tsan_vptr_update(const void *at, void * /*value*/) { expectLive(at); }
+void __tsan_read_range(const void *at, std::size_t size) { expectLive(at, size); }
+void __tsan_write_range(const void *at, std::size_t size) { expectLive(at, size); }
 
 #define ZELVO_CHANGE(bits, Word, name, result) \
     Word __tsan_atomic##bits##_##name(volatile Word *word, Word value, int) { \
@@ -135,19 +131,20 @@ ZELVO_ACCESS(read_range, , unsigned long) ZELVO_ACCESS(write_range, , unsigned l
         *word = static_cast<Word>(result); \
         return before; \
     }
-#define ZELVO_EXCHANGE(bits, Word, name, weak) \
-    int __tsan_atomic##bits##_compare_exchange_##name(volatile Word *word, Word *expected, Word value, int, int) { \
-        return exchange(word, expected, value, weak); \
-    }
 #define ZELVO_ATOMIC(bits, Word) \
     Word __tsan_atomic##bits##_load(const volatile Word *word, int) { return load(word); } \
     ZELVO_CHANGE(bits, Word, store, value) ZELVO_CHANGE(bits, Word, exchange, value) \
-    ZELVO_CHANGE(bits, Word, fetch_add, before + value) ZELVO_CHANGE(bits, Word, fetch_sub, before - value) \
-    ZELVO_CHANGE(bits, Word, fetch_and, before & value) ZELVO_CHANGE(bits, Word, fetch_or, before | value) \
-    ZELVO_EXCHANGE(bits, Word, strong, false) ZELVO_EXCHANGE(bits, Word, weak, true) \
-    Word __tsan_atomic##bits##_compare_exchange_val(volatile Word *word, Word expected, Word value, int, int) { \
-        return exchange(word, &expected, value, false), expected; \
+    ZELVO_CHANGE(bits, Word, fetch_add, before + value) \
+    ZELVO_CHANGE(bits, Word, fetch_sub, before - value) \
+    ZELVO_CHANGE(bits, Word, fetch_and, before & value) \
+    int __tsan_atomic##bits##_compare_exchange_strong(volatile Word *word, Word *expected, \
+                                                      Word value, int, int) { \
+        return exchange(word, expected, value, false); \
+    } \
+    int __tsan_atomic##bits##_compare_exchange_weak(volatile Word *word, Word *expected, \
+                                                    Word value, int, int) { \
+        return exchange(word, expected, value, true); \
     }
-ZELVO_ATOMIC(8, unsigned char) ZELVO_ATOMIC(16, unsigned short) ZELVO_ATOMIC(32, unsigned int) ZELVO_ATOMIC(64, unsigned long)
+ZELVO_ATOMIC(8, unsigned char) ZELVO_ATOMIC(32, unsigned int) ZELVO_ATOMIC(64, unsigned long)
 // clang-format on
 }

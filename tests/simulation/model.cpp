@@ -77,7 +77,7 @@ std::deque<Entry> registry; // in the order of joining
 std::map<string, Message> sticky;
 std::map<string, string> keys;
 std::deque<string> mustSay;
-std::map<int, std::deque<Message>> sent; // by each thread, and not yet taken by the bus
+std::map<string, std::deque<Message>> sent; // by each thread, and not yet taken by the bus
 Message current;                         // taken by the bus
 
 Entry *find(const string &name) {
@@ -268,7 +268,7 @@ void busSends(const string &to, const Line &line) {
     if (to == kBus) {
         expect(!nameIsLost, "answers before the key file is on the disk");
         expect(line.requestor == current.name, "answers " + line.requestor);
-        sent[world.current->number].push_back({nullptr, kBus, "", line.trace});
+        sent[world.current->name].push_back({nullptr, kBus, "", line.trace});
     } else if (line.trace.starts_with(",  action: response")) {
         find(to)->node->answer = line.trace;
         find(to)->calls.clear();
@@ -336,7 +336,7 @@ void readNode(Node &node, const Line &line) {
     };
     const auto timer = std::ranges::find_if(node.timers, runsNothing);
     if (line.partner(" ==> ") == kBus) {
-        sent[world.current->number].push_back(message);
+        sent[world.current->name].push_back(message);
     } else if (line.partner(" <== ") == kBus) {
         nodeTakes(node, message);
     } else if (line.text.ends_with("timer func not implement")) {
