@@ -31,7 +31,7 @@ void World::run(std::uint64_t seed, std::function<void()> body) {
     dl_iterate_phdr(findObjects, nullptr);
     chance.seed(seed);
     jumped_ = kFirstTime;
-    rarity_ = 1U << chance.below(10);
+    rarity_ = 1U << chance.below(12);
     grain_ = chance.oneIn(3) ? 1 : kMillisecond;
     yieldTime_ = chance.oneIn(2) ? 1000 : 5 * kMillisecond;
     nextChange_ = 0;
@@ -51,7 +51,8 @@ Thread *World::spawn(const std::string &name, std::function<void()> body, Node *
     thread.place.uc_link = &worldsEnd;
     makecontext(
         &thread.place, [] { world.runCurrent(); }, 0);
-    putInOrder(&thread, chance.oneIn(2));
+    alive_.push_back(&thread);
+    std::ranges::shuffle(alive_, chance);
     return &thread;
 }
 
@@ -79,25 +80,17 @@ void World::join(const Thread *thread) {
     }
 }
 
-void World::putInOrder(Thread *thread, bool first) {
-    std::erase(alive_, thread);
-    alive_.insert(first ? alive_.begin() : alive_.end(), thread);
-}
-
-// Somebody becomes the first or the last. Where that is rare, a thread may stay where it is for as
-// long as others can go on; where it is frequent, everybody goes on in turn.
+// Another order. Where that is rare, a thread may stay where it is for as long as others can go on;
+// where it is frequent, it is anybody's turn at each step.
 void World::change() {
-    Thread *const somebody = alive_[chance.below(alive_.size())];
-    if (somebody->word && chance.oneIn(8)) {
-        somebody->until = 0; // awake without a reason
-    }
-    putInOrder(somebody, chance.oneIn(2));
+    std::ranges::shuffle(alive_, chance);
     handOn();
 }
 
 void World::yield() {
     jumped_ += yieldTime_;
-    putInOrder(current, false);
+    std::erase(alive_, current);
+    alive_.push_back(current);
     handOn();
 }
 

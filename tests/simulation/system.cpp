@@ -44,7 +44,7 @@ long __wrap_syscall(long number, const std::uint32_t *word, long operation, std:
     world.point();
     if ((operation & FUTEX_CMD_MASK) == FUTEX_WAKE) {
         world.wake(word, value > 1);
-    } else if (*word == value) {
+    } else if (*word == value && !world.chance.oneIn(32)) { // some sleeps end at once, for nothing
         const long long time = limit ? limit->tv_sec * 1'000'000'000LL + limit->tv_nsec : 0;
         world.sleepOn(word, limit ? world.now() + static_cast<std::uint64_t>(time) : kNever);
     }

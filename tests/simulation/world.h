@@ -77,7 +77,6 @@ public:
     std::uint64_t step = 0;
 
 private:
-    void putInOrder(Thread *thread, bool first);
     void change();
     void handOn();
     void runCurrent();
