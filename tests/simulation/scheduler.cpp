@@ -32,6 +32,7 @@ void World::run(std::uint64_t seed, std::function<void()> body) {
     chance.seed(seed);
     jumped_ = kFirstTime;
     rarity_ = 1U << chance.below(12);
+    lastChange_ = chance.oneIn(2) ? chance.below(12'000) : kNever;
     grain_ = chance.oneIn(3) ? 1 : kMillisecond;
     yieldTime_ = chance.oneIn(2) ? 1000 : 5 * kMillisecond;
     nextChange_ = 0;
@@ -89,8 +90,8 @@ void World::change() {
 
 void World::yield() {
     jumped_ += yieldTime_;
-    std::erase(alive_, current);
-    alive_.push_back(current);
+    const auto me = std::ranges::find(alive_, current);
+    std::iter_swap(me, std::min(me + 1, alive_.end() - 1));
     handOn();
 }
 
@@ -116,7 +117,7 @@ void World::wake(const void *address, bool all) {
 void World::handOn() {
     expect(++step < kMostSteps, "has no end");
     Thread &me = *std::exchange(current, next());
-    nextChange_ = step + chance.below(2 * rarity_);
+    nextChange_ = step < lastChange_ ? step + chance.below(2 * rarity_) : kMostSteps;
     if (current != &me) {
         std::ranges::copy(objects, me.objects.begin());
         swapcontext(&me.place, &current->place);

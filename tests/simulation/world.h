@@ -84,7 +84,8 @@ private:
 
     std::vector<std::unique_ptr<Thread>> threads_{};
     std::vector<Thread *> alive_{}; // the first one that can go on does
-    std::uint64_t nextChange_ = kNever, jumped_ = 0;
+    std::uint64_t jumped_ = 0;
+    std::uint64_t nextChange_ = kNever, lastChange_ = kNever;
     unsigned rarity_ = 1;         // of changes of the order, in steps
     std::uint64_t grain_ = 1;     // of time-outs, which so end at once
     std::uint64_t yieldTime_ = 0; // that a yield takes
