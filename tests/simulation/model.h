@@ -14,11 +14,12 @@
 namespace simulation {
 
 struct Message {
-    Node *node; // that has sent it; null: the bus
-    std::string name, requestor;
-    std::string trace;      // in the log, from its action to the length of its payload
-    std::uint64_t sent = 0; // when the bus sent it
+    Node *node;        // that has sent it; null: the bus
+    std::string trace; // in the log, from its action to the length of its payload
+    std::string requestor{};
+    std::uint64_t sent = world.now();
 
+    std::string name() const; // of who has sent it
     std::string field(const std::string &which) const;
 };
 
@@ -46,8 +47,8 @@ struct Node {
     std::string name;
     struct Actor *actor;
     bool leaves = false, drains = false; // it is going to; it has heard of that
-    bool told = false, mayTake = true;   // that is to be heard next; but for one that it has taken
-    bool spins = false, handles = false; // its thread does; a handler runs
+    unsigned mayTake = 1000;             // messages, before it hears of that
+    bool isBusy = true;                  // its thread has something else to do than to take one
     std::deque<Message> inbox{};         // what the bus has sent it
     std::string taken{};                 // by it, last
     std::string answer{};                // to its latest call, as the bus has handed it over

@@ -9,26 +9,25 @@ namespace simulation {
 
 // Who carries an operation out: the thread that has made the node, a handler of the node, or a
 // second thread that uses it.
-enum Place { kOwner, kHandler, kHelper, kPlaces };
+enum Place { kOwner, kHandler, kHelper };
 
 struct Operation {
     void (*act)(struct Actor &, const Operation &);
     unsigned actor, place;
     unsigned a, b; // which topic, node, key, timer; how long, how large, how
+    bool begun = false;
 };
 
 struct Program {
     unsigned actors = 2;
-    int level = 1;            // of the log
-    bool closesShort = false; // of memory for the leave of a node
-    unsigned timeLimit = 0;   // of calls, in milliseconds; 0: none
+    int level = 1;          // of the log
+    unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
     Shortage shortage{};
     std::vector<Operation> operations{};
 
     bool isExact() const { return level <= 1; } // else only what the application sees is compared
     bool loses() const {
-        return timeLimit > 0 || closesShort || shortage.oneIn > 0 || shortage.nth > 0 ||
-               shortage.disk > 0;
+        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || shortage.disk > 0;
     }
 };
 inline Program program; // the world's

@@ -132,7 +132,8 @@ Thread *World::next() {
             return *awake;
         }
         const InLibrary no{false};
-        const std::uint64_t soonest = (*std::ranges::min_element(alive_, {}, &Thread::until))->until;
+        const std::uint64_t soonest =
+            (*std::ranges::min_element(alive_, {}, &Thread::until))->until;
         if (soonest == kNever) {
             std::string who = "hangs:";
             for (const Thread *thread : alive_) {

@@ -38,11 +38,11 @@ struct Thread {
     std::function<void()> body;
     Node *node; // that it works for
     bool ended = false;
-    const void *word = nullptr; // that it sleeps on
-    std::uint64_t until = 0;    // that it sleeps
-    bool inLibrary = false;     // not while it is in a handler
-    std::string doing{};        // for who asks why it does not go on
-    std::vector<char> objects{}; // its thread_local ones
+    const void *word = nullptr;   // that it sleeps on
+    std::uint64_t until = 0;      // that it sleeps
+    bool inLibrary = false;       // not while it is in a handler
+    std::string doing{"goes on"}; // for who asks why it does not
+    std::vector<char> objects{};  // its thread_local ones
     std::vector<std::pair<void (*)(void *), void *>> destructors{};
     std::unique_ptr<char[]> stack{};
     ucontext_t place{};
