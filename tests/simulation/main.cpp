@@ -4,7 +4,7 @@
 //   --seeds A-B       these worlds, and no more
 //   --seconds S       worlds from a first one by chance, which is printed, for S seconds
 //   --replay SEED     one world, with its account
-#include "program.h"
+#include "model.h"
 
 #include <csignal>
 #include <cstdio>
