@@ -67,11 +67,11 @@ void makeSmall(Program &failing, std::uint64_t &order) {
     }
 }
 
-int runAll(unsigned long long first, unsigned long long last, std::time_t end) {
+int runAll(unsigned long long first, unsigned long long last, std::time_t end, bool account) {
     unsigned long long seed = first;
     for (; seed <= last && std::time(nullptr) < end && interrupted == 0; ++seed) {
         Program made = makeProgram(seed);
-        if (fails(made, seed)) {
+        if (fails(made, seed, account)) {
             std::printf("world %llu: %s\n\nmade smaller:\n", seed, failure);
             std::uint64_t order = seed;
             makeSmall(made, order);
@@ -84,20 +84,17 @@ int runAll(unsigned long long first, unsigned long long last, std::time_t end) {
 
 int run(const std::string &option, const char *value) {
     unsigned long long first = std::random_device{}(), last = UINT64_MAX;
-    if (option == "--replay" && std::sscanf(value, "%llu", &first) == 1) {
-        const bool failed = fails(makeProgram(first), first, true);
-        std::printf("world %llu %s\n", first, failed ? failure : "does not fail");
-        return failed ? 1 : 0;
-    }
-    if (option == "--seeds" && std::sscanf(value, "%llu-%llu", &first, &last) == 2) {
-        return runAll(first, last, std::numeric_limits<std::time_t>::max());
-    }
+    std::time_t end = std::numeric_limits<std::time_t>::max();
     if (option == "--seconds") {
+        end = std::time(nullptr) + std::atoi(value);
         std::printf("worlds from %llu on\n", first);
-        return runAll(first, last, std::time(nullptr) + std::atoi(value));
+    } else if (option == "--replay" && std::sscanf(value, "%llu", &first) == 1) {
+        last = first;
+    } else if (option != "--seeds" || std::sscanf(value, "%llu-%llu", &first, &last) != 2) {
+        std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
+        return 2;
     }
-    std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
-    return 2;
+    return runAll(first, last, end, option == "--replay");
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <deque>
 #include <map>
+#include <set>
 #include <sstream>
 
 namespace simulation {
@@ -20,7 +21,7 @@ const string kRing = R"({"errId":10001, "errMsg": "bus server deadlock, )"
 string between(const string &text, const string &before, const string &after) {
     const std::size_t found = text.find(before);
     const std::size_t begin = found == text.npos ? text.size() : found + before.size();
-    return text.substr(begin, after.empty() ? text.npos : text.find(after, begin) - begin);
+    return text.substr(begin, text.find(after, begin) - begin);
 }
 
 string traceOf(const string &action, const string &topic, const string &url, const char *data,
@@ -49,16 +50,14 @@ bool isReserved(const string &host) {
 struct Entry { // of the registry
     Node *node;
     string calls{}; // the host that the node waits for
-    std::vector<string> topics{};
-
-    bool hears(const string &topic) const { return std::ranges::count(topics, topic) > 0; }
+    std::set<string> topics{};
 };
 
 std::vector<Entry> registry; // in the order of joining
 std::map<string, string> sticky, keys;
 std::deque<string> mustSay;
-std::map<string, std::deque<Message>> sent; // by each thread, and not yet taken by the bus
-Message current{};                          // taken by the bus
+std::deque<Message> sent; // and not yet taken by the bus
+Message current{};        // taken by the bus
 
 Entry *find(const string &name) {
     const auto found = std::ranges::find(registry, name, [](auto &e) { return e.node->name; });
@@ -75,7 +74,7 @@ void send(const string &to, const string &trace) {
 
 void publish(const string &topic, const string &trace) {
     for (const Entry &entry : registry) {
-        if (entry.hears(topic)) {
+        if (entry.topics.contains(topic)) {
             send(entry.node->name, trace);
         }
     }
@@ -87,33 +86,29 @@ void notify(const string &topic, const string &text) {
 // Follows the calls that nodes wait for.
 bool closesRing(const string &caller) {
     string at = caller;
-    for (std::size_t step = 0;; ++step) {
-        const Entry *const entry = step > 0 && isReserved(at) ? nullptr : find(at);
+    for (std::size_t steps = 0; steps <= registry.size(); ++steps) {
+        const Entry *const entry = find(at);
         if (!entry) {
             say("W  Vek-server client " + at + " is exit");
         }
-        if (!entry || entry->calls.empty() || step == registry.size()) {
-            return false;
-        }
-        at = entry->calls;
-        if (at == caller) {
-            return true;
+        at = entry ? entry->calls : "";
+        if (at.empty() || at == caller) {
+            return !at.empty();
         }
     }
+    return false;
 }
 
 void subscribe(Entry &entry, const string &topic) {
-    if (entry.hears(topic)) {
-        return say("W  Vek-server " + entry.node->name + " already subscribe topic " + topic);
-    }
-    entry.topics.push_back(topic);
-    if (sticky.contains(topic)) {
+    if (!entry.topics.insert(topic).second) {
+        say("W  Vek-server " + entry.node->name + " already subscribe topic " + topic);
+    } else if (sticky.contains(topic)) {
         send(entry.node->name, sticky[topic]);
     }
 }
 
 void unsubscribe(Entry &entry, const string &topic) {
-    if (std::erase(entry.topics, topic) == 0) {
+    if (entry.topics.erase(topic) == 0) {
         say("W  " + entry.node->name + " already unsubscribe topic " + topic);
     }
 }
@@ -140,14 +135,8 @@ string serve(const Message &message, Entry *sender, const string &path) {
         }
     } else if (path == "/disjoin") {
         return kLeave + name + "\"}";
-    } else if (path.starts_with("/nodes")) {
-        string names;
-        for (const Entry &entry : registry) {
-            names += (names.empty() ? "\"" : ", \"") + entry.node->name + "\"";
-        }
-        return "{\n\t\"data\":\t[" + names + "]\n}";
     } else {
-        return path == "/stats" ? "*" : kUnknown;
+        return path.starts_with("/nodes") || path == "/stats" ? "*" : kUnknown;
     }
     return kEmpty;
 }
@@ -160,13 +149,8 @@ void answer(const Message &request, const string &text) {
 }
 
 void request(const Message &message) {
-    const string url = message.field("url");
-    const std::size_t slash = url.find('/', 2);
-    if (slash == url.npos) {
-        say("E  Vek-server not url path");
-        return answer(message, kUnknown);
-    }
-    const string to = url.substr(1, slash - 1), path = url.substr(slash);
+    const string url = message.field("url"), to = url.substr(1, url.find('/', 1) - 1);
+    const string path = url.substr(1 + to.size());
     Entry *const sender = find(message.name());
     if (sender) {
         sender->calls = to;
@@ -181,13 +165,6 @@ void request(const Message &message) {
         send(to, message.trace);
     } else {
         answer(message, kUnknown);
-    }
-}
-
-void respond(const Message &message) {
-    if (const Entry *const entry = find(message.requestor)) {
-        expect(message.field("url").starts_with("/" + entry->calls), "answers what nobody asks");
-        send(message.requestor, message.trace);
     }
 }
 
@@ -210,8 +187,9 @@ void follow(Message message) {
         }
     } else if (action == "request") {
         request(message);
-    } else if (action == "response") {
-        respond(message);
+    } else if (const Entry *const entry = find(message.requestor)) { // a response
+        expect(message.field("url").starts_with("/" + entry->calls), "answers what nobody asks");
+        send(message.requestor, message.trace);
     }
 }
 
@@ -240,17 +218,17 @@ struct Line {
 
 void busTakes(const Line &line) {
     expect(mustSay.empty(), "the bus has not said: " + (mustSay.empty() ? "" : mustSay.front()));
-    for (auto &[thread, messages] : sent) {
-        if (!messages.empty() && messages.front().name() == line.from &&
-            messages.front().trace == line.trace) {
-            current = messages.front();
-            current.requestor = line.requestor;
-            messages.pop_front();
-            return follow(current);
-        }
+    const auto next = std::ranges::find_if(
+        sent, [&](const Message &m) { return m.name() == line.from && m.trace == line.trace; });
+    if (next == sent.end()) {
+        return expect(line.trace.starts_with(",  action: exit,"), "nobody has sent it");
     }
-    expect(line.trace.starts_with(",  action: exit,"),
-           "the bus takes what nobody has sent next: " + line.from + line.trace);
+    const auto isBefore = [&](const Message &m) { return m.thread == next->thread; };
+    expect(std::none_of(sent.begin(), next, isBefore), "its thread has sent another one before");
+    current = *next;
+    current.requestor = line.requestor;
+    sent.erase(next);
+    follow(current);
 }
 
 void busSends(const Line &line) {
@@ -258,7 +236,7 @@ void busSends(const Line &line) {
     if (line.to == kBus) {
         expect(!nameIsLost, "answers before the key file is on the disk");
         expect(line.requestor == current.name(), "answers " + line.requestor);
-        sent[world.current->name].push_back({nullptr, line.trace});
+        sent.push_back({nullptr, line.trace});
     } else if (!line.trace.starts_with(",  action: response")) {
         entry->node->inbox.push_back({nullptr, line.trace});
     } else {
@@ -321,20 +299,15 @@ void nodeTakes(Node &node, const Message &message) {
 
 void readNode(Node &node, const Line &line) {
     if (line.to == kBus) {
-        sent[world.current->name].push_back({&node, line.trace});
+        sent.push_back({&node, line.trace});
     } else if (line.from == kBus) {
         nodeTakes(node, {&node, line.trace});
     }
 }
 
 // Warnings and errors that tell of what the application does.
-constexpr const char *kUsual[] = {" already ",
-                                  " remove old ",
-                                  " is exit",
-                                  "exist deadlock",
-                                  "not url path",
-                                  "params format error",
-                                  "timerId overstep the boundary 32767"};
+constexpr const char *kUsual[] = {" already ", " remove old ",        " is exit",
+                                  "deadlock",  "params format error", "timerId overstep"};
 
 } // namespace
 
@@ -398,10 +371,7 @@ void Node::runs(Timer &timer) {
 }
 
 void expectAllTaken() {
-    expect(mustSay.empty(), "the bus has something to say");
-    for (const auto &[thread, messages] : sent) {
-        expect(messages.empty(), "the bus has not taken what was sent");
-    }
+    expect(mustSay.empty() && sent.empty(), "the bus has something to take, or to say");
     for (const Entry &entry : registry) {
         expect(entry.node->isBusy || entry.node->drains || entry.node->inbox.empty(),
                "a message has come, and its node sleeps on");

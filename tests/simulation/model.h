@@ -47,6 +47,7 @@ struct Message {
     std::string trace; // in the log, from its action to the length of its payload
     std::string requestor{};
     std::uint64_t sent = world.now();
+    const Thread *thread = world.current; // by this one
 
     std::string name() const; // of who has sent it
     std::string field(const std::string &which) const;
