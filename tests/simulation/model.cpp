@@ -24,6 +24,15 @@ string between(const string &text, const string &before, const string &after) {
     return text.substr(begin, text.find(after, begin) - begin);
 }
 
+string nameOf(const Node *sender) {
+    return sender ? sender->name : kBus;
+}
+
+// A field of a message's trace.
+string fieldOf(const string &trace, const string &which) {
+    return between(trace, which + ": ", which == "payload" ? ", payload len: " : ", ");
+}
+
 string traceOf(const string &action, const string &topic, const string &url, const char *data,
                std::size_t size) {
     const string payload = !data ? "NULL" : size > 0 && size < 200 ? data : "BinaryData...";
@@ -114,7 +123,7 @@ void unsubscribe(Entry &entry, const string &topic) {
 }
 
 string serveKey(const Message &message, const string &key) {
-    const string value = between(message.field("payload"), R"("data":)", "}");
+    const string value = between(fieldOf(message.trace, "payload"), R"("data":)", "}");
     if (!value.empty()) {
         keys[key] = value;
     }
@@ -122,7 +131,7 @@ string serveKey(const Message &message, const string &key) {
 }
 
 string serve(const Message &message, Entry *sender, const string &path) {
-    const string name = message.name();
+    const string name = nameOf(message.node);
     if (path == "/join" && sender) {
         say("W  Vek-server, " + name + " already exist");
     } else if (path == "/join") {
@@ -130,7 +139,7 @@ string serve(const Message &message, Entry *sender, const string &path) {
         say("D  Vek-server " + name + " node joined");
         registry.push_back({message.node, "bus"});
     } else if (path == "/subscribe" || path == "/unsubscribe") {
-        for (const string &topic : listed(message.field("payload"))) {
+        for (const string &topic : listed(fieldOf(message.trace, "payload"))) {
             (path == "/subscribe" ? subscribe : unsubscribe)(*sender, topic);
         }
     } else if (path == "/disjoin") {
@@ -144,20 +153,20 @@ string serve(const Message &message, Entry *sender, const string &path) {
 // A text that is "*" may be anything.
 void answer(const Message &request, const string &text) {
     const string trace =
-        traceOf("response", "NULL", request.field("url"), text.c_str(), text.size());
+        traceOf("response", "NULL", fieldOf(request.trace, "url"), text.c_str(), text.size());
     send(kBus, text == "*" ? trace.substr(0, trace.find('*') + 1) : trace);
 }
 
 void request(const Message &message) {
-    const string url = message.field("url"), to = url.substr(1, url.find('/', 1) - 1);
+    const string url = fieldOf(message.trace, "url"), to = url.substr(1, url.find('/', 1) - 1);
     const string path = url.substr(1 + to.size());
-    Entry *const sender = find(message.name());
+    Entry *const sender = find(nameOf(message.node));
     if (sender) {
         sender->calls = to;
     }
     if (isReserved(to)) {
         answer(message, to[0] == 'b' ? serve(message, sender, path) : serveKey(message, path));
-    } else if (closesRing(message.name())) {
+    } else if (closesRing(nameOf(message.node))) {
         say("E  bus server exist deadlock");
         answer(message, kEmpty);
         notify("bus.error", kRing);
@@ -169,26 +178,28 @@ void request(const Message &message) {
 }
 
 void follow(Message message) {
-    const string action = message.field("action"), topic = message.field("topic");
+    const string action = fieldOf(message.trace, "action"), topic = fieldOf(message.trace, "topic");
     if (action == "publishSticky") {
         message.trace.erase(message.trace.find("Sticky"), 6);
         publish(topic, message.trace);
         if (!sticky.insert_or_assign(topic, message.trace).second) {
-            say("W  Vek-server " + message.name() + " remove old then add new payload, topic " +
-                topic);
+            say("W  Vek-server " + nameOf(message.node) +
+                " remove old then add new payload, topic " + topic);
         }
     } else if (action == "publish") {
         publish(topic, message.trace);
     } else if (action == "removeSticky") {
-        for (const string &gone : listed(message.field("payload"))) {
+        for (const string &gone : listed(fieldOf(message.trace, "payload"))) {
             if (sticky.erase(gone) == 0) {
-                say("W  Vek-server " + message.name() + " already removeSticky topic " + gone);
+                say("W  Vek-server " + nameOf(message.node) + " already removeSticky topic " +
+                    gone);
             }
         }
     } else if (action == "request") {
         request(message);
     } else if (const Entry *const entry = find(message.requestor)) { // a response
-        expect(message.field("url").starts_with("/" + entry->calls), "answers what nobody asks");
+        expect(fieldOf(message.trace, "url").starts_with("/" + entry->calls),
+               "answers what nobody asks");
         send(message.requestor, message.trace);
     }
 }
@@ -218,8 +229,9 @@ struct Line {
 
 void busTakes(const Line &line) {
     expect(mustSay.empty(), "the bus has not said: " + (mustSay.empty() ? "" : mustSay.front()));
-    const auto next = std::ranges::find_if(
-        sent, [&](const Message &m) { return m.name() == line.from && m.trace == line.trace; });
+    const auto next = std::ranges::find_if(sent, [&](const Message &m) {
+        return nameOf(m.node) == line.from && m.trace == line.trace;
+    });
     if (next == sent.end()) {
         return expect(line.trace.starts_with(",  action: exit,"), "nobody has sent it");
     }
@@ -235,7 +247,7 @@ void busSends(const Line &line) {
     Entry *const entry = find(line.to);
     if (line.to == kBus) {
         expect(!nameIsLost, "answers before the key file is on the disk");
-        expect(line.requestor == current.name(), "answers " + line.requestor);
+        expect(line.requestor == nameOf(current.node), "answers " + line.requestor);
         sent.push_back({nullptr, line.trace});
     } else if (!line.trace.starts_with(",  action: response")) {
         entry->node->inbox.push_back({nullptr, line.trace});
@@ -274,22 +286,23 @@ void expectLooked(const Node &node, std::uint64_t began, std::uint64_t until) {
     }
 }
 
-void nodeTakes(Node &node, const Message &message) {
+void nodeTakes(Node &node, const string &trace) {
     expectLooked(node, node.lookBegan, node.lookedUntil);
-    const string action = message.field("action");
+    const string action = fieldOf(trace, "action");
     node.drains = node.drains || action == "exit";
     expect(node.drains || node.mayTake-- > 0,
            "it is told to leave, and takes another message first");
     for (Timer &timer : node.timers) {
-        timer.gone |= message.field("payload") == "{\"id\": " + std::to_string(timer.id) + "}";
+        timer.gone |= fieldOf(trace, "payload") == "{\"id\": " + std::to_string(timer.id) + "}";
     }
     if (action == "killtimer" || action == "exit") {
         return;
     }
-    const auto mayBe = [&](auto &m) { return !node.drains || m.field("action") == "request"; };
+    const auto mayBe = [&](auto &m) {
+        return !node.drains || fieldOf(m.trace, "action") == "request";
+    };
     const auto next = std::ranges::find_if(node.inbox, mayBe);
-    expect(next != node.inbox.end() && next->trace == message.trace,
-           "the bus has not sent it this next");
+    expect(next != node.inbox.end() && next->trace == trace, "the bus has not sent it this next");
     if (world.isPrompt()) { // it has looked since the message came, or not long before
         expectLooked(node, next->sent - kMillisecond, next->sent - kMillisecond);
     }
@@ -301,7 +314,7 @@ void readNode(Node &node, const Line &line) {
     if (line.to == kBus) {
         sent.push_back({&node, line.trace});
     } else if (line.from == kBus) {
-        nodeTakes(node, {&node, line.trace});
+        nodeTakes(node, line.trace);
     }
 }
 
@@ -310,14 +323,6 @@ constexpr const char *kUsual[] = {" already ", " remove old ",        " is exit"
                                   "deadlock",  "params format error", "timerId overstep"};
 
 } // namespace
-
-string Message::name() const {
-    return node ? node->name : kBus;
-}
-
-string Message::field(const string &which) const {
-    return between(trace, which + ": ", which == "payload" ? ", payload len: " : ", ");
-}
 
 void readLine(const string &line) {
     const Line read{line};

@@ -48,9 +48,6 @@ struct Message {
     std::string requestor{};
     std::uint64_t sent = world.now();
     const Thread *thread = world.current; // by this one
-
-    std::string name() const; // of who has sent it
-    std::string field(const std::string &which) const;
 };
 
 struct Timer {

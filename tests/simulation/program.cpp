@@ -249,9 +249,9 @@ void stopBus(Actor & /*actor*/, const Operation & /*o*/) {
 // Half of a world's operations are of a few kinds, which so come upon each other.
 using Act = decltype(Operation::act);
 constexpr Act kThemes[][4] = {
-    {publish, changeTopics, pause, publish}, {call, call, call, setTimer},
-    {setTimer, meetTimer, pause, killTimer}, {useKey, useKey, publish, stopBus},
-    {reopen, call, call, stopBus},           {publish, changeTopics, reopen, changeTopics}};
+    {call, call, pause, setTimer},           {publish, changeTopics, pause, publish},
+    {setTimer, meetTimer, pause, killTimer}, {reopen, call, call, call},
+    {useKey, useKey, publish, stopBus},      {publish, changeTopics, reopen, stopBus}};
 
 // ---- a world ----
 
@@ -356,7 +356,7 @@ void play() {
     }
     enter("deletes the bus", busClientDelete, bus);
     expectAllTaken();
-    expectNothingLeft();
+    expect(blocks == 0, "leaves " + to_string(blocks) + " blocks of memory");
     expectFiles();
 }
 
@@ -371,13 +371,13 @@ Program makeProgram(std::uint64_t seed) {
     made.shortage = {kind == 2 || kind == 3 ? kRates[random.below(4)] : 0,
                      kind == 4 && random.oneIn(2) ? 1 + random.below(400) : 0,
                      kind == 4 ? random.below(5) : 0};
-    const auto &theme = kThemes[random.below(std::size(kThemes))];
+    const auto &theme = kThemes[random.oneIn(2) ? kind % 6 : random.below(6)];
     const bool mixed = random.oneIn(2); // else only odd actors have handlers that do something
     for (unsigned left = 2 + random.below(random.oneIn(3) ? 40 : 16); left > 0; --left) {
         const unsigned actor = random.below(made.actors);
         const bool aside = (mixed || actor % 2 == 1) && random.oneIn(3);
         const unsigned place = aside ? 1 + random.below(2) : 0;
-        const auto &acts = random.oneIn(2) ? theme : kThemes[random.below(std::size(kThemes))];
+        const auto &acts = random.oneIn(2) ? theme : kThemes[random.below(6)];
         const Act act = place == kHandler && random.oneIn(2) ? pause : acts[random.below(4)];
         made.operations.push_back({act, actor, place, random.below(1000), random.below(1000)});
     }

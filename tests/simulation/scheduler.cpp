@@ -42,8 +42,7 @@ void World::run(std::uint64_t seed, std::function<void()> body) {
 
 Thread *World::spawn(const std::string &name, std::function<void()> body, Node *node) {
     static const std::vector<char> untouched(objects.begin(), objects.end());
-    Thread &thread =
-        *threads_.emplace_back(std::make_unique<Thread>(Thread{name, std::move(body), node}));
+    Thread &thread = threads_.emplace_back(Thread{name, std::move(body), node});
     thread.objects = untouched;
     thread.stack.reset(new char[kStack]);
     getcontext(&thread.place);
@@ -103,13 +102,11 @@ void World::sleepOn(const void *address, std::uint64_t until) {
 }
 
 void World::wake(const void *address, bool all) {
+    bool more = true;
     for (Thread *thread : alive_) {
-        if (thread->word == address) {
+        if (thread->word == address && std::exchange(more, all)) {
             thread->word = nullptr;
             thread->until = 0;
-            if (!all) {
-                return;
-            }
         }
     }
 }

@@ -30,7 +30,7 @@ char *reserve() {
 }
 char *const memory = reserve();
 char *const live = reserve(); // for each of its bytes, whether that is part of a block
-std::size_t used = 0, blocks = 0, asked = 0;
+std::size_t used = 0, asked = 0;
 
 // By a loss of power: not all of what was written is on the disk. The key store writes one file at
 // a time.
@@ -81,10 +81,6 @@ void *allocate(std::size_t size, std::size_t alignment) {
     used += size;
     ++blocks;
     return block;
-}
-
-void expectNothingLeft() {
-    expect(blocks == 0, "leaves " + std::to_string(blocks) + " blocks of memory");
 }
 
 } // namespace simulation

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <random>
@@ -82,7 +83,7 @@ private:
     void runCurrent();
     Thread *next();
 
-    std::vector<std::unique_ptr<Thread>> threads_{};
+    std::deque<Thread> threads_{};
     std::vector<Thread *> alive_{}; // the first one that can go on does
     std::uint64_t jumped_ = 0;
     std::uint64_t nextChange_ = kNever, lastChange_ = kNever;
@@ -113,7 +114,7 @@ inline Shortage shortage;
 // A block that the library is going to free. It is not handed out again then, so whoever touches it
 // is found out.
 void *allocate(std::size_t size, std::size_t alignment = 16);
-void expectNothingLeft();
+inline std::size_t blocks = 0; // that the library has
 
 inline constexpr std::size_t kFailure = 4096;
 inline char *failure = nullptr; // where the process that has made this one reads what is wrong
