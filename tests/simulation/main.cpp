@@ -56,13 +56,12 @@ void makeSmall(Program &failing, std::uint64_t &order) {
     for (auto at = std::ssize(failing.operations); at-- > 0;) {
         Program less = failing;
         less.operations.erase(less.operations.begin() + at);
-        std::uint64_t tried = order;
-        while (tried < order + kOrders && !fails(less, tried)) {
-            ++tried;
-        }
-        if (tried < order + kOrders) {
-            order = tried;
-            failing = less;
+        for (std::uint64_t tried = order; tried < order + kOrders; ++tried) {
+            if (fails(less, tried)) {
+                order = tried;
+                failing = less;
+                break;
+            }
         }
     }
 }

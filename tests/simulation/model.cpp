@@ -285,14 +285,6 @@ void nodeTakes(Node &node, const string &trace) {
     node.inbox.erase(next);
 }
 
-void readNode(Node &node, const Line &line) {
-    if (line.to == kBus) {
-        sent.push_back({&node, line.trace});
-    } else if (line.from == kBus) {
-        nodeTakes(node, line.trace);
-    }
-}
-
 // Warnings and errors that tell of what the application does.
 constexpr const char *kUsual[] = {" already ", " remove old ",        " is exit",
                                   "deadlock",  "params format error", "timerId overstep"};
@@ -308,14 +300,16 @@ void readLine(const string &line) {
     expect((text[0] != 'W' && text[0] != 'E') || std::ranges::any_of(kUsual, isPart) ||
                program.loses(),
            "nothing explains: " + text);
-    const bool isLoss = (isPart("queue is full") && !isPart(" subscribe topic ")) ||
-                        isPart("killtimer failed") ||
-                        (text.starts_with("E  Vek-server ") && text.ends_with(" failed"));
-    losses += isLoss ? 1 : 0;
-    if (program.isExact() && world.current->node) {
-        readNode(*world.current->node, read);
-    } else if (program.isExact()) {
+    const bool isRefused = isPart("queue is full") && !isPart(" subscribe topic ");
+    const bool isServers = text.starts_with("E  Vek-server ") && text.ends_with(" failed");
+    losses += isRefused || isServers || isPart("killtimer failed") ? 1 : 0;
+    Node *const node = world.current->node;
+    if (program.isExact() && !node) {
         readBus(read);
+    } else if (program.isExact() && read.to == kBus) {
+        sent.push_back({node, read.trace});
+    } else if (program.isExact() && read.from == kBus) {
+        nodeTakes(*node, read.trace);
     }
 }
 

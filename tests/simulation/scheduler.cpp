@@ -11,7 +11,6 @@ namespace {
 
 constexpr std::size_t kStack = std::size_t{256} * 1024;
 constexpr std::uint64_t kMostSteps = 3'000'000; // of a world; more are no end
-constexpr std::uint64_t kFirstTime = 1'000'000'000 * kMillisecond;
 
 ucontext_t worldsEnd;
 std::span<char> objects; // the thread_local ones of this program, which has the C++ library in it
@@ -30,7 +29,6 @@ int findObjects(dl_phdr_info *program, std::size_t /*size*/, void * /*arg*/) {
 void World::run(std::uint64_t seed, std::function<void()> body) {
     dl_iterate_phdr(findObjects, nullptr);
     chance.seed(seed);
-    jumped_ = kFirstTime;
     rarity_ = 1U << chance.below(12);
     lastChange_ = chance.oneIn(2) ? chance.below(12'000) : kNever;
     grain_ = chance.oneIn(3) ? 1 : kMillisecond;

@@ -84,8 +84,8 @@ private:
     Thread *next();
 
     std::deque<Thread> threads_{};
-    std::vector<Thread *> alive_{}; // the first one that can go on does
-    std::uint64_t jumped_ = 0;
+    std::vector<Thread *> alive_{};                       // the first one that can go on does
+    std::uint64_t jumped_ = 1'000'000'000 * kMillisecond; // it does not begin at 0
     std::uint64_t nextChange_ = kNever, lastChange_ = kNever;
     unsigned rarity_ = 1;         // of changes of the order, in steps
     std::uint64_t grain_ = 1;     // of time-outs, which so end at once
