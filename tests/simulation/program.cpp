@@ -45,12 +45,12 @@ struct Actor {
 namespace {
 
 Zelvo_t *bus = nullptr;
-constexpr unsigned kLong = 50'000; // milliseconds; nothing but time-outs takes as long
-std::list<Node> nodes;             // all that there have been
+std::list<Node> nodes; // all that there have been
 
 // Calls into the library, for no longer than it may wait, where nothing else keeps it.
 template <typename Function, typename... Arguments>
 auto enter(const string &what, Function function, Arguments... arguments) {
+    constexpr unsigned kLong = 50'000; // milliseconds; nothing but time-outs takes as long
     const bool isLimited = program.timeLimit > 0 && world.isPrompt();
     const unsigned limit = isLimited ? program.timeLimit + 5 : kLong;
     const std::uint64_t latest = world.now() + limit * kMillisecond;
@@ -141,11 +141,7 @@ void Actor::close() {
     }
     expect(!spin || !enter("calls once more", busClientCall, client, "/bus/nodes", nullptr, 0),
            "is answered, and has left the bus");
-    const bool isShort = program.shortage.oneIn > 0 && world.chance.oneIn(2);
-    shortage.next = isShort ? 2 : 0; // to leave, and to be taken off
     enter("closes", busClientClose, std::exchange(client, nullptr));
-    shortage.next = 0;
-    world.pause(isShort ? 2 * kLong : 0); // who waits for it now is not helped by what comes next
 }
 
 // The answer, unless the call of another thread may have ended it.
@@ -364,8 +360,8 @@ Program makeProgram(std::uint64_t seed) {
     constexpr unsigned kRates[] = {2, 2, 3, 20};
     Random random{~seed};
     Program made;
-    made.actors = 2 + random.below(3);
     const unsigned kind = random.below(10); // half of the worlds are exact, and lack nothing
+    made.actors = 2 + random.below(3);
     made.level = kind > 4 ? 1 : 2 + static_cast<int>(random.below(4));
     made.timeLimit = kind < 3 ? 1 + random.below(40) * random.below(2) : 0;
     made.shortage = {kind == 2 || kind == 3 ? kRates[random.below(4)] : 0,

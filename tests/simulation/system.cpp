@@ -94,8 +94,7 @@ void *__wrap_aligned_alloc(std::size_t alignment, std::size_t size) {
     if (!inLibrary()) {
         return __real_malloc(size);
     }
-    if (++asked == shortage.nth || world.chance.oneIn(shortage.oneIn) || shortage.next > 0) {
-        shortage.next -= std::min(shortage.next, 1U);
+    if (++asked == shortage.nth || world.chance.oneIn(shortage.oneIn)) {
         note("is refused memory");
         return nullptr;
     }

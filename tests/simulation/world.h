@@ -108,7 +108,6 @@ struct Shortage {
     unsigned oneIn = 0;
     std::uint64_t nth = 0;
     unsigned disk = 0;
-    unsigned next = 0; // of those to come, all
 };
 inline Shortage shortage;
 // A block that the library is going to free. It is not handed out again then, so whoever touches it
