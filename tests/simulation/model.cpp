@@ -76,10 +76,15 @@ void say(const string &text) {
     mustSay.push_back(text);
 }
 
+void send(const Entry &to, const string &trace) {
+    to.node->inbox.push_back({nullptr, trace});
+    say(to.node->name + trace);
+}
+
 void publish(const string &topic, const string &trace) {
     for (const Entry &entry : registry) {
         if (entry.topics.contains(topic)) {
-            entry.node->inbox.push_back({nullptr, trace});
+            send(entry, trace);
         }
     }
 }
@@ -107,7 +112,7 @@ void subscribe(Entry &entry, const string &topic) {
     if (!entry.topics.insert(topic).second) {
         say("W  Vek-server " + entry.node->name + " already subscribe topic " + topic);
     } else if (sticky.contains(topic)) {
-        entry.node->inbox.push_back({nullptr, sticky[topic]});
+        send(entry, sticky[topic]);
     }
 }
 
@@ -166,7 +171,7 @@ void request(const Message &message) {
         answer(message, kEmpty);
         notify("bus.error", kRing);
     } else if (const Entry *const callee = find(to)) {
-        callee->node->inbox.push_back({nullptr, message.trace});
+        send(*callee, message.trace);
     } else {
         answer(message, kUnknown);
     }
@@ -243,7 +248,8 @@ void busTakes(const Line &line) {
 }
 
 void readBus(const Line &line) {
-    const bool isNext = !mustSay.empty() && line.text == mustSay.front();
+    const string said = line.to.empty() ? line.text : line.to + line.trace;
+    const bool isNext = !mustSay.empty() && said == mustSay.front();
     if (isNext) {
         mustSay.pop_front();
     }

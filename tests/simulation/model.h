@@ -1,10 +1,11 @@
 // What the application of a simulated world does: operations over the public header, which follow
-// from the world's number, and the threads and handlers that carry them out. And what the bus
-// promises, beside the bus itself. The model is told what the application does and is
-// handed, and reads the log: a warning or an error has to be one that the world explains. In an
+// from the world's number, and the threads and handlers that carry them out.
+//
+// And what the bus promises, beside the bus itself. The model is told what the application does and
+// is handed, and reads the log: a warning or an error has to be one that the world explains. In an
 // exact world (no shortage, no time limit, no stop, a sound disk) it also follows the bus message
-// by message: what it takes, and what it must say and send then, to whom and in which order.
-// Whatever differs ends the world.
+// by message: what the bus takes, what it must warn of then, and what each node takes, in which
+// order. Whatever differs ends the world.
 #ifndef ZELVO_SIMULATION_MODEL_H
 #define ZELVO_SIMULATION_MODEL_H
 

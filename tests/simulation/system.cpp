@@ -126,9 +126,8 @@ long __wrap_syscall(long number, const std::uint32_t *word, long operation, std:
     if ((operation & FUTEX_CMD_MASK) == FUTEX_WAKE) {
         world.wake(word, value > 1);
     } else if (*word == value && !world.chance.oneIn(32)) { // some sleeps end at once, for nothing
-        const std::uint64_t time =
-            limit ? limit->tv_sec * 1'000 * kMillisecond + limit->tv_nsec : 0;
-        world.sleepOn(word, limit ? world.now() + time : kNever);
+        const long time = limit ? limit->tv_sec * 1'000'000'000 + limit->tv_nsec : 0;
+        world.sleepOn(word, limit ? world.now() + static_cast<std::uint64_t>(time) : kNever);
     }
     return 0;
 }
@@ -184,13 +183,13 @@ void __tsan_vptr_update(const void *at, void * /*value*/) {
 }
 
 // clang-format off
-#define ZELVO_ACCESSES(size) \
-    void __tsan_read##size(const void *at) { expectLive(at); } \
-    void __tsan_write##size(const void *at) { expectLive(at); }
+#define ZELVO_ACCESS(name) void __tsan_##name(const void *at) { expectLive(at); }
+#define ZELVO_ACCESSES(size) ZELVO_ACCESS(read##size) ZELVO_ACCESS(write##size) \
+    ZELVO_ACCESS(unaligned_read##size) ZELVO_ACCESS(unaligned_write##size)
 #define ZELVO_RANGES(access) \
     void __tsan_##access##_range(const void *at, std::size_t size) { expectLive(at, size); }
 ZELVO_ACCESSES(1) ZELVO_ACCESSES(2) ZELVO_ACCESSES(4) ZELVO_ACCESSES(8) ZELVO_ACCESSES(16)
-ZELVO_RANGES(read) ZELVO_RANGES(write)
+ZELVO_ACCESS(vptr_read) ZELVO_RANGES(read) ZELVO_RANGES(write)
 
 #define ZELVO_CHANGE(bits, Word, name, result) \
     Word __tsan_atomic##bits##_##name(volatile Word *word, Word value, int) { \
@@ -209,7 +208,11 @@ ZELVO_RANGES(read) ZELVO_RANGES(write)
     ZELVO_CHANGE(bits, Word, fetch_sub, before - value) \
     ZELVO_CHANGE(bits, Word, fetch_and, before & value) \
     ZELVO_EXCHANGE(bits, Word, compare_exchange_strong, false) \
-    ZELVO_EXCHANGE(bits, Word, compare_exchange_weak, true)
+    ZELVO_EXCHANGE(bits, Word, compare_exchange_weak, true) \
+    Word __tsan_atomic##bits##_compare_exchange_val(volatile Word *word, Word expected, \
+                                                    Word value, int, int) { \
+        return exchange(word, &expected, value, false), expected; \
+    }
 ZELVO_ATOMIC(8, unsigned char) ZELVO_ATOMIC(32, unsigned int) ZELVO_ATOMIC(64, unsigned long)
 // clang-format on
 }
