@@ -162,7 +162,7 @@ namespace {
 Text textOf(const Actor &actor, const Operation &o) {
     static long numbers = 0;
     const string who = to_string(actor.number * 3 + o.place) + "." + to_string(++numbers) + "|";
-    const string ends[] = {"", "", string(o.b % 350, 'x'), string("\0y", 2)};
+    const string ends[] = {"", string(300, 'x'), string(o.b % 350, 'x'), string("\0y", 2)};
     return o.place == kOwner && o.b % 7 == 6 ? Text{} : who + ends[o.b % 4];
 }
 
@@ -357,7 +357,7 @@ void play() {
 }
 
 Program makeProgram(std::uint64_t seed) {
-    constexpr unsigned kRates[] = {2, 2, 3, 20};
+    constexpr unsigned kRates[] = {3, 6, 12, 40};
     Random random{~seed};
     Program made;
     const unsigned kind = random.below(10); // half of the worlds are exact, and lack nothing
