@@ -125,7 +125,6 @@ struct client_t {
     bus_mk_text name;
     // The host that the node is calling, or empty. Only the server's thread touches it.
     std::array<char, bus::kMaxHost + 1> call_name{};
-    std::uint64_t call_number = 0;   // of the call that call_name stands for, likewise
     bus::server_t *server = nullptr; // not owned
     bus_mk_q_t *timer_queue = nullptr;
     bus_mk_q_t *timerout_queue = nullptr; // unused
@@ -138,8 +137,8 @@ struct client_t {
     void *userdata = nullptr;
     std::atomic<int> timerid{0}; // the last id handed out
     std::atomic<int> running{1}; // 0 once the node has left the bus for good
-    // Whether a call is under way: a node makes one at a time.
-    bool wait_callresponse BUS_MK_GUARDED_BY(oncall_mutex) = false;
+    // 1 while a call is under way: a node makes one at a time.
+    int wait_callresponse BUS_MK_GUARDED_BY(oncall_mutex) = 0;
     int turn_waiters BUS_MK_GUARDED_BY(oncall_mutex) = 0;      // threads that wait for their turn
     bool turn_offered BUS_MK_GUARDED_BY(oncall_mutex) = false; // to those of them there were then
     std::uint32_t turn_offers BUS_MK_GUARDED_BY(oncall_mutex) = 0; // how often it has been
@@ -158,6 +157,7 @@ struct client_t {
     // list of such nodes.
     std::atomic<bool> departed{false};
     client_t *next_departed = nullptr;
+    std::uint64_t call_number = 0; // of the call that call_name stands for, likewise the server's
     client_t *next_to_wake = nullptr; // in the server's list of nodes that it has yet to wake
     std::atomic<int> references{1};
     std::atomic<int> joins_under_way{0}; // requests to join that hold one of them

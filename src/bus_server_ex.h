@@ -51,8 +51,9 @@ struct server_t {
     bus_mk_q_t *message_queue = nullptr; // everything sent to the server, its own answers included
     bus_mk_q_t *sticky_queue = nullptr;  // message_t, at most one a topic
     bus_mk_text name;
-    JsonText keys;    // the key store's text; null until it is loaded or set
-    bus_mk_text path; // the home directory, or null
+    std::atomic<int> running{0}; // 1 while the loop is to go on
+    JsonText keys;               // the key store's text; null until it is loaded or set
+    bus_mk_text path;            // the home directory, or null
 
     JsonPtr store; // keys, parsed
     Directory directory;
@@ -63,9 +64,8 @@ struct server_t {
     // When the loop ends, all nodes, one after the other.
     client_t *to_wake = nullptr;
     client_t *to_wake_last = nullptr;
-    std::atomic<int> running{0}; // 1 while the loop is to go on
-    int call_timeout = 0;        // milliseconds that a call waits at most; 0 or less: no limit
-    bool has_stats = false;      // whether "/bus/stats" is answered
+    int call_timeout = 0;   // milliseconds that a call waits at most; 0 or less: no limit
+    bool has_stats = false; // whether "/bus/stats" is answered
     KeyFile key_file;
     bool looping BUS_MK_GUARDED_BY(loop_mutex) = false; // a thread is inside busServerRun
     bus_mk_thread_mutex_t loop_mutex;

@@ -63,8 +63,8 @@ class Turn {
 public:
     Turn(client_t &client, const Deadline &deadline) noexcept : client_{client} {
         const bus_mk_guard lock{client.oncall_mutex};
-        if (!client.wait_callresponse) {
-            client.wait_callresponse = true;
+        if (client.wait_callresponse == 0) {
+            client.wait_callresponse = 1;
             owned_ = true;
             return;
         }
@@ -97,7 +97,7 @@ private:
     }
     void passOn() noexcept BUS_MK_REQUIRES(client_.oncall_mutex) {
         client_.turn_offered = client_.turn_waiters > 0;
-        client_.wait_callresponse = client_.turn_offered;
+        client_.wait_callresponse = client_.turn_offered ? 1 : 0;
         if (client_.turn_offered) {
             ++client_.turn_offers;
             bus_mk_thread_cond_signal(&client_.turn_cond);

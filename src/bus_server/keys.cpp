@@ -64,14 +64,14 @@ std::string_view textOf(const cJSON *object, const char *member) noexcept {
     return text ? text : "";
 }
 
-// Whether the file has to be read: until there is a store, and before it is written until it has
-// been taken over. What was there and could not be used may be large: once it has changed.
+// Whether the file has to be read: until there is a store; and as long as there is a file that could
+// not be used, before it is written, and once it has changed: it may be large.
 bool needsFile(const server_t &server, bool persist) {
     using State = KeyFile::State;
     const State state = server.key_file.state;
     return (!server.keys && state != State::kCut && state != State::kForeign) ||
-           (state != State::kTaken && persist) ||
-           (state != State::kTaken && state != State::kAbsent && _busKeysChanged(server));
+           (state != State::kTaken && state != State::kAbsent &&
+            (persist || _busKeysChanged(server)));
 }
 
 std::string serve(server_t &server, const char *payload, const char *key) {
