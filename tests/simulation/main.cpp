@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <limits>
 
 #include <sys/mman.h>
 #include <sys/wait.h>
