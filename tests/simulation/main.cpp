@@ -106,7 +106,9 @@ int main(int argc, char **argv) {
     if (!mkdtemp(directory) || chdir(directory) != 0) {
         return 2;
     }
-    std::signal(SIGINT, [](int) { interrupted = 1; });
+    for (const int number : {SIGINT, SIGTERM}) { // a world ends first, and the directory goes
+        std::signal(number, [](int) { interrupted = 1; });
+    }
     const int result = run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "");
     std::filesystem::remove_all(directory);
     return result;
