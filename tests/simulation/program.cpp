@@ -325,6 +325,7 @@ void play() {
                                  R"(,"path":"/dev/null","size":0,"stats":true,"callTimeout":)" +
                                  to_string(program.timeLimit) + "}";
     bus = enter("makes the bus", busClientNew, configuration.c_str());
+    expect(bus, "can't make the bus"); // nothing is short yet
     bool over = false;
     Thread *const loop = world.spawn("bus", [&] {
         while (!over) {
