@@ -3,12 +3,12 @@
 #define ZELVO_DETAIL_CALL_HPP
 
 #include "../types.hpp"
+#include "chain.hpp"
 #include "text.hpp"
 
 #include <zelvo/bus_client.h>
 
 #include <condition_variable>
-#include <list>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -101,9 +101,8 @@ public:
         }
         if (taken_) {
             Waiter waiter;
-            const auto place = waiting_.insert(waiting_.end(), &waiter);
+            waiting_.append(waiter);
             if (!await(lock, waiter, deadline)) {
-                waiting_.erase(place);
                 return false;
             }
         }
@@ -119,12 +118,13 @@ public:
         }
         return isKept();
     }
-    // Waits for one to call nobody, once; it needs no memory.
+    // Waits for one to call nobody.
     void takeLast() noexcept {
         std::unique_lock lock{mutex_};
         if (taken_) {
-            waiting_.splice(waiting_.end(), last_place_);
-            await(lock, last_, std::nullopt);
+            Waiter waiter;
+            waiting_.append(waiter);
+            await(lock, waiter, std::nullopt);
         }
         taken_ = true;
     }
@@ -133,9 +133,10 @@ public:
         url_ = nullptr;
         taken_ = !waiting_.empty();
         if (taken_) {
-            waiting_.front()->its = true;
-            waiting_.front()->changed.notify_one();
-            waiting_.pop_front();
+            Waiter &next = *waiting_.first();
+            next.unlink();
+            next.its = true;
+            next.changed.notify_one();
         }
     }
     // The host that is being called, or nothing.
@@ -145,7 +146,7 @@ public:
     }
 
 private:
-    struct Waiter {
+    struct Waiter : Link {
         std::condition_variable changed;
         bool its = false;
     };
@@ -164,9 +165,7 @@ private:
     }
 
     std::mutex mutex_;
-    std::list<Waiter *> waiting_;
-    Waiter last_;
-    std::list<Waiter *> last_place_{&last_};
+    Chain<Waiter> waiting_;
     bool taken_ = false;
     std::thread::id owner_; // that turns are kept for, or none
     const char *url_ = nullptr;

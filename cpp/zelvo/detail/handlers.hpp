@@ -2,6 +2,7 @@
 #ifndef ZELVO_DETAIL_HANDLERS_HPP
 #define ZELVO_DETAIL_HANDLERS_HPP
 
+#include "chain.hpp"
 #include "text.hpp"
 
 #include <algorithm>
@@ -166,7 +167,7 @@ inline std::vector<std::string> eachOnce(const std::vector<std::string> &names) 
 }
 
 // A step from one set of handlers to another.
-struct Change {
+struct Change : Link {
     enum class Kind { add, remove, set };
     Kind kind;
     std::vector<std::string> names;
