@@ -57,7 +57,7 @@ class Bus {
 public:
     // Throws Error when memory is short, std::invalid_argument for a configuration that can't be,
     // std::system_error when there is no thread for it, and what a copy of Config::on_error throws.
-    explicit Bus(const Config &config = {}) : state_{std::make_shared<detail::BusState>(config)} {}
+    explicit Bus(const Config &config = {}) : state_{new detail::BusState{config}} {}
     Bus(const Bus &) = delete;
     Bus &operator=(const Bus &) = delete;
     Bus(Bus &&) noexcept = default;
@@ -397,7 +397,7 @@ private:
     }
     Node(const Bus &bus, const std::string &name, detail::HopsPtr hops)
         : bus_{bus.state_},
-          state_{std::make_shared<detail::NodeState>(bus.state(), checked(name), std::move(hops))} {
+          state_{new detail::NodeState{bus.state(), checked(name), std::move(hops)}} {
         state_->start();
     }
     static const std::string &checked(const std::string &name) {
@@ -411,8 +411,8 @@ private:
                   "begin with";
         }
         if (why) {
-            throw std::invalid_argument(std::string{"zelvo: no name for a node, "} + why + ": \"" +
-                                        name + '"');
+            throw std::invalid_argument(
+                detail::concat({"zelvo: no name for a node, ", why, ": \"", name, "\""}));
         }
         return name;
     }
@@ -468,8 +468,8 @@ private:
     }
     std::string ownPath(std::string_view url) const {
         if (detail::hostOf(url) != name() || url.size() < name().size() + 2) {
-            throw std::invalid_argument("zelvo: the service \"" + std::string{url} +
-                                        "\" is none of node " + name());
+            throw std::invalid_argument(
+                detail::concat({"zelvo: the service \"", url, "\" is none of node ", name()}));
         }
         return std::string{url.substr(1 + name().size())};
     }

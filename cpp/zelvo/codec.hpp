@@ -314,7 +314,7 @@ public:
 private:
     void require() const {
         if (!value_) {
-            throw Error(std::string{"zelvo: no answer: "} + reason(cause_), cause_);
+            throw Error(detail::concat({"zelvo: no answer: ", reason(cause_)}), cause_);
         }
     }
 

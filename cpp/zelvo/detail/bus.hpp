@@ -21,15 +21,12 @@ inline std::string jsonOf(const Config &config) {
     }
     const long long timeout =
         config.call_timeout.count() < INT_MAX ? config.call_timeout.count() : INT_MAX;
-    std::string json;
-    const auto add = [&json](const char *member, long long number) {
-        json.append(member).append(std::to_string(number));
-    };
-    add("{\"level\":", static_cast<int>(config.level));
-    add(",\"mode\":", config.append);
-    add(",\"size\":", config.log_megabytes);
-    add(",\"callTimeout\":", timeout);
-    json += config.stats ? ",\"stats\":true" : ",\"stats\":false";
+    char numbers[128]; // enough for the largest
+    std::snprintf(numbers, sizeof numbers,
+                  R"({"level":%d,"mode":%d,"size":%d,"callTimeout":%lld,"stats":%s)",
+                  static_cast<int>(config.level), config.append ? 1 : 0, config.log_megabytes,
+                  timeout, config.stats ? "true" : "false");
+    std::string json = numbers;
     if (!config.log.empty()) {
         addPath(json, ",\"path\":", config.log);
     }

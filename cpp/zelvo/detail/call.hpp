@@ -3,7 +3,7 @@
 #define ZELVO_DETAIL_CALL_HPP
 
 #include "../types.hpp"
-#include "chain.hpp"
+#include "loop.hpp"
 #include "text.hpp"
 
 #include <zelvo/bus_client.h>
@@ -15,7 +15,6 @@
 
 namespace zelvo::detail {
 
-using Clock = std::chrono::steady_clock;
 using Deadline = std::optional<Clock::time_point>; // nothing: no limit
 
 // Whatever the duration: one that is too long for nanoseconds is as long as they go.
@@ -72,8 +71,7 @@ inline Answer noAnswer(Cause cause) {
 }
 
 inline Error noAnswerError(const char *url, Cause cause) {
-    return Error{std::string{"zelvo: the bus does not answer "} + url + ": " + reason(cause),
-                 cause};
+    return Error{concat({"zelvo: the bus does not answer ", url, ": ", reason(cause)}), cause};
 }
 
 // The client makes no other call until the answer is copied.

@@ -63,7 +63,7 @@ public:
     bool any() const noexcept { return most_ > 0; }
     // Of a client that makes calls for the node.
     std::string nameFor(const std::string &node) {
-        return kHelperPrefix + node + '/' + std::to_string(++names_);
+        return concat({kHelperPrefix, node, "/", std::to_string(++names_)});
     }
     // False: too many wait.
     bool add(const AsyncCallPtr &call) {

@@ -16,6 +16,8 @@
 
 namespace zelvo::detail {
 
+using Clock = std::chrono::steady_clock;
+
 // What a thread does with an object. All threads are of one kind, and plain functions are passed
 // around inside: each std::function and each lambda in a thread costs every user time to compile.
 using Step = void (*)(void *object);
@@ -46,17 +48,14 @@ public:
     // Asks until the loop has ended, less and less often: a full queue or a shortage of memory may
     // have lost a request. False: giveUp has said that it can't be waited for.
     bool end(Step ask, bool (*giveUp)(void *object)) {
-        std::chrono::milliseconds pause{20};
+        Clock::duration pause = std::chrono::milliseconds{20};
         ask(object_);
-        std::unique_lock lock{mutex_};
-        while (!changed_.wait_for(lock, pause, [this] { return ended_; })) {
-            lock.unlock();
+        while (!endsWithin(pause)) {
             if (giveUp && giveUp(object_)) {
                 return false;
             }
             ask(object_);
-            lock.lock();
-            pause = std::min(2 * pause, std::chrono::milliseconds{1000});
+            pause = std::min<Clock::duration>(2 * pause, std::chrono::seconds{1});
         }
         thread_.join();
         return true;
@@ -65,6 +64,12 @@ public:
     std::thread release() noexcept { return std::move(thread_); }
 
 private:
+    bool endsWithin(Clock::duration pause) {
+        const auto end = Clock::now() + pause;
+        std::unique_lock lock{mutex_};
+        while (!ended_ && changed_.wait_until(lock, end) == std::cv_status::no_timeout) {}
+        return ended_;
+    }
     static void run(void *self) {
         Loop &loop = *static_cast<Loop *>(self);
         nameThread(loop.name_);

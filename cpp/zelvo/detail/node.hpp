@@ -33,7 +33,8 @@ inline client_t *joined(BusState &bus, const std::string &name, onmessage_callba
     client_t *const client = connectSilently(bus.native(), name.c_str(), onMessage, onCall, node);
     if (!client) {
         const Cause cause = refusalOf(bus, name, deadline);
-        throw Error("zelvo: node " + name + " could not join the bus: " + reason(cause), cause);
+        throw Error(concat({"zelvo: node ", name, " could not join the bus: ", reason(cause)}),
+                    cause);
     }
     return client;
 }
@@ -108,6 +109,30 @@ inline bool NodeState::settle() noexcept {
         goQuietly();
     }
     return !leaving_;
+}
+
+inline void NodeState::inLoop(Step work, void *object) noexcept {
+    auto hop = [&] {
+        const auto *const outer = std::exchange(handlingNode(), this);
+        const auto its = [&] { work(object); };
+        settled(its);
+        if (leaving_) {
+            forgetHandlers();
+        }
+        handlingNode() = outer;
+    };
+    using Hop = decltype(hop);
+    bool done = leaving_;
+    if (!done) {
+        reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
+    }
+    if (!done) { // what is due or ready is looked at again
+        const std::lock_guard lock{mutex_};
+        attention_ = true;
+    }
+    if (leaving_) {
+        goQuietly();
+    }
 }
 
 inline void NodeState::wake() noexcept {

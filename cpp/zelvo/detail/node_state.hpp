@@ -75,8 +75,7 @@ private:
     // Does work, unless the node is leaving; here, or in the loop.
     template <class Work>
     void guarded(Work work) noexcept;
-    template <class Work>
-    void inLoop(Work work) noexcept;
+    void inLoop(Step work, void *object) noexcept;
     template <class Work>
     void settled(Work &work) noexcept;
     template <class Run>
@@ -165,30 +164,10 @@ private:
 // These are declared inline for what it says to optimizers: there is one of them for each message.
 template <class Work>
 inline void NodeState::guarded(Work work) noexcept {
-    hops_ ? inLoop(work) : settled(work);
-}
-
-template <class Work>
-void NodeState::inLoop(Work work) noexcept {
-    auto hop = [&] {
-        const auto *const outer = std::exchange(handlingNode(), this);
+    if (!hops_) {
         settled(work);
-        if (leaving_) {
-            forgetHandlers();
-        }
-        handlingNode() = outer;
-    };
-    using Hop = decltype(hop);
-    bool done = leaving_;
-    if (!done) {
-        reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
-    }
-    if (!done) { // what is due or ready is looked at again
-        const std::lock_guard lock{mutex_};
-        attention_ = true;
-    }
-    if (leaving_) {
-        goQuietly();
+    } else {
+        inLoop([](void *its) { (*static_cast<Work *>(its))(); }, &work);
     }
 }
 
