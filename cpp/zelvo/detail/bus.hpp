@@ -100,7 +100,8 @@ public:
     }
 
     // What a handler has thrown.
-    void report(const std::string &node, const std::exception_ptr &error) const noexcept {
+    ZELVO_RARE void report(const std::string &node,
+                           const std::exception_ptr &error) const noexcept {
         if (on_error_) {
             try {
                 on_error_(node, error);

@@ -84,7 +84,7 @@ inline void NodeState::run() noexcept {
     }
 }
 
-inline bool NodeState::settle() noexcept {
+ZELVO_RARE inline bool NodeState::settle() noexcept {
     OwningChain<Change> changes;
     {
         const std::lock_guard lock{mutex_};
@@ -111,7 +111,7 @@ inline bool NodeState::settle() noexcept {
     return !leaving_;
 }
 
-inline void NodeState::inLoop(Step work, void *object) noexcept {
+ZELVO_RARE inline void NodeState::inLoop(Step work, void *object) noexcept {
     auto hop = [&] {
         const auto *const outer = std::exchange(handlingNode(), this);
         const auto its = [&] { work(object); };
@@ -142,8 +142,8 @@ inline void NodeState::wake() noexcept {
     }
 }
 
-inline void NodeState::noteUnreadable(std::string_view name, std::size_t size,
-                                      std::size_t expected) {
+ZELVO_RARE inline void NodeState::noteUnreadable(std::string_view name, std::size_t size,
+                                                 std::size_t expected) {
     ++unreadable_;
     bus_.report(name_, std::make_exception_ptr(Unreadable{Text{name}, size, expected}));
 }

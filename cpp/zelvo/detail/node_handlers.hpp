@@ -92,7 +92,7 @@ inline void NodeState::setPath(const std::string &path, HandlerPtr handler) {
 inline int NodeState::onMessage(void *userdata, client_t * /*client*/, char *topic, char *data,
                                 int length) noexcept {
     NodeState &node = of(userdata);
-    node.guarded([&] { node.hear(topic, viewOf(data, length)); });
+    node.guarded([&node, topic, bytes = viewOf(data, length)] { node.hear(topic, bytes); });
     return 0;
 }
 

@@ -167,7 +167,8 @@ inline void NodeState::guarded(Work work) noexcept {
     if (!hops_) {
         settled(work);
     } else {
-        inLoop([](void *its) { (*static_cast<Work *>(its))(); }, &work);
+        Work its = work; // or it could not stay in registers where it is not wanted
+        inLoop([](void *object) { (*static_cast<Work *>(object))(); }, &its);
     }
 }
 
