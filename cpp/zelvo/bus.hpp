@@ -203,12 +203,15 @@ public:
     // Config::on_error gets Unreadable.
     template <class Value, class Handler>
     Subscription subscribe(const Topic<Value> &topic, Handler handler) {
-        static_assert(std::is_invocable_v<Handler &, Value>,
+        constexpr bool fits = detail::takesWhole<Handler, Value>();
+        static_assert(fits,
                       "zelvo: a handler of this topic takes (const Value &), of the topic's type");
-        if constexpr (std::is_invocable_v<Handler &, Value>) {
+        if constexpr (fits) {
             detail::require(handler);
             return subscribeTo(topic.name(), detail::held(new detail::ValueHandler<Value, Handler>{
                                                  state(), handler}));
+        } else {
+            return {}; // or there is a warning beside the error
         }
     }
     // How many messages and questions have not decoded since the node was made.
@@ -320,6 +323,8 @@ public:
             detail::require(completion);
             return begin(
                 detail::held(new detail::CompletedCall<Completion>{url.c_str(), data, completion}));
+        } else {
+            return {};
         }
     }
     template <class Completion, class = detail::IfNoData<Completion>>
@@ -339,6 +344,8 @@ public:
                               [run = std::move(completion)](const Answer &answer) mutable {
                                   run(detail::resultFrom<Reply>(answer));
                               });
+        } else {
+            return {};
         }
     }
 
@@ -438,6 +445,8 @@ private:
         if constexpr (detail::kIsHandler<Handler>) {
             detail::require(handler);
             return detail::held(new detail::TopicHandler<Handler>{handler});
+        } else {
+            return {};
         }
     }
     Subscription subscribeTo(const std::vector<std::string> &topics,
@@ -498,6 +507,8 @@ private:
             return set(wait, detail::held(new Entry{period, timed}));
         } else if constexpr (std::is_invocable_v<Run &>) {
             return set(wait, detail::held(new detail::TimerEntryOf<Run>{period, run}));
+        } else {
+            return {};
         }
     }
     Timer set(detail::Clock::duration wait, const detail::TimerPtr &timer) {

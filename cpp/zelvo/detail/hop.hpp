@@ -194,6 +194,8 @@ HopsPtr hopsOf(Executor executor) {
     if constexpr (std::is_invocable_v<Executor &, Task>) {
         require(executor);
         return std::make_shared<HopsOf<Executor>>(std::move(executor));
+    } else {
+        return {};
     }
 }
 

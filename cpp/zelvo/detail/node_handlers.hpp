@@ -149,7 +149,8 @@ inline constexpr bool kKeeps<std::optional<Given>, Reply> = kKeeps<Given, Reply>
 template <class Reply, class Run, class Question>
 constexpr bool gives() {
     if constexpr (std::is_invocable_r_v<std::optional<Reply>, Run &, Question>) {
-        return kKeeps<std::decay_t<std::invoke_result_t<Run &, Question>>, Reply>;
+        return takesWhole<Run, Question>() &&
+               kKeeps<std::decay_t<std::invoke_result_t<Run &, Question>>, Reply>;
     } else {
         return false;
     }
