@@ -48,7 +48,7 @@ bool isShort(const cJSON *config) {
     return timeout && timeout->valueint > 0 && timeout->valueint < 60'000;
 }
 
-void checkAnswers(const RunningNode &node) {
+void checkAnswers(const Node &node) {
     REQUIRE(answered(node, "/bus/nodes") == "{\n\t\"data\":\t[\"node\"]\n}");
     REQUIRE(isJsonObject(answered(node, "/bus/stats")));
     answered(node, "/localKeys/kept", R"({"operation":"get"})");
@@ -89,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     furnish();
     {
         const RunningBus bus{text};
-        const RunningNode node{bus.get(), "node"};
+        const Node node{bus.get(), "node"};
         if (!isShort(config.get())) {
             REQUIRE(node.get());
             checkAnswers(node);

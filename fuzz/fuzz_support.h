@@ -32,7 +32,7 @@ inline bool isJsonObject(const std::string &text) {
 }
 
 // A call that has to be answered.
-inline std::string answered(const RunningNode &node, const std::string &url,
+inline std::string answered(const Node &node, const std::string &url,
                             const std::string &data = {}) {
     const char *const text =
         busClientCall(node.get(), url.c_str(), data.empty() ? nullptr : data.data(),

@@ -19,7 +19,7 @@ std::string store() {
 // A bus with this store, and a node that asks it.
 struct Server {
     RunningBus bus{R"({"level":5,"path":"/dev/null","size":0,"homePath":")" + home + "\"}"};
-    RunningNode node{bus.get(), "node"};
+    Node node{bus.get(), "node"};
 
     std::string ask(const std::string &key, const char *data) {
         return answered(node, "/localKeys/" + key, data);

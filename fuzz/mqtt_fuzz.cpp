@@ -26,8 +26,8 @@ constexpr const char *kConfig =
 
 struct World {
     RunningBus bus{R"({"level":5,"path":"/dev/null","callTimeout":20000})"};
-    RunningNode echo{bus.get(), "echo", nullptr, reply};
-    RunningNode caller{bus.get(), "caller"};
+    Node echo{bus.get(), "echo", nullptr, reply};
+    Node caller{bus.get(), "caller"};
     zelvo_mqtt::Log log;
     zelvo_mqtt::Common common{bus.get(), zelvo_mqtt::readConfig(kConfig), log};
     zelvo_mqtt::CallLink link{common, [](const auto &, const auto &) {}, [](const auto &) {}};

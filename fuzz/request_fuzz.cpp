@@ -21,7 +21,7 @@ class Echo {
 public:
     Echo(const RunningBus &bus, const char *name) : node_{bus.get(), name, hear, reply, this} {}
 
-    const RunningNode &node() const { return node_; }
+    const Node &node() const { return node_; }
     // To be read after a call to the node, which comes behind the publication.
     const std::string &heard() const { return heard_; }
 
@@ -38,7 +38,7 @@ private:
     }
 
     std::string heard_;
-    RunningNode node_; // last: its thread uses the others
+    Node node_; // last: its thread uses the others
 };
 
 struct World {

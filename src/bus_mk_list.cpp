@@ -43,13 +43,13 @@ void *bus_mk_list_iter_back(bus_mk_list *list) {
     return node ? node->data : nullptr;
 }
 
-bus_mk_list_node *nodeAt(bus_mk_list *list, int idx) noexcept {
+bus_mk_list_node *nodeAt(bus_mk_list *list, std::int64_t idx) noexcept {
     check(list);
     if (idx < 1 || idx > list->node_cnt) {
         return nullptr;
     }
     bus_mk_list_node *node = list->head;
-    for (int i = 1; i < idx; ++i) {
+    for (std::int64_t i = 1; i < idx; ++i) {
         node = node->next;
     }
     return node;
@@ -136,7 +136,7 @@ bus_mk_list_node *bus_mk_list_add(bus_mk_list *list, void *data, int idx) noexce
     check(list);
     auto *const node = new (std::nothrow) bus_mk_list_node{data, nullptr, nullptr};
     if (node) {
-        link(list, node, idx < 0 || idx >= list->node_cnt ? nullptr : nodeAt(list, idx + 1));
+        link(list, node, nodeAt(list, std::int64_t{idx} + 1));
     }
     return node;
 }

@@ -85,30 +85,25 @@ int countOfAll(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
     return bus_mk_list_cnt(q->list) + q->out.count() + q->in.count();
 }
 
-// Calls step(item) for each item from the head on, until it gives true.
+// Calls step(item) for each item from the head on, until it gives true. Whether it has.
 template <typename Step>
-void walk(bus_mk_q_t *q, Step step) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
+bool walk(bus_mk_q_t *q, Step step) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
     const bus_mk_list_iter next = bus_mk_list_iter_get(q->list, 0);
     while (void *const item = next(q->list)) {
         if (step(item)) {
-            return;
+            return true;
         }
     }
-    for (const bus_mk_row *const row : {&q->out, &q->in}) {
-        if (std::any_of(row->begin(), row->end(), step)) {
-            return;
-        }
-    }
+    return std::any_of(q->out.begin(), q->out.end(), step) ||
+           std::any_of(q->in.begin(), q->in.end(), step);
 }
 
 // The position of the first match, and 0 for none.
 int positionOf(bus_mk_q_t *q, void *key) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
     int position = 0;
-    bool found = false;
-    walk(q, [&](void *item) {
+    const bool found = walk(q, [&](void *item) {
         ++position;
-        found = key && (q->eq ? q->eq(key, item) == 0 : key == item);
-        return found;
+        return key && (q->eq ? q->eq(key, item) == 0 : key == item);
     });
     return found ? position : 0;
 }

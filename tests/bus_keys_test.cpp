@@ -1,12 +1,12 @@
 // The key store through the public header: what a get finds, and what becomes of the file.
 #include "running.h"
-#include "test_system.h"
 
 #include <gtest/gtest.h>
 
-#include <optional>
-
 namespace {
+
+using std::filesystem::permissions;
+using std::filesystem::perms;
 
 const std::string kNothing = "{\"data\":\"\"}";
 
@@ -20,17 +20,13 @@ protected:
         bus_.emplace(3, R"(,"persistSync":false,"homePath":")" + home_ + '"');
         node_.emplace(*bus_, "n");
     }
-    static std::string setting(const std::string &value, const std::string &persist = R"("true")") {
-        return R"({"operation":"set","data":)" + value + R"(,"persist":)" + persist + "}";
-    }
     std::string ask(const std::string &key, const std::string &payload) {
         return node_->call("/localKeys/" + key, payload);
     }
-    void persist(const std::string &key, const std::string &value) {
-        EXPECT_EQ(ask(key, setting(value)), kNothing);
-    }
     std::string get(const std::string &key) { return ask(key, R"({"operation":"get"})"); }
-
+    void persist(const std::string &key, const std::string &value) {
+        ask(key, R"({"operation":"set","data":)" + value + R"(,"persist":"true"})");
+    }
     std::string file() const { return home_ + "/keys.json"; }
     std::string read(const std::string &end = "") const { return readFile(file() + end); }
     void write(const std::string &text) { std::ofstream{file(), std::ios::binary} << text; }
@@ -43,107 +39,78 @@ protected:
 };
 
 TEST_F(Keys, values_come_back_as_they_were_set) {
-    const struct {
-        std::string key, payload, got;
-    } kCases[] = {{"volume", "", kNothing}, // no store yet
-                  {"volume", R"({"operation":"set","data":30})", "30"},
-                  {"VOLUME", R"({"operation":"get"})", "30"},
-                  {"volume", R"({"operation":"settings","data":5})", "5"},
-                  {"volume", "no json", "5"},
-                  {"volume", R"({"operation":"set"})", "5"},
-                  {"volume", R"({"operation":"SET","data":2})", "5"},
-                  {"volume", R"({"operation":7,"data":2})", "5"},
-                  {"volume", setting("null", "true"), "null"},
-                  {"", setting(R"("a\"b")", R"("no")"), R"("a\"b")"},
-                  {"deep/er", R"({"operation":"set","data":{"x":[1]}})", "{\n\t\"x\":\t[1]\n}"},
-                  {std::string(3000, 'k'), R"({"operation":"set","data":true})", "true"},
-                  {"unknown", "{}", kNothing}};
-    for (const auto &c : kCases) {
-        EXPECT_EQ(ask(c.key, c.payload), says(c.payload, "get") ? c.got : kNothing) << c.payload;
-        EXPECT_EQ(get(c.key), c.got) << c.payload;
+    const std::tuple<std::string, std::string, std::string> kCases[] = {
+        {"volume", "", kNothing}, // no store yet
+        {"volume", R"({"operation":"set","data":30})", "30"},
+        {"VOLUME", R"({"operation":"settings","data":5})", "5"},
+        {"volume", R"({"operation":"SET","data":2})", "5"},
+        {"volume", R"({"operation":"set","data":null,"persist":true})", "null"},
+        {"", R"({"operation":"set","data":"a\"b","persist":"no"})", R"("a\"b")"},
+        {"deep/er", R"({"operation":"set","data":{"x":[1]}})", "{\n\t\"x\":\t[1]\n}"},
+        {std::string(3000, 'k'), R"({"operation":"set","data":true})", "true"}};
+    for (const auto &[key, payload, got] : kCases) {
+        EXPECT_EQ(ask(key, payload), kNothing) << payload;
+        EXPECT_EQ(get(key), got) << payload;
     }
     EXPECT_EQ(logged("not exist, file: " + file() + "\n"), 3U); // until there was a store
     EXPECT_EQ(node_->call("/local/volume", R"({"operation":"get"})"), "null");
-    EXPECT_EQ(entries(home_), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(home_));
+    write(R"({"came":"after the store"})");
     persist("other", "1");
-    EXPECT_EQ(count(read(), "\"volume\""), 1U);
+    EXPECT_TRUE(count(read(), "\"volume\"") == 1 && !says(read(), "came")) << read();
 }
 
-// What keeps the file from being read or written.
-struct Hindrance {
-    const char *target = nullptr; // a link leads there instead
-    unsigned mode = 0;            // of its directory, where another user writes to root's file
-    bool full = false;            // the disk is
-};
+bool asEver(const Body &body) {
+    body();
+    return true;
+}
+bool onFullDisk(const Body &body) {
+    return withFullDisk(3000, body);
+}
 
 TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) {
-    // False: this system can't.
-    const auto hindered = [this](const Hindrance &by, const Body &body) {
-        if (by.mode != 0) {
-            std::filesystem::permissions(home_, std::filesystem::perms{by.mode});
-            std::filesystem::permissions(file(), std::filesystem::perms{0666});
-            return asNobody(body);
-        }
-        if (by.full) {
-            return withFullDisk(3000, body);
-        }
-        if (!by.target) {
-            body();
-            return true;
-        }
-        std::error_code error;
-        std::filesystem::rename(file(), file() + ".away");
-        std::filesystem::create_symlink(by.target, file(), error);
-        const bool can = !error && (by.target[0] != '/' || std::filesystem::exists(by.target));
-        if (can) {
-            body();
-        }
-        std::filesystem::rename(file() + ".away", file());
-        return can;
-    };
     const std::string big = '"' + std::string(4000, 'b') + '"';
     const std::string old = R"({"a":1})";
-    const std::string end = "\n\t\"b\":\t" + big + ",\n\t\"c\":\t2\n}";
-    const std::string fresh = "{" + end, both = "{\n\t\"a\":\t1," + end;
-    const struct {
-        std::string text;
-        Hindrance hindrance;
-        std::string written, aside = "";
-        bool stays = false; // as long as there is the hindrance
-        std::string line = "";
-    } kCases[] = {{R"({"a":1,"B":5,"b":4})", {}, both},
-                  {"", {}, fresh}, // holds nothing to keep
-                  {"[1]", {}, fresh, ".bad"},
-                  {"{\"cut\":", {}, fresh, ".bad.1"},
-                  {old + std::string(" more\0{}", 8), {}, both},
-                  {old, {.full = true}, both, "", true, "write localKeys error, file: "},
-                  {old, {"."}, both, "", true, "is not read, and left as it is"},
-                  // Has more bytes than can be read.
-                  {old, {"/sys/kernel/uevent_seqnum"}, both, "", true, "is not read to its end"},
-                  {old, {.mode = 0755}, both, "", false, "can't be replaced as a whole"},
-                  {old, {.mode = 01777}, both, "", false, "can't be replaced as a whole"},
-                  {"[1]", {.mode = 0755}, fresh, ".bad.2", true, "can't be set aside"},
-                  {"[1]", {.mode = 01777}, fresh, ".bad.3", true, "is not written"}};
-    std::ptrdiff_t known = 1;
-    for (const auto &c : kCases) {
-        write(c.text);
+    const std::string fresh = "{\n\t\"b\":\t" + big + ",\n\t\"c\":\t2\n}";
+    const std::string both = "{\n\t\"a\":\t1," + fresh.substr(1);
+    std::ptrdiff_t files = 1;
+    // by: false where this system can't. line: what is logged once. stays: what the file holds,
+    // until it may be written. home, mode: of directory and file, which root does not mind.
+    const auto persists = [&](const std::string &text, const std::string &written,
+                              const std::string &aside = "", bool (*by)(const Body &) = asEver,
+                              const char *line = "", bool stays = false, unsigned home = 0755,
+                              unsigned mode = 0666) {
+        write(text);
         restart();
-        if (!hindered(c.hindrance, [&] {
-                for (int i = 0; i < 3; ++i) {
-                    persist("b", big);
-                }
+        permissions(home_, perms{home});
+        permissions(file(), perms{mode});
+        if (!by([&] {
+                persist("b", big);
+                persist("b", big);
                 EXPECT_EQ(get("b"), big);
             })) {
-            continue;
+            return;
         }
-        EXPECT_EQ(read() == c.text, c.stays) << c.text << c.line;
-        EXPECT_TRUE(c.line.empty() || logged(c.line) == 1) << bus_->log();
+        EXPECT_EQ(read() == text, stays) << text << line;
+        EXPECT_TRUE(*line == '\0' || logged(line) == 1) << line << bus_->log();
         persist("c", "2");
-        EXPECT_EQ(read(), c.written) << c.line;
-        EXPECT_TRUE(c.aside.empty() || read(c.aside) == c.text) << c.aside;
-        EXPECT_EQ(logged(", kept as " + file() + c.aside + "\n") == 1, !c.aside.empty());
-        EXPECT_EQ(entries(home_), known += c.aside.empty() ? 0 : 1); // nothing else is left behind
-    }
+        EXPECT_EQ(read(), written) << line;
+        EXPECT_TRUE(aside.empty() || read(aside) == text) << aside;
+        EXPECT_EQ(logged(", kept as " + file() + aside + "\n") == 1, !aside.empty());
+        files += aside.empty() ? 0 : 1; // and nothing else is left behind
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator{home_}, {}), files);
+    };
+    persists(R"({"a":1,"B":5,"b":4})", both);
+    persists("", fresh); // holds nothing to keep
+    persists("[1]", fresh, ".bad");
+    persists("{\"cut\":", fresh, ".bad.1");
+    persists(old + std::string(" more\0{}", 8), both);
+    persists(old, both, "", onFullDisk, "write localKeys error, file: ", true);
+    persists(old, both, "", asNobody, "is not read, and left as it is", true, 0755, 0200);
+    persists(old, both, "", asNobody, "can't be replaced as a whole");
+    persists(old, both, "", asNobody, "can't be replaced as a whole", false, 01777);
+    persists("[1]", fresh, ".bad.2", asNobody, "can't be set aside", true);
+    persists("[1]", fresh, ".bad.3", asNobody, "is not written", true, 01777);
 }
 
 TEST_F(Keys, mode_link_and_name_of_the_file_stay_and_what_a_killed_process_left_goes) {
@@ -159,27 +126,27 @@ TEST_F(Keys, mode_link_and_name_of_the_file_stay_and_what_a_killed_process_left_
         GTEST_SKIP() << "no links on this system";
     }
     const std::string target = home_ + "/target";
-    const auto mode = [&] { return std::filesystem::status(target).permissions(); };
-    EXPECT_EQ(mode(), std::filesystem::perms{0600});
-    std::filesystem::permissions(target, std::filesystem::perms{0646});
+    EXPECT_EQ(std::filesystem::status(target).permissions(), perms{0600});
+    permissions(target, perms{0646});
     write("[2,3,4]");
     restart();
-    const auto time = std::filesystem::last_write_time(target);
-    EXPECT_EQ(get("a"), kNothing);
-    write(R"({"a":7})"); // which is not seen
-    std::filesystem::last_write_time(target, time);
     EXPECT_EQ(get("a"), kNothing);
     write(R"({"a":17})");
     EXPECT_EQ(get("a"), "17");
     write("[1]");
-    for (const char *end : {"0123456789abcdef", "0123456789abcdeg"}) { // the second is another's
-        std::ofstream{target + '.' + end + ".new"};
-    }
+    std::ofstream{target + ".0123456789abcdef.new"};
+    std::ofstream{target + ".another's.new"};
     restart();
     persist("a", "3");
-    EXPECT_EQ(mode(), std::filesystem::perms{0646});
+    EXPECT_EQ(std::filesystem::status(target).permissions(), perms{0646});
     EXPECT_EQ(readFile(target) + readFile(target + ".bad"), "{\n\t\"a\":\t3\n}[1]");
-    EXPECT_EQ(entries(home_), 4);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator{home_}, {}), 4);
+    std::filesystem::remove(target);
+    std::filesystem::create_symlink("/sys/kernel/uevent_seqnum", target, error);
+    restart();
+    persist("a", "4");
+    persist("a", "5");
+    EXPECT_EQ(logged("is not read to its end"), std::filesystem::exists(target) ? 1U : 0U);
 }
 
 } // namespace

@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-
-namespace {
-
 TEST(List, keeps_its_order_from_both_ends) {
     char a = 'A', b = 'B', c = 'C'; // an item is the address of one
     bus_mk_list *const list = bus_mk_list_new(nullptr);
@@ -20,9 +16,9 @@ TEST(List, keeps_its_order_from_both_ends) {
         }
         return told;
     };
-    for (const auto &[item, idx] : {std::pair{&b, 5}, {&a, 0}, {&c, 1}}) {
-        bus_mk_list_add(list, item, idx);
-    }
+    bus_mk_list_add(list, &b, 5);
+    bus_mk_list_add(list, &a, 0);
+    bus_mk_list_add(list, &c, 1);
     int position = 0;
     EXPECT_EQ(after(bus_mk_list_modify_idx(list, &a, 0)), "- ACB BCA");
     EXPECT_EQ(after(bus_mk_list_modify_idx(list, &a, 3)), "B ACA ACA");
@@ -39,35 +35,30 @@ TEST(List, keeps_its_order_from_both_ends) {
     bus_mk_list_remove_node(list, node);
     bus_mk_list_node_free(node);
     EXPECT_EQ(after(bus_mk_list_del_idx(list, bus_mk_list_cnt(list))), "B  ");
+    EXPECT_EQ(bus_mk_list_push_node_to_tail(list, nullptr) + bus_mk_list_remove_node(list, nullptr),
+              -2);
     bus_mk_list_destroy(list);
 }
 
 // Guards that the process ends there, with the text.
 TEST(List, missing_list_or_node_ends_the_process) {
-    bus_mk_list *const list = bus_mk_list_new(nullptr);
-    EXPECT_EQ(bus_mk_list_push_node_to_tail(list, nullptr), -1);
-    EXPECT_EQ(bus_mk_list_remove_node(list, nullptr), -1);
-    EXPECT_DEATH(bus_mk_list_del_node(list, nullptr), "assertion failed: node != NULL");
+    const char *const missing = "assertion failed: list != NULL";
+    bus_mk_list *const list = bus_mk_list_new(nullptr), *const none = nullptr;
     const auto next = bus_mk_list_iter_get(list, 0), previous = bus_mk_list_iter_get(list, 1);
+    EXPECT_DEATH(bus_mk_list_del_node(list, nullptr), "assertion failed: node != NULL");
+    EXPECT_DEATH(bus_mk_list_destroy(none), missing);
+    EXPECT_DEATH(bus_mk_list_cnt(none), missing);
+    EXPECT_DEATH(bus_mk_list_set_eq(none, nullptr), missing);
+    EXPECT_DEATH(bus_mk_list_add(none, list, 0), missing);
+    EXPECT_DEATH(bus_mk_list_find(none, list, nullptr), missing);
+    EXPECT_DEATH(bus_mk_list_get_idx(none, 1), missing);
+    EXPECT_DEATH(bus_mk_list_iter_get(none, 0), missing);
+    EXPECT_DEATH(next(none), missing);
+    EXPECT_DEATH(previous(none), missing);
+    EXPECT_DEATH(bus_mk_list_get_tail_data(none), missing);
+    EXPECT_DEATH(bus_mk_list_get_node_from_tail(none), missing);
+    EXPECT_DEATH(bus_mk_list_push_node_to_tail(none, nullptr), missing);
+    EXPECT_DEATH(bus_mk_list_remove_node(none, nullptr), missing);
+    EXPECT_DEATH(bus_mk_list_del_node(none, nullptr), missing);
     bus_mk_list_destroy(list);
-    bus_mk_list *none = nullptr;
-    const std::function<void()> kCalls[] = {[&] { bus_mk_list_destroy(none); },
-                                            [&] { bus_mk_list_cnt(none); },
-                                            [&] { bus_mk_list_set_eq(none, nullptr); },
-                                            [&] { bus_mk_list_add(none, &none, 0); },
-                                            [&] { bus_mk_list_find(none, &none, nullptr); },
-                                            [&] { bus_mk_list_get_idx(none, 1); },
-                                            [&] { bus_mk_list_iter_get(none, 0); },
-                                            [&] { next(none); },
-                                            [&] { previous(none); },
-                                            [&] { bus_mk_list_get_tail_data(none); },
-                                            [&] { bus_mk_list_get_node_from_tail(none); },
-                                            [&] { bus_mk_list_push_node_to_tail(none, nullptr); },
-                                            [&] { bus_mk_list_remove_node(none, nullptr); },
-                                            [&] { bus_mk_list_del_node(none, nullptr); }};
-    for (const auto &call : kCalls) {
-        EXPECT_DEATH(call(), "assertion failed: list != NULL");
-    }
 }
-
-} // namespace

@@ -6,8 +6,10 @@
 
 #include <zelvo/bus_client.h>
 
-#include <algorithm>
-#include <functional>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <optional>
 #include <utility>
 
 class RunningBus {
@@ -23,54 +25,15 @@ public:
     }
 
     void start() { loop_ = std::thread{busClientBindServer, manager_}; }
-    void exit() { busClientServerExit(manager_); }
-    void join() { loop_.join(); }
     void stop() {
-        exit();
-        join();
+        busClientServerExit(manager_);
+        loop_.join();
     }
     Zelvo_t *get() const { return manager_; }
 
 private:
     Zelvo_t *manager_;
     std::thread loop_;
-};
-
-// Null and without a thread where the bus has refused it.
-class RunningNode {
-public:
-    RunningNode(Zelvo_t *bus, const std::string &name, onmessage_callback hear = nullptr,
-                oncall_callback answer = nullptr, void *userdata = nullptr, bool spins = true)
-        : client_{busClientConnect(bus, name.c_str(), hear, answer, userdata)} {
-        if (client_ && spins) {
-            thread_ = std::thread{[this] {
-                busClientSpin(client_);
-                ended_.set();
-            }};
-        }
-    }
-    ~RunningNode() { close(); }
-
-    void close() {
-        while (thread_.joinable()) { // again where the request found a full queue
-            busClientSpinExit(client_);
-            if (ended_.wait(std::chrono::milliseconds{20})) {
-                thread_.join();
-            }
-        }
-        busClientClose(std::exchange(client_, nullptr));
-    }
-    // "null" for no answer.
-    std::string call(const std::string &url, const char *data = nullptr, int len = 0) {
-        const char *const text = busClientCall(client_, url.c_str(), data, len);
-        return text ? text : "null";
-    }
-    client_t *get() const { return client_; }
-
-private:
-    client_t *client_;
-    Signal ended_;
-    std::thread thread_;
 };
 
 using Texts = std::vector<std::string>;
@@ -85,20 +48,41 @@ public:
     std::string log() const { return readFile(file("bus.log")); }
 };
 
-// What it hears is kept as "topic payload".
+// Null and without a thread where the bus has refused it.
 class Node {
 public:
     using OnCall = std::function<char *(client_t *, const std::string &url, const std::string &)>;
 
-    Node(const RunningBus &bus, const std::string &name, OnCall onCall = {}, bool spins = true)
+    Node(Zelvo_t *bus, const std::string &name, onmessage_callback onMessage = nullptr,
+         oncall_callback answer = nullptr, void *userdata = nullptr, bool spins = true,
+         OnCall onCall = {})
         : onCall_{std::move(onCall)},
-          node_{bus.get(), name, hear, onCall_ ? reply : nullptr, this, spins} {}
+          client_{busClientConnect(bus, name.c_str(), onMessage, answer, userdata)} {
+        if (client_ && spins) {
+            spin_ = std::async(std::launch::async, busClientSpin, client_);
+        }
+    }
+    // What it hears is kept as "topic payload".
+    Node(const RunningBus &bus, const std::string &name, const OnCall &onCall = {},
+         bool spins = true)
+        : Node{bus.get(), name, hear, onCall ? reply : nullptr, this, spins, onCall} {}
+    ~Node() { close(); }
 
-    void close() { node_.close(); }
-    client_t *get() const { return node_.get(); }
-    std::string call(const std::string &url) { return node_.call(url, nullptr, 7); }
-    std::string call(const std::string &url, const std::string &data) {
-        return node_.call(url, data.data(), static_cast<int>(data.size()));
+    void close() {
+        while (spin_.valid()) { // again where the request found a full queue
+            busClientSpinExit(client_);
+            if (spin_.wait_for(std::chrono::milliseconds{20}) == std::future_status::ready) {
+                spin_ = {};
+            }
+        }
+        busClientClose(std::exchange(client_, nullptr));
+    }
+    client_t *get() const { return client_; }
+    // "null" for no answer. Without data its length does not count.
+    std::string call(const std::string &url, const std::optional<std::string> &data = {}) const {
+        const char *const text = busClientCall(client_, url.c_str(), data ? data->data() : nullptr,
+                                               data ? static_cast<int>(data->size()) : 7);
+        return text ? text : "null";
     }
     void subscribe(const char *topics) { busClientSubscribe(get(), topics); }
     void publish(const char *topic, const std::string &data = "") {
@@ -111,32 +95,27 @@ public:
         return heard_;
     }
 
-    // Whether the text is heard within the limit.
-    bool hears(const std::string &text, std::chrono::milliseconds limit = kLimit) {
-        std::unique_lock lock{mutex_};
-        return more_.wait_for(lock, limit,
-                              [&] { return std::count(heard_.begin(), heard_.end(), text) > 0; });
-    }
-
 private:
+    static std::string textOf(const char *data, int len) {
+        return data ? std::string(data, static_cast<std::size_t>(len)) : "null";
+    }
     static int hear(void *userdata, client_t *, char *topic, char *data, int len) {
         auto &self = *static_cast<Node *>(userdata);
         const std::lock_guard lock{self.mutex_};
-        self.heard_.push_back(std::string{topic} + " " +
-                              (data ? std::string(data, static_cast<std::size_t>(len)) : "null"));
+        self.heard_.push_back(std::string{topic} + " " + textOf(data, len));
         self.more_.notify_all();
         return 0;
     }
     static char *reply(void *userdata, client_t *client, char *url, char *data, int len) {
-        const std::string text = data ? std::string(data, static_cast<std::size_t>(len)) : "null";
-        return static_cast<Node *>(userdata)->onCall_(client, url, text);
+        return static_cast<Node *>(userdata)->onCall_(client, url, textOf(data, len));
     }
 
     OnCall onCall_;
     std::mutex mutex_;
     std::condition_variable more_;
     Texts heard_;
-    RunningNode node_; // last: its thread uses the others
+    client_t *client_;
+    std::future<int> spin_; // last: its thread uses the others
 };
 
 #endif

@@ -3,12 +3,11 @@
 #define ZELVO_TEST_SUPPORT_H
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -17,35 +16,14 @@
 // How long a test waits for what must come; far beyond what a loaded machine needs.
 inline constexpr std::chrono::seconds kLimit{60};
 
-// Set once, waited for by any thread.
-class Signal {
-public:
-    void set() {
-        const std::lock_guard lock{mutex_};
-        set_ = true;
-        changed_.notify_all();
-    }
-    bool wait(std::chrono::milliseconds limit = kLimit) {
-        std::unique_lock lock{mutex_};
-        return changed_.wait_for(lock, limit, [this] { return set_; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool set_ = false;
-};
-
 // Waits until the condition holds; false: it never did.
 inline bool eventually(auto condition, std::chrono::milliseconds limit = kLimit) {
     const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return false;
-        }
+    bool holds = condition();
+    for (; !holds && std::chrono::steady_clock::now() < end; holds = condition()) {
         std::this_thread::sleep_for(std::chrono::milliseconds{2});
     }
-    return true;
+    return holds;
 }
 
 // A new empty directory, removed with all it holds.
@@ -83,10 +61,12 @@ inline std::string readFile(const std::string &path) {
     return {std::istreambuf_iterator<char>{file}, {}};
 }
 
-// How many entries a directory has.
-inline std::ptrdiff_t entries(const std::string &path) {
-    return std::distance(std::filesystem::directory_iterator{path}, {});
-}
+// What the tests ask of the operating system; one source file for each system is behind it.
+using Body = std::function<void()>;
+// Runs body with the rights of a user who owns nothing. False: not run, which only root can do.
+bool asNobody(const Body &body);
+// Runs body while no file can grow beyond a size, as on a full disk. False: the system can't.
+bool withFullDisk(std::size_t size, const Body &body);
 
 // How often the part stands in the text.
 inline std::size_t count(const std::string &text, const std::string &part) {

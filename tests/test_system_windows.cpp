@@ -1,4 +1,4 @@
-#include "test_system.h"
+#include "test_support.h"
 
 bool asNobody(const Body & /*body*/) {
     return false;

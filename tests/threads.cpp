@@ -3,65 +3,34 @@
 // sanitizer to watch. zelvo_threads SECONDS
 #include "running.h"
 
-#include <atomic>
-
-namespace {
-
-std::atomic<bool> over{false};
-
-int hear(void *, client_t *client, char *, char *, int) {
-    busClientSettimer(client, nullptr, 1, 0, nullptr);
-    return 0;
-}
-
-char *reply(void *, client_t *client, char *, char *, int) {
-    busClientPublish(client, "t", "called", 6);
-    return nullptr;
-}
-
-void use(client_t *client, std::mt19937 &random) {
-    busClientSubscribe(client, "[\"t\"]");
-    for (unsigned left = static_cast<unsigned>(random()) % 200; left > 0; --left) {
-        const std::string url = "/n" + std::to_string(random() % 4) + "/x";
-        switch (random() % 4) {
-        case 0:
-            busClientCall(client, url.c_str(), "ask", 3);
-            break;
-        case 1:
-            busClientKilltimer(client, static_cast<int>(random() % 9));
-            break;
-        default:
-            busClientPublishSticky(client, "t", "more", 4);
-        }
-    }
-}
-
-void live(const RunningBus &bus, int number) {
-    std::mt19937 random{static_cast<unsigned>(number)};
-    while (!over) {
-        const RunningNode node{bus.get(), "n" + std::to_string(number), hear, reply};
-        if (node.get()) {
-            use(node.get(), random);
-        }
-    }
-}
-
-} // namespace
-
 int main(int argc, char **argv) {
-    const std::chrono::seconds time{argc > 1 ? std::atoi(argv[1]) : 5};
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + std::chrono::seconds{argc > 1 ? std::atoi(argv[1]) : 5};
     RunningBus bus{R"({"level":6,"callTimeout":100})"};
-    std::vector<std::thread> nodes;
-    for (int number = 0; number < 4; ++number) {
-        nodes.emplace_back(live, std::cref(bus), number);
+    const auto answer = [](client_t *client, const std::string &, const std::string &) {
+        busClientSettimer(client, nullptr, 1, 0, nullptr);
+        busClientPublish(client, "t", "called", 6);
+        return mallocText("answer");
+    };
+    const auto live = [&](unsigned number) {
+        for (std::mt19937 random{number}; Clock::now() < end;) {
+            Node node{bus, "n" + std::to_string(number), answer};
+            node.subscribe(R"(["t"])");
+            for (auto left = random() % 200; node.get() && left > 0; --left) {
+                busClientKilltimer(node.get(), static_cast<int>(random() % 9));
+                busClientPublishSticky(node.get(), "t", "more", 4);
+                if (random() % 4 == 0) {
+                    node.call("/n" + std::to_string(random() % 4) + "/x", "ask");
+                }
+            }
+        }
+    };
+    std::vector<std::future<void>> nodes; // whose end is waited for
+    for (unsigned number = 0; number < 4; ++number) {
+        nodes.push_back(std::async(std::launch::async, live, number));
     }
-    for (const auto end = std::chrono::steady_clock::now() + time;
-         std::chrono::steady_clock::now() < end; bus.start()) {
+    for (; Clock::now() < end; bus.start()) {
         std::this_thread::sleep_for(std::chrono::milliseconds{50});
         bus.stop();
-    }
-    over = true;
-    for (std::thread &node : nodes) {
-        node.join();
     }
 }

@@ -1,6 +1,6 @@
 #!/bin/sh
 # wrong_uses.sh COMPILER INCLUDE SOURCE: compiles the source without its wrong lines, then with them:
-# that has to give one error for each, with the text that stands beside it.
+# that has to give one error for each, with the text that stands beside it, and no warning.
 set -u
 compiler=$1 include=$2 source=$3
 
@@ -12,7 +12,7 @@ compile() {
 grep -v '// wrong: ' "$source" | compile || exit 1
 said=$(compile <"$source")
 wanted=$(grep -c '// wrong: ' "$source")
-given=$(printf '%s\n' "$said" | grep -c 'error:')
+given=$(printf '%s\n' "$said" | grep -c 'error:\|warning:')
 sed -n 's,.*// wrong: ,,p' "$source" | {
     status=0
     while IFS= read -r words; do

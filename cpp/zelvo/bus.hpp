@@ -57,7 +57,7 @@ class Bus {
 public:
     // Throws Error when memory is short, std::invalid_argument for a configuration that can't be,
     // std::system_error when there is no thread for it, and what a copy of Config::on_error throws.
-    explicit Bus(const Config &config = {}) : state_{std::make_shared<detail::BusState>(config)} {}
+    explicit Bus(const Config &config = {}) : state_{new detail::BusState{config}} {}
     Bus(const Bus &) = delete;
     Bus &operator=(const Bus &) = delete;
     Bus(Bus &&) noexcept = default;
@@ -203,12 +203,15 @@ public:
     // Config::on_error gets Unreadable.
     template <class Value, class Handler>
     Subscription subscribe(const Topic<Value> &topic, Handler handler) {
-        static_assert(std::is_invocable_v<Handler &, Value>,
+        constexpr bool fits = detail::takesWhole<Handler, Value>();
+        static_assert(fits,
                       "zelvo: a handler of this topic takes (const Value &), of the topic's type");
-        if constexpr (std::is_invocable_v<Handler &, Value>) {
+        if constexpr (fits) {
             detail::require(handler);
             return subscribeTo(topic.name(), detail::held(new detail::ValueHandler<Value, Handler>{
                                                  state(), handler}));
+        } else {
+            return {}; // or there is a warning beside the error
         }
     }
     // How many messages and questions have not decoded since the node was made.
@@ -320,6 +323,8 @@ public:
             detail::require(completion);
             return begin(
                 detail::held(new detail::CompletedCall<Completion>{url.c_str(), data, completion}));
+        } else {
+            return {};
         }
     }
     template <class Completion, class = detail::IfNoData<Completion>>
@@ -339,6 +344,8 @@ public:
                               [run = std::move(completion)](const Answer &answer) mutable {
                                   run(detail::resultFrom<Reply>(answer));
                               });
+        } else {
+            return {};
         }
     }
 
@@ -397,7 +404,7 @@ private:
     }
     Node(const Bus &bus, const std::string &name, detail::HopsPtr hops)
         : bus_{bus.state_},
-          state_{std::make_shared<detail::NodeState>(bus.state(), checked(name), std::move(hops))} {
+          state_{new detail::NodeState{bus.state(), checked(name), std::move(hops)}} {
         state_->start();
     }
     static const std::string &checked(const std::string &name) {
@@ -411,8 +418,8 @@ private:
                   "begin with";
         }
         if (why) {
-            throw std::invalid_argument(std::string{"zelvo: no name for a node, "} + why + ": \"" +
-                                        name + '"');
+            throw std::invalid_argument(
+                detail::concat({"zelvo: no name for a node, ", why, ": \"", name, "\""}));
         }
         return name;
     }
@@ -438,6 +445,8 @@ private:
         if constexpr (detail::kIsHandler<Handler>) {
             detail::require(handler);
             return detail::held(new detail::TopicHandler<Handler>{handler});
+        } else {
+            return {};
         }
     }
     Subscription subscribeTo(const std::vector<std::string> &topics,
@@ -468,8 +477,8 @@ private:
     }
     std::string ownPath(std::string_view url) const {
         if (detail::hostOf(url) != name() || url.size() < name().size() + 2) {
-            throw std::invalid_argument("zelvo: the service \"" + std::string{url} +
-                                        "\" is none of node " + name());
+            throw std::invalid_argument(
+                detail::concat({"zelvo: the service \"", url, "\" is none of node ", name()}));
         }
         return std::string{url.substr(1 + name().size())};
     }
@@ -498,6 +507,8 @@ private:
             return set(wait, detail::held(new Entry{period, timed}));
         } else if constexpr (std::is_invocable_v<Run &>) {
             return set(wait, detail::held(new detail::TimerEntryOf<Run>{period, run}));
+        } else {
+            return {};
         }
     }
     Timer set(detail::Clock::duration wait, const detail::TimerPtr &timer) {

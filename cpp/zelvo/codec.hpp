@@ -314,7 +314,7 @@ public:
 private:
     void require() const {
         if (!value_) {
-            throw Error(std::string{"zelvo: no answer: "} + reason(cause_), cause_);
+            throw Error(detail::concat({"zelvo: no answer: ", reason(cause_)}), cause_);
         }
     }
 
@@ -339,6 +339,27 @@ template <class Other, class Value>
 inline constexpr bool kLoses = (kHasFraction<Other> && !std::is_floating_point_v<Value>) ||
                                (std::is_same_v<Value, bool> && !std::is_same_v<Other, bool> &&
                                 !std::is_class_v<Other>);
+// Becomes what such a number would lose something as.
+template <class Value>
+struct Losing {
+    template <class Other,
+              class = std::enable_if_t<std::is_arithmetic_v<Other> && kLoses<Value, Other>>>
+    operator Other() const;
+};
+// Whether there is one function to run, so that to ask what it takes compiles no body of it.
+template <class Run, class = void>
+inline constexpr bool kIsOne = std::is_pointer_v<Run>;
+template <class Run>
+inline constexpr bool kIsOne<Run, std::void_t<decltype(&Run::operator())>> = true;
+// Whether it takes such a value, and nothing less.
+template <class Run, class Value>
+constexpr bool takesWhole() {
+    if constexpr (std::is_arithmetic_v<Value> && kIsOne<Run>) {
+        return std::is_invocable_v<Run &, Value> && !std::is_invocable_v<Run &, Losing<Value>>;
+    } else {
+        return std::is_invocable_v<Run &, Value>;
+    }
+}
 template <class Value>
 class Number {
 public:

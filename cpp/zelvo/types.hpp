@@ -10,11 +10,25 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace zelvo {
+
+namespace detail {
+
+// One function for all texts of several parts: each + of strings is another one, or is inlined.
+inline std::string concat(std::initializer_list<std::string_view> parts) {
+    std::string text;
+    for (const std::string_view part : parts) {
+        text.append(part);
+    }
+    return text;
+}
+
+} // namespace detail
 
 // How a call has ended.
 enum class Outcome {
@@ -96,8 +110,9 @@ private:
 class Unreadable : public Error {
 public:
     Unreadable(const std::string &name, std::size_t has, std::size_t wants)
-        : Error{"zelvo: " + name + " has " + std::to_string(has) + " bytes that are no such value" +
-                    (wants ? ", which has " + std::to_string(wants) : ""),
+        : Error{detail::concat({"zelvo: ", name, " has ", std::to_string(has),
+                                " bytes that are no such value",
+                                wants ? ", which has " + std::to_string(wants) : ""}),
                 Cause::unreadable},
           topic_{name},
           size_{has},

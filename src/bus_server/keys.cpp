@@ -64,8 +64,8 @@ std::string_view textOf(const cJSON *object, const char *member) noexcept {
     return text ? text : "";
 }
 
-// Whether the file has to be read: until there is a store; and as long as there is a file that could
-// not be used, before it is written, and once it has changed: it may be large.
+// Whether the file has to be read: until there is a store; and as long as there is a file that
+// could not be used, before it is written, and once it has changed: it may be large.
 bool needsFile(const server_t &server, bool persist) {
     using State = KeyFile::State;
     const State state = server.key_file.state;

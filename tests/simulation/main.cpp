@@ -4,14 +4,15 @@
 //   --seeds A-B       these worlds, and no more
 //   --seconds S       worlds from a first one by chance, which is printed, for S seconds
 //   --replay SEED     one world, with its account
-#include "program.h"
+#include "model.h"
 
-#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
-#include <random>
+#include <limits>
 
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -20,6 +21,8 @@
 namespace {
 
 using namespace simulation;
+
+volatile std::sig_atomic_t interrupted = 0;
 
 // Whether a world fails; order: of its events, given its operations. What is wrong stands in
 // failure.
@@ -47,80 +50,51 @@ bool fails(const Program &tried, std::uint64_t order, bool account = false) {
     return status != 0;
 }
 
-// Leaves out operations as long as the rest fails in some order of events, which is noted.
-Program madeSmall(Program failing, std::uint64_t &order) {
+// Leaves out what operations it can, and who has none left, as long as the rest fails in some order
+// of events, which is noted.
+void makeSmall(Program &failing, std::uint64_t &order) {
     constexpr std::uint64_t kOrders = 60;
-    for (auto part = std::ssize(failing.operations); part > 0; part /= 2) {
-        for (std::ptrdiff_t at = 0; at < std::ssize(failing.operations);) {
-            Program less = failing;
-            const auto begin = less.operations.begin() + at, end = less.operations.end();
-            less.operations.erase(begin, begin + std::min(part, end - begin));
-            std::uint64_t tried = 0;
-            while (tried < kOrders && !fails(less, order + tried)) {
-                ++tried;
-            }
-            if (tried < kOrders) {
-                order += tried;
+    for (auto at = std::ssize(failing.operations); at-- > 0;) {
+        Program less = failing;
+        less.operations.erase(less.operations.begin() + at);
+        for (std::uint64_t tried = order; tried < order + kOrders; ++tried) {
+            if (fails(less, tried)) {
+                order = tried;
                 failing = less;
-            } else {
-                at += part;
+                break;
             }
         }
     }
-    return failing;
 }
 
-int runAll(std::uint64_t first, std::uint64_t last, std::chrono::seconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    std::uint64_t seed = first;
-    for (; seed <= last && std::chrono::steady_clock::now() < end; ++seed) {
-        const Program made = makeProgram(seed);
-        if (fails(made, seed)) {
-            std::printf("world %llu: %s\n\nmade smaller:\n", static_cast<unsigned long long>(seed),
-                        failure);
+int runAll(unsigned long long first, unsigned long long last, std::time_t end, bool account) {
+    unsigned long long seed = first;
+    for (; seed <= last && std::time(nullptr) < end && interrupted == 0; ++seed) {
+        Program made = makeProgram(seed);
+        if (fails(made, seed, account)) {
+            std::printf("world %llu: %s\n\nmade smaller:\n", seed, failure);
             std::uint64_t order = seed;
-            const Program small = madeSmall(made, order);
-            return fails(small, order, true) ? 1 : 2;
+            makeSmall(made, order);
+            return fails(made, order, true) ? 1 : 2;
         }
     }
-    std::printf("%llu worlds, none failed\n", static_cast<unsigned long long>(seed - first));
+    std::printf("%llu worlds, none failed\n", seed - first);
     return 0;
-}
-
-// Where this process works from now on. Another one removes it in the end, whatever that is.
-bool enterDirectory() {
-    char directory[] = "/tmp/zelvo-simulation-XXXXXX";
-    int ends[2];
-    if (!mkdtemp(directory) || chdir(directory) != 0 || pipe(ends) != 0) {
-        return false;
-    }
-    if (fork() == 0) {
-        setsid(); // what ends this process's group does not end that one
-        close(ends[1]);
-        for (char none; read(ends[0], &none, 1) != 0;) {} // until nobody has the other end
-        std::filesystem::remove_all(directory);
-        _exit(0);
-    }
-    close(ends[0]);
-    return true;
 }
 
 int run(const std::string &option, const char *value) {
     unsigned long long first = std::random_device{}(), last = UINT64_MAX;
-    if (option == "--replay" && std::sscanf(value, "%llu", &first) == 1) {
-        const bool failed = fails(makeProgram(first), first, true);
-        std::printf("world %llu %s\n", first, failed ? failure : "does not fail");
-        return failed ? 1 : 0;
-    }
-    if (option == "--seeds" && std::sscanf(value, "%llu-%llu", &first, &last) == 2) {
-        return runAll(first, last, std::chrono::hours{24});
-    }
+    std::time_t end = std::numeric_limits<std::time_t>::max();
     if (option == "--seconds") {
+        end = std::time(nullptr) + std::atoi(value);
         std::printf("worlds from %llu on\n", first);
-        return runAll(first, last, std::chrono::seconds{std::atoi(value)});
+    } else if (option == "--replay" && std::sscanf(value, "%llu", &first) == 1) {
+        last = first;
+    } else if (option != "--seeds" || std::sscanf(value, "%llu-%llu", &first, &last) != 2) {
+        std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
+        return 2;
     }
-    std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
-    return 2;
+    return runAll(first, last, end, option == "--replay");
 }
 
 } // namespace
@@ -128,5 +102,14 @@ int run(const std::string &option, const char *value) {
 int main(int argc, char **argv) {
     failure = static_cast<char *>(
         mmap(nullptr, kFailure, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    return enterDirectory() ? run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "") : 2;
+    char directory[] = "/tmp/zelvo-simulation-XXXXXX"; // for the key store
+    if (!mkdtemp(directory) || chdir(directory) != 0) {
+        return 2;
+    }
+    for (const int number : {SIGINT, SIGTERM}) { // a world ends first, and the directory goes
+        std::signal(number, [](int) { interrupted = 1; });
+    }
+    const int result = run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "");
+    std::filesystem::remove_all(directory);
+    return result;
 }

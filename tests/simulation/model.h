@@ -1,32 +1,60 @@
-// What the bus promises, beside the bus itself. The model is told what the application does and is
-// handed, and reads the log: a warning or an error has to be one that the world explains. In an
+// What the application of a simulated world does: operations over the public header, which follow
+// from the world's number, and the threads and handlers that carry them out.
+//
+// And what the bus promises, beside the bus itself. The model is told what the application does and
+// is handed, and reads the log: a warning or an error has to be one that the world explains. In an
 // exact world (no shortage, no time limit, no stop, a sound disk) it also follows the bus message
-// by message: what it takes, and what it must say and send then, to whom and in which order.
-// Whatever differs ends the world.
+// by message: what the bus takes, what it must warn of then, and what each node takes, in which
+// order. Whatever differs ends the world.
 #ifndef ZELVO_SIMULATION_MODEL_H
 #define ZELVO_SIMULATION_MODEL_H
 
-#include "program.h"
+#include "world.h"
 
 #include <deque>
-#include <map>
 
 namespace simulation {
 
-struct Message {
-    Node *node; // that has sent it; null: the bus
-    std::string name, requestor;
-    std::string trace;      // in the log, from its action to the length of its payload
-    std::uint64_t sent = 0; // when the bus sent it
+// Who carries an operation out: the thread that has made the node, a handler of the node, or a
+// second thread that uses it.
+enum Place { kOwner, kHandler, kHelper };
 
-    std::string field(const std::string &which) const;
+struct Operation {
+    void (*act)(struct Actor &, const Operation &);
+    unsigned actor, place;
+    unsigned a, b; // which topic, node, key, timer; how long, how large, how
+    bool begun = false;
+};
+
+struct Program {
+    unsigned actors = 2;
+    int level = 1;          // of the log
+    unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
+    Shortage shortage{};
+    std::vector<Operation> operations{};
+
+    bool isExact() const { return level <= 1; } // else only what the application sees is compared
+    bool loses() const {
+        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || shortage.disk > 0;
+    }
+};
+inline Program program; // the world's
+
+Program makeProgram(std::uint64_t seed);
+void play(); // the body of a world's first thread
+
+struct Message {
+    Node *node;        // that has sent it; null: the bus
+    std::string trace; // in the log, from its action to the length of its payload
+    std::string requestor{};
+    std::uint64_t sent = world.now();
+    const Thread *thread = world.current; // by this one
 };
 
 struct Timer {
     Node *node;
     int type;
     unsigned delay;
-    bool hasFunction;
     std::uint64_t begun = world.now(); // when the call that sets it began; it is due after that
     int id = 0;                        // once that call has returned
     std::uint64_t set = kNever;        // when it had
@@ -37,7 +65,7 @@ struct Timer {
     // Whether it must have run before a message is taken or another timer runs, where a look at the
     // timers that were there has found it due.
     bool isMissed(std::uint64_t there, std::uint64_t look) const {
-        return !gone && !killed && hasFunction && set <= there && due(set) <= look;
+        return !gone && !killed && set <= there && due(set) <= look;
     }
 };
 
@@ -46,8 +74,8 @@ struct Node {
     std::string name;
     struct Actor *actor;
     bool leaves = false, drains = false; // it is going to; it has heard of that
-    bool told = false, mayTake = true;   // that is to be heard next; but for one that it has taken
-    bool spins = false, handles = false; // its thread does; a handler runs
+    unsigned mayTake = 1000;             // messages, before it hears of that
+    bool isBusy = true;                  // its thread has something else to do than to take one
     std::deque<Message> inbox{};         // what the bus has sent it
     std::string taken{};                 // by it, last
     std::string answer{};                // to its latest call, as the bus has handed it over
@@ -64,8 +92,7 @@ inline long losses = 0;         // of messages and answers, that the log tells o
 inline bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 
 void readLine(const std::string &line); // of the log, from the current thread
-void expectNothingOnItsWay();
-void expectAllTaken(); // where nobody can go on
+void expectAllTaken();                  // where nobody can go on, and at the end
 
 } // namespace simulation
 

@@ -10,8 +10,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -21,19 +23,10 @@
 
 namespace simulation {
 
-class Random {
-public:
-    explicit Random(std::uint64_t seed) : state_{(seed + 1) * 0x9E3779B97F4A7C15U} {}
-    unsigned below(unsigned n) {
-        state_ ^= state_ << 13U;
-        state_ ^= state_ >> 7U;
-        state_ ^= state_ << 17U;
-        return static_cast<unsigned>((state_ * 0x2545F4914F6CDD1DU >> 32U) % n);
-    }
+struct Random : std::mt19937_64 {
+    using std::mt19937_64::mersenne_twister_engine;
+    unsigned below(std::size_t n) { return static_cast<unsigned>((*this)() % n); }
     bool oneIn(unsigned n) { return n > 0 && below(n) == 0; } // of 0: never
-
-private:
-    std::uint64_t state_;
 };
 
 inline constexpr std::uint64_t kMillisecond = 1'000'000; // of the world's clock
@@ -45,23 +38,15 @@ struct Thread {
     std::string name;
     std::function<void()> body;
     Node *node; // that it works for
-    int number = 0;
-    std::int64_t priority = 0; // where the first in an order goes on
     bool ended = false;
     const void *word = nullptr;   // that it sleeps on
-    std::uint64_t until = kNever; // that it sleeps, woken or not
+    std::uint64_t until = 0;      // that it sleeps
     bool inLibrary = false;       // not while it is in a handler
-    std::string doing{};          // for who asks why it does not go on
+    std::string doing{"goes on"}; // for who asks why it does not
     std::vector<char> objects{};  // its thread_local ones
     std::vector<std::pair<void (*)(void *), void *>> destructors{};
     std::unique_ptr<char[]> stack{};
     ucontext_t place{};
-
-    bool sleeps() const { return word || until != kNever; }
-    void arouse() {
-        word = nullptr;
-        until = kNever;
-    }
 };
 
 class World {
@@ -84,50 +69,34 @@ public:
     // The clock, in nanoseconds. It goes on a little with each step, and jumps to the next time-out
     // when nobody can run.
     std::uint64_t now() const { return jumped_ + step * 20; }
-    // Whether somebody does what begins so.
-    bool isDone(std::string_view what) const {
-        return std::ranges::any_of(alive_, [&](auto *t) { return t->doing.starts_with(what); });
-    }
     // Whether no thread that can go on is kept from it for long, as the clock counts.
-    bool isPrompt() const { return heldUntil_ < heldFrom_ + 12'000 && yieldTime_ < kMillisecond; }
+    bool isPrompt() const { return yieldTime_ < kMillisecond; }
 
-    Random chance{0};                    // for whatever happens by chance
+    Random chance;                       // for whatever happens by chance
     std::function<void()> rests = [] {}; // told where nobody can go on before a time has come
     Thread *current = nullptr;
     std::uint64_t step = 0;
 
 private:
-    void chooseStyle();
     void change();
     void handOn();
     void runCurrent();
     Thread *next();
-    Thread *choose();
 
-    std::vector<std::unique_ptr<Thread>> threads_{};
-    std::vector<Thread *> alive_{}, ready_{};
-    std::uint64_t nextChange_ = kNever, jumped_ = 0;
-    std::uint64_t lastChange_ = 0; // but for yields
-    unsigned rarity_ = 1;          // of changes of the thread, in steps
-    std::uint64_t grain_ = 1;      // of time-outs, which so end at once
-    std::uint64_t yieldTime_ = 0;  // that a yield takes
-    bool byPriority_ = false; // the first in an order goes on, and becomes the last at a change
-    std::int64_t lowest_ = 0;
-    Thread *held_ = nullptr; // stays where it is, as long as others can go on
-    std::uint64_t heldFrom_ = 0, heldUntil_ = 0;
+    std::deque<Thread> threads_{};
+    std::vector<Thread *> alive_{};                       // the first one that can go on does
+    std::uint64_t jumped_ = 1'000'000'000 * kMillisecond; // it does not begin at 0
+    std::uint64_t nextChange_ = kNever, lastChange_ = kNever;
+    unsigned rarity_ = 1;         // of changes of the order, in steps
+    std::uint64_t grain_ = 1;     // of time-outs, which so end at once
+    std::uint64_t yieldTime_ = 0; // that a yield takes
 };
 inline World world;
 
 // Whether the current thread is in the library, for a scope.
-class InLibrary {
-public:
-    explicit InLibrary(bool is) : before_{std::exchange(world.current->inLibrary, is)} {}
-    ~InLibrary() { world.current->inLibrary = before_; }
-    InLibrary(const InLibrary &) = delete;
-    InLibrary &operator=(const InLibrary &) = delete;
-
-private:
-    bool before_;
+struct InLibrary {
+    bool is, before = std::exchange(world.current->inLibrary, is);
+    ~InLibrary() { world.current->inLibrary = before; }
 };
 inline bool inLibrary() {
     return world.current && world.current->inLibrary;
@@ -139,13 +108,12 @@ struct Shortage {
     unsigned oneIn = 0;
     std::uint64_t nth = 0;
     unsigned disk = 0;
-    unsigned next = 0; // of those to come, all
 };
 inline Shortage shortage;
 // A block that the library is going to free. It is not handed out again then, so whoever touches it
 // is found out.
 void *allocate(std::size_t size, std::size_t alignment = 16);
-void expectNothingLeft();
+inline std::size_t blocks = 0; // that the library has
 
 inline constexpr std::size_t kFailure = 4096;
 inline char *failure = nullptr; // where the process that has made this one reads what is wrong

@@ -6,6 +6,7 @@
 
 #include <zelvo/mqtt.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 
@@ -19,6 +20,14 @@ public:
         busClientUnsubscribe(get(), R"(["bus.event"])"); // would grow with what comes and goes
         subscribe(topics);
     }
+    // Whether the text is heard within the limit.
+    bool hears(const std::string &text, std::chrono::milliseconds limit = kLimit) {
+        const auto isThere = [&] {
+            const Texts all = heard();
+            return std::find(all.begin(), all.end(), text) != all.end();
+        };
+        return eventually(isThere, limit);
+    }
     // Up to now, of others than the bus.
     Texts heard() {
         Texts all = Node::heard(0);
@@ -31,13 +40,12 @@ inline constexpr const char *kRefused = "{\"data\":\"not implement\"}";
 
 // A node that answers when it is let.
 struct Slow {
-    Signal asked, free;
+    std::atomic<bool> free{false};
     std::atomic<int> calls{0};
     static char *answer(void *self, client_t *, char *, char *, int) {
         Slow &slow = *static_cast<Slow *>(self);
         ++slow.calls;
-        slow.asked.set();
-        slow.free.wait();
+        eventually([&] { return slow.free.load(); });
         return mallocText("done");
     }
 };

@@ -59,9 +59,9 @@ int run(int seconds, int signal) {
     Bridged sender{broker.url(), "sender",
                    R"("out":["numbers"],"call":["receiver"],"callTimeout":2000)"};
     Received received;
-    RunningNode node{receiver.bus.get(), "numbers", Received::hear, nullptr, &received};
+    Node node{receiver.bus.get(), "numbers", Received::hear, nullptr, &received};
     busClientSubscribe(node.get(), R"(["numbers"])");
-    RunningNode caller{sender.bus.get(), "caller"};
+    Node caller{sender.bus.get(), "caller"};
     bool arrives = true;
     std::atomic<bool> ends{false};
     int sent = 0, answered = 0, refused = 0;

@@ -168,7 +168,7 @@ TEST(Gaps, what_a_full_bus_refuses_is_sticky_in_the_end) {
         }
         return 0;
     };
-    RunningNode stubborn{site.bus.get(), "stubborn", insist};
+    Node stubborn{site.bus.get(), "stubborn", insist};
     busClientSubscribe(stubborn.get(), R"(["kept"])");
     peer.publish("zelvo/topic/kept", "3", true, correlationData());
     EXPECT_TRUE(site.logs("kept is something else on the bus than at the broker, and left so"));
@@ -215,10 +215,10 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     Broker broker{"allow_anonymous true\n"};
     Bridged site{broker.url(), "site", R"("serve":["slow","listener"])"};
     Slow slow;
-    RunningNode node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
+    Node node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
     Peer peer{broker, "zelvo/answer/p/site"};
     peer.request("slow/x", "", "60000");
-    ASSERT_TRUE(slow.asked.wait());
+    ASSERT_TRUE(eventually([&] { return slow.calls > 0; }));
     peer.request("slow/x", "", "1");
     const std::string large(1'000'000, 'x');
     for (int i = 0; i < 40; ++i) {
@@ -227,7 +227,7 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     for (int i = 0; i < 40 - 8; ++i) { // 16 MiB may wait for both nodes
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), kRefused);
     }
-    slow.free.set();
+    slow.free = true;
     for (int i = 0; i < 1 + 8; ++i) {
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
     }
@@ -274,7 +274,7 @@ TEST(Gaps, of_several_brokers_the_first_that_can_be_reached_is_used) {
 
 // ---- names ----
 
-Signal nameServiceGoesOn;
+std::atomic<bool> nameServiceGoesOn{false};
 
 TEST(Names, close_ends_without_a_broker_and_a_name_service) {
     for (const char *const url :
@@ -286,7 +286,7 @@ TEST(Names, close_ends_without_a_broker_and_a_name_service) {
         EXPECT_TRUE(isQuick([&] { site.close(); }));
         EXPECT_TRUE(says(site.log(), "1 publications are lost")) << url << site.log();
     }
-    nameServiceGoesOn.set();
+    nameServiceGoesOn = true;
 }
 
 TEST(Names, a_host_is_tried_address_by_address_and_its_sockets_are_its_own) {
@@ -317,7 +317,7 @@ extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo
         reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
     const std::string name = node ? node : "";
     if (name == "hangs.invalid") {
-        nameServiceGoesOn.wait();
+        eventually([] { return nameServiceGoesOn.load(); });
         return EAI_AGAIN;
     }
     if (name != "several.invalid") {

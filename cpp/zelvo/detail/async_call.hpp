@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <future>
-#include <list>
 #include <memory>
 #include <utility>
 
@@ -15,7 +14,20 @@ namespace zelvo::detail {
 class NodeState;
 class AsyncCall;
 using AsyncCallPtr = std::shared_ptr<AsyncCall>;
-using AsyncCalls = std::list<AsyncCallPtr>;
+
+// A call's place among others, which keep it.
+struct CallPlace : Link {
+    void join(Chain<CallPlace> &calls, const AsyncCallPtr &its) noexcept {
+        call = its;
+        calls.append(*this);
+    }
+    AsyncCallPtr leave() noexcept {
+        unlink();
+        return std::move(call);
+    }
+    AsyncCallPtr call;
+};
+using AsyncCalls = Chain<CallPlace>;
 
 // A call that somebody else makes for a node.
 class AsyncCall {
@@ -45,12 +57,10 @@ public:
     std::atomic<bool> over{false}; // nobody wants it (any more)
 
     // The node's, with its mutex: where the call is, among those under way or those answered.
-    AsyncCalls::iterator place;
+    CallPlace place;
     bool ready = false;
     Answer answer;
-    // The helpers', with their mutex.
-    AsyncCalls::iterator row_place;
-    bool waits = false;
+    CallPlace row_place; // the helpers', with their mutex
 };
 
 // read(answer) gives the future's value, in a helper's thread.
@@ -99,56 +109,55 @@ inline AsyncCallPtr held(AsyncCall *call) {
 // Those of a node. All under the node's mutex.
 class OpenCalls {
 public:
-    void add(const AsyncCallPtr &call) { call->place = under_way_.insert(under_way_.end(), call); }
-    void takeBack() noexcept { under_way_.pop_back(); }
+    void add(const AsyncCallPtr &call) noexcept { call->place.join(under_way_, call); }
+    static void takeBack(AsyncCall &call) noexcept { call.place.leave(); }
 
     // The answer is there. What is given back has to be ended by it; otherwise it waits for the
     // node's thread, or was over.
-    AsyncCalls finish(AsyncCall &call, Answer &&answer) noexcept {
-        AsyncCalls ended;
-        if (!call.over.exchange(true)) {
-            call.answer = std::move(answer);
-            call.ready = call.completes;
-            auto &to = call.ready ? ready_ : ended;
-            to.splice(to.end(), under_way_, call.place);
+    AsyncCallPtr finish(AsyncCall &call, Answer &&answer) noexcept {
+        if (call.over.exchange(true)) {
+            return nullptr;
+        }
+        call.answer = std::move(answer);
+        call.ready = call.completes;
+        AsyncCallPtr ended = call.place.leave();
+        if (call.ready) {
+            call.place.join(ready_, ended);
+            return nullptr;
         }
         return ended;
     }
     bool hasReady() const noexcept { return !ready_.empty(); }
     // The next one whose completion is to be run, or null.
-    AsyncCallPtr takeReady() noexcept {
-        if (ready_.empty()) {
-            return nullptr;
-        }
-        AsyncCallPtr call = std::move(ready_.front());
-        ready_.pop_front();
-        call->ready = false;
-        return call;
-    }
-    // Nothing: it is over, or its completion has been taken.
-    AsyncCalls cancel(AsyncCall &call) noexcept {
-        AsyncCalls cancelled;
-        if (!call.over.exchange(true) || call.ready) {
-            auto &from = call.ready ? ready_ : under_way_;
-            cancelled.splice(cancelled.end(), from, call.place);
+    AsyncCallPtr takeReady() noexcept { return takeFirst(ready_); }
+    // Whether it is to be let go of: not where it is over, or its completion has been taken.
+    static bool cancel(AsyncCall &call) noexcept {
+        const bool open = !call.over.exchange(true) || call.ready;
+        if (open) {
             call.ready = false;
+            call.place.leave();
         }
-        return cancelled;
+        return open;
     }
-    AsyncCalls takeAll() noexcept {
-        AsyncCalls all;
-        all.swap(under_way_);
-        for (const AsyncCallPtr &call : all) {
+    // One of all, or null.
+    AsyncCallPtr takeAny() noexcept {
+        AsyncCallPtr call = takeFirst(under_way_.empty() ? ready_ : under_way_);
+        if (call) {
             call->over = true;
         }
-        for (const AsyncCallPtr &call : ready_) {
-            call->ready = false;
-        }
-        all.splice(all.end(), ready_);
-        return all;
+        return call;
     }
 
 private:
+    static AsyncCallPtr takeFirst(const AsyncCalls &calls) noexcept {
+        if (calls.empty()) {
+            return nullptr;
+        }
+        AsyncCallPtr call = calls.first()->leave();
+        call->ready = false;
+        return call;
+    }
+
     AsyncCalls under_way_;
     AsyncCalls ready_; // answered, their completions not yet run
 };

@@ -21,15 +21,12 @@ inline std::string jsonOf(const Config &config) {
     }
     const long long timeout =
         config.call_timeout.count() < INT_MAX ? config.call_timeout.count() : INT_MAX;
-    std::string json;
-    const auto add = [&json](const char *member, long long number) {
-        json.append(member).append(std::to_string(number));
-    };
-    add("{\"level\":", static_cast<int>(config.level));
-    add(",\"mode\":", config.append);
-    add(",\"size\":", config.log_megabytes);
-    add(",\"callTimeout\":", timeout);
-    json += config.stats ? ",\"stats\":true" : ",\"stats\":false";
+    char numbers[128]; // enough for the largest
+    std::snprintf(numbers, sizeof numbers,
+                  R"({"level":%d,"mode":%d,"size":%d,"callTimeout":%lld,"stats":%s)",
+                  static_cast<int>(config.level), config.append ? 1 : 0, config.log_megabytes,
+                  timeout, config.stats ? "true" : "false");
+    std::string json = numbers;
     if (!config.log.empty()) {
         addPath(json, ",\"path\":", config.log);
     }
@@ -75,21 +72,25 @@ public:
 
     // ---- who waits for whom ----
 
-    // A node whose calls are looked at, from now on until it is taken out; name and turns live as
-    // long. There are 2,048 at most, looked at only where a node comes or goes.
-    void enter(const std::string &name, Turns &turns) {
+    // A node whose calls are looked at, from now on until it is taken out. There are 2,048 at
+    // most, looked at only where a node comes or goes.
+    struct Caller : Link {
+        Caller(const std::string &its, Turns &calls) noexcept : name{its}, turns{calls} {}
+        const std::string &name;
+        Turns &turns;
+    };
+    void enter(Caller &caller) noexcept {
         const std::lock_guard lock{nodes_mutex_};
-        nodes_.push_back({&name, &turns});
+        nodes_.append(caller);
     }
-    void takeOut(const Turns &turns) noexcept {
+    void takeOut(Caller &caller) noexcept {
         const std::lock_guard lock{nodes_mutex_};
-        const auto is = [&turns](const Caller &caller) { return caller.turns == &turns; };
-        nodes_.erase(std::remove_if(nodes_.begin(), nodes_.end(), is), nodes_.end());
+        caller.unlink();
     }
     // Whether the node waits for the answer of the other, or of one that waits for it.
     bool waitsFor(std::string node, const std::string &other) {
         const std::lock_guard lock{nodes_mutex_};
-        for (std::size_t step = 0; step <= nodes_.size(); ++step) {
+        for (auto *step = nodes_.first(); step; step = nodes_.after(*step)) {
             node = calleeOf(node);
             if (node == other) {
                 return true;
@@ -99,7 +100,8 @@ public:
     }
 
     // What a handler has thrown.
-    void report(const std::string &node, const std::exception_ptr &error) const noexcept {
+    ZELVO_RARE void report(const std::string &node,
+                           const std::exception_ptr &error) const noexcept {
         if (on_error_) {
             try {
                 on_error_(node, error);
@@ -113,16 +115,13 @@ public:
     }
 
 private:
-    struct Caller {
-        const std::string *name;
-        Turns *turns;
-    };
-
     // With nodes_mutex_. Of two with the name the later: the other has just left.
     std::string calleeOf(const std::string &node) const {
-        const auto is = [&node](const Caller &caller) { return *caller.name == node; };
-        const auto found = std::find_if(nodes_.rbegin(), nodes_.rend(), is);
-        return found == nodes_.rend() ? std::string{} : found->turns->callee();
+        const Caller *found = nullptr;
+        for (const Caller *caller = nodes_.first(); caller; caller = nodes_.after(*caller)) {
+            found = caller->name == node ? caller : found;
+        }
+        return found ? found->turns.callee() : std::string{};
     }
 
     static void serve(void *bus) { busClientBindServer(static_cast<Zelvo_t *>(bus)); }
@@ -143,7 +142,7 @@ private:
     Zelvo_t *const bus_;
     std::atomic<bool> left_{false};
     std::mutex nodes_mutex_;
-    std::vector<Caller> nodes_;
+    Chain<Caller> nodes_;
     Loop loop_;
 };
 using BusPtr = std::shared_ptr<BusState>;

@@ -3,19 +3,18 @@
 #define ZELVO_DETAIL_CALL_HPP
 
 #include "../types.hpp"
+#include "loop.hpp"
 #include "text.hpp"
 
 #include <zelvo/bus_client.h>
 
 #include <condition_variable>
-#include <list>
 #include <mutex>
 #include <optional>
 #include <thread>
 
 namespace zelvo::detail {
 
-using Clock = std::chrono::steady_clock;
 using Deadline = std::optional<Clock::time_point>; // nothing: no limit
 
 // Whatever the duration: one that is too long for nanoseconds is as long as they go.
@@ -72,8 +71,7 @@ inline Answer noAnswer(Cause cause) {
 }
 
 inline Error noAnswerError(const char *url, Cause cause) {
-    return Error{std::string{"zelvo: the bus does not answer "} + url + ": " + reason(cause),
-                 cause};
+    return Error{concat({"zelvo: the bus does not answer ", url, ": ", reason(cause)}), cause};
 }
 
 // The client makes no other call until the answer is copied.
@@ -101,9 +99,8 @@ public:
         }
         if (taken_) {
             Waiter waiter;
-            const auto place = waiting_.insert(waiting_.end(), &waiter);
+            waiting_.append(waiter);
             if (!await(lock, waiter, deadline)) {
-                waiting_.erase(place);
                 return false;
             }
         }
@@ -119,12 +116,13 @@ public:
         }
         return isKept();
     }
-    // Waits for one to call nobody, once; it needs no memory.
+    // Waits for one to call nobody.
     void takeLast() noexcept {
         std::unique_lock lock{mutex_};
         if (taken_) {
-            waiting_.splice(waiting_.end(), last_place_);
-            await(lock, last_, std::nullopt);
+            Waiter waiter;
+            waiting_.append(waiter);
+            await(lock, waiter, std::nullopt);
         }
         taken_ = true;
     }
@@ -133,9 +131,10 @@ public:
         url_ = nullptr;
         taken_ = !waiting_.empty();
         if (taken_) {
-            waiting_.front()->its = true;
-            waiting_.front()->changed.notify_one();
-            waiting_.pop_front();
+            Waiter &next = *waiting_.first();
+            next.unlink();
+            next.its = true;
+            next.changed.notify_one();
         }
     }
     // The host that is being called, or nothing.
@@ -145,7 +144,7 @@ public:
     }
 
 private:
-    struct Waiter {
+    struct Waiter : Link {
         std::condition_variable changed;
         bool its = false;
     };
@@ -164,9 +163,7 @@ private:
     }
 
     std::mutex mutex_;
-    std::list<Waiter *> waiting_;
-    Waiter last_;
-    std::list<Waiter *> last_place_{&last_};
+    Chain<Waiter> waiting_;
     bool taken_ = false;
     std::thread::id owner_; // that turns are kept for, or none
     const char *url_ = nullptr;

@@ -2,6 +2,7 @@
 #ifndef ZELVO_DETAIL_HANDLERS_HPP
 #define ZELVO_DETAIL_HANDLERS_HPP
 
+#include "chain.hpp"
 #include "text.hpp"
 
 #include <algorithm>
@@ -22,7 +23,7 @@ namespace zelvo::detail {
 using View = std::string_view;
 using Text = std::string;
 
-// Asked in the order in which runWith() does, and no further than it does: what is generic may be
+// Asked in the order in which takes() does, and no further than it does: what is generic may be
 // wrong for strings.
 template <class Run>
 inline constexpr bool kIsHandler =
@@ -53,36 +54,60 @@ struct Copies {
     Text name;
     Text data;
 };
+struct NoCopies {};
 // What std::bind gives takes more than it passes on, so it would get a name for its data.
 template <class Run>
 using TakesName = std::negation<std::conjunction<
     std::is_bind_expression<Run>,
     std::disjunction<std::is_invocable<Run &, View>, std::is_invocable<Run &, Text>>>>;
-// Runs what takes a topic or a path and data, or data alone, or nothing; as views or as strings.
+enum class Takes { views, viewAndText, textAndView, texts, view, text, nothing };
+// A topic or a path and data, or data alone, or nothing; as views or as strings.
 template <class Run>
-decltype(auto) runWith(Run &run, View name, View data, Copies &copies) {
+constexpr Takes takes() {
     using Named = TakesName<Run>;
-    const auto nameCopy = [&]() -> Text && { return std::move(copies.name = name); };
-    const auto dataCopy = [&]() -> Text && { return std::move(copies.data = data); };
     if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, View, View>>) {
-        return run(name, data);
+        return Takes::views;
     } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, View, Text>>) {
-        return run(name, dataCopy());
+        return Takes::viewAndText;
     } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, Text, View>>) {
-        return run(nameCopy(), data);
+        return Takes::textAndView;
     } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, Text, Text>>) {
-        return run(nameCopy(), dataCopy());
+        return Takes::texts;
     } else if constexpr (std::is_invocable_v<Run &, View>) {
-        return run(data);
+        return Takes::view;
     } else if constexpr (std::is_invocable_v<Run &, Text>) {
-        return run(dataCopy());
+        return Takes::text;
+    } else {
+        return Takes::nothing;
+    }
+}
+// Two strings that nobody looks at cost each message some instructions.
+template <class Run>
+using CopiesFor = std::conditional_t<takes<Run>() == Takes::views || takes<Run>() == Takes::view ||
+                                         takes<Run>() == Takes::nothing,
+                                     NoCopies, Copies>;
+template <class Run>
+decltype(auto) runWith(Run &run, View name, View data, CopiesFor<Run> &copies) {
+    constexpr Takes kTakes = takes<Run>();
+    if constexpr (kTakes == Takes::views) {
+        return run(name, data);
+    } else if constexpr (kTakes == Takes::viewAndText) {
+        return run(name, std::move(copies.data = data));
+    } else if constexpr (kTakes == Takes::textAndView) {
+        return run(std::move(copies.name = name), data);
+    } else if constexpr (kTakes == Takes::texts) {
+        return run(std::move(copies.name = name), std::move(copies.data = data));
+    } else if constexpr (kTakes == Takes::view) {
+        return run(data);
+    } else if constexpr (kTakes == Takes::text) {
+        return run(std::move(copies.data = data));
     } else {
         return run();
     }
 }
 template <class Run>
-using ResultOf =
-    std::decay_t<decltype(runWith(std::declval<Run &>(), {}, {}, std::declval<Copies &>()))>;
+using ResultOf = std::decay_t<decltype(runWith(std::declval<Run &>(), {}, {},
+                                               std::declval<CopiesFor<Run> &>()))>;
 
 template <class Run>
 constexpr bool answers() {
@@ -119,7 +144,7 @@ class TopicHandler final : public Handler {
 public:
     explicit TopicHandler(Run &run) : run_{std::move(run)} {}
     void run(View topic, View data, char *& /*answer*/) override {
-        Copies copies;
+        CopiesFor<Run> copies;
         static_cast<void>(runWith(run_, topic, data, copies));
     }
 
@@ -132,7 +157,7 @@ class PathHandler final : public Handler {
 public:
     explicit PathHandler(Run &run) : run_{std::move(run)} {}
     void run(View path, View data, char *&answer) override {
-        Copies copies;
+        CopiesFor<Run> copies;
         using Value = ResultOf<Run>;
         if constexpr (std::is_void_v<Value>) {
             runWith(run_, path, data, copies);
@@ -166,7 +191,7 @@ inline std::vector<std::string> eachOnce(const std::vector<std::string> &names) 
 }
 
 // A step from one set of handlers to another.
-struct Change {
+struct Change : Link {
     enum class Kind { add, remove, set };
     Kind kind;
     std::vector<std::string> names;
@@ -227,7 +252,7 @@ public:
     }
 
 private:
-    Row look(View topic) {
+    ZELVO_RARE Row look(View topic) {
         const auto [first, last] = topics_.equal_range(topic);
         return latest_ = {first, static_cast<std::size_t>(std::distance(first, last))};
     }

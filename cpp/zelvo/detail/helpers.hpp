@@ -5,7 +5,6 @@
 #include "async_call.hpp"
 #include "loop.hpp"
 
-#include <map>
 #include <thread>
 
 namespace zelvo::detail {
@@ -28,6 +27,14 @@ inline constexpr char kHelperPrefix[] = "zelvo/helper/";
 
 class Helpers {
 public:
+    struct Client : Link {
+        Client(client_t *its, const std::string &whose) : client{its}, node{whose} {}
+        ~Client() { busClientClose(client); }
+        client_t *client; // null: none
+        std::string node; // whose calls it makes
+    };
+    using Clients = OwningChain<Client>;
+
     Helpers(std::size_t most, std::size_t most_waiting, std::chrono::milliseconds timeout) noexcept
         : most_{most},
           most_of_host_{std::max<std::size_t>(most / 4, 1)},
@@ -45,21 +52,23 @@ public:
             ending_ = true;
         }
         changed_.notify_all();
-        for (std::thread &thread : threads_) {
-            thread.join();
+        for (; !threads_.empty(); threads_.dropFirst()) {
+            threads_.first()->thread.join();
         }
-        close(idle_clients_);
+        while (!idle_clients_.empty()) {
+            idle_clients_.dropFirst();
+        }
     }
 
     bool any() const noexcept { return most_ > 0; }
     // Of a client that makes calls for the node.
     std::string nameFor(const std::string &node) {
-        return kHelperPrefix + node + '/' + std::to_string(++names_);
+        return concat({kHelperPrefix, node, "/", std::to_string(++names_)});
     }
     // False: too many wait.
     bool add(const AsyncCallPtr &call) {
         const std::lock_guard lock{mutex_};
-        if (idle_ <= waiting_ && threads_.size() < most_) {
+        if (idle_ <= waiting_ && thread_count_ < most_) {
             grow();
         }
         if (threads_.empty()) {
@@ -67,10 +76,10 @@ public:
         }
         Host &host = hostFor(call->url);
         const std::size_t free = most_of_host_ - host.busy;
-        const bool taken = host.waiting.size() < most_waiting_ + free;
+        const bool taken = host.count < most_waiting_ + free;
         if (taken) {
-            call->row_place = host.waiting.insert(host.waiting.end(), call);
-            call->waits = true;
+            call->row_place.join(host.waiting, call);
+            ++host.count;
             ++waiting_;
         }
         settle(host);
@@ -79,8 +88,8 @@ public:
     // Lets go of a call that waits.
     void drop(AsyncCall &call) noexcept {
         const std::lock_guard lock{mutex_};
-        if (call.waits) {
-            Host &host = hosts_.find(hostOf(call.url))->second;
+        if (call.row_place.isLinked()) {
+            Host &host = *find(hostOf(call.url));
             takeOut(host, call);
             settle(host);
         }
@@ -88,38 +97,33 @@ public:
     // The node's helpers leave the bus.
     void leave(const std::string &node) {
         Clients leaving;
-        {
-            const std::lock_guard lock{mutex_};
-            for (auto client = idle_clients_.begin(); client != idle_clients_.end();) {
-                const auto next = std::next(client);
-                if (client->node == node) {
-                    leaving.splice(leaving.end(), idle_clients_, client);
-                    --clients_;
-                }
-                client = next;
-            }
+        const std::lock_guard lock{mutex_};
+        for (Client *client = idleOf(node); client; client = idleOf(node)) {
+            leaving.append(*client);
+            --clients_;
         }
-        close(leaving);
     }
 
 private:
-    struct Host {
-        const std::string *name = nullptr;
+    struct Host : Link { // in ready_, or in others_
+        explicit Host(std::string_view its) : name{its} {}
+        const std::string name;
         AsyncCalls waiting;
-        std::size_t busy = 0;              // calls to it that are under way
-        bool ready = false;                // whether one of those that wait may be made
-        std::list<Host *>::iterator place; // in ready_, or in others_
+        std::size_t count = 0; // of them
+        std::size_t busy = 0;  // calls to it that are under way
     };
-    struct Client {
-        client_t *client;
-        std::string node;
+    using Hosts = OwningChain<Host>;
+    struct Helper : Link {
+        std::thread thread;
     };
-    using Clients = std::list<Client>;
 
     // A thread that cannot be had is no misfortune while there is another.
     void grow() {
         try {
-            threads_.emplace_back(static_cast<Step>(serve), this);
+            OwningChain<Helper> made{new Helper};
+            made.first()->thread = threadOf(serve, this);
+            threads_.append(*made.first());
+            ++thread_count_;
             ++idle_;
         } catch (const std::exception &) {
             if (threads_.empty()) {
@@ -128,39 +132,40 @@ private:
         }
     }
 
-    // With mutex_, like the next two.
-    Host &hostFor(std::string_view url) {
-        const auto [found, fresh] = hosts_.try_emplace(std::string{hostOf(url)});
-        Host &host = found->second;
-        if (fresh) {
-            host.name = &found->first;
-            try {
-                host.place = others_.insert(others_.end(), &host);
-            } catch (...) {
-                hosts_.erase(found);
-                throw;
+    // With mutex_, like the next four. Null: nothing waits for it, and nothing is under way.
+    Host *find(std::string_view name) const noexcept {
+        for (const Hosts *hosts : {&ready_, &others_}) {
+            for (Host *host = hosts->first(); host; host = hosts->after(*host)) {
+                if (host->name == name) {
+                    return host;
+                }
             }
         }
-        return host;
+        return nullptr;
+    }
+    Host &hostFor(std::string_view url) {
+        const std::string_view name = hostOf(url);
+        Host *host = find(name);
+        if (!host) {
+            host = new Host{name};
+            others_.append(*host);
+        }
+        return *host;
     }
     void takeOut(Host &host, AsyncCall &call) noexcept {
-        call.waits = false;
+        call.row_place.leave();
+        --host.count;
         --waiting_;
-        host.waiting.erase(call.row_place);
     }
     // After a change of what waits for a host, or of how busy it is; those that are ready take
     // turns. The host may be gone then.
     void settle(Host &host) noexcept {
-        auto &from = host.ready ? ready_ : others_;
-        if (host.waiting.empty() && host.busy == 0) {
-            from.erase(host.place);
-            hosts_.erase(hosts_.find(*host.name));
-            return;
-        }
-        host.ready = !host.waiting.empty() && host.busy < most_of_host_;
-        auto &to = host.ready ? ready_ : others_;
-        to.splice(to.end(), from, host.place);
-        if (host.ready) {
+        if (host.count == 0 && host.busy == 0) {
+            delete &host;
+        } else if (host.count == 0 || host.busy >= most_of_host_) {
+            others_.append(host);
+        } else {
+            ready_.append(host);
             changed_.notify_one();
         }
     }
@@ -173,8 +178,8 @@ private:
         if (ending_) {
             return nullptr;
         }
-        Host &host = *ready_.front();
-        AsyncCallPtr call = host.waiting.front();
+        Host &host = *ready_.first();
+        AsyncCallPtr call = host.waiting.first()->call;
         takeOut(host, *call);
         ++host.busy;
         --idle_;
@@ -183,53 +188,53 @@ private:
     }
     void done(const AsyncCall &call) noexcept {
         const std::lock_guard lock{mutex_};
-        Host &host = hosts_.find(hostOf(call.url))->second;
+        Host &host = *find(hostOf(call.url));
         --host.busy;
         ++idle_;
         settle(host);
     }
 
+    // With mutex_; or null.
+    Client *idleOf(const std::string &node) const noexcept {
+        Client *client = idle_clients_.first();
+        while (client && client->node != node) {
+            client = idle_clients_.after(*client);
+        }
+        return client;
+    }
     // A client that bears the name of the call's node: one that has made such calls before, or a
     // new one, for which another may have to go. Of none: it could not join.
-    Clients clientFor(const AsyncCall &call) {
+    void getClient(const AsyncCall &call, Clients &into) {
         Clients old;
-        Clients found{{nullptr, call.node_name}};
+        Clients made{new Client{nullptr, call.node_name}};
         const std::string name = nameFor(call.node_name);
         {
             const std::lock_guard lock{mutex_};
-            const auto is = [&call](const Client &client) { return client.node == call.node_name; };
-            const auto idle = std::find_if(idle_clients_.begin(), idle_clients_.end(), is);
-            if (idle != idle_clients_.end()) {
-                found.clear();
-                found.splice(found.end(), idle_clients_, idle);
-                return found;
+            if (Client *const idle = idleOf(call.node_name)) {
+                into.append(*idle);
+                return;
             }
             if (clients_ >= most_ && !idle_clients_.empty()) {
-                old.splice(old.end(), idle_clients_, idle_clients_.begin());
+                old.append(*idle_clients_.first());
                 --clients_;
             }
             ++clients_;
         }
-        close(old);
-        found.front().client = connectSilently(bus_, name.c_str(), nullptr, nullptr, nullptr);
-        return found;
+        old.dropFirst();
+        made.first()->client = connectSilently(bus_, name.c_str(), nullptr, nullptr, nullptr);
+        into.append(*made.first());
     }
     // It stays for further calls of its node, where that is still there.
     void giveBack(Clients &client, const AsyncCall &call) {
         {
             const std::lock_guard lock{mutex_};
-            if (client.front().client && !hasLeft(call)) {
-                idle_clients_.splice(idle_clients_.end(), client);
+            if (client.first()->client && !hasLeft(call)) {
+                idle_clients_.append(*client.first());
                 return;
             }
             --clients_;
         }
-        close(client);
-    }
-    static void close(Clients &clients) noexcept {
-        for (const Client &client : clients) {
-            busClientClose(client.client);
-        }
+        client.dropFirst();
     }
 
     static bool hasLeft(const AsyncCall &call) noexcept;
@@ -243,8 +248,9 @@ private:
         return noAnswer(Cause::lost);
     }
     void make(AsyncCall &call) noexcept try {
-        Clients client = clientFor(call);
-        Answer answer = answerOf(client.front().client, call);
+        Clients client;
+        getClient(call, client);
+        Answer answer = answerOf(client.first()->client, call);
         giveBack(client, call); // before anybody can think that the call is over
         finish(call, std::move(answer));
     } catch (const std::bad_alloc &) {
@@ -270,11 +276,11 @@ private:
 
     std::mutex mutex_; // of all below
     std::condition_variable changed_;
-    std::map<std::string, Host, std::less<>> hosts_; // that are being called, or are to be
-    std::list<Host *> ready_;                        // where something waits that may be made
-    std::list<Host *> others_;
+    Hosts ready_; // that are to be called, where something waits that may be made
+    Hosts others_;
     std::size_t waiting_ = 0; // calls, for all hosts
-    std::vector<std::thread> threads_;
+    OwningChain<Helper> threads_;
+    std::size_t thread_count_ = 0;
     std::size_t idle_ = 0;    // helpers that no call keeps busy; some are about to be woken
     Clients idle_clients_;    // the one that was used last, last
     std::size_t clients_ = 0; // these and the busy ones

@@ -91,9 +91,9 @@ public:
         }
         const bool runs = state_ == State::runs;
         // An executor that returns only when the piece has been run can't be waited for in it.
-        if (poster_ != std::this_thread::get_id()) {
-            changed_.wait_for(lock, std::chrono::seconds{1}, [this] { return !posting_; });
-        }
+        const auto end = Clock::now() + std::chrono::seconds{1};
+        while (posting_ && poster_ != std::this_thread::get_id() &&
+               changed_.wait_until(lock, end) == std::cv_status::no_timeout) {}
         left_ = posting_;
         lock.unlock();
         if (!left_) {
@@ -156,7 +156,9 @@ private:
     }
     bool wait() {
         std::unique_lock lock{mutex_};
-        changed_.wait(lock, [this] { return state_ == State::over; });
+        while (state_ != State::over) {
+            changed_.wait(lock);
+        }
         return done_;
     }
 
@@ -192,6 +194,8 @@ HopsPtr hopsOf(Executor executor) {
     if constexpr (std::is_invocable_v<Executor &, Task>) {
         require(executor);
         return std::make_shared<HopsOf<Executor>>(std::move(executor));
+    } else {
+        return {};
     }
 }
 

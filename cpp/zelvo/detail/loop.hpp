@@ -2,24 +2,29 @@
 #ifndef ZELVO_DETAIL_LOOP_HPP
 #define ZELVO_DETAIL_LOOP_HPP
 
+#include "chain.hpp"
 #include "system.hpp"
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace zelvo::detail {
+
+using Clock = std::chrono::steady_clock;
 
 // What a thread does with an object. All threads are of one kind, and plain functions are passed
 // around inside: each std::function and each lambda in a thread costs every user time to compile.
 using Step = void (*)(void *object);
+
+inline std::thread threadOf(Step body, void *object) {
+    return std::thread{body, object};
+}
 
 // A thread that runs a loop until it is asked to end.
 class Loop {
@@ -31,7 +36,7 @@ public:
         object_ = object;
         keep_ = std::move(keep);
         try {
-            thread_ = std::thread{static_cast<Step>(run), this};
+            thread_ = threadOf(run, this);
         } catch (...) {
             keep_.reset(); // a ring, where it holds this object
             throw;
@@ -43,17 +48,14 @@ public:
     // Asks until the loop has ended, less and less often: a full queue or a shortage of memory may
     // have lost a request. False: giveUp has said that it can't be waited for.
     bool end(Step ask, bool (*giveUp)(void *object)) {
-        std::chrono::milliseconds pause{20};
+        Clock::duration pause = std::chrono::milliseconds{20};
         ask(object_);
-        std::unique_lock lock{mutex_};
-        while (!changed_.wait_for(lock, pause, [this] { return ended_; })) {
-            lock.unlock();
+        while (!endsWithin(pause)) {
             if (giveUp && giveUp(object_)) {
                 return false;
             }
             ask(object_);
-            lock.lock();
-            pause = std::min(2 * pause, std::chrono::milliseconds{1000});
+            pause = std::min<Clock::duration>(2 * pause, std::chrono::seconds{1});
         }
         thread_.join();
         return true;
@@ -62,6 +64,12 @@ public:
     std::thread release() noexcept { return std::move(thread_); }
 
 private:
+    bool endsWithin(Clock::duration pause) {
+        const auto end = Clock::now() + pause;
+        std::unique_lock lock{mutex_};
+        while (!ended_ && changed_.wait_until(lock, end) == std::cv_status::no_timeout) {}
+        return ended_;
+    }
     static void run(void *self) {
         Loop &loop = *static_cast<Loop *>(self);
         nameThread(loop.name_);
@@ -118,25 +126,27 @@ public:
     Retired(const Retired &) = delete;
     Retired &operator=(const Retired &) = delete;
 
-    struct Entry {
+    struct Entry : Link {
         const void *bus = nullptr; // &done_: the thread has ended, or is about to
         std::thread thread;
     };
-    using Entries = std::list<Entry>;
+    using Entries = OwningChain<Entry>;
 
     // Takes one entry over, so that no memory is needed.
     void add(Entries &room, const void *bus, std::thread thread) noexcept {
         const std::lock_guard lock{mutex_};
-        room.front() = {bus, std::move(thread)};
-        entries_.splice(entries_.end(), room);
+        Entry &entry = *room.first();
+        entry.bus = bus;
+        entry.thread = std::move(thread);
+        entries_.append(entry);
     }
     // The calling thread has nothing left to do.
     void finish() {
         join(&done_);
         const std::lock_guard lock{mutex_};
-        for (Entry &entry : entries_) {
-            if (entry.thread.get_id() == std::this_thread::get_id()) {
-                entry.bus = &done_;
+        for (Entry *entry = entries_.first(); entry; entry = entries_.after(*entry)) {
+            if (entry->thread.get_id() == std::this_thread::get_id()) {
+                entry->bus = &done_;
             }
         }
     }
@@ -150,14 +160,16 @@ public:
 private:
     std::thread take(const void *bus) {
         const std::lock_guard lock{mutex_};
-        for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
-            if (!bus || entry->bus == bus) {
-                std::thread thread = std::move(entry->thread);
-                entries_.erase(entry);
-                return thread;
-            }
+        Entry *entry = entries_.first();
+        while (entry && bus && entry->bus != bus) {
+            entry = entries_.after(*entry);
         }
-        return {};
+        std::thread thread;
+        if (entry) {
+            thread = std::move(entry->thread);
+            delete entry;
+        }
+        return thread;
     }
 
     std::mutex mutex_;

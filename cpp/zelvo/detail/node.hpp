@@ -15,13 +15,13 @@ inline Cause refusalOf(BusState &bus, const std::string &name, const Deadline &d
         return Cause::timed_out;
     }
     const std::string probe = bus.helpers().nameFor(name);
-    const std::unique_ptr<client_t, int (*)(client_t *)> client{
-        busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr), busClientClose};
-    if (!client) {
+    const Helpers::Client client{
+        busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr), name};
+    if (!client.client) {
         return Cause::bus_full;
     }
     std::vector<std::string> names;
-    if (const char *const text = busClientCall(client.get(), "/bus/nodes", nullptr, 0)) {
+    if (const char *const text = busClientCall(client.client, "/bus/nodes", nullptr, 0)) {
         JsonReader{text}.texts(names, kHelperPrefix);
     }
     const bool taken = std::find(names.begin(), names.end(), name) != names.end();
@@ -33,7 +33,8 @@ inline client_t *joined(BusState &bus, const std::string &name, onmessage_callba
     client_t *const client = connectSilently(bus.native(), name.c_str(), onMessage, onCall, node);
     if (!client) {
         const Cause cause = refusalOf(bus, name, deadline);
-        throw Error("zelvo: node " + name + " could not join the bus: " + reason(cause), cause);
+        throw Error(concat({"zelvo: node ", name, " could not join the bus: ", reason(cause)}),
+                    cause);
     }
     return client;
 }
@@ -47,12 +48,12 @@ inline NodeState::NodeState(BusState &bus, const std::string &name, HopsPtr hops
 
 inline void NodeState::start() {
     try {
-        bus_.enter(name_, turns_);
+        bus_.enter(caller_);
         loop_.start(
             name_, [](void *node) { static_cast<NodeState *>(node)->run(); }, this,
             shared_from_this());
     } catch (...) {
-        bus_.takeOut(turns_);
+        bus_.takeOut(caller_);
         busClientClose(client_);
         throw;
     }
@@ -74,7 +75,7 @@ inline void NodeState::run() noexcept {
     if (keep || !hops_) {
         forgetHandlers();
     }
-    bus_.takeOut(turns_);
+    bus_.takeOut(caller_);
     busClientClose(client_);
     // A node that could not be waited for may be the last to let go of the bus.
     if (keep) {
@@ -83,30 +84,55 @@ inline void NodeState::run() noexcept {
     }
 }
 
-inline bool NodeState::settle() noexcept {
-    std::list<Change> changes;
+ZELVO_RARE inline bool NodeState::settle() noexcept {
+    OwningChain<Change> changes;
     {
         const std::lock_guard lock{mutex_};
-        changes.swap(changes_);
+        changes.prependAll(changes_);
+        change_count_ = 0;
         attention_ = leaving_ || !arm();
         if (calls_.hasReady()) {
             wake();
         }
     }
     reported([&] { // what goes with a change may be the owner of this node
-        for (; !changes.empty(); changes.pop_front()) {
-            handlers_.make(changes.front());
+        for (; !changes.empty(); changes.dropFirst()) {
+            handlers_.make(*changes.first());
         }
     });
     if (!changes.empty()) { // memory is short
         const std::lock_guard lock{mutex_};
-        changes_.splice(changes_.begin(), changes);
+        changes_.prependAll(changes);
         attention_ = true;
     }
     if (leaving_ && !hops_) {
         goQuietly();
     }
     return !leaving_;
+}
+
+ZELVO_RARE inline void NodeState::inLoop(Step work, void *object) noexcept {
+    auto hop = [&] {
+        const auto *const outer = std::exchange(handlingNode(), this);
+        const auto its = [&] { work(object); };
+        settled(its);
+        if (leaving_) {
+            forgetHandlers();
+        }
+        handlingNode() = outer;
+    };
+    using Hop = decltype(hop);
+    bool done = leaving_;
+    if (!done) {
+        reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
+    }
+    if (!done) { // what is due or ready is looked at again
+        const std::lock_guard lock{mutex_};
+        attention_ = true;
+    }
+    if (leaving_) {
+        goQuietly();
+    }
 }
 
 inline void NodeState::wake() noexcept {
@@ -116,8 +142,8 @@ inline void NodeState::wake() noexcept {
     }
 }
 
-inline void NodeState::noteUnreadable(std::string_view name, std::size_t size,
-                                      std::size_t expected) {
+ZELVO_RARE inline void NodeState::noteUnreadable(std::string_view name, std::size_t size,
+                                                 std::size_t expected) {
     ++unreadable_;
     bus_.report(name_, std::make_exception_ptr(Unreadable{Text{name}, size, expected}));
 }
@@ -161,11 +187,11 @@ inline void NodeState::leave(BusPtr bus) {
 
 inline void NodeState::forgetHandlers() {
     TimerQueue timers;
-    std::list<Change> changes;
+    OwningChain<Change> changes;
     const auto handlers = handlers_.takeAll();
     const std::lock_guard lock{mutex_};
     timers = timers_.takeAll();
-    changes.swap(changes_);
+    changes.prependAll(changes_);
 }
 
 inline bool NodeState::endLoop(bool (*giveUp)(void *node)) {

@@ -57,7 +57,7 @@ inline void NodeState::callAsync(const AsyncCallPtr &call) {
     try {
         taken = bus_.helpers().add(call);
     } catch (...) {
-        calls_.takeBack();
+        OpenCalls::takeBack(*call);
         throw;
     }
     lock.unlock();
@@ -67,7 +67,7 @@ inline void NodeState::callAsync(const AsyncCallPtr &call) {
 }
 
 inline void NodeState::finish(AsyncCall &call, Answer answer) noexcept {
-    AsyncCalls ended;
+    AsyncCallPtr ended;
     {
         const std::lock_guard lock{mutex_};
         ended = calls_.finish(call, std::move(answer));
@@ -75,24 +75,24 @@ inline void NodeState::finish(AsyncCall &call, Answer answer) noexcept {
             wake();
         }
     }
-    if (!ended.empty()) {
+    if (ended) {
         call.end(std::move(call.answer));
     }
 }
 
 inline bool NodeState::cancel(const AsyncCallPtr &call) noexcept {
-    AsyncCalls cancelled;
+    bool cancelled = false;
     {
         const std::lock_guard lock{mutex_};
-        cancelled = calls_.cancel(*call);
-        if (!cancelled.empty()) { // else node and bus may have gone
+        cancelled = OpenCalls::cancel(*call);
+        if (cancelled) { // else node and bus may have gone
             bus_.helpers().drop(*call);
         }
     }
-    if (!cancelled.empty()) {
+    if (cancelled) {
         abandon(*call, Cause::cancelled);
     }
-    return !cancelled.empty();
+    return cancelled;
 }
 
 inline void NodeState::abandon(AsyncCall &call, Cause cause) noexcept {
@@ -108,6 +108,11 @@ inline AsyncCallPtr NodeState::takeReady() noexcept {
     return leaving_ ? nullptr : calls_.takeReady();
 }
 
+inline AsyncCallPtr NodeState::takeAnyCall() noexcept {
+    const std::lock_guard lock{mutex_};
+    return calls_.takeAny();
+}
+
 inline void NodeState::runCompletions() noexcept {
     while (const AsyncCallPtr call = takeReady()) {
         reported([&] { call->end(std::move(call->answer)); });
@@ -116,12 +121,7 @@ inline void NodeState::runCompletions() noexcept {
 }
 
 inline void NodeState::forgetCalls() noexcept {
-    AsyncCalls calls;
-    {
-        const std::lock_guard lock{mutex_};
-        calls = calls_.takeAll();
-    }
-    for (const AsyncCallPtr &call : calls) {
+    while (const AsyncCallPtr call = takeAnyCall()) {
         bus_.helpers().drop(*call);
         abandon(*call, Cause::left);
     }

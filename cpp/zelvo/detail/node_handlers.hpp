@@ -6,12 +6,14 @@
 
 namespace zelvo::detail {
 
-inline void NodeState::change(Change change) {
+inline void NodeState::change(Change::Kind kind, const std::vector<std::string> &names,
+                              HandlerPtr handler) {
     constexpr std::size_t kMany = 16;
+    auto *const made = new Change{{}, kind, names, std::move(handler)};
     const std::lock_guard lock{mutex_};
-    changes_.push_back(std::move(change));
+    changes_.append(*made);
     attention_ = true;
-    if (changes_.size() >= kMany) {
+    if (++change_count_ >= kMany) {
         wake();
     }
 }
@@ -31,7 +33,7 @@ inline void NodeState::subscribe(const std::vector<std::string> &topics,
     const std::string json = jsonArray(fresh);
     try {
         subscriptions_.add(topics, *handler);
-        change({Change::Kind::add, topics, handler}); // it is there before the first message
+        change(Change::Kind::add, topics, handler); // it is there before the first message
         const Cause cause = gone_           ? Cause::left
                             : fresh.empty() ? Cause::answered
                                             : askInTurn(url, json, deadline).cause;
@@ -41,7 +43,7 @@ inline void NodeState::subscribe(const std::vector<std::string> &topics,
     } catch (...) {
         handler->cancelled = true;
         subscriptions_.remove(topics, *handler, nullptr);
-        change({Change::Kind::remove, topics, handler});
+        change(Change::Kind::remove, topics, handler);
         throw;
     }
 }
@@ -52,7 +54,7 @@ inline void NodeState::unsubscribe(const std::vector<std::string> &topics) {
     const auto keep = shared_from_this();
     const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
-    change({Change::Kind::remove, topics, nullptr});
+    change(Change::Kind::remove, topics, nullptr);
     if (turn.owned()) {
         subscriptions_.removeAll(topics);
     }
@@ -70,7 +72,7 @@ inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::
     const auto keep = shared_from_this();
     const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
-    change({Change::Kind::remove, topics, handler});
+    change(Change::Kind::remove, topics, handler);
     if (!turn.owned()) {
         return !leaving_;
     }
@@ -83,14 +85,14 @@ inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::
 }
 
 inline void NodeState::setPath(const std::string &path, HandlerPtr handler) {
-    change({Change::Kind::set, {path}, std::move(handler)});
+    change(Change::Kind::set, {path}, std::move(handler));
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the type is given
 inline int NodeState::onMessage(void *userdata, client_t * /*client*/, char *topic, char *data,
                                 int length) noexcept {
     NodeState &node = of(userdata);
-    node.guarded([&] { node.hear(topic, viewOf(data, length)); });
+    node.guarded([&node, topic, bytes = viewOf(data, length)] { node.hear(topic, bytes); });
     return 0;
 }
 
@@ -147,7 +149,8 @@ inline constexpr bool kKeeps<std::optional<Given>, Reply> = kKeeps<Given, Reply>
 template <class Reply, class Run, class Question>
 constexpr bool gives() {
     if constexpr (std::is_invocable_r_v<std::optional<Reply>, Run &, Question>) {
-        return kKeeps<std::decay_t<std::invoke_result_t<Run &, Question>>, Reply>;
+        return takesWhole<Run, Question>() &&
+               kKeeps<std::decay_t<std::invoke_result_t<Run &, Question>>, Reply>;
     } else {
         return false;
     }

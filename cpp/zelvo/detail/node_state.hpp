@@ -75,8 +75,7 @@ private:
     // Does work, unless the node is leaving; here, or in the loop.
     template <class Work>
     void guarded(Work work) noexcept;
-    template <class Work>
-    void inLoop(Work work) noexcept;
+    void inLoop(Step work, void *object) noexcept;
     template <class Work>
     void settled(Work &work) noexcept;
     template <class Run>
@@ -114,6 +113,7 @@ private:
     Answer askInTurn(const char *url, std::string_view data, const Deadline &deadline);
     static void abandon(AsyncCall &call, Cause cause) noexcept;
     AsyncCallPtr takeReady() noexcept;
+    AsyncCallPtr takeAnyCall() noexcept;
     void runCompletions() noexcept;
     // Futures become ready without an answer, completions never run.
     void forgetCalls() noexcept;
@@ -122,7 +122,7 @@ private:
 
     // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
     // node that hears nothing looks when many wait, so that it does not keep ever more.
-    void change(Change change);
+    void change(Change::Kind kind, const std::vector<std::string> &names, HandlerPtr handler);
     void hear(const char *topic, std::string_view data) noexcept;
 
     // ---- timers ----
@@ -139,12 +139,14 @@ private:
     const HopsPtr hops_;
     client_t *const client_;
     Turns turns_;
+    BusState::Caller caller_{name_, turns_};
     Subscriptions subscriptions_; // whoever has the turn looks at them
 
     Handlers handlers_; // the node's thread's, or the loop's
 
     std::mutex mutex_; // of all below that is not atomic
-    std::list<Change> changes_;
+    OwningChain<Change> changes_;
+    std::size_t change_count_ = 0; // since they were last looked at
     Timers timers_;
     OpenCalls calls_;
     BusPtr keep_;        // of a node that nobody waits for
@@ -156,36 +158,17 @@ private:
     std::atomic<bool> calls_ended_{false}; // nobody has a turn any more
     std::atomic<bool> attention_{false};   // settle() has something to do, or the node is leaving
     Loop loop_;
-    Retired::Entries retirement_{1}; // made when there was memory
+    Retired::Entries retirement_{new Retired::Entry}; // made when there was memory
 };
 
 // These are declared inline for what it says to optimizers: there is one of them for each message.
 template <class Work>
 inline void NodeState::guarded(Work work) noexcept {
-    hops_ ? inLoop(work) : settled(work);
-}
-
-template <class Work>
-void NodeState::inLoop(Work work) noexcept {
-    auto hop = [&] {
-        const auto *const outer = std::exchange(handlingNode(), this);
+    if (!hops_) {
         settled(work);
-        if (leaving_) {
-            forgetHandlers();
-        }
-        handlingNode() = outer;
-    };
-    using Hop = decltype(hop);
-    bool done = leaving_;
-    if (!done) {
-        reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
-    }
-    if (!done) { // what is due or ready is looked at again
-        const std::lock_guard lock{mutex_};
-        attention_ = true;
-    }
-    if (leaving_) {
-        goQuietly();
+    } else {
+        Work its = work; // or it could not stay in registers where it is not wanted
+        inLoop([](void *object) { (*static_cast<Work *>(object))(); }, &its);
     }
 }
 

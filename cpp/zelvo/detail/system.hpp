@@ -28,6 +28,13 @@ __declspec(dllimport) int __stdcall CloseHandle(void *handle);
 #include <unistd.h>
 #endif
 
+// What a message that is handled as usual does not come to: kept out of what it does.
+#if defined(__GNUC__)
+#define ZELVO_RARE [[gnu::cold, gnu::noinline]]
+#else
+#define ZELVO_RARE
+#endif
+
 namespace zelvo::detail {
 
 // The malloc whose memory the library can free: on Windows that of msvcrt.dll, which the DLL has

@@ -7,7 +7,6 @@
 #include <map>
 #include <memory>
 #include <utility>
-#include <vector>
 
 namespace zelvo::detail {
 
@@ -83,7 +82,7 @@ public:
     void repeat(TimerQueue::node_type taken) noexcept {
         TimerEntry &timer = *taken.mapped();
         const auto late = std::max(Clock::now() - taken.key(), Clock::duration{0});
-        taken.key() = later(taken.key(), late / timer.period * timer.period);
+        taken.key() = later(taken.key(), late - late % timer.period);
         taken.key() = later(taken.key(), timer.period);
         timer.place = queue_.insert(std::move(taken));
         timer.waits = true;
@@ -102,37 +101,44 @@ public:
     // halved. The bus has place for 1,024. False: memory is short.
     template <class Set>
     bool arm(Set set) {
-        if (queue_.empty() || (!armed_.empty() && armed_.back().due <= queue_.begin()->first)) {
+        if (queue_.empty() ||
+            (armed_count_ > 0 && armed_[armed_count_ - 1].due <= queue_.begin()->first)) {
             return true;
         }
-        const auto now = Clock::now();
-        const auto wait = std::chrono::ceil<std::chrono::milliseconds>(
-            std::clamp(queue_.begin()->first - now, Clock::duration{0}, Clock::duration{kLongest}));
-        const auto armed = armed_.size() < kExact ? wait : wait / 2;
-        last_ = last_ == INT_MAX ? 1 : last_ + 1;
-        armed_.push_back({std::min(queue_.begin()->first, now + armed), last_});
-        if (!set(static_cast<long>(armed.count()), last_)) {
-            armed_.pop_back();
+        if (armed_count_ == kMost) {
             return false;
         }
+        const auto now = Clock::now();
+        const auto left = std::clamp(queue_.begin()->first - now, Clock::duration{0}, kLongest);
+        const auto wait = (left + kUnit - Clock::duration{1}) / kUnit;
+        const auto armed = armed_count_ < kExact ? wait : wait / 2;
+        last_ = last_ == INT_MAX ? 1 : last_ + 1;
+        if (!set(static_cast<long>(armed), last_)) {
+            return false;
+        }
+        armed_[armed_count_++] = {std::min(queue_.begin()->first, now + armed * kUnit), last_};
         return true;
     }
     // One of the bus's timers has come.
     void note(int number) noexcept {
         const auto is = [number](const Armed &armed) { return armed.number == number; };
-        armed_.erase(std::remove_if(armed_.begin(), armed_.end(), is), armed_.end());
+        Armed *const end = armed_ + armed_count_;
+        armed_count_ = static_cast<std::size_t>(std::remove_if(armed_, end, is) - armed_);
     }
 
 private:
     static constexpr std::size_t kExact = 64;
-    static constexpr std::chrono::milliseconds kLongest{INT_MAX};
+    static constexpr std::size_t kMost = kExact + 32;
+    static constexpr Clock::duration kUnit = std::chrono::milliseconds{1};
+    static constexpr Clock::duration kLongest = INT_MAX * kUnit;
     struct Armed {
         Clock::time_point due;
         int number;
     };
 
     TimerQueue queue_;
-    std::vector<Armed> armed_; // the earliest last
+    Armed armed_[kMost] = {}; // the earliest last
+    std::size_t armed_count_ = 0;
     int last_ = 0;
 };
 
