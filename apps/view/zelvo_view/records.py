@@ -12,6 +12,7 @@ from collections import deque
 from typing import NamedTuple, Optional
 
 LONGEST = 4094  # bytes of a record, without its line feed; the log cuts what is longer
+ZONE = 8 * 3600  # seconds that its times are ahead of UTC
 SHOWN = 200  # a payload of so many bytes or more is logged as "BinaryData..."
 STRANGE_LINES, STRANGE_BYTES = 1000, 1 << 20  # so much before the first record: no log of ours
 
@@ -424,11 +425,17 @@ _LOSSES = {None: 'the log has lost {} lines here', b', not read in time': '{} li
            b', removed': 'lines here were in files that were removed before they were read'}
 
 
-def skipped_before(data, read):
-    """The beginning of a file, and a notice before it where it says that the file before was not the
-    one of which so many bytes have been read."""
-    m = _BEGUN_ANEW.match(data, 1)
-    return b'\nlog lines lost: 0, removed\n' + data if m and int(m.group(1)) != read else data
+def skipped_before(data, read, removed):
+    """The beginning of a file, and a notice before it where another one was between it and that of which
+    so many bytes have been read, and which was removed at that second: its size is another one, or its
+    first line was not written at once."""
+    m, head = _BEGUN_ANEW.match(data, 1), _HEAD_ANYWHERE.search(data)
+    try:
+        begun = (_ms(head.group(3)) + int(head.group(4))) / 1000 - ZONE if head else 0
+    except ValueError:
+        begun = 0
+    is_skipped = m and (int(m.group(1)) != read or begun > removed + 0.1)
+    return b'\nlog lines lost: 0, removed\n' + data if is_skipped else data
 
 
 def notice(record):

@@ -63,10 +63,6 @@ class Inputs:
     def strange(self):
         return sum(reader.strange for reader in self.readers)
 
-    @property
-    def unread(self):
-        return sum(reader.unread for reader in self.readers)
-
     def last_ms(self):
         """The latest time at the end of the files, None where that is not known."""
         ends = []
@@ -236,7 +232,7 @@ class Tail:
         self._file = _open(path)
         self._head = b''  # what it begins with, as far as it is known
         self._came = 0.0  # when, at the latest
-        self._read_before = None  # bytes of the file before, until this one has told of that
+        self._before = None  # (size, when it was removed) of the file before, until this one tells of it
         self.anew = 0  # how often it was begun anew
 
     @property
@@ -253,13 +249,13 @@ class Tail:
             data = self._file.read(CHUNK)  # written before it was removed
             fresh = None if data else self._reopen()
             if fresh is not None:
-                self._read_before = self._file.tell()
+                self._before = (self._file.tell(), os.fstat(self._file.fileno()).st_ctime)
                 self._file.close()
                 self._file, self._head = fresh, b''
                 found += self._begin_anew()
                 data = self._file.read(CHUNK)
-        if data and self._read_before is not None:
-            data, self._read_before = skipped_before(data, self._read_before), None
+        if data and self._before is not None:
+            data, self._before = skipped_before(data, *self._before), None
         now = time.monotonic()
         try:
             if data:

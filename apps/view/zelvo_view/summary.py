@@ -160,8 +160,9 @@ class Summary:
         doubled = matcher.doubled + self.inputs.doubled
         if doubled:
             yield '{} lines stood there twice, and count once.'.format(doubled)
-        if self.inputs.unread:
-            yield '{} lines of messages could not be read.'.format(self.inputs.unread)
+        unread = sum(reader.unread for reader in self.inputs.readers)
+        if unread:
+            yield '{} lines of messages could not be read.'.format(unread)
         if self.inputs.strange:
             yield '{} lines are not of the log.'.format(self.inputs.strange)
 
