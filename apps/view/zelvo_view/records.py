@@ -13,6 +13,7 @@ from typing import NamedTuple, Optional
 
 LONGEST = 4094  # bytes of a record, without its line feed; the log cuts what is longer
 ZONE = 8 * 3600  # seconds that its times are ahead of UTC
+LAG = 0.02  # seconds that the times of files may be behind the clock
 SHOWN = 200  # a payload of so many bytes or more is logged as "BinaryData..."
 STRANGE_LINES, STRANGE_BYTES = 1000, 1 << 20  # so much before the first record: no log of ours
 
@@ -434,7 +435,7 @@ def skipped_before(data, read, removed):
         begun = (_ms(head.group(3)) + int(head.group(4))) / 1000 - ZONE if head else 0
     except ValueError:
         begun = 0
-    is_skipped = m and (int(m.group(1)) != read or begun > removed + 0.1)
+    is_skipped = m and (int(m.group(1)) != read or begun > removed + LAG)
     return b'\nlog lines lost: 0, removed\n' + data if is_skipped else data
 
 
