@@ -248,6 +248,9 @@ class Matcher:
     def finish(self):
         """Yields the rest; calls that have no end among it."""
         for process in self.processes.values():
+            over = self.over(process)
+            for node in process.nodes.values() if over is not None else ():
+                node.left = over if node.left is None else node.left
             for thread in process.threads.values():
                 if thread.call is not None:
                     call, thread.call = thread.call, None
