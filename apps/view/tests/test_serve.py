@@ -11,11 +11,13 @@ import threading
 import time
 import unittest
 from itertools import islice
+from types import SimpleNamespace
 
 from browser import Browser
 from support import HERE, LIMIT, VIEW, Log
 
 sys.path.insert(0, os.path.dirname(HERE))
+from zelvo_view.live import Flow  # noqa: E402
 from zelvo_view.sources import Pipe  # noqa: E402
 
 TAG = '<img src=x onerror=alert(1)>'
@@ -125,6 +127,10 @@ class Serve(unittest.TestCase):
         rows = ({cells[0]: cells[1] for _, _, cells in data['part'][0][2]}
                 for name, data in islice(feed, 200) if name == 'figures')
         self.assertTrue(any('wrong' in rates and rates['beat'] != '0.0' for rates in rows))
+        flow = Flow(SimpleNamespace(ms=0))
+        for second in (*range(300), *range(100, 103)):
+            flow.add(SimpleNamespace(ms=second * 1000))
+        self.assertEqual((sum(flow.line(102)), flow.rate(102)), (3, 1))
 
     def test_faults_come_with_what_led_to_them(self):
         def ring(log):
