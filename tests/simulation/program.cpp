@@ -1,3 +1,4 @@
+#include "bus_mk_queue.h"
 #include "model.h"
 
 #include <bus_client.h>
@@ -318,6 +319,20 @@ void lookAround(bool &over) {
     last.close();
 }
 
+// Who waits for a limited time may destroy the queue that its sender has just been in.
+void useQueue() {
+    bus_mk_q_t *const q = enter("makes a queue", bus_mk_q_new, 2, nullptr);
+    const Thread *const sender = world.spawn("s", [q] {
+        world.pause(3);
+        enter("sends", bus_mk_q_send, q, q, -1);
+    });
+    for (const InLibrary yes{true}; !bus_mk_q_recv(q, 1, 0, 1);) {
+        bus_mk_q_wait(q, 3);
+    }
+    enter("destroys the queue", bus_mk_q_clear, q, nullptr, 0);
+    world.join(sender);
+}
+
 } // namespace
 
 void play() {
@@ -353,6 +368,9 @@ void play() {
     }
     enter("deletes the bus", busClientDelete, bus);
     expectAllTaken();
+    for (int left = 4; left > 0; --left) {
+        useQueue();
+    }
     expect(blocks == 0, "leaves " + to_string(blocks) + " blocks of memory");
     expectFiles();
 }
