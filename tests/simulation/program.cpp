@@ -159,11 +159,12 @@ namespace {
 
 // ---- operations ----
 
-// Who and which, and more, of several kinds; or nothing.
+// Who and which, and more, of several kinds; or nothing. The log tells threads apart by it.
 Text textOf(const Actor &actor, const Operation &o) {
     static long numbers = 0;
     const string who = to_string(actor.number * 3 + o.place) + "." + to_string(++numbers) + "|";
-    const string ends[] = {"", string(300, 'x'), string(o.b % 350, 'x'), string("\0y", 2)};
+    const string ends[] = {"", string(300 + 10 * o.place, 'x'), string(199 - who.size(), 'x'),
+                           string("\0y", 2)};
     return o.place == kOwner && o.b % 7 == 6 ? Text{} : who + ends[o.b % 4];
 }
 
@@ -180,7 +181,8 @@ void changeTopics(Actor &actor, const Operation &o) {
     constexpr decltype(&busClientSubscribe) kChanges[] = {
         busClientSubscribe, busClientUnsubscribe, busClientSubscribe, busClientRemoveSticky};
     const string first = kTopics[o.a % 7], second = kTopics[o.b % 7];
-    const string topics = o.a % 16 == 0 ? "{}" : "[\"" + first + "\",\"" + second + "\"]";
+    const string more = "\",\"" + to_string(o.place) + "\"]"; // which thread it is
+    const string topics = o.a % 16 == 0 ? "{}" : "[\"" + first + "\",\"" + second + more;
     const int result =
         enter("changes topics " + topics, kChanges[o.b % 4], actor.client, topics.c_str());
     expect(result == (topics == "{}" ? -1 : 0) || program.loses(), "is refused, or not");
