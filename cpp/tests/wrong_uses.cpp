@@ -2,6 +2,7 @@
 // Without them it compiles.
 #include <zelvo/bus.hpp>
 
+#include <any>
 #include <map>
 
 constexpr zelvo::Topic<int> count{"count"};
@@ -24,6 +25,7 @@ void use(zelvo::Bus &bus, zelvo::Node &node) {
     node.subscribe("t", [](int) {});                // wrong: of a topic takes
     node.subscribe(count, [](std::string_view) {}); // wrong: of this topic takes
     node.subscribe(heat, [](const int &) {});       // wrong: of this topic takes
+    node.subscribe(heat, [](const std::any &) {});
     node.subscribe(heat, [](auto value) { return value / 2; });
     node.on_call("/x", [](int) { return 1; });               // wrong: of a call takes
     node.on_call("/x", [] { return std::map<int, int>{}; }); // wrong: gives a text

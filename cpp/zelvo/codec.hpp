@@ -351,11 +351,13 @@ template <class Run, class = void>
 inline constexpr bool kIsOne = std::is_pointer_v<Run>;
 template <class Run>
 inline constexpr bool kIsOne<Run, std::void_t<decltype(&Run::operator())>> = true;
-// Whether it takes such a value, and nothing less.
+struct Anything {};
+// Whether it takes such a value, and nothing less, unless it takes anything.
 template <class Run, class Value>
 constexpr bool takesWhole() {
     if constexpr (std::is_arithmetic_v<Value> && kIsOne<Run>) {
-        return std::is_invocable_v<Run &, Value> && !std::is_invocable_v<Run &, Losing<Value>>;
+        return std::is_invocable_v<Run &, Value> &&
+               (!std::is_invocable_v<Run &, Losing<Value>> || std::is_invocable_v<Run &, Anything>);
     } else {
         return std::is_invocable_v<Run &, Value>;
     }

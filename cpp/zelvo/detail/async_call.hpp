@@ -60,7 +60,9 @@ public:
     CallPlace place;
     bool ready = false;
     Answer answer;
-    CallPlace row_place; // the helpers', with their mutex
+    // The helpers', with their mutex.
+    CallPlace row_place;
+    struct Host *host = nullptr;
 };
 
 // read(answer) gives the future's value, in a helper's thread.
@@ -153,7 +155,7 @@ private:
         if (calls.empty()) {
             return nullptr;
         }
-        AsyncCallPtr call = calls.first()->leave();
+        AsyncCallPtr call = calls.front().leave();
         call->ready = false;
         return call;
     }

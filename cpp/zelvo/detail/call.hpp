@@ -131,7 +131,7 @@ public:
         url_ = nullptr;
         taken_ = !waiting_.empty();
         if (taken_) {
-            Waiter &next = *waiting_.first();
+            Waiter &next = waiting_.front();
             next.unlink();
             next.its = true;
             next.changed.notify_one();

@@ -55,6 +55,7 @@ class Chain {
 public:
     bool empty() const noexcept { return !head_.isLinked(); }
     Item *first() const noexcept { return itemAt(head_.next_); }
+    Item &front() const noexcept { return static_cast<Item &>(*head_.next_); } // there is one
     Item *after(const Item &item) const noexcept { return itemAt(item.next_); }
     void append(Item &item) noexcept { head_.takeBefore(item); }
     void prependAll(Chain &other) noexcept { head_.takeAllBehind(other.head_); }
@@ -71,7 +72,6 @@ template <class Item>
 class OwningChain : public Chain<Item> {
 public:
     OwningChain() = default;
-    explicit OwningChain(Item *only) noexcept { this->append(*only); }
     OwningChain(const OwningChain &) = delete;
     OwningChain &operator=(const OwningChain &) = delete;
     ~OwningChain() {
@@ -79,7 +79,7 @@ public:
             dropFirst();
         }
     }
-    void dropFirst() noexcept { delete this->first(); }
+    void dropFirst() noexcept { delete &this->front(); }
 };
 
 } // namespace zelvo::detail

@@ -25,15 +25,24 @@ inline client_t *connectSilently(Zelvo_t *bus, const char *name, onmessage_callb
 // name: it holds a "/", which zelvo::Node refuses and no url reaches.
 inline constexpr char kHelperPrefix[] = "zelvo/helper/";
 
+// To which calls are made, or wait: in a row, and among those that are ready or among the others.
+struct Host : Link {
+    explicit Host(std::string_view its) : name{its} {}
+    const std::string name;
+    Host *next = nullptr; // in its row
+    AsyncCalls waiting;
+    std::size_t count = 0; // of them
+    std::size_t busy = 0;  // calls to it that are under way
+};
+
 class Helpers {
 public:
     struct Client : Link {
-        Client(client_t *its, const std::string &whose) : client{its}, node{whose} {}
+        explicit Client(const std::string &whose) : node{whose} {}
         ~Client() { busClientClose(client); }
-        client_t *client; // null: none
-        std::string node; // whose calls it makes
+        client_t *client = nullptr; // or none
+        std::string node;           // whose calls it makes
     };
-    using Clients = OwningChain<Client>;
 
     Helpers(std::size_t most, std::size_t most_waiting, std::chrono::milliseconds timeout) noexcept
         : most_{most},
@@ -53,7 +62,7 @@ public:
         }
         changed_.notify_all();
         for (; !threads_.empty(); threads_.dropFirst()) {
-            threads_.first()->thread.join();
+            threads_.front().thread.join();
         }
         while (!idle_clients_.empty()) {
             idle_clients_.dropFirst();
@@ -79,6 +88,7 @@ public:
         const bool taken = host.count < most_waiting_ + free;
         if (taken) {
             call->row_place.join(host.waiting, call);
+            call->host = &host;
             ++host.count;
             ++waiting_;
         }
@@ -89,14 +99,13 @@ public:
     void drop(AsyncCall &call) noexcept {
         const std::lock_guard lock{mutex_};
         if (call.row_place.isLinked()) {
-            Host &host = *find(hostOf(call.url));
-            takeOut(host, call);
-            settle(host);
+            takeOut(call);
+            settle(*call.host);
         }
     }
     // The node's helpers leave the bus.
     void leave(const std::string &node) {
-        Clients leaving;
+        OwningChain<Client> leaving;
         const std::lock_guard lock{mutex_};
         for (Client *client = idleOf(node); client; client = idleOf(node)) {
             leaving.append(*client);
@@ -105,14 +114,8 @@ public:
     }
 
 private:
-    struct Host : Link { // in ready_, or in others_
-        explicit Host(std::string_view its) : name{its} {}
-        const std::string name;
-        AsyncCalls waiting;
-        std::size_t count = 0; // of them
-        std::size_t busy = 0;  // calls to it that are under way
-    };
-    using Hosts = OwningChain<Host>;
+    static constexpr std::size_t kRows = 256;
+    using ClientPtr = std::unique_ptr<Client>;
     struct Helper : Link {
         std::thread thread;
     };
@@ -120,9 +123,9 @@ private:
     // A thread that cannot be had is no misfortune while there is another.
     void grow() {
         try {
-            OwningChain<Helper> made{new Helper};
-            made.first()->thread = threadOf(serve, this);
-            threads_.append(*made.first());
+            std::unique_ptr<Helper> made{new Helper};
+            made->thread = threadOf(serve, this);
+            threads_.append(*made.release());
             ++thread_count_;
             ++idle_;
         } catch (const std::exception &) {
@@ -132,35 +135,34 @@ private:
         }
     }
 
-    // With mutex_, like the next four. Null: nothing waits for it, and nothing is under way.
-    Host *find(std::string_view name) const noexcept {
-        for (const Hosts *hosts : {&ready_, &others_}) {
-            for (Host *host = hosts->first(); host; host = hosts->after(*host)) {
-                if (host->name == name) {
-                    return host;
-                }
-            }
+    // With mutex_, like the next four. Where the host stands, or would: then nothing waits for it,
+    // and nothing is under way.
+    Host *&placeOf(std::string_view name) noexcept {
+        Host **place = &hosts_[std::hash<std::string_view>{}(name) % kRows];
+        while (*place && (*place)->name != name) {
+            place = &(*place)->next;
         }
-        return nullptr;
+        return *place;
     }
     Host &hostFor(std::string_view url) {
         const std::string_view name = hostOf(url);
-        Host *host = find(name);
-        if (!host) {
-            host = new Host{name};
-            others_.append(*host);
+        Host *&place = placeOf(name);
+        if (!place) {
+            place = new Host{name};
+            others_.append(*place);
         }
-        return *host;
+        return *place;
     }
-    void takeOut(Host &host, AsyncCall &call) noexcept {
+    void takeOut(AsyncCall &call) noexcept {
         call.row_place.leave();
-        --host.count;
+        --call.host->count;
         --waiting_;
     }
     // After a change of what waits for a host, or of how busy it is; those that are ready take
     // turns. The host may be gone then.
     void settle(Host &host) noexcept {
         if (host.count == 0 && host.busy == 0) {
+            placeOf(host.name) = host.next;
             delete &host;
         } else if (host.count == 0 || host.busy >= most_of_host_) {
             others_.append(host);
@@ -178,9 +180,9 @@ private:
         if (ending_) {
             return nullptr;
         }
-        Host &host = *ready_.first();
-        AsyncCallPtr call = host.waiting.first()->call;
-        takeOut(host, *call);
+        Host &host = ready_.front();
+        AsyncCallPtr call = host.waiting.front().call;
+        takeOut(*call);
         ++host.busy;
         --idle_;
         settle(host);
@@ -188,10 +190,9 @@ private:
     }
     void done(const AsyncCall &call) noexcept {
         const std::lock_guard lock{mutex_};
-        Host &host = *find(hostOf(call.url));
-        --host.busy;
+        --call.host->busy;
         ++idle_;
-        settle(host);
+        settle(*call.host);
     }
 
     // With mutex_; or null.
@@ -204,37 +205,35 @@ private:
     }
     // A client that bears the name of the call's node: one that has made such calls before, or a
     // new one, for which another may have to go. Of none: it could not join.
-    void getClient(const AsyncCall &call, Clients &into) {
-        Clients old;
-        Clients made{new Client{nullptr, call.node_name}};
+    ClientPtr clientFor(const AsyncCall &call) {
+        ClientPtr old;
+        ClientPtr made{new Client{call.node_name}};
         const std::string name = nameFor(call.node_name);
         {
             const std::lock_guard lock{mutex_};
             if (Client *const idle = idleOf(call.node_name)) {
-                into.append(*idle);
-                return;
+                idle->unlink();
+                return ClientPtr{idle};
             }
             if (clients_ >= most_ && !idle_clients_.empty()) {
-                old.append(*idle_clients_.first());
+                old.reset(&idle_clients_.front());
+                old->unlink();
                 --clients_;
             }
             ++clients_;
         }
-        old.dropFirst();
-        made.first()->client = connectSilently(bus_, name.c_str(), nullptr, nullptr, nullptr);
-        into.append(*made.first());
+        old.reset();
+        made->client = connectSilently(bus_, name.c_str(), nullptr, nullptr, nullptr);
+        return made;
     }
     // It stays for further calls of its node, where that is still there.
-    void giveBack(Clients &client, const AsyncCall &call) {
-        {
-            const std::lock_guard lock{mutex_};
-            if (client.first()->client && !hasLeft(call)) {
-                idle_clients_.append(*client.first());
-                return;
-            }
+    void giveBack(ClientPtr client, const AsyncCall &call) {
+        const std::lock_guard lock{mutex_};
+        if (client->client && !hasLeft(call)) {
+            idle_clients_.append(*client.release());
+        } else {
             --clients_;
         }
-        client.dropFirst();
     }
 
     static bool hasLeft(const AsyncCall &call) noexcept;
@@ -248,10 +247,9 @@ private:
         return noAnswer(Cause::lost);
     }
     void make(AsyncCall &call) noexcept try {
-        Clients client;
-        getClient(call, client);
-        Answer answer = answerOf(client.first()->client, call);
-        giveBack(client, call); // before anybody can think that the call is over
+        ClientPtr client = clientFor(call);
+        Answer answer = answerOf(client->client, call);
+        giveBack(std::move(client), call); // before anybody can think that the call is over
         finish(call, std::move(answer));
     } catch (const std::bad_alloc &) {
         finish(call, noAnswer(Cause::lost));
@@ -276,14 +274,15 @@ private:
 
     std::mutex mutex_; // of all below
     std::condition_variable changed_;
-    Hosts ready_; // that are to be called, where something waits that may be made
-    Hosts others_;
+    Host *hosts_[kRows] = {};
+    OwningChain<Host> ready_; // of those, where something waits that may be made
+    OwningChain<Host> others_;
     std::size_t waiting_ = 0; // calls, for all hosts
     OwningChain<Helper> threads_;
     std::size_t thread_count_ = 0;
-    std::size_t idle_ = 0;    // helpers that no call keeps busy; some are about to be woken
-    Clients idle_clients_;    // the one that was used last, last
-    std::size_t clients_ = 0; // these and the busy ones
+    std::size_t idle_ = 0; // helpers that no call keeps busy; some are about to be woken
+    OwningChain<Client> idle_clients_; // the one that was used last, last
+    std::size_t clients_ = 0;          // these and the busy ones
     bool ending_ = false;
 };
 

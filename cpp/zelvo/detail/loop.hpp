@@ -130,15 +130,14 @@ public:
         const void *bus = nullptr; // &done_: the thread has ended, or is about to
         std::thread thread;
     };
-    using Entries = OwningChain<Entry>;
+    using Room = std::unique_ptr<Entry>;
 
-    // Takes one entry over, so that no memory is needed.
-    void add(Entries &room, const void *bus, std::thread thread) noexcept {
+    // Takes the entry over, so that no memory is needed.
+    void add(Room room, const void *bus, std::thread thread) noexcept {
         const std::lock_guard lock{mutex_};
-        Entry &entry = *room.first();
-        entry.bus = bus;
-        entry.thread = std::move(thread);
-        entries_.append(entry);
+        room->bus = bus;
+        room->thread = std::move(thread);
+        entries_.append(*room.release());
     }
     // The calling thread has nothing left to do.
     void finish() {
@@ -173,7 +172,7 @@ private:
     }
 
     std::mutex mutex_;
-    Entries entries_;
+    OwningChain<Entry> entries_;
     const char done_ = 0;
 };
 

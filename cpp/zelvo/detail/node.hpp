@@ -15,8 +15,8 @@ inline Cause refusalOf(BusState &bus, const std::string &name, const Deadline &d
         return Cause::timed_out;
     }
     const std::string probe = bus.helpers().nameFor(name);
-    const Helpers::Client client{
-        busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr), name};
+    Helpers::Client client{name};
+    client.client = busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr);
     if (!client.client) {
         return Cause::bus_full;
     }
@@ -43,11 +43,11 @@ inline NodeState::NodeState(BusState &bus, const std::string &name, HopsPtr hops
     : bus_{bus},
       timeout_{bus.timeout()},
       name_{name},
-      hops_{std::move(hops)},
-      client_{joined(bus, name, onMessage, onCall, this)} {}
+      hops_{std::move(hops)} {}
 
 inline void NodeState::start() {
     try {
+        client_ = joined(bus_, name_, onMessage, onCall, this);
         bus_.enter(caller_);
         loop_.start(
             name_, [](void *node) { static_cast<NodeState *>(node)->run(); }, this,
@@ -97,7 +97,7 @@ ZELVO_RARE inline bool NodeState::settle() noexcept {
     }
     reported([&] { // what goes with a change may be the owner of this node
         for (; !changes.empty(); changes.dropFirst()) {
-            handlers_.make(*changes.first());
+            handlers_.make(changes.front());
         }
     });
     if (!changes.empty()) { // memory is short
@@ -224,7 +224,7 @@ inline bool NodeState::retire(BusPtr &bus) {
     {
         const std::lock_guard lock{mutex_};
         if (!gone_) {
-            Retired::instance().add(retirement_, bus.get(), loop_.release());
+            Retired::instance().add(std::move(retirement_), bus.get(), loop_.release());
             keep_ = std::move(bus);
             alone = true;
         }

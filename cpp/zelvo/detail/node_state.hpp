@@ -137,7 +137,7 @@ private:
     const std::chrono::milliseconds timeout_;
     const std::string name_;
     const HopsPtr hops_;
-    client_t *const client_;
+    client_t *client_ = nullptr; // until it starts
     Turns turns_;
     BusState::Caller caller_{name_, turns_};
     Subscriptions subscriptions_; // whoever has the turn looks at them
@@ -158,7 +158,7 @@ private:
     std::atomic<bool> calls_ended_{false}; // nobody has a turn any more
     std::atomic<bool> attention_{false};   // settle() has something to do, or the node is leaving
     Loop loop_;
-    Retired::Entries retirement_{new Retired::Entry}; // made when there was memory
+    Retired::Room retirement_{new Retired::Entry}; // made when there was memory
 };
 
 // These are declared inline for what it says to optimizers: there is one of them for each message.
