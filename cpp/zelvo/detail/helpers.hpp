@@ -39,6 +39,8 @@ class Helpers {
 public:
     struct Client : Link {
         explicit Client(const std::string &whose) : node{whose} {}
+        Client(const Client &) = delete;
+        Client &operator=(const Client &) = delete;
         ~Client() { busClientClose(client); }
         client_t *client = nullptr; // or none
         std::string node;           // whose calls it makes
