@@ -1,4 +1,4 @@
-// keys.json. KeyFile::State says what is known of it; nothing that has not been read is
+// keys.json. KeyFile::State says what is known of it; a file that is there and can't be used is not
 // overwritten.
 #include "bus_server/internal.h"
 
