@@ -111,11 +111,27 @@ ZELVO_RARE inline bool NodeState::settle() noexcept {
     return !leaving_;
 }
 
-ZELVO_RARE inline void NodeState::inLoop(Step work, void *object) noexcept {
+ZELVO_RARE inline void NodeState::rarely(Step work, void *object) noexcept {
+    if (hops_) {
+        inLoop(work, object);
+    } else {
+        settled(work, object);
+    }
+}
+
+inline void NodeState::settled(Step work, void *object) noexcept {
+    if (!attention_ || settle()) {
+        work(object);
+    }
+    if (attention_) {
+        settle();
+    }
+}
+
+inline void NodeState::inLoop(Step work, void *object) noexcept {
     auto hop = [&] {
         const auto *const outer = std::exchange(handlingNode(), this);
-        const auto its = [&] { work(object); };
-        settled(its);
+        settled(work, object);
         if (leaving_) {
             forgetHandlers();
         }
@@ -140,6 +156,10 @@ inline void NodeState::wake() noexcept {
         wakes_ = busClientSettimer(client_, onTimer, 0, 0, this) != -1;
         attention_ = attention_ || !wakes_;
     }
+}
+
+ZELVO_RARE inline void NodeState::reportCurrent() noexcept {
+    bus_.report(name_, std::current_exception());
 }
 
 ZELVO_RARE inline void NodeState::noteUnreadable(std::string_view name, std::size_t size,
