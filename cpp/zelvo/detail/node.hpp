@@ -142,18 +142,20 @@ inline void NodeState::inLoop(Step work, void *object) noexcept {
     if (!done) {
         reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
     }
-    if (!done) { // what is due or ready is looked at again
+    pause_ = done ? 0 : std::clamp(2 * pause_, 20L, 1000L);
+    if (!done) { // what is due or ready is looked at again, also where no message comes
         const std::lock_guard lock{mutex_};
         attention_ = true;
+        wake(pause_);
     }
     if (leaving_) {
         goQuietly();
     }
 }
 
-inline void NodeState::wake() noexcept {
+inline void NodeState::wake(long milliseconds) noexcept {
     if (!wakes_ && !gone_) {
-        wakes_ = busClientSettimer(client_, onTimer, 0, 0, this) != -1;
+        wakes_ = busClientSettimer(client_, onTimer, milliseconds, 0, this) != -1;
         attention_ = attention_ || !wakes_;
     }
 }

@@ -85,8 +85,8 @@ private:
     // Makes the changes that wait, and asks for the looks that there was no memory for. False: the
     // node is leaving.
     bool settle() noexcept;
-    // With mutex_: has the node's thread look at what has been left for it.
-    void wake() noexcept;
+    // With mutex_: has the node's thread look at what has been left for it, after so long.
+    void wake(long milliseconds = 0) noexcept;
 
     // ---- its life ----
 
@@ -150,6 +150,7 @@ private:
     Subscriptions subscriptions_; // whoever has the turn looks at them
 
     Handlers handlers_; // the node's thread's, or the loop's
+    long pause_ = 0;    // of milliseconds, after work that the loop has lost; the node's thread's
 
     std::mutex mutex_; // of all below that is not atomic
     OwningChain<Change> changes_;
