@@ -10,14 +10,9 @@
 #include <future>
 
 #include <fcntl.h>
-#include <sys/epoll.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
-
-std::atomic<int> waits{0}; // of this program, for sockets
 
 class Bridges : public testing::Test {
 protected:
@@ -212,23 +207,6 @@ TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
 
 // ---- the process ----
 
-TEST_F(Bridges, a_process_that_forks_keeps_its_connections_and_its_peace) {
-    Bridged from{broker.url(), "from", R"("out":["t"])"};
-    const pid_t child = fork(); // has the connections, too
-    EXPECT_EQ(child == 0 ? raise(SIGSTOP) : 0, 0);
-    waits = 0;
-    broker.kill(SIGTERM);
-    EXPECT_TRUE(from.logs("no connection"));
-    broker.start();
-    EXPECT_TRUE(from.isConnected());
-    EXPECT_LT(waits, 1000); // the child's ends of the first ones wake nobody
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    Peer peer{broker, "zelvo/topic/t"};
-    publish(from, "t", "x");
-    EXPECT_EQ(peer.next("zelvo/topic/t"), "x");
-}
-
 TEST_F(Bridges, a_log_that_nobody_reads_holds_up_nobody) {
     int ends[2] = {-1, -1};
     ASSERT_TRUE(pipe2(ends, O_CLOEXEC) == 0 && fcntl(ends[1], F_SETPIPE_SZ, 4096) == 4096);
@@ -324,20 +302,4 @@ TEST_F(Bridges, close_ends_whatever_the_broker_and_the_bus_do) {
     stopped.bus.start();
 }
 
-TEST_F(Bridges, close_is_asked_again_while_a_served_node_does_not_answer) {
-    Bridged site{broker.url(), "site", R"("serve":["slow"])"};
-    Slow slow;
-    Node node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
-    Peer{broker, "x"}.request("slow/x");
-    ASSERT_TRUE(eventually([&] { return slow.calls > 0; }));
-    EXPECT_TRUE(isQuick([&] { EXPECT_EQ(zelvo_mqtt_close(site.get()), -1); }));
-    slow.free = true;
-    site.close();
-}
-
 } // namespace
-
-extern "C" int epoll_wait(int epoll, epoll_event *events, int most, int timeout) {
-    ++waits;
-    return static_cast<int>(syscall(SYS_epoll_pwait, epoll, events, most, timeout, nullptr, 8));
-}
