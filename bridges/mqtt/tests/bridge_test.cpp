@@ -5,12 +5,8 @@
 #include "session.h"
 
 #include <gtest/gtest.h>
-#include <mqtt_protocol.h>
 
 #include <future>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 
@@ -179,6 +175,20 @@ TEST_F(Bridges, publications_wait_for_a_broker_that_is_away) {
     EXPECT_FALSE(to.listener.hears("command late", std::chrono::milliseconds{0}));
 }
 
+TEST_F(Bridges, what_the_bus_does_not_take_waits_at_the_broker) {
+    Bridged site{broker.url(), "site", R"("in":["t"])"};
+    hear(site, R"(["t"])");
+    site.bus.stop();
+    Peer peer{broker, "x"};
+    for (int i = 1; i <= 3'000; ++i) { // more than the bus's queue of 2,048 places
+        peer.publish("zelvo/topic/t", std::to_string(i));
+    }
+    EXPECT_TRUE(site.logs("the bus takes no publications"));
+    site.bus.start();
+    EXPECT_TRUE(site.listener.hears("t 3000"));
+    EXPECT_EQ(site.listener.heard().size(), 2U + 3'000U); // two states
+}
+
 TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
     Bridged one{broker.url(), "site", R"("in":["a"])"};
     const std::string alone = one.listener.call("/bus/nodes");
@@ -203,19 +213,6 @@ TEST_F(Bridges, several_on_one_bus_leave_it_as_it_was) {
     Listener late{one.bus, "late", R"(["mqtt.state"])"};
     EXPECT_EQ(late.call("/bus/nodes").find("mqtt"), std::string::npos);
     EXPECT_TRUE(late.heard().empty());
-}
-
-// ---- the process ----
-
-TEST_F(Bridges, a_log_that_nobody_reads_holds_up_nobody) {
-    int ends[2] = {-1, -1};
-    ASSERT_TRUE(pipe2(ends, O_CLOEXEC) == 0 && fcntl(ends[1], F_SETPIPE_SZ, 4096) == 4096);
-    EXPECT_EQ(::write(ends[1], std::string(4096, 'x').data(), 4096), 4096);
-    Bridged site{broker.url(), "site"};
-    zelvo_mqtt_t *const quiet = site.another(R"("site":"quiet","call":["two"])",
-                                             "/proc/self/fd/" + std::to_string(ends[1]));
-    EXPECT_EQ(site.listener.call("/two/"), kRefused);
-    EXPECT_EQ(zelvo_mqtt_close(quiet), 0);
 }
 
 TEST_F(Bridges, as_many_sticky_topics_go_out_as_a_bus_has) {

@@ -172,6 +172,16 @@ TEST(Log, a_file_that_has_got_too_large_is_begun_anew) {
     EXPECT_FALSE(log.open(directory.path(), Level::kInfo));
 }
 
+TEST(Log, that_nobody_reads_holds_up_nobody) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string full(std::size_t{1} << 16, 'x');
+    EXPECT_EQ(write(ends[1], full.data(), full.size()), static_cast<ssize_t>(full.size()));
+    Log log;
+    ASSERT_TRUE(log.open("/proc/self/fd/" + std::to_string(ends[1]), Level::kInfo));
+    log.info("left out");
+}
+
 // The first letters of what is handed over with these numbers, "-" where there is nothing.
 std::string handedOver(Outbox &outbox, int first, int last) {
     std::string all;

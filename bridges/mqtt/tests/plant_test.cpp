@@ -177,10 +177,8 @@ TEST(Gaps, commands_that_were_acknowledged_are_not_sent_again) {
     Broker broker{kPersistent};
     Bridged from{broker.url(), "from", R"("out":["command"])"};
     Peer machine{broker, "zelvo/topic/command"};
-    for (const char *const command : {"open-valve", "start-pump", "stop-pump"}) {
-        publish(from, "command", command);
-        EXPECT_EQ(machine.next("zelvo/topic/command"), command);
-    }
+    publish(from, "command", "open-valve");
+    EXPECT_EQ(machine.next("zelvo/topic/command"), "open-valve");
     EXPECT_TRUE(eventually([&] { return says(from.state(), R"("underWay":0)"); }));
     { const Bridged second{broker.url(), "from"}; }
     EXPECT_TRUE(from.logs("another bridge has the name of this site"));
@@ -234,10 +232,10 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_close_is_asked_again_while_one_i
     for (int i = 0; i < 1 + 8; ++i) {
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
     }
+    EXPECT_TRUE(site.logs("1 calls from outside to slow are dropped: they have waited too long"));
     answers = false;
     peer.request("slow/x"); // there is room again
     EXPECT_TRUE(eventually([&] { return calls == 1 + 8 + 1; }));
-    EXPECT_TRUE(site.logs("1 calls from outside to slow are dropped: they have waited too long"));
     EXPECT_TRUE(isQuick([&] { EXPECT_EQ(zelvo_mqtt_close(site.get()), -1); }));
     answers = true;
     site.close();
