@@ -97,8 +97,7 @@ std::vector<std::string> hardPayloads() {
     for (int c = 0; c < 198; ++c) {
         every += static_cast<char>(c + 58);
     }
-    return {"plain",
-            "two\nlines",
+    return {"two\nlines",
             "a, payload len: 1\n" + forged + "\n, payload len: 3\n",
             "five5, payload len: 5\n" + forged,
             "\x1b[2J\x1b]0;title\x07\r\x9b",
@@ -109,7 +108,6 @@ std::vector<std::string> hardPayloads() {
             "BinaryData...",
             std::string(199, 'x'),
             std::string(200, 'y'),
-            std::string(5000, 'z'),
             "\xe2\x86\x92 \xf0\x9f\x92\xa1 \xe2\x80\xae",
             ""};
 }
@@ -140,9 +138,8 @@ void publications(RunningBus &bus, const Actor &lamp) {
     spin.join();
     later.node.call("/lamp/too/late");
     fault("refused", "not on the bus", 1);
-    if (!Actor(bus, "lamp").node.get()) {
-        fault("refused", "a node of this name", 1);
-    }
+    const Actor second(bus, "lamp");
+    fault("refused", "a node of this name", 1);
 }
 
 void calls(RunningBus &bus, Actor &lamp) {
