@@ -265,7 +265,7 @@ TEST(Secured, the_certificate_and_the_password_decide) {
     for (const auto &[where, with, why] : std::vector<std::array<std::string, 3>>{
              {url, members("\"other\""), "no connection: the broker refuses: Not authorized"},
              {url, "\"qos\":0", certificate + "self-signed certificate in certificate chain"},
-             {broker.url("mqtts", "127.0.0.1"), members("\"x\""),
+             {broker.url("mqtts", "127.0.0.1"), members("\"secret\""),
               certificate + "IP address mismatch"},
              {"mqtts://127.0.0.1:1", "\"qos\":0", "no connection: The connection was lost"}}) {
         Bridged refused{where, "refused", with, false};
