@@ -71,7 +71,8 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     };
     for (const auto &entry : cases) {
         const std::string why = refusal(entry.name);
-        EXPECT_NE(why.find(entry.why), why.npos) << entry.name << ": " << why;
+        const bool isTold = *entry.why == '\0' ? why.empty() : why.find(entry.why) != why.npos;
+        EXPECT_TRUE(isTold) << entry.name << ": " << why;
     }
     EXPECT_EQ(node.nodes(), std::vector<std::string>{node.name()});
     node.on_call([] { return threadName(); });

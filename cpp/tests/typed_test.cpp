@@ -150,7 +150,7 @@ TEST(Typed, a_service_answers_by_value_and_says_why_there_is_none) {
     EXPECT_EQ(panel.call("/lamp/nul").cause, Cause::no_handler);
     lamp.on_call("/readings", [] { return "\1\1"; }); // a NUL is no number of readings
     EXPECT_EQ(panel.call(kReadings, "x").cause(), Cause::unreadable);
-    lamp.on_call(Service<int, int>{"/lamp/"}, [](int) { return 1; });
+    Node{bus, "n"}.on_call(Service<int, int>{"/n/"}, [](int) { return 1; });
     EXPECT_THROW(lamp.on_call(Service<int, int>{"/lamp"}, [](int) { return 1; }),
                  std::invalid_argument);
     EXPECT_THROW(lamp.on_call(kDescribe, std::function<std::string(Reading)>{}),
