@@ -1,7 +1,5 @@
 #include "bus_mk_queue.h"
 
-#include "bus_mk_row.h"
-
 #include <gtest/gtest.h>
 
 namespace {
@@ -58,17 +56,6 @@ TEST(Queue, is_one_sequence_with_room_for_so_many) {
     EXPECT_EQ(g_told, "ba");
     EXPECT_EQ(after(nullptr), "-  4");
     bus_mk_q_clear(q, nullptr, 0);
-}
-
-TEST(Row, needs_no_more_memory_where_one_item_goes_for_each_that_comes) {
-    bus_mk_row row;
-    row.add(&row);
-    void *const *const memory = row.begin();
-    for (int i = 0; i < 100; ++i) {
-        row.add(&row);
-        row.take(1);
-    }
-    EXPECT_TRUE(row.begin() >= memory && row.begin() < memory + 8);
 }
 
 } // namespace
