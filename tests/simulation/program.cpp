@@ -60,6 +60,9 @@ auto enter(const string &what, Function function, Arguments... arguments) {
     const InLibrary yes{true};
     const auto result = function(arguments...);
     expect(world.now() <= latest, "waits for longer than its time limit");
+    if constexpr (std::is_integral_v<decltype(result)>) {
+        expect(result != 1, "is neither done nor refused, and no timer's number");
+    }
     world.current->doing = "goes on";
     return result;
 }
@@ -127,7 +130,7 @@ void Actor::open(bool spins) {
     const auto run = [this] {
         node->isBusy = false;
         const InLibrary yes{true};
-        busClientSpin(client);
+        expect(busClientSpin(client) == 0, "spins and fails");
     };
     spin = client && spins ? world.spawn(node->name + "'s", run, node) : nullptr;
 }
@@ -163,9 +166,12 @@ namespace {
 Text textOf(const Actor &actor, const Operation &o) {
     static long numbers = 0;
     const string who = to_string(actor.number * 3 + o.place) + "." + to_string(++numbers) + "|";
-    const string ends[] = {"", string(300 + 10 * o.place, 'x'), string(199 - who.size(), 'x'),
-                           string("\0y", 2)};
-    return o.place == kOwner && o.b % 7 == 6 ? Text{} : who + ends[o.b % 4];
+    const string ends[] = {"", string(200 + 10 * o.place - who.size(), 'x'),
+                           string(199 - who.size(), 'x'), string("\0y", 2)};
+    if (o.place == kOwner && o.b % 7 > 4) {
+        return o.b % 7 == 5 ? "1" : Text{};
+    }
+    return who + ends[o.b % 4];
 }
 
 // What begins with another's name is another one. Nodes publish on the first of these.
@@ -348,7 +354,7 @@ void play() {
         while (!over) {
             note("runs the bus");
             const InLibrary yes{true};
-            busClientBindServer(bus);
+            expect(busClientBindServer(bus) == 0, "runs and fails");
             world.pause(world.chance.below(2) * 50);
         }
     });
