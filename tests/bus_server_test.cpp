@@ -35,10 +35,11 @@ TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
     // Whom they call, and the number of k's call; 1: none that is waited for any more.
     const auto ring = [&](const Texts &called, std::uint64_t number = 0) {
         for (std::size_t i = 0; i < 3; ++i) {
-            nodes[i].get()->call_name = {};
-            called[i].copy(nodes[i].get()->call_name.data(), called[i].size());
+            client_t &node = *nodes[i].get();
+            node.call_name = {};
+            called[i].copy(node.call_name.data(), called[i].size());
+            node.call_number = i == 1 ? number : 0;
         }
-        nodes[1].get()->call_number = number;
         return _busServerHasDeadLock(bus.get()->server, "a", "a");
     };
     EXPECT_EQ(ring({"k", "a", ""}), 0);

@@ -6,7 +6,6 @@
 //   --replay SEED     one world, with its account
 #include "model.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,8 +20,6 @@
 namespace {
 
 using namespace simulation;
-
-volatile std::sig_atomic_t interrupted = 0;
 
 // Whether a world fails; order: of its events, given its operations. What is wrong stands in
 // failure.
@@ -69,7 +66,7 @@ void makeSmall(Program &failing, std::uint64_t &order) {
 
 int runAll(unsigned long long first, unsigned long long last, std::time_t end, bool account) {
     unsigned long long seed = first;
-    for (; seed <= last && std::time(nullptr) < end && interrupted == 0; ++seed) {
+    for (; seed <= last && std::time(nullptr) < end; ++seed) {
         Program made = makeProgram(seed);
         if (fails(made, seed, account)) {
             std::printf("world %llu: %s\n\nmade smaller:\n", seed, failure);
@@ -105,9 +102,6 @@ int main(int argc, char **argv) {
     char directory[] = "/tmp/zelvo-simulation-XXXXXX"; // for the key store
     if (!mkdtemp(directory) || chdir(directory) != 0) {
         return 2;
-    }
-    for (const int number : {SIGINT, SIGTERM}) { // a world ends first, and the directory goes
-        std::signal(number, [](int) { interrupted = 1; });
     }
     const int result = run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "");
     std::filesystem::remove_all(directory);

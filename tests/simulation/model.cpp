@@ -63,7 +63,7 @@ struct Entry { // of the registry
 };
 
 std::vector<Entry> registry; // in the order of joining
-std::map<string, string> sticky, keys;
+std::map<string, string> sticky;
 std::deque<string> mustSay;
 std::deque<Message> sent; // and not yet taken by the bus
 
@@ -122,21 +122,12 @@ void unsubscribe(Entry &entry, const string &topic) {
     }
 }
 
-string serveKey(const Message &message, const string &key) {
-    const string value = between(fieldOf(message.trace, "payload"), R"("data":)", "}");
-    if (!value.empty()) {
-        keys[key] = value;
-    }
-    return value.empty() && keys.contains(key) ? keys[key] : kEmpty;
-}
-
 string serve(const Message &message, Entry *sender, const string &path) {
     const string name = nameOf(message.node);
     if (path == "/join" && sender) {
         say("W  Vek-server, " + name + " already exist");
     } else if (path == "/join") {
         notify("bus.event", R"({"event":"join", "name": ")" + name + "\"}");
-        say("D  Vek-server " + name + " node joined");
         registry.push_back({message.node, "bus"});
     } else if (path == "/subscribe" || path == "/unsubscribe") {
         for (const string &topic : listed(fieldOf(message.trace, "payload"))) {
@@ -165,7 +156,7 @@ void request(const Message &message) {
         sender->calls = to;
     }
     if (isReserved(to)) {
-        answer(message, to[0] == 'b' ? serve(message, sender, path) : serveKey(message, path));
+        answer(message, to[0] == 'b' ? serve(message, sender, path) : "*");
     } else if (closesRing(nameOf(message.node))) {
         say("E  bus server exist deadlock");
         answer(message, kEmpty);
