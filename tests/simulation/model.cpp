@@ -128,6 +128,7 @@ string serve(const Message &message, Entry *sender, const string &path) {
         say("W  Vek-server, " + name + " already exist");
     } else if (path == "/join") {
         notify("bus.event", R"({"event":"join", "name": ")" + name + "\"}");
+        say("D  Vek-server " + name + " node joined");
         registry.push_back({message.node, "bus"});
     } else if (path == "/subscribe" || path == "/unsubscribe") {
         for (const string &topic : listed(fieldOf(message.trace, "payload"))) {
@@ -168,6 +169,17 @@ void request(const Message &message) {
     }
 }
 
+// Whom an answer is for.
+Entry *search(const string &name) {
+    for (Entry &entry : registry) {
+        say("V  Vek-server name: " + entry.node->name + ", request_name: " + name);
+        if (entry.node->name == name) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
 void follow(Message message) {
     const string action = fieldOf(message.trace, "action"), topic = fieldOf(message.trace, "topic");
     if (action == "publishSticky") {
@@ -188,7 +200,7 @@ void follow(Message message) {
         }
     } else if (action == "request") {
         request(message);
-    } else if (Entry *const entry = find(message.requestor)) { // a response
+    } else if (Entry *const entry = search(message.requestor)) { // a response
         expect(fieldOf(message.trace, "url").starts_with("/" + std::exchange(entry->calls, "")),
                "answers what nobody asks");
         entry->node->answer = message.trace;
