@@ -32,13 +32,9 @@ TEST(Zelvo, calls_and_publications_reach_whom_they_name_and_refused_arguments_ch
             EXPECT_EQ(a.call(url), text) << url;
         }
     }
-    const std::string bytes("\0x\xff\0", 4);
-    a.subscribe(R"(["t","t",7,null])");
-    busClientPublish(b.get(), "t", nullptr, 5);
-    b.publish("T");
-    b.publish("t", bytes);
-    EXPECT_EQ(a.heard(3),
-              (Texts{R"(bus.event {"event":"join", "name": "b\""})", "t null", "t " + bytes}));
+    a.subscribe(R"([7,null,"t"])");
+    b.publish("t");
+    EXPECT_EQ(a.heard(2), (Texts{R"(bus.event {"event":"join", "name": "b\""})", "t "}));
 
     client_t *const none = nullptr;
     EXPECT_EQ(busClientConnect(nullptr, "x", nullptr, nullptr, nullptr), nullptr);

@@ -44,7 +44,8 @@ const std::vector<Case> kShort = {
     {"%a", "\xe9", "none"},     {"%d%w%u", "1aB", "0..2"},   {"%c%l%U", "\tb1", "0..2"},
     {"(a)*", "a*", "0..1 0+1"}, {"(a*)b", "b", "0..0 0+0"},  {"%b()", "x(a(b))y", "1..6"},
     {"%S%p%s", "a. ", "0..2"},  {"%x%X", "gfz", "1..2"},     {"[a-\xff]", "\xc3", "0..0"},
-    {"%f[^%z]", "ab", "0..-1"}, {"a%f[a]", "aa", "none"},    {"[a-%%]", "%", "0..0"}};
+    {"%f[^%z]", "ab", "0..-1"}, {"a%f[a]", "aa", "none"},    {"[a-%%]", "%", "0..0"},
+    {"%Z", "a", "0..0"}};
 
 // A search that goes deeper with each item or character, or has no end, ends the program.
 TEST(Str, patterns_find_what_they_describe_and_have_an_end) {

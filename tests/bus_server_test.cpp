@@ -49,4 +49,27 @@ TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
     EXPECT_EQ(ring({"bus", "", "a"}), -1); // which is not its namesake
 }
 
+TEST(Message, copies_hold_all_but_the_reference) {
+    client_t client;
+    message_t none{};
+    MessagePtr message{
+        busClientExMessageNew("me", nullptr, "/a/b", "request", &client, "asker", "data", 4)};
+    EXPECT_EQ(_message_equal(nullptr, &none) + _message_equal(nullptr, nullptr), -2);
+    EXPECT_EQ(_message_equal(message->name, message.get()), -1);
+    holdNode(*message, client);
+    message.reset(busClientExMessageCopy(message.get()));
+    message.reset(copyWithAction(*message, Action::kExit));
+    EXPECT_EQ(client.references, 1);
+    EXPECT_EQ(std::string{message->name} + message->url + message->request_name, "me/a/basker");
+    EXPECT_STREQ(message->payload->data, "data");
+    for (const int result :
+         {busClientExMessageDelete(message.release()), busClientExMessageDelete(nullptr),
+          busClientExTimerDelete(nullptr), busServerExNodeDelete(nullptr),
+          _budServerExCharDelete(nullptr), busServerExit(nullptr), busServerDelete(nullptr),
+          _busServerLogMessage(1, "", nullptr, &none, nullptr, 1),
+          _busClientLogMessage(1, "", &client, &none, nullptr, 1), busServerRun(nullptr) + 1}) {
+        EXPECT_EQ(result, 0);
+    }
+}
+
 } // namespace bus

@@ -30,20 +30,11 @@ void noteCall(const Request &request) noexcept {
     }
 }
 
-// A client's request names its maker as the requester already; it is handed on as it is.
+// A request names its maker as the requester already; it is handed on as it is.
 bool forward(server_t &server, const Request &request, const node_t &target) noexcept {
     client_t &client = *target.node;
-    const message_t &message = request.message;
-    const bool asItIs =
-        message.request_name && std::strcmp(message.request_name, message.name) == 0;
-    MessagePtr copy{asItIs ? nullptr : copyForRequest(message, message.name)};
-    MessagePtr &sent = asItIs ? request.taken : copy;
-    if (!sent) {
-        count(server.counters.no_memory);
-        return false;
-    }
-    BUS_SERVER_TRACE("==>", &server, sent.get(), client.name.get());
-    return sendToNode(server, client, sent, [&client] {
+    BUS_SERVER_TRACE("==>", &server, request.taken.get(), client.name.get());
+    return sendToNode(server, client, request.taken, [&client] {
         BUS_LOG(4, "  %s server ==> %s request failed, queue is full\n", TAG, client.name.get());
     });
 }
