@@ -123,17 +123,15 @@ bool deliver(client_t &client, const message_t &response, const payload_t *paylo
         return false;
     }
     client.call_name.fill('\0');
-    client.call_response.reset();
-    if (payload && payload->data) {
-        const auto length = static_cast<std::size_t>(payload->len);
-        client.call_response.reset(static_cast<char *>(std::malloc(length + 1)));
-        if (client.call_response) {
-            std::memcpy(client.call_response.get(), payload->data, length);
-            client.call_response.get()[length] = '\0';
-        } else {
-            count(client.counters.no_memory);
-            BUS_LOG(5, "  %s response failed\n", TAG);
-        }
+    const bool hasText = payload && payload->data;
+    const std::size_t length = hasText ? static_cast<std::size_t>(payload->len) : 0;
+    client.call_response.reset(hasText ? static_cast<char *>(std::malloc(length + 1)) : nullptr);
+    if (client.call_response) {
+        std::memcpy(client.call_response.get(), payload->data, length);
+        client.call_response.get()[length] = '\0';
+    } else if (hasText) {
+        count(client.counters.no_memory);
+        BUS_LOG(5, "  %s response failed\n", TAG);
     }
     client.waiting_call.store(0);
     if (client.caller_sleeps) {

@@ -97,9 +97,6 @@ bool closesRing(const string &caller) {
     string at = caller;
     for (std::size_t steps = 0; steps <= registry.size(); ++steps) {
         const Entry *const entry = find(at);
-        if (!entry) {
-            say("W  Vek-server client " + at + " is exit");
-        }
         at = entry ? entry->calls : "";
         if (at.empty() || at == caller) {
             return !at.empty();
@@ -108,35 +105,27 @@ bool closesRing(const string &caller) {
     return false;
 }
 
-void subscribe(Entry &entry, const string &topic) {
-    if (!entry.topics.insert(topic).second) {
-        say("W  Vek-server " + entry.node->name + " already subscribe topic " + topic);
-    } else if (sticky.contains(topic)) {
+void changeTopic(Entry &entry, const string &topic, bool subscribes) {
+    if (!subscribes) {
+        entry.topics.erase(topic);
+    } else if (entry.topics.insert(topic).second && sticky.contains(topic)) {
         send(entry, sticky[topic]);
-    }
-}
-
-void unsubscribe(Entry &entry, const string &topic) {
-    if (entry.topics.erase(topic) == 0) {
-        say("W  " + entry.node->name + " already unsubscribe topic " + topic);
     }
 }
 
 string serve(const Message &message, Entry *sender, const string &path) {
     const string name = nameOf(message.node);
-    if (path == "/join" && sender) {
-        say("W  Vek-server, " + name + " already exist");
-    } else if (path == "/join") {
+    if (path == "/join" && !sender) {
         notify("bus.event", R"({"event":"join", "name": ")" + name + "\"}");
         say("D  Vek-server " + name + " node joined");
         registry.push_back({message.node, "bus"});
     } else if (path == "/subscribe" || path == "/unsubscribe") {
         for (const string &topic : listed(fieldOf(message.trace, "payload"))) {
-            (path == "/subscribe" ? subscribe : unsubscribe)(*sender, topic);
+            changeTopic(*sender, topic, path == "/subscribe");
         }
     } else if (path == "/disjoin") {
         return kLeave + name + "\"}";
-    } else {
+    } else if (path != "/join") {
         return path.starts_with("/nodes") || path == "/stats" ? "*" : kUnknown;
     }
     return kEmpty;
@@ -159,7 +148,6 @@ void request(const Message &message) {
     if (isReserved(to)) {
         answer(message, to[0] == 'b' ? serve(message, sender, path) : "*");
     } else if (closesRing(nameOf(message.node))) {
-        say("E  bus server exist deadlock");
         answer(message, kEmpty);
         notify("bus.error", kRing);
     } else if (const Entry *const callee = find(to)) {
@@ -185,18 +173,12 @@ void follow(Message message) {
     if (action == "publishSticky") {
         message.trace.erase(message.trace.find("Sticky"), 6);
         publish(topic, message.trace);
-        if (!sticky.insert_or_assign(topic, message.trace).second) {
-            say("W  Vek-server " + nameOf(message.node) +
-                " remove old then add new payload, topic " + topic);
-        }
+        sticky[topic] = message.trace;
     } else if (action == "publish") {
         publish(topic, message.trace);
     } else if (action == "removeSticky") {
         for (const string &gone : listed(fieldOf(message.trace, "payload"))) {
-            if (sticky.erase(gone) == 0) {
-                say("W  Vek-server " + nameOf(message.node) + " already removeSticky topic " +
-                    gone);
-            }
+            sticky.erase(gone);
         }
     } else if (action == "request") {
         request(message);
@@ -252,11 +234,9 @@ void busTakes(const Line &line) {
 
 void readBus(const Line &line) {
     const string said = line.to.empty() ? line.text : line.to + line.trace;
-    const bool isNext = !mustSay.empty() && said == mustSay.front();
-    if (isNext) {
+    if (!mustSay.empty() && said == mustSay.front()) {
         mustSay.pop_front();
     }
-    expect(isNext || (line.text[0] != 'W' && line.text[0] != 'E'), "the bus must not say it now");
     if (!line.from.empty()) {
         busTakes(line);
     }

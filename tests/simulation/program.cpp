@@ -288,7 +288,6 @@ void expectBalance(const string &stats) {
     const auto own = [&](const char *name) { return number("\"server\"", name); };
     const long lost = all("sent") + own("posted") - own("taken") - own("depth");
     expect(lost == 0 || lost == -1, "messages to the bus are lost: " + stats); // the request itself
-    expect(own("queueFull") == 0, "an answer finds no place: " + stats);
     const long drops =
         own("noMemory") + all("queueFull") + all("busFull") + all("ownFull") + all("noMemory");
     expect(drops >= losses, "the log tells of more losses: " + stats);
