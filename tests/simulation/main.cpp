@@ -64,11 +64,22 @@ void makeSmall(Program &failing, std::uint64_t &order) {
     }
 }
 
-int runAll(unsigned long long first, unsigned long long last, std::time_t end, bool account) {
-    unsigned long long seed = first;
+int run(const std::string &option, const char *value) {
+    unsigned long long seed = std::random_device{}(), last = UINT64_MAX;
+    std::time_t end = std::numeric_limits<std::time_t>::max();
+    if (option == "--seconds") {
+        end = std::time(nullptr) + std::atoi(value);
+        std::printf("worlds from %llu on\n", seed);
+    } else if (option == "--replay" && std::sscanf(value, "%llu", &seed) == 1) {
+        last = seed;
+    } else if (option != "--seeds" || std::sscanf(value, "%llu-%llu", &seed, &last) != 2) {
+        std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
+        return 2;
+    }
+    const unsigned long long first = seed;
     for (; seed <= last && std::time(nullptr) < end; ++seed) {
         Program made = makeProgram(seed);
-        if (fails(made, seed, account)) {
+        if (fails(made, seed, option == "--replay")) {
             std::printf("world %llu: %s\n\nmade smaller:\n", seed, failure);
             std::uint64_t order = seed;
             makeSmall(made, order);
@@ -77,21 +88,6 @@ int runAll(unsigned long long first, unsigned long long last, std::time_t end, b
     }
     std::printf("%llu worlds, none failed\n", seed - first);
     return 0;
-}
-
-int run(const std::string &option, const char *value) {
-    unsigned long long first = std::random_device{}(), last = UINT64_MAX;
-    std::time_t end = std::numeric_limits<std::time_t>::max();
-    if (option == "--seconds") {
-        end = std::time(nullptr) + std::atoi(value);
-        std::printf("worlds from %llu on\n", first);
-    } else if (option == "--replay" && std::sscanf(value, "%llu", &first) == 1) {
-        last = first;
-    } else if (option != "--seeds" || std::sscanf(value, "%llu-%llu", &first, &last) != 2) {
-        std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
-        return 2;
-    }
-    return runAll(first, last, end, option == "--replay");
 }
 
 } // namespace

@@ -65,16 +65,12 @@ auto enter(const string &what, Function function, Arguments... arguments) {
     return result;
 }
 
-// The same with a text, in a block that is no larger and does not outlast the call.
+// The same with a text.
 template <typename Function>
 auto give(const Text &text, const string &what, Function function, client_t *client,
           const string &about) {
-    const std::size_t size = text ? text->size() : 7;
-    char *const block = text ? static_cast<char *>(allocate(size)) : nullptr;
-    text.value_or("").copy(block, size);
-    const auto result = enter(what, function, client, about.c_str(), block, static_cast<int>(size));
-    std::free(block);
-    return result;
+    return enter(what, function, client, about.c_str(), text ? text->data() : nullptr,
+                 text ? static_cast<int>(text->size()) : 7);
 }
 
 // ---- handlers ----
