@@ -344,7 +344,10 @@ void bus_mk_q_wake(bus_mk_q_t *q) noexcept {
 bus_mk_list_node *bus_mk_q_append(bus_mk_q_t *q, void *data) noexcept {
     bus_mk_list_node *place = nullptr;
     bool wake = false;
-    if (data && insert(q, data, bus_mk_q_tail, place, wake) == bus_mk_sent::kDone && wake) {
+    if (data) {
+        insert(q, data, bus_mk_q_tail, place, wake);
+    }
+    if (wake) {
         bus_mk_q_wake(q);
     }
     return place;
