@@ -1,3 +1,4 @@
+#include "bus_mk_pool.h"
 #include "bus_mk_queue.h"
 #include "model.h"
 
@@ -356,10 +357,14 @@ void play() {
     std::ranges::for_each(threads, [](Thread *thread) { world.join(thread); });
     shortage = {};
     lookAround(over);
-    for (; !loop->ended; world.pause(1)) {
+    for (; !program.isExact() && !loop->ended; world.pause(1)) { // else it may run to the last
         enter("stops the bus", busClientServerExit, bus);
     }
     enter("deletes the bus", busClientDelete, bus);
+    world.join(loop);
+    if (program.isExact()) { // that thread has ended since, and left blocks to others
+        bus_mk_pool_clear();
+    }
     expectAllTaken();
     for (int left = 4; left > 0; --left) {
         useQueue();
