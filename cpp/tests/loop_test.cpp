@@ -141,8 +141,8 @@ TEST(Loops, an_executor_that_loses_work_loses_a_message_at_most_and_no_timer) {
             while (loses) {
                 std::this_thread::yield();
             }
-            settle(lamp, gui); // then the timer is looked at again
             EXPECT_TRUE(done.wait());
+            settle(lamp, gui);
         }
         gui.on_call("/x", [] {});
         loses = true;

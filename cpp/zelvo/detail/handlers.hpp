@@ -120,14 +120,15 @@ constexpr bool answers() {
 
 // ---- handlers ----
 
-// A user's handler: of topics, or of a path, for which it sets the answer.
+// A user's handler: of topics, or of a path.
 class Handler {
 public:
     Handler() = default;
     Handler(const Handler &) = delete;
     Handler &operator=(const Handler &) = delete;
     virtual ~Handler() = default;
-    virtual void run(View name, View data, char *&answer) = 0;
+    // The answer to a call; null: none.
+    virtual char *run(View name, View data) = 0;
 
     std::atomic<bool> cancelled{false}; // it is not run any more
 };
@@ -143,9 +144,10 @@ template <class Run>
 class TopicHandler final : public Handler {
 public:
     explicit TopicHandler(Run &run) : run_{std::move(run)} {}
-    void run(View topic, View data, char *& /*answer*/) override {
+    char *run(View topic, View data) override {
         CopiesFor<Run> copies;
         static_cast<void>(runWith(run_, topic, data, copies));
+        return nullptr;
     }
 
 private:
@@ -156,14 +158,14 @@ template <class Run>
 class PathHandler final : public Handler {
 public:
     explicit PathHandler(Run &run) : run_{std::move(run)} {}
-    void run(View path, View data, char *&answer) override {
+    char *run(View path, View data) override {
         CopiesFor<Run> copies;
         using Value = ResultOf<Run>;
         if constexpr (std::is_void_v<Value>) {
             runWith(run_, path, data, copies);
-            answer = answerText({});
+            return answerText({});
         } else {
-            answer = answerOf<Value>(runWith(run_, path, data, copies));
+            return answerOf<Value>(runWith(run_, path, data, copies));
         }
     }
 
@@ -204,6 +206,7 @@ struct Change : Link {
 // that runs stays whole, and finding one takes no lock.
 class Handlers {
 public:
+    using Entry = HandlersByName::value_type;
     // So many from the first on.
     struct Row {
         HandlersByName::const_iterator first;
@@ -217,7 +220,7 @@ public:
 
     // Names go as they are made, so that it can be gone on with where memory was short.
     void make(Change &change) {
-        latest_ = {};
+        only_ = nullptr;
         for (; !change.names.empty(); change.names.pop_back()) {
             const std::string &name = change.names.back();
             switch (change.kind) {
@@ -234,11 +237,16 @@ public:
         }
     }
 
-    // Mostly the topic is that of the message before.
-    Row ofTopic(const char *topic) {
-        const bool same =
-            latest_.count != 0 && std::strcmp(latest_.first->first.c_str(), topic) == 0;
-        return same ? latest_ : look(topic);
+    Row ofTopic(View topic) {
+        const auto [first, last] = topics_.equal_range(topic);
+        const auto count = static_cast<std::size_t>(std::distance(first, last));
+        only_ = count == 1 ? &*first : nullptr;
+        return {first, count};
+    }
+    // Where the topic is that of the message before, as mostly, and has one handler. Null: ask
+    // further.
+    const Entry *onlyOfTopic(const char *topic) const noexcept {
+        return only_ && std::strcmp(only_->first.c_str(), topic) == 0 ? only_ : nullptr;
     }
     // Null: there is none.
     Handler *ofPath(View path) const {
@@ -247,15 +255,11 @@ public:
         return found == paths_.end() ? nullptr : found->second.get();
     }
     std::pair<HandlersByName, HandlersByName> takeAll() noexcept {
-        latest_ = {};
+        only_ = nullptr;
         return {std::move(topics_), std::move(paths_)};
     }
 
 private:
-    ZELVO_RARE Row look(View topic) {
-        const auto [first, last] = topics_.equal_range(topic);
-        return latest_ = {first, static_cast<std::size_t>(std::distance(first, last))};
-    }
     void remove(const std::string &topic, const HandlerPtr &handler) {
         auto [entry, end] = topics_.equal_range(topic);
         while (entry != end) {
@@ -274,8 +278,8 @@ private:
     }
 
     HandlersByName topics_;
-    Row latest_{};         // that has been asked for
-    HandlersByName paths_; // "": of every other path
+    const Entry *only_ = nullptr; // of the topic that has been asked for
+    HandlersByName paths_;        // "": of every other path
 };
 
 // What a node has subscribed to with the bus, and for which handlers. It keeps none of them.

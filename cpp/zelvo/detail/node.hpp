@@ -111,11 +111,27 @@ ZELVO_RARE inline bool NodeState::settle() noexcept {
     return !leaving_;
 }
 
-ZELVO_RARE inline void NodeState::inLoop(Step work, void *object) noexcept {
+ZELVO_RARE inline void NodeState::rarely(Step work, void *object) noexcept {
+    if (hops_) {
+        inLoop(work, object);
+    } else {
+        settled(work, object);
+    }
+}
+
+inline void NodeState::settled(Step work, void *object) noexcept {
+    if (!attention_ || settle()) {
+        work(object);
+    }
+    if (attention_) {
+        settle();
+    }
+}
+
+inline void NodeState::inLoop(Step work, void *object) noexcept {
     auto hop = [&] {
         const auto *const outer = std::exchange(handlingNode(), this);
-        const auto its = [&] { work(object); };
-        settled(its);
+        settled(work, object);
         if (leaving_) {
             forgetHandlers();
         }
@@ -126,20 +142,26 @@ ZELVO_RARE inline void NodeState::inLoop(Step work, void *object) noexcept {
     if (!done) {
         reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
     }
-    if (!done) { // what is due or ready is looked at again
+    pause_ = done ? 0 : std::clamp(2 * pause_, 20L, 1000L);
+    if (!done) { // what is due or ready is looked at again, also where no message comes
         const std::lock_guard lock{mutex_};
         attention_ = true;
+        wake(pause_);
     }
     if (leaving_) {
         goQuietly();
     }
 }
 
-inline void NodeState::wake() noexcept {
+inline void NodeState::wake(long milliseconds) noexcept {
     if (!wakes_ && !gone_) {
-        wakes_ = busClientSettimer(client_, onTimer, 0, 0, this) != -1;
+        wakes_ = busClientSettimer(client_, onTimer, milliseconds, 0, this) != -1;
         attention_ = attention_ || !wakes_;
     }
+}
+
+ZELVO_RARE inline void NodeState::reportCurrent() noexcept {
+    bus_.report(name_, std::current_exception());
 }
 
 ZELVO_RARE inline void NodeState::noteUnreadable(std::string_view name, std::size_t size,

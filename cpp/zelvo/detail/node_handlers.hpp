@@ -91,38 +91,44 @@ inline void NodeState::setPath(const std::string &path, HandlerPtr handler) {
 // NOLINTNEXTLINE(readability-non-const-parameter): the type is given
 inline int NodeState::onMessage(void *userdata, client_t * /*client*/, char *topic, char *data,
                                 int length) noexcept {
-    NodeState &node = of(userdata);
-    node.guarded([&node, topic, bytes = viewOf(data, length)] { node.hear(topic, bytes); });
+    of(userdata).guarded<const char *>(&NodeState::hear, topic, viewOf(data, length));
     return 0;
 }
 
 inline void NodeState::hear(const char *topic, std::string_view data) noexcept {
-    auto row = handlers_.ofTopic(topic);
-    while (row.count != 0) {
-        Handler &handler = *row.first->second;
-        if (!handler.cancelled.load(std::memory_order_relaxed) && !leaving_) {
-            reported([&] {
-                char *none = nullptr;
-                handler.run(row.first->first, data, none);
-            });
-        }
-        if (--row.count != 0) { // mostly there is one, and a step in a tree is a call
-            ++row.first;
-        }
+    if (const Handlers::Entry *const only = handlers_.onlyOfTopic(topic)) {
+        tell(*only, data);
+    } else {
+        hearAll(topic, data);
+    }
+}
+
+ZELVO_RARE inline void NodeState::hearAll(const char *topic, std::string_view data) noexcept {
+    Handlers::Row row = handlers_.ofTopic(topic);
+    for (; row.count != 0; --row.count) {
+        tell(*row.first++, data);
+    }
+}
+
+inline void NodeState::tell(const Handlers::Entry &entry, std::string_view data) noexcept {
+    Handler &handler = *entry.second;
+    if (!handler.cancelled.load(std::memory_order_relaxed) && !leaving_) {
+        reported([&] { handler.run(entry.first, data); });
     }
 }
 
 inline char *NodeState::onCall(void *userdata, client_t * /*client*/, char *url, char *data,
                                int length) noexcept {
-    NodeState &node = of(userdata);
     char *answer = nullptr;
-    node.guarded([&] {
-        const std::string_view path = std::string_view{url}.substr(1 + node.name_.size());
-        if (Handler *const handler = node.handlers_.ofPath(path)) {
-            node.reported([&] { handler->run(path, viewOf(data, length), answer); });
-        }
-    });
+    of(userdata).guarded<const char *>(&NodeState::answer, url, viewOf(data, length), &answer);
     return answer;
+}
+
+inline void NodeState::answer(const char *url, std::string_view data, char **answer) noexcept {
+    const std::string_view path = std::string_view{url}.substr(1 + name_.size());
+    if (Handler *const handler = handlers_.ofPath(path)) {
+        reported([&] { *answer = handler->run(path, data); });
+    }
 }
 
 // Hears a topic whose messages are values.
@@ -130,10 +136,11 @@ template <class Value, class Run>
 class ValueHandler final : public Handler {
 public:
     ValueHandler(NodeState &node, Run &run) : node_{node}, run_{std::move(run)} {}
-    void run(View topic, View data, char *& /*answer*/) override {
+    char *run(View topic, View data) override {
         if (!runDecoded<Value>(data, run_)) {
             node_.noteUnreadable(topic, data.size(), SizeOf<Value>::value);
         }
+        return nullptr;
     }
 
 private:
@@ -161,17 +168,19 @@ template <class Question, class Reply, class Run>
 class ServiceHandler final : public Handler {
 public:
     ServiceHandler(NodeState &node, Run &run) : node_{node}, run_{std::move(run)} {}
-    void run(View path, View data, char *&answer) override {
+    char *run(View path, View data) override {
         auto question = decoded<Question>(data);
         if (!question) {
             node_.noteUnreadable(path, data.size(), SizeOf<Question>::value);
-            return;
+            return nullptr;
         }
-        if (const std::optional<Reply> reply = run_(std::move(*question))) {
-            std::string space;
-            const View bytes = Codec<Reply>::encode(*reply, space);
-            answer = answerText(withoutNul(bytes, isRefusal(bytes)));
+        const std::optional<Reply> reply = run_(std::move(*question));
+        if (!reply) {
+            return nullptr;
         }
+        std::string space;
+        const View bytes = Codec<Reply>::encode(*reply, space);
+        return answerText(withoutNul(bytes, isRefusal(bytes)));
     }
 
 private:

@@ -60,7 +60,7 @@ public:
 private:
     static NodeState &of(void *userdata) noexcept { return *static_cast<NodeState *>(userdata); }
     static std::string_view viewOf(const char *data, int length) noexcept {
-        return data ? std::string_view{data, static_cast<std::size_t>(length)} : std::string_view{};
+        return {data, static_cast<std::size_t>(length)};
     }
 
     // ---- what the bus has the node's thread do ----
@@ -72,19 +72,21 @@ private:
     // type: 0 to look at what other threads have left, otherwise the number of a timer.
     static int onTimer(void *userdata, client_t *client, int type) noexcept;
 
-    // Does work, unless the node is leaving; here, or in the loop.
-    template <class Work>
-    void guarded(Work work) noexcept;
+    // Does work, unless the node is leaving; here, or in the loop. Rarely: in the loop, or where
+    // the node has something to do before.
+    template <class... Arguments>
+    void guarded(void (NodeState::*work)(Arguments...) noexcept, Arguments... arguments) noexcept;
+    void rarely(Step work, void *object) noexcept;
     void inLoop(Step work, void *object) noexcept;
-    template <class Work>
-    void settled(Work &work) noexcept;
+    void settled(Step work, void *object) noexcept;
     template <class Run>
     void reported(Run &&run) noexcept;
+    void reportCurrent() noexcept;
     // Makes the changes that wait, and asks for the looks that there was no memory for. False: the
     // node is leaving.
     bool settle() noexcept;
-    // With mutex_: has the node's thread look at what has been left for it.
-    void wake() noexcept;
+    // With mutex_: has the node's thread look at what has been left for it, after so long.
+    void wake(long milliseconds = 0) noexcept;
 
     // ---- its life ----
 
@@ -120,10 +122,14 @@ private:
 
     // ---- handlers ----
 
+    void hear(const char *topic, std::string_view data) noexcept;
+    // Where it is not the one handler of the topic that was heard last.
+    void hearAll(const char *topic, std::string_view data) noexcept;
+    void tell(const Handlers::Entry &entry, std::string_view data) noexcept;
+    void answer(const char *url, std::string_view data, char **answer) noexcept;
     // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
     // node that hears nothing looks when many wait, so that it does not keep ever more.
     void change(Change::Kind kind, const std::vector<std::string> &names, HandlerPtr handler);
-    void hear(const char *topic, std::string_view data) noexcept;
 
     // ---- timers ----
 
@@ -132,6 +138,7 @@ private:
     void noteTimer(int type) noexcept;
     TimerQueue::node_type takeDue(Clock::time_point now) noexcept;
     void runTimers() noexcept;
+    void runDue() noexcept;
 
     BusState &bus_; // gone once the node is, which whoever has a turn finds out first
     const std::chrono::milliseconds timeout_;
@@ -143,6 +150,7 @@ private:
     Subscriptions subscriptions_; // whoever has the turn looks at them
 
     Handlers handlers_; // the node's thread's, or the loop's
+    long pause_ = 0;    // of milliseconds, after work that the loop has lost; the node's thread's
 
     std::mutex mutex_; // of all below that is not atomic
     OwningChain<Change> changes_;
@@ -162,23 +170,17 @@ private:
 };
 
 // These are declared inline for what it says to optimizers: there is one of them for each message.
-template <class Work>
-inline void NodeState::guarded(Work work) noexcept {
-    if (!hops_) {
-        settled(work);
+template <class... Arguments>
+inline void NodeState::guarded(void (NodeState::*work)(Arguments...) noexcept,
+                               Arguments... arguments) noexcept {
+    if (hops_ || attention_.load(std::memory_order_acquire)) {
+        auto its = [node = this, work, arguments...] { (node->*work)(arguments...); };
+        rarely([](void *object) { (*static_cast<decltype(its) *>(object))(); }, &its);
     } else {
-        Work its = work; // or it could not stay in registers where it is not wanted
-        inLoop([](void *object) { (*static_cast<Work *>(object))(); }, &its);
-    }
-}
-
-template <class Work>
-inline void NodeState::settled(Work &work) noexcept {
-    if (!attention_.load(std::memory_order_acquire) || settle()) {
-        work();
-    }
-    if (attention_.load(std::memory_order_acquire)) {
-        settle();
+        (this->*work)(arguments...);
+        if (attention_.load(std::memory_order_acquire)) {
+            settle();
+        }
     }
 }
 
@@ -187,7 +189,7 @@ inline void NodeState::reported(Run &&run) noexcept {
     try {
         run();
     } catch (...) {
-        bus_.report(name_, std::current_exception());
+        reportCurrent();
     }
 }
 

@@ -24,11 +24,13 @@ inline bool NodeState::cancel(const TimerPtr &timer) {
 inline int NodeState::onTimer(void *userdata, client_t * /*client*/, int type) noexcept {
     NodeState &node = of(userdata);
     node.noteTimer(type);
-    node.guarded([&] {
-        node.runCompletions();
-        node.runTimers();
-    });
+    node.guarded(&NodeState::runDue);
     return 0;
+}
+
+inline void NodeState::runDue() noexcept {
+    runCompletions();
+    runTimers();
 }
 
 inline void NodeState::noteTimer(int type) noexcept {
