@@ -64,9 +64,6 @@ bool asEver(const Body &body) {
     body();
     return true;
 }
-bool onFullDisk(const Body &body) {
-    return withFullDisk(3000, body);
-}
 
 TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) {
     const std::string big = '"' + std::string(4000, 'b') + '"';
@@ -106,6 +103,7 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
     persists("[1]", fresh, ".bad");
     persists("{\"cut\":", fresh, ".bad.1");
     persists(old + std::string(" more\0{}", 8), both);
+    const auto onFullDisk = [](const Body &body) { return withFullDisk(3000, body); };
     persists(old, both, "", onFullDisk, "write localKeys error, file: ", true);
     persists(old, both, "", asNobody, "is not read, and left as it is", true, 0755, 0200);
     persists(old, both, "", asNobody, "can't be replaced as a whole");

@@ -50,10 +50,6 @@ std::vector<string> listed(const string &json) {
     return texts;
 }
 
-bool isReserved(const string &host) {
-    return string{"bus"}.starts_with(host) || string{"localKeys"}.starts_with(host);
-}
-
 // ---- what the bus has to do with each message ----
 
 struct Entry { // of the registry
@@ -72,13 +68,9 @@ Entry *find(const string &name) {
     return found == registry.end() ? nullptr : &*found;
 }
 
-void say(const string &text) {
-    mustSay.push_back(text);
-}
-
 void send(const Entry &to, const string &trace) {
     to.node->inbox.push_back({nullptr, trace});
-    say(to.node->name + trace);
+    mustSay.push_back(to.node->name + trace);
 }
 
 void publish(const string &topic, const string &trace) {
@@ -105,23 +97,19 @@ bool closesRing(const string &caller) {
     return false;
 }
 
-void changeTopic(Entry &entry, const string &topic, bool subscribes) {
-    if (!subscribes) {
-        entry.topics.erase(topic);
-    } else if (entry.topics.insert(topic).second && sticky.contains(topic)) {
-        send(entry, sticky[topic]);
-    }
-}
-
 string serve(const Message &message, Entry *sender, const string &path) {
     const string name = nameOf(message.node);
     if (path == "/join" && !sender) {
         notify("bus.event", R"({"event":"join", "name": ")" + name + "\"}");
-        say("D  Vek-server " + name + " node joined");
+        mustSay.push_back("D  Vek-server " + name + " node joined");
         registry.push_back({message.node, "bus"});
     } else if (path == "/subscribe" || path == "/unsubscribe") {
         for (const string &topic : listed(fieldOf(message.trace, "payload"))) {
-            changeTopic(*sender, topic, path == "/subscribe");
+            if (path == "/unsubscribe") {
+                sender->topics.erase(topic);
+            } else if (sender->topics.insert(topic).second && sticky.contains(topic)) {
+                send(*sender, sticky[topic]);
+            }
         }
     } else if (path == "/disjoin") {
         return kLeave + name + "\"}";
@@ -145,7 +133,7 @@ void request(const Message &message) {
     if (sender) {
         sender->calls = to;
     }
-    if (isReserved(to)) {
+    if (string{"bus"}.starts_with(to) || string{"localKeys"}.starts_with(to)) {
         answer(message, to[0] == 'b' ? serve(message, sender, path) : "*");
     } else if (closesRing(nameOf(message.node))) {
         answer(message, kEmpty);
@@ -160,7 +148,7 @@ void request(const Message &message) {
 // Whom an answer is for.
 Entry *search(const string &name) {
     for (Entry &entry : registry) {
-        say("V  Vek-server name: " + entry.node->name + ", request_name: " + name);
+        mustSay.push_back("V  Vek-server name: " + entry.node->name + ", request_name: " + name);
         if (entry.node->name == name) {
             return &entry;
         }

@@ -50,9 +50,9 @@ std::list<Node> nodes; // all that there have been
 // Calls into the library, for no longer than it may wait, where nothing else keeps it.
 template <typename Function, typename... Arguments>
 auto enter(const string &what, Function function, Arguments... arguments) {
-    constexpr unsigned kLong = 50'000; // milliseconds; nothing but time-outs takes as long
     const bool isLimited = program.timeLimit > 0 && world.isPrompt();
-    const unsigned limit = isLimited ? program.timeLimit + 5 : kLong;
+    const unsigned limit =
+        isLimited ? program.timeLimit + 5 : 50'000; // only time-outs take as long
     const std::uint64_t latest = world.now() + limit * kMillisecond;
     note(what);
     world.current->doing = what;

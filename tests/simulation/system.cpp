@@ -81,7 +81,7 @@ extern "C" {
 
 void *__real_malloc(std::size_t size);
 void *__wrap_aligned_alloc(std::size_t alignment, std::size_t size) {
-    if (!inLibrary()) {
+    if (!world.current || !world.current->inLibrary) {
         return __real_malloc(size);
     }
     if (++asked == shortage.nth || world.chance.oneIn(shortage.oneIn)) {
