@@ -1,5 +1,6 @@
 """A headless Chromium, driven through the WebDriver protocol."""
 
+import contextlib
 import json
 import os
 import re
@@ -18,34 +19,28 @@ class Browser:
     # A context: the browser, with one page.
 
     def __enter__(self):
-        self._home = tempfile.TemporaryDirectory(prefix='zelvo-view-browser-')
-        binary = needs('chromium')
-        self._driver = subprocess.Popen([needs('chromedriver'), '--port=0'], stdout=subprocess.PIPE,
-                                        stderr=subprocess.DEVNULL)
-        try:
+        with contextlib.ExitStack() as stack:  # what has begun ends where the rest fails
+            home = stack.enter_context(tempfile.TemporaryDirectory(prefix='zelvo-view-browser-'))
+            binary = needs('chromium')
+            driver = stack.enter_context(subprocess.Popen(
+                [needs('chromedriver'), '--port=0'], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL))
+            stack.callback(driver.terminate)
             found = None
             while found is None:
-                line = self._driver.stdout.readline()
+                line = driver.stdout.readline()
                 assert line, 'chromedriver has not started'
                 found = re.search(rb'successfully on port (\d+)', line)
             self._url = 'http://127.0.0.1:{}/session'.format(int(found.group(1)))
-            options = {'binary': binary,
-                       'args': list(_ARGUMENTS) + ['--user-data-dir=' + self._home.name]}
+            options = {'binary': binary, 'args': list(_ARGUMENTS) + ['--user-data-dir=' + home]}
             made = self._send('', {'capabilities': {'alwaysMatch': {
                 'goog:chromeOptions': options, 'goog:loggingPrefs': {'browser': 'ALL'}}}})
             self._url += '/' + made['sessionId']
-        except BaseException:
-            self.__exit__()
-            raise
+            stack.callback(self._send, '', None, 'DELETE')
+            self._begun = stack.pop_all()
         return self
 
     def __exit__(self, *_):
-        if '/session/' in getattr(self, '_url', ''):
-            self._send('', None, 'DELETE')
-        self._driver.terminate()
-        self._driver.wait(LIMIT)
-        self._driver.stdout.close()
-        self._home.cleanup()
+        self._begun.close()
 
     def _send(self, path, data, method='POST'):
         body = None if data is None else json.dumps(data).encode()

@@ -1,6 +1,7 @@
 """What the tests share: running the program, and logs that the library has just written."""
 
 import atexit
+import functools
 import json
 import os
 import shutil
@@ -48,23 +49,19 @@ def messages(*arguments, **more):
     return [json.loads(line) for line in view('--json', *arguments, **more).splitlines()]
 
 
-_made = {}
-
-
+@functools.lru_cache(None)
 def scenario(level):
     # (path of the log, truth) of one run of the scenario.
-    if level not in _made:
-        log, truth = (os.path.join(folder, name + str(level)) for name in ('log', 'truth'))
-        subprocess.run([os.environ['ZELVO_VIEW_SCENARIO'], log, truth, str(level)], check=True,
-                       timeout=LIMIT, cwd=folder)
-        found = {}
-        with open(truth, encoding='ascii') as file:
-            for line in file:
-                kind, *texts, number = line.split()
-                texts = [None if t == '-' else bytes.fromhex(t[1:]) for t in texts]
-                found.setdefault(kind, []).append((*texts, int(number)))
-        _made[level] = log, found
-    return _made[level]
+    log, truth = (os.path.join(folder, name + str(level)) for name in ('log', 'truth'))
+    subprocess.run([os.environ['ZELVO_VIEW_SCENARIO'], log, truth, str(level)], check=True,
+                   timeout=LIMIT, cwd=folder)
+    found = {}
+    with open(truth, encoding='ascii') as file:
+        for line in file:
+            kind, *texts, number = line.split()
+            texts = [None if t == '-' else bytes.fromhex(t[1:]) for t in texts]
+            found.setdefault(kind, []).append((*texts, int(number)))
+    return log, found
 
 
 class Log:

@@ -95,15 +95,11 @@ class EachLevel:
             self.assertRegex(summary, row)
 
     def test_filters(self):
-        times = sorted({m['time'] for m in self.messages})
-        noon = times[len(times) // 2]  # neither the first millisecond nor the last
         for arguments, passes in (
                 (('--node', PANEL), lambda m: PANEL in (m['from'], m['to'])),
                 (('--topic', 'h*d'), lambda m: m.get('topic') == 'hard'),
                 (('--topic', '/lamp/*', '--topic', 'same'), lambda m: m.get('topic') == 'same' or
-                 (m.get('address') or '').startswith('/lamp/')),
-                (('--from', noon[:23]), lambda m: m['time'] >= noon),
-                (('--from', '+0', '--to', noon[11:23]), lambda m: m['time'] <= noon)):
+                 (m.get('address') or '').startswith('/lamp/'))):
             with self.subTest(arguments):
                 wanted = [m for m in self.messages if passes(m)]
                 self.assertEqual(messages(self.log, *arguments), wanted)

@@ -7,7 +7,6 @@
 #include <zelvo/mqtt.h>
 
 #include <algorithm>
-#include <atomic>
 #include <string>
 
 // A node that hears topics and answers calls with their address and data.
@@ -37,18 +36,6 @@ public:
 };
 
 inline constexpr const char *kRefused = "{\"data\":\"not implement\"}";
-
-// A node that answers when it is let.
-struct Slow {
-    std::atomic<bool> free{false};
-    std::atomic<int> calls{0};
-    static char *answer(void *self, client_t *, char *, char *, int) {
-        Slow &slow = *static_cast<Slow *>(self);
-        ++slow.calls;
-        eventually([&] { return slow.free.load(); });
-        return mallocText("done");
-    }
-};
 
 class Bridged {
 public:

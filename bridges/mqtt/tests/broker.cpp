@@ -62,13 +62,13 @@ void Broker::start(bool hidden) {
     require(posix_spawnp(&process_, program, nullptr, nullptr, const_cast<char *const *>(arguments),
                          environ) == 0,
             "mosquitto can't be started");
-    const auto end = std::chrono::steady_clock::now() + kLimit;
-    while (!accepts()) {
-        const bool runs = waitpid(process_, nullptr, WNOHANG) == 0;
-        require(runs && std::chrono::steady_clock::now() < end,
-                ("mosquitto does not run: " + readFile(directory_.file("broker.log"))).c_str());
-        std::this_thread::sleep_for(std::chrono::milliseconds{10});
-    }
+    bool runs = true;
+    const auto isSettled = [&] {
+        runs = waitpid(process_, nullptr, WNOHANG) == 0;
+        return !runs || accepts();
+    };
+    require(eventually(isSettled) && runs,
+            ("mosquitto does not run: " + readFile(directory_.file("broker.log"))).c_str());
 }
 
 bool Broker::accepts() const {

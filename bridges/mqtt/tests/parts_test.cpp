@@ -4,6 +4,7 @@
 #include "outbox.h"
 #include "test_support.h"
 #include "topics.h"
+#include "waiter.h"
 
 #include <gtest/gtest.h>
 #include <mosquitto.h>
@@ -171,6 +172,16 @@ TEST(Log, a_file_that_has_got_too_large_is_begun_anew) {
     EXPECT_FALSE(log.open(directory.path(), Level::kInfo));
 }
 
+TEST(Log, that_nobody_reads_holds_up_nobody) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string full(std::size_t{1} << 16, 'x');
+    EXPECT_EQ(write(ends[1], full.data(), full.size()), static_cast<ssize_t>(full.size()));
+    Log log;
+    ASSERT_TRUE(log.open("/proc/self/fd/" + std::to_string(ends[1]), Level::kInfo));
+    log.info("left out");
+}
+
 // The first letters of what is handed over with these numbers, "-" where there is nothing.
 std::string handedOver(Outbox &outbox, int first, int last) {
     std::string all;
@@ -185,20 +196,15 @@ std::string handedOver(Outbox &outbox, int first, int last) {
     return all;
 }
 
-TEST(Outbox, drops_the_oldest_and_counts) {
+TEST(Outbox, where_it_is_full_of_bytes_drops_the_oldest_and_counts) {
     Outbox outbox{3, 100};
-    for (const char *const payload : {"1", "2", "3", "4", "5"}) {
-        outbox.push({"t", payload});
-    }
-    EXPECT_EQ(outbox.dropped, 2U);
-    EXPECT_EQ(handedOver(outbox, 1, 4), "345-");
     for (const char letter : {'a', 'b'}) {
         outbox.push({"t", std::string(60, letter)});
     }
     outbox.push({"t", std::string(100, 'c')}); // with its topic larger than all
     EXPECT_EQ(outbox.fill().bytes, 61U);
-    EXPECT_EQ(outbox.dropped, 4U);
-    EXPECT_EQ(handedOver(outbox, 4, 5), "b-");
+    EXPECT_EQ(outbox.dropped, 2U);
+    EXPECT_EQ(handedOver(outbox, 1, 2), "b-");
     EXPECT_EQ(outbox.fill().bytes, 0U);
 }
 
@@ -223,6 +229,23 @@ TEST(Outbox, after_a_lost_connection_hands_over_what_was_not_acknowledged) {
     EXPECT_EQ(handedOver(outbox, 1, 5), "defg-");
     EXPECT_TRUE(outbox.done(1));
     EXPECT_EQ(handedOver(outbox, 5, 5), "-"); // too many bytes
+}
+
+TEST(Waiter, a_socket_that_is_closed_and_forgotten_wakes_nobody_though_a_child_has_it) {
+    constexpr std::chrono::milliseconds limit{20};
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe(ends), 0);
+    const int childs = dup(ends[0]);
+    Waiter waiter;
+    EXPECT_TRUE(waiter.watch(ends[0], EPOLLIN));
+    EXPECT_EQ(close(ends[1]), 0);
+    EXPECT_EQ(waiter.wait(limit), std::uint32_t{EPOLLHUP});
+    EXPECT_EQ(close(ends[0]), 0);
+    waiter.forget();
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_EQ(waiter.wait(limit), 0U);
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, limit);
+    close(childs);
 }
 
 } // namespace

@@ -54,8 +54,6 @@ TEST(Plant, a_login_does_what_its_rules_say) {
                                     "zelvo/call/north/pump/start", "zelvo/site/north"}) {
         EXPECT_EQ(south.publish(topic, "x"), MQTT_RC_NOT_AUTHORIZED) << topic;
     }
-    Peer{broker, "x", "console"}.publish("zelvo/call/north/pump/st%6Fp", "x"); // past the rule
-    EXPECT_TRUE(north.logs("north/pump/st%6Fp is dropped: its topic is not in the form"));
 }
 
 TEST(Plant, a_subscription_that_is_refused_is_named) {
@@ -179,10 +177,8 @@ TEST(Gaps, commands_that_were_acknowledged_are_not_sent_again) {
     Broker broker{kPersistent};
     Bridged from{broker.url(), "from", R"("out":["command"])"};
     Peer machine{broker, "zelvo/topic/command"};
-    for (const char *const command : {"open-valve", "start-pump", "stop-pump"}) {
-        publish(from, "command", command);
-        EXPECT_EQ(machine.next("zelvo/topic/command"), command);
-    }
+    publish(from, "command", "open-valve");
+    EXPECT_EQ(machine.next("zelvo/topic/command"), "open-valve");
     EXPECT_TRUE(eventually([&] { return says(from.state(), R"("underWay":0)"); }));
     { const Bridged second{broker.url(), "from"}; }
     EXPECT_TRUE(from.logs("another bridge has the name of this site"));
@@ -211,15 +207,20 @@ TEST(Gaps, a_topic_that_is_no_longer_configured_is_unsubscribed) {
 
 // ---- load and time ----
 
-TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
+TEST(Plant, a_flood_of_requests_has_a_bound_and_close_is_asked_again_while_one_is_not_answered) {
     Broker broker{"allow_anonymous true\n"};
     Bridged site{broker.url(), "site", R"("serve":["slow","listener"])"};
-    Slow slow;
-    Node node{site.bus.get(), "slow", nullptr, Slow::answer, &slow};
+    std::atomic<bool> answers{false};
+    std::atomic<int> calls{0};
+    const Node slow{site.bus, "slow", [&](client_t *, const std::string &, const std::string &) {
+                        ++calls;
+                        eventually([&] { return answers.load(); });
+                        return mallocText("done");
+                    }};
     Peer peer{broker, "zelvo/answer/p/site"};
     peer.request("slow/x", "", "60000");
-    ASSERT_TRUE(eventually([&] { return slow.calls > 0; }));
-    peer.request("slow/x", "", "1");
+    ASSERT_TRUE(eventually([&] { return calls > 0; }));
+    peer.request("slow/x", "", "1"); // too late then, and not run
     const std::string large(1'000'000, 'x');
     for (int i = 0; i < 40; ++i) {
         peer.request("slow/x", large, "60000");
@@ -227,14 +228,17 @@ TEST(Plant, a_flood_of_requests_has_a_bound_and_late_ones_are_not_run) {
     for (int i = 0; i < 40 - 8; ++i) { // 16 MiB may wait for both nodes
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), kRefused);
     }
-    slow.free = true;
+    answers = true;
     for (int i = 0; i < 1 + 8; ++i) {
         EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
     }
-    peer.request("slow/x"); // there is room again
-    EXPECT_EQ(peer.next("zelvo/answer/p/site"), "done");
-    EXPECT_EQ(slow.calls, 1 + 8 + 1);
     EXPECT_TRUE(site.logs("1 calls from outside to slow are dropped: they have waited too long"));
+    answers = false;
+    peer.request("slow/x"); // there is room again
+    EXPECT_TRUE(eventually([&] { return calls == 1 + 8 + 1; }));
+    EXPECT_TRUE(isQuick([&] { EXPECT_EQ(zelvo_mqtt_close(site.get()), -1); }));
+    answers = true;
+    site.close();
 }
 
 TEST(Plant, a_broker_that_gives_no_sign_of_life_is_left) {
