@@ -51,8 +51,7 @@ std::list<Node> nodes; // all that there have been
 template <typename Function, typename... Arguments>
 auto enter(const string &what, Function function, Arguments... arguments) {
     const bool isLimited = program.timeLimit > 0 && world.isPrompt();
-    const unsigned limit =
-        isLimited ? program.timeLimit + 5 : 50'000; // only time-outs take as long
+    const unsigned limit = isLimited ? program.timeLimit + 5 : 50'000; // only time-outs last
     const std::uint64_t latest = world.now() + limit * kMillisecond;
     note(what);
     world.current->doing = what;
@@ -184,10 +183,9 @@ void changeTopics(Actor &actor, const Operation &o) {
     const string first = kTopics[o.a % 7], second = kTopics[o.b % 7];
     const string more = "\",\"" + to_string(o.place) + "\"]"; // which thread it is
     const string topics = "[\"" + first + "\",\"" + second + more;
-    expect(enter("changes topics " + topics, kChanges[o.b % 4], actor.client, topics.c_str()) ==
-                   0 ||
-               program.loses(),
-           "is refused");
+    const int result =
+        enter("changes topics " + topics, kChanges[o.b % 4], actor.client, topics.c_str());
+    expect(result == 0 || program.loses(), "is refused");
 }
 
 void call(Actor &actor, const Operation &o) {
