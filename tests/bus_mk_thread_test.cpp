@@ -17,6 +17,8 @@ TEST(Thread, event_is_remembered_for_one_wait) {
     }
     EXPECT_NE(mutex.hMutex.load(), bus_mk_thread_mutex_ready); // locked again
     EXPECT_EQ(bus_mk_thread_mutex_unlock(&mutex), 0);
+    EXPECT_EQ(bus_mk_thread_mutex_destroy(&mutex) + bus_mk_thread_cond_destroy(&cond), 0);
+    EXPECT_EQ(mutex.hMutex.load() + cond.cond.load(), 0U); // as before they were made
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds{20});
 }
 
