@@ -54,8 +54,7 @@ message_t *busClientExMessageNew(const char *name, const char *topic, const char
 // A deep copy that shares node, without owning a reference to it. Null for null, or when memory is
 // short.
 message_t *busClientExMessageCopy(const void *message) noexcept;
-// The same with another request_name, or another action.
-message_t *copyForRequest(const message_t &message, const char *request_name) noexcept;
+// The same with another action.
 message_t *copyWithAction(const message_t &message, Action action) noexcept;
 // Frees a message, with the reference that it owns; null is accepted. Always 0. The delete function
 // of message queues.

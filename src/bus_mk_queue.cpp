@@ -143,7 +143,7 @@ bool settle(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {
 // count does not tell.
 bool hasPlace(bus_mk_q_t *q, int limit) noexcept BUS_MK_REQUIRES(q->mut) {
     const std::int32_t waiting = q->in.count();
-    if (waiting + q->out_seen >= limit || waiting + q->out_seen >= q->highest) {
+    if (waiting + q->out_seen >= std::min(limit, q->highest)) {
         q->out_seen = q->out_count.load(std::memory_order_acquire);
     }
     return waiting + q->out_seen < limit;
@@ -344,7 +344,10 @@ void bus_mk_q_wake(bus_mk_q_t *q) noexcept {
 bus_mk_list_node *bus_mk_q_append(bus_mk_q_t *q, void *data) noexcept {
     bus_mk_list_node *place = nullptr;
     bool wake = false;
-    if (data && insert(q, data, -1, place, wake) == bus_mk_sent::kDone && wake) {
+    if (data) {
+        insert(q, data, bus_mk_q_tail, place, wake);
+    }
+    if (wake) {
         bus_mk_q_wake(q);
     }
     return place;

@@ -4,7 +4,7 @@
 // Threads:   any thread may call anything; bus_mk_q_clear with flag 0 needs sole use.
 // Blocking:  only a receive with flag 0 waits, without time limit, while the queue is empty, and
 //            bus_mk_q_wait. Only a successful send wakes them. A send never waits.
-// Positions: insertion counts from 0 (-1 = tail), everything else from 1 (1 = head).
+// Positions: insertion counts from 0 (negative = tail), everything else from 1 (1 = head).
 // Callbacks: equality, delete and visit functions run under the queue's mutexes; never operate on
 //            the same queue from one.
 // Cost:      appending and taking the head lock different mutexes, and meet once for all the items
@@ -21,6 +21,8 @@
 struct bus_mk_queue;
 using bus_mk_q_t = bus_mk_queue;
 
+inline constexpr int bus_mk_q_tail = -1; // as a position
+
 // Applied to each item by bus_mk_q_clear; the result is not examined.
 using bus_mk_q_delete_callback = int (*)(void *item);
 // Applied to each item by bus_mk_q_visit; a result other than 0 ends the walk.
@@ -29,7 +31,7 @@ using bus_mk_q_visitor = int (*)(void *item, void *arg);
 // q_size is the capacity; a null eq_func compares pointers. Null when memory is short.
 bus_mk_q_t *bus_mk_q_new(int q_size, bus_mk_list_equal eq_func) noexcept;
 
-// Inserts before position pos, counted from 0 (-1 = tail).
+// Inserts before position pos, counted from 0 (negative = tail).
 // 0: the queue holds the item. -1 (full, null, no memory): it is still yours.
 int bus_mk_q_send(bus_mk_q_t *q, void *data, int pos) noexcept;
 

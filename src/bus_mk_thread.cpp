@@ -21,18 +21,17 @@ std::uint32_t signalsOf(std::uint32_t cond) noexcept {
     return cond / kSignal;
 }
 
-// Whether to sleep on: the event is not set and no signal has come. The word then tells that
-// somebody sleeps.
-bool mustSleep(platform::Word &word, std::uint32_t &seen, std::uint32_t signals) noexcept {
-    seen = word.load(std::memory_order_acquire);
+// What the word holds when it is to be slept on: the event is not set and no signal has come. It
+// then tells that somebody sleeps. 0: the wait is over.
+std::uint32_t sleepWord(platform::Word &word, std::uint32_t signals) noexcept {
+    std::uint32_t seen = word.load(std::memory_order_acquire);
     while ((seen & kSet) == 0 && signalsOf(seen) == signals) {
         if ((seen & kSleepers) != 0 ||
             word.compare_exchange_weak(seen, seen | kSleepers, std::memory_order_acquire)) {
-            seen |= kSleepers;
-            return true;
+            return seen | kSleepers;
         }
     }
-    return false;
+    return 0;
 }
 
 // The steps of a wait; sleep(word, expected, signals) is the sleeping itself.
@@ -142,7 +141,7 @@ int bus_mk_thread_cond_destroy(bus_mk_thread_cond_t *cond) noexcept {
 
 int bus_mk_thread_cond_wait(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex) noexcept {
     waitFor(cond, mutex, [](platform::Word &word, std::uint32_t signals) {
-        for (std::uint32_t seen = 0; mustSleep(word, seen, signals);) {
+        while (const std::uint32_t seen = sleepWord(word, signals)) {
             platform::waitWord(word, seen);
         }
     });
@@ -153,8 +152,7 @@ int bus_mk_thread_cond_wait(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *m
 int bus_mk_thread_cond_wait_for(bus_mk_thread_cond_t *cond, bus_mk_thread_mutex_t *mutex,
                                 std::uint32_t milliseconds) noexcept {
     waitFor(cond, mutex, [milliseconds](platform::Word &word, std::uint32_t signals) {
-        std::uint32_t seen = 0;
-        if (mustSleep(word, seen, signals)) {
+        if (const std::uint32_t seen = sleepWord(word, signals)) {
             platform::waitWordFor(word, seen, milliseconds);
         }
     });

@@ -64,9 +64,6 @@ bool asEver(const Body &body) {
     body();
     return true;
 }
-bool onFullDisk(const Body &body) {
-    return withFullDisk(3000, body);
-}
 
 TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) {
     const std::string big = '"' + std::string(4000, 'b') + '"';
@@ -85,8 +82,9 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
         permissions(home_, perms{home});
         permissions(file(), perms{mode});
         if (!by([&] {
-                persist("b", big);
-                persist("b", big);
+                for (int i = 0; i < 3; ++i) {
+                    persist("b", big);
+                }
                 EXPECT_EQ(get("b"), big);
             })) {
             return;
@@ -96,7 +94,7 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
         persist("c", "2");
         EXPECT_EQ(read(), written) << line;
         EXPECT_TRUE(aside.empty() || read(aside) == text) << aside;
-        EXPECT_EQ(logged(", kept as " + file() + aside + "\n") == 1, !aside.empty());
+        EXPECT_EQ(logged(" is no key store, "), aside.empty() ? 0U : 2U);
         files += aside.empty() ? 0 : 1; // and nothing else is left behind
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator{home_}, {}), files);
     };
@@ -105,6 +103,7 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
     persists("[1]", fresh, ".bad");
     persists("{\"cut\":", fresh, ".bad.1");
     persists(old + std::string(" more\0{}", 8), both);
+    const auto onFullDisk = [](const Body &body) { return withFullDisk(3000, body); };
     persists(old, both, "", onFullDisk, "write localKeys error, file: ", true);
     persists(old, both, "", asNobody, "is not read, and left as it is", true, 0755, 0200);
     persists(old, both, "", asNobody, "can't be replaced as a whole");

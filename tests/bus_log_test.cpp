@@ -100,22 +100,6 @@ TEST_F(Log, text_is_cut_and_file_is_emptied_appended_to_or_begun_anew) {
     EXPECT_EQ(written({"next"}, 1, 2.5E6F), notice + "3221225473" + anew);
 }
 
-// Guards the size that is not asked for each time.
-TEST_F(Log, what_others_write_and_cut_counts) {
-    open(0, 1, 10);
-    const std::string text(4000, 'x');
-    write(text);
-    write(text);
-    std::filesystem::resize_file(utf8Path(path_), 0);
-    write(text);
-    write(text);
-    EXPECT_EQ(count(readFile(path_), "x\n"), 2U);
-    std::ofstream{utf8Path(path_), std::ios::app} << text;
-    write(text); // behind it, which tells where the file ends
-    write(text);
-    EXPECT_EQ(count(readFile(path_), "x\n"), 1U);
-}
-
 // Guards what a disk that fails takes.
 TEST_F(Log, full_disk_is_told_once_and_logging_goes_on_after_it) {
     open(3);

@@ -8,8 +8,6 @@
 #include <set>
 #include <thread>
 
-namespace {
-
 TEST(Pool, block_is_used_again_but_by_one_at_a_time) {
     bus_mk_pool_clear();
     bus_mk_q_t *const idle = bus_mk_q_new(1, nullptr);
@@ -36,10 +34,3 @@ TEST(Pool, block_is_used_again_but_by_one_at_a_time) {
     }
     bus_mk_q_clear(idle, nullptr, 0);
 }
-
-// Guards the end of this program: a static object is destroyed after the thread's own ones.
-const struct UsesPoolLate {
-    ~UsesPoolLate() { bus_mk_pool_put(bus_mk_pool_get()); }
-} g_usesPoolLate;
-
-} // namespace

@@ -44,7 +44,8 @@ const std::vector<Case> kShort = {
     {"%a", "\xe9", "none"},     {"%d%w%u", "1aB", "0..2"},   {"%c%l%U", "\tb1", "0..2"},
     {"(a)*", "a*", "0..1 0+1"}, {"(a*)b", "b", "0..0 0+0"},  {"%b()", "x(a(b))y", "1..6"},
     {"%S%p%s", "a. ", "0..2"},  {"%x%X", "gfz", "1..2"},     {"[a-\xff]", "\xc3", "0..0"},
-    {"%f[^%z]", "ab", "0..-1"}, {"a%f[a]", "aa", "none"}};
+    {"%f[^%z]", "ab", "0..-1"}, {"a%f[a]", "aa", "none"},    {"[a-%%]", "%", "0..0"},
+    {"%Z", "a", "0..0"}};
 
 // A search that goes deeper with each item or character, or has no end, ends the program.
 TEST(Str, patterns_find_what_they_describe_and_have_an_end) {
@@ -52,13 +53,14 @@ TEST(Str, patterns_find_what_they_describe_and_have_an_end) {
     const std::string run(66000, 'a');
     std::vector<Case> cases = {
         {"((a*)(a)b)(.-)%3", "aaabca", "0..5 0+4 0+2 2+1 4+1"},
-        {repeated("()", 31) + "(a)", "a", "0..0 0+1"},
+        {repeated("(a?)", 32), "a", "0..0 0+1" + repeated(" 1+0", 31)},
         {repeated("()", 32) + "(a)", "a", "none"},
         {repeated("(a?", 32) + repeated(")a?", 32) + "b", run.substr(60000), "none"},
         {repeated("a?", 100000), "aa", "0..1"},
         {"<(%a+)>.-</%1>", "<b>" + run + "<i>x</i>", "66003..66010 66004+1"},
         {"%a-(x+)%1y", run + ",xxy", "66001..66003 66001+1"},
         {"%b().", repeated("(", 1000000) + "(())x", "1000000..1000004"},
+        {"^.*%b()y", "(a)y((((", "0..3"},
         {"[%w_.]+@[%w.]+", words + run + ",me@host", "132001..132007"},
         {"(.*),(.*);%d", words + ";1", "0..66001 0+65990 65991+9"}};
     cases.insert(cases.end(), kShort.begin(), kShort.end());

@@ -12,9 +12,13 @@ TEST(Thread, event_is_remembered_for_one_wait) {
          {bus_mk_thread_mutex_init(&mutex), bus_mk_thread_cond_init(&cond),
           bus_mk_thread_mutex_lock(&mutex), bus_mk_thread_cond_signal(&cond),
           bus_mk_thread_cond_signal(&cond), bus_mk_thread_cond_wait(&cond, &mutex),
-          bus_mk_thread_cond_wait_for(&cond, &mutex, 20), bus_mk_thread_mutex_unlock(&mutex)}) {
+          bus_mk_thread_cond_wait_for(&cond, &mutex, 20)}) {
         EXPECT_EQ(result, 0);
     }
+    EXPECT_NE(mutex.hMutex.load(), bus_mk_thread_mutex_ready); // locked again
+    EXPECT_EQ(bus_mk_thread_mutex_unlock(&mutex), 0);
+    EXPECT_EQ(bus_mk_thread_mutex_destroy(&mutex) + bus_mk_thread_cond_destroy(&cond), 0);
+    EXPECT_EQ(mutex.hMutex.load() + cond.cond.load(), 0U); // as before they were made
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds{20});
 }
 

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-namespace bus {
-
 // Guards an application's heap and the C library's: the blocks of the one are none of the other.
 TEST(Json, functions_that_an_application_sets_while_a_bus_runs_get_their_blocks_back) {
     static int given = 0;
@@ -25,5 +23,3 @@ TEST(Json, functions_that_an_application_sets_while_a_bus_runs_get_their_blocks_
     Bus{6}; // the first again
     EXPECT_EQ(given, 0);
 }
-
-} // namespace bus

@@ -186,8 +186,9 @@ bus_mk_sent post(client_t &client, const Question &question, MessagePtr &request
     // ready for it.
     const bus_mk_guard lock{client.oncall_mutex};
     client.waiting_call.store(request ? request->call : 0);
-    const bus_mk_sent sent = question.leaves ? postToServer(*client.server, request)
-                                             : handOver(client.server->message_queue, request, -1);
+    const bus_mk_sent sent = question.leaves
+                                 ? postToServer(*client.server, request)
+                                 : handOver(client.server->message_queue, request, bus_mk_q_tail);
     if (sent == bus_mk_sent::kDone) {
         client.call_response.reset();
     } else {

@@ -175,12 +175,6 @@ message_t *busClientExMessageCopy(const void *message) noexcept {
     return message ? copyWhole(*static_cast<const message_t *>(message)) : nullptr;
 }
 
-message_t *copyForRequest(const message_t &message, const char *request_name) noexcept {
-    Fields fields = fieldsOf(message);
-    fields.request_name = request_name;
-    return make(fields);
-}
-
 message_t *copyWithAction(const message_t &message, Action action) noexcept {
     Fields fields = fieldsOf(message);
     fields.action = wordOf(action);

@@ -11,7 +11,7 @@ bool post(client_t &client, const char *topic, Action action, const char *data, 
     if (message) {
         BUS_CLIENT_TRACE("==>", &client, message.get());
     }
-    const bus_mk_sent sent = handOver(client.server->message_queue, message, -1);
+    const bus_mk_sent sent = handOver(client.server->message_queue, message, bus_mk_q_tail);
     if (sent != bus_mk_sent::kDone) {
         countLost(sent, client.counters.bus_full, client.counters.no_memory);
         return false;

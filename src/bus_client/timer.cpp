@@ -89,7 +89,7 @@ long long shown(double time) noexcept {
 // False: memory is short, or the queue is full of other messages that wake the loop as well.
 bool postWakeUp(client_t &client) noexcept {
     MessagePtr message = ownMessage(client, nullptr, Action::kSetTimer, nullptr, 0);
-    return handOver(client.message_queue, message, -1) == bus_mk_sent::kDone;
+    return handOver(client.message_queue, message, bus_mk_q_tail) == bus_mk_sent::kDone;
 }
 
 // Under the queue's lock: either this sees the latest message taken, or the thread that takes it
@@ -199,7 +199,7 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
     // The timer may fire, and be gone, as soon as it is queued.
     const int id = timer->id;
     const double due = timer->timeout;
-    const bus_mk_sent sent = bus_mk_q_offer(client->timer_queue, timer, -1, 0);
+    const bus_mk_sent sent = bus_mk_q_offer(client->timer_queue, timer, bus_mk_q_tail, 0);
     if (sent == bus_mk_sent::kDone) {
         bus::noteDue(*client, due);
     } else {
@@ -228,7 +228,7 @@ int busClientKilltimer(client_t *client, int id) noexcept {
     const int length = std::snprintf(payload.data(), payload.size(), "{\"id\": %d}", id);
     bus::MessagePtr message =
         bus::ownMessage(*client, nullptr, bus::Action::kKillTimer, payload.data(), length);
-    const bus_mk_sent sent = bus::handOver(client->message_queue, message, -1);
+    const bus_mk_sent sent = bus::handOver(client->message_queue, message, bus_mk_q_tail);
     if (sent != bus_mk_sent::kDone) {
         bus::countLost(sent, client->counters.own_full, client->counters.no_memory);
         BUS_LOG(4, "  %s %s killtimer failed, queue is full\n", bus::TAG, client->name.get());

@@ -30,20 +30,11 @@ void noteCall(const Request &request) noexcept {
     }
 }
 
-// A client's request names its maker as the requester already; it is handed on as it is.
+// A request names its maker as the requester already; it is handed on as it is.
 bool forward(server_t &server, const Request &request, const node_t &target) noexcept {
     client_t &client = *target.node;
-    const message_t &message = request.message;
-    const bool asItIs =
-        message.request_name && std::strcmp(message.request_name, message.name) == 0;
-    MessagePtr copy{asItIs ? nullptr : copyForRequest(message, message.name)};
-    MessagePtr &sent = asItIs ? request.taken : copy;
-    if (!sent) {
-        count(server.counters.no_memory);
-        return false;
-    }
-    BUS_SERVER_TRACE("==>", &server, sent.get(), client.name.get());
-    return sendToNode(server, client, sent, [&client] {
+    BUS_SERVER_TRACE("==>", &server, request.taken.get(), client.name.get());
+    return sendToNode(server, client, request.taken, [&client] {
         BUS_LOG(4, "  %s server ==> %s request failed, queue is full\n", TAG, client.name.get());
     });
 }
@@ -132,17 +123,15 @@ bool deliver(client_t &client, const message_t &response, const payload_t *paylo
         return false;
     }
     client.call_name.fill('\0');
-    client.call_response.reset();
-    if (payload && payload->data) {
-        const auto length = static_cast<std::size_t>(payload->len);
-        client.call_response.reset(static_cast<char *>(std::malloc(length + 1)));
-        if (client.call_response) {
-            std::memcpy(client.call_response.get(), payload->data, length);
-            client.call_response.get()[length] = '\0';
-        } else {
-            count(client.counters.no_memory);
-            BUS_LOG(5, "  %s response failed\n", TAG);
-        }
+    const bool hasText = payload && payload->data;
+    const std::size_t length = hasText ? static_cast<std::size_t>(payload->len) : 0;
+    client.call_response.reset(hasText ? static_cast<char *>(std::malloc(length + 1)) : nullptr);
+    if (client.call_response) {
+        std::memcpy(client.call_response.get(), payload->data, length);
+        client.call_response.get()[length] = '\0';
+    } else if (hasText) {
+        count(client.counters.no_memory);
+        BUS_LOG(5, "  %s response failed\n", TAG);
     }
     client.waiting_call.store(0);
     if (client.caller_sleeps) {

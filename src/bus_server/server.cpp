@@ -150,7 +150,7 @@ int sticky_topic_equal(void *a, void *b) noexcept {
 }
 
 bus_mk_sent postToServer(server_t &server, MessagePtr &message) noexcept {
-    return handOver(server.message_queue, message, -1, kServerQueue);
+    return handOver(server.message_queue, message, bus_mk_q_tail, kServerQueue);
 }
 
 } // namespace bus

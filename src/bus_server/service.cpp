@@ -105,7 +105,7 @@ void subscribe(server_t &server, node_t &node, const char *topic) noexcept {
         BUS_LOG(4, "  %s topic malloc error %s\n", TAG, name);
         return;
     }
-    if (bus_mk_q_send(node.topics_queue, copy.get(), -1) != 0) {
+    if (bus_mk_q_send(node.topics_queue, copy.get(), bus_mk_q_tail) != 0) {
         server.directory.unsubscribe(node, topic);
         BUS_LOG(4, "  %s %s subscribe topic %s failed, queue is full\n", TAG, name, topic);
         return;

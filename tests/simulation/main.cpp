@@ -6,7 +6,6 @@
 //   --replay SEED     one world, with its account
 #include "model.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,8 +20,6 @@
 namespace {
 
 using namespace simulation;
-
-volatile std::sig_atomic_t interrupted = 0;
 
 // Whether a world fails; order: of its events, given its operations. What is wrong stands in
 // failure.
@@ -67,11 +64,22 @@ void makeSmall(Program &failing, std::uint64_t &order) {
     }
 }
 
-int runAll(unsigned long long first, unsigned long long last, std::time_t end, bool account) {
-    unsigned long long seed = first;
-    for (; seed <= last && std::time(nullptr) < end && interrupted == 0; ++seed) {
+int run(const std::string &option, const char *value) {
+    unsigned long long seed = std::random_device{}(), last = UINT64_MAX;
+    std::time_t end = std::numeric_limits<std::time_t>::max();
+    if (option == "--seconds") {
+        end = std::time(nullptr) + std::atoi(value);
+        std::printf("worlds from %llu on\n", seed);
+    } else if (option == "--replay" && std::sscanf(value, "%llu", &seed) == 1) {
+        last = seed;
+    } else if (option != "--seeds" || std::sscanf(value, "%llu-%llu", &seed, &last) != 2) {
+        std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
+        return 2;
+    }
+    const unsigned long long first = seed;
+    for (; seed <= last && std::time(nullptr) < end; ++seed) {
         Program made = makeProgram(seed);
-        if (fails(made, seed, account)) {
+        if (fails(made, seed, option == "--replay")) {
             std::printf("world %llu: %s\n\nmade smaller:\n", seed, failure);
             std::uint64_t order = seed;
             makeSmall(made, order);
@@ -82,21 +90,6 @@ int runAll(unsigned long long first, unsigned long long last, std::time_t end, b
     return 0;
 }
 
-int run(const std::string &option, const char *value) {
-    unsigned long long first = std::random_device{}(), last = UINT64_MAX;
-    std::time_t end = std::numeric_limits<std::time_t>::max();
-    if (option == "--seconds") {
-        end = std::time(nullptr) + std::atoi(value);
-        std::printf("worlds from %llu on\n", first);
-    } else if (option == "--replay" && std::sscanf(value, "%llu", &first) == 1) {
-        last = first;
-    } else if (option != "--seeds" || std::sscanf(value, "%llu-%llu", &first, &last) != 2) {
-        std::fputs("zelvo_simulation --seeds A-B | --seconds S | --replay SEED\n", stderr);
-        return 2;
-    }
-    return runAll(first, last, end, option == "--replay");
-}
-
 } // namespace
 
 int main(int argc, char **argv) {
@@ -105,9 +98,6 @@ int main(int argc, char **argv) {
     char directory[] = "/tmp/zelvo-simulation-XXXXXX"; // for the key store
     if (!mkdtemp(directory) || chdir(directory) != 0) {
         return 2;
-    }
-    for (const int number : {SIGINT, SIGTERM}) { // a world ends first, and the directory goes
-        std::signal(number, [](int) { interrupted = 1; });
     }
     const int result = run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "");
     std::filesystem::remove_all(directory);

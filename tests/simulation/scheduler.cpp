@@ -78,13 +78,6 @@ void World::join(const Thread *thread) {
     }
 }
 
-// Another order. Where that is rare, a thread may stay where it is for as long as others can go on;
-// where it is frequent, it is anybody's turn at each step.
-void World::change() {
-    std::ranges::shuffle(alive_, chance);
-    handOn();
-}
-
 void World::yield() {
     jumped_ += yieldTime_;
     const auto me = std::ranges::find(alive_, current);

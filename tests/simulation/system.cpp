@@ -7,7 +7,6 @@
 // memory is looked at. Operations take place one after the other, in the strongest order.
 #include "model.h"
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -63,15 +62,6 @@ int exchange(volatile Word *word, Word *expected, Word value, bool weak) {
     return done;
 }
 
-bool diskFails() {
-    const bool does = inLibrary() && world.chance.oneIn(shortage.disk);
-    if (does) {
-        note("the disk fails");
-        errno = ENOSPC;
-    }
-    return does;
-}
-
 } // namespace
 
 void *allocate(std::size_t size, std::size_t alignment) {
@@ -91,7 +81,7 @@ extern "C" {
 
 void *__real_malloc(std::size_t size);
 void *__wrap_aligned_alloc(std::size_t alignment, std::size_t size) {
-    if (!inLibrary()) {
+    if (!world.current || !world.current->inLibrary) {
         return __real_malloc(size);
     }
     if (++asked == shortage.nth || world.chance.oneIn(shortage.oneIn)) {
@@ -143,11 +133,6 @@ int __wrap_clock_gettime(clockid_t /*clock*/, timespec *time) {
     return 0;
 }
 
-std::FILE *__real_fopen(const char *path, const char *mode);
-std::FILE *__wrap_fopen(const char *path, const char *mode) {
-    return diskFails() ? nullptr : __real_fopen(path, mode);
-}
-
 // Only the log writes so.
 std::size_t __wrap_fwrite(const char *line, std::size_t /*unit*/, std::size_t size, FILE *) {
     const InLibrary no{false};
@@ -158,7 +143,7 @@ std::size_t __wrap_fwrite(const char *line, std::size_t /*unit*/, std::size_t si
 ssize_t __real_write(int file, const void *data, std::size_t size);
 ssize_t __wrap_write(int file, const void *data, std::size_t size) {
     fileIsLost = true;
-    return diskFails() ? -1 : __real_write(file, data, size);
+    return __real_write(file, data, size);
 }
 
 int __wrap_fsync(int file) {
@@ -172,7 +157,7 @@ int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
     expect(!fileIsLost, "gives its name to a file that a loss of power would tear");
     nameIsLost = true;
-    return diskFails() ? -1 : __real_rename(from, to);
+    return __real_rename(from, to);
 }
 
 void __tsan_init() {}

@@ -55,10 +55,12 @@ public:
     void run(std::uint64_t seed, std::function<void()> body);
     Thread *spawn(const std::string &name, std::function<void()> body, Node *node = nullptr);
     void join(const Thread *thread);
-    // A place where another thread may go on.
+    // A place where another thread may go on. Where another order is rare, a thread may stay where
+    // it is for as long as others can go on; where it is frequent, it is anybody's turn each time.
     void point() {
         if (++step >= nextChange_) {
-            change();
+            std::ranges::shuffle(alive_, chance);
+            handOn();
         }
     }
     // Sleeps until what stands at address is woken, or the time has come.
@@ -78,7 +80,6 @@ public:
     std::uint64_t step = 0;
 
 private:
-    void change();
     void handOn();
     void runCurrent();
     Thread *next();
@@ -98,16 +99,11 @@ struct InLibrary {
     bool is, before = std::exchange(world.current->inLibrary, is);
     ~InLibrary() { world.current->inLibrary = before; }
 };
-inline bool inLibrary() {
-    return world.current && world.current->inLibrary;
-}
 
-// Which allocations of the library are refused, and how often the disk fails: once in so many times
-// by chance, and the n-th; 0: never.
+// Which allocations of the library are refused: one in so many by chance, and the n-th; 0: none.
 struct Shortage {
     unsigned oneIn = 0;
     std::uint64_t nth = 0;
-    unsigned disk = 0;
 };
 inline Shortage shortage;
 // A block that the library is going to free. It is not handed out again then, so whoever touches it
