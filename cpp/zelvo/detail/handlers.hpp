@@ -220,7 +220,7 @@ public:
 
     // Names go as they are made, so that it can be gone on with where memory was short.
     void make(Change &change) {
-        only_ = nullptr;
+        forgetLatest();
         for (; !change.names.empty(); change.names.pop_back()) {
             const std::string &name = change.names.back();
             switch (change.kind) {
@@ -238,10 +238,12 @@ public:
     }
 
     Row ofTopic(View topic) {
-        const auto [first, last] = topics_.equal_range(topic);
-        const auto count = static_cast<std::size_t>(std::distance(first, last));
-        only_ = count == 1 ? &*first : nullptr;
-        return {first, count};
+        if (latest_.count == 0 || latest_.first->first != topic) {
+            const auto [first, last] = topics_.equal_range(topic);
+            latest_ = {first, static_cast<std::size_t>(std::distance(first, last))};
+            only_ = latest_.count == 1 ? &*first : nullptr;
+        }
+        return latest_;
     }
     // Where the topic is that of the message before, as mostly, and has one handler. Null: ask
     // further.
@@ -255,11 +257,15 @@ public:
         return found == paths_.end() ? nullptr : found->second.get();
     }
     std::pair<HandlersByName, HandlersByName> takeAll() noexcept {
-        only_ = nullptr;
+        forgetLatest();
         return {std::move(topics_), std::move(paths_)};
     }
 
 private:
+    void forgetLatest() noexcept {
+        latest_ = {};
+        only_ = nullptr;
+    }
     void remove(const std::string &topic, const HandlerPtr &handler) {
         auto [entry, end] = topics_.equal_range(topic);
         while (entry != end) {
@@ -278,7 +284,8 @@ private:
     }
 
     HandlersByName topics_;
-    const Entry *only_ = nullptr; // of the topic that has been asked for
+    Row latest_{};                // that has been asked for
+    const Entry *only_ = nullptr; // its entry, where there is one
     HandlersByName paths_;        // "": of every other path
 };
 
