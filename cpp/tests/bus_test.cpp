@@ -82,8 +82,7 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     std::vector<client_t *> many;
     do {
         const std::string name = std::to_string(many.size());
-        many.push_back(
-            detail::connectSilently(bus.native(), name.c_str(), nullptr, nullptr, nullptr));
+        many.push_back(detail::connectSilently(bus.native(), name.c_str()));
     } while (many.back());
     EXPECT_NE(refusal("late").find("2,048"), std::string::npos);
     for (client_t *const client : many) {

@@ -109,9 +109,12 @@ public:
     // until that has happened: a loop that does not come round makes the node a slow one, whose
     // queue fills. A node that is destroyed while work of it waits in the loop runs none of it.
     // What handlers have captured goes in the loop too, or in the thread that destroys the node;
-    // the executor goes then. A handler that waits, in a loop, for another node of the same loop
-    // waits for good. Throws std::invalid_argument for an executor that holds no function; what it
-    // throws when it is called goes to Config::on_error, and a message that it was for is lost.
+    // the executor goes then. Timers and completions that it has destroyed, or thrown at, are
+    // looked at again, a second later at the latest; a message is lost, and Config::on_error told
+    // so once until it has run something again. A handler that waits, in a loop, for another node
+    // of the same loop waits for good. Throws std::invalid_argument for an executor that holds no
+    // function; what it throws when it is called goes to Config::on_error, and a message that it
+    // was for is lost.
     template <class Executor>
     Node(const Bus &bus, const std::string &name, Executor executor)
         : Node{bus, name, detail::hopsOf(std::move(executor))} {}
@@ -168,6 +171,10 @@ public:
     void remove_sticky(const CText &topic) const {
         busClientRemoveSticky(state().client(), detail::jsonArray({topic.c_str()}).c_str());
     }
+    template <class Value>
+    void remove_sticky(const Topic<Value> &topic) const {
+        remove_sticky(topic.name());
+    }
 
     // ---- subscribing ----
     // Handlers of one topic add up and run in the order in which they have subscribed. The first
@@ -222,6 +229,10 @@ public:
         state().unsubscribe(std::vector<std::string>(topics));
     }
     void unsubscribe(const CText &topic) { unsubscribe({topic.c_str()}); }
+    template <class Value>
+    void unsubscribe(const Topic<Value> &topic) {
+        unsubscribe({topic.name()});
+    }
 
     // ---- being called ----
 
@@ -257,6 +268,10 @@ public:
             const std::string path = ownPath(service.url());
             state().setPath(path, detail::held(new Server{state(), handler}));
         }
+    }
+    template <class Question, class Reply>
+    void on_call(const Service<Question, Reply> &service, std::nullptr_t) {
+        state().setPath(ownPath(service.url()), nullptr);
     }
 
     // ---- calling ----

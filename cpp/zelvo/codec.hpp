@@ -61,8 +61,9 @@ private:
 //   trivially copyable types       their bytes as they lie in memory: the padding too, whatever it
 //                                  holds, and the order of bytes of this machine; their size is
 //                                  checked, and nothing else: both sides must be of one build, and
-//                                  pointers inside mean what they mean here. A std::array or a
-//                                  std::vector of them likewise, and of numbers, but of bool.
+//                                  pointers inside mean what they mean here. A std::array of them
+//                                  likewise, and of numbers, but of bool; and a std::vector, of
+//                                  which only that the bytes are a multiple is checked.
 //   std::vector, std::array        of other types with one of these: each behind its length, which
 //                                  is 4 bytes in this machine's order
 //   what JSON can be made of       with zelvo/json.hpp

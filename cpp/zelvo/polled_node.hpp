@@ -23,6 +23,13 @@ public:
         }
         return number != 0;
     }
+    // Until there is something to dispatch; false: the time is up, or the node has gone.
+    bool awaitOne(Clock::time_point end) {
+        std::unique_lock lock{mutex_};
+        while (waiting_ == 0 && !gone_ &&
+               come_.wait_until(lock, end) == std::cv_status::no_timeout) {}
+        return waiting_ != 0 && !gone_;
+    }
     Signal::Native native() const noexcept { return signal_.native(); }
 
 private:
@@ -32,6 +39,12 @@ private:
             signal_.set();
         }
         waiting_ = number;
+        come_.notify_one();
+    }
+    void forgetExecutor() noexcept override {
+        const std::lock_guard lock{mutex_};
+        gone_ = true;
+        come_.notify_one();
     }
     std::uint64_t take() noexcept {
         const std::lock_guard lock{mutex_};
@@ -42,7 +55,9 @@ private:
     }
 
     std::mutex mutex_;
+    std::condition_variable come_;
     std::uint64_t waiting_ = 0; // 0: nothing
+    bool gone_ = false;
     Signal signal_;
 };
 
@@ -69,16 +84,33 @@ public:
         return inbox_->native();
     }
 
-    // Does what there is to do, at most so much, and tells how much that was: a message, a call, or
-    // all timers and completions that are due count as one. Does not wait; what comes behind is
-    // told by fd(). By one thread at a time; not in a handler of the node itself, where there is
-    // nothing to do.
+    // Does what there is to do at this moment, at most so much, and tells how much that was: a
+    // message, a call, or all timers and completions that are due count as one. Does not wait: the
+    // node's thread hands over the next message some microseconds later, which fd() tells. A loop
+    // with a beat of its own, which does not wait for fd(), uses dispatch_for() instead. By one
+    // thread at a time; not in a handler of the node itself, where there is nothing to do.
     std::size_t dispatch(std::size_t at_most = static_cast<std::size_t>(-1)) {
         state();
         const auto inbox = inbox_; // a handler may destroy the node
         std::size_t done = 0;
         while (done < at_most && inbox->dispatch()) {
             ++done;
+        }
+        return done;
+    }
+    // Does what there is to do and what comes, until the time is up: instead of sleeping between
+    // two beats. A handler that then runs comes to its end. Otherwise as dispatch().
+    template <class Rep, class Period>
+    std::size_t dispatch_for(std::chrono::duration<Rep, Period> time) {
+        state();
+        const auto inbox = inbox_;
+        const auto end = detail::later(detail::Clock::now(), detail::saturated(time));
+        std::size_t done = 0;
+        while (inbox->awaitOne(end) && inbox->dispatch()) {
+            ++done;
+            if (detail::Clock::now() >= end) {
+                break;
+            }
         }
         return done;
     }

@@ -129,10 +129,9 @@ private:
         try {
             std::rethrow_exception(error);
         } catch (const std::exception &failure) {
-            std::fprintf(stderr, "zelvo: a handler of node %s has thrown: %s\n", node.c_str(),
-                         failure.what());
+            std::fprintf(stderr, "zelvo: node %s: %s\n", node.c_str(), failure.what());
         } catch (...) {
-            std::fprintf(stderr, "zelvo: a handler of node %s has thrown\n", node.c_str());
+            std::fprintf(stderr, "zelvo: node %s: a handler has thrown\n", node.c_str());
         }
     }
 

@@ -9,12 +9,14 @@
 
 namespace zelvo::detail {
 
+// Hears of no nodes that join. False: a join that found the bus's queue full shows only here.
+inline bool becomesSilent(client_t *client) noexcept {
+    return busClientCall(client, "/bus/unsubscribe", R"(["bus.event"])", 13) != nullptr;
+}
 // A node that makes calls for others, or null. It hears nothing: it has no loop.
-inline client_t *connectSilently(Zelvo_t *bus, const char *name, onmessage_callback onMessage,
-                                 oncall_callback onCall, void *userdata) {
-    client_t *const client = busClientConnect(bus, name, onMessage, onCall, userdata);
-    // A join that found the bus's queue full shows only here.
-    if (client && !busClientCall(client, "/bus/unsubscribe", R"(["bus.event"])", 13)) {
+inline client_t *connectSilently(Zelvo_t *bus, const char *name) {
+    client_t *const client = busClientConnect(bus, name, nullptr, nullptr, nullptr);
+    if (client && !becomesSilent(client)) {
         busClientClose(client);
         return nullptr;
     }
@@ -225,7 +227,7 @@ private:
             ++clients_;
         }
         old.reset();
-        made->client = connectSilently(bus_, name.c_str(), nullptr, nullptr, nullptr);
+        made->client = connectSilently(bus_, name.c_str());
         return made;
     }
     // It stays for further calls of its node, where that is still there.

@@ -9,30 +9,22 @@
 
 namespace zelvo::detail {
 
-// Why no node of that name could join. C functions don't tell; another client sees whether it can.
-inline Cause refusalOf(BusState &bus, const std::string &name, const Deadline &deadline) {
-    if (deadline && Clock::now() >= *deadline) {
-        return Cause::timed_out;
-    }
+// Why there is no client of that name. C functions don't tell; another one sees whether it can be:
+// then it was the name.
+inline Cause refusalOf(BusState &bus, const std::string &name) {
     const std::string probe = bus.helpers().nameFor(name);
     Helpers::Client client{name};
     client.client = busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr);
-    if (!client.client) {
-        return Cause::bus_full;
-    }
-    std::vector<std::string> names;
-    if (const char *const text = busClientCall(client.client, "/bus/nodes", nullptr, 0)) {
-        JsonReader{text}.texts(names, kHelperPrefix);
-    }
-    const bool taken = std::find(names.begin(), names.end(), name) != names.end();
-    return taken ? Cause::name_taken : Cause::lost;
+    return client.client ? Cause::name_taken : Cause::bus_full;
 }
 inline client_t *joined(BusState &bus, const std::string &name, onmessage_callback onMessage,
                         oncall_callback onCall, void *node) {
     const Deadline deadline = deadlineAfter(bus.timeout());
-    client_t *const client = connectSilently(bus.native(), name.c_str(), onMessage, onCall, node);
-    if (!client) {
-        const Cause cause = refusalOf(bus, name, deadline);
+    client_t *client = busClientConnect(bus.native(), name.c_str(), onMessage, onCall, node);
+    if (!client || !becomesSilent(client)) {
+        const bool isLate = deadline && Clock::now() >= *deadline;
+        const Cause cause = isLate ? Cause::timed_out : client ? Cause::lost : refusalOf(bus, name);
+        busClientClose(client);
         throw Error(concat({"zelvo: node ", name, " could not join the bus: ", reason(cause)}),
                     cause);
     }
@@ -140,12 +132,21 @@ inline void NodeState::inLoop(Step work, void *object) noexcept {
     using Hop = decltype(hop);
     bool done = leaving_;
     if (!done) {
-        reported([&] { done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop); });
+        reported([&] {
+            done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop);
+            if (!done && !leaving_ && pause_ == 0) {
+                throw Error("zelvo: an executor has destroyed a task unrun", Cause::lost);
+            }
+        });
     }
+    // What is due or ready is looked at again, also where no message comes; at once, where the loop
+    // has come back.
+    const bool isBack = done && pause_ != 0;
     pause_ = done ? 0 : std::clamp(2 * pause_, 20L, 1000L);
-    if (!done) { // what is due or ready is looked at again, also where no message comes
+    if (!done || isBack) {
         const std::lock_guard lock{mutex_};
-        attention_ = true;
+        attention_ = attention_ || !done;
+        wakes_ = wakes_ && !isBack;
         wake(pause_);
     }
     if (leaving_) {
@@ -228,7 +229,8 @@ inline void NodeState::askToLeave() noexcept {
     if (calls_ended_ && !gone_) {
         busClientSpinExit(client_);
     } else {
-        wake(); // to go quietly
+        wakes_ = false; // it may be for a look that is far away
+        wake();         // to go quietly
     }
 }
 
