@@ -3,9 +3,9 @@
 //
 // And what the bus promises, beside the bus itself. The model is told what the application does and
 // is handed, and reads the log: a warning or an error has to be one that the world explains. In an
-// exact world (no shortage, no time limit, no stop) it also follows the bus message by message:
-// what the bus takes, what it sends then, and what each node takes, in which order. Whatever
-// differs ends the world.
+// exact world (no shortage, no time limit, no stop, a sound disk) it also follows the bus message
+// by message: what the bus takes, what it sends then, and what each node takes, in which order.
+// Whatever differs ends the world.
 #ifndef ZELVO_SIMULATION_MODEL_H
 #define ZELVO_SIMULATION_MODEL_H
 
@@ -34,7 +34,9 @@ struct Program {
     std::vector<Operation> operations{};
 
     bool isExact() const { return level <= 1; } // else only what the application sees is compared
-    bool loses() const { return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0; }
+    bool loses() const {
+        return timeLimit > 0 || shortage.oneIn > 0 || shortage.nth > 0 || shortage.disk > 0;
+    }
 };
 inline Program program; // the world's
 

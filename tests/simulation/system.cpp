@@ -7,6 +7,7 @@
 // memory is looked at. Operations take place one after the other, in the strongest order.
 #include "model.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -60,6 +61,16 @@ int exchange(volatile Word *word, Word *expected, Word value, bool weak) {
     *word = done ? value : before;
     *expected = before;
     return done;
+}
+
+bool diskFails() {
+    const bool does =
+        world.current && world.current->inLibrary && world.chance.oneIn(shortage.disk);
+    if (does) {
+        note("the disk fails");
+        errno = ENOSPC;
+    }
+    return does;
 }
 
 } // namespace
@@ -133,6 +144,11 @@ int __wrap_clock_gettime(clockid_t /*clock*/, timespec *time) {
     return 0;
 }
 
+std::FILE *__real_fopen(const char *path, const char *mode);
+std::FILE *__wrap_fopen(const char *path, const char *mode) {
+    return diskFails() ? nullptr : __real_fopen(path, mode);
+}
+
 // Only the log writes so.
 std::size_t __wrap_fwrite(const char *line, std::size_t /*unit*/, std::size_t size, FILE *) {
     const InLibrary no{false};
@@ -143,7 +159,7 @@ std::size_t __wrap_fwrite(const char *line, std::size_t /*unit*/, std::size_t si
 ssize_t __real_write(int file, const void *data, std::size_t size);
 ssize_t __wrap_write(int file, const void *data, std::size_t size) {
     fileIsLost = true;
-    return __real_write(file, data, size);
+    return diskFails() ? -1 : __real_write(file, data, size);
 }
 
 int __wrap_fsync(int file) {
@@ -157,7 +173,7 @@ int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
     expect(!fileIsLost, "gives its name to a file that a loss of power would tear");
     nameIsLost = true;
-    return __real_rename(from, to);
+    return diskFails() ? -1 : __real_rename(from, to);
 }
 
 void __tsan_init() {}

@@ -100,10 +100,12 @@ struct InLibrary {
     ~InLibrary() { world.current->inLibrary = before; }
 };
 
-// Which allocations of the library are refused: one in so many by chance, and the n-th; 0: none.
+// Which allocations of the library are refused, and how often the disk fails: once in so many times
+// by chance, and the n-th; 0: never.
 struct Shortage {
     unsigned oneIn = 0;
     std::uint64_t nth = 0;
+    unsigned disk = 0;
 };
 inline Shortage shortage;
 // A block that the library is going to free. It is not handed out again then, so whoever touches it
