@@ -29,8 +29,8 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
             keys.set("key \"one\"", json);
             EXPECT_TRUE(keys.get("KEY \"one\"")) << json;
         }
-        keys.set("deep", std::string(501, '[') + std::string(501, ']'));
         keys.set("kept", "\"here\"", true);
+        keys.set("deep", std::string(501, '[') + std::string(501, ']'));
         std::istringstream bad{
             R"(|x|01|1.|-|1e|1e+|1 2|1}|'a'|"a|"|"\x"|"\u12"|"\u0000"|"\u00g0"|)"
             R"("\uDA00"|"\ud83d\ue000"|"\udc00\udc00"|{:1}|{"a"}|{1:2}|[1,]|[1|[|{|)"
@@ -43,8 +43,8 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
         EXPECT_EQ(keys.get("kept"), "\"here\"");
         EXPECT_THROW(static_cast<void>(keys.get("")), std::invalid_argument);
     }
-    EXPECT_TRUE(std::filesystem::exists(config.home / "keys.json"));
-    EXPECT_EQ(std::filesystem::file_size(config.log), 0U); // nothing to warn of
+    EXPECT_LT(std::filesystem::file_size(config.home / "keys.json"), 1000U); // without "deep"
+    EXPECT_EQ(std::filesystem::file_size(config.log), 0U);                   // nothing to warn of
     std::filesystem::remove_all(config.home);
 }
 
