@@ -231,7 +231,7 @@ void bus_log_exit() noexcept {
 void _bus_log(int level, const char *file, int line, const char * /*func*/, const char *fmt,
               ...) noexcept {
     const bus_mk_guard lock{_lock};
-    if (!logEnabled(level)) { // no level is, while there is no file
+    if (!_file || !logEnabled(level)) {
         return;
     }
     _length = 0;
