@@ -54,7 +54,7 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     config.call_timeout = kLimit;
     const Bus bus{config};
     Node node{bus, "a \"name\" of a node\t\\"};
-    const auto refusal = [&bus](const std::string &name) {
+    const auto refusal = [&bus](std::string_view name) {
         try {
             const Node joined{bus, name};
         } catch (const std::exception &error) {
