@@ -181,19 +181,18 @@ Call awaitAnswer(client_t &client, std::uint64_t number, const Question &questio
     return Call::kAnswered;
 }
 
-bus_mk_sent post(client_t &client, const Question &question, MessagePtr &request) noexcept {
+bus_mk_sent post(client_t &client, const Question &question, std::uint64_t number) noexcept {
+    MessagePtr request = newRequest(client, question, number);
     // Held until the request is on its way, so that the answer cannot come before the caller is
     // ready for it.
     const bus_mk_guard lock{client.oncall_mutex};
-    client.waiting_call.store(request ? request->call : 0);
+    client.waiting_call.store(number);
     const bus_mk_sent sent = question.leaves
                                  ? postToServer(*client.server, request)
                                  : handOver(client.server->message_queue, request, bus_mk_q_tail);
     if (sent == bus_mk_sent::kDone) {
         client.call_response.reset();
-    } else {
-        client.waiting_call.store(0);
-    }
+    } // else nobody answers that number
     return sent;
 }
 
@@ -201,8 +200,7 @@ bus_mk_sent post(client_t &client, const Question &question, MessagePtr &request
 Call exchange(client_t &client, const Question &question, char **response) noexcept {
     const std::uint64_t number =
         1 + client.server->counters.calls.fetch_add(1, std::memory_order_relaxed);
-    MessagePtr request = newRequest(client, question, number);
-    const bus_mk_sent sent = post(client, question, request);
+    const bus_mk_sent sent = post(client, question, number);
     if (sent != bus_mk_sent::kDone) {
         return refuse(client, question, sent);
     }
