@@ -333,13 +333,12 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
     }
     const bool given = text && fitsPayload(std::strlen(text.get()));
     const char *const data = given ? text.get() : kNoHandlerAnswer;
-    // A place is kept for it; memory may come back.
-    bus_mk_sent sent = postResponse(client, request, data);
-    for (int attempt = 1; attempt < kShortageAttempts && sent != bus_mk_sent::kDone; ++attempt) {
-        platform::yieldThread();
+    bus_mk_sent sent{};
+    const auto post = [&] {
         sent = postResponse(client, request, data);
-    }
-    if (sent == bus_mk_sent::kDone) {
+        return sent == bus_mk_sent::kDone;
+    };
+    if (attemptAgain(post)) { // a place is kept for it
         return;
     }
     countLost(sent, client.counters.bus_full, client.counters.no_memory);

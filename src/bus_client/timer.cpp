@@ -94,8 +94,8 @@ bool postWakeUp(client_t &client) noexcept {
 
 // Under the queue's lock: either this sees the latest message taken, or the thread that takes it
 // later sees the timer that was set before.
-bool hasNoMessage(const client_t &client) noexcept {
-    return bus_mk_q_count(client.message_queue) == 0;
+bool hasMessage(const client_t &client) noexcept {
+    return bus_mk_q_count(client.message_queue) > 0;
 }
 
 } // namespace
@@ -210,11 +210,7 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
     if (sent == bus_mk_sent::kNoMemory) {
         return -1;
     }
-    for (int attempt = 0; attempt < bus::kShortageAttempts && bus::hasNoMessage(*client) &&
-                          !bus::postWakeUp(*client);
-         ++attempt) {
-        platform::yieldThread();
-    }
+    bus::attemptAgain([&] { return bus::hasMessage(*client) || bus::postWakeUp(*client); });
     BUS_LOG(2, "  %s %s set timer %d\n", bus::TAG, client->name.get(), id);
     return id;
 }
