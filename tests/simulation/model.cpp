@@ -59,7 +59,7 @@ struct Entry { // of the registry
 };
 
 std::vector<Entry> registry; // in the order of joining
-std::map<string, string> sticky;
+std::map<string, string> sticky, keys;
 std::deque<string> mustSay;
 std::deque<Message> sent; // and not yet taken by the bus
 
@@ -95,6 +95,14 @@ bool closesRing(const string &caller) {
         }
     }
     return false;
+}
+
+string useKey(const string &key, const string &payload) {
+    if (payload.find("data") == string::npos) {
+        return keys.contains(key) ? keys[key] : kEmpty;
+    }
+    keys[key] = between(payload, "\"data\":", "}");
+    return kEmpty;
 }
 
 string serve(const Message &message, Entry *sender, const string &path) {
@@ -134,7 +142,8 @@ void request(const Message &message) {
         sender->calls = to;
     }
     if (string{"bus"}.starts_with(to) || string{"localKeys"}.starts_with(to)) {
-        answer(message, to[0] == 'b' ? serve(message, sender, path) : "*");
+        answer(message, to[0] == 'b' ? serve(message, sender, path)
+                                     : useKey(path, fieldOf(message.trace, "payload")));
     } else if (closesRing(nameOf(message.node))) {
         answer(message, kEmpty);
         notify("bus.error", kRing);
