@@ -158,17 +158,16 @@ void _busServerResponse(server_t &server, MessagePtr &message) noexcept {
         return;
     }
     client_t &client = *entry->node;
-    if (!isAwaited(client, response)) {
-        dropLate(client, response);
-        return;
+    const bool awaited = isAwaited(client, response);
+    if (awaited) {
+        BUS_SERVER_TRACE("==>", &server, &response, client.name.get());
     }
-    BUS_SERVER_TRACE("==>", &server, &response, client.name.get());
     // The name is free, and the record out of reach, before the leaving node wakes and is closed.
-    const bool leaving = isLeaveNotice(server, response);
+    const bool leaving = awaited && isLeaveNotice(server, response);
     if (leaving) {
         takeOff(server, *entry);
     }
-    if (!deliver(client, response, response.payload)) {
+    if (!awaited || !deliver(client, response, response.payload)) {
         dropLate(client, response);
     }
     if (leaving) {
