@@ -115,12 +115,11 @@ int busServerExit(server_t *server) noexcept {
 }
 
 int busServerDelete(server_t *server) noexcept {
-    if (!server) {
-        return 0;
+    if (server) {
+        stopLoop(*server);
+        BUS_LOG(3, "  %s %s delete\n", TAG, server->name.get());
+        delete server;
     }
-    stopLoop(*server);
-    BUS_LOG(3, "  %s %s delete\n", TAG, server->name.get());
-    delete server;
     return 0;
 }
 
