@@ -111,12 +111,12 @@ private:
 // ---- the call ----
 
 struct Question {
-    const char *url = nullptr;
-    const char *data = nullptr;
-    int len = 0;
+    const char *url;
+    const char *data;
+    int len;
     Deadline deadline;
     // Takes the answer over, or null: the answer stays the node's.
-    bus_mk_text *taker = nullptr;
+    bus_mk_text *taker;
     // Whether it is the node's leave request: that gets through a flood of publications, and is
     // given up when the bus stops.
     bool leaves = false;
