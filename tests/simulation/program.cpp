@@ -100,9 +100,7 @@ char *reply(void *self, client_t *client, char *url, char *data, int length) {
     hear(self, client, url, data, length);
     const InLibrary no{false};
     const string text = string{"re:"} + (data ? data : "");
-    return std::strstr(url, "/silent")
-               ? nullptr
-               : std::strcpy(static_cast<char *>(allocate(text.size() + 1)), text.c_str());
+    return std::strcpy(static_cast<char *>(allocate(text.size() + 1)), text.c_str());
 }
 
 int ring(void *self, client_t * /*client*/, int type) {
@@ -192,9 +190,8 @@ void changeTopics(Actor &actor, const Operation &o) {
 
 void call(Actor &actor, const Operation &o) {
     const string node = "/n" + to_string(o.a % (program.actors + 1));
-    const string urls[] = {node + "/ask", node + "/ask", node + "/ask", node + "/silent",
-                           "/bus/nodes",  "/bus/join",   "/b/nodes/x",  "/bus/joinx"};
-    actor.call(urls[o.b % 8], textOf(actor, o));
+    const string urls[] = {"/bus/nodes", "/bus/join", "/b/nodes/x", "/bus/joinx"};
+    actor.call(o.b % 2 == 0 ? node + "/ask" : urls[o.b / 2 % 4], textOf(actor, o));
 }
 
 void useKey(Actor &actor, const Operation &o) {
