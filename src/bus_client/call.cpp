@@ -112,8 +112,7 @@ private:
 
 struct Question {
     const char *url;
-    const char *data;
-    int len;
+    std::string_view data; // from null: none
     Deadline deadline;
     // Takes the answer over, or null: the answer stays the node's.
     bus_mk_text *taker;
@@ -123,9 +122,9 @@ struct Question {
 };
 
 MessagePtr newRequest(client_t &client, const Question &question, std::uint64_t number) noexcept {
-    MessagePtr request{busClientExMessageNew(client.name.get(), nullptr, question.url,
-                                             action::kRequest, &client, client.name.get(),
-                                             question.data, question.len)};
+    MessagePtr request{busClientExMessageNew(
+        client.name.get(), nullptr, question.url, action::kRequest, &client, client.name.get(),
+        question.data.data(), static_cast<int>(question.data.size()))};
     if (request) {
         request->call = number;
         if (!client.registered.load(std::memory_order_acquire)) { // then it is a join, or not sent
@@ -279,12 +278,11 @@ Deadline deadlineOf(const server_t &server) noexcept {
 Call call(client_t &client, const char *url, std::string_view data, const Deadline &deadline,
           bus_mk_text &answer) noexcept {
     char *response = nullptr;
-    return callInTurn(client, {url, data.data(), static_cast<int>(data.size()), deadline, &answer},
-                      &response);
+    return callInTurn(client, {url, data, deadline, &answer}, &response);
 }
 
 void leaveBus(client_t &client) noexcept {
-    const Question question{kDisjoinUrl, nullptr, 0, deadlineOf(*client.server), nullptr, true};
+    const Question question{kDisjoinUrl, {}, deadlineOf(*client.server), nullptr, true};
     // Owned for all steps, or another thread's join could come between them.
     const Turn turn{client, question.deadline};
     // A node that has departed is taken off at any moment, and would be handed no answer then.
@@ -356,8 +354,8 @@ char *busClientCall(client_t *client, const char *url, const char *data, int len
         bus::logFormatError();
         return nullptr;
     }
+    const std::string_view bytes{data, data ? static_cast<std::size_t>(len) : 0};
     char *response = nullptr;
-    bus::callInTurn(*client, {url, data, len, bus::deadlineOf(*client->server), nullptr},
-                    &response);
+    bus::callInTurn(*client, {url, bytes, bus::deadlineOf(*client->server), nullptr}, &response);
     return response;
 }
