@@ -61,7 +61,7 @@ auto enter(const string &what, Function function, Arguments... arguments) {
     const auto result = function(arguments...);
     expect(world.now() <= latest, "waits for longer than its time limit");
     if constexpr (std::is_integral_v<decltype(result)>) {
-        expect(result != 1, "is neither done nor refused, and no timer's number");
+        expect(result >= -1 && result != 1, "is neither done nor refused, and no timer's number");
     }
     world.current->doing = "goes on";
     return result;
