@@ -97,7 +97,7 @@ private:
     }
     void passOn() noexcept BUS_MK_REQUIRES(client_.oncall_mutex) {
         client_.turn_offered = client_.turn_waiters > 0;
-        client_.wait_callresponse = client_.turn_offered ? 1 : 0;
+        client_.wait_callresponse = static_cast<int>(client_.turn_offered);
         if (client_.turn_offered) {
             ++client_.turn_offers;
             bus_mk_thread_cond_signal(&client_.turn_cond);
@@ -159,11 +159,8 @@ constexpr int kLooks = 64;
 // An answer mostly comes sooner than a thread falls asleep and is woken. It has farther to go than
 // a message, so there are more looks than at a queue.
 void lookForAnswer(const client_t &client, std::uint64_t number) noexcept {
-    for (int look = 0; look < kLooks && client.waiting_call.load() == number; ++look) {
-        if (!bus_mk_thread_yield()) {
-            return;
-        }
-    }
+    int look = 0;
+    while (look++ < kLooks && client.waiting_call.load() == number && bus_mk_thread_yield()) {}
 }
 
 // Waits until the server has handed over the answer to call number.
