@@ -28,9 +28,8 @@ volatile std::sig_atomic_t interrupted = 0;
 bool fails(const Program &tried, std::uint64_t order, bool account = false) {
     constexpr unsigned kMostSeconds = 30;
     std::fflush(stdout);
-    for (const auto &left : std::filesystem::directory_iterator{"."}) {
-        std::filesystem::remove(left);
-    }
+    std::ranges::for_each(std::filesystem::directory_iterator{"."},
+                          [](const auto &left) { std::filesystem::remove(left); });
     failure[0] = '\0';
     const pid_t process = fork();
     if (process == 0) {

@@ -98,11 +98,9 @@ bool closesRing(const string &caller) {
 }
 
 string useKey(const string &key, const string &payload) {
-    if (payload.find("data") == string::npos) {
-        return keys.contains(key) ? keys[key] : kEmpty;
-    }
-    keys[key] = between(payload, "\"data\":", "}");
-    return kEmpty;
+    string &value = keys.try_emplace(key, kEmpty).first->second;
+    const string given = between(payload, "\"data\":", "}");
+    return given.empty() ? value : (value = given, kEmpty);
 }
 
 string serve(const Message &message, Entry *sender, const string &path) {

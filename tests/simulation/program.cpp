@@ -304,9 +304,7 @@ void expectFiles() {
 // A last node finds the bus empty, and may leave while it stops for good.
 void lookAround(bool &over) {
     Actor last{99};
-    while (!last.client) {
-        last.open(false);
-    }
+    for (; !last.client; last.open(false)) {}
     string seen, stats;
     while (seen.empty() || stats.empty()) { // again where the time was up
         seen = last.call("/bus/nodes");
@@ -323,11 +321,9 @@ void lookAround(bool &over) {
 // queue that its sender has just been in.
 void useQueue() {
     bus_mk_q_t *const q = enter("makes a queue", bus_mk_q_new, 2, nullptr);
-    const Thread *const receiver =
-        world.spawn("r", [q] { enter("receives", bus_mk_q_recv, q, 0, 0, 1); });
-    while (!receiver->word) {
-        world.pause(1);
-    }
+    const auto receive = [q] { enter("receives", bus_mk_q_recv, q, 0, 0, 1); };
+    const Thread *const receiver = world.spawn("r", receive);
+    for (; !receiver->word; world.pause(1)) {}
     enter("sends", bus_mk_q_send, q, q, -1);
     enter("sends", bus_mk_q_send, q, q, -1);
     expect(!bus_mk_q_empty(q), "one of two items has been taken, and the other is nowhere");
@@ -338,9 +334,7 @@ void useQueue() {
         world.pause(3);
         enter("sends", bus_mk_q_send, q, q, -1);
     });
-    for (const InLibrary yes{true}; !bus_mk_q_recv(q, 1, 0, 1);) {
-        bus_mk_q_wait(q, 3);
-    }
+    for (const InLibrary yes{true}; !bus_mk_q_recv(q, 1, 0, 1); bus_mk_q_wait(q, 3)) {}
     enter("destroys the queue", bus_mk_q_clear, q, nullptr, 0);
     world.join(sender);
 }
