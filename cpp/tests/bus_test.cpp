@@ -1,5 +1,6 @@
 #include "support.h"
 
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -8,11 +9,11 @@ using namespace zelvo;
 
 TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
     Config config = quiet();
-    config.home =
-        std::filesystem::temp_directory_path() /
-        std::filesystem::u8path("zelvo face \xC3\xA4 " + std::to_string(std::random_device{}()));
-    ASSERT_TRUE(std::filesystem::create_directory(config.home));
-    config.log = config.home / "log";
+    config.home = std::filesystem::temp_directory_path().string() + "/zelvo face \xC3\xA4 " +
+                  std::to_string(std::random_device{}());
+    const std::filesystem::path home = std::filesystem::u8path(config.home);
+    ASSERT_TRUE(std::filesystem::create_directory(home));
+    config.log = config.home + "/log";
     config.log_megabytes = 0;
     config.level = Level::warnings;
     {
@@ -43,9 +44,9 @@ TEST(FaceBus, keys_are_stored_as_json_in_the_home_directory) {
         EXPECT_EQ(keys.get("kept"), "\"here\"");
         EXPECT_THROW(static_cast<void>(keys.get("")), std::invalid_argument);
     }
-    EXPECT_LT(std::filesystem::file_size(config.home / "keys.json"), 1000U); // without "deep"
-    EXPECT_EQ(std::filesystem::file_size(config.log), 0U);                   // nothing to warn of
-    std::filesystem::remove_all(config.home);
+    EXPECT_LT(std::filesystem::file_size(home / "keys.json"), 1000U); // without "deep"
+    EXPECT_EQ(std::filesystem::file_size(home / "log"), 0U);          // nothing to warn of
+    std::filesystem::remove_all(home);
 }
 
 TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
@@ -53,7 +54,7 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     config.call_timeout = kLimit;
     const Bus bus{config};
     Node node{bus, "a \"name\" of a node\t\\"};
-    const auto refusal = [&bus](const std::string &name) {
+    const auto refusal = [&bus](std::string_view name) {
         try {
             const Node joined{bus, name};
         } catch (const std::exception &error) {

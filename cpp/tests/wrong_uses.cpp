@@ -36,4 +36,5 @@ void use(zelvo::Bus &bus, zelvo::Node &node) {
     node.call_async("/x", [](int) {});                       // wrong: of a call takes
     node.after(std::chrono::seconds{1}, [](int) {});         // wrong: function takes
     zelvo::Node gui{bus, "gui", [](int) {}};                 // wrong: executor takes
+    zelvo::Node panel{zelvo::PolledNode{bus, "panel"}};      // wrong: deleted
 }

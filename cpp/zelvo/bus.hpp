@@ -101,7 +101,8 @@ public:
     // beginning of "bus" or "localKeys"; otherwise std::invalid_argument. Throws Error when the
     // name is taken (Cause::name_taken), the bus is full (bus_full), its queue is (lost), or there
     // is no answer in time (timed_out); std::system_error when there is no thread for it.
-    Node(const Bus &bus, const std::string &name) : Node{bus, name, detail::HopsPtr{}} {}
+    Node(const Bus &bus, const CText &name)
+        : Node{bus, std::string{name.c_str()}, detail::HopsPtr{}} {}
     // The same, but all that is said here to run in the node's thread, handlers, timers and
     // completions, runs where executor has it run: a callable that takes a zelvo::Task, which is a
     // function of no arguments that can be moved only, and runs it later, one after the other in
@@ -116,11 +117,13 @@ public:
     // function; what it throws when it is called goes to Config::on_error, and a message that it
     // was for is lost.
     template <class Executor>
-    Node(const Bus &bus, const std::string &name, Executor executor)
-        : Node{bus, name, detail::hopsOf(std::move(executor))} {}
+    Node(const Bus &bus, const CText &name, Executor executor)
+        : Node{bus, std::string{name.c_str()}, detail::hopsOf(std::move(executor))} {}
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
     Node(Node &&) noexcept = default;
+    Node(PolledNode &&) = delete; // what is dispatched would stay behind
+    Node &operator=(PolledNode &&) = delete;
     Node &operator=(Node &&other) noexcept {
         Node former{std::move(other)};
         std::swap(bus_, former.bus_);
@@ -426,8 +429,8 @@ private:
         const char *why = nullptr;
         if (name.empty() || name.size() > 127) {
             why = "it has to have 1 to 127 bytes";
-        } else if (name.find('/') != name.npos || name.find('\0') != name.npos) {
-            why = "there is a slash or a NUL in it";
+        } else if (name.find('/') != name.npos) {
+            why = "there is a slash in it";
         } else if (detail::isOfTheBus(name)) {
             why = "the bus answers for it itself, as for \"bus\", \"localKeys\" and all that these "
                   "begin with";

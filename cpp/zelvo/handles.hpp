@@ -105,14 +105,14 @@ public:
 class Keys {
 public:
     // The value as JSON text, as the store prints it; nothing: there is none.
-    [[nodiscard]] std::optional<std::string> get(const std::string &key) const {
+    [[nodiscard]] std::optional<std::string> get(const CText &key) const {
         std::string text = ask(key, R"({"operation":"get"})");
         // A value that is this object would be printed with blanks.
         return text == R"({"data":""})" ? std::nullopt : std::optional{std::move(text)};
     }
     // Stores a JSON value, with persist also in the file: it is on the disk when this returns, and
     // where it can't be written the log says so. Throws std::invalid_argument for what is no JSON.
-    void set(const std::string &key, std::string_view json, bool persist = false) const {
+    void set(const CText &key, std::string_view json, bool persist = false) const {
         if (!detail::JsonReader{json}.isValue()) {
             throw std::invalid_argument("zelvo: a value for the key store is not JSON");
         }
@@ -124,11 +124,11 @@ public:
 private:
     friend class Node;
     explicit Keys(std::shared_ptr<detail::NodeState> node) noexcept : node_{std::move(node)} {}
-    std::string ask(const std::string &key, const std::string &request) const {
-        if (key.empty()) {
+    std::string ask(const CText &key, const std::string &request) const {
+        if (*key.c_str() == '\0') {
             throw std::invalid_argument("zelvo: an empty key");
         }
-        Answer answer = node_->call(CText{"/localKeys/" + key}.c_str(), request);
+        Answer answer = node_->call(detail::concat({"/localKeys/", key.c_str()}).c_str(), request);
         if (answer.outcome == Outcome::none) {
             throw detail::noAnswerError("/localKeys", answer.cause);
         }

@@ -74,8 +74,8 @@ class PolledNode : public Node {
 public:
     // Throws what Node's constructor throws; std::system_error also when there are no more
     // descriptors.
-    PolledNode(const Bus &bus, const std::string &name)
-        : PolledNode{bus, name, std::make_shared<detail::Inbox>()} {}
+    PolledNode(const Bus &bus, const CText &name)
+        : PolledNode{bus, std::string{name.c_str()}, std::make_shared<detail::Inbox>()} {}
 
     // Can be read while there is something to dispatch; not to be read or closed. On Windows it is
     // a handle to wait for. Good as long as the node.

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
-#include <filesystem>
 #include <functional>
 #include <initializer_list>
 #include <stdexcept>
@@ -145,12 +144,13 @@ enum class Level { everything = 0, verbose = 1, debug = 2, info = 3, warnings = 
 struct Config {
     Level level = Level::warnings;
     // The log file. Empty, or where it cannot be opened: standard output. The log is one for the
-    // process: with a second bus only its level changes.
-    std::filesystem::path log{};
+    // process: with a second bus only its level changes. This and home are UTF-8 on Windows; where
+    // the text of a std::filesystem::path is a std::string, one can be assigned.
+    std::string log{};
     bool append = false;    // to the log file, instead of emptying it
     int log_megabytes = 20; // at which the log file is deleted and begun anew; 0: never
     // The directory of the key store. Empty: the working directory.
-    std::filesystem::path home{};
+    std::string home{};
     // How long a call, a join and a subscription wait for an answer, and for their turn where
     // several threads use one node; 0: without a limit.
     std::chrono::milliseconds call_timeout{0};

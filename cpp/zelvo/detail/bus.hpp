@@ -8,11 +8,11 @@
 
 namespace zelvo::detail {
 
-inline void addPath(std::string &json, const char *member, const std::filesystem::path &path) {
-    const auto text = path.generic_u8string(); // of bytes or of char8_t
-    const std::string bytes(text.begin(), text.end());
-    json += member;
-    appendJson(json, CText{bytes}.c_str());
+inline void addPath(std::string &json, const char *member, const std::string &path) {
+    if (!path.empty()) {
+        json += member;
+        appendJson(json, CText{path}.c_str());
+    }
 }
 
 inline std::string jsonOf(const Config &config) {
@@ -27,12 +27,8 @@ inline std::string jsonOf(const Config &config) {
                   static_cast<int>(config.level), config.append ? 1 : 0, config.log_megabytes,
                   timeout, config.stats ? "true" : "false");
     std::string json = numbers;
-    if (!config.log.empty()) {
-        addPath(json, ",\"path\":", config.log);
-    }
-    if (!config.home.empty()) {
-        addPath(json, ",\"homePath\":", config.home);
-    }
+    addPath(json, ",\"path\":", config.log);
+    addPath(json, ",\"homePath\":", config.home);
     return json + '}';
 }
 
