@@ -30,17 +30,17 @@ std::FILE *_file BUS_MK_GUARDED_BY(_lock);
 std::array<char, kBudget + 2> _buf BUS_MK_GUARDED_BY(_lock);
 std::size_t _length BUS_MK_GUARDED_BY(_lock); // of the line in it
 char *_log_path BUS_MK_GUARDED_BY(_lock);     // owned
-float max_size BUS_MK_GUARDED_BY(_lock) = 20.0F * 1024 * 1024;
+float max_size BUS_MK_GUARDED_BY(_lock) = 20971520;
 std::int64_t _unasked BUS_MK_GUARDED_BY(_lock); // bytes until the file's size is looked at
 
 // What the destination did not take, and what standard error has been told of that.
 struct Loss {
-    long lines = 0; // since it last took one
-    int reason = 0;
-    const char *file = nullptr; // where the last error came from
-    int line = 0;
+    long lines; // since it last took one
+    int reason;
+    const char *file; // where the last error came from
+    int line;
 };
-constinit Loss _loss BUS_MK_GUARDED_BY(_lock);
+constinit Loss _loss BUS_MK_GUARDED_BY(_lock){};
 
 void tellReason(const char *destination, int reason) noexcept BUS_MK_REQUIRES(_lock) {
     if (reason == _loss.reason) {

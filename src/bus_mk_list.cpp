@@ -25,27 +25,27 @@ int default_eq(void *key, void *stored) {
     return key == stored ? 0 : -1;
 }
 
-void check(const bus_mk_list *list) noexcept {
+// The way to what is in a list.
+template <typename List>
+List &checked(List *list) noexcept {
     BUS_MK_ASSERT(list, "list != NULL");
+    return *list;
 }
 
 void *bus_mk_list_iter_forward(bus_mk_list *list) {
-    check(list);
-    bus_mk_list_node *const node = list->cur;
+    bus_mk_list_node *const node = checked(list).cur;
     list->cur = node ? node->next : nullptr;
     return node ? node->data : nullptr;
 }
 
 void *bus_mk_list_iter_back(bus_mk_list *list) {
-    check(list);
-    bus_mk_list_node *const node = list->cur;
+    bus_mk_list_node *const node = checked(list).cur;
     list->cur = node ? node->pre : nullptr;
     return node ? node->data : nullptr;
 }
 
 bus_mk_list_node *nodeAt(bus_mk_list *list, std::int64_t idx) noexcept {
-    check(list);
-    if (idx < 1 || idx > list->node_cnt) {
+    if (idx > checked(list).node_cnt || idx < 1) {
         return nullptr;
     }
     bus_mk_list_node *node = list->head;
@@ -56,12 +56,11 @@ bus_mk_list_node *nodeAt(bus_mk_list *list, std::int64_t idx) noexcept {
 }
 
 bus_mk_list_node *nodeMatching(bus_mk_list *list, void *key, int *idx) noexcept {
-    check(list);
+    bus_mk_list_node *node = checked(list).head;
     if (!key) {
         return nullptr;
     }
-    int position = 1;
-    for (bus_mk_list_node *node = list->head; node; node = node->next, ++position) {
+    for (int position = 1; node; node = node->next, ++position) {
         if (list->eq(key, node->data) == 0) {
             if (idx) {
                 *idx = position;
@@ -73,24 +72,24 @@ bus_mk_list_node *nodeMatching(bus_mk_list *list, void *key, int *idx) noexcept 
 }
 
 // Links node in front of next; a null next appends.
-void link(bus_mk_list *list, bus_mk_list_node *node, bus_mk_list_node *next) noexcept {
-    bus_mk_list_node *const pre = next ? next->pre : list->tail;
+void link(bus_mk_list &list, bus_mk_list_node *node, bus_mk_list_node *next) noexcept {
+    bus_mk_list_node *const pre = next ? next->pre : list.tail;
     node->next = next;
     node->pre = pre;
-    (pre ? pre->next : list->head) = node;
-    (next ? next->pre : list->tail) = node;
-    ++list->node_cnt;
+    (pre ? pre->next : list.head) = node;
+    (next ? next->pre : list.tail) = node;
+    ++list.node_cnt;
 }
 
-void unlink(bus_mk_list *list, bus_mk_list_node *node) noexcept {
-    (node->pre ? node->pre->next : list->head) = node->next;
-    (node->next ? node->next->pre : list->tail) = node->pre;
+void unlink(bus_mk_list &list, bus_mk_list_node *node) noexcept {
+    (node->pre ? node->pre->next : list.head) = node->next;
+    (node->next ? node->next->pre : list.tail) = node->pre;
     node->next = nullptr;
     node->pre = nullptr;
-    --list->node_cnt;
+    --list.node_cnt;
 }
 
-void *_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept {
+void *_del_node(bus_mk_list &list, bus_mk_list_node *node) noexcept {
     BUS_MK_ASSERT(node, "node != NULL");
     unlink(list, node);
     void *const data = node->data;
@@ -114,8 +113,7 @@ bus_mk_list *bus_mk_list_new(bus_mk_list_equal eq_func) noexcept {
 }
 
 void bus_mk_list_destroy(bus_mk_list *list) noexcept {
-    check(list);
-    while (bus_mk_list_node *const node = list->head) {
+    while (bus_mk_list_node *const node = checked(list).head) {
         list->head = node->next;
         delete node;
     }
@@ -123,20 +121,19 @@ void bus_mk_list_destroy(bus_mk_list *list) noexcept {
 }
 
 int bus_mk_list_cnt(const bus_mk_list *list) noexcept {
-    check(list);
-    return list->node_cnt;
+    return checked(list).node_cnt;
 }
 
 void bus_mk_list_set_eq(bus_mk_list *list, bus_mk_list_equal eq_func) noexcept {
-    check(list);
-    list->eq = eq_func ? eq_func : list->eq;
+    bus_mk_list_equal &eq = checked(list).eq;
+    eq = eq_func ? eq_func : eq;
 }
 
 bus_mk_list_node *bus_mk_list_add(bus_mk_list *list, void *data, int idx) noexcept {
-    check(list);
+    bus_mk_list_node *const next = nodeAt(list, std::int64_t{idx} + 1);
     auto *const node = new (std::nothrow) bus_mk_list_node{data, nullptr, nullptr};
     if (node) {
-        link(list, node, nodeAt(list, std::int64_t{idx} + 1));
+        link(*list, node, next);
     }
     return node;
 }
@@ -148,7 +145,7 @@ void *bus_mk_list_find(bus_mk_list *list, void *data, int *idx) noexcept {
 
 void *bus_mk_list_del(bus_mk_list *list, void *data, int *idx) noexcept {
     bus_mk_list_node *const node = nodeMatching(list, data, idx);
-    return node ? _del_node(list, node) : nullptr;
+    return node ? _del_node(*list, node) : nullptr;
 }
 
 void *bus_mk_list_modify(bus_mk_list *list, void *src, void *dst, int *idx) noexcept {
@@ -162,7 +159,7 @@ void *bus_mk_list_get_idx(bus_mk_list *list, int idx) noexcept {
 
 void *bus_mk_list_del_idx(bus_mk_list *list, int idx) noexcept {
     bus_mk_list_node *const node = nodeAt(list, idx);
-    return node ? _del_node(list, node) : nullptr;
+    return node ? _del_node(*list, node) : nullptr;
 }
 
 void *bus_mk_list_modify_idx(bus_mk_list *list, void *dst, int idx) noexcept {
@@ -170,46 +167,44 @@ void *bus_mk_list_modify_idx(bus_mk_list *list, void *dst, int idx) noexcept {
 }
 
 bus_mk_list_iter bus_mk_list_iter_get(bus_mk_list *list, int direct) noexcept {
-    check(list);
-    list->cur = direct == 0 ? list->head : list->tail;
+    bus_mk_list &whole = checked(list);
+    whole.cur = direct == 0 ? whole.head : whole.tail;
     return direct == 0 ? bus_mk_list_iter_forward : bus_mk_list_iter_back;
 }
 
 void *bus_mk_list_get_tail_data(const bus_mk_list *list) noexcept {
-    check(list);
-    return list->tail ? list->tail->data : nullptr;
+    const bus_mk_list_node *const node = checked(list).tail;
+    return node ? node->data : nullptr;
 }
 
 bus_mk_list_node *bus_mk_list_get_node_from_tail(bus_mk_list *list) noexcept {
-    check(list);
-    bus_mk_list_node *const node = list->tail;
+    bus_mk_list_node *const node = checked(list).tail;
     if (node) {
-        unlink(list, node);
+        unlink(*list, node);
     }
     return node;
 }
 
 int bus_mk_list_push_node_to_tail(bus_mk_list *list, bus_mk_list_node *node) noexcept {
-    check(list);
+    bus_mk_list &whole = checked(list);
     if (!node) {
         return -1;
     }
-    link(list, node, nullptr);
+    link(whole, node, nullptr);
     return 0;
 }
 
 int bus_mk_list_remove_node(bus_mk_list *list, bus_mk_list_node *node) noexcept {
-    check(list);
+    bus_mk_list &whole = checked(list);
     if (!node) {
         return -1;
     }
-    unlink(list, node);
+    unlink(whole, node);
     return 0;
 }
 
 void *bus_mk_list_del_node(bus_mk_list *list, bus_mk_list_node *node) noexcept {
-    check(list);
-    return _del_node(list, node);
+    return _del_node(checked(list), node);
 }
 
 void bus_mk_list_node_free(bus_mk_list_node *node) noexcept {

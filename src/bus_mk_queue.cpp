@@ -63,22 +63,22 @@ void noteOut(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut) {
 // The whole queue stands still for a scope.
 class BUS_MK_SCOPED_CAPABILITY Whole {
 public:
-    explicit Whole(bus_mk_q_t *q) noexcept BUS_MK_ACQUIRE(q->recv_mut, q->mut) : q_{q} {
-        bus_mk_thread_mutex_lock(&q->recv_mut);
-        bus_mk_thread_mutex_lock(&q->mut);
-    }
+    explicit Whole(bus_mk_q_t *q) noexcept BUS_MK_ACQUIRE(q->recv_mut, q->mut)
+        : q_{q},
+          receivers_{q->recv_mut},
+          senders_{q->mut} {}
     ~Whole() BUS_MK_RELEASE() {
         noteOut(q_);
         q_->out_seen = q_->out_count.load(std::memory_order_relaxed);
         q_->in_count.store(q_->in.count(), std::memory_order_release);
-        bus_mk_thread_mutex_unlock(&q_->mut);
-        bus_mk_thread_mutex_unlock(&q_->recv_mut);
     }
     Whole(const Whole &) = delete;
     Whole &operator=(const Whole &) = delete;
 
 private:
-    bus_mk_q_t *q_;
+    bus_mk_q_t *const q_;
+    const bus_mk_guard receivers_;
+    const bus_mk_guard senders_; // after the receivers' everywhere
 };
 
 int countOfAll(bus_mk_q_t *q) noexcept BUS_MK_REQUIRES(q->recv_mut, q->mut) {

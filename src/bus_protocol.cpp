@@ -38,7 +38,7 @@ Action actionOf(std::string_view text) noexcept {
 
 std::optional<Url> splitUrl(std::string_view url) noexcept {
     const std::size_t slash = url.find('/', 2);
-    if (slash == std::string_view::npos || slash - 1 > kMaxHost) {
+    if (slash - 1 > kMaxHost) { // npos too
         return std::nullopt;
     }
     return Url{url.substr(1, slash - 1), url.substr(slash)};

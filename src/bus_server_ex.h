@@ -105,9 +105,18 @@ int sticky_topic_equal(void *a, void *b) noexcept;
 // handOver.
 bus_mk_sent postToServer(server_t &server, MessagePtr &message) noexcept;
 
-// How often a message that somebody waits for is made again while memory is short, with a yield in
-// between.
-inline constexpr int kShortageAttempts = 1000;
+// Runs attempt() until it gives true, and for long enough that memory which is short may come back.
+// Whether it has.
+template <typename Attempt>
+bool attemptAgain(Attempt attempt) noexcept {
+    for (int left = 1000; left > 0; --left) {
+        if (attempt()) {
+            return true;
+        }
+        platform::yieldThread();
+    }
+    return false;
+}
 
 } // namespace bus
 

@@ -100,7 +100,7 @@ TEST_F(Keys, file_is_taken_over_set_aside_or_left_until_its_hindrance_has_gone) 
     };
     persists(R"({"a":1,"B":5,"b":4})", both);
     persists("", fresh); // holds nothing to keep
-    persists("[1]", fresh, ".bad");
+    persists("1", fresh, ".bad");
     persists("{\"cut\":", fresh, ".bad.1");
     persists(old + std::string(" more\0{}", 8), both);
     const auto onFullDisk = [](const Body &body) { return withFullDisk(3000, body); };

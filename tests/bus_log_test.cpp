@@ -89,6 +89,7 @@ TEST_F(Log, text_is_cut_and_file_is_emptied_appended_to_or_begun_anew) {
     const std::size_t head = readFile(path_).size();
     const std::string notice = "\nlog file size: ";
     const std::string anew = ", remove file:  " + path_ + "\n\nI next\n";
+    EXPECT_EQ(written({"d", "next"}, 0, 1.0F / 1024), notice + std::to_string(head + 1) + anew);
     for (const std::size_t size : {1023U, 1024U, 4095U, 4096U, 9000U}) {
         const std::string text(size - head, 'x'); // a line of that size, of which the file has
         const std::size_t kept = std::min<std::size_t>(size, 4095);

@@ -54,9 +54,10 @@ TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
     };
     EXPECT_EQ(ring({"k", "a", ""}), 0);
     EXPECT_EQ(ring({"k", "a", ""}, 1), -1);
-    EXPECT_EQ(ring({"k", "k", ""}), -1); // one was refused just now
-    EXPECT_EQ(ring({"gone", "", ""}), -1);
+    EXPECT_EQ(ring({"k", "k", ""}), -1);   // one was refused just now
     EXPECT_EQ(ring({"bus", "", "a"}), -1); // which is not its namesake
+    nodes[2].call("/k/x");                 // and may call who calls nobody
+    EXPECT_EQ(::count(bus.log(), " is exit\n"), 1U);
 }
 
 TEST(Message, copies_hold_all_but_the_reference) {

@@ -97,7 +97,7 @@ private:
     }
     void passOn() noexcept BUS_MK_REQUIRES(client_.oncall_mutex) {
         client_.turn_offered = client_.turn_waiters > 0;
-        client_.wait_callresponse = client_.turn_offered ? 1 : 0;
+        client_.wait_callresponse = static_cast<int>(client_.turn_offered);
         if (client_.turn_offered) {
             ++client_.turn_offers;
             bus_mk_thread_cond_signal(&client_.turn_cond);
@@ -111,21 +111,20 @@ private:
 // ---- the call ----
 
 struct Question {
-    const char *url = nullptr;
-    const char *data = nullptr;
-    int len = 0;
+    const char *url;
+    std::string_view data; // from null: none
     Deadline deadline;
     // Takes the answer over, or null: the answer stays the node's.
-    bus_mk_text *taker = nullptr;
+    bus_mk_text *taker;
     // Whether it is the node's leave request: that gets through a flood of publications, and is
     // given up when the bus stops.
     bool leaves = false;
 };
 
 MessagePtr newRequest(client_t &client, const Question &question, std::uint64_t number) noexcept {
-    MessagePtr request{busClientExMessageNew(client.name.get(), nullptr, question.url,
-                                             action::kRequest, &client, client.name.get(),
-                                             question.data, question.len)};
+    MessagePtr request{busClientExMessageNew(
+        client.name.get(), nullptr, question.url, action::kRequest, &client, client.name.get(),
+        question.data.data(), static_cast<int>(question.data.size()))};
     if (request) {
         request->call = number;
         if (!client.registered.load(std::memory_order_acquire)) { // then it is a join, or not sent
@@ -160,11 +159,8 @@ constexpr int kLooks = 64;
 // An answer mostly comes sooner than a thread falls asleep and is woken. It has farther to go than
 // a message, so there are more looks than at a queue.
 void lookForAnswer(const client_t &client, std::uint64_t number) noexcept {
-    for (int look = 0; look < kLooks && client.waiting_call.load() == number; ++look) {
-        if (!bus_mk_thread_yield()) {
-            return;
-        }
-    }
+    int look = 0;
+    while (look++ < kLooks && client.waiting_call.load() == number && bus_mk_thread_yield()) {}
 }
 
 // Waits until the server has handed over the answer to call number.
@@ -181,19 +177,18 @@ Call awaitAnswer(client_t &client, std::uint64_t number, const Question &questio
     return Call::kAnswered;
 }
 
-bus_mk_sent post(client_t &client, const Question &question, MessagePtr &request) noexcept {
+bus_mk_sent post(client_t &client, const Question &question, std::uint64_t number) noexcept {
+    MessagePtr request = newRequest(client, question, number);
     // Held until the request is on its way, so that the answer cannot come before the caller is
     // ready for it.
     const bus_mk_guard lock{client.oncall_mutex};
-    client.waiting_call.store(request ? request->call : 0);
+    client.waiting_call.store(number);
     const bus_mk_sent sent = question.leaves
                                  ? postToServer(*client.server, request)
                                  : handOver(client.server->message_queue, request, bus_mk_q_tail);
     if (sent == bus_mk_sent::kDone) {
         client.call_response.reset();
-    } else {
-        client.waiting_call.store(0);
-    }
+    } // else nobody answers that number
     return sent;
 }
 
@@ -201,8 +196,7 @@ bus_mk_sent post(client_t &client, const Question &question, MessagePtr &request
 Call exchange(client_t &client, const Question &question, char **response) noexcept {
     const std::uint64_t number =
         1 + client.server->counters.calls.fetch_add(1, std::memory_order_relaxed);
-    MessagePtr request = newRequest(client, question, number);
-    const bus_mk_sent sent = post(client, question, request);
+    const bus_mk_sent sent = post(client, question, number);
     if (sent != bus_mk_sent::kDone) {
         return refuse(client, question, sent);
     }
@@ -281,12 +275,11 @@ Deadline deadlineOf(const server_t &server) noexcept {
 Call call(client_t &client, const char *url, std::string_view data, const Deadline &deadline,
           bus_mk_text &answer) noexcept {
     char *response = nullptr;
-    return callInTurn(client, {url, data.data(), static_cast<int>(data.size()), deadline, &answer},
-                      &response);
+    return callInTurn(client, {url, data, deadline, &answer}, &response);
 }
 
 void leaveBus(client_t &client) noexcept {
-    const Question question{kDisjoinUrl, nullptr, 0, deadlineOf(*client.server), nullptr, true};
+    const Question question{kDisjoinUrl, {}, deadlineOf(*client.server), nullptr, true};
     // Owned for all steps, or another thread's join could come between them.
     const Turn turn{client, question.deadline};
     // A node that has departed is taken off at any moment, and would be handed no answer then.
@@ -335,13 +328,12 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
     }
     const bool given = text && fitsPayload(std::strlen(text.get()));
     const char *const data = given ? text.get() : kNoHandlerAnswer;
-    // A place is kept for it; memory may come back.
-    bus_mk_sent sent = postResponse(client, request, data);
-    for (int attempt = 1; attempt < kShortageAttempts && sent != bus_mk_sent::kDone; ++attempt) {
-        platform::yieldThread();
+    bus_mk_sent sent{};
+    const auto post = [&] {
         sent = postResponse(client, request, data);
-    }
-    if (sent == bus_mk_sent::kDone) {
+        return sent == bus_mk_sent::kDone;
+    };
+    if (attemptAgain(post)) { // a place is kept for it
         return;
     }
     countLost(sent, client.counters.bus_full, client.counters.no_memory);
@@ -359,8 +351,8 @@ char *busClientCall(client_t *client, const char *url, const char *data, int len
         bus::logFormatError();
         return nullptr;
     }
+    const std::string_view bytes{data, data ? static_cast<std::size_t>(len) : 0};
     char *response = nullptr;
-    bus::callInTurn(*client, {url, data, len, bus::deadlineOf(*client->server), nullptr},
-                    &response);
+    bus::callInTurn(*client, {url, bytes, bus::deadlineOf(*client->server), nullptr}, &response);
     return response;
 }

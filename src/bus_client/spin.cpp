@@ -67,15 +67,12 @@ bool dispatch(client_t &client, const message_t &message) noexcept {
 // Memory may come back, and a node that is not asked to stop keeps its thread; a full queue is told
 // at once.
 bus_mk_sent postExit(client_t &client) noexcept {
-    bus_mk_sent sent = bus_mk_sent::kNoMemory;
-    for (int attempt = 0; attempt < kShortageAttempts && sent == bus_mk_sent::kNoMemory;
-         ++attempt) {
-        if (attempt > 0) {
-            platform::yieldThread();
-        }
+    bus_mk_sent sent{};
+    attemptAgain([&] {
         MessagePtr message = ownMessage(client, nullptr, Action::kExit, nullptr, 0);
         sent = handOver(client.message_queue, message, 0);
-    }
+        return sent != bus_mk_sent::kNoMemory;
+    });
     return sent;
 }
 

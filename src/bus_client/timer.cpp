@@ -19,12 +19,12 @@ double now() noexcept {
     return clock_gettimestamp() * 1000.0;
 }
 
-// Ids run from 2 on: the counter starts below its least value and is set to it first. Threads that
-// set timers of one node at once get different ids.
+// Ids run from 2 on: the counter starts at 0 and is set to its least value first. Threads that set
+// timers of one node at once get different ids.
 int nextTimerId(client_t &client) noexcept {
     int last = client.timerid.load(std::memory_order_relaxed);
     for (;;) {
-        const bool wraps = last < 1 || last >= kLastTimerId;
+        const bool wraps = last == 0 || last == kLastTimerId;
         const int next = wraps ? 2 : last + 1;
         if (client.timerid.compare_exchange_weak(last, next, std::memory_order_relaxed)) {
             if (wraps) {
@@ -56,10 +56,9 @@ void fire(client_t &client, const timer_t &timer) noexcept {
 // last.
 struct Look {
     client_t &client;
-    double time = 0;
-    int first = 1;
-    int last = 0;
-    int at = 0;
+    double time;
+    int first, last;
+    int at;
 };
 
 int isNext(void *item, void *look) noexcept {
@@ -76,7 +75,7 @@ int isNext(void *item, void *look) noexcept {
 // Its position; 0: there is none, and all that wait have been noted.
 int findNext(client_t &client, int first, int last) noexcept {
     client.earliest_due.store(std::numeric_limits<double>::infinity());
-    Look look{client, now(), first, last};
+    Look look{client, now(), first, last, 0};
     return bus_mk_q_visit(client.timer_queue, isNext, &look);
 }
 
@@ -94,8 +93,8 @@ bool postWakeUp(client_t &client) noexcept {
 
 // Under the queue's lock: either this sees the latest message taken, or the thread that takes it
 // later sees the timer that was set before.
-bool hasNoMessage(const client_t &client) noexcept {
-    return bus_mk_q_count(client.message_queue) == 0;
+bool hasMessage(const client_t &client) noexcept {
+    return bus_mk_q_count(client.message_queue) > 0;
 }
 
 } // namespace
@@ -210,11 +209,7 @@ int busClientSettimer(client_t *client, timer_callback timer_func, long mstimeou
     if (sent == bus_mk_sent::kNoMemory) {
         return -1;
     }
-    for (int attempt = 0; attempt < bus::kShortageAttempts && bus::hasNoMessage(*client) &&
-                          !bus::postWakeUp(*client);
-         ++attempt) {
-        platform::yieldThread();
-    }
+    bus::attemptAgain([&] { return bus::hasMessage(*client) || bus::postWakeUp(*client); });
     BUS_LOG(2, "  %s %s set timer %d\n", bus::TAG, client->name.get(), id);
     return id;
 }

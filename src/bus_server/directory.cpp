@@ -41,12 +41,14 @@ Topic *Directory::topic(std::string_view name) noexcept {
     return found == topics_.end() ? nullptr : &found->second;
 }
 
+Topic &Directory::entryOf(std::string_view name) {
+    Topic *const known = topic(name);
+    return known ? *known : topics_.emplace(name, Topic{}).first->second;
+}
+
 Topic *Directory::makeTopic(std::string_view name) noexcept {
-    if (Topic *const known = topic(name)) {
-        return known;
-    }
     try {
-        return &topics_.emplace(name, Topic{}).first->second;
+        return &entryOf(name);
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
@@ -60,12 +62,9 @@ void Directory::prune(std::string_view name) noexcept {
 }
 
 bool Directory::subscribe(node_t &node, std::string_view topic) noexcept {
-    Topic *const entry = makeTopic(topic);
-    if (!entry) {
-        return false;
-    }
     try {
-        entry->subscribers.insert(placeOf(node, entry->subscribers), &node);
+        std::vector<node_t *> &all = entryOf(topic).subscribers;
+        all.insert(placeOf(node, all), &node);
         return true;
     } catch (const std::bad_alloc &) {
         prune(topic);

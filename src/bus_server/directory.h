@@ -46,6 +46,9 @@ public:
     bool isSubscribed(const node_t &node, std::string_view topic) const noexcept;
 
 private:
+    // As makeTopic, but for the lack of memory: throws std::bad_alloc.
+    Topic &entryOf(std::string_view name);
+
     struct Hash : std::hash<std::string_view> {
         using is_transparent = void;
     };

@@ -52,8 +52,8 @@ FilePtr openStore(const std::string &name, platform::FileKind kind, std::error_c
 // What could be read of a file; no text where that is nothing.
 struct Reading {
     JsonText text;
-    std::size_t size = 0;
-    bool whole = false;
+    std::size_t size;
+    bool whole;
 };
 
 Reading readAll(std::FILE *file) {

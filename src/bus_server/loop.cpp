@@ -110,9 +110,9 @@ bool isLeaveNotice(const server_t &server, const message_t &response) noexcept {
     return std::string_view{response.payload->data}.starts_with(kDisjoinNotice);
 }
 
-// Whether client waits for this answer, or the answer is one to whatever it waits for.
+// Whether client waits for this answer.
 bool isAwaited(const client_t &client, const message_t &response) noexcept {
-    return response.call == 0 || response.call == client.waiting_call.load();
+    return response.call == client.waiting_call.load();
 }
 
 // Hands client its answer (no payload: none) and wakes it. False: it does not wait for it any more,
@@ -158,17 +158,16 @@ void _busServerResponse(server_t &server, MessagePtr &message) noexcept {
         return;
     }
     client_t &client = *entry->node;
-    if (!isAwaited(client, response)) {
-        dropLate(client, response);
-        return;
+    const bool awaited = isAwaited(client, response);
+    if (awaited) {
+        BUS_SERVER_TRACE("==>", &server, &response, client.name.get());
     }
-    BUS_SERVER_TRACE("==>", &server, &response, client.name.get());
     // The name is free, and the record out of reach, before the leaving node wakes and is closed.
-    const bool leaving = isLeaveNotice(server, response);
+    const bool leaving = awaited && isLeaveNotice(server, response);
     if (leaving) {
         takeOff(server, *entry);
     }
-    if (!deliver(client, response, response.payload)) {
+    if (!awaited || !deliver(client, response, response.payload)) {
         dropLate(client, response);
     }
     if (leaving) {

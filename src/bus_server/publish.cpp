@@ -15,21 +15,21 @@ MessagePtr takeSticky(server_t &server, const char *topic) noexcept {
     MessagePtr stored{entry->sticky};
     bus_mk_q_take_out(server.sticky_queue, entry->place);
     entry->sticky = nullptr;
-    entry->place = nullptr;
     server.directory.prune(topic);
     return stored;
 }
 
 void keepSticky(server_t &server, MessagePtr message) noexcept {
-    Topic *const entry = server.directory.makeTopic(message->topic);
+    bus_mk_list_node *const place = bus_mk_q_append(server.sticky_queue, message.get());
+    Topic *const entry = place ? server.directory.makeTopic(message->topic) : nullptr;
     if (entry) {
-        entry->place = bus_mk_q_append(server.sticky_queue, message.get());
-    }
-    if (entry && entry->place) {
+        entry->place = place;
         entry->sticky = message.release();
         return;
     }
-    server.directory.prune(message->topic);
+    if (place) {
+        bus_mk_q_take_out(server.sticky_queue, place);
+    }
     if (bus_mk_q_full(server.sticky_queue)) {
         countAlone(server.counters.sticky_full);
     } else {

@@ -30,14 +30,15 @@ MessagePtr exitMessage(server_t &server) noexcept {
 
 // False: memory stayed short, and the loop goes on.
 bool postExit(server_t &server) noexcept {
-    bus_mk_sent sent = bus_mk_sent::kNoMemory;
-    for (int attempt = 0; attempt < kShortageAttempts; ++attempt, platform::yieldThread()) {
+    bus_mk_sent sent{};
+    const auto post = [&] {
         MessagePtr exit = exitMessage(server);
         sent = postToServer(server, exit);
-        if (sent == bus_mk_sent::kDone) {
-            count(server.counters.posted);
-            return true;
-        }
+        return sent == bus_mk_sent::kDone;
+    };
+    if (attemptAgain(post)) {
+        count(server.counters.posted);
+        return true;
     }
     countLost(sent, server.counters.queue_full, server.counters.no_memory);
     return false;
@@ -114,12 +115,11 @@ int busServerExit(server_t *server) noexcept {
 }
 
 int busServerDelete(server_t *server) noexcept {
-    if (!server) {
-        return 0;
+    if (server) {
+        stopLoop(*server);
+        BUS_LOG(3, "  %s %s delete\n", TAG, server->name.get());
+        delete server;
     }
-    stopLoop(*server);
-    BUS_LOG(3, "  %s %s delete\n", TAG, server->name.get());
-    delete server;
     return 0;
 }
 

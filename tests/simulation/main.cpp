@@ -6,6 +6,7 @@
 //   --replay SEED     one world, with its account
 #include "model.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,14 +22,14 @@ namespace {
 
 using namespace simulation;
 
+volatile std::sig_atomic_t interrupted = 0;
 // Whether a world fails; order: of its events, given its operations. What is wrong stands in
 // failure.
 bool fails(const Program &tried, std::uint64_t order, bool account = false) {
     constexpr unsigned kMostSeconds = 30;
     std::fflush(stdout);
-    for (const auto &left : std::filesystem::directory_iterator{"."}) {
-        std::filesystem::remove(left);
-    }
+    std::ranges::for_each(std::filesystem::directory_iterator{"."},
+                          [](const auto &left) { std::filesystem::remove(left); });
     failure[0] = '\0';
     const pid_t process = fork();
     if (process == 0) {
@@ -41,6 +42,9 @@ bool fails(const Program &tried, std::uint64_t order, bool account = false) {
     }
     int status = 0;
     waitpid(process, &status, 0);
+    if (interrupted != 0) {
+        std::exit(2);
+    }
     if (status != 0 && failure[0] == '\0') {
         std::snprintf(failure, kFailure, "dies: %s", strsignal(WTERMSIG(status)));
     }
@@ -95,11 +99,11 @@ int run(const std::string &option, const char *value) {
 int main(int argc, char **argv) {
     failure = static_cast<char *>(
         mmap(nullptr, kFailure, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    char directory[] = "/tmp/zelvo-simulation-XXXXXX"; // for the key store
+    static char directory[] = "/tmp/zelvo-simulation-XXXXXX"; // for the key store
     if (!mkdtemp(directory) || chdir(directory) != 0) {
         return 2;
     }
-    const int result = run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "");
-    std::filesystem::remove_all(directory);
-    return result;
+    std::atexit([] { std::filesystem::remove_all(directory); });
+    std::signal(SIGINT, [](int) { interrupted = 1; }); // a world goes on to its end
+    return run(argc == 3 ? argv[1] : "", argc == 3 ? argv[2] : "");
 }

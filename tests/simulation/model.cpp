@@ -59,7 +59,7 @@ struct Entry { // of the registry
 };
 
 std::vector<Entry> registry; // in the order of joining
-std::map<string, string> sticky;
+std::map<string, string> sticky, keys;
 std::deque<string> mustSay;
 std::deque<Message> sent; // and not yet taken by the bus
 
@@ -95,6 +95,12 @@ bool closesRing(const string &caller) {
         }
     }
     return false;
+}
+
+string useKey(const string &key, const string &payload) {
+    string &value = keys.try_emplace(key, kEmpty).first->second;
+    const string given = between(payload, "\"data\":", "}");
+    return given.empty() ? value : (value = given, kEmpty);
 }
 
 string serve(const Message &message, Entry *sender, const string &path) {
@@ -134,7 +140,8 @@ void request(const Message &message) {
         sender->calls = to;
     }
     if (string{"bus"}.starts_with(to) || string{"localKeys"}.starts_with(to)) {
-        answer(message, to[0] == 'b' ? serve(message, sender, path) : "*");
+        answer(message, to[0] == 'b' ? serve(message, sender, path)
+                                     : useKey(path, fieldOf(message.trace, "payload")));
     } else if (closesRing(nameOf(message.node))) {
         answer(message, kEmpty);
         notify("bus.error", kRing);
@@ -278,7 +285,8 @@ void readLine(const string &line) {
                program.loses(),
            "nothing explains: " + text);
     const bool isRefused = isPart("queue is full") && !isPart(" subscribe topic ");
-    const bool isServers = text.starts_with("E  Vek-server ") && text.ends_with(" failed");
+    const bool isServers = text.starts_with("E  Vek-server ") &&
+                           (text.ends_with(" failed") || text.ends_with(" not kept"));
     losses += isRefused || isServers || isPart("killtimer failed") ? 1 : 0;
     Node *const node = world.current->node;
     if (program.isExact() && !node) {

@@ -17,9 +17,7 @@ std::span<char> objects; // the thread_local ones of this program, which has the
 
 int findObjects(dl_phdr_info *program, std::size_t /*size*/, void * /*arg*/) {
     const auto *part = program->dlpi_phdr;
-    while (part->p_type != PT_TLS) {
-        ++part;
-    }
+    for (; part->p_type != PT_TLS; ++part) {}
     objects = {static_cast<char *>(program->dlpi_tls_data), part->p_memsz};
     return 1; // the first is this program, and enough
 }

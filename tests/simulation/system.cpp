@@ -179,9 +179,6 @@ int __wrap_rename(const char *from, const char *to) {
 void __tsan_init() {}
 void __tsan_func_entry(void * /*caller*/) {}
 void __tsan_func_exit() {}
-void __tsan_vptr_update(const void *at, void * /*value*/) {
-    expectLive(at);
-}
 
 // clang-format off
 #define ZELVO_ACCESS(name) void __tsan_##name(const void *at) { expectLive(at); }
@@ -191,6 +188,7 @@ void __tsan_vptr_update(const void *at, void * /*value*/) {
     void __tsan_##access##_range(const void *at, std::size_t size) { expectLive(at, size); }
 ZELVO_ACCESSES(1) ZELVO_ACCESSES(2) ZELVO_ACCESSES(4) ZELVO_ACCESSES(8) ZELVO_ACCESSES(16)
 ZELVO_ACCESS(vptr_read) ZELVO_RANGES(read) ZELVO_RANGES(write)
+void __tsan_vptr_update(const void *at, void * /*value*/) { expectLive(at); }
 
 #define ZELVO_CHANGE(bits, Word, name, result) \
     Word __tsan_atomic##bits##_##name(volatile Word *word, Word value, int) { \
