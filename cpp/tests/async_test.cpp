@@ -6,6 +6,7 @@ using Clock = std::chrono::steady_clock;
 TEST(Async, as_many_calls_are_under_way_as_there_are_helpers_and_more_wait) {
     Config config = quiet();
     config.helpers = 4;
+    config.waiting_calls = std::numeric_limits<std::size_t>::max();
     const Bus bus{config};
     Node caller{bus, "caller"};
     std::vector<Node> called;

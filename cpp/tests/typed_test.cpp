@@ -58,6 +58,8 @@ TEST(Codecs, values_come_back_and_what_is_none_does_not) {
     comesBack(Switch::on, 2);
     comesBack(std::vector<int>{1, 2, 3}, 3 * sizeof(int));
     comesBack(std::vector<bool>{true, false}, 4 + 4 + 4 + 5);
+    comesBack(std::vector<Switch>{Switch::on}, 4 + 2);
+    comesBack(std::array<int, 0>{}, 0);
     comesBack(std::vector<std::string>{"a", "", "bc"}, 3 * 4 + 3);
     comesBack(std::array<Reading, 2>{{{1, 2}, {3, 4}}}, 2 * sizeof(Reading));
     comesBack(std::array<std::string, 2>{"a", "b"}, 10);

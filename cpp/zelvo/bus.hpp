@@ -140,7 +140,8 @@ public:
     // in a handler of the node itself, and in one of another node whose answer the running handler
     // waits for. A call that another thread has begun through the node goes on as well, and is not
     // waited for; the bus waits for it when it ends.
-    ~Node() { close(); }
+    // The name may stay taken for a moment where it has returned at once.
+    virtual ~Node() { close(); }
 
     // The name it has joined by.
     [[nodiscard]] const std::string &name() const { return state().name(); }
@@ -181,13 +182,15 @@ public:
 
     // ---- subscribing ----
     // Handlers of one topic add up and run in the order in which they have subscribed. The first
-    // one fetches the topic's sticky message; those that come later get the next publication.
+    // one fetches the topic's sticky message, which those get too that come before the node has
+    // handled it; later ones get the next publication.
     // A change holds from the next message on; it may be made in a handler that it removes, which
     // runs to its end. What that has captured goes before the node next handles something, or when
     // some further changes have been made, in the node's thread, and at the latest when the node
     // leaves. Error: the bus has not answered, or its queue is full. Then nothing is subscribed;
     // unsubscribe has removed the handlers, but not certainly told the bus: do it again.
-    // At most 2,048 topics for each node; further ones are left out, with a warning in the log.
+    // At most 2,048 topics for each node; further ones are left out, with a warning in the log, and
+    // stay so until they are unsubscribed.
 
     // handler(std::string_view topic, std::string_view data), handler(std::string_view data) or
     // handler(); it may take std::string instead, and be moved only. Topics are one, two, or any
@@ -470,8 +473,10 @@ private:
     Subscription subscribeTo(const std::vector<std::string> &topics,
                              const detail::HandlerPtr &handler) {
         std::vector<std::string> once = detail::eachOnce(topics);
-        state().subscribe(once, handler);
-        return {state_, handler, std::move(once)};
+        state();
+        const auto node = state_; // a message may be about to destroy this
+        node->subscribe(once, handler);
+        return {node, handler, std::move(once)};
     }
     Subscription subscribeTo(const CText &topic, const detail::HandlerPtr &handler) {
         return subscribeTo(std::vector<std::string>{topic.c_str()}, handler);
@@ -508,8 +513,10 @@ private:
         return {std::move(future), begin(owner)};
     }
     PendingCall begin(const detail::AsyncCallPtr &call) const {
-        state().callAsync(call);
-        return {state_, call};
+        state();
+        const auto node = state_; // the completion may be about to destroy this
+        node->callAsync(call);
+        return {node, call};
     }
     template <class Run>
     Timer addTimer(detail::Clock::duration wait, detail::Clock::duration period, Run &run) {

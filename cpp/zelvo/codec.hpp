@@ -61,11 +61,14 @@ private:
 //   trivially copyable types       their bytes as they lie in memory: the padding too, whatever it
 //                                  holds, and the order of bytes of this machine; their size is
 //                                  checked, and nothing else: both sides must be of one build, and
-//                                  pointers inside mean what they mean here. A std::array of them
+//                                  pointers inside mean what they mean here. Up to 256 kB: they
+//                                  come through the stack of a thread. A std::array of them
 //                                  likewise, and of numbers, but of bool; and a std::vector, of
 //                                  which only that the bytes are a multiple is checked.
-//   std::vector, std::array        of other types with one of these: each behind its length, which
-//                                  is 4 bytes in this machine's order
+//   std::vector, std::array        of other types with one of these, or of such types with a codec
+//   of
+//                                  your own: each behind its length, which is 4 bytes in this
+//                                  machine's order
 //   what JSON can be made of       with zelvo/json.hpp
 // Answers to calls end at a NUL. So in an answer of a service the byte 0 travels as the two bytes
 // 1 1, the byte 1 as 1 2, and 1 3 stands for nothing; it is at the beginning of an answer that
@@ -104,8 +107,12 @@ constexpr bool isPlain() {
 }
 
 // Those that are copied as they lie.
+inline constexpr std::size_t kMostPlain = 256 * 1024;
 template <class Value>
 struct PlainCodec {
+    static_assert(sizeof(Value) <= kMostPlain,
+                  "zelvo: too large for a thread's stack, which such values come through: send a "
+                  "std::vector");
     static constexpr std::size_t kSize = sizeof(Value);
     static std::string_view encode(const Value &value, std::string & /*space*/) noexcept {
         return {reinterpret_cast<const char *>(&value), sizeof value};
@@ -153,9 +160,9 @@ struct NumberCodec {
 
 // Whether values of the type may lie side by side as they are in memory.
 template <class Value>
-inline constexpr bool
-    kLiesPlain = (std::is_arithmetic_v<Value> && !std::is_same_v<Value, bool>) ||
-                 std::is_enum_v<Value> || std::is_base_of_v<PlainCodec<Value>, Codec<Value>>;
+inline constexpr bool kLiesPlain = std::is_base_of_v<PlainCodec<Value>, Codec<Value>> ||
+                                   (std::is_base_of_v<NumberCodec<Value>, Codec<Value>> &&
+                                    !std::is_same_v<Value, bool>);
 
 // Of several: each behind its length, or all as they lie.
 template <class Values>
@@ -245,6 +252,8 @@ template <class Value>
 struct Codec<std::vector<Value>, std::enable_if_t<detail::IsBuiltIn<Value>::value>>
     : detail::ManyCodec<std::vector<Value>> {
     static std::optional<std::vector<Value>> decode(std::string_view bytes) {
+        static_assert(std::is_default_constructible_v<Value>,
+                      "zelvo: a std::vector needs values that can be made of nothing");
         std::vector<Value> values;
         if constexpr (detail::kLiesPlain<Value>) {
             if (bytes.size() % sizeof(Value) != 0) {
@@ -267,7 +276,9 @@ struct Codec<std::array<Value, Size>, std::enable_if_t<detail::IsBuiltIn<Value>:
     : detail::ManyCodec<std::array<Value, Size>> {
     static std::optional<std::array<Value, Size>> decode(std::string_view bytes) {
         using Values = std::array<Value, Size>;
-        if constexpr (detail::kLiesPlain<Value>) {
+        if constexpr (Size == 0) {
+            return bytes.empty() ? std::optional{Values{}} : std::nullopt;
+        } else if constexpr (detail::kLiesPlain<Value>) {
             return detail::PlainCodec<Values>::decode(bytes);
         } else {
             Values values{};

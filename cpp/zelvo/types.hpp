@@ -158,7 +158,8 @@ struct Config {
     // How many asynchronous calls can be under way at once, and a quarter of them, but one at
     // least, to one node, so that a node which never answers leaves helpers for the others; more
     // wait for their turn. Each is made by a helper: a thread, with a node that is named for the
-    // calling one and leaves with it, or when its call has ended.
+    // calling one and leaves with it, or when its call has ended. "bus.event" tells of it, too;
+    // where more nodes call than there are helpers, they join again and again.
     std::size_t helpers = 16;
     // How many calls to one node may wait for a helper; one more ends at once, with
     // Cause::too_many.

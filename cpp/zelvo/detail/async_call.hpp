@@ -34,11 +34,9 @@ class AsyncCall {
 public:
     AsyncCall(const char *to, std::string_view bytes, bool inNode)
         : url{to},
-          data{bytes},
+          data{bytes.substr(0, static_cast<std::size_t>(lengthOf(bytes)))},
           has_data{bytes.data() != nullptr},
-          completes{inNode} {
-        static_cast<void>(lengthOf(bytes));
-    }
+          completes{inNode} {}
     AsyncCall(const AsyncCall &) = delete;
     AsyncCall &operator=(const AsyncCall &) = delete;
     virtual ~AsyncCall() = default;

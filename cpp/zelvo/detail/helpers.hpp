@@ -89,7 +89,7 @@ public:
         }
         Host &host = hostFor(call->url);
         const std::size_t free = most_of_host_ - host.busy;
-        const bool taken = host.count < most_waiting_ + free;
+        const bool taken = host.count < free || host.count - free < most_waiting_;
         if (taken) {
             call->row_place.join(host.waiting, call);
             call->host = &host;

@@ -90,10 +90,11 @@ public:
             finish();
         }
         const bool runs = state_ == State::runs;
+        const auto here = std::this_thread::get_id();
         // An executor that returns only when the piece has been run can't be waited for in it.
+        const bool waits = poster_ != here && !(runs && runner_ == here);
         const auto end = Clock::now() + std::chrono::seconds{1};
-        while (posting_ && poster_ != std::this_thread::get_id() &&
-               changed_.wait_until(lock, end) == std::cv_status::no_timeout) {}
+        while (waits && posting_ && changed_.wait_until(lock, end) == std::cv_status::no_timeout) {}
         left_ = posting_;
         lock.unlock();
         if (!left_) {

@@ -15,7 +15,8 @@ inline Answer NodeState::call(const char *url, std::string_view data) {
     if (!turn.owned()) {
         return noAnswer(noTurn());
     }
-    if (!leaving_ && deadline && *deadline - Clock::now() < timeout_ - timeout_ / 16 &&
+    const auto most = saturated(timeout_);
+    if (!leaving_ && deadline && *deadline - Clock::now() < most - most / 16 &&
         !isOfTheBus(hostOf(url)) && bus_.helpers().any()) {
         turn.pass();
         return callUntil(*deadline, url, data);
@@ -24,6 +25,7 @@ inline Answer NodeState::call(const char *url, std::string_view data) {
 }
 
 inline Answer NodeState::callUntil(Clock::time_point end, const char *url, std::string_view data) {
+    const auto keep = shared_from_this();
     auto *const made = new FutureCall<Answer, decltype(&asItIs)>{url, data, asItIs};
     const AsyncCallPtr call = held(made);
     auto future = made->future();
