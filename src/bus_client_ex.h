@@ -41,7 +41,7 @@ struct message_t {
     // Whether the message owns a reference to node, a client_t: a join request, which is the only
     // message whose maker the server reaches without finding it in its registry.
     bool holds_node;
-    // The number of the call that a request or response belongs to; none has 0.
+    // The call that a request or response belongs to; 0: none in particular.
     std::uint64_t call;
     std::size_t size; // of the block, all of it
 };

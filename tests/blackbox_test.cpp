@@ -64,6 +64,32 @@ TEST(Zelvo, calls_and_publications_reach_whom_they_name_and_refused_arguments_ch
     EXPECT_EQ(count(bus.log(), "  Vek-client  params format error\n"), 5U);
 }
 
+TEST(Zelvo, what_a_timer_sets_waits_for_the_message_that_is_there) {
+    struct Order : std::string {
+        static int ring(void *self, client_t *client, int left) {
+            static_cast<Order *>(self)->push_back('t');
+            return left > 0 ? busClientSettimer(client, ring, 0, left - 1, self) : 0;
+        }
+        static int hear(void *self, client_t *, char *, char *, int) {
+            static_cast<Order *>(self)->push_back('M');
+            return 0;
+        }
+    } order;
+    const Bus bus;
+    Node a{bus.get(), "a", Order::hear, nullptr, &order, false};
+    a.subscribe(R"(["t"])");
+    for (int i = 0; i < 3; ++i) {
+        a.publish("t");
+    }
+    a.call("/bus/nodes");
+    busClientSettimer(a.get(), Order::ring, 0, 9, &order);
+    std::thread spin{busClientSpin, a.get()};
+    Node{bus, "b"}.call("/a/x"); // answered behind them
+    busClientSpinExit(a.get());
+    spin.join();
+    EXPECT_TRUE(order.starts_with("MtMtMt")) << order;
+}
+
 TEST(Zelvo, what_is_full_refuses_and_counters_tell_what_became_of_messages) {
     Bus bus{4, R"(,"stats":true)"};
     for (const std::string &name : Texts{"b", "localKeys", "a/b", "", std::string(128, 'n'), "bus2",

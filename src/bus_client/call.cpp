@@ -217,7 +217,7 @@ Call exchange(client_t &client, const Question &question, char **response) noexc
     return result;
 }
 
-bus_mk_sent postResponse(client_t &client, const message_t &request, const char *text) noexcept {
+MessagePtr newResponse(client_t &client, const message_t &request, const char *text) noexcept {
     MessagePtr response{busClientExMessageNew(client.name.get(), nullptr, request.url,
                                               action::kResponse, &client, request.request_name,
                                               text, static_cast<int>(std::strlen(text)))};
@@ -225,11 +225,7 @@ bus_mk_sent postResponse(client_t &client, const message_t &request, const char 
         response->call = request.call;
         BUS_CLIENT_TRACE("==>", &client, response.get());
     }
-    const bus_mk_sent sent = postToServer(*client.server, response);
-    if (sent == bus_mk_sent::kDone) {
-        count(client.counters.sent);
-    }
-    return sent;
+    return response;
 }
 
 // Of a node that cannot call. One that a full queue kept from joining is told of the queue while
@@ -328,12 +324,17 @@ void answerRequest(client_t &client, const message_t &request, oncall_callback h
     }
     const bool given = text && fitsPayload(std::strlen(text.get()));
     const char *const data = given ? text.get() : kNoHandlerAnswer;
+    MessagePtr response;
     bus_mk_sent sent{};
     const auto post = [&] {
-        sent = postResponse(client, request, data);
+        if (!response) {
+            response = newResponse(client, request, data);
+        }
+        sent = postToServer(*client.server, response);
         return sent == bus_mk_sent::kDone;
     };
     if (attemptAgain(post)) { // a place is kept for it
+        count(client.counters.sent);
         return;
     }
     countLost(sent, client.counters.bus_full, client.counters.no_memory);

@@ -19,12 +19,12 @@ double now() noexcept {
     return clock_gettimestamp() * 1000.0;
 }
 
-// Ids run from 2 on: the counter starts at 0 and is set to its least value first. Threads that set
-// timers of one node at once get different ids.
+// Ids run from 2 on: the counter starts below its least value and is set to it first. Threads that
+// set timers of one node at once get different ids.
 int nextTimerId(client_t &client) noexcept {
     int last = client.timerid.load(std::memory_order_relaxed);
     for (;;) {
-        const bool wraps = last == 0 || last == kLastTimerId;
+        const bool wraps = last < 1 || last >= kLastTimerId;
         const int next = wraps ? 2 : last + 1;
         if (client.timerid.compare_exchange_weak(last, next, std::memory_order_relaxed)) {
             if (wraps) {
@@ -174,7 +174,7 @@ void timerPass(client_t &client) noexcept {
 
 void timerPause(client_t &client) noexcept {
     bool woken = client.running.load(std::memory_order_relaxed) == 0;
-    while (!woken && !bus_mk_q_empty(client.timer_queue)) {
+    while (!woken && !bus_mk_q_empty(client.timer_queue) && bus_mk_q_empty(client.message_queue)) {
         bus_mk_q_wait(client.message_queue, kPause);
         const bool comes = !bus_mk_q_empty(client.message_queue);
         woken = comes || postWakeUp(client);

@@ -7,7 +7,7 @@ namespace {
 
 // Whether the call that call_name stands for is not waited for any more: its time was up.
 bool hasGivenUp(const client_t &client) noexcept {
-    return client.call_number != client.waiting_call.load();
+    return client.call_number != 0 && client.call_number != client.waiting_call.load();
 }
 
 bool isReserved(const char *host) noexcept {

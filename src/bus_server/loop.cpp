@@ -110,9 +110,9 @@ bool isLeaveNotice(const server_t &server, const message_t &response) noexcept {
     return std::string_view{response.payload->data}.starts_with(kDisjoinNotice);
 }
 
-// Whether client waits for this answer.
+// Whether client waits for this answer, or the answer is one to whatever it waits for.
 bool isAwaited(const client_t &client, const message_t &response) noexcept {
-    return response.call == client.waiting_call.load();
+    return response.call == 0 || response.call == client.waiting_call.load();
 }
 
 // Hands client its answer (no payload: none) and wakes it. False: it does not wait for it any more,
