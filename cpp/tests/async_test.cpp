@@ -53,10 +53,10 @@ TEST(Async, a_node_that_never_answers_stops_no_call_to_another_and_what_waits_is
     lamp.on_call("/state", [] { return "on"; });
     const Node panel{bus, "panel"};
     std::optional<Node> other{std::in_place, bus, "other"};
-    auto under_way = panel.call_async("/hung/x");
+    const auto token = std::make_shared<int>(0);
+    auto under_way = panel.call_async("/hung/x", [token](const Answer &) { ADD_FAILURE(); });
     auto waits = panel.call_async("/hung/x");
     auto gone = other->call_async("/hung/x");
-    const auto token = std::make_shared<int>(0);
     other->call_async("/hung/x", [token](const Answer &) { ADD_FAILURE(); });
     auto refused = panel.call_async("/hung/x");
     ASSERT_EQ(refused.wait_for(0s), std::future_status::ready);
@@ -69,7 +69,7 @@ TEST(Async, a_node_that_never_answers_stops_no_call_to_another_and_what_waits_is
     EXPECT_NE(names.find("zelvo/helper/other/"), names.npos) << names;
     other.reset(); // and leaves the row
     EXPECT_EQ(gone.get().cause, Cause::left);
-    EXPECT_EQ(token.use_count(), 1);
+    EXPECT_EQ(token.use_count(), 2);
     EXPECT_EQ(panel.call("/bus/nodes").text.find("zelvo/helper/other/"), names.npos);
     for (int i = 0; i < 3; ++i) { // none of them stays in the row
         EXPECT_EQ(panel.call_for(1ms, "/hung/x").cause, Cause::timed_out);

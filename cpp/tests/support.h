@@ -9,6 +9,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 using namespace std::chrono_literals;
@@ -55,8 +56,8 @@ protected:
 // How many times this thread has taken memory by operator new.
 int allocations() noexcept;
 
-// Of the calling thread; empty where the system has none to tell.
-std::string threadName();
+// Of the threads of this process; none where the system has none to tell.
+std::set<std::string> threadNames();
 
 // Whether there is something to dispatch, at once or within the limit.
 bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit = 0ms);

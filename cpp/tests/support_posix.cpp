@@ -1,16 +1,23 @@
 #include "support.h"
 
+#include <filesystem>
 #include <fstream>
 
+#include <fcntl.h>
 #include <poll.h>
 
 bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit) {
+    EXPECT_EQ(fcntl(node.fd(), F_GETFD), FD_CLOEXEC);
     pollfd wait{node.fd(), POLLIN, 0};
     return poll(&wait, 1, static_cast<int>(limit.count())) == 1;
 }
 
-std::string threadName() {
-    std::string name;
-    std::getline(std::ifstream{"/proc/thread-self/comm"}, name);
-    return name;
+std::set<std::string> threadNames() {
+    std::set<std::string> names;
+    for (const auto &thread : std::filesystem::directory_iterator{"/proc/self/task"}) {
+        std::string name;
+        std::getline(std::ifstream{thread.path() / "comm"}, name);
+        names.insert(name);
+    }
+    return names;
 }

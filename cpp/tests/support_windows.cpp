@@ -6,6 +6,6 @@ bool isReadable(const zelvo::PolledNode &node, std::chrono::milliseconds limit) 
     return WaitForSingleObject(node.fd(), static_cast<DWORD>(limit.count())) == WAIT_OBJECT_0;
 }
 
-std::string threadName() {
+std::set<std::string> threadNames() {
     return {};
 }
