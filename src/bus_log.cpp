@@ -30,7 +30,7 @@ std::FILE *_file BUS_MK_GUARDED_BY(_lock);
 std::array<char, kBudget + 2> _buf BUS_MK_GUARDED_BY(_lock);
 std::size_t _length BUS_MK_GUARDED_BY(_lock); // of the line in it
 char *_log_path BUS_MK_GUARDED_BY(_lock);     // owned
-float max_size BUS_MK_GUARDED_BY(_lock) = 20971520;
+float max_size BUS_MK_GUARDED_BY(_lock) = 20971520.0F;
 std::int64_t _unasked BUS_MK_GUARDED_BY(_lock); // bytes until the file's size is looked at
 
 // What the destination did not take, and what standard error has been told of that.

@@ -133,7 +133,7 @@ TEST(Zelvo, what_is_full_refuses_and_counters_tell_what_became_of_messages) {
     std::string stats = a.call("/bus/stats");
     std::erase_if(stats, [](char c) { return c == '\t' || c == '\n'; });
     for (const char *told :
-         {R"("stickyFull":1030)",
+         {R"({"data":{"server":{"name":"busServer","taken":)", R"("stickyFull":1030)",
           R"("name":"n0","taken":0,"sent":3084,"drops":{"queueFull":0,"busFull":1,"ownFull":31743,)"
           R"("noMemory":0,"lateAnswer":0,"unread":0},"calls":{"made":6,"answered":4,"refused":1,)"
           R"("timedOut":0,"givenUp":0},"queue":{"depth":1,"highest":1},"timers":1024})",

@@ -46,7 +46,6 @@ TEST(List, missing_list_or_node_ends_the_process) {
     bus_mk_list *const list = bus_mk_list_new(nullptr), *const none = nullptr;
     EXPECT_DEATH(bus_mk_list_del_node(list, nullptr), "assertion failed: node != NULL");
     EXPECT_DEATH(bus_mk_list_destroy(none), missing);
-    EXPECT_DEATH(bus_mk_list_find(none, nullptr, nullptr), missing);
     EXPECT_DEATH(bus_mk_list_get_idx(none, 0), missing);
     EXPECT_DEATH(bus_mk_list_remove_node(none, nullptr), missing);
     bus_mk_list_destroy(list);

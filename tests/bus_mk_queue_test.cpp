@@ -40,7 +40,7 @@ TEST(Queue, is_one_sequence_with_room_for_so_many) {
     const auto erase = [&](char &key) { return after(bus_mk_q_delete(q, &key)); };
     int at = 7;
     const auto find = [&](char &key) { return after(bus_mk_q_find(q, &key, &at)); };
-    EXPECT_EQ((Texts{take(1), send(a, -1), send(b, -1), take(1, 1), take(1), send(c, -1)}),
+    EXPECT_EQ((Texts{take(1), send(a, -1), send(b, 1), take(1, 1), take(1), send(c, -1)}),
               (Texts{"-  0", "a a 1", "b ab 2", "a ab 2", "a b 2", "c bc 2"}));
     EXPECT_EQ((Texts{send(a, 0), send(d, 0, 1), send(d, -1, 1), send(d, -1, 1), find(likeC)}),
               (Texts{"a abc 3", "- abc 3", "d abcd 4", "- abcd 4", "c abcd 4"}));

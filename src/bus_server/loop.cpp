@@ -103,11 +103,9 @@ bool isLeaveNotice(const server_t &server, const message_t &response) noexcept {
     if (response.node != &server || !response.url || !response.payload) {
         return false;
     }
-    const std::optional<Url> url = splitUrl(response.url);
-    if (!url || !selects(url->host, kBusHost) || !url->path.starts_with(kDisjoinPath)) {
-        return false;
-    }
-    return std::string_view{response.payload->data}.starts_with(kDisjoinNotice);
+    const Url url = splitUrl(response.url).value_or(Url{});
+    return selects(url.host, kBusHost) && url.path.starts_with(kDisjoinPath) &&
+           std::string_view{response.payload->data}.starts_with(kDisjoinNotice);
 }
 
 // Whether client waits for this answer, or the answer is one to whatever it waits for.

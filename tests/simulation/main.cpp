@@ -23,6 +23,7 @@ namespace {
 using namespace simulation;
 
 volatile std::sig_atomic_t interrupted = 0;
+
 // Whether a world fails; order: of its events, given its operations. What is wrong stands in
 // failure.
 bool fails(const Program &tried, std::uint64_t order, bool account = false) {

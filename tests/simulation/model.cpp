@@ -287,7 +287,7 @@ void readLine(const string &line) {
     const bool isRefused = isPart("queue is full") && !isPart(" subscribe topic ");
     const bool isServers = text.starts_with("E  Vek-server ") &&
                            (text.ends_with(" failed") || text.ends_with(" not kept"));
-    losses += isRefused || isServers || isPart("killtimer failed") ? 1 : 0;
+    losses[isPart("Vek-client")] += isRefused || isServers || isPart("killtimer failed") ? 1 : 0;
     Node *const node = world.current->node;
     if (program.isExact() && !node) {
         readBus(read);

@@ -88,7 +88,7 @@ struct Node {
     void runs(Timer &timer);
 };
 
-inline long losses = 0;         // of messages and answers, that the log tells of
+inline long losses[2] = {};     // of messages and answers, that bus and nodes tell of in the log
 inline bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 
 void readLine(const std::string &line); // of the log, from the current thread
