@@ -96,19 +96,6 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
     EXPECT_THROW(Bus{config}, std::invalid_argument);
 }
 
-TEST(FaceBus, a_hook_that_cannot_be_copied_makes_no_bus) {
-    struct Hook {
-        explicit Hook(int left) : copies{left} {}
-        Hook(const Hook &other)
-            : copies{other.copies > 0 ? other.copies - 1 : throw std::runtime_error("no copy")} {}
-        void operator()(std::string_view, const std::exception_ptr &) const {}
-        const int copies; // how many can be made, each of the one before
-    };
-    Config config;
-    config.on_error = Hook{1};
-    EXPECT_THROW(Bus{config}, std::runtime_error);
-}
-
 TEST(FaceBusDeathTest, a_handler_may_end_the_process) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto end = [] {

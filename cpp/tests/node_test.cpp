@@ -229,26 +229,23 @@ TEST_F(Face, threads_that_call_through_one_node_take_turns_and_get_their_own_ans
     EXPECT_LE(overtaken[250], 5); // where a thread is not asleep before it waits
 }
 
-TEST(FaceCalls, one_that_has_waited_for_its_turn_is_left_to_a_helper_and_keeps_none) {
+TEST(FaceCalls, one_that_has_waited_for_its_turn_is_left_to_a_helper_and_ends_in_time) {
     Config config = quiet();
-    config.call_timeout = 3s;
+    config.call_timeout = 2s;
     const Bus bus{config};
     PolledNode lamp{bus, "lamp"}; // whose loop comes round late
     const Node panel{bus, "panel"};
-    std::atomic<int> ended{0};
-    const auto call = [&] { ended += panel.call("/lamp/x").cause == Cause::no_handler ? 1 : 9; };
-    std::thread first{call};
+    const auto call = [&] { return panel.call("/lamp/x").cause; };
+    auto first = std::async(std::launch::async, call);
     EXPECT_TRUE(isReadable(lamp, kLimit));
-    std::thread second{call};
-    std::this_thread::sleep_for(700ms); // of its time, more than a small part
+    auto second = std::async(std::launch::async, call);
+    std::this_thread::sleep_for(600ms); // of its time, more than a small part
     lamp.dispatch(1);
     EXPECT_TRUE(isReadable(lamp, kLimit));
     EXPECT_NE(panel.call("/bus/nodes").text.find("zelvo/helper/panel/"), std::string::npos);
-    EXPECT_EQ(ended, 1);
-    lamp.dispatch(1);
-    first.join();
-    second.join();
-    EXPECT_EQ(ended, 2);
+    EXPECT_NE(second.wait_for(0s), std::future_status::ready); // it keeps no turn
+    EXPECT_EQ(first.get(), Cause::no_handler);
+    EXPECT_EQ(second.get(), Cause::timed_out);
 }
 
 TEST(FaceErrors, what_handlers_throw_goes_to_the_hook_and_the_node_goes_on) {

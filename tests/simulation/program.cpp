@@ -318,19 +318,9 @@ void lookAround(bool &over) {
     last.close();
 }
 
-// Of two receivers, the slower one may go away empty. Who waits for a limited time may destroy the
-// queue that its sender has just been in.
+// Who waits for a limited time may destroy the queue that its sender has just been in.
 void useQueue() {
     bus_mk_q_t *const q = enter("makes a queue", bus_mk_q_new, 2, nullptr);
-    const auto receive = [q] { enter("receives", bus_mk_q_recv, q, 0, 0, 1); };
-    const Thread *const receiver = world.spawn("r", receive);
-    for (; !receiver->word; world.pause(1)) {}
-    enter("sends", bus_mk_q_send, q, q, -1);
-    enter("sends", bus_mk_q_send, q, q, -1);
-    expect(!bus_mk_q_empty(q), "one of two items has been taken, and the other is nowhere");
-    enter("takes", bus_mk_q_recv, q, 1, 0, 1);
-    enter("takes", bus_mk_q_recv, q, 1, 0, 1);
-    world.join(receiver);
     const Thread *const sender = world.spawn("s", [q] {
         world.pause(3);
         enter("sends", bus_mk_q_send, q, q, -1);
