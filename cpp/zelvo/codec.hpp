@@ -107,7 +107,7 @@ constexpr bool isPlain() {
 }
 
 // Those that are copied as they lie.
-inline constexpr std::size_t kMostPlain = 256 * 1024;
+inline constexpr std::size_t kMostPlain = std::size_t{256} * 1024;
 template <class Value>
 struct PlainCodec {
     static_assert(sizeof(Value) <= kMostPlain,
