@@ -111,7 +111,8 @@ public:
         return text == R"({"data":""})" ? std::nullopt : std::optional{std::move(text)};
     }
     // Stores a JSON value, with persist also in the file: it is on the disk when this returns, and
-    // where it can't be written the log says so. Throws std::invalid_argument for what is no JSON.
+    // where it can't be written the log says so. Numbers are kept as doubles; one beyond them is
+    // null. Throws std::invalid_argument for what is no JSON.
     void set(const CText &key, std::string_view json, bool persist = false) const {
         if (!detail::JsonReader{json}.isValue()) {
             throw std::invalid_argument("zelvo: a value for the key store is not JSON");
