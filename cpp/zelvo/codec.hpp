@@ -65,10 +65,9 @@ private:
 //                                  come through the stack of a thread. A std::array of them
 //                                  likewise, and of numbers, but of bool; and a std::vector, of
 //                                  which only that the bytes are a multiple is checked.
-//   std::vector, std::array        of other types with one of these, or of such types with a codec
-//   of
-//                                  your own: each behind its length, which is 4 bytes in this
-//                                  machine's order
+//   std::vector, std::array        of other types with one of these, or where those above have a
+//                                  codec of your own: each behind its length, which is 4 bytes in
+//                                  this machine's order
 //   what JSON can be made of       with zelvo/json.hpp
 // Answers to calls end at a NUL. So in an answer of a service the byte 0 travels as the two bytes
 // 1 1, the byte 1 as 1 2, and 1 3 stands for nothing; it is at the beginning of an answer that

@@ -34,6 +34,11 @@ inline Clock::time_point later(Clock::time_point now, Clock::duration wait) noex
 inline Deadline deadlineAfter(std::chrono::milliseconds timeout) {
     return timeout.count() > 0 ? Deadline{later(Clock::now(), saturated(timeout))} : std::nullopt;
 }
+// Whether more than a small part of the time has gone.
+inline bool hasWaited(Clock::time_point deadline, std::chrono::milliseconds timeout) {
+    const auto all = saturated(timeout);
+    return deadline - Clock::now() < all - all / 16;
+}
 
 // ---- addresses and answers ----
 

@@ -15,9 +15,8 @@ inline Answer NodeState::call(const char *url, std::string_view data) {
     if (!turn.owned()) {
         return noAnswer(noTurn());
     }
-    const auto most = saturated(timeout_);
-    if (!leaving_ && deadline && *deadline - Clock::now() < most - most / 16 &&
-        !isOfTheBus(hostOf(url)) && bus_.helpers().any()) {
+    if (!leaving_ && deadline && hasWaited(*deadline, timeout_) && !isOfTheBus(hostOf(url)) &&
+        bus_.helpers().any()) {
         turn.pass();
         return callUntil(*deadline, url, data);
     }
