@@ -62,6 +62,7 @@ TEST(Zelvo, calls_and_publications_reach_whom_they_name_and_refused_arguments_ch
     }
     EXPECT_EQ(a.call("/bus/nodes"), all);
     EXPECT_EQ(count(bus.log(), "  Vek-client  params format error\n"), 5U);
+    EXPECT_EQ(count(bus.log(), " failed\n"), 0U);
 }
 
 TEST(Zelvo, what_a_timer_sets_waits_for_the_message_that_is_there) {
@@ -134,4 +135,8 @@ TEST(Zelvo, what_is_full_refuses_and_counters_tell_what_became_of_messages) {
           R"("name":"n2047","taken":0,"sent":5,"drops":{"queueFull":7,"busFull":0,"ownFull":1,)"}) {
         EXPECT_TRUE(says(stats, told)) << told << stats.substr(0, 1000);
     }
+    bus.stop();
+    all.pop_back(); // leaves unasked
+    bus.start();
+    EXPECT_FALSE(says(a.call("/bus/nodes"), "n2047"));
 }

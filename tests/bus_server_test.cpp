@@ -8,7 +8,7 @@
 namespace bus {
 
 TEST(Server, broken_messages_change_nothing_and_nothing_is_kept_of_a_topic_that_nobody_has) {
-    const Bus bus;
+    const Bus bus{1};
     Node a{bus, "a"};
     server_t &server = *bus.get()->server;
     for (const char *action : {"no such", "", action::kRequest, action::kResponse,
@@ -67,12 +67,17 @@ TEST(Message, copies_hold_all_but_the_reference) {
         busClientExMessageNew("me", nullptr, "/a/b", "request", &client, "asker", "data", 4)};
     EXPECT_EQ(_message_equal(nullptr, &none) + _message_equal(nullptr, nullptr), -2);
     EXPECT_EQ(_message_equal(message->name, message.get()), -1);
+    message->call = 7;
     holdNode(*message, client);
     message.reset(busClientExMessageCopy(message.get()));
     message.reset(copyWithAction(*message, Action::kExit));
     EXPECT_EQ(client.references, 1);
     EXPECT_EQ(std::string{message->name} + message->url + message->request_name, "me/a/basker");
     EXPECT_STREQ(message->payload->data, "data");
+    EXPECT_EQ(message->call, 7U);
+    message->payload->data = nullptr;
+    message.reset(busClientExMessageCopy(message.get()));
+    EXPECT_EQ(message->payload->len, 0);
     EXPECT_EQ(busClientExMessageDelete(message.release()), 0);
 }
 
