@@ -60,9 +60,12 @@ TEST(Queue, is_one_sequence_with_room_for_so_many) {
     EXPECT_EQ(g_told, "ba");
     EXPECT_EQ(after(nullptr), "-  4");
     bus_mk_q_clear(q, nullptr, 0);
-    bus_mk_q_t *const ofAddresses = bus_mk_q_new(3, nullptr);
+    bus_mk_q_t *const ofAddresses = bus_mk_q_new(4, nullptr);
+    bus_mk_q_send(ofAddresses, &b, -1);
     bus_mk_q_send(ofAddresses, &c, -1);
     bus_mk_q_send(ofAddresses, &likeC, -1);
+    EXPECT_EQ(bus_mk_q_recv(ofAddresses, 0, 0, 1), &b);
+    EXPECT_EQ(bus_mk_q_recv(ofAddresses, 0, 1, 2), &likeC);
     bus_mk_q_send(ofAddresses, &a, 1);
     EXPECT_EQ(bus_mk_q_find(ofAddresses, &likeC, &at), &likeC);
     bus_mk_q_clear(ofAddresses, nullptr, 0);

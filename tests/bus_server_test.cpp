@@ -20,11 +20,16 @@ TEST(Server, broken_messages_change_nothing_and_nothing_is_kept_of_a_topic_that_
             EXPECT_EQ(postToServer(server, message), bus_mk_sent::kDone);
         }
     }
+    MessagePtr late{
+        busClientExMessageNew("a", nullptr, "/a/x", action::kResponse, a.get(), "a", nullptr, 0)};
+    late->call = 99;
+    EXPECT_EQ(postToServer(server, late), bus_mk_sent::kDone);
     a.subscribe(R"(["t"])");
     busClientUnsubscribe(a.get(), R"(["t"])");
     busClientPublishSticky(a.get(), "s", nullptr, 0);
     busClientRemoveSticky(a.get(), R"(["s"])");
     EXPECT_EQ(a.call("/bus/nodes"), "{\n\t\"data\":\t[\"a\"]\n}");
+    EXPECT_EQ(a.get()->counters.late_answers, 1U);
     EXPECT_TRUE(!server.directory.topic("t") && !server.directory.topic("s"));
     EXPECT_EQ(::count(bus.log(), "  Vek-server message body not action | name\n"), 7U);
     message_t none{};
@@ -58,6 +63,18 @@ TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
     EXPECT_EQ(ring({"bus", "", "a"}), -1); // which is not its namesake
     nodes[2].call("/k/x");                 // and may call who calls nobody
     EXPECT_EQ(::count(bus.log(), " is exit\n"), 1U);
+}
+
+TEST(Server, call_of_a_node_that_it_does_not_know_ends_without_an_answer) {
+    const Bus bus;
+    client_t caller;
+    MessagePtr request{busClientExMessageNew("a", nullptr, "/a/x", action::kRequest, &caller,
+                                             nullptr, nullptr, 0)};
+    holdNode(*request, caller);
+    caller.waiting_call = 7;
+    endCall(*bus.get()->server, *request); // made by hand, without a number
+    EXPECT_EQ(caller.waiting_call, 0U);
+    EXPECT_EQ(caller.counters.no_memory, 0U);
 }
 
 TEST(Message, copies_hold_all_but_the_reference) {
