@@ -45,8 +45,8 @@ TEST(Server, broken_messages_change_nothing_and_nothing_is_kept_of_a_topic_that_
 }
 
 TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
-    const Bus bus;
-    const Node nodes[] = {{bus, "a"}, {bus, "k"}, {bus, "bus"}};
+    const Bus bus{2};
+    const Node nodes[] = {{bus, "a"}, {bus, "k"}, {bus, "bus"}, {bus, "gone", {}, false}};
     // Whom they call, and the number of k's call; 1: none that is waited for any more.
     const auto ring = [&](const Texts &called, std::uint64_t number = 0) {
         for (std::size_t i = 0; i < 3; ++i) {
@@ -63,6 +63,10 @@ TEST(Server, chain_of_calls_ends_at_the_bus_and_where_none_is_waited_for) {
     EXPECT_EQ(ring({"bus", "", "a"}), -1); // which is not its namesake
     nodes[2].call("/k/x");                 // and may call who calls nobody
     EXPECT_EQ(::count(bus.log(), " is exit\n"), 1U);
+    busClientSpinExit(nodes[3].get());
+    busClientSpin(nodes[3].get());
+    EXPECT_EQ(nodes[3].call("/k/x"), "null");
+    EXPECT_EQ(::count(bus.log(), " gone alaredy exit, url: /k/x\n"), 1U);
 }
 
 TEST(Server, call_of_a_node_that_it_does_not_know_ends_without_an_answer) {
