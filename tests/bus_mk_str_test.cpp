@@ -45,7 +45,7 @@ const std::vector<Case> kShort = {
     {"(a)*", "a*", "0..1 0+1"}, {"(a*)b", "b", "0..0 0+0"},   {"%b()", "x(a(b))y", "1..6"},
     {"%S%A%s", "a. ", "0..2"},  {"%x%X", "gfz", "1..2"},      {"[b-\xfe]", "a\xff\xc3", "2..2"},
     {"%f[^%z]", "ab", "0..-1"}, {"a%f[a]", "aa", "none"},     {"[a-%%]", "%", "0..0"},
-    {"%Z", "a", "0..0"}};
+    {"%Z", "a", "0..0"},        {"[a-c]+", "dcba", "1..3"}};
 
 // A search that goes deeper with each item or character, or has no end, ends the program.
 TEST(Str, patterns_find_what_they_describe_and_have_an_end) {
