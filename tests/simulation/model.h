@@ -27,6 +27,7 @@ struct Operation {
 };
 
 struct Program {
+    std::uint64_t order = 0; // of events
     unsigned actors = 2;
     int level = 1;          // of the log
     unsigned timeLimit = 0; // of calls, in milliseconds; 0: none

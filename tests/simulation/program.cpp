@@ -381,6 +381,7 @@ Program makeProgram(std::uint64_t seed) {
     Random random{~seed};
     Program made;
     const unsigned kind = random.below(10); // half of the worlds are exact, and lack nothing
+    made.order = seed;
     made.actors = 2 + random.below(3);
     made.level = kind > 4 ? 1 : 2 + static_cast<int>(random.below(4));
     made.timeLimit = kind < 3 ? 1 + random.below(40) * random.below(2) : 0;

@@ -15,16 +15,15 @@ constexpr std::uint64_t kMostSteps = 3'000'000; // of a world; more are no end
 ucontext_t worldsEnd;
 std::span<char> objects; // the thread_local ones of this program, which has the C++ library in it
 
-int findObjects(dl_phdr_info *program, std::size_t /*size*/, void * /*arg*/) {
-    const auto *part = program->dlpi_phdr;
-    for (; part->p_type != PT_TLS; ++part) {}
-    objects = {static_cast<char *>(program->dlpi_tls_data), part->p_memsz};
-    return 1; // the first is this program, and enough
-}
-
 } // namespace
 
 void World::run(std::uint64_t seed, std::function<void()> body) {
+    const auto findObjects = [](dl_phdr_info *program, std::size_t, void *) {
+        const auto *part = program->dlpi_phdr;
+        for (; part->p_type != PT_TLS; ++part) {}
+        objects = {static_cast<char *>(program->dlpi_tls_data), part->p_memsz};
+        return 1; // the first is this program, and enough
+    };
     dl_iterate_phdr(findObjects, nullptr);
     chance.seed(seed);
     rarity_ = 1U << chance.below(12);
@@ -38,7 +37,7 @@ void World::run(std::uint64_t seed, std::function<void()> body) {
 
 Thread *World::spawn(const std::string &name, std::function<void()> body, Node *node) {
     static const std::vector<char> untouched(objects.begin(), objects.end());
-    Thread &thread = threads_.emplace_back(Thread{name, std::move(body), node});
+    Thread &thread = threads_.emplace_back(Thread{name, {std::move(body)}, node});
     thread.objects = untouched;
     thread.stack.reset(new char[kStack]);
     getcontext(&thread.place);
@@ -55,11 +54,10 @@ Thread *World::spawn(const std::string &name, std::function<void()> body, Node *
 // The destructors of a thread's objects run in it, and may meet other threads.
 void World::runCurrent() {
     std::ranges::copy(current->objects, objects.begin());
-    current->body();
-    while (!current->destructors.empty()) {
-        const auto [run, object] = current->destructors.back();
-        current->destructors.pop_back();
-        run(object);
+    while (!current->duties.empty()) {
+        const auto duty = std::move(current->duties.back());
+        current->duties.pop_back();
+        duty();
     }
     current->ended = true;
     std::erase(alive_, current);
@@ -133,7 +131,7 @@ Thread *World::next() {
 }
 
 void note(std::string_view text) {
-    if (hasAccount) {
+    if (telling == Telling::kAccount) {
         std::printf("%8llu %9.3f ms  %-6s %.*s\n", static_cast<unsigned long long>(world.step),
                     static_cast<double>(world.now()) / kMillisecond - 1e9,
                     world.current->name.c_str(), static_cast<int>(text.size()), text.data());
@@ -142,9 +140,10 @@ void note(std::string_view text) {
 
 void fail(std::string_view text) {
     const InLibrary no{false};
-    note("FAILS: " + std::string{text});
-    text.copy(failure, kFailure - 1);
-    std::fflush(stdout);
+    note("FAILS");
+    if (telling != Telling::kNothing) {
+        std::printf("world %llu: %.*s\n", worldsNumber, static_cast<int>(text.size()), text.data());
+    }
     _exit(1);
 }
 
@@ -154,7 +153,7 @@ void fail(std::string_view text) {
 extern "C" int __cxa_thread_atexit(void (*run)(void *), void *object, void * /*library*/) noexcept {
     if (simulation::world.current) {
         const simulation::InLibrary no{false};
-        simulation::world.current->destructors.emplace_back(run, object);
+        simulation::world.current->duties.emplace_back([=] { run(object); });
     }
     return 0;
 }

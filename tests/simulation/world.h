@@ -36,15 +36,14 @@ struct Node;
 
 struct Thread {
     std::string name;
-    std::function<void()> body;
-    Node *node; // that it works for
+    std::vector<std::function<void()>> duties; // to do, the last one first
+    Node *node;                                // that it works for
     bool ended = false;
     const void *word = nullptr;   // that it sleeps on
     std::uint64_t until = 0;      // that it sleeps
     bool inLibrary = false;       // not while it is in a handler
     std::string doing{"goes on"}; // for who asks why it does not
     std::vector<char> objects{};  // its thread_local ones
-    std::vector<std::pair<void (*)(void *), void *>> destructors{};
     std::unique_ptr<char[]> stack{};
     ucontext_t place{};
 };
@@ -113,9 +112,9 @@ inline Shortage shortage;
 void *allocate(std::size_t size, std::size_t alignment = 16);
 inline std::size_t blocks = 0; // that the library has
 
-inline constexpr std::size_t kFailure = 4096;
-inline char *failure = nullptr; // where the process that has made this one reads what is wrong
-inline bool hasAccount = false;
+inline unsigned long long worldsNumber = 0;
+enum class Telling { kNothing, kFailure, kAccount };
+inline Telling telling = Telling::kNothing; // what is printed
 
 void note(std::string_view text);              // in the world's account
 [[noreturn]] void fail(std::string_view text); // ends the process: the world has shown a fault
