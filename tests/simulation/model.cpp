@@ -1,6 +1,5 @@
 #include "model.h"
 
-#include <deque>
 #include <map>
 #include <set>
 #include <sstream>
@@ -10,7 +9,8 @@ namespace {
 
 using std::string;
 
-const string kBus = "busServer";
+Node kBus{"busServer", nullptr};
+const string kRequest = ",  action: request";
 const string kEmpty = R"({"data":""})";
 const string kUnknown = R"({"data":"not implement"})";
 const string kLeave = R"({"event":"disjoin", "name":")";
@@ -22,10 +22,6 @@ string between(const string &text, const string &before, const string &after) {
     const std::size_t found = text.find(before);
     const std::size_t begin = found == text.npos ? text.size() : found + before.size();
     return text.substr(begin, text.find(after, begin) - begin);
-}
-
-string nameOf(const Node *sender) {
-    return sender ? sender->name : kBus;
 }
 
 // A field of a message's trace.
@@ -69,7 +65,7 @@ Entry *find(const string &name) {
 }
 
 void send(const Entry &to, const string &trace) {
-    to.node->inbox.push_back({nullptr, trace});
+    to.node->inbox.push_back({&kBus, trace});
     mustSay.push_back(to.node->name + trace);
 }
 
@@ -86,15 +82,11 @@ void notify(const string &topic, const string &text) {
 
 // Follows the calls that nodes wait for.
 bool closesRing(const string &caller) {
-    string at = caller;
-    for (std::size_t steps = 0; steps <= registry.size(); ++steps) {
-        const Entry *const entry = find(at);
-        at = entry ? entry->calls : "";
-        if (at.empty() || at == caller) {
-            return !at.empty();
-        }
+    const Entry *at = find(caller);
+    for (std::size_t steps = registry.size(); at && at->calls != caller; --steps) {
+        at = steps > 0 ? find(at->calls) : nullptr;
     }
-    return false;
+    return at;
 }
 
 string useKey(const string &key, const string &payload) {
@@ -104,7 +96,7 @@ string useKey(const string &key, const string &payload) {
 }
 
 string serve(const Message &message, Entry *sender, const string &path) {
-    const string name = nameOf(message.node);
+    const string &name = message.node->name;
     if (path == "/join" && !sender) {
         notify("bus.event", R"({"event":"join", "name": ")" + name + "\"}");
         mustSay.push_back("D  Vek-server " + name + " node joined");
@@ -129,20 +121,20 @@ string serve(const Message &message, Entry *sender, const string &path) {
 void answer(const Message &request, const string &text) {
     const string trace =
         traceOf("response", "NULL", fieldOf(request.trace, "url"), text.c_str(), text.size());
-    sent.push_back({nullptr, trace.substr(0, trace.find('*')), nameOf(request.node)});
+    sent.push_back({&kBus, trace.substr(0, trace.find('*')), request.node->name});
 }
 
 void request(const Message &message) {
     const string url = fieldOf(message.trace, "url"), to = url.substr(1, url.find('/', 1) - 1);
     const string path = url.substr(1 + to.size());
-    Entry *const sender = find(nameOf(message.node));
+    Entry *const sender = find(message.node->name);
     if (sender) {
         sender->calls = to;
     }
     if (string{"bus"}.starts_with(to) || string{"localKeys"}.starts_with(to)) {
         answer(message, to[0] == 'b' ? serve(message, sender, path)
                                      : useKey(path, fieldOf(message.trace, "payload")));
-    } else if (closesRing(nameOf(message.node))) {
+    } else if (closesRing(message.node->name)) {
         answer(message, kEmpty);
         notify("bus.error", kRing);
     } else if (const Entry *const callee = find(to)) {
@@ -152,24 +144,32 @@ void request(const Message &message) {
     }
 }
 
-// Whom an answer is for.
-Entry *search(const string &name) {
-    for (Entry &entry : registry) {
+// The bus tells whom it has looked at.
+void respond(const Message &message) {
+    const string &name = message.requestor;
+    const auto isFor = [&](const Entry &entry) {
         mustSay.push_back("V  Vek-server name: " + entry.node->name + ", request_name: " + name);
-        if (entry.node->name == name) {
-            return &entry;
-        }
+        return entry.node->name == name;
+    };
+    const auto found = std::ranges::find_if(registry, isFor);
+    if (found == registry.end()) {
+        return;
     }
-    return nullptr;
+    expect(fieldOf(message.trace, "url").starts_with("/" + std::exchange(found->calls, "")),
+           "answers what nobody asks");
+    found->node->answer = message.trace;
+    if (message.trace.find(kLeave) != string::npos) {
+        registry.erase(found);
+    }
 }
 
 void follow(Message message) {
     const string action = fieldOf(message.trace, "action"), topic = fieldOf(message.trace, "topic");
     if (action == "publishSticky") {
         message.trace.erase(message.trace.find("Sticky"), 6);
-        publish(topic, message.trace);
         sticky[topic] = message.trace;
-    } else if (action == "publish") {
+    }
+    if (action.starts_with("publish")) {
         publish(topic, message.trace);
     } else if (action == "removeSticky") {
         for (const string &gone : listed(fieldOf(message.trace, "payload"))) {
@@ -177,13 +177,8 @@ void follow(Message message) {
         }
     } else if (action == "request") {
         request(message);
-    } else if (Entry *const entry = search(message.requestor)) { // a response
-        expect(fieldOf(message.trace, "url").starts_with("/" + std::exchange(entry->calls, "")),
-               "answers what nobody asks");
-        entry->node->answer = message.trace;
-        if (message.trace.find(kLeave) != string::npos) {
-            registry.erase(registry.begin() + (entry - &registry.front()));
-        }
+    } else {
+        respond(message);
     }
 }
 
@@ -210,12 +205,19 @@ struct Line {
     }
 };
 
-void busTakes(const Line &line) {
+void readBus(const Line &line) {
+    const string said = line.to.empty() ? line.text : line.to + line.trace;
+    if (!mustSay.empty() && said == mustSay.front()) {
+        mustSay.pop_front();
+    }
+    if (line.from.empty()) {
+        return;
+    }
     expect(mustSay.empty(), "the bus has not said: " + (mustSay.empty() ? "" : mustSay.front()));
     expect(!nameIsLost, "the bus has answered before the key file is on the disk");
     const auto next = std::ranges::find_if(sent, [&](const Message &m) {
-        return nameOf(m.node) == line.from && line.trace.starts_with(m.trace) &&
-               (m.node || m.requestor == line.requestor);
+        return m.node->name == line.from && line.trace.starts_with(m.trace) &&
+               (m.node != &kBus || m.requestor == line.requestor);
     });
     if (next == sent.end()) {
         return expect(line.trace.starts_with(",  action: exit,"), "nobody has sent it");
@@ -225,16 +227,6 @@ void busTakes(const Line &line) {
     const Message taken{next->node, line.trace, line.requestor};
     sent.erase(next);
     follow(taken);
-}
-
-void readBus(const Line &line) {
-    const string said = line.to.empty() ? line.text : line.to + line.trace;
-    if (!mustSay.empty() && said == mustSay.front()) {
-        mustSay.pop_front();
-    }
-    if (!line.from.empty()) {
-        busTakes(line);
-    }
 }
 
 // A look has to do with the timers that were there when it began, and ends when none of them is
@@ -248,18 +240,15 @@ void expectLooked(const Node &node, std::uint64_t began, std::uint64_t until) {
 void nodeTakes(Node &node, const string &trace) {
     expectLooked(node, node.lookBegan, node.lookedUntil);
     const string action = fieldOf(trace, "action");
-    node.drains = node.drains || action == "exit";
-    expect(node.drains || node.mayTake-- > 0,
-           "it is told to leave, and takes another message first");
+    node.drains |= action == "exit";
+    expect(node.drains || node.mayTake-- > 0, "is told to leave, and takes another message");
     for (Timer &timer : node.timers) {
         timer.gone |= fieldOf(trace, "payload") == "{\"id\": " + std::to_string(timer.id) + "}";
     }
     if (action == "killtimer" || action == "exit") {
         return;
     }
-    const auto mayBe = [&](auto &m) {
-        return !node.drains || fieldOf(m.trace, "action") == "request";
-    };
+    const auto mayBe = [&](auto &m) { return !node.drains || m.trace.starts_with(kRequest); };
     const auto next = std::ranges::find_if(node.inbox, mayBe);
     expect(next != node.inbox.end() && next->trace == trace, "the bus has not sent it this next");
     if (world.isPrompt()) { // it has looked since the message came, or not long before
@@ -291,9 +280,9 @@ void readLine(const string &line) {
     Node *const node = world.current->node;
     if (program.isExact() && !node) {
         readBus(read);
-    } else if (program.isExact() && read.to == kBus) {
+    } else if (program.isExact() && read.to == kBus.name) {
         sent.push_back({node, read.trace});
-    } else if (program.isExact() && read.from == kBus) {
+    } else if (program.isExact() && read.from == kBus.name) {
         nodeTakes(*node, read.trace);
     }
 }

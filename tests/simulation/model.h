@@ -11,8 +11,6 @@
 
 #include "world.h"
 
-#include <deque>
-
 namespace simulation {
 
 // Who carries an operation out: the thread that has made the node, a handler of the node, or a
@@ -45,7 +43,7 @@ Program makeProgram(std::uint64_t seed);
 void play(); // the body of a world's first thread
 
 struct Message {
-    Node *node;        // that has sent it; null: the bus
+    Node *node;        // that has sent it
     std::string trace; // in the log, from its action to the length of its payload
     std::string requestor{};
     std::uint64_t sent = world.now();

@@ -52,8 +52,8 @@ std::list<Node> nodes; // all that there have been
 // Calls into the library, for no longer than it may wait, where nothing else keeps it.
 template <typename Function, typename... Arguments>
 auto enter(const string &what, Function function, Arguments... arguments) {
-    const bool isLimited = program.timeLimit > 0 && world.isPrompt();
-    const unsigned limit = isLimited ? program.timeLimit + 5 : 50'000; // only time-outs last
+    const bool isLimited = program.timeLimit > 0 && world.isPrompt(); // else only time-outs last
+    const unsigned limit = isLimited ? program.timeLimit + 5 : 50'000;
     const std::uint64_t latest = world.now() + limit * kMillisecond;
     note(what);
     world.current->doing = what;
@@ -180,9 +180,8 @@ void publish(Actor &actor, const Operation &o) {
 void changeTopics(Actor &actor, const Operation &o) {
     constexpr decltype(&busClientSubscribe) kChanges[] = {
         busClientSubscribe, busClientUnsubscribe, busClientSubscribe, busClientRemoveSticky};
-    const string first = kTopics[o.a % 7], second = kTopics[o.b % 7];
-    const string more = "\",\"" + to_string(o.place) + "\"]"; // which thread it is
-    const string topics = "[\"" + first + "\",\"" + second + more;
+    const string topics = string{"[\""} + kTopics[o.a % 7] + "\",\"" + kTopics[o.b % 7] + "\",\"" +
+                          to_string(o.place) + "\"]"; // and which thread it is
     const int result =
         enter("changes topics " + topics, kChanges[o.b % 4], actor.client, topics.c_str());
     expect(result == 0 || program.loses(), "is refused");
