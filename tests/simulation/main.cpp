@@ -61,7 +61,7 @@ void makeSmall(Program &failing) {
     }
 }
 
-int run(const std::string &option, const char *value) {
+int run(const string &option, const char *value) {
     unsigned long long seed = std::random_device{}(), last = UINT64_MAX;
     std::time_t end = INT64_MAX;
     if (option == "--seconds") {

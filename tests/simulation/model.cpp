@@ -7,8 +7,6 @@
 namespace simulation {
 namespace {
 
-using std::string;
-
 Node kBus{"busServer", nullptr};
 const string kRequest = ",  action: request";
 const string kEmpty = R"({"data":""})";
@@ -230,10 +228,11 @@ void readBus(const Line &line) {
 }
 
 // A look has to do with the timers that were there when it began, and ends when none of them is
-// due. So they have run before the node takes the next message.
+// due. So they have run before the node takes the next message, or runs one that was set later.
 void expectLooked(const Node &node, std::uint64_t began, std::uint64_t until) {
     for (const Timer &timer : node.timers) {
-        expect(!timer.isMissed(began, until), "a timer is due, and a message is taken first");
+        expect(!timer.isMissed(began, until),
+               "timer " + std::to_string(timer.id) + " is due, and something else comes first");
     }
 }
 
@@ -311,10 +310,7 @@ void Node::runs(Timer &timer) {
     note("runs timer " + std::to_string(timer.id));
     expect(!std::exchange(timer.gone, true) && world.now() >= timer.due(timer.begun),
            "it runs again, or after it was killed, or before it is due");
-    for (const Timer &other : timers) {
-        expect(!other.isMissed(std::min(timer.begun, lookBegan) - 1, lookBegan),
-               "timer " + std::to_string(other.id) + " was set before, and is due");
-    }
+    expectLooked(*this, std::min(timer.begun, lookBegan) - 1, lookBegan);
     lookBegan = std::max(lookBegan, timer.begun); // it had to be there
 }
 

@@ -43,9 +43,9 @@ Program makeProgram(std::uint64_t seed);
 void play(); // the body of a world's first thread
 
 struct Message {
-    Node *node;        // that has sent it
-    std::string trace; // in the log, from its action to the length of its payload
-    std::string requestor{};
+    Node *node;   // that has sent it
+    string trace; // in the log, from its action to the length of its payload
+    string requestor{};
     std::uint64_t sent = world.now();
     const Thread *thread = world.current; // by this one
 };
@@ -70,28 +70,28 @@ struct Timer {
 
 // From its connect to its close.
 struct Node {
-    std::string name;
+    string name;
     struct Actor *actor;
     bool leaves = false, drains = false; // it is going to; it has heard of that
     unsigned mayTake = 1000;             // messages, before it hears of that
     bool isBusy = true;                  // its thread has something else to do than to take one
     std::deque<Message> inbox{};         // what the bus has sent it
-    std::string taken{};                 // by it, last
-    std::string answer{};                // to its latest call, as the bus has handed it over
+    string taken{};                      // by it, last
+    string answer{};                     // to its latest call, as the bus has handed it over
     std::deque<Timer> timers{};
     std::uint64_t lookBegan = 0;   // at timers, the latest; not before then
     std::uint64_t lookedUntil = 0; // timers due by then have had their turn
 
-    void getsAnswer(const char *text, const std::string &asked) const;
-    void isHanded(const std::string &about, const char *data, int length) const;
+    void getsAnswer(const char *text, const string &asked) const;
+    void isHanded(const string &about, const char *data, int length) const;
     void runs(Timer &timer);
 };
 
 inline long losses[2] = {};     // of messages and answers, that bus and nodes tell of in the log
 inline bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 
-void readLine(const std::string &line); // of the log, from the current thread
-void expectAllTaken();                  // where nobody can go on, and at the end
+void readLine(const string &line); // of the log, from the current thread
+void expectAllTaken();             // where nobody can go on, and at the end
 
 } // namespace simulation
 

@@ -12,7 +12,6 @@
 
 namespace simulation {
 
-using std::string;
 using std::to_string;
 using Text = std::optional<string>; // that the library is given; nothing: null
 
@@ -56,14 +55,12 @@ auto enter(const string &what, Function function, Arguments... arguments) {
     const unsigned limit = isLimited ? program.timeLimit + 5 : 50'000;
     const std::uint64_t latest = world.now() + limit * kMillisecond;
     note(what);
-    world.current->doing = what;
     const InLibrary yes{true};
     const auto result = function(arguments...);
     expect(world.now() <= latest, "waits for longer than its time limit");
     if constexpr (std::is_integral_v<decltype(result)>) {
         expect(result >= -1 && result != 1, "is neither done nor refused, and no timer's number");
     }
-    world.current->doing = "goes on";
     return result;
 }
 
@@ -116,11 +113,11 @@ int ring(void *self, client_t * /*client*/, int type) {
 // ---- the node of an actor ----
 
 void Actor::open(bool spins) {
-    for (int tries = program.loses() ? 10 : 1; !client && tries > 0; --tries) {
+    while (!client) {
         world.current->node = node = &nodes.emplace_back(Node{"n" + to_string(number), this});
         client = enter("connects", busClientConnect, bus, node->name.c_str(), hear, reply, node);
+        expect(client || program.loses(), "can't connect");
     }
-    expect(client || program.loses(), "can't connect");
     const auto run = [this] {
         node->isBusy = false;
         const InLibrary yes{true};
@@ -131,11 +128,10 @@ void Actor::open(bool spins) {
 
 void Actor::close() {
     node->leaves = true;
-    for (int i = 0; spin && !spin->ended; world.pause(1), ++i) { // again where memory was short
-        if (i == 0 || (program.loses() && i % 100 == 0)) {
-            enter("asks its thread to end", busClientSpinExit, client);
-            node->mayTake = std::min(node->mayTake, 1U);
-        }
+    while (spin && !spin->ended) { // again where memory was short
+        enter("asks its thread to end", busClientSpinExit, client);
+        node->mayTake = std::min(node->mayTake, 1U);
+        world.join(spin, program.loses() ? world.now() + 100 * kMillisecond : kNever);
     }
     expect(!spin || !enter("calls once more", busClientCall, client, "/bus/nodes", nullptr, 0),
            "is answered, and has left the bus");
@@ -254,9 +250,6 @@ constexpr Act kThemes[][4] = {
 
 void live(Actor &actor) {
     actor.open(actor.number % 3 != 2);
-    if (!actor.client) {
-        return;
-    }
     const auto helpOut = [&] {
         while (actor.goOn(kHelper)) {}
     };
@@ -304,7 +297,7 @@ void expectFiles() {
 // A last node finds the bus empty, and may leave while it stops for good.
 void lookAround(bool &over) {
     Actor last{99};
-    for (; !last.client; last.open(false)) {}
+    last.open(false);
     string seen, stats;
     while (seen.empty() || stats.empty()) { // again where the time was up
         seen = last.call("/bus/nodes");

@@ -35,7 +35,7 @@ void World::run(std::uint64_t seed, std::function<void()> body) {
     swapcontext(&worldsEnd, &current->place);
 }
 
-Thread *World::spawn(const std::string &name, std::function<void()> body, Node *node) {
+Thread *World::spawn(const string &name, std::function<void()> body, Node *node) {
     static const std::vector<char> untouched(objects.begin(), objects.end());
     Thread &thread = threads_.emplace_back(Thread{name, {std::move(body)}, node});
     thread.objects = untouched;
@@ -67,10 +67,10 @@ void World::runCurrent() {
     }
 }
 
-void World::join(const Thread *thread) {
-    while (!thread->ended) {
-        current->doing = "joins " + thread->name;
-        sleepOn(thread, kNever);
+void World::join(const Thread *thread, std::uint64_t until) {
+    note("joins " + thread->name);
+    if (!thread->ended) {
+        sleepOn(thread, until);
     }
 }
 
@@ -119,9 +119,9 @@ Thread *World::next() {
         const std::uint64_t soonest =
             (*std::ranges::min_element(alive_, {}, &Thread::until))->until;
         if (soonest == kNever) {
-            std::string who = "hangs:";
+            string who = "hangs:";
             for (const Thread *thread : alive_) {
-                who += "\n  " + thread->name + " " + thread->doing;
+                who += "\n  " + thread->name + " " + thread->last;
             }
             fail(who);
         }
@@ -131,6 +131,8 @@ Thread *World::next() {
 }
 
 void note(std::string_view text) {
+    const InLibrary no{false};
+    world.current->last = text;
     if (telling == Telling::kAccount) {
         std::printf("%8llu %9.3f ms  %-6s %.*s\n", static_cast<unsigned long long>(world.step),
                     static_cast<double>(world.now()) / kMillisecond - 1e9,

@@ -51,14 +51,13 @@ Word load(const volatile Word *word) {
 template <typename Word>
 int exchange(volatile Word *word, Word *expected, Word value, bool weak) {
     const Word before = load(word), wanted = std::exchange(*expected, before);
-    const bool done = before == wanted && !(weak && world.current && world.chance.oneIn(64));
+    const bool done = before == wanted && !(weak && world.chance.oneIn(64));
     *word = done ? value : before;
     return done;
 }
 
 bool diskFails() {
-    const bool does =
-        world.current && world.current->inLibrary && world.chance.oneIn(shortage.disk);
+    const bool does = world.current->inLibrary && world.chance.oneIn(shortage.disk);
     if (does) {
         note("the disk fails");
         errno = ENOSPC;

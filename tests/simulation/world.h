@@ -23,6 +23,8 @@
 
 namespace simulation {
 
+using std::string;
+
 struct Random : std::mt19937_64 {
     using std::mt19937_64::mersenne_twister_engine;
     unsigned below(std::size_t n) { return static_cast<unsigned>((*this)() % n); }
@@ -35,15 +37,15 @@ inline constexpr std::uint64_t kNever = UINT64_MAX;
 struct Node;
 
 struct Thread {
-    std::string name;
+    string name;
     std::vector<std::function<void()>> duties; // to do, the last one first
     Node *node;                                // that it works for
     bool ended = false;
-    const void *word = nullptr;   // that it sleeps on
-    std::uint64_t until = 0;      // that it sleeps
-    bool inLibrary = false;       // not while it is in a handler
-    std::string doing{"goes on"}; // for who asks why it does not
-    std::vector<char> objects{};  // its thread_local ones
+    const void *word = nullptr;  // that it sleeps on
+    std::uint64_t until = 0;     // that it sleeps
+    bool inLibrary = false;      // not while it is in a handler
+    string last{"goes on"};      // that it has noted, for who asks why it does not
+    std::vector<char> objects{}; // its thread_local ones
     std::unique_ptr<char[]> stack{};
     ucontext_t place{};
 };
@@ -52,8 +54,9 @@ class World {
 public:
     // Runs body as the first thread, until that and all that it has started have ended.
     void run(std::uint64_t seed, std::function<void()> body);
-    Thread *spawn(const std::string &name, std::function<void()> body, Node *node = nullptr);
-    void join(const Thread *thread);
+    Thread *spawn(const string &name, std::function<void()> body, Node *node = nullptr);
+    // Waits until thread has ended, or the time has come.
+    void join(const Thread *thread, std::uint64_t until = kNever);
     // A place where another thread may go on. Where another order is rare, a thread may stay where
     // it is for as long as others can go on; where it is frequent, it is anybody's turn each time.
     void point() {
