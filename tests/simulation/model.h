@@ -91,7 +91,6 @@ inline long losses[2] = {};     // of messages and answers, that bus and nodes t
 inline bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 
 void readLine(const string &line); // of the log, from the current thread
-void expectAllTaken();             // where nobody can go on, and at the end
 
 } // namespace simulation
 

@@ -100,7 +100,11 @@ void World::wake(const void *address, bool all) {
 
 void World::handOn() {
     expect(++step < kMostSteps, "has no end");
-    Thread &me = *std::exchange(current, next());
+    const auto isAwake = [&](const Thread *thread) { return thread->until <= now(); };
+    if (std::ranges::none_of(alive_, isAwake)) {
+        passTime();
+    }
+    Thread &me = *std::exchange(current, *std::ranges::find_if(alive_, isAwake));
     nextChange_ = step < lastChange_ ? step + chance.below(2 * rarity_) : kMostSteps;
     if (current != &me) {
         std::ranges::copy(objects, me.objects.begin());
@@ -109,25 +113,16 @@ void World::handOn() {
     }
 }
 
-Thread *World::next() {
-    for (;;) {
-        const auto awake = std::ranges::find_if(alive_, [&](auto *t) { return t->until <= now(); });
-        if (awake != alive_.end()) {
-            return *awake;
-        }
-        const InLibrary no{false};
-        const std::uint64_t soonest =
-            (*std::ranges::min_element(alive_, {}, &Thread::until))->until;
-        if (soonest == kNever) {
-            string who = "hangs:";
-            for (const Thread *thread : alive_) {
-                who += "\n  " + thread->name + " " + thread->last;
-            }
-            fail(who);
-        }
-        rests();
-        jumped_ += soonest - now();
+void World::passTime() {
+    const InLibrary no{false};
+    const auto soonest = (*std::ranges::min_element(alive_, {}, &Thread::until))->until;
+    string hang = "hangs:";
+    for (const Thread *thread : alive_) {
+        hang += "\n  " + thread->name + " " + thread->last;
     }
+    expect(soonest < kNever, hang);
+    expectAllTaken();
+    jumped_ += soonest - now();
 }
 
 void note(std::string_view text) {

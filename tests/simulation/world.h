@@ -76,15 +76,14 @@ public:
     // Whether no thread that can go on is kept from it for long, as the clock counts.
     bool isPrompt() const { return yieldTime_ < kMillisecond; }
 
-    Random chance;                       // for whatever happens by chance
-    std::function<void()> rests = [] {}; // told where nobody can go on before a time has come
+    Random chance; // for whatever happens by chance
     Thread *current = nullptr;
     std::uint64_t step = 0;
 
 private:
     void handOn();
     void runCurrent();
-    Thread *next();
+    void passTime();
 
     std::deque<Thread> threads_{};
     std::vector<Thread *> alive_{};                       // the first one that can go on does
@@ -121,6 +120,7 @@ inline Telling telling = Telling::kNothing; // what is printed
 
 void note(std::string_view text);              // in the world's account
 [[noreturn]] void fail(std::string_view text); // ends the process: the world has shown a fault
+void expectAllTaken(); // the model's: where nobody can go on before a time has come
 inline void expect(bool holds, std::string_view otherwise) {
     if (!holds) {
         fail(otherwise);
