@@ -1,7 +1,6 @@
 #include "model.h"
 
 #include <map>
-#include <set>
 #include <sstream>
 
 namespace simulation {
@@ -46,31 +45,25 @@ std::vector<string> listed(const string &json) {
 
 // ---- what the bus has to do with each message ----
 
-struct Entry { // of the registry
-    Node *node;
-    string calls{}; // the host that the node waits for
-    std::set<string> topics{};
-};
-
-std::vector<Entry> registry; // in the order of joining
+std::vector<Node *> registry; // in the order of joining
 std::map<string, string> sticky, keys;
 std::deque<string> mustSay;
 std::deque<Message> sent; // and not yet taken by the bus
 
-Entry *find(const string &name) {
-    const auto found = std::ranges::find(registry, name, [](auto &e) { return e.node->name; });
-    return found == registry.end() ? nullptr : &*found;
+Node *find(const string &name) {
+    const auto found = std::ranges::find(registry, name, &Node::name);
+    return found == registry.end() ? nullptr : *found;
 }
 
-void send(const Entry &to, const string &trace) {
-    to.node->inbox.push_back({&kBus, trace});
-    mustSay.push_back(to.node->name + trace);
+void send(Node &to, const string &trace) {
+    to.inbox.push_back({&kBus, trace});
+    mustSay.push_back(to.name + trace);
 }
 
 void publish(const string &topic, const string &trace) {
-    for (const Entry &entry : registry) {
-        if (entry.topics.contains(topic)) {
-            send(entry, trace);
+    for (Node *const node : registry) {
+        if (node->topics.contains(topic)) {
+            send(*node, trace);
         }
     }
 }
@@ -79,9 +72,9 @@ void notify(const string &topic, const string &text) {
 }
 
 // Follows the calls that nodes wait for.
-bool closesRing(const string &caller) {
-    const Entry *at = find(caller);
-    for (std::size_t steps = registry.size(); at && at->calls != caller; --steps) {
+bool closesRing(const Node &caller) {
+    const Node *at = &caller;
+    for (std::size_t steps = registry.size(); at && at->calls != caller.name; --steps) {
         at = steps > 0 ? find(at->calls) : nullptr;
     }
     return at;
@@ -93,22 +86,22 @@ string useKey(const string &key, const string &payload) {
     return given.empty() ? value : (value = given, kEmpty);
 }
 
-string serve(const Message &message, Entry *sender, const string &path) {
-    const string &name = message.node->name;
-    if (path == "/join" && !sender) {
-        notify("bus.event", R"({"event":"join", "name": ")" + name + "\"}");
-        mustSay.push_back("D  Vek-server " + name + " node joined");
-        registry.push_back({message.node, "bus"});
+string serve(const Message &message, const string &path) {
+    Node &sender = *message.node;
+    if (path == "/join" && !find(sender.name)) {
+        notify("bus.event", R"({"event":"join", "name": ")" + sender.name + "\"}");
+        mustSay.push_back("D  Vek-server " + sender.name + " node joined");
+        registry.push_back(&sender);
     } else if (path == "/subscribe" || path == "/unsubscribe") {
         for (const string &topic : listed(fieldOf(message.trace, "payload"))) {
             if (path == "/unsubscribe") {
-                sender->topics.erase(topic);
-            } else if (sender->topics.insert(topic).second && sticky.contains(topic)) {
-                send(*sender, sticky[topic]);
+                sender.topics.erase(topic);
+            } else if (sender.topics.insert(topic).second && sticky.contains(topic)) {
+                send(sender, sticky[topic]);
             }
         }
     } else if (path == "/disjoin") {
-        return kLeave + name + "\"}";
+        return kLeave + sender.name + "\"}";
     } else if (path != "/join") {
         return path.starts_with("/nodes") || path == "/stats" ? "*" : kUnknown;
     }
@@ -116,46 +109,38 @@ string serve(const Message &message, Entry *sender, const string &path) {
 }
 
 // A text that is "*" may be anything.
-void answer(const Message &request, const string &text) {
-    const string trace =
-        traceOf("response", "NULL", fieldOf(request.trace, "url"), text.c_str(), text.size());
-    sent.push_back({&kBus, trace.substr(0, trace.find('*')), request.node->name});
-}
-
 void request(const Message &message) {
     const string url = fieldOf(message.trace, "url"), to = url.substr(1, url.find('/', 1) - 1);
     const string path = url.substr(1 + to.size());
-    Entry *const sender = find(message.node->name);
-    if (sender) {
-        sender->calls = to;
-    }
-    if (string{"bus"}.starts_with(to) || string{"localKeys"}.starts_with(to)) {
-        answer(message, to[0] == 'b' ? serve(message, sender, path)
-                                     : useKey(path, fieldOf(message.trace, "payload")));
-    } else if (closesRing(message.node->name)) {
-        answer(message, kEmpty);
+    string text = kUnknown;
+    message.node->calls = to;
+    if (string{"bus"}.starts_with(to)) {
+        text = serve(message, path);
+    } else if (string{"localKeys"}.starts_with(to)) {
+        text = useKey(path, fieldOf(message.trace, "payload"));
+    } else if (closesRing(*message.node)) {
+        text = kEmpty;
         notify("bus.error", kRing);
-    } else if (const Entry *const callee = find(to)) {
-        send(*callee, message.trace);
-    } else {
-        answer(message, kUnknown);
+    } else if (Node *const callee = find(to)) {
+        return send(*callee, message.trace);
     }
+    const string trace = traceOf("response", "NULL", url, text.c_str(), text.size());
+    sent.push_back({&kBus, trace.substr(0, trace.find('*')), message.node->name});
 }
 
 // The bus tells whom it has looked at.
 void respond(const Message &message) {
-    const string &name = message.requestor;
-    const auto isFor = [&](const Entry &entry) {
-        mustSay.push_back("V  Vek-server name: " + entry.node->name + ", request_name: " + name);
-        return entry.node->name == name;
+    const auto isFor = [&name = message.requestor](const Node *node) {
+        mustSay.push_back("V  Vek-server name: " + node->name + ", request_name: " + name);
+        return node->name == name;
     };
     const auto found = std::ranges::find_if(registry, isFor);
     if (found == registry.end()) {
         return;
     }
-    expect(fieldOf(message.trace, "url").starts_with("/" + std::exchange(found->calls, "")),
+    expect(fieldOf(message.trace, "url").starts_with("/" + std::exchange((*found)->calls, "")),
            "answers what nobody asks");
-    found->node->answer = message.trace;
+    (*found)->answer = message.trace;
     if (message.trace.find(kLeave) != string::npos) {
         registry.erase(found);
     }
@@ -316,8 +301,8 @@ void Node::runs(Timer &timer) {
 
 void expectAllTaken() {
     expect(mustSay.empty() && sent.empty(), "the bus has something to take, or to say");
-    for (const Entry &entry : registry) {
-        expect(entry.node->isBusy || entry.node->drains || entry.node->inbox.empty(),
+    for (const Node *node : registry) {
+        expect(node->isBusy || node->drains || node->inbox.empty(),
                "a message has come, and its node sleeps on");
     }
 }

@@ -11,6 +11,8 @@
 
 #include "world.h"
 
+#include <set>
+
 namespace simulation {
 
 // Who carries an operation out: the thread that has made the node, a handler of the node, or a
@@ -51,7 +53,6 @@ struct Message {
 };
 
 struct Timer {
-    Node *node;
     int type;
     unsigned delay;
     std::uint64_t begun = world.now(); // when the call that sets it began; it is due after that
@@ -76,8 +77,10 @@ struct Node {
     unsigned mayTake = 1000;             // messages, before it hears of that
     bool isBusy = true;                  // its thread has something else to do than to take one
     std::deque<Message> inbox{};         // what the bus has sent it
-    string taken{};                      // by it, last
-    string answer{};                     // to its latest call, as the bus has handed it over
+    string calls{};                      // the host whose answer it waits for, as the bus knows
+    std::set<string> topics{};
+    string taken{};  // by it, last
+    string answer{}; // to its latest call, as the bus has handed it over
     std::deque<Timer> timers{};
     std::uint64_t lookBegan = 0;   // at timers, the latest; not before then
     std::uint64_t lookedUntil = 0; // timers due by then have had their turn

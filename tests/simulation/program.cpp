@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <list>
 #include <optional>
 
 namespace simulation {
@@ -46,7 +45,7 @@ struct Actor {
 namespace {
 
 Zelvo_t *bus = nullptr;
-std::list<Node> nodes; // all that there have been
+std::deque<Node> nodes; // all that there have been
 
 // Calls into the library, for no longer than it may wait, where nothing else keeps it.
 template <typename Function, typename... Arguments>
@@ -104,8 +103,8 @@ int ring(void *self, client_t * /*client*/, int type) {
     const InLibrary no{false};
     auto &timer = *static_cast<Timer *>(self);
     expect(type == timer.type, "another timer's type");
-    timer.node->runs(timer);
-    return handle(*timer.node);
+    world.current->node->runs(timer);
+    return handle(*world.current->node);
 }
 
 } // namespace
@@ -194,7 +193,7 @@ void useKey(Actor &actor, const Operation &o) {
 
 void setTimer(Actor &actor, const Operation &o) {
     const unsigned delay = o.b % 3 == 0 ? 0 : o.b % 12;
-    Timer &timer = actor.node->timers.emplace_back(Timer{actor.node, static_cast<int>(o.a), delay});
+    Timer &timer = actor.node->timers.emplace_back(Timer{static_cast<int>(o.a), delay});
     timer.id = enter("sets a timer of " + to_string(delay) + " ms", busClientSettimer, actor.client,
                      ring, static_cast<long>(delay), timer.type, &timer);
     timer.set = world.now();
@@ -331,7 +330,7 @@ void play() {
         }
     });
     shortage = program.shortage;
-    std::list<Actor> actors;
+    std::deque<Actor> actors;
     std::vector<Thread *> threads;
     for (unsigned number = 0; number < program.actors; ++number) {
         Actor &actor = actors.emplace_back(Actor{number});
