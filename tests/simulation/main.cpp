@@ -23,14 +23,13 @@ using namespace simulation;
 volatile std::sig_atomic_t interrupted = 0;
 
 bool fails(const Program &tried, Telling what) {
-    constexpr unsigned kMostSeconds = 30;
     program = tried;
     telling = what;
     std::ranges::for_each(std::filesystem::directory_iterator{"."},
                           [](const auto &left) { std::filesystem::remove(left); });
     const pid_t process = fork();
     if (process == 0) {
-        alarm(kMostSeconds);
+        alarm(30); // no world takes as many seconds
         world.run(program.order, play);
         _exit(0);
     }

@@ -175,9 +175,7 @@ struct Line {
     explicit Line(const string &line) {
         const std::size_t begin = line.find('#', line.find('#') + 1) + 1;
         text = line[line.find(" [") + 2] + line.substr(begin, line.size() - begin - 1);
-        for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos;) {
-            text.erase(at, text.find_first_not_of("0123456789abcdefx", at) - at);
-        }
+        text.erase(std::min(text.size(), text.find(": 0x")));
         requestor = between(text, ", requestor: ", ", payload:");
         if (!requestor.empty()) {
             text.replace(text.find(", requestor: "), 23 + requestor.size(), ", payload: ");

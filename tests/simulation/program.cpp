@@ -37,9 +37,6 @@ struct Actor {
         }
         return false;
     }
-    void open(bool spins);
-    void close();
-    string call(const string &url, const Text &text = {});
 };
 
 namespace {
@@ -107,47 +104,47 @@ int ring(void *self, client_t * /*client*/, int type) {
     return handle(*world.current->node);
 }
 
-} // namespace
-
 // ---- the node of an actor ----
 
-void Actor::open(bool spins) {
+void join(Actor &actor, bool spins) {
     do {
-        world.current->node = node = &nodes.emplace_back(Node{"n" + to_string(number), this});
-        client = enter("connects", busClientConnect, bus, node->name.c_str(), hear, reply, node);
-        expect(client || program.loses(), "can't connect");
-    } while (!client && !world.chance.oneIn(8)); // or gives up
-    const auto run = [this] {
-        node->isBusy = false;
+        actor.node = &nodes.emplace_back(Node{"n" + to_string(actor.number), &actor});
+        world.current->node = actor.node;
+        actor.client = enter("connects", busClientConnect, bus, actor.node->name.c_str(), hear,
+                             reply, actor.node);
+        expect(actor.client || program.loses(), "can't connect");
+    } while (!actor.client && !world.chance.oneIn(8)); // or gives up
+    const auto run = [&actor] {
+        actor.node->isBusy = false;
         const InLibrary yes{true};
-        expect(busClientSpin(client) == 0, "spins and fails");
+        expect(busClientSpin(actor.client) == 0, "spins and fails");
     };
-    spin = client && spins ? world.spawn(node->name + "'s", run, node) : nullptr;
+    spins = spins && actor.client;
+    actor.spin = spins ? world.spawn(actor.node->name + "'s", run, actor.node) : nullptr;
 }
 
-void Actor::close() {
-    node->leaves = true;
-    while (spin && !spin->ended) { // again where memory was short
-        enter("asks its thread to end", busClientSpinExit, client);
-        node->mayTake = std::min(node->mayTake, 1U);
-        world.join(spin, program.loses() ? world.now() + 100 * kMillisecond : kNever);
+void leave(Actor &actor) {
+    actor.node->leaves = true;
+    while (actor.spin && !actor.spin->ended) { // again where memory was short
+        enter("asks its thread to end", busClientSpinExit, actor.client);
+        actor.node->mayTake = std::min(actor.node->mayTake, 1U);
+        world.join(actor.spin, program.loses() ? world.now() + 100 * kMillisecond : kNever);
     }
-    expect(!spin || !enter("calls once more", busClientCall, client, "/bus/nodes", nullptr, 0),
+    expect(!actor.spin ||
+               !enter("calls once more", busClientCall, actor.client, "/bus/nodes", nullptr, 0),
            "is answered, and has left the bus");
-    enter("closes", busClientClose, std::exchange(client, nullptr));
+    enter("closes", busClientClose, std::exchange(actor.client, nullptr));
 }
 
 // The answer, unless the call of another thread may have ended it.
-string Actor::call(const string &url, const Text &text) {
-    const char *const got = give(text, "calls " + url, busClientCall, client, url);
-    if (has(kHandler)) {
+string ask(const Actor &actor, const string &url, const Text &text = {}) {
+    const char *const got = give(text, "calls " + url, busClientCall, actor.client, url);
+    if (actor.has(kHandler)) {
         return "";
     }
-    node->getsAnswer(got, url[1] == 'n' && text ? text->c_str() : "");
+    actor.node->getsAnswer(got, url[1] == 'n' && text ? text->c_str() : "");
     return got ? got : "";
 }
-
-namespace {
 
 // ---- operations ----
 
@@ -182,13 +179,13 @@ void changeTopics(Actor &actor, const Operation &o) {
 void call(Actor &actor, const Operation &o) {
     const string node = "/n" + to_string(o.a % (program.actors + 1));
     const string urls[] = {"/bus/nodes", "/bus/join", "/b/nodes/x", "/bus/joinx"};
-    actor.call(o.b % 2 == 0 ? node + "/ask" : urls[o.b / 2 % 4], textOf(actor, o));
+    ask(actor, o.b % 2 == 0 ? node + "/ask" : urls[o.b / 2 % 4], textOf(actor, o));
 }
 
 void useKey(Actor &actor, const Operation &o) {
     const string set = R"({"operation":"set","persist":"true","data":)" + to_string(o.b) + "}";
     const string get = R"({"operation":"get"})";
-    actor.call("/localKeys/k" + to_string(o.a % 3), o.b % 3 == 0 ? get : set);
+    ask(actor, "/localKeys/k" + to_string(o.a % 3), o.b % 3 == 0 ? get : set);
 }
 
 void setTimer(Actor &actor, const Operation &o) {
@@ -224,8 +221,8 @@ void pause(Actor & /*actor*/, const Operation &o) {
 
 void reopen(Actor &actor, const Operation &o) {
     if (o.place == kOwner && !actor.has(kHelper)) {
-        actor.close();
-        actor.open(actor.spin);
+        leave(actor);
+        join(actor, actor.spin);
     }
 }
 
@@ -245,7 +242,7 @@ constexpr Act kThemes[][4] = {
 // ---- a world ----
 
 void live(Actor &actor) {
-    actor.open(actor.number % 3 != 2);
+    join(actor, actor.number % 3 != 2);
     if (!actor.client) {
         return;
     }
@@ -259,26 +256,25 @@ void live(Actor &actor) {
     while (actor.number % 2 == 0 && actor.spin && std::ranges::any_of(actor.node->timers, waits)) {
         world.pause(1);
     }
-    actor.close();
+    leave(actor);
 }
 
 // What does not balance in the bus's statistics, once only the node that asks is left.
 void expectBalance(const string &stats) {
     const auto number = [&](const char *group, const char *name) {
-        const std::size_t at = stats.find(string{'"'} + name + "\":", stats.find(group));
+        const std::size_t in = stats.find('"' + string{group});
+        const std::size_t at = stats.find('"' + string{name} + "\":", in);
         return std::stol(stats.substr(at + std::strlen(name) + 3));
     };
-    const auto all = [&](const char *name) {
-        return number("\"left\"", name) + number("\"nodes\"", name);
-    };
-    const auto own = [&](const char *name) { return number("\"server\"", name); };
+    const auto all = [&](const char *name) { return number("left", name) + number("nodes", name); };
+    const auto own = [&](const char *name) { return number("server", name); };
     const long lost = all("sent") + own("posted") - own("taken") - own("depth");
     expect(lost == 0 || lost == -1, "messages to the bus are lost"); // the request itself
     const long drops = all("busFull") + all("ownFull") + all("noMemory");
     expect(drops >= losses[1] &&
                drops + own("noMemory") + all("queueFull") >= losses[0] + losses[1],
            "the log tells of more losses");
-    expect(own("sent") == all("taken") + all("unread") + number("\"nodes\"", "depth"),
+    expect(own("sent") == all("taken") + all("unread") + number("nodes", "depth"),
            "messages to nodes are lost");
     expect(all("made") == all("answered") + all("refused") + all("timedOut") + all("givenUp") + 1,
            "calls have no end"); // but for the one that asks
@@ -287,17 +283,17 @@ void expectBalance(const string &stats) {
 // A last node finds the bus empty, and may leave while it stops for good.
 void lookAround(bool &over) {
     Actor last{99};
-    for (; !last.client; last.open(false)) {}
+    for (; !last.client; join(last, false)) {}
     string seen, stats;
     while (seen.empty() || stats.empty()) { // again where the time was up
-        seen = last.call("/bus/nodes");
-        stats = last.call("/bus/stats");
+        seen = ask(last, "/bus/nodes");
+        stats = ask(last, "/bus/stats");
     }
     expect(seen == "{\n\t\"data\":\t[\"n99\"]\n}", "the bus still knows " + seen);
     expectBalance(stats);
     over = true;
     stopBus(last, {});
-    last.close();
+    leave(last);
 }
 
 // Who waits for a limited time may destroy the queue that its sender has just been in.

@@ -7,15 +7,12 @@
 #include <unistd.h>
 
 namespace simulation {
-namespace {
 
 constexpr std::size_t kStack = std::size_t{256} * 1024;
 constexpr std::uint64_t kMostSteps = 3'000'000; // of a world; more are no end
 
-ucontext_t worldsEnd;
-std::span<char> objects; // the thread_local ones of this program, which has the C++ library in it
-
-} // namespace
+static ucontext_t worldsEnd;
+static std::span<char> objects; // the thread_local ones of this program and the C++ library in it
 
 void World::run(std::uint64_t seed, std::function<void()> body) {
     const auto findObjects = [](dl_phdr_info *program, std::size_t, void *) {
