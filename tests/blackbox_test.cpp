@@ -62,6 +62,7 @@ TEST(Zelvo, calls_and_publications_reach_whom_they_name_and_refused_arguments_ch
     }
     EXPECT_EQ(a.call("/bus/nodes"), all);
     EXPECT_EQ(count(bus.log(), "  Vek-client  params format error\n"), 5U);
+    EXPECT_EQ(count(bus.log(), " failed\n"), 0U);
 }
 
 TEST(Zelvo, what_a_timer_sets_waits_for_the_message_that_is_there) {

@@ -12,7 +12,7 @@ namespace {
 using namespace std::chrono;
 
 void write(const std::string &line) {
-    BUS_LOG(3, "%s", line.c_str());
+    BUS_LOG(3, line.size() % 2 == 0 ? "%s" : "%1s", line.c_str()); // the latter a longer way
 }
 
 class Log : public testing::Test {

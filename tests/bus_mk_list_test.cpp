@@ -30,9 +30,9 @@ TEST(List, keeps_its_order_from_both_ends) {
     EXPECT_EQ(after(bus_mk_list_del(list, &c, nullptr)), "A BA AB");
     bus_mk_list_node *const node = bus_mk_list_get_node_from_tail(list);
     EXPECT_EQ(after(bus_mk_list_get_tail_data(list)), "B B B");
-    bus_mk_list_push_node_to_tail(list, node);
+    EXPECT_EQ(bus_mk_list_push_node_to_tail(list, node), 0);
     EXPECT_EQ(after(bus_mk_list_get_tail_data(list)), "A BA AB");
-    bus_mk_list_remove_node(list, node);
+    EXPECT_EQ(bus_mk_list_remove_node(list, node), 0);
     bus_mk_list_node_free(node);
     EXPECT_EQ(after(bus_mk_list_del_idx(list, bus_mk_list_cnt(list))), "B  ");
     EXPECT_EQ(bus_mk_list_push_node_to_tail(list, nullptr) + bus_mk_list_remove_node(list, nullptr),

@@ -35,7 +35,9 @@ TEST(Queue, is_one_sequence_with_room_for_so_many) {
     const auto send = [&](char &item, int pos, int extra = 0) {
         return after(bus_mk_q_offer(q, &item, pos, extra) == bus_mk_sent::kDone ? &item : nullptr);
     };
-    const auto take = [&](int pos, int del = 0) { return after(bus_mk_q_recv(q, 1, del, pos)); };
+    const auto take = [&](int pos, int del = 0) { // and does not wait, whether it may or not
+        return after(bus_mk_q_recv(q, bus_mk_q_empty(q), del, pos));
+    };
     const auto remove = [&](int pos) { return after(bus_mk_q_delete_index(q, pos)); };
     const auto erase = [&](char &key) { return after(bus_mk_q_delete(q, &key)); };
     int at = 7;
@@ -51,12 +53,22 @@ TEST(Queue, is_one_sequence_with_room_for_so_many) {
               (Texts{"d bcd 4", "c bd 4", "- bd 4", "- bd 4"}));
     EXPECT_EQ(at, 3);
     EXPECT_EQ(bus_mk_q_send(q, &a, -1) + bus_mk_q_send(q, nullptr, -1), -1);
+    EXPECT_EQ(bus_mk_q_send(q, &c, -1), -1);
     EXPECT_EQ(erase(d), "d ba 4");
     g_told.clear();
     bus_mk_q_clear(q, tellLast, 1);
     EXPECT_EQ(g_told, "ba");
     EXPECT_EQ(after(nullptr), "-  4");
     bus_mk_q_clear(q, nullptr, 0);
+    bus_mk_q_t *const ofAddresses = bus_mk_q_new(4, nullptr);
+    bus_mk_q_send(ofAddresses, &b, -1);
+    bus_mk_q_send(ofAddresses, &c, -1);
+    bus_mk_q_send(ofAddresses, &likeC, -1);
+    EXPECT_EQ(bus_mk_q_recv(ofAddresses, 0, 0, 1), &b);
+    EXPECT_EQ(bus_mk_q_recv(ofAddresses, 0, 1, 2), &likeC);
+    bus_mk_q_send(ofAddresses, &a, 1);
+    EXPECT_EQ(bus_mk_q_find(ofAddresses, &likeC, &at), &likeC);
+    bus_mk_q_clear(ofAddresses, nullptr, 0);
 }
 
 } // namespace

@@ -314,8 +314,14 @@ void play() {
     const string configuration = "{\"level\":" + to_string(program.level) +
                                  R"(,"path":"/dev/null","size":0,"stats":true,"callTimeout":)" +
                                  to_string(program.timeLimit) + "}";
+    shortage = {program.shortage.oneIn, program.shortage.nth}; // without a log there would be noise
     bus = enter("makes the bus", busClientNew, configuration.c_str());
-    expect(bus, "can't make the bus"); // nothing is short yet
+    if (program.loses()) { // it may be none, or one that takes no node
+        enter("deletes the bus", busClientDelete, bus);
+        shortage = {};
+        bus = enter("makes the bus", busClientNew, configuration.c_str());
+    }
+    expect(bus, "can't make the bus");
     bool over = false;
     Thread *const loop = world.spawn("bus", [&] {
         while (!over) {
