@@ -55,8 +55,10 @@ Node *find(const string &name) {
     return found == registry.end() ? nullptr : *found;
 }
 
-void warn(const string &text) {
-    mustSay.push_back("W  Vek-server " + text);
+void warnWhere(bool itDoes, const string &text) {
+    if (itDoes) {
+        mustSay.push_back("W  " + text);
+    }
 }
 
 void send(Node &to, const string &trace) {
@@ -80,9 +82,7 @@ bool closesRing(const string &caller) {
     string at = caller;
     for (std::size_t steps = 0; steps <= registry.size(); ++steps) {
         const Node *const node = find(at);
-        if (!node) {
-            warn("client " + at + " is exit");
-        }
+        warnWhere(!node, "Vek-server client " + at + " is exit");
         at = node ? node->calls : "";
         if (at.empty() || at == caller) {
             return !at.empty();
@@ -104,15 +104,14 @@ string serve(const Message &message, const string &path) {
         mustSay.push_back("D  Vek-server " + sender.name + " node joined");
         registry.push_back(&sender);
     } else if (path == "/join") {
-        mustSay.push_back("W  Vek-server, " + sender.name + " already exist");
+        warnWhere(true, "Vek-server, " + sender.name + " already exist");
     } else if (path == "/subscribe" || path == "/unsubscribe") {
         for (const string &topic : listed(fieldOf(message.trace, "payload"))) {
             if (path == "/unsubscribe") {
-                if (sender.topics.erase(topic) == 0) {
-                    mustSay.push_back("W  " + sender.name + " already unsubscribe topic " + topic);
-                }
+                const bool hasGone = sender.topics.erase(topic) > 0;
+                warnWhere(!hasGone, sender.name + " already unsubscribe topic " + topic);
             } else if (!sender.topics.insert(topic).second) {
-                warn(sender.name + " already subscribe topic " + topic);
+                warnWhere(true, "Vek-server " + sender.name + " already subscribe topic " + topic);
             } else if (sticky.contains(topic)) {
                 send(sender, sticky[topic]);
             }
@@ -172,19 +171,17 @@ void respond(const Message &message) {
 
 void follow(Message message) {
     const string action = fieldOf(message.trace, "action"), topic = fieldOf(message.trace, "topic");
+    const string name = "Vek-server " + message.node->name;
     if (action == "publishSticky") {
         message.trace.erase(message.trace.find("Sticky"), 6);
         publish(topic, message.trace);
-        if (!std::exchange(sticky[topic], message.trace).empty()) {
-            warn(message.node->name + " remove old then add new payload, topic " + topic);
-        }
+        const string old = std::exchange(sticky[topic], message.trace);
+        warnWhere(!old.empty(), name + " remove old then add new payload, topic " + topic);
     } else if (action == "publish") {
         publish(topic, message.trace);
     } else if (action == "removeSticky") {
         for (const string &gone : listed(fieldOf(message.trace, "payload"))) {
-            if (sticky.erase(gone) == 0) {
-                warn(message.node->name + " already removeSticky topic " + gone);
-            }
+            warnWhere(sticky.erase(gone) == 0, name + " already removeSticky topic " + gone);
         }
     } else if (action == "request") {
         request(message);
