@@ -148,13 +148,14 @@ string ask(const Actor &actor, const string &url, const Text &text = {}) {
 
 // ---- operations ----
 
-// Who and which, and more, of several kinds; or nothing. The log tells threads apart by it.
+// Who and which, and more; or nothing. The log tells threads apart by it. Seven kinds, an odd
+// number, so that each comes with each kind of call.
 Text textOf(const Actor &actor, const Operation &o) {
     static long numbers = 0;
     const string who = to_string(actor.number * 3 + o.place) + "." + to_string(++numbers) + "|";
     const string x200(200 + 10 * o.place - who.size(), 'x'), x199(199 - who.size(), 'x');
-    const Text texts[] = {who, who + x200, who + x199, who + string("\0y", 2), "1", {}};
-    return texts[o.b % (o.place == kOwner ? 6 : 4)];
+    const Text texts[] = {who, who + x200, who + x199, who + string("\0y", 2), who, "1", {}};
+    return texts[o.b % (o.place == kOwner ? 7 : 5)];
 }
 
 // What begins with another's name is another one. Nodes publish on the first of these.
