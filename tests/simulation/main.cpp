@@ -22,6 +22,7 @@ using namespace simulation;
 
 volatile std::sig_atomic_t interrupted = 0;
 
+// Whether a world fails, of which as much is printed as what says.
 bool fails(const Program &tried, Telling what) {
     program = tried;
     telling = what;
