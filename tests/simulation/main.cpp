@@ -12,9 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <limits>
 
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,21 +22,16 @@ using namespace simulation;
 
 volatile std::sig_atomic_t interrupted = 0;
 
-// Whether a world fails; order: of its events, given its operations. What is wrong stands in
-// failure.
-bool fails(const Program &tried, std::uint64_t order, bool account = false) {
-    constexpr unsigned kMostSeconds = 30;
-    std::fflush(stdout);
+// Whether a world fails, of which as much is printed as what says.
+bool fails(const Program &tried, Telling what) {
+    program = tried;
+    telling = what;
     std::ranges::for_each(std::filesystem::directory_iterator{"."},
                           [](const auto &left) { std::filesystem::remove(left); });
-    failure[0] = '\0';
     const pid_t process = fork();
     if (process == 0) {
-        alarm(kMostSeconds);
-        hasAccount = account;
-        program = tried;
-        world.run(order, play);
-        std::fflush(stdout);
+        alarm(30); // no world takes as many seconds
+        world.run(program.order, play);
         _exit(0);
     }
     int status = 0;
@@ -46,32 +39,31 @@ bool fails(const Program &tried, std::uint64_t order, bool account = false) {
     if (interrupted != 0) {
         std::exit(2);
     }
-    if (status != 0 && failure[0] == '\0') {
-        std::snprintf(failure, kFailure, "dies: %s", strsignal(WTERMSIG(status)));
+    if (WIFSIGNALED(status) && telling != Telling::kNothing) {
+        std::printf("world %llu: dies: %s\n", worldsNumber, strsignal(WTERMSIG(status)));
     }
     return status != 0;
 }
 
 // Leaves out what operations it can, and who has none left, as long as the rest fails in some order
-// of events, which is noted.
-void makeSmall(Program &failing, std::uint64_t &order) {
-    constexpr std::uint64_t kOrders = 60;
+// of events.
+void makeSmall(Program &failing) {
     for (auto at = std::ssize(failing.operations); at-- > 0;) {
         Program less = failing;
         less.operations.erase(less.operations.begin() + at);
-        for (std::uint64_t tried = order; tried < order + kOrders; ++tried) {
-            if (fails(less, tried)) {
-                order = tried;
-                failing = less;
-                break;
-            }
+        unsigned orders = 60;
+        for (; orders > 0 && !fails(less, Telling::kNothing); --orders) {
+            ++less.order;
+        }
+        if (orders > 0) {
+            failing = less;
         }
     }
 }
 
-int run(const std::string &option, const char *value) {
+int run(const string &option, const char *value) {
     unsigned long long seed = std::random_device{}(), last = UINT64_MAX;
-    std::time_t end = std::numeric_limits<std::time_t>::max();
+    std::time_t end = INT64_MAX;
     if (option == "--seconds") {
         end = std::time(nullptr) + std::atoi(value);
         std::printf("worlds from %llu on\n", seed);
@@ -83,12 +75,12 @@ int run(const std::string &option, const char *value) {
     }
     const unsigned long long first = seed;
     for (; seed <= last && std::time(nullptr) < end; ++seed) {
+        worldsNumber = seed;
         Program made = makeProgram(seed);
-        if (fails(made, seed, option == "--replay")) {
-            std::printf("world %llu: %s\n\nmade smaller:\n", seed, failure);
-            std::uint64_t order = seed;
-            makeSmall(made, order);
-            return fails(made, order, true) ? 1 : 2;
+        if (fails(made, option == "--replay" ? Telling::kAccount : Telling::kFailure)) {
+            std::puts("\nmade smaller:");
+            makeSmall(made);
+            return fails(made, Telling::kAccount) ? 1 : 2;
         }
     }
     std::printf("%llu worlds, none failed\n", seed - first);
@@ -98,8 +90,7 @@ int run(const std::string &option, const char *value) {
 } // namespace
 
 int main(int argc, char **argv) {
-    failure = static_cast<char *>(
-        mmap(nullptr, kFailure, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     static char directory[] = "/tmp/zelvo-simulation-XXXXXX"; // for the key store
     if (!mkdtemp(directory) || chdir(directory) != 0) {
         return 2;

@@ -1,16 +1,13 @@
 #include "model.h"
 
-#include <deque>
 #include <map>
-#include <set>
 #include <sstream>
 
 namespace simulation {
 namespace {
 
-using std::string;
-
-const string kBus = "busServer";
+Node kBus{"busServer", nullptr};
+const string kRequest = ",  action: request";
 const string kEmpty = R"({"data":""})";
 const string kUnknown = R"({"data":"not implement"})";
 const string kLeave = R"({"event":"disjoin", "name":")";
@@ -22,10 +19,6 @@ string between(const string &text, const string &before, const string &after) {
     const std::size_t found = text.find(before);
     const std::size_t begin = found == text.npos ? text.size() : found + before.size();
     return text.substr(begin, text.find(after, begin) - begin);
-}
-
-string nameOf(const Node *sender) {
-    return sender ? sender->name : kBus;
 }
 
 // A field of a message's trace.
@@ -52,35 +45,31 @@ std::vector<string> listed(const string &json) {
 
 // ---- what the bus has to do with each message ----
 
-struct Entry { // of the registry
-    Node *node;
-    string calls{}; // the host that the node waits for
-    std::set<string> topics{};
-};
-
-std::vector<Entry> registry; // in the order of joining
+std::vector<Node *> registry; // in the order of joining
 std::map<string, string> sticky, keys;
 std::deque<string> mustSay;
 std::deque<Message> sent; // and not yet taken by the bus
 
-Entry *find(const string &name) {
-    const auto found = std::ranges::find(registry, name, [](auto &e) { return e.node->name; });
-    return found == registry.end() ? nullptr : &*found;
+Node *find(const string &name) {
+    const auto found = std::ranges::find(registry, name, &Node::name);
+    return found == registry.end() ? nullptr : *found;
 }
 
-void warn(const string &text) {
-    mustSay.push_back("W  Vek-server " + text);
+void warnWhere(bool itDoes, const string &text) {
+    if (itDoes) {
+        mustSay.push_back("W  " + text);
+    }
 }
 
-void send(const Entry &to, const string &trace) {
-    to.node->inbox.push_back({nullptr, trace});
-    mustSay.push_back(to.node->name + trace);
+void send(Node &to, const string &trace) {
+    to.inbox.push_back({&kBus, trace});
+    mustSay.push_back(to.name + trace);
 }
 
 void publish(const string &topic, const string &trace) {
-    for (const Entry &entry : registry) {
-        if (entry.topics.contains(topic)) {
-            send(entry, trace);
+    for (Node *const node : registry) {
+        if (node->topics.contains(topic)) {
+            send(*node, trace);
         }
     }
 }
@@ -92,11 +81,9 @@ void notify(const string &topic, const string &text) {
 bool closesRing(const string &caller) {
     string at = caller;
     for (std::size_t steps = 0; steps <= registry.size(); ++steps) {
-        const Entry *const entry = find(at);
-        if (!entry) {
-            warn("client " + at + " is exit");
-        }
-        at = entry ? entry->calls : "";
+        const Node *const node = find(at);
+        warnWhere(!node, "Vek-server client " + at + " is exit");
+        at = node ? node->calls : "";
         if (at.empty() || at == caller) {
             return !at.empty();
         }
@@ -110,28 +97,27 @@ string useKey(const string &key, const string &payload) {
     return given.empty() ? value : (value = given, kEmpty);
 }
 
-string serve(const Message &message, Entry *sender, const string &path) {
-    const string name = nameOf(message.node);
-    if (path == "/join" && !sender) {
-        notify("bus.event", R"({"event":"join", "name": ")" + name + "\"}");
-        mustSay.push_back("D  Vek-server " + name + " node joined");
-        registry.push_back({message.node, "bus"});
+string serve(const Message &message, const string &path) {
+    Node &sender = *message.node;
+    if (path == "/join" && !find(sender.name)) {
+        notify("bus.event", R"({"event":"join", "name": ")" + sender.name + "\"}");
+        mustSay.push_back("D  Vek-server " + sender.name + " node joined");
+        registry.push_back(&sender);
     } else if (path == "/join") {
-        mustSay.push_back("W  Vek-server, " + name + " already exist");
+        warnWhere(true, "Vek-server, " + sender.name + " already exist");
     } else if (path == "/subscribe" || path == "/unsubscribe") {
         for (const string &topic : listed(fieldOf(message.trace, "payload"))) {
             if (path == "/unsubscribe") {
-                if (sender->topics.erase(topic) == 0) {
-                    mustSay.push_back("W  " + name + " already unsubscribe topic " + topic);
-                }
-            } else if (!sender->topics.insert(topic).second) {
-                warn(name + " already subscribe topic " + topic);
+                const bool hasGone = sender.topics.erase(topic) > 0;
+                warnWhere(!hasGone, sender.name + " already unsubscribe topic " + topic);
+            } else if (!sender.topics.insert(topic).second) {
+                warnWhere(true, "Vek-server " + sender.name + " already subscribe topic " + topic);
             } else if (sticky.contains(topic)) {
-                send(*sender, sticky[topic]);
+                send(sender, sticky[topic]);
             }
         }
     } else if (path == "/disjoin") {
-        return kLeave + name + "\"}";
+        return kLeave + sender.name + "\"}";
     } else {
         return path.starts_with("/nodes") || path == "/stats" ? "*" : kUnknown;
     }
@@ -142,67 +128,65 @@ string serve(const Message &message, Entry *sender, const string &path) {
 void answer(const Message &request, const string &text) {
     const string trace =
         traceOf("response", "NULL", fieldOf(request.trace, "url"), text.c_str(), text.size());
-    sent.push_back({nullptr, trace.substr(0, trace.find('*')), nameOf(request.node)});
-    mustSay.push_back(kBus + sent.back().trace);
+    sent.push_back({&kBus, trace.substr(0, trace.find('*')), request.node->name});
+    mustSay.push_back(kBus.name + sent.back().trace);
 }
 
 void request(const Message &message) {
     const string url = fieldOf(message.trace, "url"), to = url.substr(1, url.find('/', 1) - 1);
     const string path = url.substr(1 + to.size());
-    Entry *const sender = find(nameOf(message.node));
-    if (sender) {
-        sender->calls = to;
-    }
-    if (string{"bus"}.starts_with(to) || string{"localKeys"}.starts_with(to)) {
-        answer(message, to[0] == 'b' ? serve(message, sender, path)
-                                     : useKey(path, fieldOf(message.trace, "payload")));
-    } else if (closesRing(nameOf(message.node))) {
+    message.node->calls = to;
+    if (string{"bus"}.starts_with(to)) {
+        answer(message, serve(message, path));
+    } else if (string{"localKeys"}.starts_with(to)) {
+        answer(message, useKey(path, fieldOf(message.trace, "payload")));
+    } else if (closesRing(message.node->name)) {
         mustSay.push_back("E  bus server exist deadlock");
         answer(message, kEmpty);
         notify("bus.error", kRing);
-    } else if (const Entry *const callee = find(to)) {
+    } else if (Node *const callee = find(to)) {
         send(*callee, message.trace);
     } else {
         answer(message, kUnknown);
     }
 }
 
-// Whom an answer is for.
-Entry *search(const string &name) {
-    for (Entry &entry : registry) {
-        mustSay.push_back("V  Vek-server name: " + entry.node->name + ", request_name: " + name);
-        if (entry.node->name == name) {
-            return &entry;
-        }
+// The bus tells whom it has looked at.
+void respond(const Message &message) {
+    const auto isFor = [&name = message.requestor](const Node *node) {
+        mustSay.push_back("V  Vek-server name: " + node->name + ", request_name: " + name);
+        return node->name == name;
+    };
+    const auto found = std::ranges::find_if(registry, isFor);
+    if (found == registry.end()) {
+        return;
     }
-    return nullptr;
+    expect(fieldOf(message.trace, "url").starts_with("/" + std::exchange((*found)->calls, "")),
+           "answers what nobody asks");
+    (*found)->answer = message.trace;
+    if (message.trace.find(kLeave) != string::npos) {
+        registry.erase(found);
+    }
 }
 
 void follow(Message message) {
     const string action = fieldOf(message.trace, "action"), topic = fieldOf(message.trace, "topic");
+    const string name = "Vek-server " + message.node->name;
     if (action == "publishSticky") {
         message.trace.erase(message.trace.find("Sticky"), 6);
         publish(topic, message.trace);
-        if (!std::exchange(sticky[topic], message.trace).empty()) {
-            warn(nameOf(message.node) + " remove old then add new payload, topic " + topic);
-        }
+        const string old = std::exchange(sticky[topic], message.trace);
+        warnWhere(!old.empty(), name + " remove old then add new payload, topic " + topic);
     } else if (action == "publish") {
         publish(topic, message.trace);
     } else if (action == "removeSticky") {
         for (const string &gone : listed(fieldOf(message.trace, "payload"))) {
-            if (sticky.erase(gone) == 0) {
-                warn(nameOf(message.node) + " already removeSticky topic " + gone);
-            }
+            warnWhere(sticky.erase(gone) == 0, name + " already removeSticky topic " + gone);
         }
     } else if (action == "request") {
         request(message);
-    } else if (Entry *const entry = search(message.requestor)) { // a response
-        expect(fieldOf(message.trace, "url").starts_with("/" + std::exchange(entry->calls, "")),
-               "answers what nobody asks");
-        entry->node->answer = message.trace;
-        if (message.trace.find(kLeave) != string::npos) {
-            registry.erase(registry.begin() + (entry - &registry.front()));
-        }
+    } else {
+        respond(message);
     }
 }
 
@@ -216,9 +200,7 @@ struct Line {
     explicit Line(const string &line) {
         const std::size_t begin = line.find('#', line.find('#') + 1) + 1;
         text = line[line.find(" [") + 2] + line.substr(begin, line.size() - begin - 1);
-        for (std::size_t at = 0; (at = text.find("0x", at)) != text.npos;) {
-            text.erase(at, text.find_first_not_of("0123456789abcdefx", at) - at);
-        }
+        text.erase(std::min(text.size(), text.find(": 0x")));
         requestor = between(text, ", requestor: ", ", payload:");
         if (!requestor.empty()) {
             text.replace(text.find(", requestor: "), 23 + requestor.size(), ", payload: ");
@@ -229,12 +211,19 @@ struct Line {
     }
 };
 
-void busTakes(const Line &line) {
+void readBus(const Line &line) {
+    const string said = line.to.empty() ? line.text : line.to + line.trace;
+    if (!mustSay.empty() && said.starts_with(mustSay.front())) {
+        mustSay.pop_front();
+    }
+    if (line.from.empty()) {
+        return;
+    }
     expect(mustSay.empty(), "the bus has not said: " + (mustSay.empty() ? "" : mustSay.front()));
     expect(!nameIsLost, "the bus has answered before the key file is on the disk");
     const auto next = std::ranges::find_if(sent, [&](const Message &m) {
-        return nameOf(m.node) == line.from && line.trace.starts_with(m.trace) &&
-               (m.node || m.requestor == line.requestor);
+        return m.node->name == line.from && line.trace.starts_with(m.trace) &&
+               (m.node != &kBus || m.requestor == line.requestor);
     });
     if (next == sent.end()) {
         return expect(line.trace.starts_with(",  action: exit,"), "nobody has sent it");
@@ -246,39 +235,27 @@ void busTakes(const Line &line) {
     follow(taken);
 }
 
-void readBus(const Line &line) {
-    const string said = line.to.empty() ? line.text : line.to + line.trace;
-    if (!mustSay.empty() && said.starts_with(mustSay.front())) {
-        mustSay.pop_front();
-    }
-    if (!line.from.empty()) {
-        busTakes(line);
-    }
-}
-
 // A look has to do with the timers that were there when it began, and ends when none of them is
-// due. So they have run before the node takes the next message.
+// due. So they have run before the node takes the next message, or runs one that was set later.
 void expectLooked(const Node &node, std::uint64_t began, std::uint64_t until) {
     for (const Timer &timer : node.timers) {
-        expect(!timer.isMissed(began, until), "a timer is due, and a message is taken first");
+        expect(!timer.isMissed(began, until),
+               "timer " + std::to_string(timer.id) + " is due, and something else comes first");
     }
 }
 
 void nodeTakes(Node &node, const string &trace) {
     expectLooked(node, node.lookBegan, node.lookedUntil);
     const string action = fieldOf(trace, "action");
-    node.drains = node.drains || action == "exit";
-    expect(node.drains || node.mayTake-- > 0,
-           "it is told to leave, and takes another message first");
+    node.drains |= action == "exit";
+    expect(node.drains || node.mayTake-- > 0, "is told to leave, and takes another message");
     for (Timer &timer : node.timers) {
         timer.gone |= fieldOf(trace, "payload") == "{\"id\": " + std::to_string(timer.id) + "}";
     }
     if (action == "killtimer" || action == "exit") {
         return;
     }
-    const auto mayBe = [&](auto &m) {
-        return !node.drains || fieldOf(m.trace, "action") == "request";
-    };
+    const auto mayBe = [&](auto &m) { return !node.drains || m.trace.starts_with(kRequest); };
     const auto next = std::ranges::find_if(node.inbox, mayBe);
     expect(next != node.inbox.end() && next->trace == trace, "the bus has not sent it this next");
     if (world.isPrompt()) { // it has looked since the message came, or not long before
@@ -312,9 +289,9 @@ void readLine(const string &line) {
     losses[isPart("Vek-client")] += isRefused || isServers || isPart("killtimer failed") ? 1 : 0;
     if (program.isExact() && !node) {
         readBus(read);
-    } else if (program.isExact() && read.to == kBus) {
+    } else if (program.isExact() && read.to == kBus.name) {
         sent.push_back({node, read.trace});
-    } else if (program.isExact() && read.from == kBus) {
+    } else if (program.isExact() && read.from == kBus.name) {
         nodeTakes(*node, read.trace);
     }
 }
@@ -343,17 +320,14 @@ void Node::runs(Timer &timer) {
     note("runs timer " + std::to_string(timer.id));
     expect(!std::exchange(timer.gone, true) && world.now() >= timer.due(timer.begun),
            "it runs again, or after it was killed, or before it is due");
-    for (const Timer &other : timers) {
-        expect(!other.isMissed(std::min(timer.begun, lookBegan) - 1, lookBegan),
-               "timer " + std::to_string(other.id) + " was set before, and is due");
-    }
+    expectLooked(*this, std::min(timer.begun, lookBegan) - 1, lookBegan);
     lookBegan = std::max(lookBegan, timer.begun); // it had to be there
 }
 
 void expectAllTaken() {
     expect(mustSay.empty() && sent.empty(), "the bus has something to take, or to say");
-    for (const Entry &entry : registry) {
-        expect(entry.node->isBusy || entry.node->drains || entry.node->inbox.empty(),
+    for (const Node *node : registry) {
+        expect(node->isBusy || node->drains || node->inbox.empty(),
                "a message has come, and its node sleeps on");
     }
 }

@@ -11,7 +11,7 @@
 
 #include "world.h"
 
-#include <deque>
+#include <set>
 
 namespace simulation {
 
@@ -27,6 +27,7 @@ struct Operation {
 };
 
 struct Program {
+    std::uint64_t order = 0; // of events
     unsigned actors = 2;
     int level = 1;          // of the log
     unsigned timeLimit = 0; // of calls, in milliseconds; 0: none
@@ -44,15 +45,14 @@ Program makeProgram(std::uint64_t seed);
 void play(); // the body of a world's first thread
 
 struct Message {
-    Node *node;        // that has sent it; null: the bus
-    std::string trace; // in the log, from its action to the length of its payload
-    std::string requestor{};
+    Node *node;   // that has sent it
+    string trace; // in the log, from its action to the length of its payload
+    string requestor{};
     std::uint64_t sent = world.now();
     const Thread *thread = world.current; // by this one
 };
 
 struct Timer {
-    Node *node;
     int type;
     unsigned delay;
     std::uint64_t begun = world.now(); // when the call that sets it began; it is due after that
@@ -71,28 +71,29 @@ struct Timer {
 
 // From its connect to its close.
 struct Node {
-    std::string name;
+    string name;
     struct Actor *actor;
     bool leaves = false, drains = false; // it is going to; it has heard of that
     unsigned mayTake = 1000;             // messages, before it hears of that
     bool isBusy = true;                  // its thread has something else to do than to take one
     std::deque<Message> inbox{};         // what the bus has sent it
-    std::string taken{};                 // by it, last
-    std::string answer{};                // to its latest call, as the bus has handed it over
+    string calls{};                      // the host whose answer it waits for, as the bus knows
+    std::set<string> topics{};
+    string taken{};  // by it, last
+    string answer{}; // to its latest call, as the bus has handed it over
     std::deque<Timer> timers{};
     std::uint64_t lookBegan = 0;   // at timers, the latest; not before then
     std::uint64_t lookedUntil = 0; // timers due by then have had their turn
 
-    void getsAnswer(const char *text, const std::string &asked) const;
-    void isHanded(const std::string &about, const char *data, int length) const;
+    void getsAnswer(const char *text, const string &asked) const;
+    void isHanded(const string &about, const char *data, int length) const;
     void runs(Timer &timer);
 };
 
 inline long losses[2] = {};     // of messages and answers, that bus and nodes tell of in the log
 inline bool nameIsLost = false; // by a loss of power: the key file's directory is not on the disk
 
-void readLine(const std::string &line); // of the log, from the current thread
-void expectAllTaken();                  // where nobody can go on, and at the end
+void readLine(const string &line); // of the log, from the current thread
 
 } // namespace simulation
 

@@ -7,24 +7,20 @@
 #include <unistd.h>
 
 namespace simulation {
-namespace {
 
 constexpr std::size_t kStack = std::size_t{256} * 1024;
 constexpr std::uint64_t kMostSteps = 3'000'000; // of a world; more are no end
 
-ucontext_t worldsEnd;
-std::span<char> objects; // the thread_local ones of this program, which has the C++ library in it
-
-int findObjects(dl_phdr_info *program, std::size_t /*size*/, void * /*arg*/) {
-    const auto *part = program->dlpi_phdr;
-    for (; part->p_type != PT_TLS; ++part) {}
-    objects = {static_cast<char *>(program->dlpi_tls_data), part->p_memsz};
-    return 1; // the first is this program, and enough
-}
-
-} // namespace
+static ucontext_t worldsEnd;
+static std::span<char> objects; // the thread_local ones of this program and the C++ library in it
 
 void World::run(std::uint64_t seed, std::function<void()> body) {
+    const auto findObjects = [](dl_phdr_info *program, std::size_t, void *) {
+        const auto *part = program->dlpi_phdr;
+        for (; part->p_type != PT_TLS; ++part) {}
+        objects = {static_cast<char *>(program->dlpi_tls_data), part->p_memsz};
+        return 1; // the first is this program, and enough
+    };
     dl_iterate_phdr(findObjects, nullptr);
     chance.seed(seed);
     rarity_ = 1U << chance.below(12);
@@ -36,9 +32,9 @@ void World::run(std::uint64_t seed, std::function<void()> body) {
     swapcontext(&worldsEnd, &current->place);
 }
 
-Thread *World::spawn(const std::string &name, std::function<void()> body, Node *node) {
+Thread *World::spawn(const string &name, std::function<void()> body, Node *node) {
     static const std::vector<char> untouched(objects.begin(), objects.end());
-    Thread &thread = threads_.emplace_back(Thread{name, std::move(body), node});
+    Thread &thread = threads_.emplace_back(Thread{name, {std::move(body)}, node});
     thread.objects = untouched;
     thread.stack.reset(new char[kStack]);
     getcontext(&thread.place);
@@ -55,11 +51,10 @@ Thread *World::spawn(const std::string &name, std::function<void()> body, Node *
 // The destructors of a thread's objects run in it, and may meet other threads.
 void World::runCurrent() {
     std::ranges::copy(current->objects, objects.begin());
-    current->body();
-    while (!current->destructors.empty()) {
-        const auto [run, object] = current->destructors.back();
-        current->destructors.pop_back();
-        run(object);
+    while (!current->duties.empty()) {
+        const auto duty = std::move(current->duties.back());
+        current->duties.pop_back();
+        duty();
     }
     current->ended = true;
     std::erase(alive_, current);
@@ -69,10 +64,10 @@ void World::runCurrent() {
     }
 }
 
-void World::join(const Thread *thread) {
-    while (!thread->ended) {
-        current->doing = "joins " + thread->name;
-        sleepOn(thread, kNever);
+void World::join(const Thread *thread, std::uint64_t until) {
+    note("joins " + thread->name);
+    if (!thread->ended) {
+        sleepOn(thread, until);
     }
 }
 
@@ -102,7 +97,11 @@ void World::wake(const void *address, bool all) {
 
 void World::handOn() {
     expect(++step < kMostSteps, "has no end");
-    Thread &me = *std::exchange(current, next());
+    const auto isAwake = [&](const Thread *thread) { return thread->until <= now(); };
+    if (std::ranges::none_of(alive_, isAwake)) {
+        passTime();
+    }
+    Thread &me = *std::exchange(current, *std::ranges::find_if(alive_, isAwake));
     nextChange_ = step < lastChange_ ? step + chance.below(2 * rarity_) : kMostSteps;
     if (current != &me) {
         std::ranges::copy(objects, me.objects.begin());
@@ -111,29 +110,22 @@ void World::handOn() {
     }
 }
 
-Thread *World::next() {
-    for (;;) {
-        const auto awake = std::ranges::find_if(alive_, [&](auto *t) { return t->until <= now(); });
-        if (awake != alive_.end()) {
-            return *awake;
-        }
-        const InLibrary no{false};
-        const std::uint64_t soonest =
-            (*std::ranges::min_element(alive_, {}, &Thread::until))->until;
-        if (soonest == kNever) {
-            std::string who = "hangs:";
-            for (const Thread *thread : alive_) {
-                who += "\n  " + thread->name + " " + thread->doing;
-            }
-            fail(who);
-        }
-        rests();
-        jumped_ += soonest - now();
+void World::passTime() {
+    const InLibrary no{false};
+    const auto soonest = (*std::ranges::min_element(alive_, {}, &Thread::until))->until;
+    string hang = "hangs:";
+    for (const Thread *thread : alive_) {
+        hang += "\n  " + thread->name + " " + thread->last;
     }
+    expect(soonest < kNever, hang);
+    expectAllTaken();
+    jumped_ += soonest - now();
 }
 
 void note(std::string_view text) {
-    if (hasAccount) {
+    const InLibrary no{false};
+    world.current->last = text;
+    if (telling == Telling::kAccount) {
         std::printf("%8llu %9.3f ms  %-6s %.*s\n", static_cast<unsigned long long>(world.step),
                     static_cast<double>(world.now()) / kMillisecond - 1e9,
                     world.current->name.c_str(), static_cast<int>(text.size()), text.data());
@@ -142,9 +134,10 @@ void note(std::string_view text) {
 
 void fail(std::string_view text) {
     const InLibrary no{false};
-    note("FAILS: " + std::string{text});
-    text.copy(failure, kFailure - 1);
-    std::fflush(stdout);
+    note("FAILS");
+    if (telling != Telling::kNothing) {
+        std::printf("world %llu: %.*s\n", worldsNumber, static_cast<int>(text.size()), text.data());
+    }
     _exit(1);
 }
 
@@ -154,7 +147,7 @@ void fail(std::string_view text) {
 extern "C" int __cxa_thread_atexit(void (*run)(void *), void *object, void * /*library*/) noexcept {
     if (simulation::world.current) {
         const simulation::InLibrary no{false};
-        simulation::world.current->destructors.emplace_back(run, object);
+        simulation::world.current->duties.emplace_back([=] { run(object); });
     }
     return 0;
 }

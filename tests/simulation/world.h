@@ -23,6 +23,8 @@
 
 namespace simulation {
 
+using std::string;
+
 struct Random : std::mt19937_64 {
     using std::mt19937_64::mersenne_twister_engine;
     unsigned below(std::size_t n) { return static_cast<unsigned>((*this)() % n); }
@@ -35,16 +37,15 @@ inline constexpr std::uint64_t kNever = UINT64_MAX;
 struct Node;
 
 struct Thread {
-    std::string name;
-    std::function<void()> body;
-    Node *node; // that it works for
+    string name;
+    std::vector<std::function<void()>> duties; // to do, the last one first
+    Node *node;                                // that it works for
     bool ended = false;
-    const void *word = nullptr;   // that it sleeps on
-    std::uint64_t until = 0;      // that it sleeps
-    bool inLibrary = false;       // not while it is in a handler
-    std::string doing{"goes on"}; // for who asks why it does not
-    std::vector<char> objects{};  // its thread_local ones
-    std::vector<std::pair<void (*)(void *), void *>> destructors{};
+    const void *word = nullptr;  // that it sleeps on
+    std::uint64_t until = 0;     // that it sleeps
+    bool inLibrary = false;      // not while it is in a handler
+    string last{"goes on"};      // that it has noted, for who asks why it does not
+    std::vector<char> objects{}; // its thread_local ones
     std::unique_ptr<char[]> stack{};
     ucontext_t place{};
 };
@@ -53,8 +54,9 @@ class World {
 public:
     // Runs body as the first thread, until that and all that it has started have ended.
     void run(std::uint64_t seed, std::function<void()> body);
-    Thread *spawn(const std::string &name, std::function<void()> body, Node *node = nullptr);
-    void join(const Thread *thread);
+    Thread *spawn(const string &name, std::function<void()> body, Node *node = nullptr);
+    // Waits until thread has ended, or the time has come.
+    void join(const Thread *thread, std::uint64_t until = kNever);
     // A place where another thread may go on. Where another order is rare, a thread may stay where
     // it is for as long as others can go on; where it is frequent, it is anybody's turn each time.
     void point() {
@@ -74,15 +76,14 @@ public:
     // Whether no thread that can go on is kept from it for long, as the clock counts.
     bool isPrompt() const { return yieldTime_ < kMillisecond; }
 
-    Random chance;                       // for whatever happens by chance
-    std::function<void()> rests = [] {}; // told where nobody can go on before a time has come
+    Random chance; // for whatever happens by chance
     Thread *current = nullptr;
     std::uint64_t step = 0;
 
 private:
     void handOn();
     void runCurrent();
-    Thread *next();
+    void passTime();
 
     std::deque<Thread> threads_{};
     std::vector<Thread *> alive_{};                       // the first one that can go on does
@@ -113,12 +114,13 @@ inline Shortage shortage;
 void *allocate(std::size_t size, std::size_t alignment = 16);
 inline std::size_t blocks = 0; // that the library has
 
-inline constexpr std::size_t kFailure = 4096;
-inline char *failure = nullptr; // where the process that has made this one reads what is wrong
-inline bool hasAccount = false;
+inline unsigned long long worldsNumber = 0;
+enum class Telling { kNothing, kFailure, kAccount };
+inline Telling telling = Telling::kNothing; // what is printed
 
 void note(std::string_view text);              // in the world's account
 [[noreturn]] void fail(std::string_view text); // ends the process: the world has shown a fault
+void expectAllTaken(); // the model's: where nobody can go on before a time has come
 inline void expect(bool holds, std::string_view otherwise) {
     if (!holds) {
         fail(otherwise);
