@@ -163,6 +163,8 @@ TEST_F(Face, any_duration_is_a_time_to_wait_for) {
     EXPECT_TRUE(lamp.after(1h, [token] {}).cancel());
     EXPECT_EQ(token.use_count(), 1);
     EXPECT_THROW(lamp.every(0ms, count), std::invalid_argument);
+    constexpr auto none = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_THROW(lamp.every(std::chrono::duration<double>{none}, count), std::invalid_argument);
     ASSERT_TRUE(done.wait());
     EXPECT_EQ(early, 0);
 }

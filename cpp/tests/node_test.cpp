@@ -39,6 +39,8 @@ TEST_F(Face, topics_of_any_bytes_reach_their_handler_and_no_other) {
     const std::string nul("a\0b", 3);
     EXPECT_THROW(lamp.publish(nul), std::invalid_argument);
     EXPECT_THROW(lamp.publish("t", static_cast<const char *>(nullptr)), std::invalid_argument);
+    EXPECT_THROW(DataView(static_cast<const char *>(nullptr), 1), std::invalid_argument);
+    EXPECT_THROW(lamp.on_call(Service<int, int>{nullptr}, nullptr), std::invalid_argument);
     EXPECT_THROW(panel.subscribe(nul, [](std::string_view) {}), std::invalid_argument);
 }
 

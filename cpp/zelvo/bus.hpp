@@ -51,8 +51,9 @@ class PolledNode;
 // A running bus. It lives as long as this object or a node of it does, in whatever order they go:
 // its thread ends with the last of them. Nodes that C functions have made on native() must be
 // closed before that.
-// One process may have several, but they share one log; make and destroy them while no thread is in
-// a call on another (busClientNew, busClientDelete).
+// One process may have several, but they share one log, which the first of them to end closes for
+// all; make and destroy them while no thread is in a call on another (busClientNew,
+// busClientDelete).
 class Bus {
 public:
     // Throws Error when memory is short, std::invalid_argument for a configuration that can't be,
@@ -237,7 +238,7 @@ public:
     void unsubscribe(const CText &topic) { unsubscribe({topic.c_str()}); }
     template <class Value>
     void unsubscribe(const Topic<Value> &topic) {
-        unsubscribe({topic.name()});
+        unsubscribe(CText{topic.name()});
     }
 
     // ---- being called ----
@@ -409,7 +410,8 @@ public:
         return names;
     }
     // What the bus has counted, JSON text as bus_client.h describes under /bus/stats; helpers are
-    // among the nodes. Nothing: Config::stats is not set. Throws Error when there is no answer.
+    // among the nodes, and what a node is told of others before it has asked not to be is "unread".
+    // Nothing: Config::stats is not set. Throws Error when there is no answer.
     [[nodiscard]] std::optional<std::string> stats() const {
         std::string text = tellBus("/bus/stats");
         return text == detail::kNoNode ? std::nullopt : std::optional{std::move(text)};
@@ -498,7 +500,8 @@ private:
             state().setPath(path, detail::held(new detail::PathHandler<Handler>{handler}));
         }
     }
-    std::string ownPath(std::string_view url) const {
+    std::string ownPath(const CText &service) const {
+        const std::string_view url = service.c_str();
         if (detail::hostOf(url) != name() || url.size() < name().size() + 2) {
             throw std::invalid_argument(
                 detail::concat({"zelvo: the service \"", url, "\" is none of node ", name()}));

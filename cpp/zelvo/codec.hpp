@@ -29,6 +29,8 @@ namespace zelvo {
 // Nobody keeps others from using the bare name; what then does not decode reaches no handler.
 template <class Value>
 class Topic {
+    static_assert(!std::is_void_v<Value>, "zelvo: a topic without values has an empty struct");
+
 public:
     constexpr explicit Topic(const char *name) noexcept : name_{name} {} // lives as long as this
     constexpr const char *name() const noexcept { return name_; }
@@ -40,6 +42,9 @@ private:
 // Calls of "/node/path" that ask with a value of one type and answer with one of another.
 template <class Question, class Reply>
 class Service {
+    static_assert(!std::is_void_v<Question> && !std::is_void_v<Reply>,
+                  "zelvo: a service that asks or answers nothing has an empty struct");
+
 public:
     constexpr explicit Service(const char *url) noexcept : url_{url} {} // lives as long as this
     constexpr const char *url() const noexcept { return url_; }

@@ -144,7 +144,8 @@ enum class Level { everything = 0, verbose = 1, debug = 2, info = 3, warnings = 
 struct Config {
     Level level = Level::warnings;
     // The log file. Empty, or where it cannot be opened: standard output. The log is one for the
-    // process: with a second bus only its level changes. This and home are UTF-8 on Windows; where
+    // process: with a second bus only its level changes, and the first bus to end closes it for
+    // both, so no line of the other is kept any more. This and home are UTF-8 on Windows; where
     // the text of a std::filesystem::path is a std::string, one can be assigned.
     std::string log{};
     bool append = false;    // to the log file, instead of emptying it

@@ -3,6 +3,7 @@
 #define ZELVO_DETAIL_BUS_HPP
 
 #include "helpers.hpp"
+#include "hop.hpp"
 
 #include <cstdio>
 
@@ -43,8 +44,8 @@ public:
             throw Error("zelvo: no memory for a bus");
         }
         helpers_.begin(bus_);
-        Retired::instance(); // made while there is memory
         try {
+            Retired::instance(); // made while there is memory
             loop_.start("zelvo bus", serve, bus_, nullptr);
         } catch (...) {
             busClientDelete(bus_);
@@ -71,26 +72,42 @@ public:
     // A node whose calls are looked at, from now on until it is taken out. There are 2,048 at
     // most, looked at only where a node comes or goes.
     struct Caller : Link {
-        Caller(const std::string &its, Turns &calls) noexcept : name{its}, turns{calls} {}
+        Caller(const std::string &its, Turns &calls, Hops *loop) noexcept
+            : name{its},
+              turns{calls},
+              hops{loop} {}
+        // Told by what all modules of a program share: where each has these functions, each has
+        // its own thread_local variables.
+        bool isHandledHere() const noexcept {
+            return thread == std::this_thread::get_id() || (hops && hops->runsHere());
+        }
         const std::string &name;
         Turns &turns;
+        Hops *const hops;         // or null
+        std::thread::id thread{}; // the node's, once that has begun
     };
     void enter(Caller &caller) noexcept {
         const std::lock_guard lock{nodes_mutex_};
         nodes_.append(caller);
     }
+    void begin(Caller &caller) noexcept {
+        const std::lock_guard lock{nodes_mutex_};
+        caller.thread = std::this_thread::get_id();
+    }
     void takeOut(Caller &caller) noexcept {
         const std::lock_guard lock{nodes_mutex_};
         caller.unlink();
     }
-    // Whether the node waits for the answer of the other, or of one that waits for it.
-    bool waitsFor(std::string node, const std::string &other) {
+    // Whether the node waits for the answer of one whose handler this thread runs, or of one that
+    // waits for it.
+    bool waitsForThisThread(const Caller &node) noexcept {
         const std::lock_guard lock{nodes_mutex_};
-        for (auto *step = nodes_.first(); step; step = nodes_.after(*step)) {
-            node = calleeOf(node);
-            if (node == other) {
+        const Caller *at = calleeOf(node);
+        for (auto *step = nodes_.first(); step && at; step = nodes_.after(*step)) {
+            if (at->isHandledHere()) {
                 return true;
             }
+            at = calleeOf(*at);
         }
         return false;
     }
@@ -111,13 +128,13 @@ public:
     }
 
 private:
-    // With nodes_mutex_. Of two with the name the later: the other has just left.
-    std::string calleeOf(const std::string &node) const {
+    // With nodes_mutex_; or null. Of two with the name the later: the other has just left.
+    const Caller *calleeOf(const Caller &node) const noexcept {
         const Caller *found = nullptr;
         for (const Caller *caller = nodes_.first(); caller; caller = nodes_.after(*caller)) {
-            found = caller->name == node ? caller : found;
+            found = node.turns.areTo(caller->name) ? caller : found;
         }
-        return found ? found->turns.callee() : std::string{};
+        return found;
     }
 
     static void serve(void *bus) { busClientBindServer(static_cast<Zelvo_t *>(bus)); }

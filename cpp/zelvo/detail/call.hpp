@@ -22,11 +22,12 @@ template <class Rep, class Period>
 Clock::duration saturated(std::chrono::duration<Rep, Period> wait) {
     using Exact = std::chrono::duration<long double, Clock::period>;
     const auto exact = std::chrono::duration_cast<Exact>(wait);
-    if (exact >= Exact{Clock::duration::max()}) {
-        return Clock::duration::max();
+    if (exact > Exact{Clock::duration::min()}) {
+        return exact < Exact{Clock::duration::max()}
+                   ? std::chrono::duration_cast<Clock::duration>(wait)
+                   : Clock::duration::max();
     }
-    return exact > Exact{Clock::duration::min()} ? std::chrono::duration_cast<Clock::duration>(wait)
-                                                 : Clock::duration::min();
+    return Clock::duration::min(); // also for what is not a number
 }
 inline Clock::time_point later(Clock::time_point now, Clock::duration wait) noexcept {
     return now + std::clamp(wait, Clock::duration{0}, Clock::time_point::max() - now);
@@ -142,10 +143,10 @@ public:
             next.changed.notify_one();
         }
     }
-    // The host that is being called, or nothing.
-    std::string callee() {
+    // Whether that host is being called.
+    bool areTo(std::string_view host) {
         const std::lock_guard lock{mutex_};
-        return url_ ? std::string{hostOf(url_)} : std::string{};
+        return url_ && hostOf(url_) == host;
     }
 
 private:

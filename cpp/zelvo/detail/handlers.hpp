@@ -311,23 +311,29 @@ public:
             handlers_.erase(topic);
         }
     }
-    // Whether the handler was there. last gets the topics that have none any more, where it is
-    // wanted.
-    bool remove(const std::vector<std::string> &topics, const Handler &handler,
-                std::vector<std::string> *last) {
+    // Those of the topics that have this handler and no other.
+    std::vector<std::string> onlyOf(const std::vector<std::string> &topics,
+                                    const Handler &handler) const {
+        std::vector<std::string> only;
+        for (const std::string &topic : topics) {
+            const auto [entry, end] = handlers_.equal_range(topic);
+            if (entry != end && entry->second.get() == &handler && std::next(entry) == end) {
+                only.push_back(topic);
+            }
+        }
+        return only;
+    }
+    // Whether the handler was there.
+    bool remove(const std::vector<std::string> &topics, const Handler &handler) {
         bool was = false;
         for (const std::string &topic : topics) {
             auto [entry, end] = handlers_.equal_range(topic);
             while (entry != end && entry->second.get() != &handler) {
                 ++entry;
             }
-            if (entry == end) {
-                continue;
-            }
-            was = true;
-            handlers_.erase(entry);
-            if (last && handlers_.find(topic) == handlers_.end()) {
-                last->push_back(topic);
+            if (entry != end) {
+                was = true;
+                handlers_.erase(entry);
             }
         }
         return was;

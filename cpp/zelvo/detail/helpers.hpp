@@ -88,7 +88,7 @@ public:
             throw Error("zelvo: there are no helpers for asynchronous calls");
         }
         Host &host = hostFor(call->url);
-        const std::size_t free = most_of_host_ - host.busy;
+        const std::size_t free = std::min(most_of_host_ - host.busy, idle_);
         const bool taken = host.count < free || host.count - free < most_waiting_;
         if (taken) {
             call->row_place.join(host.waiting, call);

@@ -90,16 +90,11 @@ private:
     std::thread thread_;
 };
 
-class NodeState;
-
-// The node whose handlers this thread runs, or null. Such a thread must not wait for threads of
-// nodes that have left.
-inline const NodeState *&handlingNode() noexcept {
-    thread_local const NodeState *node = nullptr;
-    return node;
-}
-inline bool insideNode() noexcept {
-    return handlingNode() != nullptr;
+// Whether this thread runs a node's handlers. Such a thread must not wait for threads of nodes that
+// have left.
+inline bool &insideNode() noexcept {
+    thread_local bool inside = false;
+    return inside;
 }
 
 // The threads of nodes that could not be waited for where they were destroyed, as in one of their

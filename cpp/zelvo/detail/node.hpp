@@ -52,7 +52,8 @@ inline void NodeState::start() {
 }
 
 inline void NodeState::run() noexcept {
-    handlingNode() = this;
+    insideNode() = true;
+    bus_.begin(caller_);
     busClientSpin(client_);
     endCalls(); // where the loop has ended of itself
     BusPtr keep;
@@ -122,12 +123,12 @@ inline void NodeState::settled(Step work, void *object) noexcept {
 
 inline void NodeState::inLoop(Step work, void *object) noexcept {
     auto hop = [&] {
-        const auto *const outer = std::exchange(handlingNode(), this);
+        const bool outer = std::exchange(insideNode(), true);
         settled(work, object);
         if (leaving_) {
             forgetHandlers();
         }
-        handlingNode() = outer;
+        insideNode() = outer;
     };
     using Hop = decltype(hop);
     bool done = leaving_;
@@ -239,8 +240,7 @@ inline bool NodeState::isHeld(void *self) {
     if (node.quiet_ && !node.calls_ended_) {
         return true;
     }
-    const NodeState *const here = handlingNode();
-    return here && &here->bus_ == &node.bus_ && node.bus_.waitsFor(node.name_, here->name_);
+    return node.bus_.waitsForThisThread(node.caller_);
 }
 
 inline bool NodeState::retire(BusPtr &bus) {

@@ -42,7 +42,7 @@ inline void NodeState::subscribe(const std::vector<std::string> &topics,
         }
     } catch (...) {
         handler->cancelled = true;
-        subscriptions_.remove(topics, *handler, nullptr);
+        subscriptions_.remove(topics, *handler);
         change(Change::Kind::remove, topics, handler);
         throw;
     }
@@ -72,14 +72,24 @@ inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::
     const auto keep = shared_from_this();
     const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
-    change(Change::Kind::remove, topics, handler);
+    std::vector<std::string> last;
+    std::string json;
+    try { // of memory that is short
+        if (turn.owned()) {
+            last = subscriptions_.onlyOf(topics, *handler);
+            json = jsonArray(last);
+        }
+        change(Change::Kind::remove, topics, handler);
+    } catch (...) {
+        handler->cancelled = false;
+        throw;
+    }
     if (!turn.owned()) {
         return !leaving_;
     }
-    std::vector<std::string> last;
-    const bool was = subscriptions_.remove(topics, *handler, &last);
+    const bool was = subscriptions_.remove(topics, *handler);
     if (!last.empty()) {
-        askInTurn(url, jsonArray(last), deadline); // or what comes has no handler
+        askInTurn(url, json, deadline); // or what comes has no handler
     }
     return was && !leaving_;
 }

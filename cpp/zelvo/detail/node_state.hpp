@@ -146,7 +146,7 @@ private:
     const HopsPtr hops_;
     client_t *client_ = nullptr; // until it starts
     Turns turns_;
-    BusState::Caller caller_{name_, turns_};
+    BusState::Caller caller_{name_, turns_, hops_.get()};
     Subscriptions subscriptions_; // whoever has the turn looks at them
 
     Handlers handlers_; // the node's thread's, or the loop's

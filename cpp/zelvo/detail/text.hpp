@@ -86,7 +86,11 @@ public:
     DataView() = default;
     DataView(std::nullptr_t) = delete;
     DataView(const char *text) : data_{CText{text}.c_str()} {}
-    DataView(const char *data, std::size_t size) noexcept : data_{data, size} {}
+    DataView(const char *data, std::size_t size) : data_{data, size} {
+        if (!data && size > 0) {
+            throw std::invalid_argument("zelvo: data is missing");
+        }
+    }
     template <class Text, class = detail::IfText<Text>>
     DataView(const Text &text) : data_{text} {}
     template <class Bytes, class = detail::IfBytes<Bytes>, class = void>
