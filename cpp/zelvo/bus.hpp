@@ -410,8 +410,8 @@ public:
         return names;
     }
     // What the bus has counted, JSON text as bus_client.h describes under /bus/stats; helpers are
-    // among the nodes, and what a node is told of others before it has asked not to be is "unread".
-    // Nothing: Config::stats is not set. Throws Error when there is no answer.
+    // among the nodes, and notices of joins that come before a node has asked for none among what
+    // is "unread". Nothing: Config::stats is not set. Throws Error when there is no answer.
     [[nodiscard]] std::optional<std::string> stats() const {
         std::string text = tellBus("/bus/stats");
         return text == detail::kNoNode ? std::nullopt : std::optional{std::move(text)};

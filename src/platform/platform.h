@@ -68,8 +68,9 @@ void *threadStart(ThreadBody body, void *arg, std::size_t stack) noexcept;
 // Waits without time limit until the thread has ended and releases the handle. Null: no effect.
 void threadJoin(void *handle) noexcept;
 
-// The C library's fopen and remove, errno of fopen included; false: nothing was removed. On Windows
-// a file that is open can't be removed, renamed or replaced.
+// The C library's fopen and remove, errno of fopen included; false: nothing was removed. A mode has
+// two letters. Programs that this one begins do not hold the file, but on Windows, where also a
+// file that is open can't be removed, renamed or replaced.
 std::FILE *openFile(const char *path, const char *mode) noexcept;
 bool removeFile(const char *path) noexcept;
 
