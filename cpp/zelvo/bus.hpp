@@ -58,7 +58,9 @@ class Bus {
 public:
     // Throws Error when memory is short, std::invalid_argument for a configuration that can't be,
     // std::system_error when there is no thread for it, and what a copy of Config::on_error throws.
-    explicit Bus(const Config &config = {}) : state_{new detail::BusState{config}} {}
+    explicit Bus(const Config &config)
+        : state_{new detail::BusState{config, detail::NodeState::callUntil}} {}
+    explicit Bus() : state_{new detail::BusState{{}, nullptr}} {}
     Bus(const Bus &) = delete;
     Bus &operator=(const Bus &) = delete;
     Bus(Bus &&) noexcept = default;
@@ -306,7 +308,7 @@ public:
     [[nodiscard]] Answer call_for(std::chrono::duration<Rep, Period> limit, const CText &url,
                                   const DataView &data = {}) const {
         const auto end = detail::later(detail::Clock::now(), detail::saturated(limit));
-        return state().callUntil(end, url.c_str(), data);
+        return detail::NodeState::callUntil(state(), end, url.c_str(), data);
     }
     template <class Rep, class Period, class Question, class Reply>
     Result<Reply> call_for(std::chrono::duration<Rep, Period> limit,

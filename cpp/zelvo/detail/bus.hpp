@@ -35,15 +35,21 @@ inline std::string jsonOf(const Config &config) {
 
 class BusState {
 public:
-    explicit BusState(const Config &config)
+    // How a node has a helper make a call that has to end at that time.
+    using HandOver = Answer (*)(NodeState &node, Clock::time_point end, const char *url,
+                                std::string_view data);
+
+    // handing: null for a bus without call_timeout, whose programs need not compile it.
+    BusState(const Config &config, HandOver handing)
         : on_error_{config.on_error},
           timeout_{config.call_timeout},
-          helpers_{config.helpers, config.waiting_calls, config.call_timeout},
+          most_helpers_{config.helpers},
+          most_waiting_{config.waiting_calls},
+          hand_over_{config.helpers > 0 ? handing : nullptr},
           bus_{busClientNew(jsonOf(config).c_str())} {
         if (!bus_) {
             throw Error("zelvo: no memory for a bus");
         }
-        helpers_.begin(bus_);
         try {
             Retired::instance(); // made while there is memory
             loop_.start("zelvo bus", serve, bus_, nullptr);
@@ -55,13 +61,22 @@ public:
     BusState(const BusState &) = delete;
     BusState &operator=(const BusState &) = delete;
     ~BusState() {
-        helpers_.end();
+        helpers_.reset();
         loop_.end([](void *bus) { busClientServerExit(static_cast<Zelvo_t *>(bus)); }, nullptr);
         busClientDelete(bus_);
     }
 
     Zelvo_t *native() const noexcept { return bus_; }
-    Helpers &helpers() noexcept { return helpers_; }
+    // Made when they are first asked for.
+    Helpers &helpers() {
+        const std::lock_guard lock{mutex_};
+        if (!helpers_) {
+            helpers_.reset(new Helpers{bus_, names_, most_helpers_, most_waiting_, timeout_});
+        }
+        return *helpers_;
+    }
+    HelperNames &helperNames() noexcept { return names_; }
+    HandOver handOver() const noexcept { return hand_over_; } // or null
     std::chrono::milliseconds timeout() const noexcept { return timeout_; }
     // Whether zelvo::Bus has gone, and the last node is to end the bus.
     bool isLeftToNodes() const noexcept { return left_; }
@@ -87,21 +102,21 @@ public:
         std::thread::id thread{}; // the node's, once that has begun
     };
     void enter(Caller &caller) noexcept {
-        const std::lock_guard lock{nodes_mutex_};
+        const std::lock_guard lock{mutex_};
         nodes_.append(caller);
     }
     void begin(Caller &caller) noexcept {
-        const std::lock_guard lock{nodes_mutex_};
+        const std::lock_guard lock{mutex_};
         caller.thread = std::this_thread::get_id();
     }
     void takeOut(Caller &caller) noexcept {
-        const std::lock_guard lock{nodes_mutex_};
+        const std::lock_guard lock{mutex_};
         caller.unlink();
     }
     // Whether the node waits for the answer of one whose handler this thread runs, or of one that
     // waits for it.
     bool waitsForThisThread(const Caller &node) noexcept {
-        const std::lock_guard lock{nodes_mutex_};
+        const std::lock_guard lock{mutex_};
         const Caller *at = calleeOf(node);
         for (auto *step = nodes_.first(); step && at; step = nodes_.after(*step)) {
             if (at->isHandledHere()) {
@@ -128,7 +143,7 @@ public:
     }
 
 private:
-    // With nodes_mutex_; or null. Of two with the name the later: the other has just left.
+    // With mutex_; or null. Of two with the name the later: the other has just left.
     const Caller *calleeOf(const Caller &node) const noexcept {
         const Caller *found = nullptr;
         for (const Caller *caller = nodes_.first(); caller; caller = nodes_.after(*caller)) {
@@ -150,11 +165,15 @@ private:
 
     const std::function<void(std::string_view, std::exception_ptr)> on_error_;
     const std::chrono::milliseconds timeout_;
-    Helpers helpers_;
+    const std::size_t most_helpers_;
+    const std::size_t most_waiting_;
+    const HandOver hand_over_;
     Zelvo_t *const bus_;
+    HelperNames names_;
     std::atomic<bool> left_{false};
-    std::mutex nodes_mutex_;
+    std::mutex mutex_; // of the next two
     Chain<Caller> nodes_;
+    std::shared_ptr<Helpers> helpers_; // knows how to destroy them: who has none compiles none
     Loop loop_;
 };
 using BusPtr = std::shared_ptr<BusState>;

@@ -32,11 +32,15 @@ Clock::duration saturated(std::chrono::duration<Rep, Period> wait) {
 inline Clock::time_point later(Clock::time_point now, Clock::duration wait) noexcept {
     return now + std::clamp(wait, Clock::duration{0}, Clock::time_point::max() - now);
 }
+// Out of line where there is a limit, as it is wanted in many places.
+ZELVO_RARE inline Clock::time_point endOf(std::chrono::milliseconds timeout) {
+    return later(Clock::now(), saturated(timeout));
+}
 inline Deadline deadlineAfter(std::chrono::milliseconds timeout) {
-    return timeout.count() > 0 ? Deadline{later(Clock::now(), saturated(timeout))} : std::nullopt;
+    return timeout.count() > 0 ? Deadline{endOf(timeout)} : std::nullopt;
 }
 // Whether more than a small part of the time has gone.
-inline bool hasWaited(Clock::time_point deadline, std::chrono::milliseconds timeout) {
+ZELVO_RARE inline bool hasWaited(Clock::time_point deadline, std::chrono::milliseconds timeout) {
     const auto all = saturated(timeout);
     return deadline - Clock::now() < all - all / 16;
 }

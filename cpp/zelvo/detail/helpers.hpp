@@ -37,6 +37,18 @@ struct Host : Link {
     std::size_t busy = 0;  // calls to it that are under way
 };
 
+// Gives each of them its own.
+class HelperNames {
+public:
+    // Of a client that makes calls for the node.
+    ZELVO_RARE std::string next(const std::string &node) {
+        return concat({kHelperPrefix, node, "/", std::to_string(++count_)});
+    }
+
+private:
+    std::atomic<long> count_{0};
+};
+
 class Helpers {
 public:
     struct Client : Link {
@@ -48,18 +60,18 @@ public:
         std::string node;           // whose calls it makes
     };
 
-    Helpers(std::size_t most, std::size_t most_waiting, std::chrono::milliseconds timeout) noexcept
-        : most_{most},
+    Helpers(Zelvo_t *bus, HelperNames &names, std::size_t most, std::size_t most_waiting,
+            std::chrono::milliseconds timeout) noexcept
+        : bus_{bus},
+          names_{names},
+          most_{most},
           most_of_host_{std::max<std::size_t>(most / 4, 1)},
           most_waiting_{most_waiting},
           timeout_{timeout} {}
     Helpers(const Helpers &) = delete;
     Helpers &operator=(const Helpers &) = delete;
-    ~Helpers() = default;
-
-    void begin(Zelvo_t *bus) noexcept { bus_ = bus; }
-    // To be called while the bus runs, and when no node is left that somebody could call.
-    void end() {
+    // While the bus runs, and when no node is left that somebody could call.
+    ~Helpers() {
         {
             const std::lock_guard lock{mutex_};
             ending_ = true;
@@ -68,16 +80,8 @@ public:
         for (; !threads_.empty(); threads_.dropFirst()) {
             threads_.front().thread.join();
         }
-        while (!idle_clients_.empty()) {
-            idle_clients_.dropFirst();
-        }
     }
 
-    bool any() const noexcept { return most_ > 0; }
-    // Of a client that makes calls for the node.
-    std::string nameFor(const std::string &node) {
-        return concat({kHelperPrefix, node, "/", std::to_string(++names_)});
-    }
     // False: too many wait.
     bool add(const AsyncCallPtr &call) {
         const std::lock_guard lock{mutex_};
@@ -212,7 +216,7 @@ private:
     ClientPtr clientFor(const AsyncCall &call) {
         ClientPtr old;
         ClientPtr made{new Client{call.node_name}};
-        const std::string name = nameFor(call.node_name);
+        const std::string name = names_.next(call.node_name);
         {
             const std::lock_guard lock{mutex_};
             if (Client *const idle = idleOf(call.node_name)) {
@@ -269,12 +273,12 @@ private:
         }
     }
 
-    Zelvo_t *bus_ = nullptr;
+    Zelvo_t *const bus_;
+    HelperNames &names_;
     const std::size_t most_;
     const std::size_t most_of_host_;
     const std::size_t most_waiting_;
     const std::chrono::milliseconds timeout_;
-    std::atomic<long> names_{0};
 
     std::mutex mutex_; // of all below
     std::condition_variable changed_;

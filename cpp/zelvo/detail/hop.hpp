@@ -16,6 +16,7 @@ namespace zelvo {
 
 namespace detail {
 class Hops;
+class NodeState;
 } // namespace detail
 
 // A piece of a node's work, for an executor: to be run once, or destroyed. It does not throw, and
@@ -54,6 +55,23 @@ public:
     Hops &operator=(const Hops &) = delete;
     virtual ~Hops() = default;
 
+    // What every node asks of a loop that it may have. By a table of our own, as a compiler guesses
+    // virtual functions: so a program that has no such loop compiles none of it.
+    struct Ways {
+        void (*serve)(NodeState &node, Step work, void *object) noexcept;
+        bool (Hops::*close)();
+        bool (Hops::*runsHere)() noexcept;
+    };
+    // Has the loop do a node's work.
+    void serve(NodeState &node, Step work, void *object) noexcept {
+        ways_.serve(node, work, object);
+    }
+    // Nothing begins any more, and the executor goes: the loop may be about to. True: a piece is in
+    // the midst of it.
+    bool close() { return (this->*ways_.close)(); }
+    // Whether the calling thread is in the midst of it.
+    bool runsHere() noexcept { return (this->*ways_.runsHere)(); }
+
     // In the node's thread: has the loop do it, and waits until it has or never will (false).
     // Throws what the executor throws.
     bool run(Step work, void *object) {
@@ -80,32 +98,6 @@ public:
             throw;
         }
         return wait();
-    }
-    // Nothing begins any more, and the executor goes: the loop may be about to. True: a piece is in
-    // the midst of it.
-    bool close() {
-        std::unique_lock lock{mutex_};
-        closed_ = true;
-        if (state_ == State::waits) {
-            finish();
-        }
-        const bool runs = state_ == State::runs;
-        const auto here = std::this_thread::get_id();
-        // An executor that returns only when the piece has been run can't be waited for in it.
-        const bool waits = poster_ != here && !(runs && runner_ == here);
-        const auto end = Clock::now() + std::chrono::seconds{1};
-        while (waits && posting_ && changed_.wait_until(lock, end) == std::cv_status::no_timeout) {}
-        left_ = posting_;
-        lock.unlock();
-        if (!left_) {
-            forgetExecutor();
-        }
-        return runs;
-    }
-    // Whether the calling thread is in the midst of it.
-    bool runsHere() noexcept {
-        const std::lock_guard lock{mutex_};
-        return state_ == State::runs && runner_ == std::this_thread::get_id();
     }
 
 protected:
@@ -134,6 +126,29 @@ private:
     friend class zelvo::Task;
     enum class State { over, waits, runs };
 
+    bool closeIt() {
+        std::unique_lock lock{mutex_};
+        closed_ = true;
+        if (state_ == State::waits) {
+            finish();
+        }
+        const bool runs = state_ == State::runs;
+        const auto here = std::this_thread::get_id();
+        // An executor that returns only when the piece has been run can't be waited for in it.
+        const bool waits = poster_ != here && !(runs && runner_ == here);
+        const auto end = Clock::now() + std::chrono::seconds{1};
+        while (waits && posting_ && changed_.wait_until(lock, end) == std::cv_status::no_timeout) {}
+        left_ = posting_;
+        lock.unlock();
+        if (!left_) {
+            forgetExecutor();
+        }
+        return runs;
+    }
+    bool isInThisThread() noexcept {
+        const std::lock_guard lock{mutex_};
+        return state_ == State::runs && runner_ == std::this_thread::get_id();
+    }
     void drop(std::uint64_t number) noexcept {
         const std::lock_guard lock{mutex_};
         if (number == number_ && state_ == State::waits) {
@@ -163,6 +178,8 @@ private:
         return done_;
     }
 
+    static const Ways kWays;
+    const Ways &ways_ = kWays;
     std::mutex mutex_;
     std::condition_variable changed_;
     State state_ = State::over;

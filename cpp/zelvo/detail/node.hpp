@@ -12,10 +12,11 @@ namespace zelvo::detail {
 // Why there is no client of that name. C functions don't tell; another one sees whether it can be:
 // then it was the name.
 inline Cause refusalOf(BusState &bus, const std::string &name) {
-    const std::string probe = bus.helpers().nameFor(name);
-    Helpers::Client client{name};
-    client.client = busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr);
-    return client.client ? Cause::name_taken : Cause::bus_full;
+    const std::string probe = bus.helperNames().next(name);
+    client_t *const client =
+        busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr);
+    busClientClose(client);
+    return client ? Cause::name_taken : Cause::bus_full;
 }
 inline client_t *joined(BusState &bus, const std::string &name, onmessage_callback onMessage,
                         oncall_callback onCall, void *node) {
@@ -64,7 +65,9 @@ inline void NodeState::run() noexcept {
         keep = std::move(keep_);
     }
     turns_.pass();
-    forgetCalls();
+    if (const Calling *const calling = calling_) {
+        (this->*calling->forget)();
+    }
     if (keep || !hops_) {
         forgetHandlers();
     }
@@ -83,7 +86,8 @@ ZELVO_RARE inline bool NodeState::settle() noexcept {
         const std::lock_guard lock{mutex_};
         changes.prependAll(changes_);
         change_count_ = 0;
-        attention_ = leaving_ || !arm();
+        const Timing *const timing = timing_;
+        attention_ = leaving_ || (timing && !(this->*timing->arm)());
         if (calls_.hasReady()) {
             wake();
         }
@@ -106,7 +110,7 @@ ZELVO_RARE inline bool NodeState::settle() noexcept {
 
 ZELVO_RARE inline void NodeState::rarely(Step work, void *object) noexcept {
     if (hops_) {
-        inLoop(work, object);
+        hops_->serve(*this, work, object);
     } else {
         settled(work, object);
     }
@@ -119,6 +123,12 @@ inline void NodeState::settled(Step work, void *object) noexcept {
     if (attention_) {
         settle();
     }
+}
+
+inline constexpr Hops::Ways Hops::kWays{NodeState::workInLoop, &Hops::closeIt,
+                                        &Hops::isInThisThread};
+inline void NodeState::workInLoop(NodeState &node, Step work, void *object) noexcept {
+    node.inLoop(work, object);
 }
 
 inline void NodeState::inLoop(Step work, void *object) noexcept {
@@ -152,6 +162,29 @@ inline void NodeState::inLoop(Step work, void *object) noexcept {
     }
     if (leaving_) {
         goQuietly();
+    }
+}
+
+inline int NodeState::onTimer(void *userdata, client_t * /*client*/, int type) noexcept {
+    NodeState &node = of(userdata);
+    {
+        const std::lock_guard lock{node.mutex_};
+        if (type == 0) {
+            node.wakes_ = false;
+        } else {
+            (node.*node.timing_.load()->note)(type);
+        }
+    }
+    node.guarded(&NodeState::runDue);
+    return 0;
+}
+
+inline void NodeState::runDue() noexcept {
+    if (const Calling *const calling = calling_) {
+        (this->*calling->run)();
+    }
+    if (const Timing *const timing = timing_) {
+        (this->*timing->run)();
     }
 }
 
@@ -191,8 +224,10 @@ inline void NodeState::leave(BusPtr bus) {
         leaving_ = true;
         attention_ = true;
     }
-    forgetCalls();
-    bus_.helpers().leave(name_);
+    if (const Calling *const calling = calling_) {
+        (this->*calling->forget)();
+        (this->*calling->leave)();
+    }
     if (hops_ && !hops_->close()) {
         forgetHandlers(); // otherwise the loop does, as it ends what it runs
     }
@@ -210,12 +245,15 @@ inline void NodeState::leave(BusPtr bus) {
 }
 
 inline void NodeState::forgetHandlers() {
-    TimerQueue timers;
-    OwningChain<Change> changes;
-    const auto handlers = handlers_.takeAll();
-    const std::lock_guard lock{mutex_};
-    timers = timers_.takeAll();
-    changes.prependAll(changes_);
+    {
+        OwningChain<Change> changes;
+        const auto handlers = handlers_.takeAll();
+        const std::lock_guard lock{mutex_};
+        changes.prependAll(changes_);
+    }
+    if (const Timing *const timing = timing_) {
+        (this->*timing->forget)();
+    }
 }
 
 inline bool NodeState::endLoop(bool (*giveUp)(void *node)) {

@@ -16,20 +16,21 @@ inline Answer NodeState::call(const char *url, std::string_view data) {
         return noAnswer(noTurn());
     }
     if (!leaving_ && deadline && hasWaited(*deadline, timeout_) && !isOfTheBus(hostOf(url)) &&
-        bus_.helpers().any()) {
+        bus_.handOver()) {
         turn.pass();
-        return callUntil(*deadline, url, data);
+        return bus_.handOver()(*this, *deadline, url, data);
     }
     return askInTurn(url, data, deadline);
 }
 
-inline Answer NodeState::callUntil(Clock::time_point end, const char *url, std::string_view data) {
-    const auto keep = shared_from_this();
+inline Answer NodeState::callUntil(NodeState &node, Clock::time_point end, const char *url,
+                                   std::string_view data) {
+    const auto keep = node.shared_from_this();
     auto *const made = new FutureCall<Answer, decltype(&asItIs)>{url, data, asItIs};
     const AsyncCallPtr call = held(made);
     auto future = made->future();
-    callAsync(call);
-    if (future.wait_until(end) != std::future_status::ready && cancel(call)) {
+    node.callAsync(call);
+    if (future.wait_until(end) != std::future_status::ready && node.cancel(call)) {
         return noAnswer(Cause::timed_out);
     }
     return future.get();
@@ -53,10 +54,14 @@ inline void NodeState::callAsync(const AsyncCallPtr &call) {
         abandon(*call, Cause::left);
         return;
     }
+    static constexpr Calling kCalling{&NodeState::runCompletions, &NodeState::forgetCalls,
+                                      &NodeState::leaveHelpers};
+    Helpers &helpers = bus_.helpers(); // there from now on, so that leaving takes no memory
+    calling_ = &kCalling;
     calls_.add(call);
     bool taken = false;
     try {
-        taken = bus_.helpers().add(call);
+        taken = helpers.add(call);
     } catch (...) {
         OpenCalls::takeBack(*call);
         throw;
@@ -126,6 +131,10 @@ inline void NodeState::forgetCalls() noexcept {
         bus_.helpers().drop(*call);
         abandon(*call, Cause::left);
     }
+}
+
+inline void NodeState::leaveHelpers() noexcept {
+    bus_.helpers().leave(name_);
 }
 
 } // namespace zelvo::detail

@@ -36,7 +36,9 @@ public:
     // ---- calls: node_calls.hpp ----
 
     Answer call(const char *url, std::string_view data);
-    Answer callUntil(Clock::time_point end, const char *url, std::string_view data);
+    // By a helper.
+    static Answer callUntil(NodeState &node, Clock::time_point end, const char *url,
+                            std::string_view data);
     // A call whose end() or forget() is run in any case.
     void callAsync(const AsyncCallPtr &call);
     // In a helper's thread, where nothing of the user's is run or destroyed.
@@ -58,6 +60,21 @@ public:
     bool cancel(const TimerPtr &timer);
 
 private:
+    friend class Hops;
+    // Timers, and calls that are not waited for, are reached by these, which their first use sets:
+    // a program that uses none compiles none of it.
+    struct Timing {
+        void (NodeState::*note)(int number) noexcept; // with mutex_, like the next
+        bool (NodeState::*arm)() noexcept;
+        void (NodeState::*run)() noexcept;
+        void (NodeState::*forget)();
+    };
+    struct Calling {
+        void (NodeState::*run)() noexcept;
+        void (NodeState::*forget)() noexcept;
+        void (NodeState::*leave)() noexcept;
+    };
+
     static NodeState &of(void *userdata) noexcept { return *static_cast<NodeState *>(userdata); }
     static std::string_view viewOf(const char *data, int length) noexcept {
         return {data, static_cast<std::size_t>(length)};
@@ -77,11 +94,14 @@ private:
     template <class... Arguments>
     void guarded(void (NodeState::*work)(Arguments...) noexcept, Arguments... arguments) noexcept;
     void rarely(Step work, void *object) noexcept;
+    static void workInLoop(NodeState &node, Step work, void *object) noexcept;
     void inLoop(Step work, void *object) noexcept;
     void settled(Step work, void *object) noexcept;
     template <class Run>
     void reported(Run &&run) noexcept;
     void reportCurrent() noexcept;
+    // Completions and timers.
+    void runDue() noexcept;
     // Makes the changes that wait, and asks for the looks that there was no memory for. False: the
     // node is leaving.
     bool settle() noexcept;
@@ -119,6 +139,8 @@ private:
     void runCompletions() noexcept;
     // Futures become ready without an answer, completions never run.
     void forgetCalls() noexcept;
+    // The node's helpers leave the bus.
+    void leaveHelpers() noexcept;
 
     // ---- handlers ----
 
@@ -133,12 +155,12 @@ private:
 
     // ---- timers ----
 
-    // With mutex_. False: memory is short.
+    // With mutex_, like the next. False: memory is short.
     bool arm() noexcept;
-    void noteTimer(int type) noexcept;
+    void noteTimer(int number) noexcept;
     TimerQueue::node_type takeDue(Clock::time_point now) noexcept;
     void runTimers() noexcept;
-    void runDue() noexcept;
+    void forgetTimers();
 
     BusState &bus_; // gone once the node is, which whoever has a turn finds out first
     const std::chrono::milliseconds timeout_;
@@ -154,11 +176,13 @@ private:
 
     std::mutex mutex_; // of all below that is not atomic
     OwningChain<Change> changes_;
-    std::size_t change_count_ = 0; // since they were last looked at
-    Timers timers_;
+    std::size_t change_count_ = 0;   // since they were last looked at
+    std::shared_ptr<Timers> timers_; // or null
     OpenCalls calls_;
     BusPtr keep_;        // of a node that nobody waits for
     bool wakes_ = false; // a look has been asked for
+    std::atomic<const Timing *> timing_{nullptr};
+    std::atomic<const Calling *> calling_{nullptr};
     std::atomic<std::size_t> unreadable_{0};
     std::atomic<bool> gone_{false};        // the client must not be used; set in a turn, too
     std::atomic<bool> leaving_{false};     // no handler begins

@@ -7,43 +7,32 @@
 namespace zelvo::detail {
 
 inline void NodeState::addTimer(const TimerPtr &timer, Clock::duration wait) {
+    static constexpr Timing kTiming{&NodeState::noteTimer, &NodeState::arm, &NodeState::runTimers,
+                                    &NodeState::forgetTimers};
     const std::lock_guard lock{mutex_};
-    timers_.add(timer, later(Clock::now(), wait));
+    if (!timers_) {
+        timers_.reset(new Timers);
+        timing_ = &kTiming;
+    }
+    timers_->add(timer, later(Clock::now(), wait));
     if (!arm()) {
-        timers_.remove(*timer);
+        timers_->remove(*timer);
         throw std::bad_alloc{};
     }
 }
 
 inline bool NodeState::cancel(const TimerPtr &timer) {
     const std::lock_guard lock{mutex_};
-    const bool waits = timers_.remove(*timer) || (timer->period.count() > 0 && !leaving_);
+    const bool waits = timers_->remove(*timer) || (timer->period.count() > 0 && !leaving_);
     return waits && !std::exchange(timer->cancelled, true);
 }
 
-inline int NodeState::onTimer(void *userdata, client_t * /*client*/, int type) noexcept {
-    NodeState &node = of(userdata);
-    node.noteTimer(type);
-    node.guarded(&NodeState::runDue);
-    return 0;
-}
-
-inline void NodeState::runDue() noexcept {
-    runCompletions();
-    runTimers();
-}
-
-inline void NodeState::noteTimer(int type) noexcept {
-    const std::lock_guard lock{mutex_};
-    if (type == 0) {
-        wakes_ = false;
-    } else {
-        timers_.note(type);
-    }
+inline void NodeState::noteTimer(int number) noexcept {
+    timers_->note(number);
 }
 
 inline bool NodeState::arm() noexcept try {
-    return gone_ || timers_.arm([this](long milliseconds, int number) {
+    return gone_ || timers_->arm([this](long milliseconds, int number) {
         return busClientSettimer(client_, onTimer, milliseconds, number, this) != -1;
     });
 } catch (const std::bad_alloc &) {
@@ -52,7 +41,7 @@ inline bool NodeState::arm() noexcept try {
 
 inline TimerQueue::node_type NodeState::takeDue(Clock::time_point now) noexcept {
     const std::lock_guard lock{mutex_};
-    return leaving_ ? TimerQueue::node_type{} : timers_.takeDue(now);
+    return leaving_ ? TimerQueue::node_type{} : timers_->takeDue(now);
 }
 
 inline void NodeState::runTimers() noexcept {
@@ -62,7 +51,7 @@ inline void NodeState::runTimers() noexcept {
         reported([&] { timer->run(timer); });
         const std::lock_guard lock{mutex_};
         if (timer->period.count() > 0 && !timer->cancelled) {
-            timers_.repeat(std::move(taken));
+            timers_->repeat(std::move(taken));
         }
     }
     reported([&] {
@@ -72,6 +61,12 @@ inline void NodeState::runTimers() noexcept {
             throw std::bad_alloc{};
         }
     });
+}
+
+inline void NodeState::forgetTimers() {
+    TimerQueue timers;
+    const std::lock_guard lock{mutex_};
+    timers = timers_->takeAll();
 }
 
 } // namespace zelvo::detail
