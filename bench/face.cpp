@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <deque>
 #include <thread>
 
@@ -75,17 +76,33 @@ std::unique_ptr<Publisher> publisher(const Shape &shape, Sink &sink) {
     return std::make_unique<FacePublisher>(shape, sink);
 }
 
-// As FacePublisher, but what travels is a struct.
-class TypedPublisher final : public Publisher {
+// As FacePublisher, but what travels is a struct: by a typed topic, or as bytes that the handler
+// copies into one itself.
+template <bool kTyped>
+class StructPublisher final : public Publisher {
 public:
-    TypedPublisher(const Shape & /*shape*/, Sink &sink) {
-        subscriber_.subscribe(kTopic, [&sink](const Payload &payload) {
+    StructPublisher(const Shape & /*shape*/, Sink &sink) {
+        const auto receive = [&sink](const Payload &payload) {
             sink.receive(0, payload.data, sizeof payload.data);
-        });
+        };
+        if constexpr (kTyped) {
+            subscriber_.subscribe(kTopic, receive);
+        } else {
+            subscriber_.subscribe(kTopic.name(), [receive](std::string_view data) {
+                Payload payload;
+                if (data.size() == sizeof payload) {
+                    std::memcpy(&payload, data.data(), sizeof payload);
+                    receive(payload);
+                }
+            });
+        }
     }
     void publish(int /*publisher*/, std::string_view payload) override {
-        // Both are bytes, and as many.
-        publisher_.publish(kTopic, *reinterpret_cast<const Payload *>(payload.data()));
+        if constexpr (kTyped) { // both are bytes, and as many
+            publisher_.publish(kTopic, *reinterpret_cast<const Payload *>(payload.data()));
+        } else {
+            publisher_.publish(kTopic.name(), payload);
+        }
     }
 
 private:
@@ -98,8 +115,9 @@ private:
     zelvo::Node publisher_{bus_, "publisher-0"};
     zelvo::Node subscriber_{bus_, "subscriber-0"};
 };
-std::unique_ptr<Publisher> typedPublisher(const Shape &shape, Sink &sink) {
-    return std::make_unique<TypedPublisher>(shape, sink);
+template <bool kTyped>
+std::unique_ptr<Publisher> structPublisher(const Shape &shape, Sink &sink) {
+    return std::make_unique<StructPublisher<kTyped>>(shape, sink);
 }
 
 // Calls to a node whose handlers run in another thread's loop.
@@ -158,6 +176,7 @@ int main(int argc, char **argv) {
                publisher,
                {"call-2", "publish-64", "publish-4-to-1", "publish-4-pairs"},
                {{"async-16", async16}, {"call-hop", callHop}}},
-        System{"Zelvo C++ typed", nullptr, typedPublisher, {"publish-64"}, {}}};
+        System{"Zelvo C++ typed", nullptr, structPublisher<true>, {"publish-64"}, {}},
+        System{"Zelvo C++ bytes", nullptr, structPublisher<false>, {"publish-64"}, {}}};
     return bench::run(argc, argv, systems);
 }
