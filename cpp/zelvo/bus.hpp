@@ -15,7 +15,8 @@
 //             destroyed.
 //             Threads bear the names of their nodes. A process that forks has none of them in the
 //             child: there nothing of a bus that was made before may be used or destroyed, so the
-//             child has to go on to exec or _exit. A handler may call std::exit.
+//             child has to go on to exec or _exit. A handler may call std::exit. A module that has
+//             used a bus of another one is unloaded when that bus has ended, not before.
 // Blocking.   Making a node, call, subscribe, unsubscribe, a Subscription's cancel, Keys, nodes and
 //             stats wait for an answer, Config::call_timeout at most where that is set, and for
 //             each of the few answers that making a node takes. Threads that wait through

@@ -69,7 +69,7 @@ public:
     Zelvo_t *native() const noexcept { return bus_; }
     // Made when they are first asked for.
     Helpers &helpers() {
-        const std::lock_guard lock{mutex_};
+        const std::lock_guard lock{helpers_mutex_};
         if (!helpers_) {
             helpers_.reset(new Helpers{bus_, names_, most_helpers_, most_waiting_, timeout_});
         }
@@ -102,21 +102,21 @@ public:
         std::thread::id thread{}; // the node's, once that has begun
     };
     void enter(Caller &caller) noexcept {
-        const std::lock_guard lock{mutex_};
+        const std::lock_guard lock{nodes_mutex_};
         nodes_.append(caller);
     }
     void begin(Caller &caller) noexcept {
-        const std::lock_guard lock{mutex_};
+        const std::lock_guard lock{nodes_mutex_};
         caller.thread = std::this_thread::get_id();
     }
     void takeOut(Caller &caller) noexcept {
-        const std::lock_guard lock{mutex_};
+        const std::lock_guard lock{nodes_mutex_};
         caller.unlink();
     }
     // Whether the node waits for the answer of one whose handler this thread runs, or of one that
     // waits for it.
     bool waitsForThisThread(const Caller &node) noexcept {
-        const std::lock_guard lock{mutex_};
+        const std::lock_guard lock{nodes_mutex_};
         const Caller *at = calleeOf(node);
         for (auto *step = nodes_.first(); step && at; step = nodes_.after(*step)) {
             if (at->isHandledHere()) {
@@ -143,7 +143,7 @@ public:
     }
 
 private:
-    // With mutex_; or null. Of two with the name the later: the other has just left.
+    // With nodes_mutex_; or null. Of two with the name the later: the other has just left.
     const Caller *calleeOf(const Caller &node) const noexcept {
         const Caller *found = nullptr;
         for (const Caller *caller = nodes_.first(); caller; caller = nodes_.after(*caller)) {
@@ -171,8 +171,9 @@ private:
     Zelvo_t *const bus_;
     HelperNames names_;
     std::atomic<bool> left_{false};
-    std::mutex mutex_; // of the next two
+    std::mutex nodes_mutex_;
     Chain<Caller> nodes_;
+    std::mutex helpers_mutex_;
     std::shared_ptr<Helpers> helpers_; // knows how to destroy them: who has none compiles none
     Loop loop_;
 };
