@@ -61,7 +61,7 @@ public:
     // std::system_error when there is no thread for it, and what a copy of Config::on_error throws.
     explicit Bus(const Config &config)
         : state_{new detail::BusState{config, detail::NodeState::callUntil}} {}
-    explicit Bus() : state_{new detail::BusState{{}, nullptr}} {}
+    Bus() : state_{new detail::BusState{{}, nullptr}} {}
     Bus(const Bus &) = delete;
     Bus &operator=(const Bus &) = delete;
     Bus(Bus &&) noexcept = default;

@@ -245,15 +245,13 @@ inline void NodeState::leave(BusPtr bus) {
 }
 
 inline void NodeState::forgetHandlers() {
-    {
-        OwningChain<Change> changes;
-        const auto handlers = handlers_.takeAll();
-        const std::lock_guard lock{mutex_};
-        changes.prependAll(changes_);
-    }
     if (const Timing *const timing = timing_) {
-        (this->*timing->forget)();
+        (this->*timing->forget)(); // before what may cancel one as it goes
     }
+    OwningChain<Change> changes;
+    const auto handlers = handlers_.takeAll();
+    const std::lock_guard lock{mutex_};
+    changes.prependAll(changes_);
 }
 
 inline bool NodeState::endLoop(bool (*giveUp)(void *node)) {

@@ -15,10 +15,11 @@ inline Answer NodeState::call(const char *url, std::string_view data) {
     if (!turn.owned()) {
         return noAnswer(noTurn());
     }
-    if (!leaving_ && deadline && hasWaited(*deadline, timeout_) && !isOfTheBus(hostOf(url)) &&
-        bus_.handOver()) {
+    const auto handOver = bus_.handOver(); // who has no turn must not look at the bus
+    if (handOver && !leaving_ && deadline && hasWaited(*deadline, timeout_) &&
+        !isOfTheBus(hostOf(url))) {
         turn.pass();
-        return bus_.handOver()(*this, *deadline, url, data);
+        return handOver(*this, *deadline, url, data);
     }
     return askInTurn(url, data, deadline);
 }
