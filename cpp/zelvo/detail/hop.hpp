@@ -63,7 +63,7 @@ public:
         bool (Hops::*runsHere)() noexcept;
     };
     // Has the loop do a node's work.
-    void serve(NodeState &node, Step work, void *object) noexcept {
+    void serve(NodeState &node, Step work, void *object) const noexcept {
         ways_.serve(node, work, object);
     }
     // Nothing begins any more, and the executor goes: the loop may be about to. True: a piece is in
