@@ -15,6 +15,7 @@ make_root() {
     archive=$root/build/clean-root-$release.tar
     clean=$(mktemp -d -p /var/tmp zelvo-root.XXXXXX)
     if [[ ! -e $archive ]]; then
+        script/setup root
         step "make a clean root"
         as_root debootstrap --variant=minbase "$release" "$clean" http://deb.debian.org/debian \
             >"$work/log" 2>&1 || {
