@@ -105,8 +105,7 @@ public:
     // beginning of "bus" or "localKeys"; otherwise std::invalid_argument. Throws Error when the
     // name is taken (Cause::name_taken), the bus is full (bus_full), its queue is (lost), or there
     // is no answer in time (timed_out); std::system_error when there is no thread for it.
-    Node(const Bus &bus, const CText &name)
-        : Node{bus, std::string{name.c_str()}, detail::HopsPtr{}} {}
+    Node(const Bus &bus, const CText &name) : Node{bus, name, detail::HopsPtr{}} {}
     // The same, but all that is said here to run in the node's thread, handlers, timers and
     // completions, runs where executor has it run: a callable that takes a zelvo::Task, which is a
     // function of no arguments that can be moved only, and runs it later, one after the other in
@@ -122,7 +121,7 @@ public:
     // was for is lost.
     template <class Executor>
     Node(const Bus &bus, const CText &name, Executor executor)
-        : Node{bus, std::string{name.c_str()}, detail::hopsOf(std::move(executor))} {}
+        : Node{bus, name, detail::hopsOf(std::move(executor))} {}
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
     Node(Node &&) noexcept = default;
@@ -225,8 +224,8 @@ public:
                       "zelvo: a handler of this topic takes (const Value &), of the topic's type");
         if constexpr (fits) {
             detail::require(handler);
-            return subscribeTo(topic.name(), detail::held(new detail::ValueHandler<Value, Handler>{
-                                                 state(), handler}));
+            return subscribeTo(topic.name(),
+                               detail::held(new detail::ValueHandler<Value, Handler>{handler}));
         } else {
             return {}; // or there is a warning beside the error
         }
@@ -257,13 +256,13 @@ public:
     void on_call(const CText &path, Handler handler) {
         setCall(checkedPath(path), handler);
     }
-    void on_call(const CText &path, std::nullptr_t) { state().setPath(checkedPath(path), nullptr); }
+    void on_call(const CText &path, std::nullptr_t) { state().setPath(checkedPath(path), {}); }
     // The same for every path without its own.
     template <class Handler>
     void on_call(Handler handler) {
         setCall("", handler);
     }
-    void on_call(std::nullptr_t) { state().setPath("", nullptr); }
+    void on_call(std::nullptr_t) { state().setPath("", {}); }
     // Answers calls of a service. handler(const Question &question) gives a Reply, or a
     // std::optional of one. A question that does not decode is answered as not implemented, and
     // told as a message is. Throws std::invalid_argument for a service of another node.
@@ -275,13 +274,12 @@ public:
         if constexpr (fits) {
             detail::require(handler);
             using Server = detail::ServiceHandler<Question, Reply, Handler>;
-            const std::string path = ownPath(service.url());
-            state().setPath(path, detail::held(new Server{state(), handler}));
+            state().setPath(ownPath(service.url()), detail::held(new Server{handler}));
         }
     }
     template <class Question, class Reply>
     void on_call(const Service<Question, Reply> &service, std::nullptr_t) {
-        state().setPath(ownPath(service.url()), nullptr);
+        state().setPath(ownPath(service.url()), {});
     }
 
     // ---- calling ----
@@ -428,12 +426,13 @@ private:
         }
         return *state_;
     }
-    Node(const Bus &bus, const std::string &name, detail::HopsPtr hops)
+    Node(const Bus &bus, const CText &name, detail::HopsPtr hops)
         : bus_{bus.state_},
-          state_{new detail::NodeState{bus.state(), checked(name), std::move(hops)}} {
+          state_{new detail::NodeState{bus.state(), checked(name.c_str()), std::move(hops)}} {
         state_->start();
     }
-    static const std::string &checked(const std::string &name) {
+    static const char *checked(const char *text) {
+        const std::string_view name = text;
         const char *why = nullptr;
         if (name.empty() || name.size() > 127) {
             why = "it has to have 1 to 127 bytes";
@@ -447,7 +446,7 @@ private:
             throw std::invalid_argument(
                 detail::concat({"zelvo: no name for a node, ", why, ": \"", name, "\""}));
         }
-        return name;
+        return text;
     }
     void close() noexcept {
         if (state_) {
@@ -477,23 +476,23 @@ private:
     }
     Subscription subscribeTo(const std::vector<std::string> &topics,
                              const detail::HandlerPtr &handler) {
-        std::vector<std::string> once = detail::eachOnce(topics);
-        state();
-        const auto node = state_; // a message may be about to destroy this
-        node->subscribe(once, handler);
-        return {node, handler, std::move(once)};
+        handler->names = detail::eachOnce(topics);
+        state().subscribe(handler);
+        return Subscription{handler};
     }
     Subscription subscribeTo(const CText &topic, const detail::HandlerPtr &handler) {
-        return subscribeTo(std::vector<std::string>{topic.c_str()}, handler);
+        handler->names.emplace_back(topic.c_str());
+        state().subscribe(handler);
+        return Subscription{handler};
     }
-    static std::string checkedPath(const CText &path) {
+    static const char *checkedPath(const CText &path) {
         if (path.c_str()[0] != '/') {
             throw std::invalid_argument("zelvo: a path begins with a slash");
         }
         return path.c_str();
     }
     template <class Handler>
-    void setCall(const std::string &path, Handler &handler) {
+    void setCall(const char *path, Handler &handler) {
         static_assert(detail::answers<Handler>(),
                       "zelvo: a handler of a call takes (std::string_view data), or "
                       "(std::string_view path, std::string_view data), and gives a text, a number, "
@@ -503,13 +502,13 @@ private:
             state().setPath(path, detail::held(new detail::PathHandler<Handler>{handler}));
         }
     }
-    std::string ownPath(const CText &service) const {
+    const char *ownPath(const CText &service) const {
         const std::string_view url = service.c_str();
         if (detail::hostOf(url) != name() || url.size() < name().size() + 2) {
             throw std::invalid_argument(
                 detail::concat({"zelvo: the service \"", url, "\" is none of node ", name()}));
         }
-        return std::string{url.substr(1 + name().size())};
+        return service.c_str() + 1 + name().size();
     }
     template <class Value, class Read>
     Future<Value> beginFuture(const char *url, std::string_view data, Read read) const {
@@ -519,10 +518,8 @@ private:
         return {std::move(future), begin(owner)};
     }
     PendingCall begin(const detail::AsyncCallPtr &call) const {
-        state();
-        const auto node = state_; // the completion may be about to destroy this
-        node->callAsync(call);
-        return {node, call};
+        state().callAsync(call);
+        return PendingCall{call};
     }
     template <class Run>
     Timer addTimer(detail::Clock::duration wait, detail::Clock::duration period, Run &run) {
@@ -530,9 +527,8 @@ private:
                       "zelvo: a timer's function takes nothing, or (zelvo::Timer)");
         detail::require(run);
         if constexpr (std::is_invocable_v<Run &, Timer>) {
-            auto timed = [run = std::move(run), node = std::weak_ptr<detail::NodeState>{state_}](
-                             const detail::TimerPtr &timer) mutable {
-                run(Timer{node, timer});
+            auto timed = [run = std::move(run)](const detail::TimerPtr &timer) mutable {
+                run(Timer{timer});
             };
             using Entry = detail::TimerEntryOf<decltype(timed)>;
             return set(wait, detail::held(new Entry{period, timed}));
@@ -543,10 +539,8 @@ private:
         }
     }
     Timer set(detail::Clock::duration wait, const detail::TimerPtr &timer) {
-        state();
-        const auto node = state_; // the timer may be about to destroy this
-        node->addTimer(timer, wait);
-        return {node, timer};
+        state().addTimer(timer, wait);
+        return Timer{timer};
     }
 
     detail::BusPtr bus_;

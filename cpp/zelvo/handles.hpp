@@ -14,6 +14,18 @@ namespace zelvo {
 
 class Node;
 
+namespace detail {
+
+// Of what a node has got, and may have got rid of.
+template <class Thing>
+bool cancelled(const std::weak_ptr<Thing> &weak) {
+    const auto thing = weak.lock();
+    const auto node = thing ? thing->node.lock() : nullptr;
+    return node && node->cancel(thing);
+}
+
+} // namespace detail
+
 // What after() and every() give: a way to stop them. Copies stop the same timer; a timer whose
 // handles are gone runs all the same. Any thread may use it, also when its node has gone.
 class Timer {
@@ -22,19 +34,12 @@ public:
     // No run begins after this, except one that is about to in another thread; the function goes as
     // soon as it does not run. May be called from within it. True: there would have been another
     // run.
-    bool cancel() const {
-        const auto node = node_.lock();
-        const auto entry = entry_.lock();
-        return node && entry && node->cancel(entry);
-    }
+    bool cancel() const { return detail::cancelled(entry_); }
 
 private:
     friend class Node;
-    Timer(std::weak_ptr<detail::NodeState> node, const detail::TimerPtr &entry) noexcept
-        : node_{std::move(node)},
-          entry_{entry} {}
+    explicit Timer(const detail::TimerPtr &entry) noexcept : entry_{entry} {}
 
-    std::weak_ptr<detail::NodeState> node_;
     std::weak_ptr<detail::TimerEntry> entry_;
 };
 
@@ -47,23 +52,13 @@ public:
     // goes as the handlers do that are removed. May be called from within it. Waits for the bus,
     // where the node has no other handler for a topic of this one; the handler is over also where
     // the bus does not answer. True: it would have got further messages.
-    bool cancel() const {
-        const auto node = node_.lock();
-        const auto handler = handler_.lock();
-        return node && handler && node->cancel(handler, topics_);
-    }
+    bool cancel() const { return detail::cancelled(handler_); }
 
 private:
     friend class Node;
-    Subscription(std::weak_ptr<detail::NodeState> node, const detail::HandlerPtr &handler,
-                 std::vector<std::string> topics) noexcept
-        : node_{std::move(node)},
-          handler_{handler},
-          topics_{std::move(topics)} {}
+    explicit Subscription(const detail::HandlerPtr &handler) noexcept : handler_{handler} {}
 
-    std::weak_ptr<detail::NodeState> node_;
     std::weak_ptr<detail::Handler> handler_;
-    std::vector<std::string> topics_;
 };
 
 // What call_async() gives: a way to let go of the call. Copies let go of the same one; a call whose
@@ -73,19 +68,12 @@ public:
     PendingCall() noexcept = default; // of nothing
     // Its future is ready at once, with Cause::cancelled; its completion does not run. The node
     // that is called may handle it all the same. True: it was not over yet.
-    bool cancel() const {
-        const auto node = node_.lock();
-        const auto call = call_.lock();
-        return node && call && node->cancel(call);
-    }
+    bool cancel() const { return detail::cancelled(call_); }
 
 private:
     friend class Node;
-    PendingCall(std::weak_ptr<detail::NodeState> node, const detail::AsyncCallPtr &call) noexcept
-        : node_{std::move(node)},
-          call_{call} {}
+    explicit PendingCall(const detail::AsyncCallPtr &call) noexcept : call_{call} {}
 
-    std::weak_ptr<detail::NodeState> node_;
     std::weak_ptr<detail::AsyncCall> call_;
 };
 

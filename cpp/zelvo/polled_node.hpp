@@ -75,7 +75,7 @@ public:
     // Throws what Node's constructor throws; std::system_error also when there are no more
     // descriptors.
     PolledNode(const Bus &bus, const CText &name)
-        : PolledNode{bus, std::string{name.c_str()}, std::make_shared<detail::Inbox>()} {}
+        : PolledNode{bus, name, std::make_shared<detail::Inbox>()} {}
 
     // Can be read while there is something to dispatch; not to be read or closed. On Windows it is
     // a handle to wait for. Good as long as the node.
@@ -116,7 +116,7 @@ public:
     }
 
 private:
-    PolledNode(const Bus &bus, const std::string &name, std::shared_ptr<detail::Inbox> inbox)
+    PolledNode(const Bus &bus, const CText &name, std::shared_ptr<detail::Inbox> inbox)
         : Node{bus, name, detail::HopsPtr{inbox}},
           inbox_{std::move(inbox)} {}
 

@@ -18,6 +18,8 @@
 
 namespace zelvo::detail {
 
+class NodeState;
+
 // ---- how a handler may look ----
 
 using View = std::string_view;
@@ -126,10 +128,15 @@ public:
     Handler() = default;
     Handler(const Handler &) = delete;
     Handler &operator=(const Handler &) = delete;
-    virtual ~Handler() = default;
+    ZELVO_RARE virtual ~Handler() = default; // out of line, as each user's handler has it
     // The answer to a call; null: none.
     virtual char *run(View name, View data) = 0;
+    // Told of what does not decode.
+    void cannotRead(View name, std::size_t size, std::size_t expected) const;
 
+    // Set once, before the node gets it.
+    std::weak_ptr<NodeState> node;
+    std::vector<std::string> names;     // its topics, each once, or its path
     std::atomic<bool> cancelled{false}; // it is not run any more
 };
 using HandlerPtr = std::shared_ptr<Handler>;
@@ -196,10 +203,10 @@ inline std::vector<std::string> eachOnce(const std::vector<std::string> &names) 
 struct Change : Link {
     enum class Kind { add, remove, set };
     Kind kind;
-    std::vector<std::string> names;
-    // To be added to the topics, or removed from them: all of theirs, where it is null. To be set
-    // for a path: none any more, where it is null.
+    // To be added to its topics, removed from them, or set for its path. Null: all of the names go.
     HandlerPtr handler;
+    std::vector<std::string> names;
+    std::size_t made = 0; // of its names
 };
 
 // Only the node's own thread looks at them, and changes them between two messages: so a handler
@@ -218,11 +225,12 @@ public:
     Handlers &operator=(const Handlers &) = delete;
     ~Handlers() = default;
 
-    // Names go as they are made, so that it can be gone on with where memory was short.
+    // Can be gone on with where memory was short.
     void make(Change &change) {
         forgetLatest();
-        for (; !change.names.empty(); change.names.pop_back()) {
-            const std::string &name = change.names.back();
+        const auto &names = change.handler ? change.handler->names : change.names;
+        for (; change.made != names.size(); ++change.made) {
+            const std::string &name = names[change.made];
             switch (change.kind) {
             case Change::Kind::add:
                 topics_.emplace(name, change.handler);
@@ -292,17 +300,18 @@ private:
 // What a node has subscribed to with the bus, and for which handlers. It keeps none of them.
 class Subscriptions {
 public:
-    std::vector<std::string> notIn(const std::vector<std::string> &topics) const {
-        std::vector<std::string> missing;
-        for (const std::string &topic : topics) {
+    // Those of the handler's topics that have none, as JSON; "" where there are none.
+    std::string freshOf(const Handler &handler) const {
+        std::string fresh;
+        for (const std::string &topic : handler.names) {
             if (handlers_.find(topic) == handlers_.end()) {
-                missing.push_back(topic);
+                appendItem(fresh, topic);
             }
         }
-        return missing;
+        return fresh;
     }
-    void add(const std::vector<std::string> &topics, Handler &handler) {
-        for (const std::string &topic : topics) {
+    void add(Handler &handler) {
+        for (const std::string &topic : handler.names) {
             handlers_.emplace(topic, HandlerPtr{HandlerPtr{}, &handler});
         }
     }
@@ -311,22 +320,21 @@ public:
             handlers_.erase(topic);
         }
     }
-    // Those of the topics that have this handler and no other.
-    std::vector<std::string> onlyOf(const std::vector<std::string> &topics,
-                                    const Handler &handler) const {
-        std::vector<std::string> only;
-        for (const std::string &topic : topics) {
+    // The same of those that have no other.
+    std::string onlyOf(const Handler &handler) const {
+        std::string only;
+        for (const std::string &topic : handler.names) {
             const auto [entry, end] = handlers_.equal_range(topic);
             if (entry != end && entry->second.get() == &handler && std::next(entry) == end) {
-                only.push_back(topic);
+                appendItem(only, topic);
             }
         }
         return only;
     }
     // Whether the handler was there.
-    bool remove(const std::vector<std::string> &topics, const Handler &handler) {
+    bool remove(const Handler &handler) {
         bool was = false;
-        for (const std::string &topic : topics) {
+        for (const std::string &topic : handler.names) {
             auto [entry, end] = handlers_.equal_range(topic);
             while (entry != end && entry->second.get() != &handler) {
                 ++entry;

@@ -32,7 +32,7 @@ inline client_t *joined(BusState &bus, const std::string &name, onmessage_callba
     return client;
 }
 
-inline NodeState::NodeState(BusState &bus, const std::string &name, HopsPtr hops)
+inline NodeState::NodeState(BusState &bus, const char *name, HopsPtr hops)
     : bus_{bus},
       timeout_{bus.timeout()},
       name_{name},
@@ -295,6 +295,11 @@ inline bool NodeState::retire(BusPtr &bus) {
 inline bool Helpers::hasLeft(const AsyncCall &call) noexcept {
     const auto node = call.node.lock();
     return !node || node->leaving();
+}
+inline void Handler::cannotRead(View name, std::size_t size, std::size_t expected) const {
+    if (const auto its = node.lock()) {
+        its->noteUnreadable(name, size, expected);
+    }
 }
 inline void Helpers::finish(AsyncCall &call, Answer answer) noexcept {
     if (const auto node = call.node.lock()) {

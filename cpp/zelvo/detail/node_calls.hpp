@@ -26,7 +26,7 @@ inline Answer NodeState::call(const char *url, std::string_view data) {
 
 inline Answer NodeState::callUntil(NodeState &node, Clock::time_point end, const char *url,
                                    std::string_view data) {
-    const auto keep = node.shared_from_this();
+    const auto keep = node.shared_from_this(); // for cancel()
     auto *const made = new FutureCall<Answer, decltype(&asItIs)>{url, data, asItIs};
     const AsyncCallPtr call = held(made);
     auto future = made->future();
@@ -46,7 +46,8 @@ inline Answer NodeState::askInTurn(const char *url, std::string_view data,
 }
 
 inline void NodeState::callAsync(const AsyncCallPtr &call) {
-    call->node = weak_from_this();
+    const auto keep = shared_from_this(); // the completion may be about to destroy the node
+    call->node = keep;
     call->node_name = name_;
     std::unique_lock lock{mutex_};
     if (leaving_) {

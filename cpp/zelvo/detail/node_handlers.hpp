@@ -6,10 +6,10 @@
 
 namespace zelvo::detail {
 
-inline void NodeState::change(Change::Kind kind, const std::vector<std::string> &names,
-                              HandlerPtr handler) {
+inline void NodeState::change(Change::Kind kind, const HandlerPtr &handler,
+                              std::vector<std::string> names) {
     constexpr std::size_t kMany = 16;
-    auto *const made = new Change{{}, kind, names, std::move(handler)};
+    auto *const made = new Change{{}, kind, handler, std::move(names)};
     const std::lock_guard lock{mutex_};
     changes_.append(*made);
     attention_ = true;
@@ -20,30 +20,29 @@ inline void NodeState::change(Change::Kind kind, const std::vector<std::string> 
 
 // What the node does and what the bus does change in one turn, so that they do not come apart
 // where several threads make changes.
-inline void NodeState::subscribe(const std::vector<std::string> &topics,
-                                 const HandlerPtr &handler) {
+inline void NodeState::subscribe(const HandlerPtr &handler) {
     constexpr const char *url = "/bus/subscribe";
     const auto keep = shared_from_this();
+    handler->node = keep;
     const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
     if (!turn.owned()) {
         throw noAnswerError(url, noTurn());
     }
-    const std::vector<std::string> fresh = subscriptions_.notIn(topics);
-    const std::string json = jsonArray(fresh);
+    const std::string fresh = subscriptions_.freshOf(*handler);
     try {
-        subscriptions_.add(topics, *handler);
-        change(Change::Kind::add, topics, handler); // it is there before the first message
+        subscriptions_.add(*handler);
+        change(Change::Kind::add, handler); // it is there before the first message
         const Cause cause = gone_           ? Cause::left
                             : fresh.empty() ? Cause::answered
-                                            : askInTurn(url, json, deadline).cause;
+                                            : askInTurn(url, fresh, deadline).cause;
         if (cause != Cause::answered) {
             throw noAnswerError(url, cause);
         }
     } catch (...) {
         handler->cancelled = true;
-        subscriptions_.remove(topics, *handler);
-        change(Change::Kind::remove, topics, handler);
+        subscriptions_.remove(*handler);
+        change(Change::Kind::remove, handler);
         throw;
     }
 }
@@ -54,7 +53,7 @@ inline void NodeState::unsubscribe(const std::vector<std::string> &topics) {
     const auto keep = shared_from_this();
     const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
-    change(Change::Kind::remove, topics, nullptr);
+    change(Change::Kind::remove, nullptr, topics);
     if (turn.owned()) {
         subscriptions_.removeAll(topics);
     }
@@ -64,7 +63,7 @@ inline void NodeState::unsubscribe(const std::vector<std::string> &topics) {
     }
 }
 
-inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::string> &topics) {
+inline bool NodeState::cancel(const HandlerPtr &handler) {
     if (handler->cancelled.exchange(true)) {
         return false;
     }
@@ -72,14 +71,12 @@ inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::
     const auto keep = shared_from_this();
     const Deadline deadline = deadlineAfter(timeout_);
     const Turn turn{turns_, url, deadline};
-    std::vector<std::string> last;
-    std::string json;
+    std::string last;
     try { // of memory that is short
         if (turn.owned()) {
-            last = subscriptions_.onlyOf(topics, *handler);
-            json = jsonArray(last);
+            last = subscriptions_.onlyOf(*handler);
         }
-        change(Change::Kind::remove, topics, handler);
+        change(Change::Kind::remove, handler);
     } catch (...) {
         handler->cancelled = false;
         throw;
@@ -87,15 +84,21 @@ inline bool NodeState::cancel(const HandlerPtr &handler, const std::vector<std::
     if (!turn.owned()) {
         return !leaving_;
     }
-    const bool was = subscriptions_.remove(topics, *handler);
+    const bool was = subscriptions_.remove(*handler);
     if (!last.empty()) {
-        askInTurn(url, json, deadline); // or what comes has no handler
+        askInTurn(url, last, deadline); // or what comes has no handler
     }
     return was && !leaving_;
 }
 
-inline void NodeState::setPath(const std::string &path, HandlerPtr handler) {
-    change(Change::Kind::set, {path}, std::move(handler));
+inline void NodeState::setPath(const char *path, const HandlerPtr &handler) {
+    std::vector<std::string> names;
+    names.emplace_back(path);
+    if (handler) {
+        handler->node = weak_from_this();
+        handler->names.swap(names);
+    }
+    change(Change::Kind::set, handler, std::move(names));
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the type is given
@@ -145,16 +148,15 @@ inline void NodeState::answer(const char *url, std::string_view data, char **ans
 template <class Value, class Run>
 class ValueHandler final : public Handler {
 public:
-    ValueHandler(NodeState &node, Run &run) : node_{node}, run_{std::move(run)} {}
+    explicit ValueHandler(Run &run) : run_{std::move(run)} {}
     char *run(View topic, View data) override {
         if (!runDecoded<Value>(data, run_)) {
-            node_.noteUnreadable(topic, data.size(), SizeOf<Value>::value);
+            cannotRead(topic, data.size(), SizeOf<Value>::value);
         }
         return nullptr;
     }
 
 private:
-    NodeState &node_;
     Run run_;
 };
 
@@ -177,11 +179,11 @@ constexpr bool gives() {
 template <class Question, class Reply, class Run>
 class ServiceHandler final : public Handler {
 public:
-    ServiceHandler(NodeState &node, Run &run) : node_{node}, run_{std::move(run)} {}
+    explicit ServiceHandler(Run &run) : run_{std::move(run)} {}
     char *run(View path, View data) override {
         auto question = decoded<Question>(data);
         if (!question) {
-            node_.noteUnreadable(path, data.size(), SizeOf<Question>::value);
+            cannotRead(path, data.size(), SizeOf<Question>::value);
             return nullptr;
         }
         const std::optional<Reply> reply = run_(std::move(*question));
@@ -194,7 +196,6 @@ public:
     }
 
 private:
-    NodeState &node_;
     Run run_;
 };
 

@@ -15,7 +15,7 @@ namespace zelvo::detail {
 class NodeState : public std::enable_shared_from_this<NodeState> {
 public:
     // hops: null for a node whose thread does its work itself.
-    NodeState(BusState &bus, const std::string &name, HopsPtr hops);
+    NodeState(BusState &bus, const char *name, HopsPtr hops);
     NodeState(const NodeState &) = delete;
     NodeState &operator=(const NodeState &) = delete;
     ~NodeState() = default; // the client is closed by its thread
@@ -48,11 +48,12 @@ public:
 
     // ---- handlers: node_handlers.hpp ----
 
-    void subscribe(const std::vector<std::string> &topics, const HandlerPtr &handler);
+    // To the handler's topics.
+    void subscribe(const HandlerPtr &handler);
     void unsubscribe(const std::vector<std::string> &topics);
     // Whether there would have been another message for the handler.
-    bool cancel(const HandlerPtr &handler, const std::vector<std::string> &topics);
-    void setPath(const std::string &path, HandlerPtr handler);
+    bool cancel(const HandlerPtr &handler);
+    void setPath(const char *path, const HandlerPtr &handler);
 
     // ---- timers: node_timers.hpp ----
 
@@ -151,7 +152,7 @@ private:
     void answer(const char *url, std::string_view data, char **answer) noexcept;
     // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
     // node that hears nothing looks when many wait, so that it does not keep ever more.
-    void change(Change::Kind kind, const std::vector<std::string> &names, HandlerPtr handler);
+    void change(Change::Kind kind, const HandlerPtr &handler, std::vector<std::string> names = {});
 
     // ---- timers ----
 

@@ -9,6 +9,8 @@ namespace zelvo::detail {
 inline void NodeState::addTimer(const TimerPtr &timer, Clock::duration wait) {
     static constexpr Timing kTiming{&NodeState::noteTimer, &NodeState::arm, &NodeState::runTimers,
                                     &NodeState::forgetTimers};
+    const auto keep = shared_from_this(); // the timer may be about to destroy the node
+    timer->node = keep;
     const std::lock_guard lock{mutex_};
     if (!timers_) {
         timers_.reset(new Timers);

@@ -200,13 +200,22 @@ inline void appendJson(std::string &json, std::string_view text) {
     json += '"';
 }
 
-inline std::string jsonArray(const std::vector<std::string> &texts) {
-    std::string json = "[";
-    for (const std::string &text : texts) {
-        json += json.size() > 1 ? "," : "";
-        appendJson(json, CText{text}.c_str());
+// To an array, or to "" for one that has none.
+inline void appendItem(std::string &array, const std::string &text) {
+    if (array.empty()) {
+        array += '[';
+    } else {
+        array.back() = ',';
     }
-    return json + ']';
+    appendJson(array, CText{text}.c_str());
+    array += ']';
+}
+inline std::string jsonArray(const std::vector<std::string> &texts) {
+    std::string array;
+    for (const std::string &text : texts) {
+        appendItem(array, text);
+    }
+    return array.empty() ? "[]" : array;
 }
 
 } // namespace detail

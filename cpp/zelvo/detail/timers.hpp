@@ -10,6 +10,7 @@
 
 namespace zelvo::detail {
 
+class NodeState;
 class TimerEntry;
 using TimerPtr = std::shared_ptr<TimerEntry>;
 using TimerQueue =
@@ -23,7 +24,8 @@ public:
     virtual ~TimerEntry() = default;
     virtual void run(const TimerPtr &self) = 0;
 
-    const Clock::duration period; // 0: once
+    const Clock::duration period;  // 0: once
+    std::weak_ptr<NodeState> node; // set once, before it gets it
     // The rest is guarded as the timers are.
     TimerQueue::iterator place;
     bool waits = false; // and stands at place
