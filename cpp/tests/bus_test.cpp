@@ -83,15 +83,18 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
         EXPECT_TRUE(threads.empty() || threads.count(name) > 0) << name;
     }
     EXPECT_EQ(node.stats(), std::nullopt); // not configured
+    const Node other{bus, "other"};
     std::vector<client_t *> many;
     do {
         const std::string name = std::to_string(many.size());
         many.push_back(detail::connectSilently(bus.native(), name.c_str()));
     } while (many.back());
     EXPECT_NE(refusal("late").find("2,048"), std::string::npos);
+    EXPECT_EQ(other.call_async("/x").get().cause, Cause::lost); // no helper of its own can join
     for (client_t *const client : many) {
         busClientClose(client);
     }
+    EXPECT_EQ(other.call_async("/x").get().cause, Cause::no_node);
     config.log_megabytes = -1;
     EXPECT_THROW(Bus{config}, std::invalid_argument);
 }

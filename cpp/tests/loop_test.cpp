@@ -120,15 +120,19 @@ TEST(Loops, an_executor_that_loses_work_loses_a_message_at_most_and_no_timer) {
     config.on_error = [&](std::string_view, const std::exception_ptr &) { ++told; };
     const Bus bus{config};
     const Node lamp{bus, "lamp"};
-    for (const bool throws : {true, false}) {
+    std::vector<Task> kept;
+    for (const std::string_view way : {"throws", "returns", "keeps it and throws"}) {
         std::atomic<bool> loses{false};
         Node gui{bus, "gui", [&](Task task) {
                      if (!loses) {
                          return task();
                      }
-                     const Task gone = std::move(task);
+                     Task gone = std::move(task);
                      loses = false;
-                     return throws ? throw std::runtime_error("full") : void();
+                     if (way == "keeps it and throws") {
+                         kept.push_back(std::move(gone));
+                     }
+                     return way != "returns" ? throw std::runtime_error("full") : void();
                  }};
         for (int i = 0; i < 2; ++i) { // before it has done anything, and after that
             Gate done;
@@ -145,7 +149,7 @@ TEST(Loops, an_executor_that_loses_work_loses_a_message_at_most_and_no_timer) {
         EXPECT_EQ(lamp.call("/gui/x").cause, Cause::no_handler);
         EXPECT_EQ(lamp.call("/gui/x").cause, Cause::answered);
     }
-    EXPECT_EQ(told, 6); // of each
+    EXPECT_EQ(told, 9); // of each
 }
 
 TEST_F(Face, a_polled_node_tells_by_its_descriptor_what_there_is_to_do) {

@@ -182,7 +182,7 @@ using BusPtr = std::shared_ptr<BusState>;
 // Lets go of a bus. The last one to do so stops it; nodes that were destroyed in their own handlers
 // have left it before, except where it is a handler that lets go.
 inline void release(BusPtr &bus) noexcept {
-    if (bus && !insideNode()) {
+    if (!insideNode()) {
         Retired::instance().join(bus.get());
     }
     bus.reset();

@@ -48,7 +48,7 @@ ZELVO_RARE inline bool hasWaited(Clock::time_point deadline, std::chrono::millis
 // ---- addresses and answers ----
 
 inline std::string_view hostOf(std::string_view url) noexcept {
-    return url.size() < 2 ? std::string_view{} : url.substr(1, url.find('/', 2) - 1);
+    return url.empty() ? std::string_view{} : url.substr(1, url.find('/', 2) - 1);
 }
 // Whether the bus answers for this host itself; so it does for the first letters of its names.
 inline bool isOfTheBus(std::string_view host) noexcept {

@@ -28,7 +28,6 @@ public:
             if (string(&text) && text.compare(0, prefix.size(), prefix) != 0) {
                 into.push_back(std::move(text));
             }
-            skipBlanks();
         }
     }
 

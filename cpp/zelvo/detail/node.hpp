@@ -233,7 +233,7 @@ inline void NodeState::leave(BusPtr bus) {
     }
     const bool own = loop_.isThisThread() || (hops_ && hops_->runsHere());
     if (own) {
-        askToLeave();
+        askToLeave(); // while there is memory
     }
     if ((own || !endLoop(isHeld)) && retire(bus)) {
         return;

@@ -52,7 +52,6 @@ inline void NodeState::callAsync(const AsyncCallPtr &call) {
     std::unique_lock lock{mutex_};
     if (leaving_) {
         lock.unlock();
-        call->over = true;
         abandon(*call, Cause::left);
         return;
     }

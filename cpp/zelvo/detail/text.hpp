@@ -13,7 +13,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -154,8 +153,8 @@ constexpr bool isAnswer() {
 template <class Number>
 char *answerNumber(Number value) {
     char text[32]; // enough for the shortest form of any number
-    const auto [end, error] = std::to_chars(text, text + sizeof text, value);
-    return answerText({text, error == std::errc{} ? static_cast<std::size_t>(end - text) : 0});
+    const char *const end = std::to_chars(text, text + sizeof text, value).ptr;
+    return answerText({text, static_cast<std::size_t>(end - text)});
 }
 
 // The answer that the library frees; null for none.
