@@ -481,7 +481,7 @@ private:
         return Subscription{handler};
     }
     Subscription subscribeTo(const CText &topic, const detail::HandlerPtr &handler) {
-        handler->names.emplace_back(topic.c_str());
+        handler->names.push_back(topic.c_str());
         state().subscribe(handler);
         return Subscription{handler};
     }

@@ -39,7 +39,7 @@ public:
           completes{inNode} {}
     AsyncCall(const AsyncCall &) = delete;
     AsyncCall &operator=(const AsyncCall &) = delete;
-    virtual ~AsyncCall() = default;
+    ZELVO_RARE virtual ~AsyncCall() = default;
 
     // The answer, for whoever waits for it. Once, and not after forget().
     virtual void end(Answer answer) = 0;

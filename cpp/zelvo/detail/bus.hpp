@@ -60,7 +60,7 @@ public:
     }
     BusState(const BusState &) = delete;
     BusState &operator=(const BusState &) = delete;
-    ~BusState() {
+    ZELVO_RARE ~BusState() {
         helpers_.reset();
         loop_.end([](void *bus) { busClientServerExit(static_cast<Zelvo_t *>(bus)); }, nullptr);
         busClientDelete(bus_);
@@ -115,7 +115,7 @@ public:
     }
     // Whether the node waits for the answer of one whose handler this thread runs, or of one that
     // waits for it.
-    bool waitsForThisThread(const Caller &node) noexcept {
+    ZELVO_RARE bool waitsForThisThread(const Caller &node) noexcept {
         const std::lock_guard lock{nodes_mutex_};
         const Caller *at = calleeOf(node);
         for (auto *step = nodes_.first(); step && at; step = nodes_.after(*step)) {
@@ -181,7 +181,7 @@ using BusPtr = std::shared_ptr<BusState>;
 
 // Lets go of a bus. The last one to do so stops it; nodes that were destroyed in their own handlers
 // have left it before, except where it is a handler that lets go.
-inline void release(BusPtr &bus) noexcept {
+ZELVO_RARE inline void release(BusPtr &bus) noexcept {
     if (!insideNode()) {
         Retired::instance().join(bus.get());
     }

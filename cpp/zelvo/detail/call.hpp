@@ -80,7 +80,7 @@ inline Answer noAnswer(Cause cause) {
     return {{}, Outcome::none, cause};
 }
 
-inline Error noAnswerError(const char *url, Cause cause) {
+ZELVO_RARE inline Error noAnswerError(const char *url, Cause cause) {
     return Error{concat({"zelvo: the bus does not answer ", url, ": ", reason(cause)}), cause};
 }
 

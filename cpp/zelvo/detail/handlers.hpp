@@ -134,10 +134,10 @@ public:
     // Told of what does not decode.
     void cannotRead(View name, std::size_t size, std::size_t expected) const;
 
+    std::atomic<bool> cancelled{false}; // it is not run any more
     // Set once, before the node gets it.
     std::weak_ptr<NodeState> node;
-    std::vector<std::string> names;     // its topics, each once, or its path
-    std::atomic<bool> cancelled{false}; // it is not run any more
+    std::vector<std::string> names; // its topics, each once, or its path
 };
 using HandlerPtr = std::shared_ptr<Handler>;
 
@@ -193,7 +193,7 @@ inline std::vector<std::string> eachOnce(const std::vector<std::string> &names) 
     for (const std::string &name : names) {
         if (seen.find(name) == seen.end()) {
             seen.emplace(name, nullptr);
-            once.push_back(name);
+            once.push_back(std::string{name});
         }
     }
     return once;
@@ -226,7 +226,7 @@ public:
     ~Handlers() = default;
 
     // Can be gone on with where memory was short.
-    void make(Change &change) {
+    ZELVO_RARE void make(Change &change) {
         forgetLatest();
         const auto &names = change.handler ? change.handler->names : change.names;
         for (; change.made != names.size(); ++change.made) {

@@ -71,7 +71,7 @@ public:
     Helpers(const Helpers &) = delete;
     Helpers &operator=(const Helpers &) = delete;
     // While the bus runs, and when no node is left that somebody could call.
-    ~Helpers() {
+    ZELVO_RARE ~Helpers() {
         {
             const std::lock_guard lock{mutex_};
             ending_ = true;
@@ -104,7 +104,7 @@ public:
         return taken;
     }
     // Lets go of a call that waits.
-    void drop(AsyncCall &call) noexcept {
+    ZELVO_RARE void drop(AsyncCall &call) noexcept {
         const std::lock_guard lock{mutex_};
         if (call.row_place.isLinked()) {
             takeOut(call);
@@ -112,7 +112,7 @@ public:
         }
     }
     // The node's helpers leave the bus.
-    void leave(const std::string &node) {
+    ZELVO_RARE void leave(const std::string &node) {
         OwningChain<Client> leaving;
         const std::lock_guard lock{mutex_};
         for (Client *client = idleOf(node); client; client = idleOf(node)) {
@@ -254,7 +254,7 @@ private:
     } catch (const std::bad_alloc &) {
         return noAnswer(Cause::lost);
     }
-    void make(AsyncCall &call) noexcept try {
+    ZELVO_RARE void make(AsyncCall &call) noexcept try {
         ClientPtr client = clientFor(call);
         Answer answer = answerOf(client->client, call);
         giveBack(std::move(client), call); // before anybody can think that the call is over
@@ -263,7 +263,7 @@ private:
         finish(call, noAnswer(Cause::lost));
     }
     static void serve(void *self) { static_cast<Helpers *>(self)->serve(); }
-    void serve() {
+    ZELVO_RARE void serve() {
         nameThread("zelvo helper");
         while (const AsyncCallPtr call = next()) {
             if (!call->over) {

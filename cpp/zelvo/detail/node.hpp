@@ -11,7 +11,7 @@ namespace zelvo::detail {
 
 // Why there is no client of that name. C functions don't tell; another one sees whether it can be:
 // then it was the name.
-inline Cause refusalOf(BusState &bus, const std::string &name) {
+ZELVO_RARE inline Cause refusalOf(BusState &bus, const std::string &name) {
     const std::string probe = bus.helperNames().next(name);
     client_t *const client =
         busClientConnect(bus.native(), probe.c_str(), nullptr, nullptr, nullptr);
@@ -52,7 +52,7 @@ inline void NodeState::start() {
     }
 }
 
-inline void NodeState::run() noexcept {
+ZELVO_RARE inline void NodeState::run() noexcept {
     insideNode() = true;
     bus_.begin(caller_);
     busClientSpin(client_);
@@ -218,7 +218,7 @@ inline void NodeState::endCalls() noexcept {
     }
 }
 
-inline void NodeState::leave(BusPtr bus) {
+ZELVO_RARE inline void NodeState::leave(BusPtr bus) {
     {
         const std::lock_guard lock{mutex_};
         leaving_ = true;
@@ -244,7 +244,7 @@ inline void NodeState::leave(BusPtr bus) {
     }
 }
 
-inline void NodeState::forgetHandlers() {
+ZELVO_RARE inline void NodeState::forgetHandlers() {
     if (const Timing *const timing = timing_) {
         (this->*timing->forget)(); // before what may cancel one as it goes
     }
@@ -271,7 +271,7 @@ inline void NodeState::askToLeave() noexcept {
     }
 }
 
-inline bool NodeState::isHeld(void *self) {
+ZELVO_RARE inline bool NodeState::isHeld(void *self) {
     NodeState &node = *static_cast<NodeState *>(self);
     if (node.quiet_ && !node.calls_ended_) {
         return true;
@@ -279,7 +279,7 @@ inline bool NodeState::isHeld(void *self) {
     return node.bus_.waitsForThisThread(node.caller_);
 }
 
-inline bool NodeState::retire(BusPtr &bus) {
+ZELVO_RARE inline bool NodeState::retire(BusPtr &bus) {
     bool alone = false;
     {
         const std::lock_guard lock{mutex_};

@@ -73,7 +73,7 @@ inline void NodeState::callAsync(const AsyncCallPtr &call) {
     }
 }
 
-inline void NodeState::finish(AsyncCall &call, Answer answer) noexcept {
+ZELVO_RARE inline void NodeState::finish(AsyncCall &call, Answer answer) noexcept {
     AsyncCallPtr ended;
     {
         const std::lock_guard lock{mutex_};
@@ -120,21 +120,21 @@ inline AsyncCallPtr NodeState::takeAnyCall() noexcept {
     return calls_.takeAny();
 }
 
-inline void NodeState::runCompletions() noexcept {
+ZELVO_RARE inline void NodeState::runCompletions() noexcept {
     while (const AsyncCallPtr call = takeReady()) {
         reported([&] { call->end(std::move(call->answer)); });
         call->forget();
     }
 }
 
-inline void NodeState::forgetCalls() noexcept {
+ZELVO_RARE inline void NodeState::forgetCalls() noexcept {
     while (const AsyncCallPtr call = takeAnyCall()) {
         bus_.helpers().drop(*call);
         abandon(*call, Cause::left);
     }
 }
 
-inline void NodeState::leaveHelpers() noexcept {
+ZELVO_RARE inline void NodeState::leaveHelpers() noexcept {
     bus_.helpers().leave(name_);
 }
 

@@ -93,7 +93,7 @@ inline bool NodeState::cancel(const HandlerPtr &handler) {
 
 inline void NodeState::setPath(const char *path, const HandlerPtr &handler) {
     std::vector<std::string> names;
-    names.emplace_back(path);
+    names.push_back(path);
     if (handler) {
         handler->node = weak_from_this();
         handler->names.swap(names);

@@ -18,7 +18,7 @@ public:
     NodeState(BusState &bus, const char *name, HopsPtr hops);
     NodeState(const NodeState &) = delete;
     NodeState &operator=(const NodeState &) = delete;
-    ~NodeState() = default; // the client is closed by its thread
+    ZELVO_RARE ~NodeState() = default; // the client is closed by its thread
 
     const std::string &name() const noexcept { return name_; }
     client_t *client() const noexcept { return client_; }

@@ -29,7 +29,7 @@ inline bool NodeState::cancel(const TimerPtr &timer) {
     return waits && !std::exchange(timer->cancelled, true);
 }
 
-inline void NodeState::noteTimer(int number) noexcept {
+ZELVO_RARE inline void NodeState::noteTimer(int number) noexcept {
     timers_->note(number);
 }
 
@@ -46,7 +46,7 @@ inline TimerQueue::node_type NodeState::takeDue(Clock::time_point now) noexcept 
     return leaving_ ? TimerQueue::node_type{} : timers_->takeDue(now);
 }
 
-inline void NodeState::runTimers() noexcept {
+ZELVO_RARE inline void NodeState::runTimers() noexcept {
     const auto now = Clock::now();
     while (auto taken = takeDue(now)) {
         const TimerPtr timer = taken.mapped();
@@ -65,10 +65,10 @@ inline void NodeState::runTimers() noexcept {
     });
 }
 
-inline void NodeState::forgetTimers() {
+ZELVO_RARE inline void NodeState::forgetTimers() {
     TimerQueue timers;
     const std::lock_guard lock{mutex_};
-    timers = timers_->takeAll();
+    timers_->takeAll(timers);
 }
 
 } // namespace zelvo::detail

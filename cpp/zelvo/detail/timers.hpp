@@ -21,7 +21,7 @@ public:
     explicit TimerEntry(Clock::duration beat) : period{beat} {}
     TimerEntry(const TimerEntry &) = delete;
     TimerEntry &operator=(const TimerEntry &) = delete;
-    virtual ~TimerEntry() = default;
+    ZELVO_RARE virtual ~TimerEntry() = default;
     virtual void run(const TimerPtr &self) = 0;
 
     const Clock::duration period;  // 0: once
@@ -89,11 +89,12 @@ public:
         timer.place = queue_.insert(std::move(taken));
         timer.waits = true;
     }
-    TimerQueue takeAll() noexcept {
+    // into is empty.
+    void takeAll(TimerQueue &into) noexcept {
         for (auto &[due, timer] : queue_) {
             timer->waits = false;
         }
-        return std::exchange(queue_, {});
+        queue_.swap(into);
     }
 
     // Sees to it that one of the bus's timers, made by set(milliseconds, number), is due when the
