@@ -152,7 +152,7 @@ constexpr bool isAnswer() {
 
 template <class Number>
 char *answerNumber(Number value) {
-    char text[32]; // enough for the shortest form of any number
+    char text[48]; // enough for the shortest form of any number, of 128 bits too
     const char *const end = std::to_chars(text, text + sizeof text, value).ptr;
     return answerText({text, static_cast<std::size_t>(end - text)});
 }
