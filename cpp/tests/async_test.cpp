@@ -120,11 +120,18 @@ TEST(Timers, the_bus_has_few_timers_however_many_wait) {
             return true;
         }));
     };
-    const auto add = [&](Clock::duration wait) {
+    const auto add = [&](Clock::duration wait, Clock::duration period = 0ns) {
         auto nothing = [] {};
         using Entry = detail::TimerEntryOf<decltype(nothing)>;
-        timers.add(detail::held(new Entry{0ns, nothing}), Clock::now() + wait);
+        timers.add(detail::held(new Entry{period, nothing}), Clock::now() + wait);
     };
+    add(-100ms, 40ms); // it has missed two beats, and the next is one of the same grid
+    auto beat = timers.takeDue(Clock::now());
+    const auto first = beat.key();
+    timers.repeat(std::move(beat));
+    beat = timers.takeDue(Clock::now() + 40ms);
+    EXPECT_EQ((beat.key() - first) % 40ms, 0ns);
+    EXPECT_GE(beat.key() - first, 120ms);
     add(24h);
     EXPECT_FALSE(timers.arm([](long, int) { return false; })); // memory is short
     arm();

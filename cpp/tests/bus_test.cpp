@@ -76,6 +76,7 @@ TEST(FaceBus, names_are_refused_where_they_could_not_be_called) {
         const bool isTold = *entry.why == '\0' ? why.empty() : why.find(entry.why) != why.npos;
         EXPECT_TRUE(isTold) << entry.name << ": " << why;
     }
+    EXPECT_EQ(node.call("/bus/nodes").text.find("zelvo/helper/"), std::string::npos);
     EXPECT_EQ(node.nodes(), std::vector<std::string>{node.name()});
     node.call_async("/" + node.name() + "/x").get(); // all of them have run
     const auto threads = threadNames();

@@ -17,8 +17,9 @@ void flood(const Node &from, const char *topic) {
 // ---- publishing and subscribing ----
 
 TEST_F(Face, topics_of_any_bytes_reach_their_handler_and_no_other) {
-    const std::vector<std::string> topics = {"", "qu\"ote\\", "line\n\x01\x1f\x7f",
-                                             "\xC3\xA4\xF0\x9F\x92\xA1 \xFF", "a\",\"b"};
+    const std::vector<std::string> topics = {
+        "",  "qu\"ote\\", "line\n\x01\x1f\x7f", "\xC3\xA4\xF0\x9F\x92\xA1 \xFF", "a\",\"b",
+        "b", "a"};
     std::vector<std::string> heard;
     panel.subscribe(topics, [&](std::string_view topic, std::string_view data) {
         heard.push_back(std::string{topic} + "=" + std::string{data});
@@ -395,6 +396,18 @@ TEST_F(Face, a_node_goes_while_others_wait_for_an_answer_of_its_calls) {
     guest.reset();
     answer.open();
     caller.join();
+}
+
+TEST_F(Face, whoever_asks_through_a_node_again_and_again_is_told_when_it_has_gone) {
+    std::optional<Node> guest{std::in_place, bus, "guest"};
+    Gate asked;
+    std::thread other{[&, keys = guest->keys()] {
+        EXPECT_THROW(
+            for (;; asked.open()) { static_cast<void>(keys.get("none")); }, Error);
+    }};
+    EXPECT_TRUE(asked.wait());
+    guest.reset();
+    other.join();
 }
 
 TEST_F(Face, what_goes_with_a_node_finds_its_timers_over) {
