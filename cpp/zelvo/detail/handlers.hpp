@@ -300,7 +300,7 @@ private:
 // What a node has subscribed to with the bus, and for which handlers. It keeps none of them.
 class Subscriptions {
 public:
-    // Those of the handler's topics that have none, as JSON; "" where there are none.
+    // Those of the handler's topics that no handler has yet, as JSON; "" for none.
     std::string freshOf(const Handler &handler) const {
         std::string fresh;
         for (const std::string &topic : handler.names) {
@@ -320,7 +320,7 @@ public:
             handlers_.erase(topic);
         }
     }
-    // The same of those that have no other.
+    // The same of those that this one has and no other.
     std::string onlyOf(const Handler &handler) const {
         std::string only;
         for (const std::string &topic : handler.names) {

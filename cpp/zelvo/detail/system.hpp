@@ -28,7 +28,8 @@ __declspec(dllimport) int __stdcall CloseHandle(void *handle);
 #include <unistd.h>
 #endif
 
-// What a message that is handled as usual does not come to: kept out of what it does.
+// What a message that is handled as usual does not come to: kept out of what it does, and compiled
+// for size. For nothing that users call in any case: it would make their own functions rare, too.
 #if defined(__GNUC__)
 #define ZELVO_RARE [[gnu::cold, gnu::noinline]]
 #else
