@@ -123,31 +123,35 @@ TEST(Loops, an_executor_that_loses_work_loses_a_message_at_most_and_no_timer) {
     std::vector<Task> kept;
     for (const std::string_view way : {"throws", "returns", "keeps it and throws"}) {
         std::atomic<bool> loses{false};
-        Node gui{bus, "gui", [&](Task task) {
-                     if (!loses) {
-                         return task();
-                     }
-                     Task gone = std::move(task);
-                     loses = false;
-                     if (way == "keeps it and throws") {
-                         kept.push_back(std::move(gone));
-                     }
-                     return way != "returns" ? throw std::runtime_error("full") : void();
-                 }};
-        for (int i = 0; i < 2; ++i) { // before it has done anything, and after that
-            Gate done;
-            loses = true;
-            gui.after(0ms, [&] { done.open(); });
-            while (loses) {
-                std::this_thread::yield();
+        const auto executor = [&](Task task) {
+            if (!loses) {
+                return task();
             }
-            EXPECT_TRUE(done.wait());
-            settle(lamp, gui);
+            Task gone = std::move(task);
+            loses = false;
+            if (way == "keeps it and throws") {
+                kept.push_back(std::move(gone));
+            }
+            return way != "returns" ? throw std::runtime_error("full") : void();
+        };
+        {
+            Node gui{bus, "gui", executor};
+            for (int i = 0; i < 2; ++i) { // before it has done anything, and after that
+                Gate done;
+                loses = true;
+                gui.after(0ms, [&] { done.open(); });
+                while (loses) {
+                    std::this_thread::yield();
+                }
+                EXPECT_TRUE(done.wait());
+                settle(lamp, gui);
+            }
         }
-        gui.on_call("/x", [] {});
+        Node called{bus, "called", executor};
+        called.on_call("/x", [] {});
         loses = true;
-        EXPECT_EQ(lamp.call("/gui/x").cause, Cause::no_handler);
-        EXPECT_EQ(lamp.call("/gui/x").cause, Cause::answered);
+        EXPECT_EQ(lamp.call("/called/x").cause, Cause::no_handler);
+        EXPECT_EQ(lamp.call("/called/x").cause, Cause::answered);
     }
     EXPECT_EQ(told, 9); // of each
 }
