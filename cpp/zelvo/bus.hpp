@@ -67,7 +67,7 @@ public:
     Bus(Bus &&) noexcept = default;
     Bus &operator=(Bus &&other) noexcept {
         Bus former{std::move(other)};
-        std::swap(state_, former.state_);
+        state_.swap(former.state_);
         return *this;
     }
     // The last to hold the bus waits until it has ended, also for calls of call_async that are
@@ -129,8 +129,8 @@ public:
     Node &operator=(PolledNode &&) = delete;
     Node &operator=(Node &&other) noexcept {
         Node former{std::move(other)};
-        std::swap(bus_, former.bus_);
-        std::swap(state_, former.state_);
+        bus_.swap(former.bus_);
+        state_.swap(former.state_);
         return *this;
     }
     // Leaves the bus, however full the node's queue is. No handler, timer or completion begins any
@@ -391,7 +391,7 @@ public:
     Timer every(std::chrono::duration<Rep, Period> period, Run run) {
         const auto ticks = detail::saturated(period);
         if (ticks.count() <= 0) {
-            throw std::invalid_argument("zelvo: a period that is not positive");
+            detail::refuse("zelvo: a period that is not positive");
         }
         return addTimer(ticks, ticks, run);
     }
@@ -443,8 +443,8 @@ private:
                   "begin with";
         }
         if (why) {
-            throw std::invalid_argument(
-                detail::concat({"zelvo: no name for a node, ", why, ": \"", name, "\""}));
+            detail::refuse(
+                detail::concat({"zelvo: no name for a node, ", why, ": \"", name, "\""}).c_str());
         }
         return text;
     }
@@ -480,6 +480,10 @@ private:
         state().subscribe(handler);
         return Subscription{handler};
     }
+    Subscription subscribeTo(std::initializer_list<std::string> topics,
+                             const detail::HandlerPtr &handler) {
+        return subscribeTo(std::vector<std::string>(topics), handler);
+    }
     Subscription subscribeTo(const CText &topic, const detail::HandlerPtr &handler) {
         handler->names.push_back(topic.c_str());
         state().subscribe(handler);
@@ -487,7 +491,7 @@ private:
     }
     static const char *checkedPath(const CText &path) {
         if (path.c_str()[0] != '/') {
-            throw std::invalid_argument("zelvo: a path begins with a slash");
+            detail::refuse("zelvo: a path begins with a slash");
         }
         return path.c_str();
     }
@@ -505,17 +509,17 @@ private:
     const char *ownPath(const CText &service) const {
         const std::string_view url = service.c_str();
         if (detail::hostOf(url) != name() || url.size() < name().size() + 2) {
-            throw std::invalid_argument(
-                detail::concat({"zelvo: the service \"", url, "\" is none of node ", name()}));
+            detail::refuse(
+                detail::concat({"zelvo: the service \"", url, "\" is none of node ", name()})
+                    .c_str());
         }
         return service.c_str() + 1 + name().size();
     }
     template <class Value, class Read>
     Future<Value> beginFuture(const char *url, std::string_view data, Read read) const {
-        auto *const call = new detail::FutureCall<Value, Read>{url, data, read};
-        const detail::AsyncCallPtr owner = detail::held(call);
-        auto future = call->future();
-        return {std::move(future), begin(owner)};
+        detail::AsyncCallPtr call;
+        auto future = detail::makeFutureCall<Value>(url, data, read, call);
+        return {std::move(future), begin(call)};
     }
     PendingCall begin(const detail::AsyncCallPtr &call) const {
         state().callAsync(call);

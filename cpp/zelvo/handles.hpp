@@ -103,11 +103,10 @@ public:
     // null. Throws std::invalid_argument for what is no JSON.
     void set(const CText &key, std::string_view json, bool persist = false) const {
         if (!detail::JsonReader{json}.isValue()) {
-            throw std::invalid_argument("zelvo: a value for the key store is not JSON");
+            detail::refuse("zelvo: a value for the key store is not JSON");
         }
-        std::string request = R"({"operation":"set",)";
-        request += persist ? R"("persist":"true","data":)" : R"("data":)";
-        ask(key, request.append(json) + '}');
+        ask(key, detail::concat({R"({"operation":"set",)", persist ? R"("persist":"true",)" : "",
+                                 R"("data":)", json, "}"}));
     }
 
 private:
@@ -115,7 +114,7 @@ private:
     explicit Keys(std::shared_ptr<detail::NodeState> node) noexcept : node_{std::move(node)} {}
     std::string ask(const CText &key, const std::string &request) const {
         if (*key.c_str() == '\0') {
-            throw std::invalid_argument("zelvo: an empty key");
+            detail::refuse("zelvo: an empty key");
         }
         Answer answer = node_->call(detail::concat({"/localKeys/", key.c_str()}).c_str(), request);
         if (answer.outcome == Outcome::none) {

@@ -33,7 +33,7 @@ public:
     Signal::Native native() const noexcept { return signal_.native(); }
 
 private:
-    void post(std::uint64_t number) override {
+    void post(const HopsPtr & /*self*/, std::uint64_t number) override {
         const std::lock_guard lock{mutex_};
         if (waiting_ == 0) {
             signal_.set();
@@ -75,13 +75,13 @@ public:
     // Throws what Node's constructor throws; std::system_error also when there are no more
     // descriptors.
     PolledNode(const Bus &bus, const CText &name)
-        : PolledNode{bus, name, std::make_shared<detail::Inbox>()} {}
+        : PolledNode{bus, name, detail::held(new detail::Inbox)} {}
 
     // Can be read while there is something to dispatch; not to be read or closed. On Windows it is
     // a handle to wait for. Good as long as the node.
     [[nodiscard]] detail::Signal::Native fd() const {
         state();
-        return inbox_->native();
+        return inbox().native();
     }
 
     // Does what there is to do at this moment, at most so much, and tells how much that was: a
@@ -91,9 +91,10 @@ public:
     // thread at a time; not in a handler of the node itself, where there is nothing to do.
     std::size_t dispatch(std::size_t at_most = static_cast<std::size_t>(-1)) {
         state();
-        const auto inbox = inbox_; // a handler may destroy the node
+        const auto keep = inbox_; // a handler may destroy the node
+        detail::Inbox &its = inbox();
         std::size_t done = 0;
-        while (done < at_most && inbox->dispatch()) {
+        while (done < at_most && its.dispatch()) {
             ++done;
         }
         return done;
@@ -103,10 +104,11 @@ public:
     template <class Rep, class Period>
     std::size_t dispatch_for(std::chrono::duration<Rep, Period> time) {
         state();
-        const auto inbox = inbox_;
+        const auto keep = inbox_;
+        detail::Inbox &its = inbox();
         const auto end = detail::later(detail::Clock::now(), detail::saturated(time));
         std::size_t done = 0;
-        while (inbox->awaitOne(end) && inbox->dispatch()) {
+        while (its.awaitOne(end) && its.dispatch()) {
             ++done;
             if (detail::Clock::now() >= end) {
                 break;
@@ -116,11 +118,12 @@ public:
     }
 
 private:
-    PolledNode(const Bus &bus, const CText &name, std::shared_ptr<detail::Inbox> inbox)
-        : Node{bus, name, detail::HopsPtr{inbox}},
-          inbox_{std::move(inbox)} {}
+    PolledNode(const Bus &bus, const CText &name, const detail::HopsPtr &inbox)
+        : Node{bus, name, inbox},
+          inbox_{inbox} {}
+    detail::Inbox &inbox() const noexcept { return static_cast<detail::Inbox &>(*inbox_); }
 
-    std::shared_ptr<detail::Inbox> inbox_;
+    detail::HopsPtr inbox_;
 };
 
 } // namespace zelvo

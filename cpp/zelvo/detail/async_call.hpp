@@ -7,6 +7,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace zelvo::detail {
@@ -17,11 +18,11 @@ using AsyncCallPtr = std::shared_ptr<AsyncCall>;
 
 // A call's place among others, which keep it.
 struct CallPlace : Link {
-    void join(Chain<CallPlace> &calls, const AsyncCallPtr &its) noexcept {
+    ZELVO_APART void join(Chain<CallPlace> &calls, const AsyncCallPtr &its) noexcept {
         call = its;
         calls.append(*this);
     }
-    AsyncCallPtr leave() noexcept {
+    ZELVO_APART AsyncCallPtr leave() noexcept {
         unlink();
         return std::move(call);
     }
@@ -41,8 +42,8 @@ public:
     AsyncCall &operator=(const AsyncCall &) = delete;
     ZELVO_RARE virtual ~AsyncCall() = default;
 
-    // The answer, for whoever waits for it. Once, and not after forget().
-    virtual void end(Answer answer) = 0;
+    // The answer is there, for whoever waits for it. Once, and not after forget().
+    virtual void end() = 0;
     // Nobody waits any more: what is the user's goes.
     virtual void forget() noexcept = 0;
 
@@ -63,6 +64,11 @@ public:
     struct Host *host = nullptr;
 };
 
+// As handlers are held.
+inline AsyncCallPtr held(AsyncCall *call) {
+    return AsyncCallPtr{call};
+}
+
 // read(answer) gives the future's value, in a helper's thread.
 template <class Value, class Read>
 class FutureCall final : public AsyncCall {
@@ -70,11 +76,15 @@ public:
     FutureCall(const char *to, std::string_view bytes, Read read)
         : AsyncCall{to, bytes, false},
           read_{read} {}
-    void end(Answer given) override {
-        try {
-            promise_.set_value(read_(std::move(given)));
-        } catch (...) { // no memory for the value
-            promise_.set_exception(std::current_exception());
+    void end() override {
+        if constexpr (std::is_nothrow_invocable_v<Read &, Answer>) {
+            promise_.set_value(read_(std::move(answer)));
+        } else {
+            try {
+                promise_.set_value(read_(std::move(answer)));
+            } catch (...) { // no memory for the value
+                promise_.set_exception(std::current_exception());
+            }
         }
     }
     void forget() noexcept override {}
@@ -84,6 +94,14 @@ private:
     Read read_;
     std::promise<Value> promise_;
 };
+// One of them, and its future.
+template <class Value, class Read>
+std::future<Value> makeFutureCall(const char *to, std::string_view bytes, Read read,
+                                  AsyncCallPtr &call) {
+    auto *const made = new FutureCall<Value, Read>{to, bytes, read};
+    call = detail::held(made);
+    return made->future();
+}
 inline Answer asItIs(Answer answer) noexcept {
     return answer;
 }
@@ -94,17 +112,12 @@ public:
     CompletedCall(const char *to, std::string_view bytes, Run &run)
         : AsyncCall{to, bytes, true},
           run_{std::move(run)} {}
-    void end(Answer given) override { static_cast<void>((*run_)(std::move(given))); }
+    void end() override { static_cast<void>((*run_)(std::move(answer))); }
     void forget() noexcept override { run_.reset(); }
 
 private:
     std::optional<Run> run_;
 };
-
-// As handlers are held.
-inline AsyncCallPtr held(AsyncCall *call) {
-    return AsyncCallPtr{call};
-}
 
 // Those of a node. All under the node's mutex.
 class OpenCalls {

@@ -6,6 +6,7 @@
 #include "hop.hpp"
 
 #include <cstdio>
+#include <utility>
 
 namespace zelvo::detail {
 
@@ -18,7 +19,7 @@ inline void addPath(std::string &json, const char *member, const std::string &pa
 
 inline std::string jsonOf(const Config &config) {
     if (config.log_megabytes < 0 || config.call_timeout.count() < 0) {
-        throw std::invalid_argument("zelvo: a negative size or time in the configuration");
+        refuse("zelvo: a negative size or time in the configuration");
     }
     const long long timeout =
         config.call_timeout.count() < INT_MAX ? config.call_timeout.count() : INT_MAX;
@@ -30,8 +31,36 @@ inline std::string jsonOf(const Config &config) {
     std::string json = numbers;
     addPath(json, ",\"path\":", config.log);
     addPath(json, ",\"homePath\":", config.home);
-    return json + '}';
+    json += '}';
+    return json;
 }
+
+// Owns a thing, or none. It gets to know how to destroy one with the thing: who makes none compiles
+// none of it.
+template <class Thing>
+class Box {
+public:
+    Box() = default;
+    Box(const Box &) = delete;
+    Box &operator=(const Box &) = delete;
+    ~Box() { clear(); }
+    void hold(Thing *thing) noexcept { // where there is none
+        destroy_ = [](Thing *its) { delete its; };
+        thing_ = thing;
+    }
+    void clear() noexcept {
+        if (thing_) {
+            destroy_(std::exchange(thing_, nullptr));
+        }
+    }
+    explicit operator bool() const noexcept { return thing_ != nullptr; }
+    Thing &operator*() const noexcept { return *thing_; }
+    Thing *operator->() const noexcept { return thing_; }
+
+private:
+    Thing *thing_ = nullptr;
+    void (*destroy_)(Thing *) = nullptr;
+};
 
 class BusState {
 public:
@@ -61,7 +90,7 @@ public:
     BusState(const BusState &) = delete;
     BusState &operator=(const BusState &) = delete;
     ZELVO_RARE ~BusState() {
-        helpers_.reset();
+        helpers_.clear();
         loop_.end([](void *bus) { busClientServerExit(static_cast<Zelvo_t *>(bus)); }, nullptr);
         busClientDelete(bus_);
     }
@@ -71,7 +100,7 @@ public:
     Helpers &helpers() {
         const std::lock_guard lock{helpers_mutex_};
         if (!helpers_) {
-            helpers_.reset(new Helpers{bus_, names_, most_helpers_, most_waiting_, timeout_});
+            helpers_.hold(new Helpers{bus_, names_, most_helpers_, most_waiting_, timeout_});
         }
         return *helpers_;
     }
@@ -174,7 +203,7 @@ private:
     std::mutex nodes_mutex_;
     Chain<Caller> nodes_;
     std::mutex helpers_mutex_;
-    std::shared_ptr<Helpers> helpers_; // knows how to destroy them: who has none compiles none
+    Box<Helpers> helpers_;
     Loop loop_;
 };
 using BusPtr = std::shared_ptr<BusState>;

@@ -10,12 +10,12 @@
 
 #include <condition_variable>
 #include <mutex>
-#include <optional>
 #include <thread>
 
 namespace zelvo::detail {
 
-using Deadline = std::optional<Clock::time_point>; // nothing: no limit
+using Deadline = Clock::time_point;
+inline constexpr Deadline kNever = Deadline::max();
 
 // Whatever the duration: one that is too long for nanoseconds is as long as they go.
 template <class Rep, class Period>
@@ -33,14 +33,14 @@ inline Clock::time_point later(Clock::time_point now, Clock::duration wait) noex
     return now + std::clamp(wait, Clock::duration{0}, Clock::time_point::max() - now);
 }
 // Out of line where there is a limit, as it is wanted in many places.
-ZELVO_RARE inline Clock::time_point endOf(std::chrono::milliseconds timeout) {
+ZELVO_RARE inline Deadline endOf(std::chrono::milliseconds timeout) {
     return later(Clock::now(), saturated(timeout));
 }
 inline Deadline deadlineAfter(std::chrono::milliseconds timeout) {
-    return timeout.count() > 0 ? Deadline{endOf(timeout)} : std::nullopt;
+    return timeout.count() > 0 ? endOf(timeout) : kNever;
 }
 // Whether more than a small part of the time has gone.
-ZELVO_RARE inline bool hasWaited(Clock::time_point deadline, std::chrono::milliseconds timeout) {
+ZELVO_RARE inline bool hasWaited(Deadline deadline, std::chrono::milliseconds timeout) {
     const auto all = saturated(timeout);
     return deadline - Clock::now() < all - all / 16;
 }
@@ -76,7 +76,7 @@ inline Answer answerFrom(std::string_view url, const char *text) {
     }
     return answer;
 }
-inline Answer noAnswer(Cause cause) {
+ZELVO_APART inline Answer noAnswer(Cause cause) {
     return {{}, Outcome::none, cause};
 }
 
@@ -85,13 +85,12 @@ ZELVO_RARE inline Error noAnswerError(const char *url, Cause cause) {
 }
 
 // The client makes no other call until the answer is copied.
-inline Answer ask(client_t *client, const char *url, std::string_view data,
-                  const Deadline &deadline) {
+inline Answer ask(client_t *client, const char *url, std::string_view data, Deadline deadline) {
     const char *const text = busClientCall(client, url, data.data(), lengthOf(data));
     if (text) {
         return answerFrom(url, text);
     }
-    return noAnswer(deadline && Clock::now() >= *deadline ? Cause::timed_out : Cause::lost);
+    return noAnswer(Clock::now() >= deadline ? Cause::timed_out : Cause::lost);
 }
 
 // ---- turns ----
@@ -102,7 +101,7 @@ class Turns {
 public:
     // Waits for the turn to call url, which stays until pass(). False: the time is up, or turns are
     // kept for another thread.
-    bool take(const char *url, const Deadline &deadline) {
+    bool take(const char *url, Deadline deadline) {
         std::unique_lock lock{mutex_};
         if (isKept() && owner_ != std::this_thread::get_id()) {
             return false;
@@ -132,7 +131,7 @@ public:
         if (taken_) {
             Waiter waiter;
             waiting_.append(waiter);
-            await(lock, waiter, std::nullopt);
+            await(lock, waiter, kNever);
         }
         taken_ = true;
     }
@@ -159,12 +158,11 @@ private:
         bool its = false;
     };
     bool isKept() const noexcept { return owner_ != std::thread::id{}; }
-    static bool await(std::unique_lock<std::mutex> &lock, Waiter &waiter,
-                      const Deadline &deadline) {
+    static bool await(std::unique_lock<std::mutex> &lock, Waiter &waiter, Deadline deadline) {
         while (!waiter.its) {
-            if (!deadline) {
+            if (deadline == kNever) {
                 waiter.changed.wait(lock);
-            } else if (waiter.changed.wait_until(lock, *deadline) == std::cv_status::timeout &&
+            } else if (waiter.changed.wait_until(lock, deadline) == std::cv_status::timeout &&
                        !waiter.its) {
                 return false;
             }
@@ -177,27 +175,6 @@ private:
     bool taken_ = false;
     std::thread::id owner_; // that turns are kept for, or none
     const char *url_ = nullptr;
-};
-
-// A turn for a scope.
-class Turn {
-public:
-    Turn(Turns &turns, const char *url, const Deadline &deadline)
-        : turns_{turns},
-          owned_{turns.take(url, deadline)} {}
-    ~Turn() { pass(); }
-    Turn(const Turn &) = delete;
-    Turn &operator=(const Turn &) = delete;
-    bool owned() const noexcept { return owned_; }
-    void pass() noexcept {
-        if (std::exchange(owned_, false)) {
-            turns_.pass();
-        }
-    }
-
-private:
-    Turns &turns_;
-    bool owned_;
 };
 
 } // namespace zelvo::detail

@@ -3,6 +3,8 @@
 #ifndef ZELVO_DETAIL_CHAIN_HPP
 #define ZELVO_DETAIL_CHAIN_HPP
 
+#include "system.hpp"
+
 namespace zelvo::detail {
 
 // Stands in one chain, or in none; leaves it when it is destroyed. Whoever guards the chain guards
@@ -26,7 +28,7 @@ private:
     template <class Item>
     friend class Chain;
 
-    void takeBefore(Link &link) noexcept {
+    ZELVO_APART void takeBefore(Link &link) noexcept {
         link.unlink();
         link.next_ = this;
         link.before_ = before_;
@@ -72,6 +74,7 @@ template <class Item>
 class OwningChain : public Chain<Item> {
 public:
     OwningChain() = default;
+    explicit OwningChain(Item *first) noexcept { this->append(*first); }
     OwningChain(const OwningChain &) = delete;
     OwningChain &operator=(const OwningChain &) = delete;
     ~OwningChain() {

@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -25,14 +25,46 @@ class NodeState;
 using View = std::string_view;
 using Text = std::string;
 
-// Asked in the order in which takes() does, and no further than it does: what is generic may be
-// wrong for strings.
+// A topic or a path and data, or data alone, or nothing; as views or as strings. Asked in this
+// order, and no further than to the first: what is generic may be wrong for strings.
+enum class Takes { views, viewAndText, textAndView, texts, view, text, nothing, other };
 template <class Run>
-inline constexpr bool kIsHandler =
-    std::disjunction_v<std::is_invocable<Run &, View, View>, std::is_invocable<Run &, View, Text>,
-                       std::is_invocable<Run &, Text, View>, std::is_invocable<Run &, Text, Text>,
-                       std::is_invocable<Run &, View>, std::is_invocable<Run &, Text>,
-                       std::is_invocable<Run &>>;
+constexpr Takes takesOfData() {
+    if constexpr (std::is_invocable_v<Run &, View>) {
+        return Takes::view;
+    } else if constexpr (std::is_invocable_v<Run &, Text>) {
+        return Takes::text;
+    } else {
+        return std::is_invocable_v<Run &> ? Takes::nothing : Takes::other;
+    }
+}
+// What std::bind gives takes more than it passes on, so it would get a name for its data.
+template <class Run>
+constexpr bool takesNoName() {
+    if constexpr (std::is_bind_expression_v<Run>) {
+        return takesOfData<Run>() == Takes::view || takesOfData<Run>() == Takes::text;
+    } else {
+        return false;
+    }
+}
+template <class Run>
+constexpr Takes takes() {
+    if constexpr (takesNoName<Run>()) {
+        return takesOfData<Run>();
+    } else if constexpr (std::is_invocable_v<Run &, View, View>) {
+        return Takes::views;
+    } else if constexpr (std::is_invocable_v<Run &, View, Text>) {
+        return Takes::viewAndText;
+    } else if constexpr (std::is_invocable_v<Run &, Text, View>) {
+        return Takes::textAndView;
+    } else if constexpr (std::is_invocable_v<Run &, Text, Text>) {
+        return Takes::texts;
+    } else {
+        return takesOfData<Run>();
+    }
+}
+template <class Run>
+inline constexpr bool kIsHandler = takes<Run>() != Takes::other;
 
 template <class Run, class = void>
 inline constexpr bool kMayBeNull = false;
@@ -46,7 +78,7 @@ template <class Run>
 void require(const Run &run) {
     if constexpr (kMayBeNull<Run>) {
         if (run == nullptr) {
-            throw std::invalid_argument("zelvo: a function is missing");
+            refuse("zelvo: a function is missing");
         }
     }
 }
@@ -57,32 +89,6 @@ struct Copies {
     Text data;
 };
 struct NoCopies {};
-// What std::bind gives takes more than it passes on, so it would get a name for its data.
-template <class Run>
-using TakesName = std::negation<std::conjunction<
-    std::is_bind_expression<Run>,
-    std::disjunction<std::is_invocable<Run &, View>, std::is_invocable<Run &, Text>>>>;
-enum class Takes { views, viewAndText, textAndView, texts, view, text, nothing };
-// A topic or a path and data, or data alone, or nothing; as views or as strings.
-template <class Run>
-constexpr Takes takes() {
-    using Named = TakesName<Run>;
-    if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, View, View>>) {
-        return Takes::views;
-    } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, View, Text>>) {
-        return Takes::viewAndText;
-    } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, Text, View>>) {
-        return Takes::textAndView;
-    } else if constexpr (std::conjunction_v<Named, std::is_invocable<Run &, Text, Text>>) {
-        return Takes::texts;
-    } else if constexpr (std::is_invocable_v<Run &, View>) {
-        return Takes::view;
-    } else if constexpr (std::is_invocable_v<Run &, Text>) {
-        return Takes::text;
-    } else {
-        return Takes::nothing;
-    }
-}
 // Two strings that nobody looks at cost each message some instructions.
 template <class Run>
 using CopiesFor = std::conditional_t<takes<Run>() == Takes::views || takes<Run>() == Takes::view ||
@@ -182,17 +188,64 @@ private:
 
 // ---- the handlers of a node ----
 
+struct NamedHandler {
+    std::string name; // what they are ordered by
+    mutable HandlerPtr handler;
+};
+struct ByName {
+    using is_transparent = void;
+    bool operator()(const NamedHandler &one, const NamedHandler &other) const noexcept {
+        return one.name < other.name;
+    }
+    bool operator()(const NamedHandler &one, View name) const noexcept { return one.name < name; }
+};
 // Those of one name in the order in which they have been added. All that hold handlers by name are
-// of this one type: each further one costs every user time to compile.
-using HandlersByName = std::multimap<std::string, HandlerPtr, std::less<>>;
+// of this one type, and used by the few functions below: each further one costs every user time
+// to compile.
+using HandlersByName = std::multiset<NamedHandler, ByName>;
+
+// The first of the name; where there is none, what comes after it.
+ZELVO_APART inline HandlersByName::const_iterator firstOf(const HandlersByName &handlers,
+                                                          View name) noexcept {
+    return handlers.lower_bound(name);
+}
+// So many from the first on.
+struct Row {
+    HandlersByName::const_iterator first;
+    std::size_t count;
+};
+// Counts no further than most.
+inline Row rowOf(const HandlersByName &handlers, View name, std::size_t most) noexcept {
+    Row row{firstOf(handlers, name), 0};
+    for (auto at = row.first; row.count != most && at != handlers.end() && at->name == name; ++at) {
+        ++row.count;
+    }
+    return row;
+}
+inline void addTo(HandlersByName &handlers, const std::string &name, const HandlerPtr &handler) {
+    handlers.insert(NamedHandler{name, handler});
+}
+// handler: null for all of the name; it stands there once. Whether there was one.
+inline bool removeFrom(HandlersByName &handlers, View name, const Handler *handler) noexcept {
+    bool was = false;
+    auto at = firstOf(handlers, name);
+    while (at != handlers.end() && at->name == name && !(was && handler)) {
+        const auto its = at++;
+        if (!handler || its->handler.get() == handler) {
+            handlers.erase(its);
+            was = true;
+        }
+    }
+    return was;
+}
 
 // Without those that come again; to sort them costs every user more time to compile.
 inline std::vector<std::string> eachOnce(const std::vector<std::string> &names) {
     HandlersByName seen;
     std::vector<std::string> once;
     for (const std::string &name : names) {
-        if (seen.find(name) == seen.end()) {
-            seen.emplace(name, nullptr);
+        if (rowOf(seen, name, 1).count == 0) {
+            addTo(seen, name, nullptr);
             once.push_back(std::string{name});
         }
     }
@@ -213,13 +266,6 @@ struct Change : Link {
 // that runs stays whole, and finding one takes no lock.
 class Handlers {
 public:
-    using Entry = HandlersByName::value_type;
-    // So many from the first on.
-    struct Row {
-        HandlersByName::const_iterator first;
-        std::size_t count;
-    };
-
     Handlers() = default;
     Handlers(const Handlers &) = delete;
     Handlers &operator=(const Handlers &) = delete;
@@ -233,10 +279,10 @@ public:
             const std::string &name = names[change.made];
             switch (change.kind) {
             case Change::Kind::add:
-                topics_.emplace(name, change.handler);
+                addTo(topics_, name, change.handler);
                 break;
             case Change::Kind::remove:
-                remove(name, change.handler);
+                removeFrom(topics_, name, change.handler.get());
                 break;
             case Change::Kind::set:
                 set(name, change.handler);
@@ -245,28 +291,30 @@ public:
         }
     }
 
-    Row ofTopic(View topic) {
-        if (latest_.count == 0 || latest_.first->first != topic) {
-            const auto [first, last] = topics_.equal_range(topic);
-            latest_ = {first, static_cast<std::size_t>(std::distance(first, last))};
-            only_ = latest_.count == 1 ? &*first : nullptr;
+    Row ofTopic(View topic) noexcept {
+        if (latest_.count == 0 || latest_.first->name != topic) {
+            latest_ = rowOf(topics_, topic, topics_.size());
+            only_ = latest_.count == 1 ? &*latest_.first : nullptr;
         }
         return latest_;
     }
     // Where the topic is that of the message before, as mostly, and has one handler. Null: ask
     // further.
-    const Entry *onlyOfTopic(const char *topic) const noexcept {
-        return only_ && std::strcmp(only_->first.c_str(), topic) == 0 ? only_ : nullptr;
+    const NamedHandler *onlyOfTopic(const char *topic) const noexcept {
+        return only_ && std::strcmp(only_->name.c_str(), topic) == 0 ? only_ : nullptr;
     }
     // Null: there is none.
-    Handler *ofPath(View path) const {
-        auto found = paths_.find(path);
-        found = found == paths_.end() ? paths_.find(View{}) : found;
-        return found == paths_.end() ? nullptr : found->second.get();
+    Handler *ofPath(View path) const noexcept {
+        Row row = rowOf(paths_, path, 1);
+        if (row.count == 0) {
+            row = rowOf(paths_, {}, 1);
+        }
+        return row.count == 0 ? nullptr : row.first->handler.get();
     }
-    std::pair<HandlersByName, HandlersByName> takeAll() noexcept {
+    void takeAll(HandlersByName &topics, HandlersByName &paths) noexcept { // which are empty
         forgetLatest();
-        return {std::move(topics_), std::move(paths_)};
+        topics.swap(topics_);
+        paths.swap(paths_);
     }
 
 private:
@@ -274,27 +322,21 @@ private:
         latest_ = {};
         only_ = nullptr;
     }
-    void remove(const std::string &topic, const HandlerPtr &handler) {
-        auto [entry, end] = topics_.equal_range(topic);
-        while (entry != end) {
-            entry = !handler || entry->second == handler ? topics_.erase(entry) : std::next(entry);
-        }
-    }
     void set(const std::string &path, const HandlerPtr &handler) {
-        const auto found = paths_.find(path);
+        const Row former = rowOf(paths_, path, 1);
         if (!handler) {
-            paths_.erase(path);
-        } else if (found == paths_.end()) {
-            paths_.emplace(path, handler);
+            removeFrom(paths_, path, nullptr);
+        } else if (former.count == 0) {
+            addTo(paths_, path, handler);
         } else {
-            found->second = handler;
+            former.first->handler = handler;
         }
     }
 
     HandlersByName topics_;
-    Row latest_{};                // that has been asked for
-    const Entry *only_ = nullptr; // its entry, where there is one
-    HandlersByName paths_;        // "": of every other path
+    Row latest_{};                       // that has been asked for
+    const NamedHandler *only_ = nullptr; // where there is one
+    HandlersByName paths_;               // "": of every other path
 };
 
 // What a node has subscribed to with the bus, and for which handlers. It keeps none of them.
@@ -304,7 +346,7 @@ public:
     std::string freshOf(const Handler &handler) const {
         std::string fresh;
         for (const std::string &topic : handler.names) {
-            if (handlers_.find(topic) == handlers_.end()) {
+            if (rowOf(handlers_, topic, 1).count == 0) {
                 appendItem(fresh, topic);
             }
         }
@@ -312,37 +354,30 @@ public:
     }
     void add(Handler &handler) {
         for (const std::string &topic : handler.names) {
-            handlers_.emplace(topic, HandlerPtr{HandlerPtr{}, &handler});
+            addTo(handlers_, topic, HandlerPtr{HandlerPtr{}, &handler});
         }
     }
-    void removeAll(const std::vector<std::string> &topics) {
+    void removeAll(const std::vector<std::string> &topics) noexcept {
         for (const std::string &topic : topics) {
-            handlers_.erase(topic);
+            removeFrom(handlers_, topic, nullptr);
         }
     }
     // The same of those that this one has and no other.
     std::string onlyOf(const Handler &handler) const {
         std::string only;
         for (const std::string &topic : handler.names) {
-            const auto [entry, end] = handlers_.equal_range(topic);
-            if (entry != end && entry->second.get() == &handler && std::next(entry) == end) {
+            const Row row = rowOf(handlers_, topic, 2);
+            if (row.count == 1 && row.first->handler.get() == &handler) {
                 appendItem(only, topic);
             }
         }
         return only;
     }
     // Whether the handler was there.
-    bool remove(const Handler &handler) {
+    bool remove(const Handler &handler) noexcept {
         bool was = false;
         for (const std::string &topic : handler.names) {
-            auto [entry, end] = handlers_.equal_range(topic);
-            while (entry != end && entry->second.get() != &handler) {
-                ++entry;
-            }
-            if (entry != end) {
-                was = true;
-                handlers_.erase(entry);
-            }
+            was = removeFrom(handlers_, topic, &handler) || was;
         }
         return was;
     }

@@ -123,7 +123,6 @@ public:
 
 private:
     static constexpr std::size_t kRows = 256;
-    using ClientPtr = std::unique_ptr<Client>;
     struct Helper : Link {
         std::thread thread;
     };
@@ -131,9 +130,9 @@ private:
     // A thread that cannot be had is no misfortune while there is another.
     void grow() {
         try {
-            std::unique_ptr<Helper> made{new Helper};
-            made->thread = threadOf(serve, this);
-            threads_.append(*made.release());
+            OwningChain<Helper> made{new Helper};
+            made.front().thread = threadOf(serve, this);
+            threads_.append(made.front());
             ++thread_count_;
             ++idle_;
         } catch (const std::exception &) {
@@ -211,41 +210,40 @@ private:
         }
         return client;
     }
-    // A client that bears the name of the call's node: one that has made such calls before, or a
-    // new one, for which another may have to go. Of none: it could not join.
-    ClientPtr clientFor(const AsyncCall &call) {
-        ClientPtr old;
-        ClientPtr made{new Client{call.node_name}};
+    // Puts into the chain a client that bears the name of the call's node: one that has made such
+    // calls before, or a new one, for which another may have to go. One without a client_t could
+    // not join.
+    void takeClient(OwningChain<Client> &client, const AsyncCall &call) {
+        OwningChain<Client> made{new Client{call.node_name}};
         const std::string name = names_.next(call.node_name);
         {
+            OwningChain<Client> old;
             const std::lock_guard lock{mutex_};
             if (Client *const idle = idleOf(call.node_name)) {
-                idle->unlink();
-                return ClientPtr{idle};
+                client.append(*idle);
+                return;
             }
             if (clients_ >= most_ && !idle_clients_.empty()) {
-                old.reset(&idle_clients_.front());
-                old->unlink();
+                old.append(idle_clients_.front());
                 --clients_;
             }
             ++clients_;
         }
-        old.reset();
-        made->client = connectSilently(bus_, name.c_str());
-        return made;
+        made.front().client = connectSilently(bus_, name.c_str());
+        client.prependAll(made);
     }
     // It stays for further calls of its node, where that is still there.
-    void giveBack(ClientPtr client, const AsyncCall &call) {
+    void giveBack(Client &client, const AsyncCall &call) {
         const std::lock_guard lock{mutex_};
-        if (client->client && !hasLeft(call)) {
-            idle_clients_.append(*client.release());
+        if (client.client && !hasLeft(call)) {
+            idle_clients_.append(client);
         } else {
             --clients_;
         }
     }
 
     static bool hasLeft(const AsyncCall &call) noexcept;
-    static void finish(AsyncCall &call, Answer answer) noexcept;
+    static void finish(AsyncCall &call, Answer &&answer) noexcept;
     Answer answerOf(client_t *client, const AsyncCall &call) const noexcept try {
         const std::string_view data{call.data};
         return client ? ask(client, call.url.c_str(), call.has_data ? data : std::string_view{},
@@ -254,11 +252,16 @@ private:
     } catch (const std::bad_alloc &) {
         return noAnswer(Cause::lost);
     }
+    // By a client that is given back, or has left, before anybody can think that the call is over.
+    Answer answerTo(const AsyncCall &call) {
+        OwningChain<Client> client;
+        takeClient(client, call);
+        Answer answer = answerOf(client.front().client, call);
+        giveBack(client.front(), call);
+        return answer;
+    }
     ZELVO_RARE void make(AsyncCall &call) noexcept try {
-        ClientPtr client = clientFor(call);
-        Answer answer = answerOf(client->client, call);
-        giveBack(std::move(client), call); // before anybody can think that the call is over
-        finish(call, std::move(answer));
+        finish(call, answerTo(call));
     } catch (const std::bad_alloc &) {
         finish(call, noAnswer(Cause::lost));
     }

@@ -25,7 +25,7 @@ class Task {
 public:
     Task(Task &&) noexcept = default;
     Task &operator=(Task &&other) noexcept {
-        std::swap(hops_, other.hops_);
+        hops_.swap(other.hops_);
         std::swap(number_, other.number_);
         return *this;
     }
@@ -48,7 +48,7 @@ namespace detail {
 
 // The node's thread waits here while the loop does its work: so there is one piece at a time, and
 // what the loop does not come round to stays in the node's queue.
-class Hops : public std::enable_shared_from_this<Hops> {
+class Hops {
 public:
     Hops() = default;
     Hops(const Hops &) = delete;
@@ -74,7 +74,7 @@ public:
 
     // In the node's thread: has the loop do it, and waits until it has or never will (false).
     // Throws what the executor throws.
-    bool run(Step work, void *object) {
+    bool run(const std::shared_ptr<Hops> &self, Step work, void *object) {
         {
             const std::lock_guard lock{mutex_};
             if (closed_) {
@@ -89,7 +89,7 @@ public:
             object_ = object;
         }
         try {
-            post(number_);
+            post(self, number_);
             posted();
         } catch (...) {
             drop(number_);
@@ -102,7 +102,7 @@ public:
 
 protected:
     // Has the loop perform() the piece of that number, or drop() it.
-    virtual void post(std::uint64_t number) = 0;
+    virtual void post(const std::shared_ptr<Hops> &self, std::uint64_t number) = 0;
     // Nothing is posted any more.
     virtual void forgetExecutor() noexcept {}
     // In the loop; does nothing where the piece is not wanted any more.
@@ -120,7 +120,9 @@ protected:
         done_ = true;
         finish();
     }
-    Task task(std::uint64_t number) { return {shared_from_this(), number}; }
+    static Task task(const std::shared_ptr<Hops> &self, std::uint64_t number) {
+        return {self, number};
+    }
 
 private:
     friend class zelvo::Task;
@@ -194,6 +196,10 @@ private:
     void *object_ = nullptr;
 };
 using HopsPtr = std::shared_ptr<Hops>;
+// As handlers are held.
+inline HopsPtr held(Hops *hops) {
+    return HopsPtr{hops};
+}
 
 template <class Executor>
 class HopsOf final : public Hops {
@@ -201,7 +207,9 @@ public:
     explicit HopsOf(Executor &&executor) : executor_{std::move(executor)} {}
 
 private:
-    void post(std::uint64_t number) override { (*executor_)(task(number)); }
+    void post(const HopsPtr &self, std::uint64_t number) override {
+        (*executor_)(task(self, number));
+    }
     void forgetExecutor() noexcept override { executor_.reset(); }
     std::optional<Executor> executor_;
 };
@@ -211,7 +219,7 @@ HopsPtr hopsOf(Executor executor) {
                   "zelvo: an executor takes (zelvo::Task), which can be moved only");
     if constexpr (std::is_invocable_v<Executor &, Task>) {
         require(executor);
-        return std::make_shared<HopsOf<Executor>>(std::move(executor));
+        return detail::held(new HopsOf<Executor>{std::move(executor)});
     } else {
         return {};
     }

@@ -37,7 +37,11 @@ private:
     void skipBlanks() noexcept {
         rest_.remove_prefix(std::min(rest_.find_first_not_of(" \t\r\n"), rest_.size()));
     }
-    bool take(char c) noexcept { return take(std::string_view{&c, 1}); }
+    bool take(char c) noexcept {
+        const bool found = !rest_.empty() && rest_.front() == c;
+        rest_.remove_prefix(found ? 1 : 0);
+        return found;
+    }
     bool take(std::string_view text) noexcept {
         const bool found = rest_.substr(0, text.size()) == text;
         rest_.remove_prefix(found ? text.size() : 0);

@@ -19,26 +19,31 @@ namespace zelvo::detail {
 using Clock = std::chrono::steady_clock;
 
 // What a thread does with an object. All threads are of one kind, and plain functions are passed
-// around inside: each std::function and each lambda in a thread costs every user time to compile.
+// around inside: each std::function and each further kind of thread costs every user time to
+// compile.
 using Step = void (*)(void *object);
 
 inline std::thread threadOf(Step body, void *object) {
-    return std::thread{body, object};
+    return std::thread{[body, object] { body(object); }};
 }
+
+class NodeState;
 
 // A thread that runs a loop until it is asked to end.
 class Loop {
 public:
-    // keep lives as long as the thread. Throws std::system_error when there is no thread.
-    void start(const std::string &name, Step body, void *object, std::shared_ptr<void> keep) {
+    // The node, or null, lives as long as the thread. Throws std::system_error when there is no
+    // thread.
+    ZELVO_APART void start(const std::string &name, Step body, void *object,
+                           std::shared_ptr<NodeState> node) {
         name_ = name;
         body_ = body;
         object_ = object;
-        keep_ = std::move(keep);
+        node_ = std::move(node);
         try {
             thread_ = threadOf(run, this);
         } catch (...) {
-            keep_.reset(); // a ring, where it holds this object
+            node_.reset(); // a ring: this object is the node's
             throw;
         }
     }
@@ -73,7 +78,7 @@ private:
     static void run(void *self) {
         Loop &loop = *static_cast<Loop *>(self);
         nameThread(loop.name_);
-        const std::shared_ptr<void> keep = std::move(loop.keep_);
+        const std::shared_ptr<NodeState> node = std::move(loop.node_);
         loop.body_(loop.object_);
         const std::lock_guard lock{loop.mutex_};
         loop.ended_ = true;
@@ -83,7 +88,7 @@ private:
     std::string name_;
     Step body_ = nullptr;
     void *object_ = nullptr;
-    std::shared_ptr<void> keep_;
+    std::shared_ptr<NodeState> node_;
     std::mutex mutex_;
     std::condition_variable changed_;
     bool ended_ = false;
@@ -125,14 +130,12 @@ public:
         const void *bus = nullptr; // &done_: the thread has ended, or is about to
         std::thread thread;
     };
-    using Room = std::unique_ptr<Entry>;
-
     // Takes the entry over, so that no memory is needed.
-    void add(Room room, const void *bus, std::thread thread) noexcept {
+    void add(Entry &entry, const void *bus, std::thread thread) noexcept {
         const std::lock_guard lock{mutex_};
-        room->bus = bus;
-        room->thread = std::move(thread);
-        entries_.append(*room.release());
+        entry.bus = bus;
+        entry.thread = std::move(thread);
+        entries_.append(entry);
     }
     // The calling thread has nothing left to do.
     void finish() {

@@ -23,7 +23,7 @@ inline client_t *joined(BusState &bus, const std::string &name, onmessage_callba
     const Deadline deadline = deadlineAfter(bus.timeout());
     client_t *client = busClientConnect(bus.native(), name.c_str(), onMessage, onCall, node);
     if (!client || !becomesSilent(client)) {
-        const bool isLate = deadline && Clock::now() >= *deadline;
+        const bool isLate = Clock::now() >= deadline;
         const Cause cause = isLate ? Cause::timed_out : client ? Cause::lost : refusalOf(bus, name);
         busClientClose(client);
         throw Error(concat({"zelvo: node ", name, " could not join the bus: ", reason(cause)}),
@@ -144,7 +144,8 @@ inline void NodeState::inLoop(Step work, void *object) noexcept {
     bool done = leaving_;
     if (!done) {
         reported([&] {
-            done = hops_->run([](void *run) { (*static_cast<Hop *>(run))(); }, &hop);
+            done = hops_->run(
+                hops_, [](void *run) { (*static_cast<Hop *>(run))(); }, &hop);
             if (!done && !leaving_ && pause_ == 0) {
                 throw Error("zelvo: an executor has destroyed a task unrun", Cause::lost);
             }
@@ -233,7 +234,7 @@ ZELVO_RARE inline void NodeState::leave(BusPtr bus) {
     }
     const bool own = loop_.isThisThread() || (hops_ && hops_->runsHere());
     if (own) {
-        askToLeave(); // while there is memory
+        askToLeave(this); // while there is memory
     }
     if ((own || !endLoop(isHeld)) && retire(bus)) {
         return;
@@ -249,30 +250,33 @@ ZELVO_RARE inline void NodeState::forgetHandlers() {
         (this->*timing->forget)(); // before what may cancel one as it goes
     }
     OwningChain<Change> changes;
-    const auto handlers = handlers_.takeAll();
+    HandlersByName topics;
+    HandlersByName paths;
+    handlers_.takeAll(topics, paths);
     const std::lock_guard lock{mutex_};
     changes.prependAll(changes_);
 }
 
 inline bool NodeState::endLoop(bool (*giveUp)(void *node)) {
-    return loop_.end([](void *node) { static_cast<NodeState *>(node)->askToLeave(); }, giveUp);
+    return loop_.end(askToLeave, giveUp);
 }
 
-inline void NodeState::askToLeave() noexcept {
-    const std::lock_guard lock{mutex_};
-    if (turns_.keepFor(loop_.id())) {
-        calls_ended_ = true;
+ZELVO_RARE inline void NodeState::askToLeave(void *self) noexcept {
+    NodeState &node = of(self);
+    const std::lock_guard lock{node.mutex_};
+    if (node.turns_.keepFor(node.loop_.id())) {
+        node.calls_ended_ = true;
     }
-    if (calls_ended_ && !gone_) {
-        busClientSpinExit(client_);
+    if (node.calls_ended_ && !node.gone_) {
+        busClientSpinExit(node.client_);
     } else {
-        wakes_ = false; // it may be for a look that is far away
-        wake();         // to go quietly
+        node.wakes_ = false; // it may be for a look that is far away
+        node.wake();         // to go quietly
     }
 }
 
 ZELVO_RARE inline bool NodeState::isHeld(void *self) {
-    NodeState &node = *static_cast<NodeState *>(self);
+    NodeState &node = of(self);
     if (node.quiet_ && !node.calls_ended_) {
         return true;
     }
@@ -284,7 +288,7 @@ ZELVO_RARE inline bool NodeState::retire(BusPtr &bus) {
     {
         const std::lock_guard lock{mutex_};
         if (!gone_) {
-            Retired::instance().add(std::move(retirement_), bus.get(), loop_.release());
+            Retired::instance().add(retirement_.front(), bus.get(), loop_.release());
             keep_ = std::move(bus);
             alone = true;
         }
@@ -301,7 +305,7 @@ inline void Handler::cannotRead(View name, std::size_t size, std::size_t expecte
         its->noteUnreadable(name, size, expected);
     }
 }
-inline void Helpers::finish(AsyncCall &call, Answer answer) noexcept {
+inline void Helpers::finish(AsyncCall &call, Answer &&answer) noexcept {
     if (const auto node = call.node.lock()) {
         node->finish(call, std::move(answer));
     }

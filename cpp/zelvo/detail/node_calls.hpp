@@ -9,27 +9,25 @@ namespace zelvo::detail {
 // The bus counts the time from when it gets the call. So one that has waited for its turn for
 // some of it is made by a helper, which can be left alone with it.
 inline Answer NodeState::call(const char *url, std::string_view data) {
-    const auto keep = shared_from_this();
-    const Deadline deadline = deadlineAfter(timeout_);
-    Turn turn{turns_, url, deadline};
+    Turn turn{*this, url};
     if (!turn.owned()) {
         return noAnswer(noTurn());
     }
+    const Deadline deadline = turn.deadline();
     const auto handOver = bus_.handOver(); // who has no turn must not look at the bus
-    if (handOver && !leaving_ && deadline && hasWaited(*deadline, timeout_) &&
+    if (handOver && !leaving_ && deadline != kNever && hasWaited(deadline, timeout_) &&
         !isOfTheBus(hostOf(url))) {
         turn.pass();
-        return handOver(*this, *deadline, url, data);
+        return handOver(*this, deadline, url, data);
     }
-    return askInTurn(url, data, deadline);
+    return askIn(turn, url, data);
 }
 
 inline Answer NodeState::callUntil(NodeState &node, Clock::time_point end, const char *url,
                                    std::string_view data) {
     const auto keep = node.shared_from_this(); // for cancel()
-    auto *const made = new FutureCall<Answer, decltype(&asItIs)>{url, data, asItIs};
-    const AsyncCallPtr call = held(made);
-    auto future = made->future();
+    AsyncCallPtr call;
+    auto future = makeFutureCall<Answer>(url, data, asItIs, call);
     node.callAsync(call);
     if (future.wait_until(end) != std::future_status::ready && node.cancel(call)) {
         return noAnswer(Cause::timed_out);
@@ -37,12 +35,11 @@ inline Answer NodeState::callUntil(NodeState &node, Clock::time_point end, const
     return future.get();
 }
 
-inline Answer NodeState::askInTurn(const char *url, std::string_view data,
-                                   const Deadline &deadline) {
+inline Answer NodeState::askIn(const Turn &turn, const char *url, std::string_view data) {
     if (gone_ || (leaving_ && !isOfTheBus(hostOf(url)))) {
         return noAnswer(Cause::left);
     }
-    return ask(client_, url, data, deadline);
+    return ask(client_, url, data, turn.deadline());
 }
 
 inline void NodeState::callAsync(const AsyncCallPtr &call) {
@@ -73,7 +70,7 @@ inline void NodeState::callAsync(const AsyncCallPtr &call) {
     }
 }
 
-ZELVO_RARE inline void NodeState::finish(AsyncCall &call, Answer answer) noexcept {
+ZELVO_RARE inline void NodeState::finish(AsyncCall &call, Answer &&answer) noexcept {
     AsyncCallPtr ended;
     {
         const std::lock_guard lock{mutex_};
@@ -83,7 +80,7 @@ ZELVO_RARE inline void NodeState::finish(AsyncCall &call, Answer answer) noexcep
         }
     }
     if (ended) {
-        call.end(std::move(call.answer));
+        call.end();
     }
 }
 
@@ -106,7 +103,8 @@ inline void NodeState::abandon(AsyncCall &call, Cause cause) noexcept {
     if (call.completes) {
         call.forget();
     } else {
-        call.end(noAnswer(cause));
+        call.answer = noAnswer(cause);
+        call.end();
     }
 }
 
@@ -122,7 +120,7 @@ inline AsyncCallPtr NodeState::takeAnyCall() noexcept {
 
 ZELVO_RARE inline void NodeState::runCompletions() noexcept {
     while (const AsyncCallPtr call = takeReady()) {
-        reported([&] { call->end(std::move(call->answer)); });
+        reported([&] { call->end(); });
         call->forget();
     }
 }

@@ -22,10 +22,8 @@ inline void NodeState::change(Change::Kind kind, const HandlerPtr &handler,
 // where several threads make changes.
 inline void NodeState::subscribe(const HandlerPtr &handler) {
     constexpr const char *url = "/bus/subscribe";
-    const auto keep = shared_from_this();
-    handler->node = keep;
-    const Deadline deadline = deadlineAfter(timeout_);
-    const Turn turn{turns_, url, deadline};
+    handler->node = weak_from_this();
+    const Turn turn{*this, url};
     if (!turn.owned()) {
         throw noAnswerError(url, noTurn());
     }
@@ -35,7 +33,7 @@ inline void NodeState::subscribe(const HandlerPtr &handler) {
         change(Change::Kind::add, handler); // it is there before the first message
         const Cause cause = gone_           ? Cause::left
                             : fresh.empty() ? Cause::answered
-                                            : askInTurn(url, fresh, deadline).cause;
+                                            : askIn(turn, url, fresh).cause;
         if (cause != Cause::answered) {
             throw noAnswerError(url, cause);
         }
@@ -50,14 +48,12 @@ inline void NodeState::subscribe(const HandlerPtr &handler) {
 inline void NodeState::unsubscribe(const std::vector<std::string> &topics) {
     constexpr const char *url = "/bus/unsubscribe";
     const std::string json = jsonArray(topics);
-    const auto keep = shared_from_this();
-    const Deadline deadline = deadlineAfter(timeout_);
-    const Turn turn{turns_, url, deadline};
+    const Turn turn{*this, url};
     change(Change::Kind::remove, nullptr, topics);
     if (turn.owned()) {
         subscriptions_.removeAll(topics);
     }
-    const Cause cause = turn.owned() ? askInTurn(url, json, deadline).cause : noTurn();
+    const Cause cause = turn.owned() ? askIn(turn, url, json).cause : noTurn();
     if (cause != Cause::answered) {
         throw noAnswerError(url, cause);
     }
@@ -68,9 +64,7 @@ inline bool NodeState::cancel(const HandlerPtr &handler) {
         return false;
     }
     constexpr const char *url = "/bus/unsubscribe";
-    const auto keep = shared_from_this();
-    const Deadline deadline = deadlineAfter(timeout_);
-    const Turn turn{turns_, url, deadline};
+    const Turn turn{*this, url};
     std::string last;
     try { // of memory that is short
         if (turn.owned()) {
@@ -86,7 +80,7 @@ inline bool NodeState::cancel(const HandlerPtr &handler) {
     }
     const bool was = subscriptions_.remove(*handler);
     if (!last.empty()) {
-        askInTurn(url, last, deadline); // or what comes has no handler
+        askIn(turn, url, last); // or what comes has no handler
     }
     return was && !leaving_;
 }
@@ -109,7 +103,7 @@ inline int NodeState::onMessage(void *userdata, client_t * /*client*/, char *top
 }
 
 inline void NodeState::hear(const char *topic, std::string_view data) noexcept {
-    if (const Handlers::Entry *const only = handlers_.onlyOfTopic(topic)) {
+    if (const NamedHandler *const only = handlers_.onlyOfTopic(topic)) {
         tell(*only, data);
     } else {
         hearAll(topic, data);
@@ -117,16 +111,16 @@ inline void NodeState::hear(const char *topic, std::string_view data) noexcept {
 }
 
 ZELVO_RARE inline void NodeState::hearAll(const char *topic, std::string_view data) noexcept {
-    Handlers::Row row = handlers_.ofTopic(topic);
+    Row row = handlers_.ofTopic(topic);
     for (; row.count != 0; --row.count) {
         tell(*row.first++, data);
     }
 }
 
-inline void NodeState::tell(const Handlers::Entry &entry, std::string_view data) noexcept {
-    Handler &handler = *entry.second;
+inline void NodeState::tell(const NamedHandler &named, std::string_view data) noexcept {
+    Handler &handler = *named.handler;
     if (!handler.cancelled.load(std::memory_order_relaxed) && !leaving_) {
-        reported([&] { handler.run(entry.first, data); });
+        reported([&] { handler.run(named.name, data); });
     }
 }
 

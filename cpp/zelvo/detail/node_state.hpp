@@ -42,7 +42,7 @@ public:
     // A call whose end() or forget() is run in any case.
     void callAsync(const AsyncCallPtr &call);
     // In a helper's thread, where nothing of the user's is run or destroyed.
-    void finish(AsyncCall &call, Answer answer) noexcept;
+    void finish(AsyncCall &call, Answer &&answer) noexcept;
     // False: it is over, or its completion has begun.
     bool cancel(const AsyncCallPtr &call) noexcept;
 
@@ -121,7 +121,7 @@ private:
     void forgetHandlers();
     // False: the node's thread can't be waited for here.
     bool endLoop(bool (*giveUp)(void *node));
-    void askToLeave() noexcept;
+    static void askToLeave(void *self) noexcept;
     // Whether another thread's call through this node is under way, which the node's thread waits
     // for; or this thread is in a handler of a node whose answer the running handler waits for.
     static bool isHeld(void *self);
@@ -130,10 +130,32 @@ private:
 
     // ---- calls ----
 
+    // A turn for a scope, in which the node stays.
+    class Turn {
+    public:
+        Turn(NodeState &node, const char *url)
+            : keep_{node.shared_from_this()},
+              deadline_{deadlineAfter(node.timeout_)},
+              owned_{node.turns_.take(url, deadline_)} {}
+        ~Turn() { pass(); }
+        Turn(const Turn &) = delete;
+        Turn &operator=(const Turn &) = delete;
+        Deadline deadline() const noexcept { return deadline_; }
+        bool owned() const noexcept { return owned_; }
+        void pass() noexcept {
+            if (std::exchange(owned_, false)) {
+                keep_->turns_.pass();
+            }
+        }
+
+    private:
+        const std::shared_ptr<NodeState> keep_;
+        const Deadline deadline_;
+        bool owned_;
+    };
     // Why there is no turn.
     Cause noTurn() const noexcept { return leaving_ ? Cause::left : Cause::timed_out; }
-    // In a turn.
-    Answer askInTurn(const char *url, std::string_view data, const Deadline &deadline);
+    Answer askIn(const Turn &turn, const char *url, std::string_view data);
     static void abandon(AsyncCall &call, Cause cause) noexcept;
     AsyncCallPtr takeReady() noexcept;
     AsyncCallPtr takeAnyCall() noexcept;
@@ -148,7 +170,7 @@ private:
     void hear(const char *topic, std::string_view data) noexcept;
     // Where it is not the one handler of the topic that was heard last.
     void hearAll(const char *topic, std::string_view data) noexcept;
-    void tell(const Handlers::Entry &entry, std::string_view data) noexcept;
+    void tell(const NamedHandler &named, std::string_view data) noexcept;
     void answer(const char *url, std::string_view data, char **answer) noexcept;
     // Made before the node's next handler; what is replaced is destroyed then, in its thread. A
     // node that hears nothing looks when many wait, so that it does not keep ever more.
@@ -177,8 +199,8 @@ private:
 
     std::mutex mutex_; // of all below that is not atomic
     OwningChain<Change> changes_;
-    std::size_t change_count_ = 0;   // since they were last looked at
-    std::shared_ptr<Timers> timers_; // or null
+    std::size_t change_count_ = 0; // since they were last looked at
+    Box<Timers> timers_;           // from the first on
     OpenCalls calls_;
     BusPtr keep_;        // of a node that nobody waits for
     bool wakes_ = false; // a look has been asked for
@@ -191,7 +213,7 @@ private:
     std::atomic<bool> calls_ended_{false}; // nobody has a turn any more
     std::atomic<bool> attention_{false};   // settle() has something to do, or the node is leaving
     Loop loop_;
-    Retired::Room retirement_{new Retired::Entry}; // made when there was memory
+    OwningChain<Retired::Entry> retirement_{new Retired::Entry}; // made when there was memory
 };
 
 // These are declared inline for what it says to optimizers: there is one of them for each message.

@@ -13,7 +13,7 @@ inline void NodeState::addTimer(const TimerPtr &timer, Clock::duration wait) {
     timer->node = keep;
     const std::lock_guard lock{mutex_};
     if (!timers_) {
-        timers_.reset(new Timers);
+        timers_.hold(new Timers);
         timing_ = &kTiming;
     }
     timers_->add(timer, later(Clock::now(), wait));
@@ -49,7 +49,7 @@ inline TimerQueue::node_type NodeState::takeDue(Clock::time_point now) noexcept 
 ZELVO_RARE inline void NodeState::runTimers() noexcept {
     const auto now = Clock::now();
     while (auto taken = takeDue(now)) {
-        const TimerPtr timer = taken.mapped();
+        const TimerPtr timer = taken.value().timer;
         reported([&] { timer->run(timer); });
         const std::lock_guard lock{mutex_};
         if (timer->period.count() > 0 && !timer->cancelled) {

@@ -32,8 +32,10 @@ __declspec(dllimport) int __stdcall CloseHandle(void *handle);
 // for size. For nothing that users call in any case: it would make their own functions rare, too.
 #if defined(__GNUC__)
 #define ZELVO_RARE [[gnu::cold, gnu::noinline]]
+#define ZELVO_APART [[gnu::noinline]] // used in many places, none of which gains by a copy
 #else
 #define ZELVO_RARE
+#define ZELVO_APART
 #endif
 
 namespace zelvo::detail {

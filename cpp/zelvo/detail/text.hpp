@@ -19,6 +19,15 @@
 
 namespace zelvo {
 
+namespace detail {
+
+// An argument. Out of line, as there are such arguments in all that users call.
+[[noreturn]] ZELVO_RARE inline void refuse(const char *why) {
+    throw std::invalid_argument(why);
+}
+
+} // namespace detail
+
 // A topic, an address or a name as an argument: a text that ends with a NUL and holds no other.
 // Made from a literal or a std::string, which are only looked at, or from a view, which is copied.
 // Throws std::invalid_argument for a null pointer and where there is a NUL inside, at which the bus
@@ -27,7 +36,7 @@ class CText {
 public:
     CText(const char *text) : text_{text} {
         if (!text) {
-            throw std::invalid_argument("zelvo: a text is missing");
+            detail::refuse("zelvo: a text is missing");
         }
     }
     CText(const std::string &text) : text_{text.c_str()} { check(text.size()); }
@@ -40,7 +49,7 @@ public:
 private:
     void check(std::size_t size) const {
         if (std::strlen(text_) != size) {
-            throw std::invalid_argument("zelvo: a NUL within a topic, an address or a name");
+            detail::refuse("zelvo: a NUL within a topic, an address or a name");
         }
     }
 
@@ -87,7 +96,7 @@ public:
     DataView(const char *text) : data_{CText{text}.c_str()} {}
     DataView(const char *data, std::size_t size) : data_{data, size} {
         if (!data && size > 0) {
-            throw std::invalid_argument("zelvo: data is missing");
+            detail::refuse("zelvo: data is missing");
         }
     }
     template <class Text, class = detail::IfText<Text>>
@@ -106,10 +115,13 @@ namespace detail {
 template <class Value>
 using IfNoData = std::enable_if_t<!std::is_convertible_v<const Value &, DataView>>;
 
+[[noreturn]] ZELVO_RARE inline void refuseLength() {
+    throw std::length_error("zelvo: more data than a message can hold");
+}
 // The length as the C functions take it.
 inline int lengthOf(std::string_view data) {
     if (data.size() > static_cast<std::size_t>(INT_MAX)) {
-        throw std::length_error("zelvo: more data than a message can hold");
+        refuseLength();
     }
     return static_cast<int>(data.size());
 }
@@ -119,7 +131,7 @@ inline int lengthOf(std::string_view data) {
 // Null where memory is short.
 inline char *answerText(std::string_view text) {
     if (text.find('\0') != text.npos) {
-        throw std::invalid_argument("zelvo: a NUL within an answer");
+        refuse("zelvo: a NUL within an answer");
     }
     auto *const copy = static_cast<char *>(libraryMalloc(text.size() + 1));
     if (copy) {
@@ -185,16 +197,12 @@ inline void appendJson(std::string &json, std::string_view text) {
     json += '"';
     for (const char c : text) {
         const auto code = static_cast<unsigned char>(c);
-        if (code < 0x20) {
-            json += "\\u00";
-            json += digits[code >> 4U];
-            json += digits[code & 15U];
-        } else {
-            if (c == '"' || c == '\\') {
-                json += '\\';
-            }
-            json += c;
-        }
+        const char coded[] = {'\\', 'u', '0', '0', digits[(code >> 4U) & 1U], digits[code & 15U]};
+        const char marked[] = {'\\', c};
+        const std::string_view one{marked, 2};
+        json += code < 0x20             ? std::string_view{coded, sizeof coded}
+                : c == '"' || c == '\\' ? one
+                                        : one.substr(1);
     }
     json += '"';
 }

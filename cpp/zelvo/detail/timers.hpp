@@ -4,8 +4,8 @@
 
 #include "call.hpp"
 
-#include <map>
 #include <memory>
+#include <set>
 #include <utility>
 
 namespace zelvo::detail {
@@ -13,8 +13,16 @@ namespace zelvo::detail {
 class NodeState;
 class TimerEntry;
 using TimerPtr = std::shared_ptr<TimerEntry>;
-using TimerQueue =
-    std::multimap<Clock::time_point, TimerPtr>; // in the order in which they were set
+struct SetTimer {
+    Clock::time_point due;
+    TimerPtr timer;
+};
+struct Sooner {
+    bool operator()(const SetTimer &one, const SetTimer &other) const noexcept {
+        return one.due < other.due;
+    }
+};
+using TimerQueue = std::multiset<SetTimer, Sooner>; // equal ones in the order of their setting
 
 class TimerEntry {
 public:
@@ -59,7 +67,7 @@ inline TimerPtr held(TimerEntry *timer) {
 class Timers {
 public:
     void add(const TimerPtr &timer, Clock::time_point due) {
-        timer->place = queue_.emplace(due, timer);
+        timer->place = queue_.insert({due, timer});
         timer->waits = true;
     }
     // Whether it waited.
@@ -73,26 +81,27 @@ public:
     }
     // One that is due, to be put back with repeat(), or nothing.
     TimerQueue::node_type takeDue(Clock::time_point now) noexcept {
-        if (queue_.empty() || queue_.begin()->first > now) {
+        if (queue_.empty() || firstDue() > now) {
             return {};
         }
         auto taken = queue_.extract(queue_.begin());
-        taken.mapped()->waits = false;
+        taken.value().timer->waits = false;
         return taken;
     }
     // At the next of its whole periods; those that have been missed are left out.
     void repeat(TimerQueue::node_type taken) noexcept {
-        TimerEntry &timer = *taken.mapped();
-        const auto late = std::max(Clock::now() - taken.key(), Clock::duration{0});
-        taken.key() = later(taken.key(), late - late % timer.period);
-        taken.key() = later(taken.key(), timer.period);
+        Clock::time_point &due = taken.value().due;
+        TimerEntry &timer = *taken.value().timer;
+        const auto late = std::max(Clock::now() - due, Clock::duration{0});
+        due = later(due, late - late % timer.period);
+        due = later(due, timer.period);
         timer.place = queue_.insert(std::move(taken));
         timer.waits = true;
     }
     // into is empty.
     void takeAll(TimerQueue &into) noexcept {
-        for (auto &[due, timer] : queue_) {
-            timer->waits = false;
+        for (const SetTimer &set : queue_) {
+            set.timer->waits = false;
         }
         queue_.swap(into);
     }
@@ -104,22 +113,21 @@ public:
     // halved. The bus has place for 1,024. False: memory is short.
     template <class Set>
     bool arm(Set set) {
-        if (queue_.empty() ||
-            (armed_count_ > 0 && armed_[armed_count_ - 1].due <= queue_.begin()->first)) {
+        if (queue_.empty() || (armed_count_ > 0 && armed_[armed_count_ - 1].due <= firstDue())) {
             return true;
         }
         if (armed_count_ == kMost) {
             return false;
         }
         const auto now = Clock::now();
-        const auto left = std::clamp(queue_.begin()->first - now, Clock::duration{0}, kLongest);
+        const auto left = std::clamp(firstDue() - now, Clock::duration{0}, kLongest);
         const auto wait = (left + kUnit - Clock::duration{1}) / kUnit;
         const auto armed = armed_count_ < kExact ? wait : wait / 2;
         last_ = last_ == INT_MAX ? 1 : last_ + 1;
         if (!set(static_cast<long>(armed), last_)) {
             return false;
         }
-        armed_[armed_count_++] = {std::min(queue_.begin()->first, now + armed * kUnit), last_};
+        armed_[armed_count_++] = {std::min(firstDue(), now + armed * kUnit), last_};
         return true;
     }
     // One of the bus's timers has come.
@@ -138,6 +146,8 @@ private:
         Clock::time_point due;
         int number;
     };
+
+    Clock::time_point firstDue() const noexcept { return queue_.begin()->due; } // there is one
 
     TimerQueue queue_;
     Armed armed_[kMost] = {}; // the earliest last
