@@ -48,10 +48,8 @@ constexpr bool takesNoName() {
     }
 }
 template <class Run>
-constexpr Takes takes() {
-    if constexpr (takesNoName<Run>()) {
-        return takesOfData<Run>();
-    } else if constexpr (std::is_invocable_v<Run &, View, View>) {
+constexpr Takes takesOfAll() {
+    if constexpr (std::is_invocable_v<Run &, View, View>) {
         return Takes::views;
     } else if constexpr (std::is_invocable_v<Run &, View, Text>) {
         return Takes::viewAndText;
@@ -61,6 +59,14 @@ constexpr Takes takes() {
         return Takes::texts;
     } else {
         return takesOfData<Run>();
+    }
+}
+template <class Run>
+constexpr Takes takes() {
+    if constexpr (takesNoName<Run>()) {
+        return takesOfData<Run>();
+    } else {
+        return takesOfAll<Run>();
     }
 }
 template <class Run>
