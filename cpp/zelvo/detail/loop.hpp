@@ -130,6 +130,7 @@ public:
         const void *bus = nullptr; // &done_: the thread has ended, or is about to
         std::thread thread;
     };
+
     // Takes the entry over, so that no memory is needed.
     void add(Entry &entry, const void *bus, std::thread thread) noexcept {
         const std::lock_guard lock{mutex_};
